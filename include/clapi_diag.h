@@ -1,0 +1,298 @@
+/*
+ * clapi_diag.h - the trace: one line per event, written to one destination per process.
+ *
+ * A module's trace points stand in its catalogue, src/trace_points/<module>.h. In the code a
+ * trace line is one statement:
+ *
+ *     TRACE(at::notFound, gwTokPtr, findRc);
+ *     TRACE_DATA(at::sending, dumpOf(area, length), area, length, STOPWORD);
+ *
+ * The level is tested before any lock, the arguments are evaluated before the trace lock is
+ * taken, the compiler holds them against the text, and errno is left as it was.
+ *
+ * Locks: TRACE and TRACE_DATA take traceLock, the innermost lock, and nothing that traces may be
+ * called while it is held. TRACE_UNLOCKED takes none; it is for the lock module and the one-time
+ * initialisation only.
+ */
+#ifndef CLAPI_DIAG_H
+#define CLAPI_DIAG_H
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+
+#include "clapi_lock.h"
+
+typedef pid_t ProcessId;
+typedef pthread_t ThreadId;
+
+/* ---- Trace points ---- */
+
+/* The levels at which lines begin to be written. */
+constexpr int TRACE_OFF = 0;
+constexpr int TRACE_EXCEPTIONS = 1;
+constexpr int TRACE_EVENTS = 2;
+constexpr int TRACE_CALLS = 3;
+constexpr int TRACE_VALUES = 4;
+constexpr int TRACE_MAX = 5;
+
+/* One place in the code that writes a trace line. */
+struct TracePoint {
+    int number;
+    const char* type;
+    int level;
+    const char* text;
+
+    constexpr TracePoint fromLevel(int newLevel) const
+    {
+        return TracePoint{number, type, newLevel, text};
+    }
+};
+
+constexpr TracePoint tpEntry(int number, const char* text)
+{
+    return TracePoint{number, "ENTRY", TRACE_CALLS, text};
+}
+constexpr TracePoint tpExit(int number, const char* text)
+{
+    return TracePoint{number, "EXIT", TRACE_CALLS, text};
+}
+constexpr TracePoint tpExc(int number, const char* text)
+{
+    return TracePoint{number, "*EXC*", TRACE_EXCEPTIONS, text};
+}
+constexpr TracePoint tpEvent(int number, const char* text)
+{
+    return TracePoint{number, "EVENT", TRACE_EVENTS, text};
+}
+constexpr TracePoint tpDebug(int number, const char* text)
+{
+    return TracePoint{number, "DEBUG", TRACE_VALUES, text};
+}
+constexpr TracePoint tpData(int number, const char* text)
+{
+    return TracePoint{number, "DATA", TRACE_VALUES, text};
+}
+
+/* ---- Settings and scratch ---- */
+
+/* Room for the destination's name and its terminator. */
+constexpr size_t TRACE_FILENAME_SIZE = 1024;
+
+/* Adjacent character arrays that together read as the format of one trace line. */
+typedef struct _formatString {
+    char timeStamp[3];  // "%s ", no terminator
+    char pidTid[18];    // "[0x%8.8X,0x%8.8X] "
+    char tpid[8];       // "[%4.4d] "
+    char traceType[7];  // "%-6.6s "
+    char msg[256];      // the message format of the line being written
+} formatStringType;
+
+extern Clapilock traceLock;
+extern std::atomic<int> clientAPITrace; // the trace level; changed under traceLock
+extern FILE* clientAPITraceHandle;      // guarded by traceLock, as all that follow
+extern char* clientAPITraceFilename;
+extern const char* const defaultTraceFilename;
+extern int traceHeaderWrite;
+extern std::atomic<size_t> clientAPIDataTrunc;
+extern std::atomic<size_t> clientAPIDataOffset;
+extern formatStringType traceFmtStr;
+extern char timeStamp[24];
+extern char dateBuf[10];
+extern ProcessId tracePid;
+extern ThreadId traceTid;
+extern int iTid;
+
+/* The versions and the build level that the banner shows. */
+#define QPX_API_VERSION_TEXT "2.3.0.0"
+#define QPX_DLL_VERSION_TEXT "10.1.0.0"
+#define QPX_BUILD_LEVEL_TEXT "d1010-20240618-1931"
+
+/* Sets the trace to standard error and makes its lock: 0, QPX_ERR_SYSTEM_ERROR or
+ * QPX_ERR_MALLOCFAIL. */
+int clapiInitTrace(void);
+
+void clapiGetTimestamp(char* MsgBuf); // local time with milliseconds, 22 bytes
+void clapiGetDate(char* msgBuf);      // local date, 9 bytes
+void clapiGetPidTid(ProcessId* Pid, ThreadId* Tid); // a NULL pointer is skipped
+int clapiCompareTids(ThreadId tid1, ThreadId tid2); // 1 if equal
+
+/* Writes the two banner lines. Locks: traceLock held. */
+void clapiWriteTraceBanner(void);
+
+/* Stores the destination's name, cut to the room there is. Locks: traceLock held. */
+void clapiSetTraceFilename(const char* name);
+
+/* ---- Data dumps ---- */
+
+/* Every dump of the library: no stop word, 16 bytes a line, characters shown. */
+constexpr unsigned int STOPWORD = 0;
+constexpr int DUMP_WIDTH = 16;
+constexpr int DUMP_TRANSLATE = 1;
+
+/*
+ * Writes a block as lines of hexadecimal digits and characters and returns the bytes dumped.
+ * Deliberate: the data offset is not compared with dataLen. With a dataLen of 0 the dump ends
+ * at the first aligned word that equals stopWord. Locks: traceLock held.
+ */
+size_t clapiTraceOutStorage(void* startAddr, size_t dataLen, unsigned int stopWord, int width,
+                            int translate);
+
+/* Each writes one line, or part of one, of at most width bytes and returns how many it wrote. */
+size_t clapiWriteStorageLineDual(void* startAddr, int width, size_t dataLen, unsigned int stopWord,
+                                 int translate);
+size_t clapiWriteStorageLineHex(void* startAddr, int width, size_t dataLen, unsigned int stopWord);
+size_t clapiWriteStorageLineChar(void* startAddr, int width, size_t dataLen, unsigned int stopWord,
+                                 int translate);
+
+/* What a DATA line dumps: the bytes, and the address that the dump shows for them. */
+struct DumpBlock {
+    const void* bytes;
+    size_t length;
+    const void* shownAt;
+};
+
+constexpr DumpBlock dumpOf(const void* bytes, size_t length)
+{
+    return DumpBlock{bytes, length, bytes};
+}
+
+/* The dump of a copy, shown under the address of its original. */
+constexpr DumpBlock dumpOfCopy(const void* copy, size_t length, const void* original)
+{
+    return DumpBlock{copy, length, original};
+}
+
+/* Dumps the block; an empty one writes nothing. Locks: traceLock held. */
+void clapiTraceOutBlock(const DumpBlock& block);
+
+/* ---- Arguments of trace lines ---- */
+
+/* A text to trace; a null one shows as "NULL". */
+inline const char* traceText(const char* text)
+{
+    return text != nullptr ? text : "NULL";
+}
+
+/* A size or a descriptor for %lu. */
+inline unsigned long traceSize(size_t size)
+{
+    return static_cast<unsigned long>(size);
+}
+inline unsigned long traceSocket(int socketDescriptor)
+{
+    return static_cast<unsigned long>(socketDescriptor);
+}
+inline int traceInt(size_t size)
+{
+    return static_cast<int>(size);
+}
+
+/* ---- Writing lines ---- */
+
+/* The trace lock for a scope; errno comes out as it went in. */
+class TraceHold {
+public:
+    TraceHold() : errnoBefore(errno), guard(traceLock) {}
+    ~TraceHold() { errno = errnoBefore; }
+    TraceHold(const TraceHold&) = delete;
+    TraceHold& operator=(const TraceHold&) = delete;
+
+    bool held() const { return guard.held(); }
+
+private:
+    int errnoBefore;
+    LockGuard guard;
+};
+
+inline bool clapiTraces(const TracePoint& point)
+{
+    return clientAPITrace.load(std::memory_order_relaxed) >= point.level;
+}
+
+/* Only seen by the compiler, which checks the arguments against the text. */
+__attribute__((format(printf, 1, 2))) inline void clapiCheckFormat(const char*, ...) {}
+
+/* Writes to the destination without the line prefix, and flushes. Locks: traceLock held. */
+__attribute__((format(printf, 1, 2))) void clapiTracePrint(const char* format, ...);
+
+/* Fills the shared scratch for a line and returns its format. Locks: traceLock held. */
+const char* clapiPrepareLine(const TracePoint& point);
+
+/* The scratch of a line that is written without traceLock. */
+struct UnlockedLine {
+    explicit UnlockedLine(const TracePoint& point);
+    const char* format() const { return formatString.timeStamp; }
+
+    formatStringType formatString;
+    char stamp[sizeof timeStamp];
+    unsigned int pid;
+    unsigned int tid;
+};
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+
+template <typename... Args>
+void clapiTraceUnlocked(const TracePoint& point, Args... args)
+{
+    int errnoBefore = errno;
+    UnlockedLine line(point);
+    FILE* destination = clientAPITraceHandle;
+    fprintf(destination, line.format(), line.stamp, line.pid, line.tid, point.number, point.type,
+            args...);
+    fflush(destination);
+    errno = errnoBefore;
+}
+
+/* Locks: traceLock held. */
+template <typename... Args>
+void clapiPrintLine(const TracePoint& point, Args... args)
+{
+    const char* format = clapiPrepareLine(point);
+    fprintf(clientAPITraceHandle, format, timeStamp, static_cast<unsigned int>(tracePid),
+            static_cast<unsigned int>(iTid), point.number, point.type, args...);
+    fflush(clientAPITraceHandle);
+}
+
+template <typename... Args>
+void clapiTraceLine(const TracePoint& point, Args... args)
+{
+    TraceHold hold;
+    if (hold.held())
+        clapiPrintLine(point, args...);
+    else
+        clapiTraceUnlocked(point, args...);
+}
+
+template <typename... Args>
+void clapiTraceData(const TracePoint& point, const DumpBlock& block, Args... args)
+{
+    TraceHold hold;
+    if (!hold.held()) return;
+    clapiPrintLine(point, args...);
+    clapiTraceOutBlock(block);
+}
+
+#pragma GCC diagnostic pop
+
+#define TRACE_IF_WANTED(write, point, ...)                                                   \
+    do {                                                                                     \
+        if (clapiTraces(point)) write;                                                       \
+        if (false) clapiCheckFormat((point).text, ##__VA_ARGS__);                            \
+    } while (false)
+
+#define TRACE(point, ...) \
+    TRACE_IF_WANTED(clapiTraceLine(point, ##__VA_ARGS__), point, ##__VA_ARGS__)
+
+#define TRACE_UNLOCKED(point, ...) \
+    TRACE_IF_WANTED(clapiTraceUnlocked(point, ##__VA_ARGS__), point, ##__VA_ARGS__)
+
+#define TRACE_DATA(point, block, ...) \
+    TRACE_IF_WANTED(clapiTraceData(point, block, ##__VA_ARGS__), point, ##__VA_ARGS__)
+
+#endif

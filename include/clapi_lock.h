@@ -1,0 +1,101 @@
+/*
+ * clapi_lock.h - the two primitives that guard every shared structure: Clapilock, a mutex that
+ * knows whether it has been initialised, and ClapiEvent, a gate on which threads wait.
+ *
+ * All operations return 0 for success and -1 for failure, and clapiInitializeLock also 1 for a
+ * lock that is initialised already. Failures are told by the trace only.
+ *
+ * Lock order of the library: gtlLock, then a token's tableLock, then a channel's serLock;
+ * chanListLock before serLock; sendLock never together with tableLock; traceLock innermost.
+ * No lock is held across a wait.
+ */
+#ifndef CLAPI_LOCK_H
+#define CLAPI_LOCK_H
+
+#include <pthread.h>
+
+/* Values of Clapilock's state word; every other value means never initialised. */
+constexpr int LOCK_INITIALIZED = static_cast<int>(0xFFEEDDCC);
+constexpr int LOCK_DESTROYED = static_cast<int>(0xCCDDEEFF);
+
+/* A mutex embedded in its owner, who destroys it before the owner's storage goes. */
+typedef struct _Clapilock {
+    pthread_mutex_t lock; // not recursive
+    int initialized;      // LOCK_INITIALIZED while the mutex exists
+} Clapilock;
+
+int clapiInitializeLock(Clapilock* lockPtr);
+int clapiRequestLock(Clapilock* lockPtr);
+int clapiReleaseLock(Clapilock* lockPtr);
+int clapiIsLockInitialized(Clapilock* lockPtr); // the raw state word
+int clapiDestroyLock(Clapilock* lockPtr);
+
+/*
+ * A manual gate for any number of waiters. Deliberate: "set" closes the gate, so that later
+ * waits block (it arms the event), and "clear" opens it and releases every waiter (it posts
+ * the event). A cleared gate stays open until the next set.
+ */
+typedef struct _ClapiEvent {
+    int eflag;             // guarded by mutex: 0 closed, 1 open
+    pthread_mutex_t mutex; // held for a few instructions only
+    pthread_cond_t cond;
+    int postCount;         // guarded by mutex: how often the gate has been opened
+} ClapiEvent;
+
+int clapiCreateEvent(ClapiEvent* eventPtr); // the event starts closed
+int clapiDeleteEvent(ClapiEvent* eventPtr);
+int clapiSetEvent(ClapiEvent* eventPtr);   // closes the gate
+int clapiClearEvent(ClapiEvent* eventPtr); // opens the gate
+
+/* Blocks until the gate is open. */
+int clapiWaitEvent(ClapiEvent* eventPtr);
+
+/* Blocks until the gate is open or timeout seconds have passed; *expired tells which. */
+int clapiTimedWaitEvent(ClapiEvent* eventPtr, int timeout, int* expired);
+
+/* How often the gate has been opened so far; for clapiWaitEventSince. */
+int clapiEventGeneration(ClapiEvent* eventPtr);
+
+/*
+ * As clapiWaitEvent for a caller that read the generation while it still held the lock under
+ * which the event is posted: an opening since then ends the wait, even if the gate has been
+ * closed again before this thread came to wait.
+ */
+int clapiWaitEventSince(ClapiEvent* eventPtr, int generation);
+
+/*
+ * A lock held within one scope. Where the release can fail and must be reported, call release
+ * and look at its result; the destructor releases what is still held.
+ */
+class LockGuard {
+public:
+    explicit LockGuard(Clapilock& lock) : lockPtr(&lock), isHeld(clapiRequestLock(&lock) == 0) {}
+    ~LockGuard()
+    {
+        if (isHeld) clapiReleaseLock(lockPtr);
+    }
+    LockGuard(const LockGuard&) = delete;
+    LockGuard& operator=(const LockGuard&) = delete;
+
+    bool held() const { return isHeld; }
+
+    /* Takes the lock again after a release: 0 or -1. */
+    int request()
+    {
+        int rc = clapiRequestLock(lockPtr);
+        isHeld = rc == 0;
+        return rc;
+    }
+
+    int release()
+    {
+        isHeld = false;
+        return clapiReleaseLock(lockPtr);
+    }
+
+private:
+    Clapilock* lockPtr;
+    bool isHeld;
+};
+
+#endif

@@ -1,0 +1,96 @@
+/*
+ * clapi_socketbuffer.h - the staging buffer of every flow: big-endian fields on their way to or
+ * from one connected socket.
+ *
+ * A socket error is sticky: the first one is kept in socketErr, and from then on writes are
+ * dropped and reads give 0, so that a flow is written or read field by field and tested once.
+ * A message that ends before the field that is read counts as such an error (EBADMSG).
+ *
+ * A record is zero-filled before its first initialisation. Thread: one at a time; the writers
+ * of requests hold the connection's sendLock, the read side is the receiver thread's.
+ */
+#ifndef CLAPI_SOCKETBUFFER_H
+#define CLAPI_SOCKETBUFFER_H
+
+#include <cstddef>
+
+typedef int Socket;
+constexpr Socket NO_SOCKET = -1;
+
+/* The most that a buffer holds, whatever the length of the message. */
+constexpr size_t SOCKET_BUFFER_CAPACITY = 33000;
+
+/* A secret field staged in a write buffer, hidden while the buffer is traced. */
+typedef struct {
+    char* ptr;      // where the field's scrambled bytes begin in the buffer
+    size_t length;  // bytes of the field
+    char* lstore;   // save area of length bytes behind this record, one heap block with it
+    void* nextItem; // the MaskArea staged before this one
+} MaskArea;
+
+typedef struct _SocketBuffer {
+    char eyecatcher[8]; // "QPXSCKBF", no terminator
+    Socket socketDesc;
+    int socketErr;      // 0, or errno of the first failure
+    char* buffer;       // heap storage of bufferSize bytes, owned
+    size_t bufferSize;
+    char* ptr;          // writing: next free byte; reading: next unread byte
+    size_t count;       // writing: bytes staged; reading: bytes unread
+    size_t totalCount;  // bytes of the message not yet sent, or not yet taken from the socket
+    MaskArea* maskArea; // the most recently staged secret field, owned
+    int maskLost;       // a secret field is staged that could not be recorded in maskArea
+} SocketBuffer;
+
+/* Bind the record to a socket for a message of dataLen bytes: 0 or QPX_ERR_MALLOCFAIL. */
+int initWriteBuffer(SocketBuffer* sockBuffer, Socket socketDesc, size_t dataLen);
+int initReadBuffer(SocketBuffer* sockBuffer, Socket socketDesc, size_t dataLen);
+
+/* Gives the storage back and zeroes the record: 0, or QPX_ERR_SYSTEM_ERROR if there was none. */
+int freeBuffer(SocketBuffer* sockBuffer);
+
+/* As freeBuffer, but the storage is overwritten first and nothing is traced. */
+void wipeBuffer(SocketBuffer* sockBuffer);
+
+/* Waits until the socket is readable, at most timeout seconds (0 = no limit): 0,
+ * QPX_ERR_LOSTGWCON or QPX_ERR_CONNECTTIMEOUT. */
+int waitForResponse(SocketBuffer* sockBuffer, int timeout);
+
+/* Sends what is staged: 0 or QPX_ERR_LOSTGWCON. */
+int flushBuffer(SocketBuffer* sockBuffer);
+
+/* Stage one field, flushing first when it does not fit. */
+void writeByte(SocketBuffer* sockBuffer, char value);
+void writeShort(SocketBuffer* sockBuffer, short value);
+void writeInt(SocketBuffer* sockBuffer, int value);
+void writeBytes(SocketBuffer* sockBuffer, const char* data, size_t dataLen);
+
+/* Stages exactly totalLen bytes: the data, cut or filled with zero bytes. totalLen must fit in
+ * an empty buffer. */
+void writePaddedBytes(SocketBuffer* sockBuffer, const char* data, size_t dataLen, size_t totalLen);
+
+/* Stage a secret: scrambled, and shown as asterisks in the trace. Deliberate: the padded form
+ * leaves the bytes behind the data as they are in the buffer. */
+void writeBytesMasked(SocketBuffer* sockBuffer, const char* data, size_t dataLen);
+void writePaddedBytesMasked(SocketBuffer* sockBuffer, const char* data, size_t dataLen,
+                            size_t totalLen);
+
+/* Takes as much of the message from the socket as the buffer has room for, and blocks until it
+ * has it: 0 or QPX_ERR_LOSTGWCON. */
+int fillBuffer(SocketBuffer* sockBuffer);
+
+/* Take one field, filling the buffer when it is not wholly there; 0 after an error. */
+char readByte(SocketBuffer* sockBuffer);
+short readShort(SocketBuffer* sockBuffer);
+int readInt(SocketBuffer* sockBuffer);
+
+/* Takes dataLen bytes; after an error the caller's bytes stay as they are, from where it
+ * occurred. */
+void readBytes(SocketBuffer* sockBuffer, char* data, size_t dataLen);
+
+/* Takes dataLen bytes and drops them. */
+void skipBytes(SocketBuffer* sockBuffer, size_t dataLen);
+
+/* Bytes of the message that have not been read yet. */
+size_t bytesLeft(const SocketBuffer* sockBuffer);
+
+#endif

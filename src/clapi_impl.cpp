@@ -1,0 +1,709 @@
+/*
+ * The library's frame: its one-time initialisation, versions and state dump, the trace calls and
+ * their environment variables, the names of return codes, and the connection calls. These check
+ * their arguments and leave the work on tokens to clapi_gwytok.
+ *
+ * Locks: takes traceLock to change trace settings, correlatorLock for the correlator.
+ */
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+
+#include "clapi_diag.h"
+#include "clapi_types.h"
+#include "trace_points/clapi_impl.h"
+
+int clapiState = 0;
+static int clapiInitRc = QPX_OK;
+static pthread_once_t initState = PTHREAD_ONCE_INIT;
+
+static char clapiVersion[sizeof QPX_API_VERSION_TEXT];
+static char cldllVersion[sizeof QPX_DLL_VERSION_TEXT];
+
+int nextCorrelator = 0;
+Clapilock correlatorLock;
+Clapilock chanListLock;
+
+/* Longest time-out that a connection call takes, in seconds. */
+constexpr int MAX_TIMEOUT = 3600;
+
+/* ---- Trace settings from the environment ---- */
+
+static const char TRACE_LEVEL_VARIABLE[] = "QPX_CLIENT_TRACE_LEVEL";
+static const char TRACE_FILE_VARIABLE[] = "QPX_CLIENT_TRACE_FILE";
+static const char DATA_LENGTH_VARIABLE[] = "QPX_CLIENT_DATA_LENGTH";
+static const char DATA_OFFSET_VARIABLE[] = "QPX_CLIENT_DATA_OFFSET";
+
+static void setTraceLevel(int level)
+{
+    TraceHold hold;
+    clientAPITrace = level;
+}
+
+static void clapiSetAPITraceLevelFromEnv()
+{
+    namespace at = tp::clapiSetAPITraceLevelFromEnv;
+
+    const char* value = getenv(TRACE_LEVEL_VARIABLE);
+    if (value == nullptr) return;
+
+    bool isLevel = value[0] >= '0' && value[0] < '0' + TRACE_MAX + 1 && value[1] == '\0';
+    if (isLevel) {
+        setTraceLevel(value[0] - '0');
+        return;
+    }
+    setTraceLevel(TRACE_EXCEPTIONS);
+    TRACE(at::badLevel, value);
+    setTraceLevel(TRACE_OFF);
+}
+
+/* Writes the banner to a destination that has none yet. Locks: traceLock held. */
+static void writeBannerOnce()
+{
+    if (clientAPITrace == TRACE_OFF || traceHeaderWrite != 0) return;
+    clapiWriteTraceBanner();
+    traceHeaderWrite = 1;
+}
+
+static bool traceGoesToFile()
+{
+    return clientAPITraceHandle != nullptr && clientAPITraceHandle != stderr;
+}
+
+/* Makes a named file the destination; what was the destination is closed if it is a file.
+ * Returns 0 or errno. Locks: traceLock held. */
+static int switchToFile(const char* name)
+{
+    FILE* file = fopen(name, "a");
+    if (file == nullptr) return errno;
+
+    if (traceGoesToFile()) fclose(clientAPITraceHandle);
+    clapiSetTraceFilename(name);
+    clientAPITraceHandle = file;
+    traceHeaderWrite = 0;
+    return 0;
+}
+
+static void clapiSetAPITraceFileFromEnv()
+{
+    namespace at = tp::clapiSetAPITraceFileFromEnv;
+
+    const char* name = getenv(TRACE_FILE_VARIABLE);
+    // Deliberate: a variable that is set and empty brings no banner either.
+    if (name != nullptr && name[0] == '\0') return;
+
+    int openErrno = 0;
+    {
+        TraceHold hold;
+        if (name != nullptr) openErrno = switchToFile(name);
+        writeBannerOnce();
+    }
+    if (name == nullptr) return;
+    if (openErrno != 0)
+        TRACE(at::failed, name, openErrno, traceText(clientAPITraceFilename));
+    else
+        TRACE(at::switched, traceText(clientAPITraceFilename));
+}
+
+/* Whether a variable's value begins with a digit; if so, its number. */
+static bool numberFromText(const char* value, size_t* number)
+{
+    if (value[0] < '0' || value[0] > '9') return false;
+    *number = static_cast<size_t>(strtol(value, nullptr, 10));
+    return true;
+}
+
+static void setDataLength(size_t length)
+{
+    TraceHold hold;
+    clientAPIDataTrunc = length;
+}
+
+static void setDataOffset(size_t offset)
+{
+    TraceHold hold;
+    clientAPIDataOffset = offset;
+}
+
+static void clapiSetAPITraceParamsFromEnv()
+{
+    namespace at = tp::clapiSetAPITraceParamsFromEnv;
+
+    TRACE(at::entry);
+    size_t number;
+    const char* length = getenv(DATA_LENGTH_VARIABLE);
+    if (length != nullptr) {
+        TRACE(at::length, DATA_LENGTH_VARIABLE, length);
+        if (numberFromText(length, &number)) {
+            setDataLength(number);
+            TRACE(at::lengthSet, traceInt(number));
+        }
+    }
+    const char* offset = getenv(DATA_OFFSET_VARIABLE);
+    if (offset != nullptr) {
+        TRACE(at::offset, DATA_OFFSET_VARIABLE, offset);
+        if (numberFromText(offset, &number)) {
+            setDataOffset(number);
+            TRACE(at::offsetSet, traceInt(number));
+        }
+    }
+    TRACE(at::exit);
+}
+
+/* ---- Initialisation ---- */
+
+/* Makes the locks that the whole process shares, or none of them. */
+static int initializeGlobalLocks()
+{
+    namespace at = tp::clapiInitFunc;
+
+    int rc = clapiInitializeLock(&gtlLock);
+    if (rc != 0) {
+        TRACE_UNLOCKED(at::noTokenListLock, rc);
+        clapiDestroyLock(&traceLock);
+        return rc;
+    }
+    rc = clapiInitializeLock(&chanListLock);
+    if (rc != 0) {
+        TRACE_UNLOCKED(at::noChannelListLock, rc);
+        clapiDestroyLock(&gtlLock);
+        clapiDestroyLock(&traceLock);
+        return rc;
+    }
+    rc = clapiInitializeLock(&correlatorLock);
+    if (rc != 0) {
+        TRACE_UNLOCKED(at::noCorrelatorLock, rc);
+        clapiDestroyLock(&chanListLock);
+        clapiDestroyLock(&gtlLock);
+        clapiDestroyLock(&traceLock);
+        return rc;
+    }
+    return QPX_OK;
+}
+
+static int initializeLibrary()
+{
+    clientAPITrace = TRACE_EXCEPTIONS;
+    int rc = clapiInitTrace();
+    if (rc != QPX_OK) {
+        fprintf(stderr, "clapi_impl.clapiInitFunc() Init of qpxclient API trace failed rc=%d\n", rc);
+        return rc;
+    }
+    rc = initializeGlobalLocks();
+    // Deliberate: after a failure the trace level stays where it shows failures.
+    if (rc != QPX_OK) return rc;
+
+    memcpy(clapiVersion, QPX_API_VERSION_TEXT, sizeof clapiVersion);
+    memcpy(cldllVersion, QPX_DLL_VERSION_TEXT, sizeof cldllVersion);
+    signal(SIGPIPE, SIG_IGN);
+    clapiState = 1;
+    clientAPITrace = TRACE_OFF;
+    return QPX_OK;
+}
+
+static void clapiInitFunc(void)
+{
+    if (clapiState != 0) return;
+
+    clapiInitRc = initializeLibrary();
+    // The level comes first, so that the banner goes to the file only when tracing is on.
+    clapiSetAPITraceLevelFromEnv();
+    clapiSetAPITraceFileFromEnv();
+    clapiSetAPITraceParamsFromEnv();
+}
+
+int clapiInit(void)
+{
+    if (pthread_once(&initState, clapiInitFunc) != 0) return QPX_ERR_SYSTEM_ERROR;
+    return clapiInitRc;
+}
+
+/* ---- Versions, state and correlator ---- */
+
+static int lendText(char* text, char** textPtr)
+{
+    *textPtr = text;
+    return QPX_OK;
+}
+
+int QPX_getAPIVersion(char** apiVersPtr)
+{
+    namespace at = tp::QPX_getAPIVersion;
+
+    int rc = clapiInit();
+    TRACE(at::entry, apiVersPtr);
+    if (rc == QPX_OK && apiVersPtr == nullptr) {
+        TRACE(at::nullPtr, apiVersPtr);
+        rc = QPX_ERR_NULLPTR;
+    }
+    if (rc == QPX_OK) rc = lendText(clapiVersion, apiVersPtr);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+int QPX_getDLLVersion(char** dllVersPtr)
+{
+    namespace at = tp::QPX_getDLLVersion;
+
+    int rc = clapiInit();
+    TRACE(at::entry, dllVersPtr);
+    if (rc == QPX_OK && dllVersPtr == nullptr) {
+        TRACE(at::nullPtr, dllVersPtr);
+        rc = QPX_ERR_NULLPTR;
+    }
+    if (rc == QPX_OK) rc = lendText(cldllVersion, dllVersPtr);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+static void dumpState()
+{
+    {
+        TraceHold hold;
+        clapiTracePrint("qpxclient state dump: DLL Version=%s Trace Level=%d clientAPITraceFile=%s\n",
+                        QPX_DLL_VERSION_TEXT, clientAPITrace.load(), clientAPITraceFilename);
+    }
+    clapiDumpGatewayTokens();
+}
+
+int QPX_dumpState(void)
+{
+    namespace at = tp::QPX_dumpState;
+
+    int rc = clapiInit();
+    TRACE(at::entry);
+    if (rc == QPX_OK) dumpState();
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+int getNextCorrelator(void)
+{
+    namespace at = tp::getNextCorrelator;
+
+    TRACE(at::entry);
+    int correlator;
+    {
+        LockGuard guard(correlatorLock);
+        do {
+            correlator = nextCorrelator;
+            nextCorrelator = static_cast<int>(static_cast<unsigned int>(correlator) + 1u);
+        } while (correlator == 0);
+    }
+    TRACE(at::exit, correlator);
+    return correlator;
+}
+
+/* ---- Trace calls ---- */
+
+int QPX_getAPITraceLevel(int* traceStatePtr)
+{
+    namespace at = tp::QPX_getAPITraceLevel;
+
+    int rc = clapiInit();
+    TRACE(at::entry, traceStatePtr);
+    if (rc == QPX_OK && traceStatePtr == nullptr) {
+        TRACE(at::nullPtr, traceStatePtr);
+        rc = QPX_ERR_NULLPTR;
+    }
+    if (rc == QPX_OK) *traceStatePtr = clientAPITrace;
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+static int changeTraceLevel(int traceState)
+{
+    namespace at = tp::QPX_setAPITraceLevel;
+
+    if (traceState < TRACE_OFF || traceState > TRACE_MAX) {
+        TRACE(at::badLevel, traceState);
+        return QPX_ERR_TRACELEVEL;
+    }
+    TraceHold hold;
+    // Deliberate: traceHeaderWrite stays 0, so that every switch from 0 brings the banner again.
+    if (traceHeaderWrite == 0 && clientAPITrace == TRACE_OFF && traceState > TRACE_OFF)
+        clapiWriteTraceBanner();
+    clientAPITrace = traceState;
+    return QPX_OK;
+}
+
+int QPX_setAPITraceLevel(int traceState)
+{
+    namespace at = tp::QPX_setAPITraceLevel;
+
+    int rc = clapiInit();
+    TRACE(at::entry, traceState, clientAPITrace.load());
+    if (rc == QPX_OK) rc = changeTraceLevel(traceState);
+    TRACE(at::exit, rc, clapiGetRcString(rc), clientAPITrace.load());
+    return rc;
+}
+
+/* Makes standard error the destination; false if it was already. Locks: traceLock held. */
+static bool switchToStandardError()
+{
+    if (!traceGoesToFile()) return false;
+    fclose(clientAPITraceHandle);
+    clientAPITraceHandle = stderr;
+    clapiSetTraceFilename(defaultTraceFilename);
+    traceHeaderWrite = 0;
+    return true;
+}
+
+static int changeTraceFile(const char* traceFile)
+{
+    namespace at = tp::QPX_setAPITraceFile;
+
+    int openErrno = 0;
+    bool switched;
+    {
+        TraceHold hold;
+        if (traceFile != nullptr) {
+            openErrno = switchToFile(traceFile);
+            switched = openErrno == 0;
+        }
+        else {
+            switched = switchToStandardError();
+        }
+        writeBannerOnce();
+    }
+    if (openErrno != 0) {
+        TRACE(at::failed, traceText(traceFile), openErrno, clientAPITraceFilename);
+        return QPX_ERR_TRACEFILE;
+    }
+    if (switched)
+        TRACE(at::switched, clientAPITraceFilename);
+    else
+        TRACE(at::unchanged, clientAPITraceFilename);
+    return QPX_OK;
+}
+
+int QPX_setAPITraceFile(char* traceFile)
+{
+    namespace at = tp::QPX_setAPITraceFile;
+
+    int rc = clapiInit();
+    TRACE(at::entry, traceText(traceFile), traceText(clientAPITraceFilename));
+    if (rc == QPX_OK) rc = changeTraceFile(traceFile);
+    TRACE(at::exit, rc, clapiGetRcString(rc), traceText(clientAPITraceFilename));
+    return rc;
+}
+
+void QPX_setAPITraceDataLength(size_t dataLength)
+{
+    namespace at = tp::QPX_setAPITraceDataLength;
+
+    clapiInit();
+    TRACE(at::entry, traceSize(dataLength));
+    size_t before = clientAPIDataTrunc;
+    setDataLength(dataLength);
+    TRACE(at::changed, traceSize(before), traceSize(dataLength));
+    TRACE(at::exit);
+}
+
+void QPX_setAPITraceDataOffset(size_t dataOffset)
+{
+    namespace at = tp::QPX_setAPITraceDataOffset;
+
+    clapiInit();
+    TRACE(at::entry, traceSize(dataOffset));
+    size_t before = clientAPIDataOffset;
+    setDataOffset(dataOffset);
+    TRACE(at::changed, traceSize(before), traceSize(dataOffset));
+    TRACE(at::exit);
+}
+
+/* ---- Names of return codes ---- */
+
+const char* const UNKNOWN_RC_STR = "UNKNOWN";
+
+static const RcName QPX_RC_NAMES[] = {
+    {QPX_OK, "QPX_OK"},
+    {QPX_ERR_SYSTEM_ERROR, "QPX_ERR_SYSTEM_ERROR"},
+    {QPX_ERR_MORE_SYSTEMS, "QPX_ERR_MORE_SYSTEMS"},
+    {QPX_ERR_NO_SYSTEMS, "QPX_ERR_NO_SYSTEMS"},
+    {QPX_ERR_NULLGWTOK, "QPX_ERR_NULLGWTOK"},
+    {QPX_ERR_BADGWTOK, "QPX_ERR_BADGWTOK"},
+    {QPX_ERR_LOSTGWCON, "QPX_ERR_LOSTGWCON"},
+    {QPX_ERR_NULLPARM, "QPX_ERR_NULLPARM"},
+    {QPX_ERR_TRACELEVEL, "QPX_ERR_TRACELEVEL"},
+    {QPX_ERR_BADPORT, "QPX_ERR_BADPORT"},
+    {QPX_ERR_NULLGWTOKPTR, "QPX_ERR_NULLGWTOKPTR"},
+    {QPX_ERR_NULLPTR, "QPX_ERR_NULLPTR"},
+    {QPX_ERR_MALLOCFAIL, "QPX_ERR_MALLOCFAIL"},
+    {QPX_ERR_CONNECTFAILED, "QPX_ERR_CONNECTFAILED"},
+    {QPX_ERR_TRACEFILE, "QPX_ERR_TRACEFILE"},
+    {QPX_ERR_BADHOST, "QPX_ERR_BADHOST"},
+    {QPX_ERR_NULLADDRESS, "QPX_ERR_NULLADDRESS"},
+    {QPX_ERR_CONNECTTIMEOUT, "QPX_ERR_CONNECTTIMEOUT"},
+    {QPX_ERR_NULLECIPOINTER, "QPX_ERR_NULLECIPOINTER"},
+    {QPX_ERR_INVALIDTIMEOUTPARM, "QPX_ERR_INVALIDTIMEOUTPARM"},
+    {QPX_ERR_APPLIDTOOLONG, "QPX_ERR_APPLIDTOOLONG"},
+    {QPX_ERR_GWTOK_CLOSED, "QPX_ERR_GWTOK_CLOSED"},
+    {QPX_ERR_GATEWAY_CLOSED, "QPX_ERR_GATEWAY_CLOSED"},
+    {QPX_ERR_WORK_WAS_REFUSED, "QPX_ERR_WORK_WAS_REFUSED"},
+    {QPX_ERR_GATEWAY_EXCEPTION, "QPX_ERR_GATEWAY_EXCEPTION"},
+    {QPX_ERR_GATEWAY_BACK_LEVEL, "QPX_ERR_GATEWAY_BACK_LEVEL"},
+    {QPX_ERR_INVALID_REQUEST_TYPE, "QPX_ERR_INVALID_REQUEST_TYPE"},
+};
+
+const char* clapiGetRcString(int rc)
+{
+    const char* name = nameOfRc(QPX_RC_NAMES, rc);
+    if (name != nullptr) return name;
+    name = clapiGetRcStringECI(rc);
+    if (name != UNKNOWN_RC_STR) return name;
+    return clapiGetRcStringESI(rc);
+}
+
+char* QPX_getRcString(int rc, char* rcString)
+{
+    namespace at = tp::QPX_getRcString;
+
+    TRACE(at::entry, rc, rcString);
+    if (rcString != nullptr) strncpy(rcString, clapiGetRcString(rc), QPX_RC_STRING_SIZE);
+    TRACE(at::exit, traceText(rcString));
+    return rcString;
+}
+
+/* ---- Opening connections ---- */
+
+/* An applid that an environment variable may give, with room to see that it is too long. */
+struct ApplidFromEnv {
+    explicit ApplidFromEnv(const char* variable) : isSet(false), text()
+    {
+        const char* value = getenv(variable);
+        if (value == nullptr) return;
+        isSet = true;
+        memcpy(text, value, strnlen(value, sizeof text - 1));
+    }
+
+    char* orElse(char* argument) { return isSet ? text : argument; }
+
+    bool isSet;
+    char text[17];
+};
+
+static int checkOpenArguments(char* hostname, int port, QPX_ConnToken_t* gwTokPtr, int connTimeout,
+                              char* applid, char* applidQualifier)
+{
+    namespace at = tp::QPX_openRemoteGatewayConnectionApplid;
+
+    if (port < 1 || port > 65535) {
+        TRACE(at::badPort, port);
+        return QPX_ERR_BADPORT;
+    }
+    if (gwTokPtr == nullptr) {
+        TRACE(at::nullTokPtr, gwTokPtr);
+        return QPX_ERR_NULLGWTOKPTR;
+    }
+    if (connTimeout < 0 || connTimeout > MAX_TIMEOUT) {
+        TRACE(at::badTimeout, connTimeout);
+        return QPX_ERR_INVALIDTIMEOUTPARM;
+    }
+    if (hostname == nullptr) {
+        TRACE(at::nullHost, hostname);
+        return QPX_ERR_NULLADDRESS;
+    }
+    if (applid == nullptr) {
+        TRACE(at::nullApplid, applid);
+        return QPX_ERR_NULLPARM;
+    }
+    if (applidQualifier == nullptr) {
+        TRACE(at::nullQualifier, applidQualifier);
+        return QPX_ERR_NULLPARM;
+    }
+    return QPX_OK;
+}
+
+static int openConnection(char* hostname, int port, QPX_ConnToken_t* gwTokPtr, int connTimeout,
+                          char* applid, char* applidQualifier)
+{
+    namespace at = tp::QPX_openRemoteGatewayConnectionApplid;
+
+    int rc =
+        checkOpenArguments(hostname, port, gwTokPtr, connTimeout, applid, applidQualifier);
+    if (rc != QPX_OK) return rc;
+
+    ApplidFromEnv applidEnv("QPX_APPLID");
+    ApplidFromEnv qualifierEnv("QPX_APPLIDQUALIFIER");
+    TRACE(at::environment, applidEnv.text, qualifierEnv.text);
+    char* usedApplid = applidEnv.orElse(applid);
+    char* usedQualifier = qualifierEnv.orElse(applidQualifier);
+
+    // Deliberate: this failure shows in the EXIT line only.
+    if (strlen(usedApplid) > APPLID_SIZE || strlen(usedQualifier) > APPLID_SIZE)
+        return QPX_ERR_APPLIDTOOLONG;
+
+    return clapiCreateGatewayToken(gwTokPtr, hostname, port, connTimeout, usedApplid,
+                                   usedQualifier);
+}
+
+int QPX_openRemoteGatewayConnectionApplid(char* hostname, int port, QPX_ConnToken_t* gwTokPtr,
+                                          int connTimeout, char* applid, char* applidQualifier)
+{
+    namespace at = tp::QPX_openRemoteGatewayConnectionApplid;
+
+    int rc = clapiInit();
+    TRACE(at::entry, traceText(hostname), port, gwTokPtr, connTimeout, traceText(applid),
+          traceText(applidQualifier));
+    if (rc == QPX_OK)
+        rc = openConnection(hostname, port, gwTokPtr, connTimeout, applid, applidQualifier);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+int QPX_openRemoteGatewayConnection(char* hostname, int port, QPX_ConnToken_t* gwTokPtr,
+                                    int connTimeout)
+{
+    char none[] = "";
+    return QPX_openRemoteGatewayConnectionApplid(hostname, port, gwTokPtr, connTimeout, none, none);
+}
+
+/* ---- Closing connections ---- */
+
+constexpr int WAIT_WITHOUT_LIMIT = -1;
+constexpr int LOCK_REQUIRED = 1;
+
+static int closeConnection(QPX_ConnToken_t* gwTokPtr)
+{
+    namespace at = tp::QPX_closeGatewayConnection;
+
+    if (gwTokPtr == nullptr) {
+        TRACE(at::nullTokPtr, gwTokPtr);
+        return QPX_ERR_NULLGWTOKPTR;
+    }
+    if (*gwTokPtr == nullptr) {
+        TRACE(at::nullToken, *gwTokPtr);
+        return QPX_ERR_NULLGWTOK;
+    }
+
+    int rc = clapiCloseGatewayToken(*gwTokPtr, LOCK_REQUIRED);
+    if (rc != QPX_OK) return rc;
+    rc = clapiDeleteGatewayToken(gwTokPtr, WAIT_WITHOUT_LIMIT, LOCK_REQUIRED);
+    TRACE(at::closed, gwTokPtr);
+    return rc;
+}
+
+int QPX_closeGatewayConnection(QPX_ConnToken_t* gwTokPtr)
+{
+    namespace at = tp::QPX_closeGatewayConnection;
+
+    int rc = clapiInit();
+    TRACE(at::entry, gwTokPtr);
+    if (rc == QPX_OK) rc = closeConnection(gwTokPtr);
+    TRACE(at::exit, gwTokPtr, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+static int purgeConnection(QPX_ConnToken_t* gwTokPtr, int closeTimeout)
+{
+    namespace at = tp::QPX_purgeGatewayConnection;
+
+    if (gwTokPtr == nullptr) {
+        TRACE(at::nullTokPtr, gwTokPtr);
+        return QPX_ERR_NULLGWTOKPTR;
+    }
+    if (*gwTokPtr == nullptr) {
+        TRACE(at::nullToken, *gwTokPtr);
+        return QPX_ERR_NULLGWTOK;
+    }
+    if (closeTimeout < 0 || closeTimeout > MAX_TIMEOUT) {
+        TRACE(at::badTimeout, closeTimeout);
+        return QPX_ERR_INVALIDTIMEOUTPARM;
+    }
+
+    int rc = clapiCloseGatewayToken(*gwTokPtr, LOCK_REQUIRED);
+    if (rc != QPX_OK) return rc;
+    rc = clapiDeleteGatewayToken(gwTokPtr, closeTimeout, LOCK_REQUIRED);
+    TRACE(at::closed, gwTokPtr);
+    return rc;
+}
+
+int QPX_purgeGatewayConnection(QPX_ConnToken_t* gwTokPtr, int closeTimeout)
+{
+    namespace at = tp::QPX_purgeGatewayConnection;
+
+    int rc = clapiInit();
+    TRACE(at::entry, gwTokPtr, closeTimeout);
+    if (rc == QPX_OK) rc = purgeConnection(gwTokPtr, closeTimeout);
+    TRACE(at::exit, gwTokPtr, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+int QPX_closeAllGatewayConnections(void)
+{
+    namespace at = tp::QPX_closeAllGatewayConnections;
+
+    int rc = clapiInit();
+    TRACE(at::entry);
+    if (rc == QPX_OK) {
+        rc = clapiDeleteGatewayTokens();
+        TRACE(at::closed);
+    }
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- Reading a connection's applid ---- */
+
+static int lendApplid(QPX_ConnToken_t gwTok, char** applid)
+{
+    namespace at = tp::QPX_getApplid;
+
+    if (gwTok == nullptr) {
+        TRACE(at::nullToken, gwTok);
+        return QPX_ERR_NULLGWTOK;
+    }
+    if (applid == nullptr) {
+        TRACE(at::nullPtr, applid);
+        return QPX_ERR_NULLPTR;
+    }
+
+    int rc = clapiRegisterRequest(gwTok);
+    if (rc != QPX_OK) return rc;
+
+    *applid = gwTok->applid;
+    return clapiUnregisterRequest(gwTok);
+}
+
+int QPX_getApplid(QPX_ConnToken_t gwTok, char** applid)
+{
+    namespace at = tp::QPX_getApplid;
+
+    int rc = clapiInit();
+    TRACE(at::entry, gwTok, applid);
+    if (rc == QPX_OK) rc = lendApplid(gwTok, applid);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+static int lendApplidQualifier(QPX_ConnToken_t gwTok, char** applidQualifier)
+{
+    namespace at = tp::QPX_getApplidQualifier;
+
+    if (gwTok == nullptr) {
+        TRACE(at::nullToken, gwTok);
+        return QPX_ERR_NULLGWTOK;
+    }
+    if (applidQualifier == nullptr) {
+        TRACE(at::nullPtr, applidQualifier);
+        return QPX_ERR_NULLPTR;
+    }
+
+    int rc = clapiRegisterRequest(gwTok);
+    if (rc != QPX_OK) return rc;
+
+    *applidQualifier = gwTok->applidQualifier;
+    return clapiUnregisterRequest(gwTok);
+}
+
+int QPX_getApplidQualifier(QPX_ConnToken_t gwTok, char** applidQualifier)
+{
+    namespace at = tp::QPX_getApplidQualifier;
+
+    int rc = clapiInit();
+    TRACE(at::entry, gwTok, applidQualifier);
+    if (rc == QPX_OK) rc = lendApplidQualifier(gwTok, applidQualifier);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}

@@ -1,0 +1,682 @@
+/*
+ * The socket buffer: stages the fields of one message on their way to a socket, and takes those
+ * of one message from it, through at most SOCKET_BUFFER_CAPACITY bytes of storage. What a
+ * message means is clapi_socketcomms' business.
+ *
+ * Locks: none; a buffer is used by one thread at a time.
+ */
+#include "clapi_socketbuffer.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "clapi_diag.h"
+#include "clapi_types.h"
+#include "descriptor_set.h"
+#include "trace_points/clapi_socketbuffer.h"
+
+static const char EYECATCHER[] = "QPXSCKBF";
+
+/* How much of a secret field's save area is overwritten once the field has been traced. */
+constexpr size_t SCRUBBED_BYTES = 4;
+
+/* ---- Setting up and giving back ---- */
+
+enum class Storage { reused, allocated, missing };
+
+/* Makes sure that the record has storage for a message, and leaves it untouched if it cannot. */
+static Storage ensureStorage(SocketBuffer* sockBuffer, size_t dataLen)
+{
+    size_t wanted = std::min(dataLen, SOCKET_BUFFER_CAPACITY);
+    if (sockBuffer->bufferSize >= wanted) return Storage::reused;
+
+    char* storage = static_cast<char*>(malloc(wanted));
+    if (storage == nullptr) return Storage::missing;
+    free(sockBuffer->buffer);
+    sockBuffer->buffer = storage;
+    sockBuffer->bufferSize = wanted;
+    return Storage::allocated;
+}
+
+/* Zeroes the record but for its storage, and binds it to a message. */
+static void bindToMessage(SocketBuffer* sockBuffer, Socket socketDesc, size_t dataLen)
+{
+    char* storage = sockBuffer->buffer;
+    size_t size = sockBuffer->bufferSize;
+    *sockBuffer = SocketBuffer{};
+    memcpy(sockBuffer->eyecatcher, EYECATCHER, sizeof sockBuffer->eyecatcher);
+    sockBuffer->buffer = storage;
+    sockBuffer->bufferSize = size;
+    sockBuffer->socketDesc = socketDesc;
+    sockBuffer->totalCount = dataLen;
+}
+
+int initWriteBuffer(SocketBuffer* sockBuffer, Socket socketDesc, size_t dataLen)
+{
+    namespace at = tp::initWriteBuffer;
+
+    TRACE(at::entry, sockBuffer, traceSocket(socketDesc), traceSize(dataLen));
+    int rc = QPX_OK;
+    switch (ensureStorage(sockBuffer, dataLen)) {
+    case Storage::reused: TRACE(at::reused, traceSize(sockBuffer->bufferSize)); break;
+    case Storage::allocated: TRACE(at::allocated, traceSize(sockBuffer->bufferSize)); break;
+    case Storage::missing:
+        TRACE(at::noMemory, traceSize(std::min(dataLen, SOCKET_BUFFER_CAPACITY)));
+        rc = QPX_ERR_MALLOCFAIL;
+        break;
+    }
+    if (rc == QPX_OK) {
+        bindToMessage(sockBuffer, socketDesc, dataLen);
+        sockBuffer->ptr = sockBuffer->buffer;
+    }
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+int initReadBuffer(SocketBuffer* sockBuffer, Socket socketDesc, size_t dataLen)
+{
+    namespace at = tp::initReadBuffer;
+
+    TRACE(at::entry, sockBuffer, traceSocket(socketDesc), traceSize(dataLen));
+    int rc = QPX_OK;
+    switch (ensureStorage(sockBuffer, dataLen)) {
+    case Storage::reused: TRACE(at::reused, traceSize(sockBuffer->bufferSize)); break;
+    case Storage::allocated: TRACE(at::allocated, traceSize(sockBuffer->bufferSize)); break;
+    case Storage::missing:
+        TRACE(at::noMemory, traceSize(std::min(dataLen, SOCKET_BUFFER_CAPACITY)));
+        rc = QPX_ERR_MALLOCFAIL;
+        break;
+    }
+    if (rc == QPX_OK) bindToMessage(sockBuffer, socketDesc, dataLen);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+static void freeMaskArea(MaskArea* item)
+{
+    if (item == nullptr) return;
+    freeMaskArea(static_cast<MaskArea*>(item->nextItem));
+    free(item);
+}
+
+/* Frees what the record owns. The storage may hold a secret and is overwritten first. */
+static void releaseStorage(SocketBuffer* sockBuffer)
+{
+    explicit_bzero(sockBuffer->buffer, sockBuffer->bufferSize);
+    free(sockBuffer->buffer);
+    freeMaskArea(sockBuffer->maskArea);
+}
+
+int freeBuffer(SocketBuffer* sockBuffer)
+{
+    namespace at = tp::freeBuffer;
+
+    TRACE(at::entry, sockBuffer);
+    int rc = QPX_OK;
+    if (sockBuffer->buffer != nullptr) {
+        releaseStorage(sockBuffer);
+    }
+    else {
+        TRACE(at::notInitialized, sockBuffer);
+        rc = QPX_ERR_SYSTEM_ERROR;
+    }
+    *sockBuffer = SocketBuffer{};
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+void wipeBuffer(SocketBuffer* sockBuffer)
+{
+    if (sockBuffer->buffer != nullptr) releaseStorage(sockBuffer);
+    *sockBuffer = SocketBuffer{};
+}
+
+/* ---- The socket ---- */
+
+/* Remembers a failure. An orderly close by the peer has no errno of its own, but must stick. */
+static void keepError(SocketBuffer* sockBuffer, int error)
+{
+    sockBuffer->socketErr = error != 0 ? error : ECONNRESET;
+}
+
+static const char* errorText(int error, char (&text)[128])
+{
+    return strerror_r(error, text, sizeof text);
+}
+
+/* One send or recv, repeated while a signal interrupts it. */
+template <typename Call>
+static ssize_t uninterrupted(Call call)
+{
+    ssize_t result;
+    do {
+        result = call();
+    } while (result == -1 && errno == EINTR);
+    return result;
+}
+
+/* Sends all of the data, in as many calls as the socket wants. False: errno tells why. */
+static bool sendAll(Socket socketDesc, const char* data, size_t dataLen)
+{
+    size_t sent = 0;
+    while (sent < dataLen) {
+        ssize_t result =
+            uninterrupted([&] { return send(socketDesc, data + sent, dataLen - sent, 0); });
+        if (result < 1) return false;
+        sent += static_cast<size_t>(result);
+    }
+    return true;
+}
+
+static int waitUntilReadable(SocketBuffer* sockBuffer, int timeout)
+{
+    namespace at = tp::waitForResponse;
+
+    DescriptorSet readable(sockBuffer->socketDesc);
+    timeval limit = {timeout, 0};
+    int ready = -1;
+    if (readable.valid()) {
+        ready = static_cast<int>(uninterrupted([&] {
+            return static_cast<ssize_t>(select(readable.range(), readable.set(), nullptr, nullptr,
+                                               timeout == 0 ? nullptr : &limit));
+        }));
+    }
+    else {
+        errno = sockBuffer->socketDesc < 0 ? EBADF : ENOMEM;
+    }
+
+    if (ready < 0) {
+        int error = errno;
+        char text[128];
+        keepError(sockBuffer, error);
+        TRACE(at::failed, errorText(error, text), error);
+        return QPX_ERR_LOSTGWCON;
+    }
+    if (ready == 0) {
+        TRACE(at::timedOut);
+        return QPX_ERR_CONNECTTIMEOUT;
+    }
+    return QPX_OK;
+}
+
+int waitForResponse(SocketBuffer* sockBuffer, int timeout)
+{
+    namespace at = tp::waitForResponse;
+
+    TRACE(at::entry, sockBuffer, timeout);
+    int rc = waitUntilReadable(sockBuffer, timeout);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- Writing ---- */
+
+static bool hasRoom(const SocketBuffer* sockBuffer, size_t dataLen)
+{
+    return dataLen <= sockBuffer->bufferSize - sockBuffer->count;
+}
+
+static void advanceWrite(SocketBuffer* sockBuffer, size_t dataLen)
+{
+    sockBuffer->ptr += dataLen;
+    sockBuffer->count += dataLen;
+}
+
+static void stage(SocketBuffer* sockBuffer, const void* data, size_t dataLen)
+{
+    memcpy(sockBuffer->ptr, data, dataLen);
+    advanceWrite(sockBuffer, dataLen);
+}
+
+/* Stages a value, unless an error has occurred or the buffer is smaller than the value. */
+static void stageValue(SocketBuffer* sockBuffer, const void* value, size_t width)
+{
+    if (sockBuffer->socketErr != 0 || !hasRoom(sockBuffer, width)) return;
+    stage(sockBuffer, value, width);
+}
+
+static void hideSecrets(SocketBuffer* sockBuffer)
+{
+    for (MaskArea* item = sockBuffer->maskArea; item != nullptr;
+         item = static_cast<MaskArea*>(item->nextItem)) {
+        memcpy(item->lstore, item->ptr, item->length);
+        memset(item->ptr, '*', item->length);
+    }
+}
+
+/* Deliberate: of the save area only the first bytes are overwritten. */
+static void restoreSecrets(SocketBuffer* sockBuffer)
+{
+    for (MaskArea* item = sockBuffer->maskArea; item != nullptr;
+         item = static_cast<MaskArea*>(item->nextItem)) {
+        memcpy(item->ptr, item->lstore, item->length);
+        memset(item->lstore, '*', std::min(SCRUBBED_BYTES, item->length));
+    }
+}
+
+/* Dumps what is staged, secrets as asterisks. A secret that could not be recorded cannot be
+ * hidden, and then no byte is shown. */
+static void traceStaged(SocketBuffer* sockBuffer)
+{
+    namespace at = tp::flushBuffer;
+
+    if (!clapiTraces(at::sending)) return;
+    size_t shown = sockBuffer->maskLost != 0 ? 0 : sockBuffer->count;
+    hideSecrets(sockBuffer);
+    TRACE_DATA(at::sending, dumpOf(sockBuffer->buffer, shown), sockBuffer->buffer,
+               traceSize(sockBuffer->count), STOPWORD);
+    restoreSecrets(sockBuffer);
+}
+
+static void forgetStaged(SocketBuffer* sockBuffer)
+{
+    sockBuffer->totalCount -= std::min(sockBuffer->count, sockBuffer->totalCount);
+    sockBuffer->count = 0;
+    sockBuffer->ptr = sockBuffer->buffer;
+    freeMaskArea(sockBuffer->maskArea);
+    sockBuffer->maskArea = nullptr;
+    sockBuffer->maskLost = 0;
+}
+
+static int sendStaged(SocketBuffer* sockBuffer)
+{
+    namespace at = tp::flushBuffer;
+
+    if (sockBuffer->socketErr != 0) return QPX_ERR_LOSTGWCON;
+    if (sockBuffer->count == 0) return QPX_OK;
+
+    traceStaged(sockBuffer);
+    if (!sendAll(sockBuffer->socketDesc, sockBuffer->buffer, sockBuffer->count)) {
+        int error = errno;
+        char text[128];
+        keepError(sockBuffer, error);
+        TRACE(at::failed, errorText(error, text), error);
+        return QPX_ERR_LOSTGWCON;
+    }
+    int sent = traceInt(sockBuffer->count);
+    forgetStaged(sockBuffer);
+    TRACE(at::sent, sent, traceSize(sockBuffer->totalCount));
+    return QPX_OK;
+}
+
+int flushBuffer(SocketBuffer* sockBuffer)
+{
+    namespace at = tp::flushBuffer;
+
+    TRACE(at::entry, sockBuffer);
+    int rc = sendStaged(sockBuffer);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+void writeByte(SocketBuffer* sockBuffer, char value)
+{
+    namespace at = tp::writeByte;
+
+    if (!hasRoom(sockBuffer, sizeof value)) {
+        TRACE(at::noSpace, sockBuffer, value);
+        flushBuffer(sockBuffer);
+    }
+    stageValue(sockBuffer, &value, sizeof value);
+}
+
+void writeShort(SocketBuffer* sockBuffer, short value)
+{
+    namespace at = tp::writeShort;
+
+    if (!hasRoom(sockBuffer, sizeof value)) {
+        TRACE(at::noSpace, sockBuffer, value);
+        flushBuffer(sockBuffer);
+    }
+    uint16_t wireValue = htons(static_cast<uint16_t>(value));
+    stageValue(sockBuffer, &wireValue, sizeof wireValue);
+}
+
+void writeInt(SocketBuffer* sockBuffer, int value)
+{
+    namespace at = tp::writeInt;
+
+    if (!hasRoom(sockBuffer, sizeof value)) {
+        TRACE(at::noSpace, sockBuffer, value);
+        flushBuffer(sockBuffer);
+    }
+    uint32_t wireValue = htonl(static_cast<uint32_t>(value));
+    stageValue(sockBuffer, &wireValue, sizeof wireValue);
+}
+
+/* Sends data that is larger than the buffer straight from the caller's storage. */
+static void sendDirect(SocketBuffer* sockBuffer, const char* data, size_t dataLen)
+{
+    namespace at = tp::writeBytes;
+
+    TRACE(at::tooLarge, sockBuffer, sockBuffer->socketDesc);
+    TRACE_DATA(at::sending, dumpOf(data, dataLen), data, traceSize(dataLen), STOPWORD);
+    if (!sendAll(sockBuffer->socketDesc, data, dataLen)) {
+        int error = errno;
+        char text[128];
+        keepError(sockBuffer, error);
+        TRACE(at::failed, errorText(error, text), error);
+        return;
+    }
+    sockBuffer->totalCount -= std::min(dataLen, sockBuffer->totalCount);
+    TRACE(at::sent, static_cast<unsigned int>(dataLen), traceSize(sockBuffer->totalCount));
+}
+
+static void stageOrSend(SocketBuffer* sockBuffer, const char* data, size_t dataLen)
+{
+    namespace at = tp::writeBytes;
+
+    if (!hasRoom(sockBuffer, dataLen)) {
+        TRACE(at::noSpace, sockBuffer, traceSize(dataLen));
+        if (flushBuffer(sockBuffer) != QPX_OK) return;
+    }
+    // Deliberate: where no flush was needed, an earlier error is not looked at.
+    if (dataLen == 0) return;
+    if (hasRoom(sockBuffer, dataLen))
+        stage(sockBuffer, data, dataLen);
+    else
+        sendDirect(sockBuffer, data, dataLen);
+}
+
+void writeBytes(SocketBuffer* sockBuffer, const char* data, size_t dataLen)
+{
+    namespace at = tp::writeBytes;
+
+    TRACE(at::entry, sockBuffer, data, traceSize(dataLen));
+    stageOrSend(sockBuffer, data, dataLen);
+    TRACE(at::exit);
+}
+
+void writePaddedBytes(SocketBuffer* sockBuffer, const char* data, size_t dataLen, size_t totalLen)
+{
+    namespace at = tp::writePaddedBytes;
+
+    if (!hasRoom(sockBuffer, totalLen)) {
+        TRACE(at::noSpace, sockBuffer, traceSize(totalLen));
+        flushBuffer(sockBuffer);
+    }
+    if (sockBuffer->socketErr != 0 || !hasRoom(sockBuffer, totalLen)) return;
+
+    size_t used = std::min(dataLen, totalLen);
+    if (used != 0) stage(sockBuffer, data, used);
+    memset(sockBuffer->ptr, 0, totalLen - used);
+    advanceWrite(sockBuffer, totalLen - used);
+}
+
+/* ---- Writing secrets ---- */
+
+/* Records that the next length bytes of the buffer are secret. */
+static void recordSecret(SocketBuffer* sockBuffer, size_t length)
+{
+    MaskArea* item = static_cast<MaskArea*>(malloc(sizeof(MaskArea) + length));
+    if (item == nullptr) {
+        sockBuffer->maskLost = 1;
+        return;
+    }
+    item->ptr = sockBuffer->ptr;
+    item->length = length;
+    item->lstore = reinterpret_cast<char*>(item + 1);
+    item->nextItem = sockBuffer->maskArea;
+    sockBuffer->maskArea = item;
+}
+
+/* Writes data[from] and what follows to the cursor: each byte combined with the clear byte
+ * before it, the first of all complemented. */
+static void scramble(char* out, const char* data, size_t from, size_t length)
+{
+    for (size_t i = 0; i < length; ++i) {
+        size_t at = from + i;
+        out[i] = static_cast<char>(at == 0 ? ~data[0] : data[at] ^ data[at - 1]);
+    }
+}
+
+void writeBytesMasked(SocketBuffer* sockBuffer, const char* data, size_t dataLen)
+{
+    namespace at = tp::writeBytesMasked;
+
+    if (!hasRoom(sockBuffer, dataLen)) {
+        TRACE(at::noSpace, sockBuffer, traceSize(dataLen));
+        flushBuffer(sockBuffer);
+    }
+    // A secret longer than the buffer leaves in pieces.
+    size_t written = 0;
+    while (written < dataLen && sockBuffer->socketErr == 0 && sockBuffer->bufferSize != 0) {
+        size_t piece = std::min(dataLen - written, sockBuffer->bufferSize - sockBuffer->count);
+        if (piece == 0) {
+            flushBuffer(sockBuffer);
+            continue;
+        }
+        recordSecret(sockBuffer, piece);
+        scramble(sockBuffer->ptr, data, written, piece);
+        advanceWrite(sockBuffer, piece);
+        written += piece;
+    }
+}
+
+void writePaddedBytesMasked(SocketBuffer* sockBuffer, const char* data, size_t dataLen,
+                            size_t totalLen)
+{
+    namespace at = tp::writePaddedBytesMasked;
+
+    if (!hasRoom(sockBuffer, totalLen)) {
+        TRACE(at::noSpace, sockBuffer, traceSize(totalLen));
+        flushBuffer(sockBuffer);
+    }
+    if (sockBuffer->socketErr != 0 || !hasRoom(sockBuffer, totalLen)) return;
+
+    recordSecret(sockBuffer, totalLen);
+    scramble(sockBuffer->ptr, data, 0, std::min(dataLen, totalLen));
+    advanceWrite(sockBuffer, totalLen);
+}
+
+/* ---- Reading ---- */
+
+/* Moves what is unread to the start of the storage; ptr is then where new bytes go. */
+static void keepUnread(SocketBuffer* sockBuffer)
+{
+    namespace at = tp::fillBuffer;
+
+    if (sockBuffer->count > 0) {
+        memmove(sockBuffer->buffer, sockBuffer->ptr, sockBuffer->count);
+        TRACE(at::kept, traceSize(sockBuffer->count), sockBuffer);
+    }
+    sockBuffer->ptr = sockBuffer->buffer + sockBuffer->count;
+}
+
+static int receiveIntoBuffer(SocketBuffer* sockBuffer)
+{
+    namespace at = tp::fillBuffer;
+
+    if (sockBuffer->socketErr != 0) return QPX_ERR_LOSTGWCON;
+
+    size_t wanted =
+        std::min(sockBuffer->totalCount, sockBuffer->bufferSize - sockBuffer->count);
+    keepUnread(sockBuffer);
+    const char* newBytes = sockBuffer->ptr;
+
+    int rc = QPX_OK;
+    size_t received = 0;
+    ssize_t result = 0;
+    while (received < wanted) {
+        TRACE(at::receiving, traceSize(wanted - received));
+        result = uninterrupted([&] {
+            return recv(sockBuffer->socketDesc, sockBuffer->ptr, wanted - received, 0);
+        });
+        if (result < 1) {
+            int error = result == 0 ? 0 : errno;
+            char text[128];
+            keepError(sockBuffer, error);
+            TRACE(at::failed, errorText(sockBuffer->socketErr, text), sockBuffer->socketErr);
+            rc = QPX_ERR_LOSTGWCON;
+            break;
+        }
+        sockBuffer->ptr += result;
+        received += static_cast<size_t>(result);
+    }
+
+    TRACE_DATA(at::received, dumpOf(newBytes, received), newBytes, traceSize(received), STOPWORD);
+    sockBuffer->count += received;
+    sockBuffer->totalCount -= received;
+    sockBuffer->ptr = sockBuffer->buffer;
+    TRACE(at::readSoFar, static_cast<int>(result), traceSize(sockBuffer->totalCount));
+    return rc;
+}
+
+int fillBuffer(SocketBuffer* sockBuffer)
+{
+    namespace at = tp::fillBuffer;
+
+    TRACE(at::entry, sockBuffer);
+    int rc = receiveIntoBuffer(sockBuffer);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+static void take(SocketBuffer* sockBuffer, void* data, size_t dataLen)
+{
+    memcpy(data, sockBuffer->ptr, dataLen);
+    sockBuffer->ptr += dataLen;
+    sockBuffer->count -= dataLen;
+}
+
+/* Takes a value that a fill should have made complete. A message too short for it is broken. */
+static bool takeValue(SocketBuffer* sockBuffer, void* value, size_t width)
+{
+    if (sockBuffer->socketErr != 0) return false;
+    if (sockBuffer->count < width) {
+        sockBuffer->socketErr = EBADMSG;
+        return false;
+    }
+    take(sockBuffer, value, width);
+    return true;
+}
+
+char readByte(SocketBuffer* sockBuffer)
+{
+    namespace at = tp::readByte;
+
+    char value;
+    if (sockBuffer->count < sizeof value) {
+        TRACE(at::needMore, sockBuffer);
+        fillBuffer(sockBuffer);
+    }
+    return takeValue(sockBuffer, &value, sizeof value) ? value : static_cast<char>(0);
+}
+
+short readShort(SocketBuffer* sockBuffer)
+{
+    namespace at = tp::readShort;
+
+    uint16_t wireValue;
+    if (sockBuffer->count < sizeof wireValue) {
+        TRACE(at::needMore, sockBuffer);
+        fillBuffer(sockBuffer);
+    }
+    if (!takeValue(sockBuffer, &wireValue, sizeof wireValue)) return 0;
+    return static_cast<short>(ntohs(wireValue));
+}
+
+int readInt(SocketBuffer* sockBuffer)
+{
+    namespace at = tp::readInt;
+
+    uint32_t wireValue;
+    if (sockBuffer->count < sizeof wireValue) {
+        TRACE(at::needMore, sockBuffer);
+        fillBuffer(sockBuffer);
+    }
+    if (!takeValue(sockBuffer, &wireValue, sizeof wireValue)) return 0;
+    return static_cast<int>(ntohl(wireValue));
+}
+
+/* Receives data that is larger than the buffer straight into the caller's storage; inBuffer
+ * bytes of the field have been copied before it. */
+static void receiveDirect(SocketBuffer* sockBuffer, char* data, size_t dataLen, size_t inBuffer)
+{
+    namespace at = tp::readBytes;
+
+    if (dataLen > sockBuffer->totalCount) {
+        sockBuffer->socketErr = EBADMSG;
+        return;
+    }
+    size_t received = 0;
+    while (received < dataLen) {
+        ssize_t result = uninterrupted([&] {
+            return recv(sockBuffer->socketDesc, data + received, dataLen - received, 0);
+        });
+        if (result < 1) {
+            int error = result == 0 ? 0 : errno;
+            char text[128];
+            keepError(sockBuffer, error);
+            TRACE(at::failed, errorText(sockBuffer->socketErr, text), sockBuffer->socketErr);
+            break;
+        }
+        received += static_cast<size_t>(result);
+    }
+    if (received == 0) return;
+
+    TRACE_DATA(at::received, dumpOf(data, received), data, traceSize(received), STOPWORD);
+    sockBuffer->totalCount -= received;
+    sockBuffer->count = 0;
+    sockBuffer->ptr = sockBuffer->buffer;
+    TRACE(at::readDirect, traceSize(inBuffer), sockBuffer, traceSize(received),
+          traceSocket(sockBuffer->socketDesc), traceSize(sockBuffer->totalCount));
+}
+
+static void takeBytes(SocketBuffer* sockBuffer, char* data, size_t dataLen)
+{
+    namespace at = tp::readBytes;
+
+    if (sockBuffer->socketErr != 0 || dataLen == 0) return;
+    if (sockBuffer->count >= dataLen) {
+        take(sockBuffer, data, dataLen);
+        return;
+    }
+
+    size_t inBuffer = sockBuffer->count;
+    if (inBuffer != 0) take(sockBuffer, data, inBuffer);
+    size_t rest = dataLen - inBuffer;
+    if (rest <= sockBuffer->bufferSize) {
+        TRACE(at::needMore, traceSize(inBuffer), sockBuffer, traceSize(rest));
+        fillBuffer(sockBuffer);
+        takeValue(sockBuffer, data + inBuffer, rest);
+    }
+    else {
+        receiveDirect(sockBuffer, data + inBuffer, rest, inBuffer);
+    }
+}
+
+void readBytes(SocketBuffer* sockBuffer, char* data, size_t dataLen)
+{
+    namespace at = tp::readBytes;
+
+    TRACE(at::entry, sockBuffer, data, traceSize(dataLen));
+    takeBytes(sockBuffer, data, dataLen);
+    TRACE(at::exit);
+}
+
+void skipBytes(SocketBuffer* sockBuffer, size_t dataLen)
+{
+    size_t skipped = 0;
+    while (skipped < dataLen && sockBuffer->socketErr == 0) {
+        if (sockBuffer->count == 0) {
+            fillBuffer(sockBuffer);
+            if (sockBuffer->count == 0 && sockBuffer->socketErr == 0)
+                sockBuffer->socketErr = EBADMSG;
+        }
+        size_t step = std::min(dataLen - skipped, sockBuffer->count);
+        sockBuffer->ptr += step;
+        sockBuffer->count -= step;
+        skipped += step;
+    }
+}
+
+size_t bytesLeft(const SocketBuffer* sockBuffer)
+{
+    return sockBuffer->count + sockBuffer->totalCount;
+}

@@ -1,0 +1,741 @@
+/*
+ * Connections: reaching the Gateway, shaking hands, the receiver thread of each connection, and
+ * the close flow. Tokens and slots are clapi_gwytok's, the bytes of flows clapi_socketcomms'.
+ *
+ * Locks: the receiver takes tableLock only, the close flow sendLock only; connecting takes none
+ * but tableLock for the moment in which it stops being a sender.
+ */
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "clapi_diag.h"
+#include "clapi_types.h"
+#include "descriptor_set.h"
+#include "trace_points/clapi_gwycon.h"
+
+static int sockOptOn = 1;
+static int sockOptOff = 0;
+
+static const char* errorText(int error, char (&text)[128])
+{
+    return strerror_r(error, text, sizeof text);
+}
+
+/* Closes a descriptor; a failure shows in the EXIT line only. */
+static void closeSocket(Socket socket)
+{
+    namespace at = tp::closeSocket;
+
+    TRACE(at::entry, traceSocket(socket));
+    int closeErrno = close(socket) == 0 ? 0 : errno;
+    TRACE(at::exit, closeErrno);
+}
+
+/* ---- The receiver thread ---- */
+
+/* What one receiver thread works with. */
+struct Receiver {
+    _QPX_ConnToken_t* conn;
+    SocketBuffer sockBuffer;
+    GatewayRequest header;
+    ECIRequest eciReply;
+    ESIRequest esiReply;
+    RequestSlot* slotP;   // whom the flow is for; null if nobody
+    uint32_t allocNumber; // that slot's use when the flow began to be read
+    int rc;               // any non-zero value ends the thread's loop
+    int closeRc;          // for requests still waiting when the thread ends
+    int timeout;          // seconds for the next wait, 0 = no limit
+};
+
+static bool isOpenOrOpening(const _QPX_ConnToken_t* conn)
+{
+    int status = conn->connStatus;
+    return status == CONN_CONNECTING || status == CONN_CONNECTED;
+}
+
+/* A flow that says that the connection has ended, by the Gateway or at the application's wish. */
+static int noteClosed(Receiver* r)
+{
+    namespace at = tp::receiverThread;
+
+    bool byApplication = r->conn->closedown != 0;
+    r->closeRc = byApplication ? QPX_ERR_GWTOK_CLOSED : QPX_ERR_GATEWAY_CLOSED;
+    TRACE(at::closed, byApplication ? "API" : "Gateway", r->closeRc, clapiGetRcString(r->closeRc));
+    r->conn->connStatus = CONN_CLOSED;
+    return QPX_ERR_GATEWAY_CLOSED;
+}
+
+/* Takes the body into the buffer, or as much of it as the buffer holds. */
+static int fillBody(Receiver* r)
+{
+    // What the header's read left in the buffer belongs to the body.
+    size_t buffered = r->sockBuffer.count;
+    if (r->header.datalength < 0) return QPX_ERR_SYSTEM_ERROR;
+    size_t length = static_cast<size_t>(r->header.datalength);
+    if (length < buffered) return QPX_ERR_SYSTEM_ERROR;
+
+    r->sockBuffer.totalCount += length - buffered;
+    return fillBuffer(&r->sockBuffer);
+}
+
+static int readFlow(Receiver* r)
+{
+    r->slotP = nullptr;
+    int rc = waitForResponse(&r->sockBuffer, r->timeout);
+    r->timeout = 0; // only the wait for the handshake's answer has a limit
+    if (rc == QPX_OK) rc = clapiReadHeader(&r->sockBuffer, &r->header);
+    if (rc != QPX_OK) return rc;
+    if (r->header.messageId == MESSAGE_ID_CLOSE) return noteClosed(r);
+    return fillBody(r);
+}
+
+/* Drops what nobody has read of the body, so that the next header is found behind it. */
+static int drainBody(Receiver* r)
+{
+    skipBytes(&r->sockBuffer, bytesLeft(&r->sockBuffer));
+    return r->sockBuffer.socketErr != 0 ? QPX_ERR_LOSTGWCON : QPX_OK;
+}
+
+/*
+ * The result of reading a body. One that is too short breaks the connection, unless the header
+ * tells of a failure: then nothing needs to be there, and what is missing counts as 0.
+ */
+static int bodyResult(Receiver* r)
+{
+    bool tooShort = r->sockBuffer.socketErr == EBADMSG;
+    if (tooShort && r->header.gatewayRc != 0) r->sockBuffer.socketErr = 0;
+    return r->sockBuffer.socketErr != 0 ? QPX_ERR_LOSTGWCON : QPX_OK;
+}
+
+/* ---- Replies ---- */
+
+/* Room for the whole reply of an asynchronous call, so that a later collection can say how much
+ * it needs. Without memory the reply is cut to the room that there is. Locks: tableLock held. */
+static void growReplyBuffer(RequestSlot* slotP, int inboundLength)
+{
+    size_t wanted = static_cast<size_t>(std::clamp(inboundLength, 0, SHRT_MAX));
+    if (slotP->asyncBuffer == nullptr || wanted <= slotP->replyCapacity) return;
+
+    char* buffer = static_cast<char*>(malloc(wanted));
+    if (buffer == nullptr) return;
+    clapiFreeReplyBuffer(slotP);
+    slotP->asyncBuffer = buffer;
+    slotP->replyCapacity = wanted;
+    slotP->eciParms.eci_commarea = buffer;
+}
+
+/* Says where an ECI reply goes. Locks: tableLock held. */
+static void loadReplyRecord(Receiver* r, RequestSlot* slotP)
+{
+    growReplyBuffer(slotP, clapiPeekInboundLength(&r->sockBuffer));
+    r->eciReply.commarea = slotP->eciParms.eci_commarea;
+    r->eciReply.capacity = slotP->replyCapacity;
+    r->eciReply.extendedMode = slotP->eciParms.eci_extend_mode;
+}
+
+/*
+ * Finds the slot that a reply is for. Only a slot that waits takes it; for any other the reply
+ * is read into nothing. An id that no slot has ends the connection.
+ */
+static int findReplySlot(Receiver* r)
+{
+    namespace at = tp::receiverThread;
+
+    r->eciReply = ECIRequest{};
+    r->eciReply.limited = 1;
+    r->esiReply = ESIRequest{};
+
+    LockGuard table(r->conn->tableLock);
+    if (!table.held()) {
+        TRACE(at::noLock);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    RequestSlot* slotP = nullptr;
+    int rc = slotLookup(&r->conn->table, r->header.messageId, &slotP);
+    if (rc == QPX_OK && slotP->state == SLOT_WAITING) {
+        r->slotP = slotP;
+        r->allocNumber = slotP->allocNumber;
+        r->conn->slotBeingRead = slotP;
+        loadReplyRecord(r, slotP);
+    }
+    if (table.release() != 0) {
+        TRACE(at::notReleased);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    return rc;
+}
+
+/* Whether the slot that was found still is in the use that it was found in.
+ * Locks: tableLock held. */
+static bool stillWaits(const Receiver* r)
+{
+    return r->slotP != nullptr && r->slotP->state == SLOT_WAITING &&
+           r->slotP->allocNumber == r->allocNumber;
+}
+
+/* The caller's storage is not written to any more. Locks: tableLock held. */
+static void endReading(Receiver* r)
+{
+    if (r->conn->slotBeingRead == nullptr) return;
+    r->conn->slotBeingRead = nullptr;
+    pthread_cond_broadcast(&r->conn->transferEnded);
+}
+
+/* Puts the header's code into the slot and wakes its waiter. Locks: tableLock held. */
+static void deliver(Receiver* r)
+{
+    if (stillWaits(r)) clapiDeliverSlot(r->conn, r->slotP, r->header.gatewayRc);
+    endReading(r);
+}
+
+static short inboundLengthFor(const RequestSlot* slotP, int inboundLength)
+{
+    int limit = SHRT_MAX;
+    if (slotP->eciParms.eci_call_type != ECI_ASYNC)
+        limit = static_cast<int>(std::min(slotP->replyCapacity, static_cast<size_t>(SHRT_MAX)));
+    return static_cast<short>(std::clamp(inboundLength, 0, limit));
+}
+
+static void storeECIReply(RequestSlot* slotP, const ECIRequest& reply)
+{
+    bool isSystemList = reply.callType == WIRE_CALL_LIST_SYSTEMS;
+    memcpy(slotP->eciParms.eci_abend_code, reply.abendCode, sizeof reply.abendCode);
+    slotP->vornRc = reply.vornRc;
+    slotP->eciParms.commarea_inbound_length =
+        inboundLengthFor(slotP, reply.commareaInboundLength);
+    slotP->eciParms.eci_luw_token = isSystemList ? reply.server_num : reply.luwToken;
+}
+
+static int receiveECIReply(Receiver* r)
+{
+    namespace at = tp::receiverThread;
+
+    // A failure that the header tells may come without a body.
+    bool hasBody = r->header.gatewayRc == 0 || r->header.datalength != 0;
+    int rc = hasBody ? clapiReadECIResponse(&r->sockBuffer, &r->eciReply) : QPX_OK;
+    if (rc == QPX_OK) rc = bodyResult(r);
+    if (rc != QPX_OK) return rc;
+    if (r->eciReply.vornRc != 0)
+        TRACE(at::eciError, r->eciReply.vornRc, clapiGetRcStringECI(r->eciReply.vornRc));
+
+    LockGuard table(r->conn->tableLock);
+    if (stillWaits(r)) storeECIReply(r->slotP, r->eciReply);
+    deliver(r);
+    return QPX_OK;
+}
+
+static void storeESIReply(RequestSlot* slotP, const ESIRequest& reply)
+{
+    slotP->vornRc = reply.vornRc;
+    if (reply.vornRc == 0 && slotP->esiDetails != nullptr) *slotP->esiDetails = reply.details;
+}
+
+static int receiveESIReply(Receiver* r)
+{
+    namespace at = tp::receiverThread;
+
+    bool hasServerRc = r->header.datalength >= static_cast<int>(sizeof(int));
+    clapiReadESIResponse(&r->sockBuffer, &r->esiReply);
+    // Deliberate: the reading's result is not checked; what is missing counts as 0.
+    if (r->sockBuffer.socketErr == EBADMSG) r->sockBuffer.socketErr = 0;
+    // Without a server's code a success must not be read out of the missing bytes.
+    if (!hasServerRc && r->header.gatewayRc == 0) r->header.gatewayRc = QPX_ERR_SYSTEM_ERROR;
+    if (r->esiReply.vornRc != 0)
+        TRACE(at::esiError, r->esiReply.vornRc, clapiGetRcStringESI(r->esiReply.vornRc));
+
+    LockGuard table(r->conn->tableLock);
+    if (stillWaits(r)) storeESIReply(r->slotP, r->esiReply);
+    deliver(r);
+    return QPX_OK;
+}
+
+static int receiveUnknownReply(Receiver* r, const char* requestType)
+{
+    namespace at = tp::receiverThread;
+
+    TRACE(at::otherType, requestType);
+    r->header.gatewayRc = QPX_ERR_SYSTEM_ERROR;
+
+    LockGuard table(r->conn->tableLock);
+    deliver(r);
+    return QPX_OK;
+}
+
+static int receiveReply(Receiver* r)
+{
+    namespace at = tp::receiverThread;
+
+    char requestType[REQUEST_TYPE_SIZE + 1] = {};
+    memcpy(requestType, r->header.requestType, REQUEST_TYPE_SIZE);
+    TRACE(at::reply, requestType);
+
+    int rc = findReplySlot(r);
+    if (rc != QPX_OK) return rc;
+
+    size_t length = static_cast<size_t>(r->header.requestTypeLength);
+    if (strncmp(requestType, "ECI", length) == 0) return receiveECIReply(r);
+    if (strncmp(requestType, "ESI", length) == 0) return receiveESIReply(r);
+    return receiveUnknownReply(r, requestType);
+}
+
+/* ---- Other flows ---- */
+
+/*
+ * Gives the header's code to the request that the flow names, if there is one that waits.
+ * Deliberate: unlike for a reply, the slot is looked up without the table lock.
+ */
+static void deliverFailure(Receiver* r)
+{
+    RequestSlot* slotP = nullptr;
+    slotLookup(&r->conn->table, r->header.messageId, &slotP);
+    if (slotP == nullptr) return;
+
+    LockGuard table(r->conn->tableLock);
+    if (slotP->state == SLOT_WAITING)
+        clapiDeliverSlot(r->conn, slotP, r->header.gatewayRc);
+}
+
+static int receiveError(Receiver* r)
+{
+    namespace at = tp::receiverThread;
+
+    TRACE(at::error, r->header.gatewayRc, clapiGetRcString(r->header.gatewayRc));
+    if (r->header.messageId == MESSAGE_ID_CONNECTION)
+        return firstFailure(r->header.gatewayRc, QPX_ERR_SYSTEM_ERROR);
+    deliverFailure(r);
+    return QPX_OK;
+}
+
+static int receiveHandshake(Receiver* r)
+{
+    namespace at = tp::receiverThread;
+
+    TRACE(at::handshake);
+    r->conn->connStatus = CONN_CONNECTED;
+    clapiClearEvent(&r->conn->connEvent);
+    return QPX_OK;
+}
+
+/* Reads and traces the text of an exception. A body without one gives an empty text. */
+static int readExceptionText(Receiver* r)
+{
+    namespace at = tp::receiverThread;
+
+    readByte(&r->sockBuffer);
+    size_t length = static_cast<unsigned short>(readShort(&r->sockBuffer));
+    length = std::min(length, bytesLeft(&r->sockBuffer));
+    char* text = static_cast<char*>(malloc(length + 1));
+    if (text == nullptr) {
+        TRACE(at::noMemory, traceInt(length));
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    memset(text, 0, length + 1);
+    readBytes(&r->sockBuffer, text, length);
+    TRACE(at::exceptionText, traceInt(length), text);
+    free(text);
+    if (r->sockBuffer.socketErr == EBADMSG) r->sockBuffer.socketErr = 0;
+    return r->sockBuffer.socketErr != 0 ? QPX_ERR_LOSTGWCON : QPX_OK;
+}
+
+static int receiveException(Receiver* r)
+{
+    namespace at = tp::receiverThread;
+
+    TRACE(at::exception);
+    int rc = readExceptionText(r);
+    if (rc != QPX_OK) return rc;
+    r->header.gatewayRc = QPX_ERR_GATEWAY_EXCEPTION;
+    deliverFailure(r);
+    return QPX_OK;
+}
+
+static int dispatchFlow(Receiver* r)
+{
+    namespace at = tp::receiverThread;
+
+    switch (r->header.flowType) {
+    case FLOW_REPLY: return receiveReply(r);
+    case FLOW_ERROR: return receiveError(r);
+    case FLOW_HANDSHAKE: return receiveHandshake(r);
+    case FLOW_EXCEPTION: return receiveException(r);
+    case FLOW_PING: TRACE(at::ping); return QPX_OK;
+    case FLOW_CLOSE: TRACE(at::closeFlow); return QPX_OK;
+    default: return QPX_OK;
+    }
+}
+
+/* ---- The receiver's start and end ---- */
+
+static void startReceiving(Receiver* r)
+{
+    clapiSetEvent(&r->conn->recvThreadEndedEvent);
+    r->rc = initReadBuffer(&r->sockBuffer, r->conn->socketDescriptor, SOCKET_BUFFER_CAPACITY);
+    if (r->rc != QPX_OK)
+        r->conn->connStatus = CONN_FAILED;
+    else
+        r->timeout = r->conn->connTimeout;
+}
+
+static void receiveFlows(Receiver* r)
+{
+    namespace at = tp::receiverThread;
+
+    while (isOpenOrOpening(r->conn) && r->rc == QPX_OK) {
+        TRACE(at::waiting);
+        r->rc = readFlow(r);
+        if (r->rc == QPX_OK) r->rc = dispatchFlow(r);
+        if (r->rc == QPX_OK) r->rc = drainBody(r);
+    }
+}
+
+/* Tells the connecting thread, if it still waits, what ended the connection. */
+static void noteLost(Receiver* r)
+{
+    _QPX_ConnToken_t* conn = r->conn;
+    // Deliberate: after a close flow neither state nor event changes.
+    if (conn->connStatus == CONN_CLOSED) return;
+    conn->handshakeRc = r->rc;
+    conn->connStatus = conn->connStatus == CONN_CONNECTING ? CONN_FAILED : CONN_LOST;
+    clapiClearEvent(&conn->connEvent);
+}
+
+/* Gives every request that still waits the connection's end as its result, and lets those go
+ * that wait for an asynchronous reply. */
+static void completeWaitingRequests(Receiver* r)
+{
+    _QPX_ConnToken_t* conn = r->conn;
+    for (RequestSlot* slotP = &conn->table.slot[0]; slotP != nullptr; slotP = slotP->nextSlot)
+        if (slotP->state == SLOT_WAITING) clapiDeliverSlot(conn, slotP, r->closeRc);
+    clapiClearEvent(&conn->asyncReplyEvent);
+}
+
+static void endConnection(Receiver* r)
+{
+    freeBuffer(&r->sockBuffer);
+    LockGuard table(r->conn->tableLock);
+    endReading(r);
+    noteLost(r);
+    if (r->conn->connStatus != CONN_FAILED) completeWaitingRequests(r);
+}
+
+/* Closes the socket once nobody writes to it: its number may serve another connection at once. */
+static void closeConnectionSocket(_QPX_ConnToken_t* conn)
+{
+    if (conn->socketDescriptor == NO_SOCKET) return;
+    shutdown(conn->socketDescriptor, SHUT_RDWR); // wakes a sender that is stuck
+    clapiWaitForSenders(conn);
+    closeSocket(conn->socketDescriptor);
+}
+
+/* The only reader of a connection's socket, from the connect to the end of the connection. */
+static void* receiverThread(void* argument)
+{
+    namespace at = tp::receiverThread;
+
+    _QPX_ConnToken_t* conn = static_cast<_QPX_ConnToken_t*>(argument);
+    Receiver receiver = {};
+    receiver.conn = conn;
+    receiver.closeRc = QPX_ERR_LOSTGWCON;
+
+    TRACE(at::entry, conn);
+    pthread_detach(pthread_self());
+    startReceiving(&receiver);
+    receiveFlows(&receiver);
+    // Deliberate: where no buffer could be made, nobody is told.
+    if (conn->connStatus != CONN_FAILED) endConnection(&receiver);
+    closeConnectionSocket(conn);
+    clapiClearEvent(&conn->recvThreadEndedEvent);
+    // From here on a closer may free the token.
+    TRACE(at::exit);
+    return nullptr;
+}
+
+/* ---- Connecting ---- */
+
+static int getHostInfo(const char* address, int port, addrinfo** hostInfo)
+{
+    namespace at = tp::getHostInfo;
+
+    char portText[16];
+    snprintf(portText, sizeof portText, "%d", port);
+    addrinfo hints = {};
+    hints.ai_flags = AI_ADDRCONFIG | AI_ALL;
+    hints.ai_socktype = SOCK_STREAM;
+    int resolverRc = getaddrinfo(address, portText, &hints, hostInfo);
+    if (resolverRc == 0) return QPX_OK;
+
+    TRACE(at::notResolved, address, portText, gai_strerror(resolverRc), resolverRc);
+    return QPX_ERR_BADHOST;
+}
+
+/* How many seconds to wait again after a signal: what is left of the limit, or 1. */
+static int secondsToWaitAgain(time_t start, int connTimeout)
+{
+    double elapsed = difftime(time(nullptr), start);
+    if (elapsed > 0 && elapsed < connTimeout) return connTimeout - static_cast<int>(elapsed);
+    return 1;
+}
+
+/* Waits until select finds the socket connected or failed; its result, with errno. */
+static int selectConnection(Socket socketDescriptor, DescriptorSet* writable,
+                            DescriptorSet* failing, int connTimeout)
+{
+    namespace at = tp::waitForConnection;
+
+    if (!writable->valid() || !failing->valid()) {
+        errno = ENOMEM;
+        return -1;
+    }
+    timeval limit = {connTimeout, 0};
+    time_t start = time(nullptr);
+    for (;;) {
+        TRACE(at::selecting, traceSocket(socketDescriptor));
+        int ready = select(writable->range(), nullptr, writable->set(), failing->set(), &limit);
+        if (ready >= 0 || errno != EINTR) return ready;
+        limit.tv_sec = secondsToWaitAgain(start, connTimeout);
+        limit.tv_usec = 0;
+    }
+}
+
+static int awaitConnected(Socket socketDescriptor, int* sockError, int connTimeout)
+{
+    namespace at = tp::waitForConnection;
+
+    char text[128];
+    DescriptorSet writable(socketDescriptor);
+    DescriptorSet failing(socketDescriptor);
+    int ready = selectConnection(socketDescriptor, &writable, &failing, connTimeout);
+    if (ready < 0) {
+        *sockError = errno;
+        TRACE(at::selectFailed, traceSocket(socketDescriptor), errorText(*sockError, text),
+              *sockError);
+        return QPX_ERR_CONNECTFAILED;
+    }
+    if (ready == 0) {
+        *sockError = ETIMEDOUT;
+        TRACE(at::timedOut, traceSocket(socketDescriptor));
+        return QPX_ERR_CONNECTTIMEOUT;
+    }
+    // Deliberate: a socket that shows in the exception set alone counts as connected.
+    if (!writable.contains()) return QPX_OK;
+
+    int error = 0;
+    socklen_t errorSize = sizeof error;
+    getsockopt(socketDescriptor, SOL_SOCKET, SO_ERROR, &error, &errorSize);
+    if (error == 0) return QPX_OK;
+    *sockError = error;
+    TRACE(at::failed, traceSocket(socketDescriptor), errorText(error, text), error);
+    return QPX_ERR_CONNECTFAILED;
+}
+
+static int waitForConnection(Socket* socketDescriptorPtr, int* sockError, int connTimeout)
+{
+    namespace at = tp::waitForConnection;
+
+    TRACE(at::entry, socketDescriptorPtr, sockError, connTimeout);
+    int rc = awaitConnected(*socketDescriptorPtr, sockError, connTimeout);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+static int createSocket(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host)
+{
+    namespace at = tp::clapiConnectToGateway;
+
+    TRACE(at::creatingSocket, host->ai_family, host->ai_socktype, host->ai_protocol);
+    gwTokPtr->socketDescriptor = socket(host->ai_family, host->ai_socktype, host->ai_protocol);
+    if (gwTokPtr->socketDescriptor != NO_SOCKET) return QPX_OK;
+
+    int error = errno;
+    char text[128];
+    TRACE(at::noSocket, errorText(error, text), error);
+    // Deliberate: not a failed connect.
+    return QPX_ERR_BADHOST;
+}
+
+static int setSocketOptions(Socket socketDescriptor)
+{
+    namespace at = tp::clapiConnectToGateway;
+
+    int on = 1;
+    if (setsockopt(socketDescriptor, SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on) == 0 &&
+        setsockopt(socketDescriptor, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) == 0)
+        return QPX_OK;
+    TRACE(at::noOptions, static_cast<unsigned long>(errno));
+    return QPX_ERR_CONNECTFAILED;
+}
+
+/* Starts the connect and, where it does not succeed at once, waits for it. */
+static int reachHost(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host, int* sockError)
+{
+    namespace at = tp::clapiConnectToGateway;
+
+    if (connect(gwTokPtr->socketDescriptor, host->ai_addr, host->ai_addrlen) == 0) return QPX_OK;
+    if (errno != EINPROGRESS) {
+        *sockError = errno;
+        return QPX_ERR_CONNECTFAILED;
+    }
+    TRACE(at::waiting);
+    return waitForConnection(&gwTokPtr->socketDescriptor, sockError, gwTokPtr->connTimeout);
+}
+
+/* Connects within the token's time limit. A limit of 0 leaves the socket in blocking mode. */
+static int connectSocket(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host, const char* hostname)
+{
+    namespace at = tp::clapiConnectToGateway;
+
+    bool limited = gwTokPtr->connTimeout != 0;
+    if (limited) ioctl(gwTokPtr->socketDescriptor, FIONBIO, &sockOptOn);
+    int sockError = 0;
+    int rc = reachHost(gwTokPtr, host, &sockError);
+    if (rc != QPX_OK) {
+        char text[128];
+        TRACE(at::notConnected, errorText(sockError, text), sockError);
+        return rc;
+    }
+    TRACE(at::connected, hostname, gwTokPtr->portNumber);
+    if (limited) ioctl(gwTokPtr->socketDescriptor, FIONBIO, &sockOptOff);
+    return QPX_OK;
+}
+
+/*
+ * Starts the receiver thread. The event for its end is armed and this thread counted as a sender
+ * before it exists: whatever it meets first, nobody takes it for ended, and the socket stays
+ * open until the handshake is written.
+ */
+static int startReceiverThread(_QPX_ConnToken_t* gwTokPtr)
+{
+    namespace at = tp::clapiConnectToGateway;
+
+    TRACE(at::creatingThread);
+    clapiSetEvent(&gwTokPtr->recvThreadEndedEvent);
+    gwTokPtr->senders = 1;
+    pthread_t thread;
+    int threadRc = pthread_create(&thread, nullptr, receiverThread, gwTokPtr);
+    if (threadRc == 0) return QPX_OK;
+
+    TRACE(at::noThread, threadRc);
+    gwTokPtr->senders = 0;
+    clapiClearEvent(&gwTokPtr->recvThreadEndedEvent);
+    return QPX_ERR_SYSTEM_ERROR;
+}
+
+/* Writes the handshake without sendLock: no other thread knows the token yet. If it cannot be
+ * written, the receiver is made to end, and closes the socket; this waits for it. */
+static int sendHandshake(_QPX_ConnToken_t* gwTokPtr, char* applid, char* applidQualifier)
+{
+    namespace at = tp::clapiConnectToGateway;
+
+    int rc = clapiFlowHandshakeRequest(gwTokPtr->socketDescriptor, applid, applidQualifier);
+    if (rc == QPX_OK) {
+        clapiEndSending(gwTokPtr);
+        return QPX_OK;
+    }
+    TRACE(at::notSent, rc, clapiGetRcString(rc));
+    shutdown(gwTokPtr->socketDescriptor, SHUT_RDWR);
+    clapiEndSending(gwTokPtr);
+    clapiWaitEvent(&gwTokPtr->recvThreadEndedEvent);
+    return QPX_ERR_CONNECTFAILED;
+}
+
+/* Waits for the receiver to tell what the Gateway answered; it bounds this wait. */
+static int awaitHandshakeAnswer(_QPX_ConnToken_t* gwTokPtr)
+{
+    namespace at = tp::clapiConnectToGateway;
+
+    TRACE(at::awaitingAnswer);
+    int rc = clapiWaitEvent(&gwTokPtr->connEvent);
+    if (gwTokPtr->connStatus == CONN_CONNECTED) return rc;
+    TRACE(at::refused, gwTokPtr->handshakeRc);
+    return gwTokPtr->handshakeRc;
+}
+
+/* A socket that is open, tuned, connected and read by its receiver thread, or no socket. */
+static int openSocket(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host, const char* hostname)
+{
+    int rc = createSocket(gwTokPtr, host);
+    if (rc != QPX_OK) return rc;
+
+    rc = setSocketOptions(gwTokPtr->socketDescriptor);
+    if (rc == QPX_OK) rc = connectSocket(gwTokPtr, host, hostname);
+    if (rc == QPX_OK) rc = startReceiverThread(gwTokPtr);
+    // Once there is a receiver, closing is its business.
+    if (rc != QPX_OK) closeSocket(gwTokPtr->socketDescriptor);
+    return rc;
+}
+
+static int connectAndShakeHands(int port, char* hostname, _QPX_ConnToken_t* gwTokPtr, char* applid,
+                                char* applidQualifier)
+{
+    addrinfo* hostInfo = nullptr;
+    int rc = getHostInfo(hostname, port, &hostInfo);
+    if (rc != QPX_OK) return rc;
+
+    // Deliberate: only the first address is tried.
+    rc = openSocket(gwTokPtr, hostInfo, hostname);
+    if (rc == QPX_OK) rc = sendHandshake(gwTokPtr, applid, applidQualifier);
+    if (rc == QPX_OK) rc = awaitHandshakeAnswer(gwTokPtr);
+    freeaddrinfo(hostInfo);
+    return rc;
+}
+
+int clapiConnectToGateway(int port, char* hostname, _QPX_ConnToken_t* gwTokPtr, char* applid,
+                          char* applidQualifier)
+{
+    namespace at = tp::clapiConnectToGateway;
+
+    TRACE(at::entry, port, hostname, gwTokPtr, gwTokPtr->connTimeout, applid, applidQualifier);
+    int rc = connectAndShakeHands(port, hostname, gwTokPtr, applid, applidQualifier);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- The close flow ---- */
+
+static int sendCloseFlow(_QPX_ConnToken_t* conn)
+{
+    namespace at = tp::clapiCloseConnection;
+
+    LockGuard sending(conn->sendLock);
+    if (!sending.held()) {
+        TRACE(at::noLock);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    int rc = clapiFlowCloseRequest(conn->socketDescriptor);
+    if (sending.release() != 0) {
+        TRACE(at::notReleased);
+        rc = firstFailure(rc, QPX_ERR_SYSTEM_ERROR);
+    }
+    return rc;
+}
+
+/* The socket of a connection that has ended meanwhile may be another's by now: the flow then
+ * goes to no socket, with the same result as on a closed one. */
+static int sendCloseFlowSafely(_QPX_ConnToken_t* conn)
+{
+    if (!clapiBeginSendingFlow(conn)) return clapiFlowCloseRequest(NO_SOCKET);
+    int rc = sendCloseFlow(conn);
+    clapiEndSending(conn);
+    return rc;
+}
+
+int clapiCloseConnection(_QPX_ConnToken_t* conn)
+{
+    namespace at = tp::clapiCloseConnection;
+
+    TRACE(at::entry, conn);
+    int rc = sendCloseFlowSafely(conn);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}

@@ -1,0 +1,1131 @@
+/*
+ * Gateway tokens: the record of one connection from its creation to its end, the list of all of
+ * them, the request slots of each, the count of the calls at work on it, and its orderly end.
+ * What travels on the connection is clapi_gwycon's and clapi_socketcomms' business.
+ *
+ * Locks: gtlLock for the list, closedown, requestCount and the last three fields of a token;
+ * then tableLock for its slots and its reply queue. Neither is held across a wait.
+ */
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "clapi_diag.h"
+#include "clapi_types.h"
+#include "trace_points/clapi_gwytok.h"
+
+static const char TOKEN_EYECATCHER[] = "QPXGWTOK";
+static const char SLOT_EYECATCHER[] = "QPXRSLOT";
+
+Clapilock gtlLock;
+static _QPX_ConnToken_t* gtListHeadPtr = nullptr; // guarded by gtlLock
+static _QPX_ConnToken_t* gtListTailPtr = nullptr; // guarded by gtlLock; stale for an empty list
+
+/* Results of findGatewayToken. */
+constexpr int TOKEN_NULL = 1002;
+constexpr int TOKEN_NOT_FOUND = 1003;
+constexpr int TOKEN_FOUND = 1004;
+
+static const char* traceFlag(int flag)
+{
+    return flag != 0 ? "TRUE" : "FALSE";
+}
+
+/* ---- Slot tables ---- */
+
+static RequestSlot* lastSlotOf(RequestTable* tableP)
+{
+    return &tableP->slot[SLOTS_PER_TABLE - 1];
+}
+
+static RequestTable* tableOf(RequestSlot* slotP)
+{
+    int position = (slotP->messageId - 1) % SLOTS_PER_TABLE;
+    return reinterpret_cast<RequestTable*>(slotP - position);
+}
+
+void clapiInitializeTable(RequestTable* tableP, int firstId)
+{
+    for (int i = 0; i < SLOTS_PER_TABLE; ++i) {
+        RequestSlot* slotP = &tableP->slot[i];
+        memcpy(slotP->eyecatcher, SLOT_EYECATCHER, sizeof slotP->eyecatcher);
+        slotP->nextSlot = i + 1 < SLOTS_PER_TABLE ? slotP + 1 : nullptr;
+        slotP->state = SLOT_FREE;
+        slotP->messageId = firstId + i;
+    }
+}
+
+/* A zeroed table: one that was kept, or a new one; null if there is no memory. */
+static RequestTable* obtainTable(RequestTable* requestTableP)
+{
+    RequestTable* tableP = requestTableP->keptTable;
+    if (tableP != nullptr) {
+        requestTableP->keptTable = tableP->nextKept;
+        tableP->nextKept = nullptr;
+        return tableP;
+    }
+    tableP = static_cast<RequestTable*>(malloc(sizeof(RequestTable)));
+    if (tableP != nullptr) memset(static_cast<void*>(tableP), 0, sizeof *tableP);
+    return tableP;
+}
+
+/*
+ * Zeroes a table that has left the chain and keeps it. It does not go back to the heap while the
+ * token lives: a look-up without the table lock may still stand in it, and finds the end of the
+ * chain there.
+ */
+static void keepTable(RequestTable* requestTableP, RequestTable* tableP)
+{
+    for (RequestSlot& slot : tableP->slot) {
+        slot.nextSlot = nullptr;
+        slot.messageId = 0;
+    }
+    tableP->nextKept = requestTableP->keptTable;
+    requestTableP->keptTable = tableP;
+}
+
+void clapiFreeKeptTables(RequestTable* requestTableP)
+{
+    while (requestTableP->keptTable != nullptr) {
+        RequestTable* tableP = requestTableP->keptTable;
+        requestTableP->keptTable = tableP->nextKept;
+        free(tableP);
+    }
+}
+
+/* Links one more table behind the last slot, and returns its first slot, or null. */
+static RequestSlot* growBehind(RequestTable* requestTableP, RequestSlot* lastSlotP)
+{
+    namespace at = tp::slotFind;
+
+    RequestTable* tableP = obtainTable(requestTableP);
+    if (tableP == nullptr) {
+        TRACE(at::noMemory, traceInt(sizeof(RequestTable)));
+        return nullptr;
+    }
+    clapiInitializeTable(tableP, lastSlotP->messageId + 1);
+    TRACE(at::newTable, tableP, tableP->slot[0].messageId.load(),
+          lastSlotOf(tableP)->messageId.load());
+    lastSlotP->nextSlot = &tableP->slot[0];
+    return &tableP->slot[0];
+}
+
+/* ---- Taking and giving back slots ---- */
+
+static int findFreeSlot(RequestTable* requestTableP, RequestSlot** requestSlotPP)
+{
+    RequestSlot* slotP = &requestTableP->slot[0];
+    while (slotP->state != SLOT_FREE && slotP->nextSlot != nullptr) slotP = slotP->nextSlot;
+    *requestSlotPP = slotP;
+    if (slotP->state == SLOT_FREE) return QPX_OK;
+
+    RequestSlot* newSlotP = growBehind(requestTableP, slotP);
+    if (newSlotP == nullptr) return QPX_ERR_MALLOCFAIL;
+    *requestSlotPP = newSlotP;
+    return QPX_OK;
+}
+
+static int findLuwSlot(RequestTable* requestTableP, int luwToken, RequestSlot** requestSlotPP)
+{
+    namespace at = tp::slotFind;
+
+    RequestSlot* slotP = &requestTableP->slot[0];
+    while (slotP->eciParms.eci_luw_token != luwToken && slotP->nextSlot != nullptr)
+        slotP = slotP->nextSlot;
+    *requestSlotPP = slotP;
+
+    if (slotP->eciParms.eci_luw_token != luwToken || slotP->state == SLOT_FREE) {
+        TRACE(at::unknownLuw, luwToken);
+        return ECI_ERR_LUW_TOKEN;
+    }
+    if (slotP->state != SLOT_LUW_IDLE) {
+        TRACE(at::active, luwToken, slotP->messageId.load());
+        return ECI_ERR_ALREADY_ACTIVE;
+    }
+    return QPX_OK;
+}
+
+/* A free slot gets its event; that of a unit of work has one. */
+static int prepareEvent(RequestSlot* slotP)
+{
+    namespace at = tp::slotFind;
+
+    if (slotP->state != SLOT_FREE) {
+        TRACE(at::existing, slotP->messageId.load());
+        return QPX_OK;
+    }
+    TRACE(at::newEvent, slotP->messageId.load());
+    if (clapiCreateEvent(&slotP->requestEvent) != 0) {
+        TRACE(at::noEvent, slotP->messageId.load());
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    return QPX_OK;
+}
+
+void clapiFreeReplyBuffer(RequestSlot* slotP)
+{
+    if (slotP->asyncBuffer == nullptr) return;
+    explicit_bzero(slotP->asyncBuffer, slotP->replyCapacity);
+    free(slotP->asyncBuffer);
+    slotP->asyncBuffer = nullptr;
+    slotP->eciParms.eci_commarea = nullptr;
+}
+
+/* Nothing of an earlier request may show in this one. */
+static void clearResults(RequestSlot* slotP)
+{
+    clapiFreeReplyBuffer(slotP);
+    slotP->nextReply = nullptr;
+    slotP->gatewayRc = 0;
+    slotP->vornRc = 0;
+    slotP->esiDetails = nullptr;
+    slotP->replyCapacity = 0;
+    slotP->channelHeld = 0;
+}
+
+static int takeSlot(RequestTable* requestTableP, int luwToken, RequestSlot** requestSlotPP)
+{
+    int rc = luwToken != 0 ? findLuwSlot(requestTableP, luwToken, requestSlotPP)
+                           : findFreeSlot(requestTableP, requestSlotPP);
+    if (rc == QPX_OK) rc = prepareEvent(*requestSlotPP);
+    if (rc != QPX_OK) return rc;
+
+    RequestSlot* slotP = *requestSlotPP;
+    clearResults(slotP);
+    slotP->allocNumber = ++requestTableP->lastAllocNumber;
+    slotP->state = SLOT_ALLOCATED;
+    return QPX_OK;
+}
+
+int slotFind(RequestTable* requestTableP, int luwToken, RequestSlot** requestSlotPP)
+{
+    namespace at = tp::slotFind;
+
+    TRACE(at::entry, requestTableP, luwToken, requestSlotPP);
+    int rc = takeSlot(requestTableP, luwToken, requestSlotPP);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+static bool isEmpty(const RequestTable* tableP)
+{
+    for (const RequestSlot& slot : tableP->slot)
+        if (slot.state != SLOT_FREE) return false;
+    return true;
+}
+
+/* Takes the last table out of the chain if it is an added one and empty. */
+static bool giveBackLastTable(RequestTable* requestTableP)
+{
+    namespace at = tp::slotFree;
+
+    RequestSlot* beforeTableP = nullptr;
+    RequestTable* tableP = requestTableP;
+    while (lastSlotOf(tableP)->nextSlot != nullptr) {
+        beforeTableP = lastSlotOf(tableP);
+        tableP = tableOf(beforeTableP->nextSlot);
+    }
+    if (tableP == requestTableP || !isEmpty(tableP)) return false;
+
+    TRACE(at::freeTable, tableP, tableP->slot[0].messageId.load(),
+          lastSlotOf(tableP)->messageId.load());
+    beforeTableP->nextSlot = nullptr;
+    keepTable(requestTableP, tableP);
+    return true;
+}
+
+static void releaseSlot(RequestTable* requestTableP, RequestSlot* slotP)
+{
+    if (slotP->state != SLOT_FREE) {
+        slotP->state = SLOT_FREE;
+        slotP->allocNumber = 0;
+        clapiDeleteEvent(&slotP->requestEvent);
+        clearResults(slotP);
+        memset(&slotP->eciParms, 0, sizeof slotP->eciParms);
+    }
+    bool liesInLastAddedTable = slotP->messageId > SLOTS_PER_TABLE &&
+                                lastSlotOf(tableOf(slotP))->nextSlot == nullptr;
+    if (!liesInLastAddedTable) return;
+    while (giveBackLastTable(requestTableP)) continue;
+}
+
+void slotFree(RequestTable* requestTableP, RequestSlot* slotP)
+{
+    namespace at = tp::slotFree;
+
+    TRACE(at::entry, requestTableP, slotP);
+    releaseSlot(requestTableP, slotP);
+    TRACE(at::exit);
+}
+
+static int findSlotById(RequestTable* requestTableP, int messageId, RequestSlot** slotPP)
+{
+    namespace at = tp::slotLookup;
+
+    for (RequestSlot* slotP = &requestTableP->slot[0]; slotP != nullptr; slotP = slotP->nextSlot) {
+        if (slotP->messageId != messageId) continue;
+        *slotPP = slotP;
+        return QPX_OK;
+    }
+    TRACE(at::notFound, messageId);
+    return QPX_ERR_SYSTEM_ERROR;
+}
+
+int slotLookup(RequestTable* requestTableP, int messageId, RequestSlot** slotPP)
+{
+    namespace at = tp::slotLookup;
+
+    TRACE(at::entry, requestTableP, messageId, slotPP);
+    int rc = findSlotById(requestTableP, messageId, slotPP);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- Sending and delivering ---- */
+
+bool clapiBeginSending(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
+{
+    // The receiver ends a connection by changing its state first and sweeping the slots under
+    // this lock afterwards: either the change is seen here, or the slot is seen there.
+    if (gwTokPtr->connStatus != CONN_CONNECTED) return false;
+
+    if (slotP->eciParms.eci_call_type == ECI_ASYNC) {
+        slotP->eciParms.eci_message_qualifier = slotP->messageId;
+        gwTokPtr->asyncCount += 1;
+    }
+    slotP->state = SLOT_WAITING;
+    gwTokPtr->senders += 1;
+    return true;
+}
+
+bool clapiBeginSendingFlow(_QPX_ConnToken_t* gwTokPtr)
+{
+    LockGuard table(gwTokPtr->tableLock);
+    if (gwTokPtr->connStatus != CONN_CONNECTED) return false;
+    gwTokPtr->senders += 1;
+    return true;
+}
+
+/* Locks: tableLock held. */
+static void leaveSenders(_QPX_ConnToken_t* gwTokPtr)
+{
+    gwTokPtr->senders -= 1;
+    pthread_cond_broadcast(&gwTokPtr->transferEnded);
+}
+
+void clapiEndSending(_QPX_ConnToken_t* gwTokPtr)
+{
+    LockGuard table(gwTokPtr->tableLock);
+    leaveSenders(gwTokPtr);
+}
+
+void clapiAwaitEndOfReading(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP)
+{
+    while (gwTokPtr->slotBeingRead == slotP)
+        pthread_cond_wait(&gwTokPtr->transferEnded, &gwTokPtr->tableLock.lock);
+}
+
+void clapiEndFailedSending(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP)
+{
+    LockGuard table(gwTokPtr->tableLock);
+    // A receiver that waits for the rest of this slot's reply is woken by the shutdown.
+    if (gwTokPtr->slotBeingRead == slotP) shutdown(gwTokPtr->socketDescriptor, SHUT_RDWR);
+    leaveSenders(gwTokPtr);
+    clapiAwaitEndOfReading(gwTokPtr, slotP);
+}
+
+void clapiWaitForSenders(_QPX_ConnToken_t* gwTokPtr)
+{
+    LockGuard table(gwTokPtr->tableLock);
+    while (table.held() && gwTokPtr->senders > 0)
+        pthread_cond_wait(&gwTokPtr->transferEnded, &gwTokPtr->tableLock.lock);
+}
+
+static void queueReply(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
+{
+    slotP->nextReply = nullptr;
+    if (gwTokPtr->firstReply == nullptr)
+        gwTokPtr->firstReply = slotP;
+    else
+        gwTokPtr->lastReply->nextReply = slotP;
+    gwTokPtr->lastReply = slotP;
+    clapiClearEvent(&gwTokPtr->asyncReplyEvent);
+}
+
+void clapiDeliverSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc)
+{
+    slotP->gatewayRc = gatewayRc;
+    slotP->state = SLOT_DELIVERED;
+    if (slotP->eciParms.eci_call_type == ECI_ASYNC) queueReply(gwTokPtr, slotP);
+    clapiClearEvent(&slotP->requestEvent);
+}
+
+void clapiUnlinkReply(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
+{
+    RequestSlot* beforeP = nullptr;
+    RequestSlot* currentP = gwTokPtr->firstReply;
+    while (currentP != nullptr && currentP != slotP) {
+        beforeP = currentP;
+        currentP = currentP->nextReply;
+    }
+    if (currentP == nullptr) return;
+
+    if (beforeP != nullptr)
+        beforeP->nextReply = slotP->nextReply;
+    else
+        gwTokPtr->firstReply = slotP->nextReply;
+    if (gwTokPtr->lastReply == slotP) gwTokPtr->lastReply = beforeP;
+    slotP->nextReply = nullptr;
+}
+
+/* ---- The token list ---- */
+
+static int searchTokenList(_QPX_ConnToken_t* targetToken, _QPX_ConnToken_t** parentTokenPtrPtr)
+{
+    namespace at = tp::findGatewayToken;
+
+    if (targetToken == nullptr) {
+        TRACE(at::nullToken);
+        return TOKEN_NULL;
+    }
+    if (gtListHeadPtr == nullptr) {
+        TRACE(at::empty);
+        return TOKEN_NOT_FOUND;
+    }
+
+    // Identity is the pointer's: no field of the target is read before it is found.
+    _QPX_ConnToken_t* parent = nullptr;
+    _QPX_ConnToken_t* current = gtListHeadPtr;
+    int entry = 0;
+    while (current != targetToken && current->nextGwyTokPtr != nullptr) {
+        parent = current;
+        current = current->nextGwyTokPtr;
+        entry += 1;
+    }
+    if (current != targetToken) {
+        TRACE(at::notFound, entry, gtListHeadPtr, current);
+        return TOKEN_NOT_FOUND;
+    }
+    if (parentTokenPtrPtr != nullptr) *parentTokenPtrPtr = parent;
+    TRACE(at::found, entry);
+    return TOKEN_FOUND;
+}
+
+/* Searches the list for a token; *parentTokenPtrPtr, where wanted, receives the token before it.
+ * Locks: gtlLock held. */
+static int findGatewayToken(_QPX_ConnToken_t* targetToken, _QPX_ConnToken_t** parentTokenPtrPtr)
+{
+    namespace at = tp::findGatewayToken;
+
+    TRACE(at::entry, targetToken, parentTokenPtrPtr);
+    int rc = searchTokenList(targetToken, parentTokenPtrPtr);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+static int appendToList(_QPX_ConnToken_t* newToken)
+{
+    namespace at = tp::chainGatewayToken;
+
+    if (newToken == nullptr) {
+        TRACE(at::nullToken);
+        return QPX_ERR_NULLGWTOKPTR;
+    }
+    LockGuard list(gtlLock);
+    if (!list.held()) {
+        TRACE(at::noLock);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    if (gtListHeadPtr == nullptr) {
+        gtListHeadPtr = newToken;
+    }
+    else if (gtListTailPtr != nullptr) {
+        gtListTailPtr->nextGwyTokPtr = newToken;
+    }
+    else {
+        TRACE(at::corrupt, gtListHeadPtr, gtListTailPtr);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    gtListTailPtr = newToken;
+    return QPX_OK;
+}
+
+static int chainGatewayToken(_QPX_ConnToken_t* newToken)
+{
+    namespace at = tp::chainGatewayToken;
+
+    TRACE(at::entry, newToken);
+    int rc = appendToList(newToken);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* Deliberate: when the head goes, the tail is left as it was. It is read only while there is a
+ * head, and then it is right. Locks: gtlLock held. */
+static void unlinkFromList(_QPX_ConnToken_t* token, _QPX_ConnToken_t* parent)
+{
+    if (parent == nullptr) {
+        gtListHeadPtr = token->nextGwyTokPtr;
+        return;
+    }
+    parent->nextGwyTokPtr = token->nextGwyTokPtr;
+    if (parent->nextGwyTokPtr == nullptr) gtListTailPtr = parent;
+}
+
+int clapiFormatGatewayToken(_QPX_ConnToken_t* gwTokPtr, char* formattedToken)
+{
+    if (formattedToken == nullptr) return QPX_ERR_NULLPARM;
+    if (gwTokPtr == nullptr) {
+        strcpy(formattedToken, "GatwayToken(NULL)");
+        return QPX_OK;
+    }
+    snprintf(formattedToken, FORMATTED_TOKEN_SIZE,
+             "GatwayToken(%p) eyecatcher(%8.8s) port(%d) connStatus(%d) socket(%d) applid(%s) "
+             "applidQual(%s) nextGwyTokPtr(%p)",
+             static_cast<void*>(gwTokPtr), gwTokPtr->eyecatcher,
+             static_cast<int>(gwTokPtr->portNumber), gwTokPtr->connStatus.load(),
+             gwTokPtr->socketDescriptor, gwTokPtr->applid, gwTokPtr->applidQualifier,
+             static_cast<void*>(gwTokPtr->nextGwyTokPtr));
+    return QPX_OK;
+}
+
+#define RULE_OF_40 "----------------------------------------"
+static const char DUMP_RULE[] = RULE_OF_40 RULE_OF_40 "\n";
+
+/* Locks: gtlLock and traceLock held. */
+static int dumpTokenList()
+{
+    clapiTracePrint("Gateway Token List dump\n%s", DUMP_RULE);
+    int entries = 0;
+    for (_QPX_ConnToken_t* token = gtListHeadPtr; token != nullptr; token = token->nextGwyTokPtr) {
+        char formattedToken[FORMATTED_TOKEN_SIZE];
+        clapiFormatGatewayToken(token, formattedToken);
+        entries += 1;
+        clapiTracePrint("Gateway Token List entry -%4.4d- : %s\n", entries, formattedToken);
+    }
+    if (entries == 0)
+        clapiTracePrint("The Gateway Token List is EMPTY\n");
+    else
+        clapiTracePrint("Total number of Gateway Token List entries=%d\n", entries);
+    clapiTracePrint("%s", DUMP_RULE);
+    return entries;
+}
+
+void clapiDumpGatewayTokens(void)
+{
+    namespace at = tp::clapiDumpGatewayTokens;
+
+    TRACE(at::entry);
+    int length = 0;
+    {
+        LockGuard list(gtlLock);
+        TraceHold hold;
+        if (list.held()) length = dumpTokenList();
+    }
+    TRACE(at::exit, length);
+}
+
+/* ---- Counting API calls ---- */
+
+static int countRequestIn(_QPX_ConnToken_t* gwTokPtr)
+{
+    namespace at = tp::clapiRegisterRequest;
+
+    LockGuard list(gtlLock);
+    if (!list.held()) {
+        TRACE(at::noLock);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+
+    int findRc = findGatewayToken(gwTokPtr, nullptr);
+    if (findRc != TOKEN_FOUND) {
+        TRACE(at::notFound, gwTokPtr, findRc);
+        return QPX_ERR_BADGWTOK;
+    }
+
+    // Deliberate: a call on a closing token is counted too, so that the close waits for it; it
+    // is refused later, by the call itself.
+    gwTokPtr->requestCount += 1;
+    TRACE(at::counted, gwTokPtr->requestCount.load(), gwTokPtr);
+    return QPX_OK;
+}
+
+int clapiRegisterRequest(_QPX_ConnToken_t* gwTokPtr)
+{
+    namespace at = tp::clapiRegisterRequest;
+
+    TRACE(at::entry, gwTokPtr);
+    int rc = countRequestIn(gwTokPtr);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+static int countRequestOut(_QPX_ConnToken_t* gwTokPtr)
+{
+    namespace at = tp::clapiUnregisterRequest;
+
+    LockGuard list(gtlLock);
+    if (!list.held()) {
+        TRACE(at::noLock);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+
+    gwTokPtr->requestCount -= 1;
+    if (gwTokPtr->requestCount == 0 && gwTokPtr->asyncCount == 0)
+        clapiClearEvent(&gwTokPtr->requestsEnded);
+    // Once the lock is released, a closer may free the token.
+    TRACE(at::counted, gwTokPtr->requestCount.load(), gwTokPtr);
+    return QPX_OK;
+}
+
+int clapiUnregisterRequest(_QPX_ConnToken_t* gwTokPtr)
+{
+    namespace at = tp::clapiUnregisterRequest;
+
+    TRACE(at::entry, gwTokPtr);
+    int rc = countRequestOut(gwTokPtr);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- Creating a token ---- */
+
+/* Undoes the first of the locks and events below, the newest first. */
+static void removePrimitives(_QPX_ConnToken_t* token, int made)
+{
+    if (made > 5) clapiDeleteEvent(&token->asyncReplyEvent);
+    if (made > 4) clapiDeleteEvent(&token->requestsEnded);
+    if (made > 3) clapiDeleteEvent(&token->recvThreadEndedEvent);
+    if (made > 2) clapiDeleteEvent(&token->connEvent);
+    if (made > 1) clapiDestroyLock(&token->sendLock);
+    if (made > 0) clapiDestroyLock(&token->tableLock);
+}
+
+constexpr int ALL_PRIMITIVES = 6;
+
+static int createPrimitives(_QPX_ConnToken_t* token)
+{
+    namespace at = tp::clapiCreateGatewayToken;
+
+    if (clapiInitializeLock(&token->tableLock) != 0) {
+        TRACE(at::noTableLock);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    if (clapiInitializeLock(&token->sendLock) != 0) {
+        TRACE(at::noSendLock);
+        removePrimitives(token, 1);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    if (clapiCreateEvent(&token->connEvent) != 0) {
+        TRACE(at::noConnEvent);
+        removePrimitives(token, 2);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    if (clapiCreateEvent(&token->recvThreadEndedEvent) != 0) {
+        TRACE(at::noRecvThreadEndedEvent);
+        removePrimitives(token, 3);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    if (clapiCreateEvent(&token->requestsEnded) != 0) {
+        TRACE(at::noRequestsEnded);
+        removePrimitives(token, 4);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    // Deliberate: this failure alone comes back as the event's own.
+    int eventRc = clapiCreateEvent(&token->asyncReplyEvent);
+    if (eventRc != 0) {
+        TRACE(at::noAsyncReplyEvent);
+        removePrimitives(token, 5);
+    }
+    return eventRc;
+}
+
+static void copyApplid(char (&field)[APPLID_SIZE + 1], const char* text)
+{
+    memcpy(field, text, strnlen(text, APPLID_SIZE));
+}
+
+static void setInitialFields(_QPX_ConnToken_t* token, int port, int connTimeout, const char* applid,
+                             const char* applidQualifier)
+{
+    static const pthread_cond_t newCondition = PTHREAD_COND_INITIALIZER;
+
+    memset(static_cast<void*>(token), 0, sizeof *token);
+    memcpy(token->eyecatcher, TOKEN_EYECATCHER, sizeof token->eyecatcher);
+    token->portNumber = static_cast<uint32_t>(port);
+    token->connStatus = CONN_CONNECTING;
+    token->connTimeout = connTimeout;
+    token->socketDescriptor = NO_SOCKET;
+    copyApplid(token->applid, applid);
+    copyApplid(token->applidQualifier, applidQualifier);
+    token->transferEnded = newCondition;
+    token->opening = 1;
+}
+
+/* Makes a token that is complete but for its connection and puts it on the list. */
+static int buildToken(_QPX_ConnToken_t** newToken, int port, int connTimeout, const char* applid,
+                      const char* applidQualifier)
+{
+    namespace at = tp::clapiCreateGatewayToken;
+
+    _QPX_ConnToken_t* token = static_cast<_QPX_ConnToken_t*>(malloc(sizeof *token));
+    TRACE(at::allocated, traceInt(sizeof *token), token);
+    if (token == nullptr) {
+        TRACE(at::noMemory, traceInt(sizeof *token));
+        return QPX_ERR_MALLOCFAIL;
+    }
+    setInitialFields(token, port, connTimeout, applid, applidQualifier);
+    clapiInitializeTable(&token->table, 1);
+    TRACE(at::slotTable, token->table.slot[0].messageId.load(),
+          lastSlotOf(&token->table)->messageId.load());
+
+    int rc = createPrimitives(token);
+    if (rc == QPX_OK) {
+        // There is no receiver thread yet for which a teardown would have to wait.
+        clapiClearEvent(&token->recvThreadEndedEvent);
+        rc = chainGatewayToken(token);
+        if (rc != QPX_OK) removePrimitives(token, ALL_PRIMITIVES);
+    }
+    if (rc != QPX_OK) {
+        free(token);
+        return rc;
+    }
+    *newToken = token;
+    return QPX_OK;
+}
+
+static int openClientSocket(_QPX_ConnToken_t* gwTokPtr, char* hostname, int port, char* applid,
+                            char* applidQualifier)
+{
+    namespace at = tp::openClientSocket;
+
+    TRACE(at::entry, gwTokPtr, hostname, port, gwTokPtr->connTimeout);
+    int rc = clapiConnectToGateway(port, hostname, gwTokPtr, applid, applidQualifier);
+    if (rc == QPX_OK)
+        TRACE(at::connected, hostname, gwTokPtr->portNumber,
+              traceSocket(gwTokPtr->socketDescriptor));
+    else
+        TRACE(at::failed, hostname, gwTokPtr->portNumber);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+static void traceNewToken(_QPX_ConnToken_t* token)
+{
+    namespace at = tp::clapiCreateGatewayToken;
+
+    if (!clapiTraces(at::created)) return;
+    char formattedToken[FORMATTED_TOKEN_SIZE];
+    clapiFormatGatewayToken(token, formattedToken);
+    TRACE(at::created, formattedToken);
+}
+
+/* From now on a close of all connections takes the token for one of them. */
+static void endOpening(_QPX_ConnToken_t* token)
+{
+    LockGuard list(gtlLock);
+    token->opening = 0;
+}
+
+static int createAndConnect(QPX_ConnToken_t* gwTokPtr, char* hostname, int port, int connTimeout,
+                            char* applid, char* applidQualifier)
+{
+    _QPX_ConnToken_t* token = nullptr;
+    int rc = buildToken(&token, port, connTimeout, applid, applidQualifier);
+    if (rc != QPX_OK) return rc;
+
+    rc = openClientSocket(token, hostname, port, applid, applidQualifier);
+    if (rc != QPX_OK) {
+        clapiDeleteGatewayToken(&token, 0, 1);
+        return rc;
+    }
+    traceNewToken(token);
+    endOpening(token);
+    *gwTokPtr = token;
+    return QPX_OK;
+}
+
+int clapiCreateGatewayToken(QPX_ConnToken_t* gwTokPtr, char* hostname, int port, int connTimeout,
+                            char* applid, char* applidQualifier)
+{
+    namespace at = tp::clapiCreateGatewayToken;
+
+    TRACE(at::entry, gwTokPtr, port, connTimeout, applid, applidQualifier);
+    int rc = createAndConnect(gwTokPtr, hostname, port, connTimeout, applid, applidQualifier);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- Closing a token ---- */
+
+/* The closedown word where a token is, or was, or never has been. A pointer that is not on the
+ * list is never followed: the system reads the word, and what it cannot read counts as 0. */
+static int closedownAt(_QPX_ConnToken_t* gwTokPtr, int findRc)
+{
+    if (findRc == TOKEN_FOUND) return gwTokPtr->closedown;
+    if (gwTokPtr == nullptr) return 0;
+
+    int32_t word = 0;
+    iovec local = {&word, sizeof word};
+    iovec remote = {&gwTokPtr->closedown, sizeof word};
+    ssize_t length = process_vm_readv(getpid(), &local, 1, &remote, 1, 0);
+    return length == static_cast<ssize_t>(sizeof word) ? word : 0;
+}
+
+/* Locks: gtlLock held. */
+static int markAsClosing(_QPX_ConnToken_t* gwTokPtr)
+{
+    namespace at = tp::clapiCloseGatewayToken;
+
+    int findRc = findGatewayToken(gwTokPtr, nullptr);
+    // Deliberate: a closed token is told from an unknown one before the list is asked.
+    if (closedownAt(gwTokPtr, findRc) != 0) return QPX_ERR_GWTOK_CLOSED;
+    if (findRc != TOKEN_FOUND) {
+        TRACE(at::notFound, gwTokPtr, findRc);
+        return QPX_ERR_BADGWTOK;
+    }
+
+    gwTokPtr->closedown = 1;
+    int calls = gwTokPtr->requestCount;
+    int asyncRequests = gwTokPtr->asyncCount;
+    TRACE(at::outstanding, calls, asyncRequests);
+    if (calls < 1 && asyncRequests < 1) return QPX_OK;
+
+    if (clapiSetEvent(&gwTokPtr->requestsEnded) != 0) {
+        TRACE(at::notArmed);
+        gwTokPtr->closedown = 0;
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    return QPX_OK;
+}
+
+static int lockAndMarkAsClosing(_QPX_ConnToken_t* gwTokPtr)
+{
+    namespace at = tp::clapiCloseGatewayToken;
+
+    LockGuard list(gtlLock);
+    if (!list.held()) {
+        TRACE(at::noLock);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    return markAsClosing(gwTokPtr);
+}
+
+int clapiCloseGatewayToken(_QPX_ConnToken_t* gwTokPtr, int lockRequired)
+{
+    namespace at = tp::clapiCloseGatewayToken;
+
+    TRACE(at::entry, gwTokPtr, traceFlag(lockRequired));
+    int rc = lockRequired != 0 ? lockAndMarkAsClosing(gwTokPtr) : markAsClosing(gwTokPtr);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- Quiescing a connection ---- */
+
+/* Releases the threads that wait for an asynchronous reply that can no longer come. */
+static int releaseReplyWaiters(_QPX_ConnToken_t* gwToken)
+{
+    namespace at = tp::quiesceConnection;
+
+    LockGuard table(gwToken->tableLock);
+    if (!table.held()) {
+        TRACE(at::noLock);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    if (gwToken->asyncCount == 0 && clapiClearEvent(&gwToken->asyncReplyEvent) != 0) {
+        TRACE(at::notPosted);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    return QPX_OK;
+}
+
+/* Waits for the work in progress as long as the close time-out allows. */
+static int waitForWork(_QPX_ConnToken_t* gwToken, int closeTimeout)
+{
+    namespace at = tp::quiesceConnection;
+
+    int calls = gwToken->requestCount;
+    int asyncRequests = gwToken->asyncCount;
+    if (calls < 1 && asyncRequests < 1) return QPX_OK;
+
+    if (closeTimeout == -1) {
+        TRACE(at::waiting, calls, asyncRequests);
+        if (clapiWaitEvent(&gwToken->requestsEnded) != 0) {
+            TRACE(at::waitFailed);
+            return QPX_ERR_SYSTEM_ERROR;
+        }
+    }
+    else if (closeTimeout >= 1) {
+        TRACE(at::waitingFor, closeTimeout, calls, asyncRequests);
+        int expired; // running out of time is no failure: the close goes on
+        if (clapiTimedWaitEvent(&gwToken->requestsEnded, closeTimeout, &expired) != 0) {
+            TRACE(at::waitForFailed, closeTimeout);
+            return QPX_ERR_SYSTEM_ERROR;
+        }
+    }
+    return QPX_OK;
+}
+
+/* Deliberate: waits whatever has happened before; the receiver must be gone. */
+static void waitForReceiver(_QPX_ConnToken_t* gwToken)
+{
+    namespace at = tp::quiesceConnection;
+
+    if (clapiWaitEvent(&gwToken->recvThreadEndedEvent) != 0) TRACE(at::receiverStays);
+}
+
+/* Gives up asynchronous replies that nobody has collected. Locks: tableLock held. */
+static void giveUpReplies(_QPX_ConnToken_t* gwToken)
+{
+    int givenUp = gwToken->asyncCount.exchange(0);
+    // Another close of the token may be waiting for these very replies.
+    if (givenUp > 0 && gwToken->requestCount == 0) clapiClearEvent(&gwToken->requestsEnded);
+}
+
+/* Waits, whatever the close time-out was, until every call has left the library. */
+static int waitForCalls(_QPX_ConnToken_t* gwToken, int calls)
+{
+    namespace at = tp::quiesceConnection;
+
+    TRACE(at::waitingForCalls, calls);
+    if (clapiWaitEvent(&gwToken->requestsEnded) == 0) return QPX_OK;
+    TRACE(at::callsStay);
+    return QPX_ERR_SYSTEM_ERROR;
+}
+
+/* Once the receiver is gone: gives up what is left of asynchronous work, and sees the last calls
+ * out. */
+static int endWork(_QPX_ConnToken_t* gwToken)
+{
+    namespace at = tp::quiesceConnection;
+
+    if (clapiRequestLock(&gwToken->tableLock) != 0) {
+        TRACE(at::noLockAfterClose);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    giveUpReplies(gwToken);
+    int calls = gwToken->requestCount;
+    if (calls >= 1) {
+        clapiReleaseLock(&gwToken->tableLock);
+        if (waitForCalls(gwToken, calls) != QPX_OK) return QPX_ERR_SYSTEM_ERROR;
+        if (clapiRequestLock(&gwToken->tableLock) != 0) {
+            TRACE(at::noLockAfterWait);
+            return QPX_ERR_SYSTEM_ERROR;
+        }
+    }
+    clapiReleaseLock(&gwToken->tableLock);
+    return QPX_OK;
+}
+
+static int quiesceConnection(_QPX_ConnToken_t* gwToken, int closeTimeout)
+{
+    namespace at = tp::quiesceConnection;
+
+    TRACE(at::entry, gwToken, closeTimeout);
+    int rc = releaseReplyWaiters(gwToken);
+    if (rc == QPX_OK) rc = waitForWork(gwToken, closeTimeout);
+    if (rc == QPX_OK && gwToken->connStatus == CONN_CONNECTED) rc = clapiCloseConnection(gwToken);
+    waitForReceiver(gwToken);
+    if (rc == QPX_OK) rc = endWork(gwToken);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- Deleting a token ---- */
+
+static void freeAllSlots(_QPX_ConnToken_t* token)
+{
+    LockGuard table(token->tableLock);
+    RequestSlot* slotP = &token->table.slot[0];
+    while (slotP != nullptr) {
+        if (slotP->state == SLOT_FREE) {
+            slotP = slotP->nextSlot;
+            continue;
+        }
+        slotFree(&token->table, slotP);
+        // The table that the slot was in may have gone with it.
+        slotP = &token->table.slot[0];
+    }
+}
+
+/* Frees a token that is not on the list any more and that nobody works on. Deliberate:
+ * recvThreadEndedEvent is not deleted. */
+static void freeToken(_QPX_ConnToken_t* token)
+{
+    namespace at = tp::clapiDeleteGatewayToken;
+
+    freeAllSlots(token);
+    clapiFreeKeptTables(&token->table);
+    clapiDeleteEvent(&token->asyncReplyEvent);
+    clapiDeleteEvent(&token->requestsEnded);
+    clapiDeleteEvent(&token->connEvent);
+    clapiDestroyLock(&token->sendLock);
+    clapiDestroyLock(&token->tableLock);
+    pthread_cond_destroy(&token->transferEnded);
+    TRACE(at::freeing, token);
+    free(token);
+}
+
+/* Begins a delete and gives up gtlLock, which the caller holds unless lockRequired is set. */
+static int beginDelete(_QPX_ConnToken_t* token, int lockRequired)
+{
+    namespace at = tp::clapiDeleteGatewayToken;
+
+    if (lockRequired != 0) {
+        if (clapiRequestLock(&gtlLock) != 0) {
+            TRACE(at::noLock);
+            return QPX_ERR_SYSTEM_ERROR;
+        }
+        int findRc = findGatewayToken(token, nullptr);
+        if (findRc != TOKEN_FOUND) {
+            TRACE(at::notFound, token, findRc);
+            clapiReleaseLock(&gtlLock);
+            return QPX_ERR_BADGWTOK;
+        }
+    }
+    token->deleters += 1;
+    // Calls still at work on the token must be able to leave while the quiesce waits for them.
+    if (clapiReleaseLock(&gtlLock) != 0) {
+        TRACE(at::notReleased);
+        token->deleters -= 1;
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    return QPX_OK;
+}
+
+/*
+ * Takes a quiesced token off the list and waits for the calls that have come upon it since it
+ * was quiesced; nobody can come after them. False if the token is another delete's.
+ * Locks: gtlLock held; given up while waiting, and taken again.
+ */
+static bool unlinkForGood(_QPX_ConnToken_t* token)
+{
+    if (token->deleters > 0 || token->quiesced == 0) return false;
+    _QPX_ConnToken_t* parent = nullptr;
+    if (findGatewayToken(token, &parent) != TOKEN_FOUND) return false;
+
+    unlinkFromList(token, parent);
+    while (token->requestCount >= 1) {
+        clapiSetEvent(&token->requestsEnded);
+        clapiReleaseLock(&gtlLock);
+        clapiWaitEvent(&token->requestsEnded);
+        clapiRequestLock(&gtlLock);
+    }
+    return true;
+}
+
+static int endDelete(_QPX_ConnToken_t* token, int quiesceRc)
+{
+    namespace at = tp::clapiDeleteGatewayToken;
+
+    if (clapiRequestLock(&gtlLock) != 0) {
+        TRACE(at::noLockAfterwards);
+        return firstFailure(quiesceRc, QPX_ERR_SYSTEM_ERROR);
+    }
+    token->deleters -= 1;
+    if (quiesceRc == QPX_OK) token->quiesced = 1;
+    if (unlinkForGood(token)) freeToken(token);
+    clapiReleaseLock(&gtlLock);
+    return quiesceRc;
+}
+
+static int quiesceAndFree(QPX_ConnToken_t* gwTokPtr, int closeTimeout, int lockRequired)
+{
+    if (gwTokPtr == nullptr) return QPX_ERR_NULLGWTOKPTR;
+    _QPX_ConnToken_t* token = *gwTokPtr;
+    if (token == nullptr) return QPX_ERR_NULLGWTOK;
+
+    int rc = beginDelete(token, lockRequired);
+    if (rc != QPX_OK) return rc;
+    rc = quiesceConnection(token, closeTimeout);
+    return endDelete(token, rc);
+}
+
+int clapiDeleteGatewayToken(QPX_ConnToken_t* gwTokPtr, int closeTimeout, int lockRequired)
+{
+    namespace at = tp::clapiDeleteGatewayToken;
+
+    TRACE(at::entry, gwTokPtr, closeTimeout, traceFlag(lockRequired));
+    int rc = quiesceAndFree(gwTokPtr, closeTimeout, lockRequired);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- Deleting all tokens ---- */
+
+/* The functions of the walk below hold gtlLock. */
+
+static bool isListed(const _QPX_ConnToken_t* wanted)
+{
+    for (const _QPX_ConnToken_t* token = gtListHeadPtr; token != nullptr;
+         token = token->nextGwyTokPtr)
+        if (token == wanted) return true;
+    return false;
+}
+
+/* The first token from here on whose open has ended: one that is still connecting belongs to the
+ * thread that opens it. */
+static _QPX_ConnToken_t* firstOpened(_QPX_ConnToken_t* token)
+{
+    while (token != nullptr && token->opening != 0) token = token->nextGwyTokPtr;
+    return token;
+}
+
+/* The token to go on with: the remembered successor, or, if another thread has deleted that one
+ * meanwhile, the first that nobody closes yet. */
+static _QPX_ConnToken_t* nextToDelete(_QPX_ConnToken_t* successor)
+{
+    if (successor == nullptr || isListed(successor)) return firstOpened(successor);
+    _QPX_ConnToken_t* token = gtListHeadPtr;
+    while (token != nullptr && (token->closedown != 0 || token->opening != 0))
+        token = token->nextGwyTokPtr;
+    return token;
+}
+
+static void traceTokenToDelete(_QPX_ConnToken_t* token, int entry)
+{
+    namespace at = tp::clapiDeleteGatewayTokens;
+
+    if (!clapiTraces(at::token)) return;
+    char formattedToken[FORMATTED_TOKEN_SIZE];
+    clapiFormatGatewayToken(token, formattedToken);
+    TRACE(at::token, token, entry, formattedToken);
+}
+
+/* Deletes every token and returns their number. Each delete gives up gtlLock, which is taken
+ * again for the look at the list between two of them. */
+static int deleteEveryToken()
+{
+    namespace at = tp::clapiDeleteGatewayTokens;
+
+    if (clapiRequestLock(&gtlLock) != 0) return 0;
+    if (gtListHeadPtr == nullptr) TRACE(at::empty);
+
+    int entries = 0;
+    _QPX_ConnToken_t* token = firstOpened(gtListHeadPtr);
+    while (token != nullptr) {
+        entries += 1;
+        traceTokenToDelete(token, entries);
+        _QPX_ConnToken_t* successor = token->nextGwyTokPtr;
+        clapiCloseGatewayToken(token, 0);
+        clapiDeleteGatewayToken(&token, 0, 0);
+        if (clapiRequestLock(&gtlLock) != 0) return entries;
+        token = nextToDelete(successor);
+    }
+    clapiReleaseLock(&gtlLock);
+    return entries;
+}
+
+int clapiDeleteGatewayTokens(void)
+{
+    namespace at = tp::clapiDeleteGatewayTokens;
+
+    TRACE(at::entry);
+    int entries = deleteEveryToken();
+    TRACE(at::exit, entries, QPX_OK);
+    return QPX_OK;
+}

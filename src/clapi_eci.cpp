@@ -1,0 +1,826 @@
+/*
+ * ECI calls: checks the caller's record, sends a program call and waits for its reply, or leaves
+ * it to be collected, and collects asynchronous replies. The receiver thread, which delivers
+ * replies into slots, is clapi_gwycon's.
+ *
+ * Locks: tableLock for slots, reply queue and asyncCount, sendLock for one flow; never both, and
+ * neither across a wait.
+ */
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+#include "clapi_diag.h"
+#include "clapi_types.h"
+#include "trace_points/clapi_eci.h"
+
+/* ---- Names ---- */
+
+static const RcName ECI_RC_NAMES[] = {
+    {ECI_NO_ERROR, "ECI_NO_ERROR"},
+    {ECI_ERR_INVALID_DATA_LENGTH, "ECI_ERR_INVALID_DATA_LENGTH"},
+    {ECI_ERR_INVALID_EXTEND_MODE, "ECI_ERR_INVALID_EXTEND_MODE"},
+    {ECI_ERR_NO_VORN, "ECI_ERR_NO_VORN"},
+    {ECI_ERR_VORN_DIED, "ECI_ERR_VORN_DIED"},
+    {ECI_ERR_REQUEST_TIMEOUT, "ECI_ERR_REQUEST_TIMEOUT"},
+    {ECI_ERR_RESPONSE_TIMEOUT, "ECI_ERR_RESPONSE_TIMEOUT"},
+    {ECI_ERR_TRANSACTION_ABEND, "ECI_ERR_TRANSACTION_ABEND"},
+    {ECI_ERR_LUW_TOKEN, "ECI_ERR_LUW_TOKEN"},
+    {ECI_ERR_SYSTEM_ERROR, "ECI_ERR_SYSTEM_ERROR"},
+    {ECI_ERR_INVALID_CALL_TYPE, "ECI_ERR_INVALID_CALL_TYPE"},
+    {ECI_ERR_ALREADY_ACTIVE, "ECI_ERR_ALREADY_ACTIVE"},
+    {ECI_ERR_RESOURCE_SHORTAGE, "ECI_ERR_RESOURCE_SHORTAGE"},
+    {ECI_ERR_NO_SESSIONS, "ECI_ERR_NO_SESSIONS"},
+    {ECI_ERR_INVALID_DATA_AREA, "ECI_ERR_INVALID_DATA_AREA"},
+    {ECI_ERR_INVALID_VERSION, "ECI_ERR_INVALID_VERSION"},
+    {ECI_ERR_UNKNOWN_SERVER, "ECI_ERR_UNKNOWN_SERVER"},
+    {ECI_ERR_SECURITY_ERROR, "ECI_ERR_SECURITY_ERROR"},
+    {ECI_ERR_MAX_SYSTEMS, "ECI_ERR_MAX_SYSTEMS"},
+    {ECI_ERR_MAX_SESSIONS, "ECI_ERR_MAX_SESSIONS"},
+    {ECI_ERR_ROLLEDBACK, "ECI_ERR_ROLLEDBACK"},
+    {ECI_ERR_NO_REPLY, "ECI_ERR_NO_REPLY"},
+    {ECI_ERR_INVALID_MSG_QUAL, "ECI_ERR_INVALID_MSG_QUAL"},
+};
+
+const char* clapiGetRcStringECI(int rc)
+{
+    const char* name = nameOfRc(ECI_RC_NAMES, rc);
+    return name != nullptr ? name : clapiGetRcStringChannel(rc);
+}
+
+const char* getCallTypeString(int callType)
+{
+    switch (callType) {
+    case ECI_SYNC: return "ECI_SYNC";
+    case ECI_ASYNC: return "ECI_ASYNC";
+    case ECI_GET_REPLY: return "ECI_GET_REPLY";
+    case ECI_GET_REPLY_WAIT: return "ECI_GET_REPLY_WAIT";
+    case ECI_GET_SPECIFIC_REPLY: return "ECI_GET_SPECIFIC_REPLY";
+    case ECI_GET_SPECIFIC_REPLY_WAIT: return "ECI_GET_SPECIFIC_REPLY_WAIT";
+    default: return UNKNOWN_RC_STR;
+    }
+}
+
+/* ---- Checking the record ---- */
+
+/* Versions of the record: the lowest that a COMMAREA call takes, the last that carries the user
+ * id in the fixed fields, and the highest, which alone does more than synchronous calls. */
+constexpr int MIN_VERSION_COMMAREA = ECI_VERSION_3;
+constexpr int LAST_VERSION_WITH_FIELDS = ECI_VERSION_4;
+constexpr int MAX_VERSION = ECI_VERSION_6;
+
+/* Whether a call starts work, rather than collecting the reply of work started before. */
+static bool startsWork(int callType)
+{
+    return callType == ECI_SYNC || callType == ECI_ASYNC;
+}
+
+static bool isExtendMode(int mode)
+{
+    return mode == ECI_NO_EXTEND || mode == ECI_EXTENDED || mode == ECI_COMMIT ||
+           mode == ECI_BACKOUT;
+}
+
+/* A call that ends a unit of work carries no data. */
+static bool carriesData(int extendMode)
+{
+    return extendMode != ECI_COMMIT && extendMode != ECI_BACKOUT;
+}
+
+static int checkEciParms(const QPX_ECI_PARMS* EciParms, int minVersion)
+{
+    namespace at = tp::verifyEciParms;
+
+    int version = EciParms->eci_version;
+    int callType = EciParms->eci_call_type;
+
+    // Deliberate: the lower bound is held against the version without its sign, so that a
+    // negative one passes.
+    if (static_cast<unsigned short>(version) < minVersion || version > MAX_VERSION) {
+        TRACE(at::badVersion, EciParms, version);
+        return ECI_ERR_INVALID_VERSION;
+    }
+    if (callType < ECI_SYNC || callType > ECI_GET_SPECIFIC_REPLY_WAIT) {
+        TRACE(at::badCallType, EciParms, callType);
+        return ECI_ERR_INVALID_CALL_TYPE;
+    }
+    TRACE(at::callType, getCallTypeString(callType));
+    if (callType != ECI_SYNC && version < MAX_VERSION) {
+        TRACE(at::badVersionForCall, EciParms, version);
+        return ECI_ERR_INVALID_VERSION;
+    }
+    if (startsWork(callType) && !isExtendMode(EciParms->eci_extend_mode)) {
+        TRACE(at::badExtendMode, EciParms, EciParms->eci_extend_mode);
+        return ECI_ERR_INVALID_EXTEND_MODE;
+    }
+    if (EciParms->eci_commarea_length < 0) {
+        TRACE(at::badLength, EciParms, EciParms->eci_commarea_length);
+        return ECI_ERR_INVALID_DATA_LENGTH;
+    }
+    if (EciParms->commarea_inbound_length < 0) {
+        TRACE(at::badInboundLength, EciParms, EciParms->commarea_inbound_length);
+        return ECI_ERR_INVALID_DATA_LENGTH;
+    }
+    if (EciParms->commarea_outbound_length < 0) {
+        TRACE(at::badOutboundLength, EciParms, EciParms->commarea_outbound_length);
+        return ECI_ERR_INVALID_DATA_LENGTH;
+    }
+    if (EciParms->eci_commarea == nullptr && EciParms->eci_commarea_length != 0) {
+        TRACE(at::noCommarea, EciParms, EciParms->eci_commarea_length);
+        return ECI_ERR_INVALID_DATA_AREA;
+    }
+    if (EciParms->eci_commarea != nullptr && EciParms->eci_commarea_length == 0) {
+        TRACE(at::unusedCommarea, EciParms);
+        return ECI_ERR_INVALID_DATA_AREA;
+    }
+    if (EciParms->eci_timeout < 0) {
+        TRACE(at::badTimeout, EciParms, EciParms->eci_timeout);
+        return ECI_ERR_REQUEST_TIMEOUT;
+    }
+    return ECI_NO_ERROR;
+}
+
+int verifyEciParms(QPX_ECI_PARMS* EciParms, int minVersion)
+{
+    namespace at = tp::verifyEciParms;
+
+    TRACE(at::entry, EciParms, minVersion);
+    int rc = checkEciParms(EciParms, minVersion);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- One program call ---- */
+
+/* A call on its way. What the application's record says is read once, at its start: a collected
+ * reply overwrites the record, and other threads may see it. */
+struct EciCall {
+    _QPX_ConnToken_t* gwTok;
+    QPX_ECI_PARMS* EciParms;
+    bool isAsync;
+    bool useChannel;
+    int extendMode;
+    RequestSlot* slotP;   // null while no slot has been taken
+    uint32_t allocNumber; // names this call's use of the slot
+    int messageId;
+    GatewayRequest header;
+    ECIRequest request;
+    char userid[sizeof(QPX_ECI_PARMS::eci_userid) + 1];     // outlive the sending
+    char password[sizeof(QPX_ECI_PARMS::eci_password) + 1]; // overwritten at the call's end
+};
+
+/* What a call gets on a connection that does not stand (any more). */
+static int refusalOf(const _QPX_ConnToken_t* gwTok)
+{
+    return gwTok->connStatus == CONN_LOST ? QPX_ERR_LOSTGWCON : QPX_ERR_GATEWAY_CLOSED;
+}
+
+/* Takes a slot and puts the caller's record into it. Locks: tableLock held. */
+static int takeSlot(EciCall* call)
+{
+    _QPX_ConnToken_t* gwTok = call->gwTok;
+    if (gwTok->connStatus != CONN_CONNECTED) return refusalOf(gwTok);
+
+    RequestSlot* slotP = nullptr;
+    int rc = slotFind(&gwTok->table, call->EciParms->eci_luw_token, &slotP);
+    if (rc != QPX_OK) return rc;
+
+    slotP->eciParms = *call->EciParms;
+    slotP->replyCapacity = static_cast<size_t>(call->EciParms->eci_commarea_length);
+    call->slotP = slotP;
+    call->allocNumber = slotP->allocNumber;
+    call->messageId = slotP->messageId;
+    return QPX_OK;
+}
+
+static int obtainSlot(EciCall* call)
+{
+    namespace at = tp::performEciExecute;
+
+    LockGuard table(call->gwTok->tableLock);
+    if (!table.held()) {
+        TRACE(at::noLock);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    int rc = takeSlot(call);
+    if (table.release() != 0) {
+        TRACE(at::notUnlocked);
+        rc = firstFailure(rc, ECI_ERR_SYSTEM_ERROR);
+    }
+    return rc;
+}
+
+static void setCredentials(EciCall* call)
+{
+    namespace at = tp::performEciExecute;
+
+    const QPX_ECI_PARMS* EciParms = call->EciParms;
+    if (EciParms->eci_version > LAST_VERSION_WITH_FIELDS) {
+        TRACE(at::usingPointers, EciParms->eci_version);
+        call->request.userID = EciParms->eci_userid_ptr;
+        call->request.password = EciParms->eci_password_ptr;
+        return;
+    }
+    TRACE(at::usingFields, EciParms->eci_version);
+    memcpy(call->userid, EciParms->eci_userid, sizeof EciParms->eci_userid);
+    memcpy(call->password, EciParms->eci_password, sizeof EciParms->eci_password);
+    call->request.userID = call->userid;
+    call->request.password = call->password;
+}
+
+/* A length that the caller may give, at most that of the COMMAREA; 0 if not given. */
+static int givenLength(short length, short commareaLength)
+{
+    return std::min(std::max<int>(length, 0), static_cast<int>(commareaLength));
+}
+
+static void setCommarea(ECIRequest* request, const QPX_ECI_PARMS* EciParms)
+{
+    short length = EciParms->eci_commarea_length;
+    request->commarealength = length;
+    request->commarea = EciParms->eci_commarea;
+    request->commareaInboundLength = givenLength(EciParms->commarea_inbound_length, length);
+    request->commareaOutboundLength = givenLength(EciParms->commarea_outbound_length, length);
+}
+
+static void buildRequest(EciCall* call)
+{
+    static const char noTpn[sizeof(QPX_ECI_PARMS::eci_tpn)] = {};
+    const QPX_ECI_PARMS* EciParms = call->EciParms;
+    ECIRequest* request = &call->request;
+    bool hasTpn = memcmp(EciParms->eci_tpn, noTpn, sizeof noTpn) != 0;
+
+    clapiBuildRequestHeader(&call->header, call->messageId, ECI_REQUEST_NAME);
+    request->callType = hasTpn ? WIRE_CALL_TPN : WIRE_CALL_PROGRAM;
+    memcpy(request->transid, hasTpn ? EciParms->eci_tpn : EciParms->eci_transid,
+           sizeof request->transid);
+    request->extendedMode = call->extendMode;
+    request->luwToken = EciParms->eci_luw_token;
+    request->eciTimeout = EciParms->eci_timeout;
+    memcpy(request->server, EciParms->eci_system_name, sizeof request->server);
+    memcpy(request->program, EciParms->eci_program_name, sizeof request->program);
+    request->xid.format = NO_XID;
+    request->qpxCorrelator = getNextCorrelator();
+    setCredentials(call);
+    if (carriesData(call->extendMode) && !call->useChannel) setCommarea(request, EciParms);
+}
+
+/* The reply of an asynchronous call waits in a buffer of its own until it is collected; the
+ * request still goes out of the caller's. */
+static int provideReplyBuffer(EciCall* call)
+{
+    namespace at = tp::performEciExecute;
+
+    int size = call->request.commareaInboundLength;
+    if (size == 0) size = call->EciParms->eci_commarea_length;
+    char* buffer = static_cast<char*>(malloc(static_cast<size_t>(std::max(size, 1))));
+    if (buffer == nullptr) {
+        TRACE(at::noReplyBuffer, size);
+        return ECI_ERR_RESOURCE_SHORTAGE;
+    }
+    TRACE(at::replyBuffer, size, buffer);
+    call->slotP->asyncBuffer = buffer;
+    call->slotP->replyCapacity = static_cast<size_t>(size);
+    call->slotP->eciParms.eci_commarea = buffer;
+    return ECI_NO_ERROR;
+}
+
+static int armRequestEvent(EciCall* call)
+{
+    namespace at = tp::performEciExecute;
+
+    if (clapiSetEvent(&call->slotP->requestEvent) == 0) return ECI_NO_ERROR;
+    TRACE(at::notArmed);
+    return ECI_ERR_SYSTEM_ERROR;
+}
+
+/* ---- Sending ---- */
+
+static void traceNoLockToSend(const EciCall* call)
+{
+    namespace at = tp::performEciExecute;
+
+    if (call->isAsync)
+        TRACE(at::noLockToCount);
+    else
+        TRACE(at::noLock);
+}
+
+static void traceNotUnlockedToSend(const EciCall* call)
+{
+    namespace at = tp::performEciExecute;
+
+    if (call->isAsync)
+        TRACE(at::notUnlockedAfterCount);
+    else
+        TRACE(at::notUnlocked);
+}
+
+/* Hands the slot over to the receiver, if the connection still stands. *begun tells whether
+ * that has happened; the sending must then be ended. */
+static int beginSending(EciCall* call, bool* begun)
+{
+    namespace at = tp::performEciExecute;
+
+    LockGuard table(call->gwTok->tableLock);
+    if (!table.held()) {
+        traceNoLockToSend(call);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    *begun = clapiBeginSending(call->gwTok, call->slotP);
+    int rc = *begun ? ECI_NO_ERROR : refusalOf(call->gwTok);
+    if (*begun && call->isAsync) TRACE(at::counted, call->gwTok->asyncCount.load(), call->gwTok);
+    if (table.release() != 0) {
+        traceNotUnlockedToSend(call);
+        rc = firstFailure(rc, ECI_ERR_SYSTEM_ERROR);
+    }
+    return rc;
+}
+
+static int writeRequest(EciCall* call)
+{
+    namespace at = tp::performEciExecute;
+
+    LockGuard sending(call->gwTok->sendLock);
+    if (!sending.held()) {
+        TRACE(at::noSendLock);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    int rc = clapiFlowECIRequest(call->gwTok->socketDescriptor, &call->header, &call->request);
+    if (sending.release() != 0) {
+        TRACE(at::sendLockStays);
+        rc = firstFailure(rc, ECI_ERR_SYSTEM_ERROR);
+    }
+    return rc;
+}
+
+/* From here on the slot is also the receiver's, and an asynchronous one any collector's. */
+static int sendRequest(EciCall* call, bool* begun)
+{
+    int rc = beginSending(call, begun);
+    if (rc == ECI_NO_ERROR) rc = writeRequest(call);
+    if (!*begun) return rc;
+    if (rc == ECI_NO_ERROR)
+        clapiEndSending(call->gwTok);
+    else
+        clapiEndFailedSending(call->gwTok, call->slotP);
+    return rc;
+}
+
+/* Frees the slot of a call that has failed, without further checks. */
+static void dropSlot(EciCall* call)
+{
+    LockGuard table(call->gwTok->tableLock);
+    clapiAwaitEndOfReading(call->gwTok, call->slotP);
+    slotFree(&call->gwTok->table, call->slotP);
+}
+
+/* ---- Asynchronous calls ---- */
+
+/* Lowers the count of asynchronous requests; it may have been set to 0 by a close.
+ * Locks: tableLock held. */
+static void countOut(_QPX_ConnToken_t* gwTok)
+{
+    if (gwTok->asyncCount > 0) gwTok->asyncCount -= 1;
+}
+
+/* Takes back a request that was not sent whole. Locks: tableLock held. */
+static void withdraw(EciCall* call)
+{
+    namespace at = tp::performEciExecute;
+
+    _QPX_ConnToken_t* gwTok = call->gwTok;
+    if (call->slotP->state == SLOT_DELIVERED) clapiUnlinkReply(gwTok, call->slotP);
+    countOut(gwTok);
+    TRACE(at::uncounted, gwTok->asyncCount.load(), gwTok);
+    // On a closing connection nothing can arrive any more.
+    if (gwTok->closedown != 0 && gwTok->asyncCount == 0) clapiClearEvent(&gwTok->asyncReplyEvent);
+    slotFree(&gwTok->table, call->slotP);
+}
+
+/*
+ * Ends an asynchronous call that could not be written. The connection's end may have delivered
+ * the slot meanwhile, and another thread may have collected it: then the request's outcome is
+ * known to the application already, and the request counts as sent.
+ */
+static int failAsyncCall(EciCall* call, int rc)
+{
+    namespace at = tp::performEciExecute;
+
+    LockGuard table(call->gwTok->tableLock);
+    if (!table.held()) {
+        TRACE(at::noLockToUncount);
+        return rc;
+    }
+    bool stillOurs = call->slotP->allocNumber == call->allocNumber;
+    if (stillOurs) withdraw(call);
+    if (table.release() != 0) TRACE(at::notUnlockedAfterUncount);
+    return stillOurs ? rc : ECI_NO_ERROR;
+}
+
+static int performAsyncCall(EciCall* call)
+{
+    bool begun = false;
+    int rc = call->useChannel ? ECI_NO_ERROR : provideReplyBuffer(call);
+    if (rc == ECI_NO_ERROR) rc = armRequestEvent(call);
+    if (rc == ECI_NO_ERROR) rc = sendRequest(call, &begun);
+    if (rc != ECI_NO_ERROR && begun) rc = failAsyncCall(call, rc);
+    else if (rc != ECI_NO_ERROR) dropSlot(call);
+
+    if (rc == ECI_NO_ERROR) call->EciParms->eci_message_qualifier = call->messageId;
+    return rc;
+}
+
+/* ---- Synchronous calls ---- */
+
+static int awaitReply(EciCall* call)
+{
+    RequestSlot* slotP = call->slotP;
+    if (clapiWaitEvent(&slotP->requestEvent) != 0) return ECI_ERR_SYSTEM_ERROR;
+
+    // These two are results whatever the codes say.
+    memcpy(call->EciParms->eci_abend_code, slotP->eciParms.eci_abend_code,
+           sizeof call->EciParms->eci_abend_code);
+    call->EciParms->eci_luw_token = slotP->eciParms.eci_luw_token;
+    return firstFailure(slotP->gatewayRc, slotP->vornRc);
+}
+
+/* Keeps the slot for the next call of its unit of work, or frees it. */
+static int releaseSlot(EciCall* call)
+{
+    namespace at = tp::performEciExecute;
+
+    LockGuard table(call->gwTok->tableLock);
+    if (!table.held()) {
+        TRACE(at::noLockToFree);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    RequestSlot* slotP = call->slotP;
+    call->slotP = nullptr;
+    if (call->extendMode == ECI_EXTENDED && slotP->eciParms.eci_luw_token != 0)
+        slotP->state = SLOT_LUW_IDLE;
+    else
+        slotFree(&call->gwTok->table, slotP);
+    if (table.release() != 0) {
+        TRACE(at::notUnlockedAfterFree);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    return ECI_NO_ERROR;
+}
+
+static int performSyncCall(EciCall* call)
+{
+    bool begun = false;
+    int rc = armRequestEvent(call);
+    if (rc == ECI_NO_ERROR) rc = sendRequest(call, &begun);
+    if (rc == ECI_NO_ERROR) rc = awaitReply(call);
+    if (rc == ECI_NO_ERROR) rc = releaseSlot(call);
+    if (rc != ECI_NO_ERROR && call->slotP != nullptr) dropSlot(call);
+    return rc;
+}
+
+static int performCall(EciCall* call)
+{
+    int rc = obtainSlot(call);
+    if (rc != ECI_NO_ERROR) {
+        if (call->slotP != nullptr) dropSlot(call);
+        return rc;
+    }
+    buildRequest(call);
+    rc = call->isAsync ? performAsyncCall(call) : performSyncCall(call);
+    explicit_bzero(call->password, sizeof call->password);
+    return rc;
+}
+
+int performEciExecute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms, int useChannel)
+{
+    namespace at = tp::performEciExecute;
+
+    TRACE(at::entry, gwTok, EciParms, useChannel != 0 ? "TRUE" : "FALSE");
+    EciCall call = {};
+    call.gwTok = gwTok;
+    call.EciParms = EciParms;
+    call.isAsync = EciParms->eci_call_type == ECI_ASYNC;
+    call.useChannel = useChannel != 0;
+    call.extendMode = EciParms->eci_extend_mode;
+    int rc = performCall(&call);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- Collecting asynchronous replies ---- */
+
+/* The functions here hold the token's tableLock, which is given up only around a wait. */
+
+/* What a collecting call asks for, read from the record before a reply overwrites it. */
+struct Collection {
+    _QPX_ConnToken_t* gwTok;
+    QPX_ECI_PARMS* EciParms;
+    bool isSpecific;
+    bool waits;
+    int qualifier;
+};
+
+/* Whether the wanted reply can come at all. */
+static int checkQualifier(const Collection& wanted)
+{
+    RequestSlot* slotP = &wanted.gwTok->table.slot[0];
+    while (slotP != nullptr && slotP->messageId != wanted.qualifier) slotP = slotP->nextSlot;
+
+    if (slotP == nullptr || slotP->state == SLOT_FREE ||
+        slotP->eciParms.eci_call_type != ECI_ASYNC)
+        return ECI_ERR_INVALID_MSG_QUAL;
+    if (slotP->state != SLOT_WAITING && slotP->state != SLOT_DELIVERED) return ECI_ERR_NO_REPLY;
+    return ECI_NO_ERROR;
+}
+
+/* The queued reply that is wanted, or null. */
+static RequestSlot* chooseReply(const Collection& wanted)
+{
+    RequestSlot* slotP = wanted.gwTok->firstReply;
+    if (!wanted.isSpecific) return slotP;
+    while (slotP != nullptr && slotP->eciParms.eci_message_qualifier != wanted.qualifier)
+        slotP = slotP->nextReply;
+    return slotP;
+}
+
+/*
+ * Sleeps until asyncReplyEvent is posted. Its generation is read while tableLock is held, under
+ * which every reply is queued and posted: one that comes before the sleep begins ends it, even
+ * if another waiter has armed the event again by then.
+ */
+static int sleepUntilReply(const Collection& wanted, LockGuard* table)
+{
+    namespace at = tp::getAsyncReply;
+
+    ClapiEvent* replyEvent = &wanted.gwTok->asyncReplyEvent;
+    if (clapiSetEvent(replyEvent) != 0) {
+        TRACE(at::notArmed);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    int generation = clapiEventGeneration(replyEvent);
+    if (table->release() != 0) {
+        TRACE(at::notUnlocked);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    if (clapiWaitEventSince(replyEvent, generation) != 0) {
+        TRACE(at::waitFailed);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    if (table->request() != 0) {
+        TRACE(at::noLockAfterWait);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    return ECI_NO_ERROR;
+}
+
+static int awaitAsyncReply(const Collection& wanted, LockGuard* table)
+{
+    namespace at = tp::getAsyncReply;
+
+    if (!wanted.waits) return ECI_ERR_NO_REPLY;
+    if (wanted.gwTok->connStatus != CONN_CONNECTED) {
+        TRACE(at::notOpen);
+        return refusalOf(wanted.gwTok);
+    }
+    // Another thread may have taken the reply that this one waited for.
+    int rc = wanted.isSpecific ? checkQualifier(wanted) : ECI_NO_ERROR;
+    if (rc == ECI_NO_ERROR) rc = sleepUntilReply(wanted, table);
+    return rc;
+}
+
+static int findReply(const Collection& wanted, LockGuard* table, RequestSlot** slotPP)
+{
+    int rc = wanted.isSpecific ? checkQualifier(wanted) : ECI_NO_ERROR;
+    *slotPP = nullptr;
+    while (rc == ECI_NO_ERROR && *slotPP == nullptr) {
+        if (wanted.gwTok->closedown != 0 && wanted.gwTok->asyncCount == 0)
+            return QPX_ERR_GWTOK_CLOSED;
+        *slotPP = chooseReply(wanted);
+        if (*slotPP == nullptr) rc = awaitAsyncReply(wanted, table);
+    }
+    return rc;
+}
+
+/* Gives the caller the record of the request whose reply it is. */
+static void copyRecord(QPX_ECI_PARMS* EciParms, const RequestSlot* slotP)
+{
+    char* commarea = EciParms->eci_commarea;
+    short commareaLength = EciParms->eci_commarea_length;
+    *EciParms = slotP->eciParms;
+    EciParms->eci_commarea = commarea;
+    EciParms->eci_commarea_length = commareaLength;
+}
+
+/* Deliberate: only the bytes that came back are copied, the rest stays as it is. */
+static void copyCommarea(const QPX_ECI_PARMS* EciParms, RequestSlot* slotP)
+{
+    namespace at = tp::getAsyncReply;
+
+    size_t length = std::min(static_cast<size_t>(EciParms->commarea_inbound_length),
+                             slotP->replyCapacity);
+    if (length > 0) memcpy(EciParms->eci_commarea, slotP->asyncBuffer, length);
+    TRACE(at::freeing, slotP->asyncBuffer);
+    clapiFreeReplyBuffer(slotP);
+}
+
+/* Hands the reply's data over; ECI_ERR_INVALID_DATA_LENGTH if the caller has no room for it. */
+static int takeData(QPX_ECI_PARMS* EciParms, RequestSlot* slotP)
+{
+    namespace at = tp::getAsyncReply;
+
+    if (slotP->gatewayRc != QPX_OK || slotP->vornRc != 0) return ECI_NO_ERROR;
+    short inbound = EciParms->commarea_inbound_length;
+    if (inbound > EciParms->eci_commarea_length) {
+        TRACE(at::tooSmall, EciParms->eci_commarea_length, inbound);
+        EciParms->eci_commarea_length = inbound;
+        return ECI_ERR_INVALID_DATA_LENGTH;
+    }
+    if (carriesData(EciParms->eci_extend_mode) && slotP->asyncBuffer != nullptr)
+        copyCommarea(EciParms, slotP);
+    return ECI_NO_ERROR;
+}
+
+/* Frees the slot, or keeps it for its unit of work. Deliberate: it is kept for token 0 too. */
+static int consumeSlot(const Collection& wanted, RequestSlot* slotP)
+{
+    const QPX_ECI_PARMS* EciParms = wanted.EciParms;
+    int rc = firstFailure(slotP->gatewayRc, slotP->vornRc);
+    bool keepsUnitOfWork = slotP->gatewayRc == QPX_OK &&
+                           EciParms->eci_extend_mode == ECI_EXTENDED &&
+                           EciParms->eci_luw_token >= 0;
+    if (keepsUnitOfWork) {
+        clapiFreeReplyBuffer(slotP);
+        slotP->state = SLOT_LUW_IDLE;
+    }
+    else {
+        slotFree(&wanted.gwTok->table, slotP);
+    }
+    return rc;
+}
+
+/* With nothing queued, later waiters must wait, unless nothing can come any more. */
+static int armForNextReply(_QPX_ConnToken_t* gwTok)
+{
+    namespace at = tp::getAsyncReply;
+
+    bool nothingCanCome = gwTok->closedown != 0 && gwTok->asyncCount == 0;
+    if (gwTok->firstReply != nullptr || nothingCanCome) return ECI_NO_ERROR;
+    if (clapiSetEvent(&gwTok->asyncReplyEvent) == 0) return ECI_NO_ERROR;
+    TRACE(at::notArmedAfterwards);
+    return ECI_ERR_SYSTEM_ERROR;
+}
+
+static int takeReply(const Collection& wanted, RequestSlot* slotP)
+{
+    namespace at = tp::getAsyncReply;
+
+    TRACE(at::found, slotP->eciParms.eci_message_qualifier);
+    copyRecord(wanted.EciParms, slotP);
+    int rc = takeData(wanted.EciParms, slotP);
+    if (rc != ECI_NO_ERROR) return rc; // the reply stays queued
+
+    countOut(wanted.gwTok);
+    TRACE(at::counted, wanted.gwTok->asyncCount.load(), wanted.gwTok);
+    clapiUnlinkReply(wanted.gwTok, slotP);
+    rc = consumeSlot(wanted, slotP);
+    return firstFailure(rc, armForNextReply(wanted.gwTok));
+}
+
+static int collectReply(const Collection& wanted)
+{
+    namespace at = tp::getAsyncReply;
+
+    LockGuard table(wanted.gwTok->tableLock);
+    if (!table.held()) {
+        TRACE(at::noLock);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    RequestSlot* slotP;
+    int rc = findReply(wanted, &table, &slotP);
+    if (rc == ECI_NO_ERROR) rc = takeReply(wanted, slotP);
+    return rc;
+}
+
+int getAsyncReply(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
+{
+    namespace at = tp::getAsyncReply;
+
+    TRACE(at::entry, gwTok, EciParms);
+    int callType = EciParms->eci_call_type;
+    Collection wanted;
+    wanted.gwTok = gwTok;
+    wanted.EciParms = EciParms;
+    wanted.isSpecific =
+        callType == ECI_GET_SPECIFIC_REPLY || callType == ECI_GET_SPECIFIC_REPLY_WAIT;
+    wanted.waits = callType == ECI_GET_REPLY_WAIT || callType == ECI_GET_SPECIFIC_REPLY_WAIT;
+    wanted.qualifier = EciParms->eci_message_qualifier;
+    int rc = collectReply(wanted);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- The exported call ---- */
+
+/* A copy of the caller's record whose password does not show. The record itself is left alone:
+ * another thread may be using it. */
+class RecordToTrace {
+public:
+    explicit RecordToTrace(const QPX_ECI_PARMS* EciParms) : original(EciParms), copy(*EciParms)
+    {
+        memset(copy.eci_password, '*', sizeof copy.eci_password);
+    }
+    DumpBlock dump() const { return dumpOfCopy(&copy, sizeof copy, original); }
+
+private:
+    const QPX_ECI_PARMS* original;
+    QPX_ECI_PARMS copy;
+};
+
+static void traceRecordBefore(const QPX_ECI_PARMS* EciParms)
+{
+    namespace at = tp::QPX_ECI_Execute;
+
+    if (!clapiTraces(at::recordBefore)) return;
+    RecordToTrace record(EciParms);
+    TRACE_DATA(at::recordBefore, record.dump(), EciParms, traceInt(sizeof *EciParms), STOPWORD);
+
+    const char* commarea = EciParms->eci_commarea;
+    int length = EciParms->eci_commarea_length;
+    if (length < 1 || commarea == nullptr) return;
+    TRACE_DATA(at::commarea, dumpOf(commarea, static_cast<size_t>(length)), commarea, length,
+               STOPWORD);
+}
+
+static void traceRecordAfter(const QPX_ECI_PARMS* EciParms)
+{
+    namespace at = tp::QPX_ECI_Execute;
+
+    if (!clapiTraces(at::recordAfter)) return;
+    RecordToTrace record(EciParms);
+    TRACE_DATA(at::recordAfter, record.dump(), EciParms, traceInt(sizeof *EciParms), STOPWORD);
+}
+
+static int checkExecuteCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
+{
+    namespace at = tp::QPX_ECI_Execute;
+
+    if (EciParms == nullptr) {
+        TRACE(at::nullParms, EciParms);
+        return QPX_ERR_NULLECIPOINTER;
+    }
+    int rc = verifyEciParms(EciParms, MIN_VERSION_COMMAREA);
+    if (rc != ECI_NO_ERROR) return rc;
+
+    if (gwTok->closedown != 0 && startsWork(EciParms->eci_call_type)) {
+        TRACE(at::closing, getCallTypeString(EciParms->eci_call_type));
+        return QPX_ERR_GWTOK_CLOSED;
+    }
+    return ECI_NO_ERROR;
+}
+
+static int executeCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
+{
+    if (startsWork(EciParms->eci_call_type)) return performEciExecute(gwTok, EciParms, 0);
+    return getAsyncReply(gwTok, EciParms);
+}
+
+/* Nothing of the token may be touched behind the unregistering. */
+static int unregisterCall(QPX_ConnToken_t gwTok)
+{
+    namespace at = tp::QPX_ECI_Execute;
+
+    if (clapiUnregisterRequest(gwTok) == QPX_OK) return ECI_NO_ERROR;
+    TRACE(at::notUnregistered);
+    return ECI_ERR_SYSTEM_ERROR;
+}
+
+static int executeRegistered(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
+{
+    namespace at = tp::QPX_ECI_Execute;
+
+    if (gwTok == nullptr) {
+        TRACE(at::nullToken, gwTok);
+        return QPX_ERR_NULLGWTOK;
+    }
+    int rc = clapiRegisterRequest(gwTok);
+    if (rc != QPX_OK) return rc;
+
+    rc = checkExecuteCall(gwTok, EciParms);
+    if (EciParms != nullptr) traceRecordBefore(EciParms);
+    if (rc == ECI_NO_ERROR) rc = executeCall(gwTok, EciParms);
+    rc = firstFailure(rc, unregisterCall(gwTok));
+    if (EciParms != nullptr) traceRecordAfter(EciParms);
+    return rc;
+}
+
+int QPX_ECI_Execute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
+{
+    namespace at = tp::QPX_ECI_Execute;
+
+    int rc = clapiInit();
+    TRACE(at::entry, gwTok, EciParms);
+    if (rc == QPX_OK) rc = executeRegistered(gwTok, EciParms);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}

@@ -87,10 +87,12 @@ public:
         return rc;
     }
 
+    /* A lock that could not be released is still held, and the destructor tries again. */
     int release()
     {
-        isHeld = false;
-        return clapiReleaseLock(lockPtr);
+        int rc = clapiReleaseLock(lockPtr);
+        isHeld = rc != 0;
+        return rc;
     }
 
 private:

@@ -433,7 +433,9 @@ static void endConnection(Receiver* r)
 static void closeConnectionSocket(_QPX_ConnToken_t* conn)
 {
     if (conn->socketDescriptor == NO_SOCKET) return;
-    shutdown(conn->socketDescriptor, SHUT_RDWR); // wakes a sender that is stuck
+    // Wakes a sender that is stuck. Before the handshake has been answered there is only the
+    // connecting thread, whose short flow cannot be.
+    if (conn->connStatus != CONN_FAILED) shutdown(conn->socketDescriptor, SHUT_RDWR);
     clapiWaitForSenders(conn);
     closeSocket(conn->socketDescriptor);
 }

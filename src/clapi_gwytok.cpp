@@ -685,8 +685,8 @@ static int buildToken(_QPX_ConnToken_t** newToken, int port, int connTimeout, co
     int rc = createPrimitives(token);
     if (rc == QPX_OK) {
         // There is no receiver thread yet for which a teardown would have to wait.
-        clapiClearEvent(&token->recvThreadEndedEvent);
-        rc = chainGatewayToken(token);
+        rc = clapiClearEvent(&token->recvThreadEndedEvent) == 0 ? QPX_OK : QPX_ERR_SYSTEM_ERROR;
+        if (rc == QPX_OK) rc = chainGatewayToken(token);
         if (rc != QPX_OK) removePrimitives(token, ALL_PRIMITIVES);
     }
     if (rc != QPX_OK) {

@@ -84,11 +84,11 @@ constexpr size_t TRACE_FILENAME_SIZE = 1024;
 
 /* Adjacent character arrays that together read as the format of one trace line. */
 typedef struct _formatString {
-    char timeStamp[3];  // "%s ", no terminator
-    char pidTid[18];    // "[0x%8.8X,0x%8.8X] "
-    char tpid[8];       // "[%4.4d] "
-    char traceType[7];  // "%-6.6s "
-    char msg[256];      // the message format of the line being written
+    char timeStamp[3]; // "%s ", no terminator
+    char pidTid[18];   // "[0x%8.8X,0x%8.8X] "
+    char tpid[8];      // "[%4.4d] "
+    char traceType[7]; // "%-6.6s "
+    char msg[256];     // the message format of the line being written
 } formatStringType;
 
 extern Clapilock traceLock;
@@ -115,8 +115,8 @@ extern int iTid;
  * QPX_ERR_MALLOCFAIL. */
 int clapiInitTrace(void);
 
-void clapiGetTimestamp(char* MsgBuf); // local time with milliseconds, 22 bytes
-void clapiGetDate(char* msgBuf);      // local date, 9 bytes
+void clapiGetTimestamp(char* MsgBuf);               // local time with milliseconds, 22 bytes
+void clapiGetDate(char* msgBuf);                    // local date, 9 bytes
 void clapiGetPidTid(ProcessId* Pid, ThreadId* Tid); // a NULL pointer is skipped
 int clapiCompareTids(ThreadId tid1, ThreadId tid2); // 1 if equal
 
@@ -280,10 +280,10 @@ void clapiTraceData(const TracePoint& point, const DumpBlock& block, Args... arg
 
 #pragma GCC diagnostic pop
 
-#define TRACE_IF_WANTED(write, point, ...)                                                   \
-    do {                                                                                     \
-        if (clapiTraces(point)) write;                                                       \
-        if (false) clapiCheckFormat((point).text, ##__VA_ARGS__);                            \
+#define TRACE_IF_WANTED(write, point, ...)                        \
+    do {                                                          \
+        if (clapiTraces(point)) write;                            \
+        if (false) clapiCheckFormat((point).text, ##__VA_ARGS__); \
     } while (false)
 
 #define TRACE(point, ...) \

@@ -39,7 +39,7 @@ typedef struct _ClapiEvent {
     int eflag;             // guarded by mutex: 0 closed, 1 open
     pthread_mutex_t mutex; // held for a few instructions only
     pthread_cond_t cond;
-    int postCount;         // guarded by mutex: how often the gate has been opened
+    int postCount; // guarded by mutex: how often the gate has been opened
 } ClapiEvent;
 
 int clapiCreateEvent(ClapiEvent* eventPtr); // the event starts closed

@@ -39,8 +39,8 @@ constexpr int HEADER_SIZE = 32;
 constexpr int REQUEST_TYPE_SIZE = 6;
 
 typedef struct _GatewayRequest {
-    int eyecatcher;                      // FLOW_EYECATCHER
-    int flowVersion;                     // FLOW_VERSION; not checked on read
+    int eyecatcher;  // FLOW_EYECATCHER
+    int flowVersion; // FLOW_VERSION; not checked on read
     int flowType;
     int messageId;                       // the request slot's, or MESSAGE_ID_...
     int gatewayRc;                       // 0 in requests
@@ -70,9 +70,9 @@ int clapiFlowCloseRequest(Socket socketDesc);
 /* ---- ECI flows ---- */
 
 /* Wire call types; not the application's eci_call_type. */
-constexpr int WIRE_CALL_PROGRAM = 1;      // the transaction id is eci_transid
+constexpr int WIRE_CALL_PROGRAM = 1; // the transaction id is eci_transid
 constexpr int WIRE_CALL_LIST_SYSTEMS = 9;
-constexpr int WIRE_CALL_TPN = 12;         // the transaction id is eci_tpn
+constexpr int WIRE_CALL_TPN = 12; // the transaction id is eci_tpn
 
 constexpr int NO_XID = -1;
 
@@ -87,18 +87,18 @@ typedef struct _XID {
 
 /* One call, on its way out or back. It owns nothing that it points to. */
 typedef struct _ECIRequest {
-    int callType;              // WIRE_CALL_...
-    int extendedMode;          // ECI_NO_EXTEND and the others
-    int luwToken;              // out and back
+    int callType;     // WIRE_CALL_...
+    int extendedMode; // ECI_NO_EXTEND and the others
+    int luwToken;     // out and back
     int messageQualifier;
     char callbackExists;
     char server[8];
-    const char* userID;        // NUL-terminated or null
-    const char* password;      // NUL-terminated or null
+    const char* userID;   // NUL-terminated or null
+    const char* password; // NUL-terminated or null
     char program[8];
     char transid[4];
-    char abendCode[4];         // from the reply
-    int pyxaLen;               // 0 when there is no token
+    char abendCode[4]; // from the reply
+    int pyxaLen;       // 0 when there is no token
     char* pyxaToken;
     int commarealength;
     char* commarea;
@@ -109,9 +109,9 @@ typedef struct _ECIRequest {
     char isAutomsgqual;
     XID xid;
     int qpxCorrelator;
-    int server_num;            // of a system list query
-    int vornRc;                // from the reply
-    int limited;               // 1: commarea has room for capacity bytes, the rest is dropped
+    int server_num; // of a system list query
+    int vornRc;     // from the reply
+    int limited;    // 1: commarea has room for capacity bytes, the rest is dropped
     size_t capacity;
 } ECIRequest;
 
@@ -131,13 +131,13 @@ int clapiPeekInboundLength(const SocketBuffer* sockBuffer);
 /* ---- ESI flows ---- */
 
 typedef struct _ESIRequest {
-    int callType;                // 0 verify, 1 change
+    int callType; // 0 verify, 1 change
     const char* userID;
     const char* currentPassword;
-    const char* newPassword;     // of a change only
+    const char* newPassword; // of a change only
     char server[8];
-    int vornRc;                  // from the reply
-    ESI_DETAILS details;         // from the reply
+    int vornRc;          // from the reply
+    ESI_DETAILS details; // from the reply
 } ESIRequest;
 
 void clapiReadESIResponse(SocketBuffer* sockBuffer, ESIRequest* request);

@@ -31,8 +31,8 @@ typedef struct {
 typedef struct _SocketBuffer {
     char eyecatcher[8]; // "QPXSCKBF", no terminator
     Socket socketDesc;
-    int socketErr;      // 0, or errno of the first failure
-    char* buffer;       // heap storage of bufferSize bytes, owned
+    int socketErr; // 0, or errno of the first failure
+    char* buffer;  // heap storage of bufferSize bytes, owned
     size_t bufferSize;
     char* ptr;          // writing: next free byte; reading: next unread byte
     size_t count;       // writing: bytes staged; reading: bytes unread

@@ -105,23 +105,23 @@ typedef struct _QPX_ConnToken_t {
     Socket socketDescriptor;         // NO_SOCKET until connected; keeps its number afterwards
     RequestTable table;              // guarded by tableLock
     Clapilock tableLock;
-    Clapilock sendLock;              // held while one whole flow is written
-    RequestSlot* firstReply;         // queue of delivered asynchronous slots; by tableLock
+    Clapilock sendLock;      // held while one whole flow is written
+    RequestSlot* firstReply; // queue of delivered asynchronous slots; by tableLock
     RequestSlot* lastReply;
-    std::atomic<int32_t> asyncCount; // asynchronous requests not yet collected; by tableLock
-    ClapiEvent asyncReplyEvent;      // posted under tableLock when a reply is queued
-    ClapiEvent connEvent;            // posted when the outcome of the handshake is known
-    ClapiEvent recvThreadEndedEvent; // open while no receiver thread runs
-    ClapiEvent requestsEnded;        // posted by the last API call that leaves
+    std::atomic<int32_t> asyncCount;   // asynchronous requests not yet collected; by tableLock
+    ClapiEvent asyncReplyEvent;        // posted under tableLock when a reply is queued
+    ClapiEvent connEvent;              // posted when the outcome of the handshake is known
+    ClapiEvent recvThreadEndedEvent;   // open while no receiver thread runs
+    ClapiEvent requestsEnded;          // posted by the last API call that leaves
     std::atomic<int32_t> requestCount; // API calls at work on the token; written under gtlLock
     char applid[APPLID_SIZE + 1];
     char applidQualifier[APPLID_SIZE + 1];
-    int32_t senders;             // flows being written, which keep the socket; by tableLock
-    RequestSlot* slotBeingRead;  // whose reply the receiver reads; by tableLock
+    int32_t senders;              // flows being written, which keep the socket; by tableLock
+    RequestSlot* slotBeingRead;   // whose reply the receiver reads; by tableLock
     pthread_cond_t transferEnded; // with tableLock's mutex: one of the two above has changed
-    int32_t deleters;            // threads inside a delete of the token; by gtlLock
-    int32_t quiesced;            // 1 once a delete has quiesced the token; by gtlLock
-    int32_t opening;             // 1 until the open has succeeded; by gtlLock
+    int32_t deleters;             // threads inside a delete of the token; by gtlLock
+    int32_t quiesced;             // 1 once a delete has quiesced the token; by gtlLock
+    int32_t opening;              // 1 until the open has succeeded; by gtlLock
 } _QPX_ConnToken_t;
 typedef _QPX_ConnToken_t Internal_ConnToken_t;
 

@@ -19,7 +19,7 @@
  * Example
  *
  *     QPX_ConnToken_t gateway = NULL;
- *     int rc = QPX_openRemoteGatewayConnection("gateway.example", 2006, &gateway, 30);
+ *     int rc = QPX_openRemoteGatewayConnection("gateway.example", 5770, &gateway, 30);
  *     if (rc != QPX_OK) {
  *         char name[QPX_RC_STRING_SIZE];
  *         fprintf(stderr, "open failed: %d %s\n", rc, QPX_getRcString(rc, name));
@@ -46,10 +46,10 @@ extern "C" {
 
 /* ---- Return codes of the connection and library family ---------------------------------- */
 
-#define QPX_OK                        0 /* the call succeeded */
-#define QPX_ERR_SYSTEM_ERROR         -9 /* a lock, event or thread of the library failed */
-#define QPX_ERR_MORE_SYSTEMS        -25 /* the Gateway knows more systems than the list holds */
-#define QPX_ERR_NO_SYSTEMS          -26 /* the Gateway knows no system */
+#define QPX_OK                     0    /* the call succeeded */
+#define QPX_ERR_SYSTEM_ERROR       -9   /* a lock, event or thread of the library failed */
+#define QPX_ERR_MORE_SYSTEMS       -25  /* the Gateway knows more systems than the list holds */
+#define QPX_ERR_NO_SYSTEMS         -26  /* the Gateway knows no system */
 #define QPX_ERR_NULLGWTOK          -100 /* the connection token is NULL */
 #define QPX_ERR_BADGWTOK           -101 /* the connection token is not that of an open connection */
 #define QPX_ERR_LOSTGWCON          -102 /* the connection was lost */
@@ -102,7 +102,7 @@ typedef struct _QPX_ConnToken_t* QPX_ConnToken_t;
  * the code with which the Gateway refused the handshake.
  */
 QPX_API int QPX_openRemoteGatewayConnection(char* hostname, int port, QPX_ConnToken_t* gwTokPtr,
-                                    int connTimeout);
+                                            int connTimeout);
 
 /*
  * As QPX_openRemoteGatewayConnection, with an application identifier and its qualifier, at most
@@ -111,8 +111,9 @@ QPX_API int QPX_openRemoteGatewayConnection(char* hostname, int port, QPX_ConnTo
  *
  * Further errors: QPX_ERR_NULLPARM (applid or applidQualifier is NULL), QPX_ERR_APPLIDTOOLONG.
  */
-QPX_API int QPX_openRemoteGatewayConnectionApplid(char* hostname, int port, QPX_ConnToken_t* gwTokPtr,
-                                          int connTimeout, char* applid, char* applidQualifier);
+QPX_API int QPX_openRemoteGatewayConnectionApplid(char* hostname, int port,
+                                                  QPX_ConnToken_t* gwTokPtr, int connTimeout,
+                                                  char* applid, char* applidQualifier);
 
 /*
  * Closes a connection in order: refuses new calls on it, waits without limit until the calls

@@ -40,16 +40,16 @@ extern "C" {
 
 /* ---- Return codes of the ECI family ------------------------------------------------------ */
 
-#define ECI_NO_ERROR                  0 /* the call succeeded */
-#define ECI_ERR_INVALID_DATA_LENGTH  -1 /* a length is negative, or too small for the reply */
-#define ECI_ERR_INVALID_EXTEND_MODE  -2 /* the extend mode is not 0, 1, 2 or 4 */
-#define ECI_ERR_NO_VORN              -3 /* the server is not available */
-#define ECI_ERR_VORN_DIED            -4 /* the server ended during the call */
-#define ECI_ERR_REQUEST_TIMEOUT      -5 /* the time-out is negative, or ran out before the start */
-#define ECI_ERR_RESPONSE_TIMEOUT     -6 /* the time-out ran out during the call */
-#define ECI_ERR_TRANSACTION_ABEND    -7 /* the server program abended; see eci_abend_code */
-#define ECI_ERR_LUW_TOKEN            -8 /* the token names no unit of work */
-#define ECI_ERR_SYSTEM_ERROR         -9 /* an internal error */
+#define ECI_NO_ERROR                0   /* the call succeeded */
+#define ECI_ERR_INVALID_DATA_LENGTH -1  /* a length is negative, or too small for the reply */
+#define ECI_ERR_INVALID_EXTEND_MODE -2  /* the extend mode is not 0, 1, 2 or 4 */
+#define ECI_ERR_NO_VORN             -3  /* the server is not available */
+#define ECI_ERR_VORN_DIED           -4  /* the server ended during the call */
+#define ECI_ERR_REQUEST_TIMEOUT     -5  /* the time-out is negative, or ran out before the start */
+#define ECI_ERR_RESPONSE_TIMEOUT    -6  /* the time-out ran out during the call */
+#define ECI_ERR_TRANSACTION_ABEND   -7  /* the server program abended; see eci_abend_code */
+#define ECI_ERR_LUW_TOKEN           -8  /* the token names no unit of work */
+#define ECI_ERR_SYSTEM_ERROR        -9  /* an internal error */
 #define ECI_ERR_INVALID_CALL_TYPE   -14 /* the call type is not 1 to 6 */
 #define ECI_ERR_ALREADY_ACTIVE      -15 /* the unit of work has a call in progress */
 #define ECI_ERR_RESOURCE_SHORTAGE   -16 /* memory or a server resource ran out */
@@ -92,26 +92,26 @@ extern "C" {
  * or NULs and carry no terminator. "out" fields are results.
  */
 typedef struct _QPX_ECI_PARMS {
-    short eci_call_type;           /* ECI_SYNC and the others */
-    char eci_program_name[8];      /* the server program to run */
-    char eci_userid[16];           /* user id, versions 3 and 4 */
-    char eci_password[16];         /* password, versions 3 and 4 */
-    char eci_transid[4];           /* transaction under which the program runs */
-    char eci_abend_code[4];        /* out: the abend code of the server program */
-    char* eci_commarea;            /* in/out: the COMMAREA; NULL if its length is 0 */
-    short eci_commarea_length;     /* size of the COMMAREA, 0 to 32767 */
-    short eci_timeout;             /* for the Gateway, in seconds; 0 means its default */
-    short eci_extend_mode;         /* ECI_NO_EXTEND and the others */
-    int eci_luw_token;             /* in/out: the unit of work; 0 for a new one */
-    short eci_version;             /* ECI_VERSION_6 and the others */
-    char eci_system_name[8];       /* the server behind the Gateway; empty for its default */
-    char eci_tpn[4];               /* transaction program; takes the place of eci_transid */
+    short eci_call_type;            /* ECI_SYNC and the others */
+    char eci_program_name[8];       /* the server program to run */
+    char eci_userid[16];            /* user id, versions 3 and 4 */
+    char eci_password[16];          /* password, versions 3 and 4 */
+    char eci_transid[4];            /* transaction under which the program runs */
+    char eci_abend_code[4];         /* out: the abend code of the server program */
+    char* eci_commarea;             /* in/out: the COMMAREA; NULL if its length is 0 */
+    short eci_commarea_length;      /* size of the COMMAREA, 0 to 32767 */
+    short eci_timeout;              /* for the Gateway, in seconds; 0 means its default */
+    short eci_extend_mode;          /* ECI_NO_EXTEND and the others */
+    int eci_luw_token;              /* in/out: the unit of work; 0 for a new one */
+    short eci_version;              /* ECI_VERSION_6 and the others */
+    char eci_system_name[8];        /* the server behind the Gateway; empty for its default */
+    char eci_tpn[4];                /* transaction program; takes the place of eci_transid */
     short commarea_outbound_length; /* bytes of the COMMAREA to send; 0 means all */
-    short commarea_inbound_length; /* bytes wanted back, 0 means all; out of collected replies */
-    ECI_ChannelToken_t channel;    /* the channel of a channel call; not used otherwise */
-    char* eci_userid_ptr;          /* user id, from version 5; NULL for none */
-    char* eci_password_ptr;        /* password, from version 5; NULL for none */
-    int eci_message_qualifier;     /* out of ECI_ASYNC; in of the specific collecting calls */
+    short commarea_inbound_length;  /* bytes wanted back, 0 means all; out of collected replies */
+    ECI_ChannelToken_t channel;     /* the channel of a channel call; not used otherwise */
+    char* eci_userid_ptr;           /* user id, from version 5; NULL for none */
+    char* eci_password_ptr;         /* password, from version 5; NULL for none */
+    int eci_message_qualifier;      /* out of ECI_ASYNC; in of the specific collecting calls */
 } QPX_ECI_PARMS;
 #pragma pack(pop)
 

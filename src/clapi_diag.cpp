@@ -142,8 +142,9 @@ void clapiTracePrint(const char* format, ...)
 void clapiWriteTraceBanner(void)
 {
     clapiGetDate(dateBuf);
-    clapiTracePrint("*** %s ZAVO Quorvex QPXClient DLL trace V%s API Version %s Build Level %s ***\n",
-                    dateBuf, QPX_DLL_VERSION_TEXT, QPX_API_VERSION_TEXT, QPX_BUILD_LEVEL_TEXT);
+    clapiTracePrint(
+        "*** %s ZAVO Quorvex QPXClient DLL trace V%s API Version %s Build Level %s ***\n", dateBuf,
+        QPX_DLL_VERSION_TEXT, QPX_API_VERSION_TEXT, QPX_BUILD_LEVEL_TEXT);
     clapiTracePrint("*** Trace Level = %d, Trace File = %s, %d-bit ***\n", clientAPITrace.load(),
                     traceText(clientAPITraceFilename), static_cast<int>(8 * sizeof(void*)));
 }
@@ -254,7 +255,8 @@ static size_t dumpLinesToStopWord(char* bytes, unsigned int stopWord, int width,
     size_t dumped = 0;
     size_t written = 0;
     do {
-        if (endsBefore(reinterpret_cast<unsigned char*>(bytes) + dumped, dumped, 0, stopWord)) break;
+        if (endsBefore(reinterpret_cast<unsigned char*>(bytes) + dumped, dumped, 0, stopWord))
+            break;
         fprintf(clientAPITraceHandle, "%p: ", static_cast<void*>(bytes + dumped));
         written = clapiWriteStorageLineDual(bytes + dumped, width, 0, stopWord, translate);
         dumped += written;

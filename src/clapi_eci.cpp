@@ -424,8 +424,10 @@ static int performAsyncCall(EciCall* call)
     int rc = call->useChannel ? ECI_NO_ERROR : provideReplyBuffer(call);
     if (rc == ECI_NO_ERROR) rc = armRequestEvent(call);
     if (rc == ECI_NO_ERROR) rc = sendRequest(call, &begun);
-    if (rc != ECI_NO_ERROR && begun) rc = failAsyncCall(call, rc);
-    else if (rc != ECI_NO_ERROR) dropSlot(call);
+    if (rc != ECI_NO_ERROR && begun)
+        rc = failAsyncCall(call, rc);
+    else if (rc != ECI_NO_ERROR)
+        dropSlot(call);
 
     if (rc == ECI_NO_ERROR) call->EciParms->eci_message_qualifier = call->messageId;
     return rc;
@@ -527,8 +529,7 @@ static int checkQualifier(const Collection& wanted)
     RequestSlot* slotP = &wanted.gwTok->table.slot[0];
     while (slotP != nullptr && slotP->messageId != wanted.qualifier) slotP = slotP->nextSlot;
 
-    if (slotP == nullptr || slotP->state == SLOT_FREE ||
-        slotP->eciParms.eci_call_type != ECI_ASYNC)
+    if (slotP == nullptr || slotP->state == SLOT_FREE || slotP->eciParms.eci_call_type != ECI_ASYNC)
         return ECI_ERR_INVALID_MSG_QUAL;
     if (slotP->state != SLOT_WAITING && slotP->state != SLOT_DELIVERED) return ECI_ERR_NO_REPLY;
     return ECI_NO_ERROR;
@@ -652,8 +653,7 @@ static int consumeSlot(const Collection& wanted, RequestSlot* slotP)
     if (keepsUnitOfWork) {
         clapiFreeReplyBuffer(slotP);
         slotP->state = SLOT_LUW_IDLE;
-    }
-    else {
+    } else {
         slotFree(&wanted.gwTok->table, slotP);
     }
     return rc;
@@ -711,8 +711,8 @@ int getAsyncReply(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
     Collection wanted;
     wanted.gwTok = gwTok;
     wanted.EciParms = EciParms;
-    wanted.isSpecific =
-        callType == ECI_GET_SPECIFIC_REPLY || callType == ECI_GET_SPECIFIC_REPLY_WAIT;
+    wanted.isSpecific = callType == ECI_GET_SPECIFIC_REPLY ||
+                        callType == ECI_GET_SPECIFIC_REPLY_WAIT;
     wanted.waits = callType == ECI_GET_REPLY_WAIT || callType == ECI_GET_SPECIFIC_REPLY_WAIT;
     wanted.qualifier = EciParms->eci_message_qualifier;
     int rc = collectReply(wanted);

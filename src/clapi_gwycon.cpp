@@ -212,8 +212,7 @@ static void storeECIReply(RequestSlot* slotP, const ECIRequest& reply)
     bool isSystemList = reply.callType == WIRE_CALL_LIST_SYSTEMS;
     memcpy(slotP->eciParms.eci_abend_code, reply.abendCode, sizeof reply.abendCode);
     slotP->vornRc = reply.vornRc;
-    slotP->eciParms.commarea_inbound_length =
-        inboundLengthFor(slotP, reply.commareaInboundLength);
+    slotP->eciParms.commarea_inbound_length = inboundLengthFor(slotP, reply.commareaInboundLength);
     slotP->eciParms.eci_luw_token = isSystemList ? reply.server_num : reply.luwToken;
 }
 
@@ -302,8 +301,7 @@ static void deliverFailure(Receiver* r)
     if (slotP == nullptr) return;
 
     LockGuard table(r->conn->tableLock);
-    if (slotP->state == SLOT_WAITING)
-        clapiDeliverSlot(r->conn, slotP, r->header.gatewayRc);
+    if (slotP->state == SLOT_WAITING) clapiDeliverSlot(r->conn, slotP, r->header.gatewayRc);
 }
 
 static int receiveError(Receiver* r)

@@ -441,11 +441,9 @@ static int appendToList(_QPX_ConnToken_t* newToken)
     }
     if (gtListHeadPtr == nullptr) {
         gtListHeadPtr = newToken;
-    }
-    else if (gtListTailPtr != nullptr) {
+    } else if (gtListTailPtr != nullptr) {
         gtListTailPtr->nextGwyTokPtr = newToken;
-    }
-    else {
+    } else {
         TRACE(at::corrupt, gtListHeadPtr, gtListTailPtr);
         return QPX_ERR_SYSTEM_ERROR;
     }
@@ -858,8 +856,7 @@ static int waitForWork(_QPX_ConnToken_t* gwToken, int closeTimeout)
             TRACE(at::waitFailed);
             return QPX_ERR_SYSTEM_ERROR;
         }
-    }
-    else if (closeTimeout >= 1) {
+    } else if (closeTimeout >= 1) {
         TRACE(at::waitingFor, closeTimeout, calls, asyncRequests);
         int expired; // running out of time is no failure: the close goes on
         if (clapiTimedWaitEvent(&gwToken->requestsEnded, closeTimeout, &expired) != 0) {
@@ -992,6 +989,7 @@ static int beginDelete(_QPX_ConnToken_t* token, int lockRequired)
     if (clapiReleaseLock(&gtlLock) != 0) {
         TRACE(at::notReleased);
         token->deleters -= 1;
+        clapiReleaseLock(&gtlLock); // it is still held
         return QPX_ERR_SYSTEM_ERROR;
     }
     return QPX_OK;

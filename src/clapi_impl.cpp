@@ -186,7 +186,8 @@ static int initializeLibrary()
     clientAPITrace = TRACE_EXCEPTIONS;
     int rc = clapiInitTrace();
     if (rc != QPX_OK) {
-        fprintf(stderr, "clapi_impl.clapiInitFunc() Init of qpxclient API trace failed rc=%d\n", rc);
+        fprintf(stderr, "clapi_impl.clapiInitFunc() Init of qpxclient API trace failed rc=%d\n",
+                rc);
         return rc;
     }
     rc = initializeGlobalLocks();
@@ -260,8 +261,9 @@ static void dumpState()
 {
     {
         TraceHold hold;
-        clapiTracePrint("qpxclient state dump: DLL Version=%s Trace Level=%d clientAPITraceFile=%s\n",
-                        QPX_DLL_VERSION_TEXT, clientAPITrace.load(), clientAPITraceFilename);
+        clapiTracePrint(
+            "qpxclient state dump: DLL Version=%s Trace Level=%d clientAPITraceFile=%s\n",
+            QPX_DLL_VERSION_TEXT, clientAPITrace.load(), clientAPITraceFilename);
     }
     clapiDumpGatewayTokens();
 }
@@ -360,8 +362,7 @@ static int changeTraceFile(const char* traceFile)
         if (traceFile != nullptr) {
             openErrno = switchToFile(traceFile);
             switched = openErrno == 0;
-        }
-        else {
+        } else {
             switched = switchToStandardError();
         }
         writeBannerOnce();
@@ -520,8 +521,7 @@ static int openConnection(char* hostname, int port, QPX_ConnToken_t* gwTokPtr, i
 {
     namespace at = tp::QPX_openRemoteGatewayConnectionApplid;
 
-    int rc =
-        checkOpenArguments(hostname, port, gwTokPtr, connTimeout, applid, applidQualifier);
+    int rc = checkOpenArguments(hostname, port, gwTokPtr, connTimeout, applid, applidQualifier);
     if (rc != QPX_OK) return rc;
 
     ApplidFromEnv applidEnv("QPX_APPLID");

@@ -120,8 +120,7 @@ int freeBuffer(SocketBuffer* sockBuffer)
     int rc = QPX_OK;
     if (sockBuffer->buffer != nullptr) {
         releaseStorage(sockBuffer);
-    }
-    else {
+    } else {
         TRACE(at::notInitialized, sockBuffer);
         rc = QPX_ERR_SYSTEM_ERROR;
     }
@@ -165,8 +164,8 @@ static bool sendAll(Socket socketDesc, const char* data, size_t dataLen)
 {
     size_t sent = 0;
     while (sent < dataLen) {
-        ssize_t result =
-            uninterrupted([&] { return send(socketDesc, data + sent, dataLen - sent, 0); });
+        ssize_t result = uninterrupted(
+            [&] { return send(socketDesc, data + sent, dataLen - sent, 0); });
         if (result < 1) return false;
         sent += static_cast<size_t>(result);
     }
@@ -185,8 +184,7 @@ static int waitUntilReadable(SocketBuffer* sockBuffer, int timeout)
             return static_cast<ssize_t>(select(readable.range(), readable.set(), nullptr, nullptr,
                                                timeout == 0 ? nullptr : &limit));
         }));
-    }
-    else {
+    } else {
         errno = sockBuffer->socketDesc < 0 ? EBADF : ENOMEM;
     }
 
@@ -494,8 +492,7 @@ static int receiveIntoBuffer(SocketBuffer* sockBuffer)
 
     if (sockBuffer->socketErr != 0) return QPX_ERR_LOSTGWCON;
 
-    size_t wanted =
-        std::min(sockBuffer->totalCount, sockBuffer->bufferSize - sockBuffer->count);
+    size_t wanted = std::min(sockBuffer->totalCount, sockBuffer->bufferSize - sockBuffer->count);
     keepUnread(sockBuffer);
     const char* newBytes = sockBuffer->ptr;
 
@@ -504,9 +501,8 @@ static int receiveIntoBuffer(SocketBuffer* sockBuffer)
     ssize_t result = 0;
     while (received < wanted) {
         TRACE(at::receiving, traceSize(wanted - received));
-        result = uninterrupted([&] {
-            return recv(sockBuffer->socketDesc, sockBuffer->ptr, wanted - received, 0);
-        });
+        result = uninterrupted(
+            [&] { return recv(sockBuffer->socketDesc, sockBuffer->ptr, wanted - received, 0); });
         if (result < 1) {
             int error = result == 0 ? 0 : errno;
             char text[128];
@@ -606,9 +602,8 @@ static void receiveDirect(SocketBuffer* sockBuffer, char* data, size_t dataLen, 
     }
     size_t received = 0;
     while (received < dataLen) {
-        ssize_t result = uninterrupted([&] {
-            return recv(sockBuffer->socketDesc, data + received, dataLen - received, 0);
-        });
+        ssize_t result = uninterrupted(
+            [&] { return recv(sockBuffer->socketDesc, data + received, dataLen - received, 0); });
         if (result < 1) {
             int error = result == 0 ? 0 : errno;
             char text[128];
@@ -645,8 +640,7 @@ static void takeBytes(SocketBuffer* sockBuffer, char* data, size_t dataLen)
         TRACE(at::needMore, traceSize(inBuffer), sockBuffer, traceSize(rest));
         fillBuffer(sockBuffer);
         takeValue(sockBuffer, data + inBuffer, rest);
-    }
-    else {
+    } else {
         receiveDirect(sockBuffer, data + inBuffer, rest, inBuffer);
     }
 }

@@ -404,8 +404,8 @@ static int readInboundLength(SocketBuffer* sockBuffer, const ECIRequest* request
 /* Reads the returned COMMAREA and zeroes what the server did not fill. */
 static void readCommarea(SocketBuffer* sockBuffer, ECIRequest* request)
 {
-    size_t stored =
-        readIntoCommarea(sockBuffer, request, replyLength(request->commareaInboundLength));
+    size_t stored = readIntoCommarea(sockBuffer, request,
+                                     replyLength(request->commareaInboundLength));
     size_t filled = std::min(replyLength(request->commarealength), commareaRoom(request));
     if (stored < filled) memset(request->commarea + stored, 0, filled - stored);
 }

@@ -1,0 +1,247 @@
+// A stand-in for the remote Gateway: it listens on a TCP port, speaks the Gateway's side of the
+// protocol, runs programs for its clients and, told so, misbehaves.
+//
+// Typical use in a test:
+//
+//     standin::Gateway gateway;                       // listens on 127.0.0.1, a free port
+//     gateway.setReply("PROG", [](const standin::EciRequest& request) {
+//         return standin::EciReply::withCommarea(request, {'h', 'i'});
+//     });
+//     gateway.hold();                                 // answers are kept from now on
+//     ... connect to gateway.port(), start a call in another thread ...
+//     ASSERT_TRUE(gateway.awaitRequests(1));          // the call is on the wire
+//     gateway.release();                              // its answer goes out
+//
+// Programs "ECHO" and "ABEND" are there from the start. A call of a program that is not there is
+// answered with vornRc -7 and abend code "AEI0". A unit of work is opened by extend mode 1 with
+// token 0, continued by mode 1 with its token, committed by mode 2 and backed out by mode 4; a
+// token that is not open on the connection gives vornRc -8, and so does mode 2 or 4 with token 0.
+//
+// Malformed flows are never passed over. Each is logged and recorded (see findings()) with what was
+// wrong and at which byte, and answered:
+//   - a header that cannot be trusted (eyecatcher, lengths), or a flow type that clients do not
+//     send: the connection is closed;
+//   - a malformed handshake: FLOW_ERROR with message id -2 and code 61450 for a wrong version, -9
+//     for anything else, then the connection is closed;
+//   - a malformed request: FLOW_EXCEPTION for its message id, with the finding as text; FLOW_ERROR
+//     61450 for a wrong version and 61451 for an unknown request type; without a usable message id
+//     the connection is closed;
+//   - a malformed close flow: answered like a good one.
+// A request before the handshake gets FLOW_ERROR 61445, one behind the close flow nothing.
+//
+// Ownership: the Gateway owns its thread, its sockets and its records; the records are handed out
+// as copies. Destroying it, or stop(), ends every connection, backs out what is open and joins the
+// thread.
+//
+// Thread: every member function may be called from any thread. The await functions must not be
+// called from a program, a reply function or a log sink, since these run on the Gateway's own
+// thread. That thread has all signals blocked.
+#ifndef STANDIN_GATEWAY_H
+#define STANDIN_GATEWAY_H
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "standin/log.h"
+#include "standin/misbehaviour.h"
+#include "standin/program.h"
+#include "standin/wire.h"
+
+namespace standin {
+
+struct GatewayOptions {
+    std::string host = "127.0.0.1";
+    std::uint16_t port = 0; // 0: any free port
+    LogSink log;            // empty: silent
+    bool recording = true;  // keep bytes, requests and findings; a long-lived Gateway does without
+    std::vector<SystemEntry> systems; // what a system list query is answered with
+};
+
+// One request as it arrived. Exactly one of eci and esi is set, neither when its body was
+// malformed.
+struct ReceivedRequest {
+    int connection = 0; // number of its connection
+    FlowHeader header;  // with the lengths as they stood on the wire
+    Bytes raw;          // the whole flow, header and body
+    std::optional<EciRequest> eci;
+    std::optional<EsiRequest> esi;
+};
+
+// One thing that a client did wrong.
+struct Finding {
+    int connection = 0;
+    std::size_t offset = 0; // byte within the flow
+    std::string problem;
+    Bytes raw; // what had arrived of the flow
+};
+
+enum class Ending {
+    Open,            // still there
+    ClosedByClient,  // the client closed its side
+    ClosedByGateway, // dropped, or closed after a malformed flow
+    Reset,           // reset by either side
+};
+
+// What is known about one connection; connections are numbered from 1 as they are accepted.
+struct ConnectionRecord {
+    int number = 0;
+    std::string peer; // "127.0.0.1:40312"
+    std::optional<Handshake> handshake;
+    bool handshakeAccepted = false; // the good answer has been sent
+    bool closeFlowReceived = false;
+    Ending ending = Ending::Open;
+    Bytes received; // every byte from the client, in order
+    Bytes sent;     // every byte given to the socket for the client, in order
+};
+
+// Limit of every await function. It is generous: a test waits for the event and only fails by it.
+constexpr std::chrono::seconds kAwaitLimit{30};
+
+class Gateway {
+public:
+    using Limit = std::chrono::milliseconds;
+
+    // Listens at once. Throws std::system_error when the address cannot be had.
+    explicit Gateway(GatewayOptions options = {});
+    ~Gateway();
+
+    Gateway(const Gateway&) = delete;
+    Gateway& operator=(const Gateway&) = delete;
+
+    // The port that is listened on, and the host as given in the options.
+    std::uint16_t port() const;
+    const std::string& host() const;
+
+    // Ends every connection and the thread; later calls are harmless.
+    void stop();
+
+    // -------------------------------------------------------------------------------- programs
+
+    // Puts a program behind the Gateway, or another one in its place. Names have up to 8
+    // characters.
+    void setProgram(const std::string& name, std::shared_ptr<Program> program);
+
+    // The same for a program that is one function. The reply goes out as the function made it; only
+    // in extended mode a luwToken that still equals the request's gets the token of the unit of
+    // work (0 when that has ended). A function that throws is answered with FLOW_EXCEPTION and its
+    // text.
+    void setReply(const std::string& name, ReplyFunction reply);
+
+    // How ESI requests are answered. Without it they get FLOW_ERROR 61451.
+    void setEsiReply(std::function<EsiReply(const EsiRequest&)> reply);
+
+    // How system list queries are answered, instead of from the options' systems.
+    void setListReply(ReplyFunction reply);
+
+    // Answers every request itself, whatever it is, with the bytes returned; programs and units of
+    // work are left out. An empty function ends this. Handy for hand-made replies.
+    void setRawReply(std::function<Bytes(const ReceivedRequest&)> reply);
+
+    // Number of units of work that are open on all connections.
+    std::size_t openUnitsOfWork() const;
+
+    // ---------------------------------------------------------------------------- misbehaviours
+
+    // From now on; the first one added that matches a request and replaces its answer wins, the
+    // others add up. Holding comes last of all, so what is held already carries the other faults.
+    void misbehave(Misbehaviour misbehaviour, Selector selector = everything());
+
+    // Ends all of them; what is held stays held.
+    void behave();
+
+    // Keeps the answers to matching requests from now on. Answers to handshakes and close flows are
+    // never held.
+    void hold(Selector selector = everything());
+
+    // Sends everything that is held, oldest first, and ends every hold.
+    void release();
+
+    // Sends the oldest `count` held answers, or all held answers the newest first, or the ones to
+    // the given message id. Holding goes on. Each returns how many were sent.
+    std::size_t releaseNext(std::size_t count = 1);
+    std::size_t releaseReversed();
+    std::size_t releaseMessage(std::int32_t messageId);
+
+    // Sends something right now, behind what has been sent before, on one connection or (0) on all
+    // that are open. True when there was one to send on.
+    bool sendRaw(Bytes bytes, int connection = 0);
+    bool sendFlow(const Flow& flow, int connection = 0);
+    bool sendPing(int connection = 0);
+    bool sendClose(int connection = 0);
+    bool sendConnectionError(std::int32_t gatewayRc, int connection = 0);
+    bool sendError(std::int32_t messageId, std::int32_t gatewayRc, int connection = 0);
+    bool sendException(std::int32_t messageId, const std::string& text, int connection = 0);
+
+    // Ends one connection or (0) all that are open: drop closes it in order behind what has been
+    // sent before, reset throws away what is under way and makes the client see a reset. True when
+    // there was one. awaitClosed() tells when it is gone; a reset is done when the call returns.
+    bool dropConnection(int connection = 0);
+    bool resetConnection(int connection = 0);
+
+    // Stops taking bytes off the sockets of all connections, until resumed: a client that goes on
+    // sending blocks once the buffers of the system are full.
+    void stopReading();
+    void resumeReading();
+
+    // ----------------------------------------------------------------------------------- events
+
+    // Each waits until the total since the start (or since forget()) has reached `count`, and
+    // returns true; false when the limit has passed first.
+    bool awaitConnections(std::size_t count = 1, Limit limit = kAwaitLimit); // accepted
+    bool awaitHandshakes(std::size_t count = 1, Limit limit = kAwaitLimit);  // received
+    bool awaitRequests(std::size_t count = 1,
+                       Limit limit = kAwaitLimit); // received, also malformed ones
+    bool awaitAnswers(std::size_t count = 1,
+                      Limit limit = kAwaitLimit); // handed to the socket whole
+    bool awaitCloseFlows(std::size_t count = 1, Limit limit = kAwaitLimit); // received
+    bool awaitClosed(std::size_t count = 1, Limit limit = kAwaitLimit);     // connections ended
+    bool awaitFindings(std::size_t count = 1, Limit limit = kAwaitLimit);   // malformed flows
+
+    // Waits until so many answers are held at this moment.
+    bool awaitHeld(std::size_t count = 1, Limit limit = kAwaitLimit);
+
+    // Waits until so many bytes in all have arrived on all connections.
+    bool awaitBytes(std::size_t count, Limit limit = kAwaitLimit);
+
+    // The same totals, as they are now.
+    std::size_t connectionCount() const;
+    std::size_t handshakeCount() const;
+    std::size_t requestCount() const;
+    std::size_t answerCount() const;
+    std::size_t closeFlowCount() const;
+    std::size_t closedCount() const;
+    std::size_t findingCount() const;
+    std::size_t heldCount() const;
+
+    // ---------------------------------------------------------------------------------- records
+
+    // Copies of what was recorded, oldest first.
+    std::vector<ConnectionRecord> connections() const;
+    std::vector<ReceivedRequest> requests() const;
+    std::vector<Finding> findings() const;
+
+    // Shorthands: all bytes of one connection, empty when there is no such connection; and the
+    // request that came last, empty when there was none.
+    Bytes received(int connection = 1) const;
+    Bytes sent(int connection = 1) const;
+    std::optional<ReceivedRequest> lastRequest() const;
+
+    // Forgets recorded requests, findings and bytes and sets the totals of requests, answers,
+    // findings and bytes back to 0. Connections keep their numbers.
+    void forget();
+
+private:
+    class Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+} // namespace standin
+
+#endif

@@ -1,0 +1,76 @@
+// Runs ECI calls: finds the program, opens, continues and ends units of work.
+//
+// Thread: all functions run on the Gateway's thread, except openUnitsOfWork.
+#ifndef STANDIN_CALL_RUNNER_H
+#define STANDIN_CALL_RUNNER_H
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "standin/log.h"
+#include "standin/program.h"
+
+namespace standin {
+
+class CallRunner {
+public:
+    using Deliver = std::function<void(EciReply)>;
+
+    explicit CallRunner(LogSink log);
+
+    void setProgram(const std::string& name, std::shared_ptr<Program> program);
+    void setListReply(ReplyFunction reply);
+
+    // Runs a request and hands its reply to `deliver`: before this returns, or later and then from
+    // any thread. `later` must bring a function onto the Gateway's thread, or drop it when that has
+    // ended.
+    void run(const EciRequest& request, std::int32_t messageId, int connection,
+             const Deliver& deliver, const std::function<void(std::function<void()>)>& later);
+
+    // Backs out every unit of work that the connection has open.
+    void connectionLost(int connection);
+
+    std::size_t openUnitsOfWork() const { return openCount_; }
+
+private:
+    // One unit of work and the programs that take part in it, in the order of their first call.
+    struct OpenUnit {
+        UnitOfWork id;
+        std::vector<std::pair<std::string, std::shared_ptr<Program>>> members;
+    };
+
+    void runProgram(const EciRequest& request, std::int32_t messageId, int connection,
+                    OpenUnit* unit, const Deliver& deliver,
+                    const std::function<void(std::function<void()>)>& later);
+    EciReply endUnit(const EciRequest& request, int connection);
+
+    std::shared_ptr<Program> findProgram(const std::string& name) const;
+    OpenUnit* findUnit(std::int32_t token, int connection);
+    OpenUnit& openUnit(int connection);
+    std::int32_t enlist(OpenUnit& unit, const std::string& name,
+                        const std::shared_ptr<Program>& program);
+    std::int32_t commitMembers(OpenUnit& unit);
+    void backOut(std::int32_t token);
+    void forgetUnit(std::int32_t token);
+
+    // Puts the token into the reply, and ends the unit of work when the call in it failed.
+    EciReply settle(EciReply reply, std::int32_t requestToken, std::int32_t unitToken);
+
+    void log(LogLevel level, const std::string& line) const;
+
+    LogSink log_;
+    std::map<std::string, std::shared_ptr<Program>> programs_;
+    ReplyFunction listReply_;
+    std::map<std::int32_t, OpenUnit> units_; // by token
+    std::int32_t lastToken_ = 0;
+    std::atomic<std::size_t> openCount_{0};
+};
+
+} // namespace standin
+
+#endif

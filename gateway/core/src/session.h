@@ -1,0 +1,112 @@
+// One connection: reads bytes, cuts them into flows, and sends flows one behind the other. What the
+// flows mean is its owner's business.
+//
+// Ownership: the owner holds sessions by shared_ptr; the operations under way keep their session
+// alive until they are over. A session tells its owner when it has ended, once.
+//
+// Thread: the Gateway's thread only.
+#ifndef STANDIN_SESSION_H
+#define STANDIN_SESSION_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+
+#include <asio/ip/tcp.hpp>
+
+#include "standin/gateway.h"
+
+namespace standin {
+
+class Session;
+
+class SessionOwner {
+public:
+    virtual void onBytesReceived(Session& session, const std::uint8_t* bytes,
+                                 std::size_t count) = 0;
+    virtual void onBytesSending(Session& session, const std::uint8_t* bytes, std::size_t count) = 0;
+
+    // `raw` is the whole flow.
+    virtual void onFlow(Session& session, const SplitFlow& split, const Bytes& raw) = 0;
+
+    // The bytes at hand are no flow; nothing more can be read from them.
+    virtual void onUnreadable(Session& session, const MalformedFlow& malformed,
+                              const Bytes& raw) = 0;
+
+    // The client closed its side in the middle of a flow.
+    virtual void onCutShort(Session& session, const Bytes& raw) = 0;
+
+    virtual void onAnswerSent(Session& session) = 0;
+    virtual void onEnded(Session& session, Ending ending) = 0;
+
+protected:
+    ~SessionOwner() = default;
+};
+
+class Session : public std::enable_shared_from_this<Session> {
+public:
+    // What the session's client has done so far; kept here for the owner.
+    enum class Stage { Connected, Ready, Closing };
+
+    Session(asio::ip::tcp::socket socket, int number, SessionOwner& owner);
+
+    int number() const { return number_; }
+    bool isOpen() const { return !ended_ && !dropping_; }
+
+    Stage stage() const { return stage_; }
+    void setStage(Stage stage) { stage_ = stage; }
+
+    // Begins to read.
+    void start();
+
+    // Sends the bytes behind what is under way, in pieces of `pieceSize` (0: as a whole). With
+    // `isAnswer` the owner is told when the last byte has been handed to the system.
+    void send(Bytes bytes, std::size_t pieceSize, bool isAnswer);
+
+    // Closes the connection in order, behind what is under way.
+    void drop();
+
+    // Closes the connection at once with a reset.
+    void reset();
+
+    // Closes the connection at once, without caring for what is under way.
+    void abandon();
+
+    void setReading(bool reading);
+
+private:
+    struct Outgoing {
+        Bytes bytes;
+        std::size_t pieceSize;
+        bool isAnswer;
+        std::size_t done = 0; // bytes handed to the system
+    };
+
+    void readMore();
+    void takeFlows();
+    bool takeOneFlow();
+    void onReadFailed(const asio::error_code& error);
+    void sendNextPiece();
+    void onPieceSent(std::size_t count);
+    void finishDrop();
+    void discardUnread();
+    void end(Ending ending);
+
+    asio::ip::tcp::socket socket_;
+    const int number_;
+    SessionOwner& owner_;
+    Stage stage_ = Stage::Connected;
+    std::array<std::uint8_t, 65536> arrived_{}; // target of the read under way
+    Bytes unread_;                              // received, not yet a whole flow
+    std::deque<Outgoing> outgoing_;
+    bool reading_ = true;
+    bool readUnderWay_ = false;
+    bool dropping_ = false;
+    bool ended_ = false;
+};
+
+} // namespace standin
+
+#endif

@@ -1,0 +1,42 @@
+// The command line of qpxgatewayd.
+#ifndef GATEWAY_OPTIONS_H
+#define GATEWAY_OPTIONS_H
+
+#include <cstdint>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "standin/log.h"
+#include "standin/misbehaviour.h"
+#include "standin/wire.h"
+
+namespace daemon_options {
+
+// How the daemon ends; also in its --help.
+enum ExitCode {
+    kStopped = 0,      // stopped by SIGINT or SIGTERM, or only asked for a text
+    kFailed = 1,       // something unforeseen
+    kBadOptions = 2,   // the command line or the configuration file is wrong
+    kCannotListen = 3, // the address or port cannot be had
+    kBadDatabase = 4,  // the database file cannot be used
+    kBadPortFile = 5,  // the port file cannot be written
+};
+
+struct Options {
+    std::string host = "127.0.0.1";
+    std::uint16_t port = 0;
+    std::string portFile; // empty: none
+    std::string database; // empty: no LEDGER
+    standin::LogLevel logLevel = standin::LogLevel::Info;
+    std::vector<standin::SelectedMisbehaviour> misbehaviours;
+    std::vector<standin::SystemEntry> systems;
+};
+
+// Reads the command line. An int instead of options: the daemon is to end with this exit code; what
+// the user asked for, or did wrong, has been printed.
+std::variant<Options, int> readOptions(int argc, const char* const* argv);
+
+} // namespace daemon_options
+
+#endif

@@ -1,0 +1,398 @@
+// How a connection is opened, used and closed, and what becomes of flows that are wrong.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <system_error>
+#include <thread>
+
+#include "client.h"
+#include "standin/gateway.h"
+
+using namespace standin;
+using standin_test::Call;
+using standin_test::Client;
+using standin_test::closeFlow;
+using standin_test::eciBody;
+using standin_test::eciRequest;
+using standin_test::flow;
+using standin_test::handshake;
+using standin_test::Raw;
+using standin_test::Received;
+using standin_test::textOf;
+
+namespace {
+
+// Lines of a Gateway's log, kept for reading.
+class Lines {
+public:
+    LogSink sink()
+    {
+        return [this](LogLevel, const std::string& line) {
+            const std::lock_guard<std::mutex> guard(lock_);
+            text_ += line + "\n";
+        };
+    }
+
+    std::string text() const
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        return text_;
+    }
+
+private:
+    mutable std::mutex lock_;
+    std::string text_;
+};
+
+class Conversation : public testing::Test {
+protected:
+    static GatewayOptions withLog(Lines& lines)
+    {
+        GatewayOptions options;
+        options.log = lines.sink();
+        return options;
+    }
+
+    bool logged(const std::string& part) const
+    {
+        return lines.text().find(part) != std::string::npos;
+    }
+
+    // Sends a flow that must be answered with FLOW_EXCEPTION; returns its text.
+    std::string exceptionFor(const Bytes& request)
+    {
+        client.send(request);
+        const std::optional<Received> answer = client.read();
+        if (!answer || answer->flowType != 6) return "no exception";
+        return textOf(answer->body).substr(3);
+    }
+
+    Lines lines;
+    Gateway gateway{withLog(lines)};
+    Client client{gateway.port()};
+};
+
+} // namespace
+
+TEST_F(Conversation, OpensAndCloses)
+{
+    ASSERT_TRUE(client.send(handshake()));
+    const std::optional<Received> accepted = client.read();
+    ASSERT_TRUE(accepted);
+    EXPECT_EQ(5, accepted->flowType);
+    EXPECT_EQ(-2, accepted->messageId);
+    EXPECT_EQ("BASE", accepted->requestType);
+    EXPECT_TRUE(accepted->body.empty());
+
+    ASSERT_TRUE(client.send(closeFlow()));
+    const std::optional<Received> closed = client.read();
+    ASSERT_TRUE(closed);
+    EXPECT_EQ(10, closed->flowType);
+    EXPECT_EQ(-1, closed->messageId);
+    EXPECT_TRUE(closed->body.empty());
+    EXPECT_EQ(0U, gateway.closedCount());
+
+    client.close();
+    ASSERT_TRUE(gateway.awaitClosed());
+    const ConnectionRecord record = gateway.connections().at(0);
+    EXPECT_EQ(1, record.number);
+    EXPECT_EQ("DEMO1", record.handshake.value().applid);
+    EXPECT_TRUE(record.handshakeAccepted);
+    EXPECT_TRUE(record.closeFlowReceived);
+    EXPECT_EQ(Ending::ClosedByClient, record.ending);
+    EXPECT_EQ(0U, gateway.findingCount());
+}
+
+TEST_F(Conversation, RecordsEveryByte)
+{
+    ASSERT_TRUE(client.shakeHands());
+    client.call(1, {});
+    EXPECT_EQ(static_cast<Bytes>(Raw().bytes(handshake()).bytes(eciRequest(1, {}))),
+              gateway.received());
+    const Bytes sent = gateway.sent();
+    ASSERT_EQ(33U + 32U + 26U,
+              sent.size()); // the handshake's answer, and a reply without a COMMAREA
+    EXPECT_EQ(flow(5, -2, "BASE", {}), Bytes(sent.begin(), sent.begin() + 33));
+    const std::optional<ReceivedRequest> request = gateway.lastRequest();
+    ASSERT_TRUE(request);
+    EXPECT_EQ(eciRequest(1, {}), request->raw);
+    EXPECT_EQ(1, request->header.messageId);
+    EXPECT_EQ(1, request->connection);
+    EXPECT_EQ("ECHO", request->eci.value().program);
+}
+
+TEST_F(Conversation, ForgetsWhenTold)
+{
+    ASSERT_TRUE(client.shakeHands());
+    client.call(1, {});
+    gateway.forget();
+    EXPECT_EQ(0U, gateway.requestCount());
+    EXPECT_TRUE(gateway.requests().empty());
+    EXPECT_TRUE(gateway.received().empty());
+    client.call(2, {});
+    EXPECT_EQ(1U, gateway.requestCount());
+    EXPECT_EQ(2, gateway.lastRequest().value().header.messageId);
+}
+
+TEST_F(Conversation, TakesFlowsInPiecesOfOneByte)
+{
+    for (const std::uint8_t byte :
+         static_cast<Bytes>(Raw().bytes(handshake()).bytes(eciRequest(1, {})))) {
+        ASSERT_TRUE(client.send({byte}));
+    }
+    EXPECT_EQ(5, client.read().value().flowType);
+    EXPECT_EQ(3, client.read().value().flowType);
+}
+
+TEST_F(Conversation, TakesSeveralFlowsInOnePiece)
+{
+    Raw all;
+    all.bytes(handshake());
+    for (int id = 1; id <= 5; ++id) all.bytes(eciRequest(id, {}));
+    ASSERT_TRUE(client.send(all));
+    EXPECT_EQ(5, client.read().value().flowType);
+    for (int id = 1; id <= 5; ++id) EXPECT_EQ(id, client.read().value().messageId);
+}
+
+TEST_F(Conversation, ServesManyConnectionsAtOnce)
+{
+    constexpr int kClients = 16;
+    constexpr int kCalls = 25;
+    std::atomic<int> right{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kClients; ++i) {
+        threads.emplace_back([&, i] {
+            Client mine(gateway.port());
+            if (!mine.shakeHands()) return;
+            for (int n = 1; n <= kCalls; ++n) {
+                Call call;
+                call.commarea = std::to_string(i) + ":" + std::to_string(n);
+                if (mine.call(n, call).commarea == call.commarea) ++right;
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
+    EXPECT_EQ(kClients * kCalls, right.load());
+    EXPECT_EQ(static_cast<std::size_t>(kClients) * kCalls, gateway.requestCount());
+}
+
+TEST_F(Conversation, IsDeafWhileReadingIsStopped)
+{
+    ASSERT_TRUE(client.shakeHands());
+    gateway.stopReading();
+    ASSERT_TRUE(client.send(eciRequest(1, {})));
+    ASSERT_TRUE(gateway.awaitBytes(handshake().size() + 1)); // the read that was under way
+    EXPECT_EQ(0U, gateway.requestCount());
+    gateway.resumeReading();
+    EXPECT_EQ(1, client.read().value().messageId);
+}
+
+TEST_F(Conversation, EndsEverythingWhenItStops)
+{
+    ASSERT_TRUE(client.shakeHands());
+    gateway.stop();
+    EXPECT_TRUE(client.endsInOrder());
+    EXPECT_THROW(Client another(gateway.port()), std::system_error);
+    EXPECT_EQ(1U, gateway.closedCount());
+    EXPECT_FALSE(gateway.sendPing());
+    EXPECT_FALSE(gateway.dropConnection());
+    gateway.release();
+    gateway.stop();
+}
+
+TEST(GatewayStart, FailsOnAPortInUse)
+{
+    Gateway first;
+    GatewayOptions options;
+    options.port = first.port();
+    EXPECT_THROW(Gateway second(options), std::system_error);
+}
+
+TEST(GatewayStart, FailsOnAHostThatIsNotHere)
+{
+    GatewayOptions options;
+    options.host = "192.0.2.1";
+    EXPECT_THROW(Gateway gateway(options), std::system_error);
+}
+
+TEST(GatewayWithoutRecording, CountsButKeepsNothing)
+{
+    GatewayOptions options;
+    options.recording = false;
+    Gateway gateway(options);
+    Client client(gateway.port());
+    ASSERT_TRUE(client.shakeHands());
+    client.call(1, {});
+    EXPECT_EQ(1U, gateway.requestCount());
+    EXPECT_TRUE(gateway.requests().empty());
+    EXPECT_TRUE(gateway.connections().empty());
+    EXPECT_TRUE(gateway.received().empty());
+}
+
+// ------------------------------------------------------------------------------------- wrong flows
+
+TEST_F(Conversation, ClosesBehindABadEyecatcher)
+{
+    client.send(Raw().text("HTTP"));
+    EXPECT_TRUE(client.endsInOrder());
+    ASSERT_TRUE(gateway.awaitClosed());
+    const Finding finding = gateway.findings().at(0);
+    EXPECT_EQ(0U, finding.offset);
+    EXPECT_EQ("eyecatcher is 0x48545450, not 0x47617465", finding.problem);
+    EXPECT_EQ(static_cast<Bytes>(Raw().text("HTTP")), finding.raw);
+    EXPECT_TRUE(
+        logged("connection 1: malformed flow: eyecatcher is 0x48545450, not 0x47617465 at byte 0"));
+    EXPECT_EQ(Ending::ClosedByGateway, gateway.connections().at(0).ending);
+}
+
+TEST_F(Conversation, ClosesBehindAFlowTypeOfTheGatewaysOwn)
+{
+    ASSERT_TRUE(client.shakeHands());
+    client.send(flow(3, 1, "ECI", {}));
+    EXPECT_TRUE(client.endsInOrder());
+    EXPECT_EQ(8U, gateway.findings().at(0).offset);
+}
+
+TEST_F(Conversation, RefusesAMalformedHandshake)
+{
+    Bytes wrong = handshake();
+    wrong[35] = 'd';
+    client.send(wrong);
+    const std::optional<Received> refusal = client.read();
+    ASSERT_TRUE(refusal);
+    EXPECT_EQ(4, refusal->flowType);
+    EXPECT_EQ(-2, refusal->messageId);
+    EXPECT_EQ(-9, refusal->gatewayRc);
+    EXPECT_TRUE(client.endsInOrder());
+    EXPECT_EQ("fixed handshake data has 0x64, not 0x65", gateway.findings().at(0).problem);
+    EXPECT_EQ(0U, gateway.handshakeCount());
+}
+
+TEST_F(Conversation, RefusesAHandshakeOfAnotherVersion)
+{
+    Bytes wrong = handshake();
+    wrong[7] = 1;
+    client.send(wrong);
+    EXPECT_EQ(61450, client.read().value().gatewayRc);
+}
+
+TEST_F(Conversation, RefusesASecondHandshake)
+{
+    ASSERT_TRUE(client.shakeHands());
+    client.send(handshake());
+    EXPECT_EQ(4, client.read().value().flowType);
+    EXPECT_TRUE(client.endsInOrder());
+}
+
+TEST_F(Conversation, RefusesARequestBeforeTheHandshake)
+{
+    client.send(eciRequest(3, {}));
+    const std::optional<Received> refusal = client.read();
+    ASSERT_TRUE(refusal);
+    EXPECT_EQ(4, refusal->flowType);
+    EXPECT_EQ(3, refusal->messageId);
+    EXPECT_EQ(61445, refusal->gatewayRc);
+}
+
+TEST_F(Conversation, AnswersAMalformedRequestWithWhatIsWrongAndGoesOn)
+{
+    ASSERT_TRUE(client.shakeHands());
+    Bytes body = eciBody({});
+    body[7] = 3;
+    EXPECT_EQ("extend mode is 3, not 0, 1, 2 or 4 at byte 36",
+              exceptionFor(flow(1, 9, "ECI", body)));
+    EXPECT_EQ(1U, gateway.findingCount());
+    EXPECT_EQ(1U, gateway.requestCount());
+    EXPECT_FALSE(gateway.lastRequest().value().eci);
+    EXPECT_EQ(0, client.call(10, {}).vornRc);
+}
+
+TEST_F(Conversation, AnswersAMalformedHeaderOfARequest)
+{
+    ASSERT_TRUE(client.shakeHands());
+    Bytes wrong = eciRequest(9, {});
+    wrong[19] = 5;
+    EXPECT_EQ("Gateway return code is 5, not 0 at byte 16", exceptionFor(wrong));
+
+    client.send(flow(1, 9, "XYZ", eciBody({})));
+    EXPECT_EQ(61451, client.read().value().gatewayRc);
+
+    wrong = eciRequest(9, {});
+    wrong[4] = 0;
+    client.send(wrong);
+    EXPECT_EQ(61450, client.read().value().gatewayRc);
+
+    client.send(eciRequest(0, {}));
+    EXPECT_TRUE(client.endsInOrder());
+}
+
+TEST_F(Conversation, ReportsAFlowThatIsCutShort)
+{
+    ASSERT_TRUE(client.shakeHands());
+    const Bytes request = eciRequest(1, {});
+    client.send(Bytes(request.begin(), request.begin() + 40));
+    client.closeSending();
+    ASSERT_TRUE(gateway.awaitFindings());
+    EXPECT_EQ(40U, gateway.findings().at(0).offset);
+    EXPECT_EQ("the connection ends within a flow", gateway.findings().at(0).problem);
+}
+
+TEST_F(Conversation, ReportsAMalformedCloseFlowAndAnswersIt)
+{
+    ASSERT_TRUE(client.shakeHands());
+    client.send(flow(10, 5, "BASE", {}));
+    EXPECT_EQ(10, client.read().value().flowType);
+    EXPECT_EQ(12U, gateway.findings().at(0).offset);
+}
+
+TEST_F(Conversation, IgnoresRequestsBehindTheCloseFlow)
+{
+    ASSERT_TRUE(client.shakeHands());
+    client.send(Raw().bytes(closeFlow()).bytes(eciRequest(1, {})));
+    EXPECT_EQ(10, client.read().value().flowType);
+    ASSERT_TRUE(gateway.awaitRequests());
+    EXPECT_TRUE(gateway.sendPing());
+    EXPECT_EQ(7, client.read().value().flowType); // nothing has come in between
+}
+
+// --------------------------------------------------------------------------------------------- log
+
+TEST_F(Conversation, LogsOneReadableLineForEachEvent)
+{
+    ASSERT_TRUE(client.shakeHands());
+    Call call;
+    call.user = "FRED";
+    call.commarea = "hello";
+    client.call(1, call);
+    EXPECT_TRUE(logged("listening on 127.0.0.1:" + std::to_string(gateway.port())));
+    EXPECT_TRUE(logged("connection 1: accepted from 127.0.0.1:"));
+    EXPECT_TRUE(logged("connection 1: handshake applid=\"DEMO1\" qualifier=\"\"\n"));
+    EXPECT_TRUE(logged("connection 1: request 1 ECI program=\"ECHO\" mode=0 token=0 user=\"FRED\" "
+                       "commarea=5/5\n"));
+    EXPECT_TRUE(logged("connection 1: answer 1 vornRc=0 token=0 commarea=5\n"));
+}
+
+TEST_F(Conversation, LogsNeitherPasswordsNorControlCharacters)
+{
+    ASSERT_TRUE(client.shakeHands());
+    Bytes body = eciBody({});
+    const Bytes masked = {0xBE, 0x03, 0x01}; // "ABC"
+    body[48] = 3;
+    body.insert(body.begin() + 49, masked.begin(), masked.end());
+    body[52] = '\n'; // first character of the program's name
+    client.send(flow(1, 1, "ECI", body));
+    ASSERT_TRUE(client.read());
+    EXPECT_EQ("ABC", gateway.lastRequest().value().eci.value().password);
+    EXPECT_FALSE(logged("ABC"));
+    EXPECT_TRUE(logged("program=\"?CHO\""));
+}
+
+TEST_F(Conversation, LogsAConnectionThatEndsWithoutACloseFlow)
+{
+    ASSERT_TRUE(client.shakeHands());
+    client.close();
+    ASSERT_TRUE(gateway.awaitClosed());
+    EXPECT_TRUE(logged("connection 1: closed by the client without a close flow\n"));
+}

@@ -1,0 +1,358 @@
+// qpxgatewayd as a process: its options, its errors, its beginning and its end.
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "client.h"
+#include "standin/gateway.h"
+#include "temporary_directory.h"
+
+extern char** environ;
+
+using standin_test::Call;
+using standin_test::Client;
+using standin_test::Reply;
+using standin_test::TemporaryDirectory;
+
+namespace {
+
+// A running daemon. What it writes to both of its outputs comes through one pipe.
+class Daemon {
+public:
+    explicit Daemon(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), GATEWAY_DAEMON);
+        std::vector<char*> argv;
+        for (std::string& argument : arguments) argv.push_back(argument.data());
+        argv.push_back(nullptr);
+
+        int ends[2];
+        if (::pipe2(ends, O_CLOEXEC) != 0)
+            throw std::system_error(errno, std::generic_category(), "pipe");
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+        posix_spawn_file_actions_adddup2(&actions, ends[1], STDERR_FILENO);
+        const int error = ::posix_spawn(&process_, GATEWAY_DAEMON, &actions, nullptr, argv.data(),
+                                        environ);
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(ends[1]);
+        output_ = ends[0];
+        if (error != 0) throw std::system_error(error, std::generic_category(), GATEWAY_DAEMON);
+    }
+
+    ~Daemon()
+    {
+        if (process_ > 0) {
+            signal(SIGKILL);
+            end();
+        }
+        ::close(output_);
+    }
+
+    Daemon(const Daemon&) = delete;
+    Daemon& operator=(const Daemon&) = delete;
+
+    // Reads until the text has come; false when the output ends first.
+    bool awaitOutput(const std::string& part)
+    {
+        char buffer[512];
+        while (text_.find(part) == std::string::npos) {
+            const ssize_t count = ::read(output_, buffer, sizeof buffer);
+            if (count < 1) return false;
+            text_.append(buffer, static_cast<std::size_t>(count));
+        }
+        return true;
+    }
+
+    const std::string& output() const { return text_; }
+    bool wrote(const std::string& part) const { return text_.find(part) != std::string::npos; }
+
+    std::uint16_t port()
+    {
+        awaitOutput("ready\n");
+        const std::string mark = "listening on 127.0.0.1:";
+        const std::size_t at = text_.find(mark);
+        if (at == std::string::npos)
+            throw std::runtime_error("the daemon does not listen: " + text_);
+        return static_cast<std::uint16_t>(std::stoi(text_.substr(at + mark.size())));
+    }
+
+    void signal(int number) { ::kill(process_, number); }
+
+    // Waits for the end; the exit code, or -1 when a signal has killed the daemon.
+    int end()
+    {
+        char buffer[512];
+        ssize_t count = 0;
+        while ((count = ::read(output_, buffer, sizeof buffer)) > 0)
+            text_.append(buffer, static_cast<std::size_t>(count));
+        int status = 0;
+        ::waitpid(process_, &status, 0);
+        process_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    int stop()
+    {
+        signal(SIGTERM);
+        return end();
+    }
+
+private:
+    pid_t process_ = -1;
+    int output_ = -1;
+    std::string text_;
+};
+
+std::string contentOf(const std::string& file)
+{
+    std::ostringstream content;
+    content << std::ifstream(file).rdbuf();
+    return content.str();
+}
+
+} // namespace
+
+// ----------------------------------------------------------------------------------------- options
+
+TEST(DaemonOptions, HelpExplainsThemWithExamples)
+{
+    Daemon daemon({"--help"});
+    EXPECT_EQ(0, daemon.end());
+    for (const char* const part :
+         {"--port ", "--port-file", "--host", "--database", "--log-level", "--misbehave",
+          "--list-misbehaviours", "--version", "--config", "--system",
+          "Examples:", "qpxgatewayd --port 5770 --database ledger.db", "Exit codes:"}) {
+        EXPECT_TRUE(daemon.wrote(part)) << part;
+    }
+}
+
+TEST(DaemonOptions, VersionIsPrinted)
+{
+    Daemon daemon({"--version"});
+    EXPECT_EQ(0, daemon.end());
+    EXPECT_TRUE(daemon.wrote("qpxgatewayd ")) << daemon.output();
+}
+
+TEST(DaemonOptions, MisbehavioursAreListed)
+{
+    Daemon daemon({"--list-misbehaviours"});
+    EXPECT_EQ(0, daemon.end());
+    for (const standin::MisbehaviourInfo& info : standin::misbehaviours()) {
+        EXPECT_TRUE(daemon.wrote("  " + std::string(info.name))) << info.name;
+        EXPECT_TRUE(daemon.wrote(std::string(info.effect))) << info.name;
+    }
+}
+
+TEST(DaemonOptions, WrongOnesEndWithCode2AndSayWhy)
+{
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"--nonsense"}, "--nonsense"},
+        {{"--port", "many"}, "--port"},
+        {{"--port", "65536"}, "--port"},
+        {{"--log-level", "loud"}, "\"loud\" is not debug, info, warning or error"},
+        {{"--misbehave", "explode"},
+         "\"explode\" is no misbehaviour; --list-misbehaviours shows them all"},
+        {{"--misbehave", "pieces=none"}, "pieces needs a number, not \"none\""},
+        {{"--system", "NODESCRIPTION"}, "\"NODESCRIPTION\" is not NAME=DESCRIPTION"},
+        {{"--system", "NINELONG1=x"}, "does not have 1 to 8 characters"},
+        {{"--config", "/nonexistent/gateway.conf"}, "/nonexistent/gateway.conf"},
+    };
+    for (const auto& [arguments, text] : cases) {
+        Daemon daemon(arguments);
+        EXPECT_EQ(2, daemon.end()) << arguments.back();
+        EXPECT_TRUE(daemon.wrote(text)) << daemon.output();
+        EXPECT_TRUE(daemon.wrote("Run with --help for more information.")) << daemon.output();
+    }
+}
+
+TEST(DaemonOptions, APortInUseEndsWithCode3)
+{
+    const standin::Gateway other;
+    const std::string port = std::to_string(other.port());
+    Daemon daemon({"--port", port});
+    EXPECT_EQ(3, daemon.end());
+    EXPECT_TRUE(daemon.wrote("cannot listen on 127.0.0.1:" + port +
+                             ": Address already in use. Choose another port with --port"))
+        << daemon.output();
+}
+
+TEST(DaemonOptions, ADatabaseThatCannotBeMadeEndsWithCode4)
+{
+    const TemporaryDirectory directory;
+    const std::string file = directory.file("missing/ledger.db");
+    Daemon daemon({"--database", file});
+    EXPECT_EQ(4, daemon.end());
+    EXPECT_TRUE(daemon.wrote("cannot use the database " + file + ": unable to open database file."))
+        << daemon.output();
+}
+
+TEST(DaemonOptions, AFileThatIsNoDatabaseEndsWithCode4)
+{
+    const TemporaryDirectory directory;
+    const std::string file = directory.file("notes.txt");
+    std::ofstream(file)
+        << "this is no database, however long one looks at its first hundred bytes and more";
+    Daemon daemon({"--database", file});
+    EXPECT_EQ(4, daemon.end());
+    EXPECT_TRUE(daemon.wrote("file is not a database")) << daemon.output();
+}
+
+TEST(DaemonOptions, APortFileThatCannotBeWrittenEndsWithCode5)
+{
+    const TemporaryDirectory directory;
+    Daemon daemon({"--port-file", directory.file("missing/port")});
+    EXPECT_EQ(5, daemon.end());
+    EXPECT_TRUE(daemon.wrote("cannot write the port file")) << daemon.output();
+}
+
+TEST(DaemonOptions, ComeFromAFileToo)
+{
+    const TemporaryDirectory directory;
+    std::ofstream(directory.file("gateway.conf"))
+        << "log-level=warning\nmisbehave=[\"ping\", \"pieces=7\"]\n";
+    Daemon daemon({"--config", directory.file("gateway.conf")});
+    ASSERT_TRUE(daemon.awaitOutput("misbehaving on purpose: pieces"));
+    EXPECT_EQ(0, daemon.stop());
+    EXPECT_TRUE(daemon.wrote("misbehaving on purpose: ping"));
+    EXPECT_FALSE(daemon.wrote("listening")) << "info lines in spite of the log level";
+}
+
+// ----------------------------------------------------------------------------------------- service
+
+TEST(DaemonService, WritesThePortToAFileAndTakesItAwayAtTheEnd)
+{
+    const TemporaryDirectory directory;
+    const std::string file = directory.file("port");
+    Daemon daemon({"--port-file", file});
+    const std::uint16_t port = daemon.port();
+    EXPECT_EQ(std::to_string(port) + "\n", contentOf(file));
+    EXPECT_TRUE(Client(port).shakeHands());
+    EXPECT_EQ(0, daemon.stop());
+    EXPECT_FALSE(std::filesystem::exists(file));
+}
+
+TEST(DaemonService, EndsCleanlyBySigintToo)
+{
+    Daemon daemon({});
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    daemon.signal(SIGINT);
+    EXPECT_EQ(0, daemon.end());
+    EXPECT_TRUE(client.endsInOrder());
+    EXPECT_TRUE(daemon.wrote("ending by signal 2")) << daemon.output();
+    EXPECT_TRUE(daemon.wrote("stopped")) << daemon.output();
+}
+
+TEST(DaemonService, RunsEchoAndAbend)
+{
+    Daemon daemon({});
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    Call echo;
+    echo.commarea = "hello";
+    EXPECT_EQ("hello", client.call(1, echo).commarea);
+    Call abend;
+    abend.program = "ABEND";
+    EXPECT_EQ("AZZZ", client.call(1, abend).abendCode);
+    Call ledgerCall;
+    ledgerCall.program = "LEDGER";
+    EXPECT_EQ("AEI0", client.call(1, ledgerCall).abendCode);
+    EXPECT_TRUE(daemon.wrote("no LEDGER without --database"));
+}
+
+TEST(DaemonService, KeepsTheLedgerFromOneRunToTheNext)
+{
+    const TemporaryDirectory directory;
+    const std::vector<std::string> arguments = {"--database", directory.file("ledger.db")};
+    Call credit;
+    credit.program = "LEDGER";
+    credit.commarea = "C  ACC00005000000000001" + std::string(57, ' ');
+    for (const char* const expected : {"+000000050001", "+000000050002"}) {
+        Daemon daemon(arguments);
+        Client client(daemon.port());
+        ASSERT_TRUE(client.shakeHands());
+        EXPECT_EQ(expected, client.call(1, credit).commarea.substr(23, 13));
+        EXPECT_EQ(0, daemon.stop());
+    }
+}
+
+TEST(DaemonService, BacksOutOpenUnitsOfWorkWhenItIsStopped)
+{
+    const TemporaryDirectory directory;
+    const std::vector<std::string> arguments = {"--database", directory.file("ledger.db")};
+    Call credit;
+    credit.program = "LEDGER";
+    credit.commarea = "C  ACC00005000000000001" + std::string(57, ' ');
+    credit.mode = 1;
+    for (int run = 0; run < 2; ++run) {
+        Daemon daemon(arguments);
+        Client client(daemon.port());
+        ASSERT_TRUE(client.shakeHands());
+        EXPECT_EQ("+000000050001", client.call(1, credit).commarea.substr(23, 13));
+        EXPECT_EQ(0, daemon.stop());
+    }
+}
+
+TEST(DaemonService, MisbehavesAsTold)
+{
+    Daemon daemon({"--misbehave", "drop@program:ECHO,nth:2"});
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    EXPECT_EQ(0, client.call(1, {}).vornRc);
+    client.send(standin_test::eciRequest(2, {}));
+    EXPECT_TRUE(client.endsInOrder());
+}
+
+TEST(DaemonService, ReleasesHeldAnswersBySigusr1)
+{
+    Daemon daemon({"--misbehave", "hold"});
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    client.send(standin_test::eciRequest(2, {}));
+    ASSERT_TRUE(daemon.awaitOutput("connection 1: answer 2 "));
+    daemon.signal(SIGUSR1);
+    EXPECT_EQ(2, client.read().value().messageId);
+}
+
+TEST(DaemonService, ListsItsSystems)
+{
+    Daemon daemon({"--system", "ONE=The first", "--system", "TWO=The second"});
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    client.send(standin_test::flow(
+        1, 1, "ECI", standin_test::Raw().int32(9).int32(5).int16(0).byte(0).int32(-1).int32(7)));
+    const std::string list = standin_test::textOf(client.read().value().body);
+    EXPECT_EQ(16U + 140U, list.size());
+    EXPECT_NE(std::string::npos, list.find("The second"));
+}
+
+TEST(DaemonService, LogsRequestsWithTheUserButWithoutThePassword)
+{
+    Daemon daemon({});
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    Call call;
+    call.user = "FRED";
+    standin::Bytes body = standin_test::eciBody(call);
+    const standin::Bytes masked = {0xAC, 0x16, 0x06, 0x11}; // "SECR", scrambled
+    body[48] = 4;
+    body.insert(body.begin() + 49, masked.begin(), masked.end());
+    client.send(standin_test::flow(1, 3, "ECI", body));
+    ASSERT_TRUE(client.read());
+    EXPECT_EQ(0, daemon.stop());
+    EXPECT_TRUE(daemon.wrote(
+        "connection 1: request 3 ECI program=\"ECHO\" mode=0 token=0 user=\"FRED\" commarea=0/0"))
+        << daemon.output();
+    EXPECT_FALSE(daemon.wrote("SECR"));
+}

@@ -1,0 +1,96 @@
+// Misbehaviours as text.
+
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "standin/misbehaviour.h"
+
+using namespace standin;
+
+namespace {
+
+std::string complaint(const std::string& text)
+{
+    try {
+        parseMisbehaviour(text);
+    } catch (const std::invalid_argument& refusal) {
+        return refusal.what();
+    }
+    return "accepted";
+}
+
+} // namespace
+
+TEST(ParseMisbehaviour, ReadsANameAlone)
+{
+    const SelectedMisbehaviour read = parseMisbehaviour("no-close-answer");
+    EXPECT_EQ(Fault::NoCloseAnswer, read.misbehaviour.fault);
+    EXPECT_EQ(0, read.selector.connection);
+    EXPECT_EQ(0, read.selector.messageId);
+    EXPECT_EQ("", read.selector.program);
+    EXPECT_EQ(0, read.selector.skip);
+    EXPECT_EQ(0, read.selector.times);
+}
+
+TEST(ParseMisbehaviour, ReadsEveryKindOfArgument)
+{
+    EXPECT_EQ(61445, parseMisbehaviour("flow-error=61445").misbehaviour.number);
+    EXPECT_EQ(-9, parseMisbehaviour("refuse-handshake=-9").misbehaviour.number);
+    EXPECT_EQ(7, parseMisbehaviour("pieces=7").misbehaviour.number);
+    EXPECT_EQ(42, parseMisbehaviour("unknown-flow=42").misbehaviour.number);
+    EXPECT_EQ(0, parseMisbehaviour("unknown-flow").misbehaviour.number);
+    EXPECT_EQ("no luck=today", parseMisbehaviour("flow-exception=no luck=today").misbehaviour.text);
+    EXPECT_EQ((Bytes{0x47, 0x61}), parseMisbehaviour("raw=47 61").misbehaviour.bytes);
+}
+
+TEST(ParseMisbehaviour, ReadsSelectors)
+{
+    const Selector selector =
+        parseMisbehaviour("drop@connection:2,message:3,program:LEDGER,skip:4,times:5").selector;
+    EXPECT_EQ(2, selector.connection);
+    EXPECT_EQ(3, selector.messageId);
+    EXPECT_EQ("LEDGER", selector.program);
+    EXPECT_EQ(4, selector.skip);
+    EXPECT_EQ(5, selector.times);
+}
+
+TEST(ParseMisbehaviour, ReadsTheSelectorsThatCount)
+{
+    EXPECT_EQ(1, parseMisbehaviour("drop@once").selector.times);
+    EXPECT_EQ(0, parseMisbehaviour("drop@once").selector.skip);
+    EXPECT_EQ(1, parseMisbehaviour("drop@nth:3").selector.times);
+    EXPECT_EQ(2, parseMisbehaviour("drop@nth:3").selector.skip);
+}
+
+TEST(ParseMisbehaviour, SaysWhatIsWrong)
+{
+    EXPECT_EQ("\"explode\" is no misbehaviour; --list-misbehaviours shows them all",
+              complaint("explode"));
+    EXPECT_EQ("hold takes no argument", complaint("hold=3"));
+    EXPECT_EQ("pieces needs an argument: pieces=N", complaint("pieces"));
+    EXPECT_EQ("pieces needs a number of at least 1, not \"0\"", complaint("pieces=0"));
+    EXPECT_EQ("flow-error needs a number, not \"12x\"", complaint("flow-error=12x"));
+    EXPECT_EQ("flow-error needs a number, not \"\"", complaint("flow-error="));
+    EXPECT_EQ("'G' is not a hexadecimal digit", complaint("raw=0G"));
+    EXPECT_EQ("\"never\" is no selector; there are connection:N, message:ID, program:NAME, skip:N, "
+              "times:N, nth:N and once",
+              complaint("drop@never"));
+    EXPECT_EQ("nth needs a number of at least 1, not \"0\"", complaint("drop@nth:0"));
+    EXPECT_NE("accepted", complaint("drop@"));
+    EXPECT_NE("accepted", complaint(""));
+}
+
+TEST(Misbehaviours, HaveNamesOfTheirOwnAndCanBeReadBack)
+{
+    std::set<std::string> names;
+    for (const MisbehaviourInfo& info : misbehaviours()) {
+        EXPECT_TRUE(names.emplace(info.name).second) << info.name;
+        EXPECT_FALSE(info.effect.empty()) << info.name;
+        std::string text(info.name);
+        if (!info.argument.empty()) text += info.argument == "TEXT" ? "=oops" : "=12";
+        EXPECT_EQ(info.fault, parseMisbehaviour(text).misbehaviour.fault) << text;
+        EXPECT_EQ(info.name, nameOf(info.fault));
+    }
+    EXPECT_EQ(28U, names.size());
+}

@@ -1,0 +1,242 @@
+// Units of work: how they are opened, continued and ended, and what programs are told.
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "client.h"
+#include "standin/gateway.h"
+
+using namespace standin;
+using standin_test::Call;
+using standin_test::Client;
+using standin_test::Reply;
+
+namespace {
+
+// Writes down what it is told, and answers as the test wants.
+class Diary final : public Program {
+public:
+    std::optional<EciReply> call(const ProgramCall& call) override
+    {
+        entries.push_back("call " + std::to_string(call.unitOfWork ? call.unitOfWork->token : 0));
+        return EciReply::serverError(call.request, callRc);
+    }
+
+    std::int32_t begin(const UnitOfWork& unit) override { return note("begin", unit, beginRc); }
+    std::int32_t resume(const UnitOfWork& unit) override { return note("resume", unit, resumeRc); }
+    std::int32_t commit(const UnitOfWork& unit) override { return note("commit", unit, commitRc); }
+    void backout(const UnitOfWork& unit) override { note("backout", unit, 0); }
+
+    std::vector<std::string> entries;
+    std::int32_t callRc = 0;
+    std::int32_t beginRc = 0;
+    std::int32_t resumeRc = 0;
+    std::int32_t commitRc = 0;
+
+private:
+    std::int32_t note(const std::string& what, const UnitOfWork& unit, std::int32_t rc)
+    {
+        entries.push_back(what + " " + std::to_string(unit.token));
+        return rc;
+    }
+};
+
+using Entries = std::vector<std::string>;
+
+class UnitsOfWork : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        gateway.setProgram("DIARY", diary);
+        gateway.setProgram("OTHER", other);
+        ASSERT_TRUE(client.shakeHands());
+    }
+
+    Reply call(int mode, int token, const std::string& program = "DIARY")
+    {
+        Call request;
+        request.program = program;
+        request.mode = mode;
+        request.token = token;
+        return client.call(1, request);
+    }
+
+    const std::shared_ptr<Diary> diary = std::make_shared<Diary>();
+    const std::shared_ptr<Diary> other = std::make_shared<Diary>();
+    Gateway gateway;
+    Client client{gateway.port()};
+};
+
+} // namespace
+
+TEST_F(UnitsOfWork, ACallInMode0HasNone)
+{
+    EXPECT_EQ(0, call(0, 0).luwToken);
+    EXPECT_EQ((Entries{"call 0"}), diary->entries);
+}
+
+TEST_F(UnitsOfWork, Mode1WithToken0OpensOne)
+{
+    const Reply reply = call(1, 0);
+    EXPECT_EQ(0, reply.vornRc);
+    EXPECT_EQ(1, reply.luwToken);
+    EXPECT_EQ(1U, gateway.openUnitsOfWork());
+    EXPECT_EQ((Entries{"begin 1", "call 1"}), diary->entries);
+}
+
+TEST_F(UnitsOfWork, EveryOneHasATokenOfItsOwn)
+{
+    EXPECT_EQ(1, call(1, 0).luwToken);
+    EXPECT_EQ(2, call(1, 0).luwToken);
+    EXPECT_EQ(2U, gateway.openUnitsOfWork());
+}
+
+TEST_F(UnitsOfWork, Mode1WithTheTokenContinuesIt)
+{
+    call(1, 0);
+    EXPECT_EQ(1, call(1, 1).luwToken);
+    EXPECT_EQ((Entries{"begin 1", "call 1", "resume 1", "call 1"}), diary->entries);
+}
+
+TEST_F(UnitsOfWork, Mode2CommitsIt)
+{
+    call(1, 0);
+    const Reply reply = call(2, 1);
+    EXPECT_EQ(0, reply.vornRc);
+    EXPECT_EQ(0, reply.luwToken);
+    EXPECT_EQ(0, reply.commareaLength);
+    EXPECT_EQ(0U, gateway.openUnitsOfWork());
+    EXPECT_EQ((Entries{"begin 1", "call 1", "commit 1"}), diary->entries);
+}
+
+TEST_F(UnitsOfWork, Mode4BacksItOut)
+{
+    call(1, 0);
+    const Reply reply = call(4, 1);
+    EXPECT_EQ(0, reply.vornRc);
+    EXPECT_EQ(0, reply.luwToken);
+    EXPECT_EQ((Entries{"begin 1", "call 1", "backout 1"}), diary->entries);
+}
+
+TEST_F(UnitsOfWork, AnUnknownTokenIsRefused)
+{
+    EXPECT_EQ(-8, call(1, 77).vornRc);
+    EXPECT_EQ(-8, call(2, 77).vornRc);
+    EXPECT_EQ(-8, call(4, 77).vornRc);
+    EXPECT_EQ(-8, call(2, 0).vornRc);
+    EXPECT_TRUE(diary->entries.empty());
+}
+
+TEST_F(UnitsOfWork, ATokenIsUnknownAfterItsEnd)
+{
+    call(1, 0);
+    call(2, 1);
+    EXPECT_EQ(-8, call(2, 1).vornRc);
+    EXPECT_EQ(-8, call(1, 1).vornRc);
+}
+
+TEST_F(UnitsOfWork, ATokenIsUnknownOnAnotherConnection)
+{
+    call(1, 0);
+    Client stranger(gateway.port());
+    ASSERT_TRUE(stranger.shakeHands());
+    Call commit;
+    commit.mode = 2;
+    commit.token = 1;
+    EXPECT_EQ(-8, stranger.call(1, commit).vornRc);
+    EXPECT_EQ(0, call(2, 1).vornRc);
+}
+
+TEST_F(UnitsOfWork, SeveralProgramsTakePart)
+{
+    call(1, 0);
+    call(1, 1, "OTHER");
+    call(2, 1);
+    EXPECT_EQ((Entries{"begin 1", "call 1", "commit 1"}), diary->entries);
+    EXPECT_EQ((Entries{"begin 1", "call 1", "commit 1"}), other->entries);
+}
+
+TEST_F(UnitsOfWork, AProgramMayRefuseToBegin)
+{
+    diary->beginRc = -16;
+    const Reply reply = call(1, 0);
+    EXPECT_EQ(-16, reply.vornRc);
+    EXPECT_EQ(0, reply.luwToken);
+    EXPECT_EQ(0U, gateway.openUnitsOfWork());
+    EXPECT_EQ((Entries{"begin 1"}), diary->entries);
+}
+
+TEST_F(UnitsOfWork, AProgramThatCannotResumeBacksItOut)
+{
+    call(1, 0);
+    diary->resumeRc = -9;
+    EXPECT_EQ(-9, call(1, 1).vornRc);
+    EXPECT_EQ((Entries{"begin 1", "call 1", "resume 1", "backout 1"}), diary->entries);
+}
+
+TEST_F(UnitsOfWork, AFailingCallBacksItOut)
+{
+    call(1, 0);
+    diary->callRc = -16;
+    const Reply reply = call(1, 1);
+    EXPECT_EQ(-16, reply.vornRc);
+    EXPECT_EQ(0, reply.luwToken);
+    EXPECT_EQ("backout 1", diary->entries.back());
+    EXPECT_EQ(-8, call(2, 1).vornRc);
+}
+
+TEST_F(UnitsOfWork, AnAbendOfOneProgramBacksOutTheOthers)
+{
+    call(1, 0);
+    EXPECT_EQ(-7, call(1, 1, "ABEND").vornRc);
+    EXPECT_EQ((Entries{"begin 1", "call 1", "backout 1"}), diary->entries);
+}
+
+TEST_F(UnitsOfWork, AProgramThatIsNotThereBacksItOut)
+{
+    call(1, 0);
+    EXPECT_EQ("AEI0", call(1, 1, "NOSUCH").abendCode);
+    EXPECT_EQ("backout 1", diary->entries.back());
+}
+
+TEST_F(UnitsOfWork, AFailingCommitBacksOutTheRest)
+{
+    call(1, 0);
+    call(1, 1, "OTHER");
+    diary->commitRc = -9;
+    EXPECT_EQ(-9, call(2, 1).vornRc);
+    EXPECT_EQ((Entries{"begin 1", "call 1", "commit 1", "backout 1"}), diary->entries);
+    EXPECT_EQ((Entries{"begin 1", "call 1", "backout 1"}), other->entries);
+    EXPECT_EQ(0U, gateway.openUnitsOfWork());
+}
+
+TEST_F(UnitsOfWork, ALostConnectionBacksOutAllOfItsOwn)
+{
+    call(1, 0);
+    call(1, 0, "OTHER");
+    client.close();
+    ASSERT_TRUE(gateway.awaitClosed());
+    EXPECT_EQ(0U, gateway.openUnitsOfWork());
+    EXPECT_EQ("backout 1", diary->entries.back());
+    EXPECT_EQ("backout 2", other->entries.back());
+}
+
+TEST_F(UnitsOfWork, StoppingTheGatewayBacksOutEverything)
+{
+    call(1, 0);
+    gateway.stop();
+    EXPECT_EQ("backout 1", diary->entries.back());
+}
+
+TEST_F(UnitsOfWork, AReplyFunctionMayNameATokenOfItsOwn)
+{
+    gateway.setReply("TOKEN", [](const EciRequest& request) {
+        EciReply reply = EciReply::to(request);
+        reply.luwToken = 4711;
+        return reply;
+    });
+    EXPECT_EQ(4711, call(1, 0, "TOKEN").luwToken);
+}

@@ -1,0 +1,222 @@
+// Waiting for a connect in progress: success, failure, time-out and signals.
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include "unit/connect_fixture.h"
+
+using namespace fixture;
+using namespace script;
+using support::beforeCall;
+using support::Call;
+using support::CallInfo;
+using support::failCall;
+using support::fakeCall;
+using support::Fault;
+using support::Threads;
+using support::TraceFile;
+
+namespace {
+
+// The next connect takes place and is then said to be still in progress. What the test adds runs
+// between the two.
+class SlowConnect {
+public:
+    explicit SlowConnect(std::function<void(int descriptor)> then = nullptr)
+        : hook_(beforeCall(Call::Connect, 1,
+                           [then](const CallInfo& info) {
+                               connectForReal(info);
+                               if (then) then(static_cast<int>(info.first));
+                           })),
+          failure_(failCall(Call::Connect, 1, EINPROGRESS))
+    {
+    }
+
+private:
+    Fault hook_;
+    Fault failure_;
+};
+
+class ConnectWait : public ::testing::Test {
+protected:
+    int open(int connTimeout)
+    {
+        return QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, connTimeout);
+    }
+
+    ScriptedGateway gateway;
+    Peer peer;
+    QPX_ConnToken_t token = nullptr;
+};
+
+TEST_F(ConnectWait, SucceedsWhenTheSocketBecomesWritable)
+{
+    TraceFile trace(4);
+    SlowConnect slow;
+    ScriptedConnection connection(30);
+    std::string descriptor = std::to_string(connection.token->socketDescriptor);
+
+    EXPECT_TRUE(trace.wroteText("DEBUG  clapi_gwycon.clapiConnectToGateway() Waiting for connect "
+                                "to complete\n"));
+    EXPECT_TRUE(trace.wroteText("ENTRY  clapi_gwycon.waitForConnection(socketDescriptorPtr=<ptr>, "
+                                "sockError=<ptr>, connTimeout=30)\n"));
+    EXPECT_EQ(1, trace.timesWroteText("DEBUG  clapi_gwycon.waitForConnection() Calling select() "
+                                      "on socketdescriptor " + descriptor + "\n"));
+    EXPECT_TRUE(trace.wroteText("() Connected to Gateway 127.0.0.1:"));
+}
+
+TEST_F(ConnectWait, TimesOutWhenNobodyAnswersTheConnect)
+{
+    ScriptedGateway deaf(ScriptedGateway::Backlog::Full);
+    TraceFile trace(1);
+
+    EXPECT_RC(QPX_ERR_CONNECTTIMEOUT,
+              QPX_openRemoteGatewayConnection(localHost(), deaf.port(), &token, 1));
+
+    EXPECT_TRUE(trace.wroteText("*EXC*  clapi_gwycon.waitForConnection() socket <int> connect "
+                                "timed out\n"));
+    EXPECT_TRUE(trace.wroteText("*EXC*  clapi_gwycon.clapiConnectToGateway() Unable to connect "
+                                "to Gateway: Connection timed out (110)\n"))
+        << trace.text();
+    EXPECT_EQ(nullptr, token);
+}
+
+TEST_F(ConnectWait, FailsWithTheErrorOfTheSocket)
+{
+    TraceFile trace(1);
+    SlowConnect slow([this](int) { gateway.accept().reset(); });
+
+    EXPECT_RC(QPX_ERR_CONNECTFAILED, open(30));
+
+    EXPECT_TRUE(trace.wroteText("*EXC*  clapi_gwycon.waitForConnection() socket <int> connect() "
+                                "failed error: Connection reset by peer (104)\n"))
+        << trace.text();
+    EXPECT_TRUE(trace.wroteText("*EXC*  clapi_gwycon.clapiConnectToGateway() Unable to connect "
+                                "to Gateway: Connection reset by peer (104)\n"));
+}
+
+TEST_F(ConnectWait, FailsWhenSelectFails)
+{
+    TraceFile trace(1);
+    SlowConnect slow;
+    Fault fault = failCall(Call::Select, 1, EBADF);
+
+    EXPECT_RC(QPX_ERR_CONNECTFAILED, open(30));
+
+    EXPECT_EQ(1, fault.hits());
+    EXPECT_TRUE(trace.wroteText("*EXC*  clapi_gwycon.waitForConnection() <any>\n"));
+    EXPECT_TRUE(trace.wroteText("*EXC*  clapi_gwycon.clapiConnectToGateway() Unable to connect "
+                                "to Gateway: Bad file descriptor (9)\n"));
+}
+
+TEST_F(ConnectWait, TakesASocketThatIsInTheExceptionSetOnlyAsConnected)
+{
+    std::size_t filling = 0;
+    TraceFile trace(4);
+    SlowConnect slow([&](int descriptor) {
+        Peer early = gateway.accept();
+        const Bytes block(16384, 0);
+        for (ssize_t sent; (sent = send(descriptor, block.data(), block.size(), MSG_DONTWAIT)) > 0;)
+            filling += static_cast<std::size_t>(sent);
+        ASSERT_EQ(1, send(early.fd(), "!", 1, MSG_OOB));
+        peer = std::move(early);
+    });
+    support::Gate gate;
+    Fault connected = beforeCall(Call::ThreadCreate, 1, [=](const CallInfo&) mutable {
+        gate.pass();
+    });
+    auto opening = callInThread([this] { return open(60); });
+
+    ASSERT_TRUE(gate.awaitArrival());
+    EXPECT_TRUE(trace.wroteText("clapi_gwycon.clapiConnectToGateway() Connected to Gateway"));
+    EXPECT_FALSE(trace.wroteText("*EXC*"));
+    gate.open();
+    ASSERT_LT(0U, filling);
+    peer.read(filling);
+    peer.read(handshakeSize);
+    peer.send(handshakeAnswer());
+
+    EXPECT_RC(QPX_OK, opening.get());
+    peer.close();
+    QPX_closeGatewayConnection(&token);
+}
+
+TEST_F(ConnectWait, WaitsAgainWhenASignalArrives)
+{
+    TraceFile trace(4);
+    SlowConnect slow;
+    Fault signal = failCall(Call::Select, 1, EINTR);
+
+    ScriptedConnection connection(30);
+
+    EXPECT_EQ(1, signal.hits());
+    EXPECT_EQ(2, trace.timesWroteText("clapi_gwycon.waitForConnection() Calling select()"));
+}
+
+TEST_F(ConnectWait, WaitsAgainForAsManySignalsAsArrive)
+{
+    TraceFile trace(4);
+    SlowConnect slow;
+    Fault first = failCall(Call::Select, 1, EINTR);
+    Fault second = failCall(Call::Select, 2, EINTR);
+    Fault third = failCall(Call::Select, 3, EINTR);
+
+    ScriptedConnection connection(30);
+
+    EXPECT_EQ(4, trace.timesWroteText("clapi_gwycon.waitForConnection() Calling select()"));
+}
+
+TEST_F(ConnectWait, StillTimesOutAfterASignal)
+{
+    ScriptedGateway deaf(ScriptedGateway::Backlog::Full);
+    TraceFile trace(4);
+    Fault signal = failCall(Call::Select, 1, EINTR);
+
+    EXPECT_RC(QPX_ERR_CONNECTTIMEOUT,
+              QPX_openRemoteGatewayConnection(localHost(), deaf.port(), &token, 1));
+
+    EXPECT_EQ(2, trace.timesWroteText("clapi_gwycon.waitForConnection() Calling select()"));
+}
+
+// The clock says that 3599 of 3600 seconds are over when the signal comes.
+TEST_F(ConnectWait, WaitsForTheRemainingSecondsAfterASignal)
+{
+    ScriptedGateway deaf(ScriptedGateway::Backlog::Full);
+    Fault start = fakeCall(Call::Time, 1, 1000);
+    Fault later = fakeCall(Call::Time, 2, 4599);
+    Fault signal = failCall(Call::Select, 1, EINTR);
+
+    EXPECT_RC(QPX_ERR_CONNECTTIMEOUT,
+              QPX_openRemoteGatewayConnection(localHost(), deaf.port(), &token, 3600));
+
+    EXPECT_EQ(1, start.hits());
+    EXPECT_EQ(1, later.hits());
+}
+
+TEST_F(ConnectWait, WaitsForOneMoreSecondWhenASignalComesAtTheEnd)
+{
+    ScriptedGateway deaf(ScriptedGateway::Backlog::Full);
+    TraceFile trace(4);
+    Fault start = fakeCall(Call::Time, 1, 1000);
+    Fault later = fakeCall(Call::Time, 2, 4600);
+    Fault signal = failCall(Call::Select, 1, EINTR);
+
+    EXPECT_RC(QPX_ERR_CONNECTTIMEOUT,
+              QPX_openRemoteGatewayConnection(localHost(), deaf.port(), &token, 3600));
+
+    EXPECT_EQ(2, trace.timesWroteText("clapi_gwycon.waitForConnection() Calling select()"));
+}
+
+TEST_F(ConnectWait, WaitsForOneSecondWhenASignalComesAtTheStart)
+{
+    ScriptedGateway deaf(ScriptedGateway::Backlog::Full);
+    Fault start = fakeCall(Call::Time, 1, 1000);
+    Fault later = fakeCall(Call::Time, 2, 1000);
+    Fault signal = failCall(Call::Select, 1, EINTR);
+
+    EXPECT_RC(QPX_ERR_CONNECTTIMEOUT,
+              QPX_openRemoteGatewayConnection(localHost(), deaf.port(), &token, 3600));
+
+    EXPECT_EQ(1, signal.hits());
+}
+
+} // namespace

@@ -12,7 +12,7 @@
  *
  * Locks: TRACE and TRACE_DATA take traceLock, the innermost lock, and nothing that traces may be
  * called while it is held. TRACE_UNLOCKED takes none; it is for the lock module and the one-time
- * initialisation only.
+ * initialisation only, and its line is lost if the destination is switched at that moment.
  */
 #ifndef CLAPI_DIAG_H
 #define CLAPI_DIAG_H
@@ -23,6 +23,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 
 #include "clapi_lock.h"
 
@@ -186,6 +187,14 @@ inline unsigned long traceSocket(int socketDescriptor)
 {
     return static_cast<unsigned long>(socketDescriptor);
 }
+
+/* Room for the text of an errno value, and the text. */
+typedef char ErrorText[128];
+inline const char* traceError(int error, ErrorText& text)
+{
+    return strerror_r(error, text, sizeof text);
+}
+
 inline int traceInt(size_t size)
 {
     return static_cast<int>(size);
@@ -196,16 +205,20 @@ inline int traceInt(size_t size)
 /* The trace lock for a scope; errno comes out as it went in. */
 class TraceHold {
 public:
-    TraceHold() : errnoBefore(errno), guard(traceLock) {}
-    ~TraceHold() { errno = errnoBefore; }
+    TraceHold() : errnoBefore(errno), isHeld(clapiRequestLock(&traceLock) == 0) {}
+    ~TraceHold()
+    {
+        if (isHeld) clapiReleaseLock(&traceLock);
+        errno = errnoBefore;
+    }
     TraceHold(const TraceHold&) = delete;
     TraceHold& operator=(const TraceHold&) = delete;
 
-    bool held() const { return guard.held(); }
+    bool held() const { return isHeld; }
 
 private:
     int errnoBefore;
-    LockGuard guard;
+    bool isHeld;
 };
 
 inline bool clapiTraces(const TracePoint& point)
@@ -225,7 +238,7 @@ const char* clapiPrepareLine(const TracePoint& point);
 /* The scratch of a line that is written without traceLock. */
 struct UnlockedLine {
     explicit UnlockedLine(const TracePoint& point);
-    const char* format() const { return formatString.timeStamp; }
+    const char* format() const { return reinterpret_cast<const char*>(&formatString); }
 
     formatStringType formatString;
     char stamp[sizeof timeStamp];
@@ -273,7 +286,10 @@ template <typename... Args>
 void clapiTraceData(const TracePoint& point, const DumpBlock& block, Args... args)
 {
     TraceHold hold;
-    if (!hold.held()) return;
+    if (!hold.held()) {
+        clapiTraceUnlocked(point, args...);
+        return;
+    }
     clapiPrintLine(point, args...);
     clapiTraceOutBlock(block);
 }

@@ -7,7 +7,7 @@
  *
  * Lock order of the library: gtlLock, then a token's tableLock, then a channel's serLock;
  * chanListLock before serLock; sendLock never together with tableLock; traceLock innermost.
- * No lock is held across a wait.
+ * gtlLock and tableLock are never held across a wait.
  */
 #ifndef CLAPI_LOCK_H
 #define CLAPI_LOCK_H
@@ -87,7 +87,8 @@ public:
         return rc;
     }
 
-    /* A lock that could not be released is still held, and the destructor tries again. */
+    /* A lock that could not be released is still held, and the destructor tries again (a second
+     * failure is traced again). */
     int release()
     {
         int rc = clapiReleaseLock(lockPtr);

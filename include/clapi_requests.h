@@ -3,8 +3,8 @@
  * that write and read them.
  *
  * Writers return 0, QPX_ERR_MALLOCFAIL or QPX_ERR_LOSTGWCON. Thread: the caller's, holding the
- * connection's sendLock (the handshake alone is written without it, while no other thread knows
- * the connection). Readers run on the receiver thread.
+ * connection's sendLock (the handshake alone is written without it, while no other thread writes
+ * to the connection). Readers run on the receiver thread.
  */
 #ifndef CLAPI_REQUESTS_H
 #define CLAPI_REQUESTS_H
@@ -59,7 +59,8 @@ extern const char ESI_REQUEST_NAME[3];       // "ESI"
 void clapiBuildRequestHeader(GatewayRequest* header, int messageId, const char (&name)[3]);
 
 /*
- * Reads the next header. The record's datalength is then what is still to come.
+ * Reads the next header. Its datalength is the length of the body, whose first
+ * bytes may be in the buffer already.
  * 0, QPX_ERR_MALLOCFAIL, QPX_ERR_LOSTGWCON, or QPX_ERR_SYSTEM_ERROR for what is no header.
  */
 int clapiReadHeader(SocketBuffer* sockBuffer, GatewayRequest* req);

@@ -45,10 +45,11 @@ typedef struct _SocketBuffer {
 int initWriteBuffer(SocketBuffer* sockBuffer, Socket socketDesc, size_t dataLen);
 int initReadBuffer(SocketBuffer* sockBuffer, Socket socketDesc, size_t dataLen);
 
-/* Gives the storage back and zeroes the record: 0, or QPX_ERR_SYSTEM_ERROR if there was none. */
+/* Overwrites the storage, gives it back and zeroes the record: 0, or QPX_ERR_SYSTEM_ERROR if
+ * there was none. */
 int freeBuffer(SocketBuffer* sockBuffer);
 
-/* As freeBuffer, but the storage is overwritten first and nothing is traced. */
+/* As freeBuffer, without a result or a trace; for a record without storage, too. */
 void wipeBuffer(SocketBuffer* sockBuffer);
 
 /* Waits until the socket is readable, at most timeout seconds (0 = no limit): 0,

@@ -102,8 +102,8 @@ typedef struct _QPX_ConnToken_t {
     int32_t connTimeout;             // seconds for connect and for handshake, 0 = no limit
     int32_t handshakeRc;             // from the receiver to the connecting thread, by connEvent
     std::atomic<int32_t> closedown;  // 1 once a close has begun; written under gtlLock
-    Socket socketDescriptor;         // NO_SOCKET until connected; keeps its number afterwards
-    RequestTable table;              // guarded by tableLock
+    std::atomic<Socket> socketDescriptor; // NO_SOCKET until connected; keeps its number afterwards
+    RequestTable table;                   // guarded by tableLock
     Clapilock tableLock;
     Clapilock sendLock;      // held while one whole flow is written
     RequestSlot* firstReply; // queue of delivered asynchronous slots; by tableLock
@@ -147,16 +147,24 @@ void clapiDumpGatewayTokens(void);
 int clapiRegisterRequest(_QPX_ConnToken_t* gwTokPtr);
 int clapiUnregisterRequest(_QPX_ConnToken_t* gwTokPtr);
 
+/* Values of lockRequired below: whether the function takes gtlLock, or its caller holds it. */
+constexpr int CALLER_HOLDS_LOCK = 0;
+constexpr int LOCK_REQUIRED = 1;
+
 /*
- * Marks a token as closing. With lockRequired 0 the caller holds gtlLock.
+ * Marks a token as closing. With CALLER_HOLDS_LOCK the caller holds gtlLock.
  * 0, QPX_ERR_GWTOK_CLOSED (it is closing already), QPX_ERR_BADGWTOK or QPX_ERR_SYSTEM_ERROR.
  */
 int clapiCloseGatewayToken(_QPX_ConnToken_t* gwTokPtr, int lockRequired);
 
+/* Close time-outs that are no number of seconds. */
+constexpr int WAIT_WITHOUT_LIMIT = -1;
+constexpr int NO_WAIT = 0;
+
 /*
- * Quiesces a closing token and frees it. closeTimeout: -1 waits for work in progress without
- * limit, a positive number for so many seconds, any other not at all. With lockRequired 0 the
- * caller vouches for the token and holds gtlLock, which is given up in every case.
+ * Quiesces a closing token and frees it. Work in progress is waited for without limit, for a
+ * number of seconds, or not at all, as closeTimeout says. With CALLER_HOLDS_LOCK the caller
+ * vouches for the token and holds gtlLock, which is given up in every case.
  */
 int clapiDeleteGatewayToken(QPX_ConnToken_t* gwTokPtr, int closeTimeout, int lockRequired);
 
@@ -185,7 +193,9 @@ void clapiEndSending(_QPX_ConnToken_t* gwTokPtr);
  */
 void clapiEndFailedSending(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP);
 
-/* Returns when the receiver reads no reply into the slot's storage any more. Locks: tableLock held; given up while waiting. */
+/* Returns when the receiver reads no reply into the slot's storage any more; a receiver that
+ * waits for the rest of one is woken by ending the connection. Locks: tableLock held; given up
+ * while waiting. */
 void clapiAwaitEndOfReading(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP);
 
 /* Returns when no flow is being written. Thread: the receiver. Locks: takes tableLock. */
@@ -233,18 +243,6 @@ const char* getCallTypeString(int callType);
 /* Turns the Gateway's code of an ESI reply into the ESI family's. */
 int mapGwyRc(int rc);
 
-/* The code of the earlier step, unless it succeeded. */
-inline int firstFailure(int earlier, int later)
-{
-    return earlier != QPX_OK ? earlier : later;
-}
-
-/* ---- ECI calls (clapi_eci) ---- */
-
-int verifyEciParms(QPX_ECI_PARMS* EciParms, int minVersion);
-int performEciExecute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms, int useChannel);
-int getAsyncReply(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms);
-
 /* One row of a table of return code names. */
 struct RcName {
     int rc;
@@ -259,5 +257,17 @@ const char* nameOfRc(const RcName (&table)[rows], int rc)
         if (row.rc == rc) return row.name;
     return nullptr;
 }
+
+/* The code of the earlier step, unless it succeeded. */
+inline int firstFailure(int earlier, int later)
+{
+    return earlier != QPX_OK ? earlier : later;
+}
+
+/* ---- ECI calls (clapi_eci) ---- */
+
+int verifyEciParms(QPX_ECI_PARMS* EciParms, int minVersion);
+int performEciExecute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms, int useChannel);
+int getAsyncReply(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms);
 
 #endif

@@ -4,8 +4,8 @@
  * Conventions of all QPXClient headers
  *
  *  1. Every call returns an int return code: 0 (QPX_OK) on success. A negative code is the
- *     library's, the Gateway's or the server's; the positive codes QPX_ERR_GATEWAY_... come
- *     from the Gateway. QPX_getRcString turns any code into its name.
+ *     library's, the Gateway's or the server's; a positive code tells what became of a
+ *     request at the Gateway. QPX_getRcString turns any code into its name.
  *  2. Calls may be made from any thread, and any number of threads may share one connection.
  *     What is not safe to share is said at the call.
  *  3. The library initialises itself in the first call. It ignores SIGPIPE for the process and
@@ -18,8 +18,9 @@
  *
  * Example
  *
+ *     char host[] = "gateway.example";
  *     QPX_ConnToken_t gateway = NULL;
- *     int rc = QPX_openRemoteGatewayConnection("gateway.example", 5770, &gateway, 30);
+ *     int rc = QPX_openRemoteGatewayConnection(host, 5770, &gateway, 30);
  *     if (rc != QPX_OK) {
  *         char name[QPX_RC_STRING_SIZE];
  *         fprintf(stderr, "open failed: %d %s\n", rc, QPX_getRcString(rc, name));
@@ -46,30 +47,30 @@ extern "C" {
 
 /* ---- Return codes of the connection and library family ---------------------------------- */
 
-#define QPX_OK                     0    /* the call succeeded */
-#define QPX_ERR_SYSTEM_ERROR       -9   /* a lock, event or thread of the library failed */
-#define QPX_ERR_MORE_SYSTEMS       -25  /* the Gateway knows more systems than the list holds */
-#define QPX_ERR_NO_SYSTEMS         -26  /* the Gateway knows no system */
-#define QPX_ERR_NULLGWTOK          -100 /* the connection token is NULL */
-#define QPX_ERR_BADGWTOK           -101 /* the connection token is not that of an open connection */
-#define QPX_ERR_LOSTGWCON          -102 /* the connection was lost */
-#define QPX_ERR_NULLPARM           -103 /* a required text is NULL */
-#define QPX_ERR_TRACELEVEL         -104 /* the trace level is not 0 to 5 */
-#define QPX_ERR_BADPORT            -107 /* the port is not 1 to 65535 */
-#define QPX_ERR_NULLGWTOKPTR       -108 /* the pointer to the connection token is NULL */
-#define QPX_ERR_NULLPTR            -109 /* a required pointer is NULL */
-#define QPX_ERR_MALLOCFAIL         -111 /* memory could not be allocated */
-#define QPX_ERR_CONNECTFAILED      -118 /* the Gateway could not be reached */
-#define QPX_ERR_TRACEFILE          -130 /* the trace file could not be opened for appending */
-#define QPX_ERR_BADHOST            -132 /* the host name could not be resolved */
-#define QPX_ERR_NULLADDRESS        -133 /* the host name is NULL */
-#define QPX_ERR_CONNECTTIMEOUT     -134 /* connect or handshake took longer than allowed */
-#define QPX_ERR_NULLECIPOINTER     -137 /* the ECI parameter record is NULL */
-#define QPX_ERR_INVALIDTIMEOUTPARM -138 /* a time-out is not 0 to 3600 seconds */
-#define QPX_ERR_APPLIDTOOLONG      -139 /* applid or qualifier is longer than 8 characters */
-#define QPX_ERR_GWTOK_CLOSED       -140 /* the connection is being closed by the application */
+#define QPX_OK                     0      /* the call succeeded */
+#define QPX_ERR_SYSTEM_ERROR       (-9)   /* a lock, event or thread of the library failed */
+#define QPX_ERR_MORE_SYSTEMS       (-25)  /* the Gateway knows more systems than the list holds */
+#define QPX_ERR_NO_SYSTEMS         (-26)  /* the Gateway knows no system */
+#define QPX_ERR_NULLGWTOK          (-100) /* the connection token is NULL */
+#define QPX_ERR_BADGWTOK           (-101) /* the connection token is not that of an open connection */
+#define QPX_ERR_LOSTGWCON          (-102) /* the connection was lost */
+#define QPX_ERR_NULLPARM           (-103) /* a required text is NULL */
+#define QPX_ERR_TRACELEVEL         (-104) /* the trace level is not 0 to 5 */
+#define QPX_ERR_BADPORT            (-107) /* the port is not 1 to 65535 */
+#define QPX_ERR_NULLGWTOKPTR       (-108) /* the pointer to the connection token is NULL */
+#define QPX_ERR_NULLPTR            (-109) /* a required pointer is NULL */
+#define QPX_ERR_MALLOCFAIL         (-111) /* memory could not be allocated */
+#define QPX_ERR_CONNECTFAILED      (-118) /* the Gateway could not be reached */
+#define QPX_ERR_TRACEFILE          (-130) /* the trace file could not be opened for appending */
+#define QPX_ERR_BADHOST            (-132) /* no address for the host, or no socket for it */
+#define QPX_ERR_NULLADDRESS        (-133) /* the host name is NULL */
+#define QPX_ERR_CONNECTTIMEOUT     (-134) /* connect or handshake took longer than allowed */
+#define QPX_ERR_NULLECIPOINTER     (-137) /* the ECI parameter record is NULL */
+#define QPX_ERR_INVALIDTIMEOUTPARM (-138) /* a time-out is not 0 to 3600 seconds */
+#define QPX_ERR_APPLIDTOOLONG      (-139) /* applid or qualifier is longer than 8 characters */
+#define QPX_ERR_GWTOK_CLOSED       (-140) /* the connection is being closed by the application */
 
-/* Codes that the Gateway reports itself. */
+/* What became of a request at the Gateway. */
 #define QPX_ERR_GATEWAY_CLOSED       61444 /* 0xF004: the Gateway closed the connection */
 #define QPX_ERR_WORK_WAS_REFUSED     61445 /* 0xF005: the Gateway accepts no new work */
 #define QPX_ERR_GATEWAY_EXCEPTION    61446 /* 0xF006: the Gateway failed; the trace has its text */

@@ -40,29 +40,29 @@ extern "C" {
 
 /* ---- Return codes of the ECI family ------------------------------------------------------ */
 
-#define ECI_NO_ERROR                0   /* the call succeeded */
-#define ECI_ERR_INVALID_DATA_LENGTH -1  /* a length is negative, or too small for the reply */
-#define ECI_ERR_INVALID_EXTEND_MODE -2  /* the extend mode is not 0, 1, 2 or 4 */
-#define ECI_ERR_NO_VORN             -3  /* the server is not available */
-#define ECI_ERR_VORN_DIED           -4  /* the server ended during the call */
-#define ECI_ERR_REQUEST_TIMEOUT     -5  /* the time-out is negative, or ran out before the start */
-#define ECI_ERR_RESPONSE_TIMEOUT    -6  /* the time-out ran out during the call */
-#define ECI_ERR_TRANSACTION_ABEND   -7  /* the server program abended; see eci_abend_code */
-#define ECI_ERR_LUW_TOKEN           -8  /* the token names no unit of work */
-#define ECI_ERR_SYSTEM_ERROR        -9  /* an internal error */
-#define ECI_ERR_INVALID_CALL_TYPE   -14 /* the call type is not 1 to 6 */
-#define ECI_ERR_ALREADY_ACTIVE      -15 /* the unit of work has a call in progress */
-#define ECI_ERR_RESOURCE_SHORTAGE   -16 /* memory or a server resource ran out */
-#define ECI_ERR_NO_SESSIONS         -17 /* the server has no free session */
-#define ECI_ERR_INVALID_DATA_AREA   -19 /* COMMAREA pointer and length disagree */
-#define ECI_ERR_INVALID_VERSION     -21 /* the record's version does not suit the call */
-#define ECI_ERR_UNKNOWN_SERVER      -22 /* the Gateway knows no such server */
-#define ECI_ERR_SECURITY_ERROR      -27 /* user id or password was refused */
-#define ECI_ERR_MAX_SYSTEMS         -28 /* the Gateway cannot connect to more servers */
-#define ECI_ERR_MAX_SESSIONS        -29 /* the Gateway cannot open more sessions */
-#define ECI_ERR_ROLLEDBACK          -30 /* the server backed the unit of work out */
-#define ECI_ERR_NO_REPLY            -32 /* no reply is there yet */
-#define ECI_ERR_INVALID_MSG_QUAL    -33 /* no asynchronous request has this qualifier */
+#define ECI_NO_ERROR                0    /* the call succeeded */
+#define ECI_ERR_INVALID_DATA_LENGTH (-1) /* a length is negative, or too small for the reply */
+#define ECI_ERR_INVALID_EXTEND_MODE (-2) /* the extend mode is not 0, 1, 2 or 4 */
+#define ECI_ERR_NO_VORN             (-3) /* the server is not available */
+#define ECI_ERR_VORN_DIED           (-4) /* the server ended during the call */
+#define ECI_ERR_REQUEST_TIMEOUT     (-5) /* the time-out is negative, or ran out before the start */
+#define ECI_ERR_RESPONSE_TIMEOUT    (-6) /* the time-out ran out during the call */
+#define ECI_ERR_TRANSACTION_ABEND   (-7) /* the server program abended; see eci_abend_code */
+#define ECI_ERR_LUW_TOKEN           (-8) /* the token names no unit of work */
+#define ECI_ERR_SYSTEM_ERROR        (-9) /* an internal error */
+#define ECI_ERR_INVALID_CALL_TYPE   (-14) /* the call type is not 1 to 6 */
+#define ECI_ERR_ALREADY_ACTIVE      (-15) /* the unit of work has a call in progress */
+#define ECI_ERR_RESOURCE_SHORTAGE   (-16) /* memory or a server resource ran out */
+#define ECI_ERR_NO_SESSIONS         (-17) /* the server has no free session */
+#define ECI_ERR_INVALID_DATA_AREA   (-19) /* COMMAREA pointer and length disagree */
+#define ECI_ERR_INVALID_VERSION     (-21) /* the record's version does not suit the call */
+#define ECI_ERR_UNKNOWN_SERVER      (-22) /* the Gateway knows no such server */
+#define ECI_ERR_SECURITY_ERROR      (-27) /* user id or password was refused */
+#define ECI_ERR_MAX_SYSTEMS         (-28) /* the Gateway cannot connect to more servers */
+#define ECI_ERR_MAX_SESSIONS        (-29) /* the Gateway cannot open more sessions */
+#define ECI_ERR_ROLLEDBACK          (-30) /* the server backed the unit of work out */
+#define ECI_ERR_NO_REPLY            (-32) /* no reply is there yet */
+#define ECI_ERR_INVALID_MSG_QUAL    (-33) /* no asynchronous request has this qualifier */
 
 /* ---- The parameter record ---------------------------------------------------------------- */
 
@@ -100,11 +100,11 @@ typedef struct _QPX_ECI_PARMS {
     char eci_abend_code[4];         /* out: the abend code of the server program */
     char* eci_commarea;             /* in/out: the COMMAREA; NULL if its length is 0 */
     short eci_commarea_length;      /* size of the COMMAREA, 0 to 32767 */
-    short eci_timeout;              /* for the Gateway, in seconds; 0 means its default */
+    short eci_timeout;              /* time-out of the call, for the Gateway; 0 or more */
     short eci_extend_mode;          /* ECI_NO_EXTEND and the others */
     int eci_luw_token;              /* in/out: the unit of work; 0 for a new one */
     short eci_version;              /* ECI_VERSION_6 and the others */
-    char eci_system_name[8];        /* the server behind the Gateway; empty for its default */
+    char eci_system_name[8];        /* the server behind the Gateway */
     char eci_tpn[4];                /* transaction program; takes the place of eci_transid */
     short commarea_outbound_length; /* bytes of the COMMAREA to send; 0 means all */
     short commarea_inbound_length;  /* bytes wanted back, 0 means all; out of collected replies */

@@ -14,24 +14,24 @@ extern "C" {
 
 /* ---- Return codes of the ESI family ------------------------------------------------------ */
 
-#define ESI_ERR_USERID_INVALID    -300 /* the server does not know the user id */
-#define ESI_ERR_NULL_USERID       -301 /* the user id is NULL or empty */
-#define ESI_ERR_PASSWORD_INVALID  -302 /* the password is wrong */
-#define ESI_ERR_NULL_PASSWORD     -303 /* the password is NULL or empty */
-#define ESI_ERR_PEM_NOT_SUPPORTED -304 /* the server has no password management */
-#define ESI_ERR_PEM_NOT_ACTIVE    -305 /* the server's password management is not active */
-#define ESI_ERR_PASSWORD_EXPIRED  -306 /* the password has expired */
-#define ESI_ERR_SECURITY_ERROR    -307 /* the server refused for another reason */
-#define ESI_ERR_RESOURCE_SHORTAGE -308 /* a server resource ran out */
-#define ESI_ERR_NO_SESSIONS       -309 /* the server has no free session */
-#define ESI_ERR_NO_VORN           -310 /* the server is not available */
-#define ESI_ERR_VORN_DIED         -311 /* the server ended during the call */
-#define ESI_ERR_UNKNOWN_SERVER    -312 /* the Gateway knows no such server */
-#define ESI_ERR_SYSTEM_ERROR      -313 /* an internal error */
-#define ESI_ERR_NULL_NEW_PASSWORD -314 /* the new password is NULL or empty */
-#define ESI_ERR_PASSWORD_REJECTED -315 /* the new password breaks the server's rules */
-#define ESI_ERR_MAX_SYSTEMS       -316 /* the Gateway cannot connect to more servers */
-#define ESI_ERR_MAX_SESSIONS      -317 /* the Gateway cannot open more sessions */
+#define ESI_ERR_USERID_INVALID    (-300) /* the server does not know the user id */
+#define ESI_ERR_NULL_USERID       (-301) /* the user id is NULL or empty */
+#define ESI_ERR_PASSWORD_INVALID  (-302) /* the password is wrong */
+#define ESI_ERR_NULL_PASSWORD     (-303) /* the password is NULL or empty */
+#define ESI_ERR_PEM_NOT_SUPPORTED (-304) /* the server has no password management */
+#define ESI_ERR_PEM_NOT_ACTIVE    (-305) /* the server's password management is not active */
+#define ESI_ERR_PASSWORD_EXPIRED  (-306) /* the password has expired */
+#define ESI_ERR_SECURITY_ERROR    (-307) /* the server refused for another reason */
+#define ESI_ERR_RESOURCE_SHORTAGE (-308) /* a server resource ran out */
+#define ESI_ERR_NO_SESSIONS       (-309) /* the server has no free session */
+#define ESI_ERR_NO_VORN           (-310) /* the server is not available */
+#define ESI_ERR_VORN_DIED         (-311) /* the server ended during the call */
+#define ESI_ERR_UNKNOWN_SERVER    (-312) /* the Gateway knows no such server */
+#define ESI_ERR_SYSTEM_ERROR      (-313) /* an internal error */
+#define ESI_ERR_NULL_NEW_PASSWORD (-314) /* the new password is NULL or empty */
+#define ESI_ERR_PASSWORD_REJECTED (-315) /* the new password breaks the server's rules */
+#define ESI_ERR_MAX_SYSTEMS       (-316) /* the Gateway cannot connect to more servers */
+#define ESI_ERR_MAX_SESSIONS      (-317) /* the Gateway cannot open more sessions */
 
 /* A point in time as the server sends it. A year of 0 means that it is not set. */
 typedef struct _ESI_DATETIME {
@@ -49,7 +49,7 @@ typedef struct _ESI_DETAILS {
     ESI_DATETIME lastVerifiedTime; /* when the password was last verified */
     ESI_DATETIME lastAccessedTime; /* when the user last accessed the server */
     ESI_DATETIME expiryTime;       /* when the password expires */
-    int invalidCount;              /* invalid attempts since it was last verified */
+    int invalidCount;              /* invalid password attempts */
 } ESI_DETAILS;
 
 #ifdef __cplusplus

@@ -104,7 +104,7 @@ int clapiCompareTids(ThreadId tid1, ThreadId tid2)
 
 static void fillFormat(formatStringType* format, const TracePoint& point)
 {
-    memcpy(format->timeStamp, LINE_PREFIX, sizeof LINE_PREFIX - 1);
+    memcpy(static_cast<void*>(format), LINE_PREFIX, sizeof LINE_PREFIX - 1);
     size_t length = strnlen(point.text, sizeof format->msg - 1);
     memcpy(format->msg, point.text, length);
     format->msg[length] = '\0';
@@ -116,7 +116,7 @@ const char* clapiPrepareLine(const TracePoint& point)
     clapiGetTimestamp(timeStamp);
     clapiGetPidTid(&tracePid, &traceTid);
     iTid = static_cast<int>(traceTid);
-    return traceFmtStr.timeStamp;
+    return reinterpret_cast<const char*>(&traceFmtStr);
 }
 
 UnlockedLine::UnlockedLine(const TracePoint& point)

@@ -152,11 +152,12 @@ int verifyEciParms(QPX_ECI_PARMS* EciParms, int minVersion)
 
 /* ---- One program call ---- */
 
-/* A call on its way. What the application's record says is read once, at its start: a collected
- * reply overwrites the record, and other threads may see it. */
+/* A call on its way. The application's record is read once, at the call's start: whatever
+ * happens to it afterwards, the call is of one piece. */
 struct EciCall {
     _QPX_ConnToken_t* gwTok;
-    QPX_ECI_PARMS* EciParms;
+    QPX_ECI_PARMS* results; // the application's record, which takes the results
+    QPX_ECI_PARMS record;   // as it was at the start; its password is overwritten at the end
     bool isAsync;
     bool useChannel;
     int extendMode;
@@ -182,11 +183,11 @@ static int takeSlot(EciCall* call)
     if (gwTok->connStatus != CONN_CONNECTED) return refusalOf(gwTok);
 
     RequestSlot* slotP = nullptr;
-    int rc = slotFind(&gwTok->table, call->EciParms->eci_luw_token, &slotP);
+    int rc = slotFind(&gwTok->table, call->record.eci_luw_token, &slotP);
     if (rc != QPX_OK) return rc;
 
-    slotP->eciParms = *call->EciParms;
-    slotP->replyCapacity = static_cast<size_t>(call->EciParms->eci_commarea_length);
+    slotP->eciParms = call->record;
+    slotP->replyCapacity = static_cast<size_t>(call->record.eci_commarea_length);
     call->slotP = slotP;
     call->allocNumber = slotP->allocNumber;
     call->messageId = slotP->messageId;
@@ -214,7 +215,7 @@ static void setCredentials(EciCall* call)
 {
     namespace at = tp::performEciExecute;
 
-    const QPX_ECI_PARMS* EciParms = call->EciParms;
+    const QPX_ECI_PARMS* EciParms = &call->record;
     if (EciParms->eci_version > LAST_VERSION_WITH_FIELDS) {
         TRACE(at::usingPointers, EciParms->eci_version);
         call->request.userID = EciParms->eci_userid_ptr;
@@ -246,7 +247,7 @@ static void setCommarea(ECIRequest* request, const QPX_ECI_PARMS* EciParms)
 static void buildRequest(EciCall* call)
 {
     static const char noTpn[sizeof(QPX_ECI_PARMS::eci_tpn)] = {};
-    const QPX_ECI_PARMS* EciParms = call->EciParms;
+    const QPX_ECI_PARMS* EciParms = &call->record;
     ECIRequest* request = &call->request;
     bool hasTpn = memcmp(EciParms->eci_tpn, noTpn, sizeof noTpn) != 0;
 
@@ -272,8 +273,8 @@ static int provideReplyBuffer(EciCall* call)
     namespace at = tp::performEciExecute;
 
     int size = call->request.commareaInboundLength;
-    if (size == 0) size = call->EciParms->eci_commarea_length;
-    char* buffer = static_cast<char*>(malloc(static_cast<size_t>(std::max(size, 1))));
+    if (size == 0) size = call->record.eci_commarea_length;
+    char* buffer = static_cast<char*>(calloc(static_cast<size_t>(std::max(size, 1)), 1));
     if (buffer == nullptr) {
         TRACE(at::noReplyBuffer, size);
         return ECI_ERR_RESOURCE_SHORTAGE;
@@ -371,6 +372,7 @@ static int sendRequest(EciCall* call, bool* begun)
 static void dropSlot(EciCall* call)
 {
     LockGuard table(call->gwTok->tableLock);
+    if (!table.held()) return;
     clapiAwaitEndOfReading(call->gwTok, call->slotP);
     slotFree(&call->gwTok->table, call->slotP);
 }
@@ -382,6 +384,14 @@ static void dropSlot(EciCall* call)
 static void countOut(_QPX_ConnToken_t* gwTok)
 {
     if (gwTok->asyncCount > 0) gwTok->asyncCount -= 1;
+}
+
+/* Whether nobody has collected the request's outcome yet. Locks: tableLock held. */
+static bool isStillOurs(const EciCall* call)
+{
+    const RequestSlot* slotP = call->slotP;
+    return slotP->allocNumber == call->allocNumber &&
+           (slotP->state == SLOT_WAITING || slotP->state == SLOT_DELIVERED);
 }
 
 /* Takes back a request that was not sent whole. Locks: tableLock held. */
@@ -412,10 +422,16 @@ static int failAsyncCall(EciCall* call, int rc)
         TRACE(at::noLockToUncount);
         return rc;
     }
-    bool stillOurs = call->slotP->allocNumber == call->allocNumber;
-    if (stillOurs) withdraw(call);
-    if (table.release() != 0) TRACE(at::notUnlockedAfterUncount);
-    return stillOurs ? rc : ECI_NO_ERROR;
+    clapiAwaitEndOfReading(call->gwTok, call->slotP);
+    if (isStillOurs(call))
+        withdraw(call);
+    else
+        rc = ECI_NO_ERROR;
+    if (table.release() != 0) {
+        TRACE(at::notUnlockedAfterUncount);
+        rc = firstFailure(rc, ECI_ERR_SYSTEM_ERROR);
+    }
+    return rc;
 }
 
 static int performAsyncCall(EciCall* call)
@@ -429,7 +445,7 @@ static int performAsyncCall(EciCall* call)
     else if (rc != ECI_NO_ERROR)
         dropSlot(call);
 
-    if (rc == ECI_NO_ERROR) call->EciParms->eci_message_qualifier = call->messageId;
+    if (rc == ECI_NO_ERROR) call->results->eci_message_qualifier = call->messageId;
     return rc;
 }
 
@@ -441,9 +457,9 @@ static int awaitReply(EciCall* call)
     if (clapiWaitEvent(&slotP->requestEvent) != 0) return ECI_ERR_SYSTEM_ERROR;
 
     // These two are results whatever the codes say.
-    memcpy(call->EciParms->eci_abend_code, slotP->eciParms.eci_abend_code,
-           sizeof call->EciParms->eci_abend_code);
-    call->EciParms->eci_luw_token = slotP->eciParms.eci_luw_token;
+    memcpy(call->results->eci_abend_code, slotP->eciParms.eci_abend_code,
+           sizeof call->results->eci_abend_code);
+    call->results->eci_luw_token = slotP->eciParms.eci_luw_token;
     return firstFailure(slotP->gatewayRc, slotP->vornRc);
 }
 
@@ -489,9 +505,7 @@ static int performCall(EciCall* call)
         return rc;
     }
     buildRequest(call);
-    rc = call->isAsync ? performAsyncCall(call) : performSyncCall(call);
-    explicit_bzero(call->password, sizeof call->password);
-    return rc;
+    return call->isAsync ? performAsyncCall(call) : performSyncCall(call);
 }
 
 int performEciExecute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms, int useChannel)
@@ -501,11 +515,14 @@ int performEciExecute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms, int useCha
     TRACE(at::entry, gwTok, EciParms, useChannel != 0 ? "TRUE" : "FALSE");
     EciCall call = {};
     call.gwTok = gwTok;
-    call.EciParms = EciParms;
-    call.isAsync = EciParms->eci_call_type == ECI_ASYNC;
+    call.results = EciParms;
+    call.record = *EciParms;
+    call.isAsync = call.record.eci_call_type == ECI_ASYNC;
     call.useChannel = useChannel != 0;
-    call.extendMode = EciParms->eci_extend_mode;
+    call.extendMode = call.record.eci_extend_mode;
     int rc = performCall(&call);
+    explicit_bzero(call.record.eci_password, sizeof call.record.eci_password);
+    explicit_bzero(call.password, sizeof call.password);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }

@@ -1,9 +1,11 @@
 /*
  * The security service: its return codes, their names, and the Gateway's codes for them.
  */
-#include "trace_points/clapi_esi.h"
+
 #include "clapi_diag.h"
 #include "clapi_types.h"
+
+#include "trace_points/clapi_esi.h"
 
 /* A code of the ESI family, its name, and the code that the Gateway reports for it. */
 struct EsiRc {

@@ -27,11 +27,6 @@
 static int sockOptOn = 1;
 static int sockOptOff = 0;
 
-static const char* errorText(int error, char (&text)[128])
-{
-    return strerror_r(error, text, sizeof text);
-}
-
 /* Closes a descriptor; a failure shows in the EXIT line only. */
 static void closeSocket(Socket socket)
 {
@@ -127,7 +122,7 @@ static void growReplyBuffer(RequestSlot* slotP, int inboundLength)
     size_t wanted = static_cast<size_t>(std::clamp(inboundLength, 0, SHRT_MAX));
     if (slotP->asyncBuffer == nullptr || wanted <= slotP->replyCapacity) return;
 
-    char* buffer = static_cast<char*>(malloc(wanted));
+    char* buffer = static_cast<char*>(calloc(wanted, 1));
     if (buffer == nullptr) return;
     clapiFreeReplyBuffer(slotP);
     slotP->asyncBuffer = buffer;
@@ -144,10 +139,8 @@ static void loadReplyRecord(Receiver* r, RequestSlot* slotP)
     r->eciReply.extendedMode = slotP->eciParms.eci_extend_mode;
 }
 
-/*
- * Finds the slot that a reply is for. Only a slot that waits takes it; for any other the reply
- * is read into nothing. An id that no slot has ends the connection.
- */
+/* Finds the slot that a reply is for. Only a slot that waits takes it; an id that no slot has
+ * ends the connection. */
 static int findReplySlot(Receiver* r)
 {
     namespace at = tp::receiverThread;
@@ -192,13 +185,6 @@ static void endReading(Receiver* r)
     pthread_cond_broadcast(&r->conn->transferEnded);
 }
 
-/* Puts the header's code into the slot and wakes its waiter. Locks: tableLock held. */
-static void deliver(Receiver* r)
-{
-    if (stillWaits(r)) clapiDeliverSlot(r->conn, r->slotP, r->header.gatewayRc);
-    endReading(r);
-}
-
 static short inboundLengthFor(const RequestSlot* slotP, int inboundLength)
 {
     int limit = SHRT_MAX;
@@ -216,6 +202,33 @@ static void storeECIReply(RequestSlot* slotP, const ECIRequest& reply)
     slotP->eciParms.eci_luw_token = isSystemList ? reply.server_num : reply.luwToken;
 }
 
+static void storeESIReply(RequestSlot* slotP, const ESIRequest& reply)
+{
+    slotP->vornRc = reply.vornRc;
+    if (reply.vornRc == 0 && slotP->esiDetails != nullptr) *slotP->esiDetails = reply.details;
+}
+
+enum class ReplyKind { eci, esi, unknown };
+
+/* Puts the reply and the header's code into the slot, if it still waits, and wakes its waiter. */
+static int deliverReply(Receiver* r, ReplyKind kind)
+{
+    namespace at = tp::receiverThread;
+
+    LockGuard table(r->conn->tableLock);
+    if (!table.held()) {
+        TRACE(at::noLock);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    if (stillWaits(r)) {
+        if (kind == ReplyKind::eci) storeECIReply(r->slotP, r->eciReply);
+        if (kind == ReplyKind::esi) storeESIReply(r->slotP, r->esiReply);
+        clapiDeliverSlot(r->conn, r->slotP, r->header.gatewayRc);
+    }
+    endReading(r);
+    return QPX_OK;
+}
+
 static int receiveECIReply(Receiver* r)
 {
     namespace at = tp::receiverThread;
@@ -227,17 +240,7 @@ static int receiveECIReply(Receiver* r)
     if (rc != QPX_OK) return rc;
     if (r->eciReply.vornRc != 0)
         TRACE(at::eciError, r->eciReply.vornRc, clapiGetRcStringECI(r->eciReply.vornRc));
-
-    LockGuard table(r->conn->tableLock);
-    if (stillWaits(r)) storeECIReply(r->slotP, r->eciReply);
-    deliver(r);
-    return QPX_OK;
-}
-
-static void storeESIReply(RequestSlot* slotP, const ESIRequest& reply)
-{
-    slotP->vornRc = reply.vornRc;
-    if (reply.vornRc == 0 && slotP->esiDetails != nullptr) *slotP->esiDetails = reply.details;
+    return deliverReply(r, ReplyKind::eci);
 }
 
 static int receiveESIReply(Receiver* r)
@@ -252,11 +255,7 @@ static int receiveESIReply(Receiver* r)
     if (!hasServerRc && r->header.gatewayRc == 0) r->header.gatewayRc = QPX_ERR_SYSTEM_ERROR;
     if (r->esiReply.vornRc != 0)
         TRACE(at::esiError, r->esiReply.vornRc, clapiGetRcStringESI(r->esiReply.vornRc));
-
-    LockGuard table(r->conn->tableLock);
-    if (stillWaits(r)) storeESIReply(r->slotP, r->esiReply);
-    deliver(r);
-    return QPX_OK;
+    return deliverReply(r, ReplyKind::esi);
 }
 
 static int receiveUnknownReply(Receiver* r, const char* requestType)
@@ -265,10 +264,7 @@ static int receiveUnknownReply(Receiver* r, const char* requestType)
 
     TRACE(at::otherType, requestType);
     r->header.gatewayRc = QPX_ERR_SYSTEM_ERROR;
-
-    LockGuard table(r->conn->tableLock);
-    deliver(r);
-    return QPX_OK;
+    return deliverReply(r, ReplyKind::unknown);
 }
 
 static int receiveReply(Receiver* r)
@@ -281,6 +277,7 @@ static int receiveReply(Receiver* r)
 
     int rc = findReplySlot(r);
     if (rc != QPX_OK) return rc;
+    if (r->slotP == nullptr) return QPX_OK; // nobody waits; the body is dropped
 
     size_t length = static_cast<size_t>(r->header.requestTypeLength);
     if (strncmp(requestType, "ECI", length) == 0) return receiveECIReply(r);
@@ -290,28 +287,33 @@ static int receiveReply(Receiver* r)
 
 /* ---- Other flows ---- */
 
-/*
- * Gives the header's code to the request that the flow names, if there is one that waits.
- * Deliberate: unlike for a reply, the slot is looked up without the table lock.
- */
-static void deliverFailure(Receiver* r)
+/* The slot that a flow names, or null. Deliberate: unlike for a reply, it is looked up without
+ * the table lock. */
+static RequestSlot* lookUpWithoutLock(const Receiver* r)
 {
     RequestSlot* slotP = nullptr;
     slotLookup(&r->conn->table, r->header.messageId, &slotP);
-    if (slotP == nullptr) return;
+    return slotP;
+}
 
+/* Gives the header's code to a request, if it waits. */
+static void deliverFailure(Receiver* r, RequestSlot* slotP)
+{
+    if (slotP == nullptr) return;
     LockGuard table(r->conn->tableLock);
-    if (slotP->state == SLOT_WAITING) clapiDeliverSlot(r->conn, slotP, r->header.gatewayRc);
+    if (table.held() && slotP->state == SLOT_WAITING)
+        clapiDeliverSlot(r->conn, slotP, r->header.gatewayRc);
 }
 
 static int receiveError(Receiver* r)
 {
     namespace at = tp::receiverThread;
 
+    bool isForConnection = r->header.messageId == MESSAGE_ID_CONNECTION;
+    RequestSlot* slotP = isForConnection ? nullptr : lookUpWithoutLock(r);
     TRACE(at::error, r->header.gatewayRc, clapiGetRcString(r->header.gatewayRc));
-    if (r->header.messageId == MESSAGE_ID_CONNECTION)
-        return firstFailure(r->header.gatewayRc, QPX_ERR_SYSTEM_ERROR);
-    deliverFailure(r);
+    if (isForConnection) return firstFailure(r->header.gatewayRc, QPX_ERR_SYSTEM_ERROR);
+    deliverFailure(r, slotP);
     return QPX_OK;
 }
 
@@ -352,10 +354,10 @@ static int receiveException(Receiver* r)
 
     TRACE(at::exception);
     int rc = readExceptionText(r);
-    if (rc != QPX_OK) return rc;
     r->header.gatewayRc = QPX_ERR_GATEWAY_EXCEPTION;
-    deliverFailure(r);
-    return QPX_OK;
+    RequestSlot* slotP = lookUpWithoutLock(r);
+    if (rc == QPX_OK) deliverFailure(r, slotP);
+    return rc;
 }
 
 static int dispatchFlow(Receiver* r)
@@ -512,13 +514,13 @@ static int awaitConnected(Socket socketDescriptor, int* sockError, int connTimeo
 {
     namespace at = tp::waitForConnection;
 
-    char text[128];
+    ErrorText text;
     DescriptorSet writable(socketDescriptor);
     DescriptorSet failing(socketDescriptor);
     int ready = selectConnection(socketDescriptor, &writable, &failing, connTimeout);
     if (ready < 0) {
         *sockError = errno;
-        TRACE(at::selectFailed, traceSocket(socketDescriptor), errorText(*sockError, text),
+        TRACE(at::selectFailed, traceSocket(socketDescriptor), traceError(*sockError, text),
               *sockError);
         return QPX_ERR_CONNECTFAILED;
     }
@@ -535,7 +537,7 @@ static int awaitConnected(Socket socketDescriptor, int* sockError, int connTimeo
     getsockopt(socketDescriptor, SOL_SOCKET, SO_ERROR, &error, &errorSize);
     if (error == 0) return QPX_OK;
     *sockError = error;
-    TRACE(at::failed, traceSocket(socketDescriptor), errorText(error, text), error);
+    TRACE(at::failed, traceSocket(socketDescriptor), traceError(error, text), error);
     return QPX_ERR_CONNECTFAILED;
 }
 
@@ -558,8 +560,8 @@ static int createSocket(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host)
     if (gwTokPtr->socketDescriptor != NO_SOCKET) return QPX_OK;
 
     int error = errno;
-    char text[128];
-    TRACE(at::noSocket, errorText(error, text), error);
+    ErrorText text;
+    TRACE(at::noSocket, traceError(error, text), error);
     // Deliberate: not a failed connect.
     return QPX_ERR_BADHOST;
 }
@@ -587,7 +589,8 @@ static int reachHost(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host, int* sock
         return QPX_ERR_CONNECTFAILED;
     }
     TRACE(at::waiting);
-    return waitForConnection(&gwTokPtr->socketDescriptor, sockError, gwTokPtr->connTimeout);
+    Socket socketDescriptor = gwTokPtr->socketDescriptor;
+    return waitForConnection(&socketDescriptor, sockError, gwTokPtr->connTimeout);
 }
 
 /* Connects within the token's time limit. A limit of 0 leaves the socket in blocking mode. */
@@ -600,8 +603,8 @@ static int connectSocket(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host, const
     int sockError = 0;
     int rc = reachHost(gwTokPtr, host, &sockError);
     if (rc != QPX_OK) {
-        char text[128];
-        TRACE(at::notConnected, errorText(sockError, text), sockError);
+        ErrorText text;
+        TRACE(at::notConnected, traceError(sockError, text), sockError);
         return rc;
     }
     TRACE(at::connected, hostname, gwTokPtr->portNumber);
@@ -631,7 +634,7 @@ static int startReceiverThread(_QPX_ConnToken_t* gwTokPtr)
     return QPX_ERR_SYSTEM_ERROR;
 }
 
-/* Writes the handshake without sendLock: no other thread knows the token yet. If it cannot be
+/* Writes the handshake without sendLock: no other thread writes to the connection yet. If it cannot be
  * written, the receiver is made to end, and closes the socket; this waits for it. */
 static int sendHandshake(_QPX_ConnToken_t* gwTokPtr, char* applid, char* applidQualifier)
 {

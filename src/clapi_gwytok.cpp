@@ -10,6 +10,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
@@ -58,7 +59,7 @@ void clapiInitializeTable(RequestTable* tableP, int firstId)
     }
 }
 
-/* A zeroed table: one that was kept, or a new one; null if there is no memory. */
+/* A table of free slots: one that was kept, or a new one; null if there is no memory. */
 static RequestTable* obtainTable(RequestTable* requestTableP)
 {
     RequestTable* tableP = requestTableP->keptTable;
@@ -73,7 +74,7 @@ static RequestTable* obtainTable(RequestTable* requestTableP)
 }
 
 /*
- * Zeroes a table that has left the chain and keeps it. It does not go back to the heap while the
+ * Keeps a table of free slots that has left the chain. It does not go back to the heap while the
  * token lives: a look-up without the table lock may still stand in it, and finds the end of the
  * chain there.
  */
@@ -304,7 +305,7 @@ bool clapiBeginSending(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
 bool clapiBeginSendingFlow(_QPX_ConnToken_t* gwTokPtr)
 {
     LockGuard table(gwTokPtr->tableLock);
-    if (gwTokPtr->connStatus != CONN_CONNECTED) return false;
+    if (!table.held() || gwTokPtr->connStatus != CONN_CONNECTED) return false;
     gwTokPtr->senders += 1;
     return true;
 }
@@ -324,6 +325,8 @@ void clapiEndSending(_QPX_ConnToken_t* gwTokPtr)
 
 void clapiAwaitEndOfReading(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP)
 {
+    // While it reads, the receiver has not closed the socket.
+    if (gwTokPtr->slotBeingRead == slotP) shutdown(gwTokPtr->socketDescriptor, SHUT_RDWR);
     while (gwTokPtr->slotBeingRead == slotP)
         pthread_cond_wait(&gwTokPtr->transferEnded, &gwTokPtr->tableLock.lock);
 }
@@ -331,10 +334,8 @@ void clapiAwaitEndOfReading(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP
 void clapiEndFailedSending(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP)
 {
     LockGuard table(gwTokPtr->tableLock);
-    // A receiver that waits for the rest of this slot's reply is woken by the shutdown.
-    if (gwTokPtr->slotBeingRead == slotP) shutdown(gwTokPtr->socketDescriptor, SHUT_RDWR);
     leaveSenders(gwTokPtr);
-    clapiAwaitEndOfReading(gwTokPtr, slotP);
+    if (table.held()) clapiAwaitEndOfReading(gwTokPtr, slotP);
 }
 
 void clapiWaitForSenders(_QPX_ConnToken_t* gwTokPtr)
@@ -485,7 +486,7 @@ int clapiFormatGatewayToken(_QPX_ConnToken_t* gwTokPtr, char* formattedToken)
              "applidQual(%s) nextGwyTokPtr(%p)",
              static_cast<void*>(gwTokPtr), gwTokPtr->eyecatcher,
              static_cast<int>(gwTokPtr->portNumber), gwTokPtr->connStatus.load(),
-             gwTokPtr->socketDescriptor, gwTokPtr->applid, gwTokPtr->applidQualifier,
+             gwTokPtr->socketDescriptor.load(), gwTokPtr->applid, gwTokPtr->applidQualifier,
              static_cast<void*>(gwTokPtr->nextGwyTokPtr));
     return QPX_OK;
 }
@@ -591,18 +592,29 @@ int clapiUnregisterRequest(_QPX_ConnToken_t* gwTokPtr)
 
 /* ---- Creating a token ---- */
 
-/* Undoes the first of the locks and events below, the newest first. */
-static void removePrimitives(_QPX_ConnToken_t* token, int made)
-{
-    if (made > 5) clapiDeleteEvent(&token->asyncReplyEvent);
-    if (made > 4) clapiDeleteEvent(&token->requestsEnded);
-    if (made > 3) clapiDeleteEvent(&token->recvThreadEndedEvent);
-    if (made > 2) clapiDeleteEvent(&token->connEvent);
-    if (made > 1) clapiDestroyLock(&token->sendLock);
-    if (made > 0) clapiDestroyLock(&token->tableLock);
-}
+/* A token's locks and events, in the order in which they are made. */
+enum Primitive {
+    TABLE_LOCK,
+    SEND_LOCK,
+    CONN_EVENT,
+    RECV_THREAD_ENDED_EVENT,
+    REQUESTS_ENDED_EVENT,
+    ASYNC_REPLY_EVENT
+};
 
-constexpr int ALL_PRIMITIVES = 6;
+/* Undoes what has been made up to the one named, the newest first. */
+static void removePrimitives(_QPX_ConnToken_t* token, Primitive lastMade)
+{
+    if (lastMade >= ASYNC_REPLY_EVENT) {
+        pthread_cond_destroy(&token->transferEnded);
+        clapiDeleteEvent(&token->asyncReplyEvent);
+    }
+    if (lastMade >= REQUESTS_ENDED_EVENT) clapiDeleteEvent(&token->requestsEnded);
+    if (lastMade >= RECV_THREAD_ENDED_EVENT) clapiDeleteEvent(&token->recvThreadEndedEvent);
+    if (lastMade >= CONN_EVENT) clapiDeleteEvent(&token->connEvent);
+    if (lastMade >= SEND_LOCK) clapiDestroyLock(&token->sendLock);
+    if (lastMade >= TABLE_LOCK) clapiDestroyLock(&token->tableLock);
+}
 
 static int createPrimitives(_QPX_ConnToken_t* token)
 {
@@ -614,31 +626,33 @@ static int createPrimitives(_QPX_ConnToken_t* token)
     }
     if (clapiInitializeLock(&token->sendLock) != 0) {
         TRACE(at::noSendLock);
-        removePrimitives(token, 1);
+        removePrimitives(token, TABLE_LOCK);
         return QPX_ERR_SYSTEM_ERROR;
     }
     if (clapiCreateEvent(&token->connEvent) != 0) {
         TRACE(at::noConnEvent);
-        removePrimitives(token, 2);
+        removePrimitives(token, SEND_LOCK);
         return QPX_ERR_SYSTEM_ERROR;
     }
     if (clapiCreateEvent(&token->recvThreadEndedEvent) != 0) {
         TRACE(at::noRecvThreadEndedEvent);
-        removePrimitives(token, 3);
+        removePrimitives(token, CONN_EVENT);
         return QPX_ERR_SYSTEM_ERROR;
     }
     if (clapiCreateEvent(&token->requestsEnded) != 0) {
         TRACE(at::noRequestsEnded);
-        removePrimitives(token, 4);
+        removePrimitives(token, RECV_THREAD_ENDED_EVENT);
         return QPX_ERR_SYSTEM_ERROR;
     }
     // Deliberate: this failure alone comes back as the event's own.
     int eventRc = clapiCreateEvent(&token->asyncReplyEvent);
     if (eventRc != 0) {
         TRACE(at::noAsyncReplyEvent);
-        removePrimitives(token, 5);
+        removePrimitives(token, REQUESTS_ENDED_EVENT);
+        return eventRc;
     }
-    return eventRc;
+    pthread_cond_init(&token->transferEnded, nullptr);
+    return QPX_OK;
 }
 
 static void copyApplid(char (&field)[APPLID_SIZE + 1], const char* text)
@@ -649,8 +663,6 @@ static void copyApplid(char (&field)[APPLID_SIZE + 1], const char* text)
 static void setInitialFields(_QPX_ConnToken_t* token, int port, int connTimeout, const char* applid,
                              const char* applidQualifier)
 {
-    static const pthread_cond_t newCondition = PTHREAD_COND_INITIALIZER;
-
     memset(static_cast<void*>(token), 0, sizeof *token);
     memcpy(token->eyecatcher, TOKEN_EYECATCHER, sizeof token->eyecatcher);
     token->portNumber = static_cast<uint32_t>(port);
@@ -659,7 +671,6 @@ static void setInitialFields(_QPX_ConnToken_t* token, int port, int connTimeout,
     token->socketDescriptor = NO_SOCKET;
     copyApplid(token->applid, applid);
     copyApplid(token->applidQualifier, applidQualifier);
-    token->transferEnded = newCondition;
     token->opening = 1;
 }
 
@@ -685,7 +696,7 @@ static int buildToken(_QPX_ConnToken_t** newToken, int port, int connTimeout, co
         // There is no receiver thread yet for which a teardown would have to wait.
         rc = clapiClearEvent(&token->recvThreadEndedEvent) == 0 ? QPX_OK : QPX_ERR_SYSTEM_ERROR;
         if (rc == QPX_OK) rc = chainGatewayToken(token);
-        if (rc != QPX_OK) removePrimitives(token, ALL_PRIMITIVES);
+        if (rc != QPX_OK) removePrimitives(token, ASYNC_REPLY_EVENT);
     }
     if (rc != QPX_OK) {
         free(token);
@@ -717,7 +728,10 @@ static void traceNewToken(_QPX_ConnToken_t* token)
 
     if (!clapiTraces(at::created)) return;
     char formattedToken[FORMATTED_TOKEN_SIZE];
-    clapiFormatGatewayToken(token, formattedToken);
+    {
+        LockGuard list(gtlLock); // the token has been on the list for a while
+        clapiFormatGatewayToken(token, formattedToken);
+    }
     TRACE(at::created, formattedToken);
 }
 
@@ -735,9 +749,10 @@ static int createAndConnect(QPX_ConnToken_t* gwTokPtr, char* hostname, int port,
     int rc = buildToken(&token, port, connTimeout, applid, applidQualifier);
     if (rc != QPX_OK) return rc;
 
-    rc = openClientSocket(token, hostname, port, applid, applidQualifier);
+    // From here on the token's copies of the texts count: the caller's may change meanwhile.
+    rc = openClientSocket(token, hostname, port, token->applid, token->applidQualifier);
     if (rc != QPX_OK) {
-        clapiDeleteGatewayToken(&token, 0, 1);
+        clapiDeleteGatewayToken(&token, NO_WAIT, LOCK_REQUIRED);
         return rc;
     }
     traceNewToken(token);
@@ -768,7 +783,9 @@ static int closedownAt(_QPX_ConnToken_t* gwTokPtr, int findRc)
 
     int32_t word = 0;
     iovec local = {&word, sizeof word};
-    iovec remote = {&gwTokPtr->closedown, sizeof word};
+    // By arithmetic: what is no token may stand at any address.
+    char* address = reinterpret_cast<char*>(gwTokPtr) + offsetof(_QPX_ConnToken_t, closedown);
+    iovec remote = {address, sizeof word};
     ssize_t length = process_vm_readv(getpid(), &local, 1, &remote, 1, 0);
     return length == static_cast<ssize_t>(sizeof word) ? word : 0;
 }
@@ -850,7 +867,7 @@ static int waitForWork(_QPX_ConnToken_t* gwToken, int closeTimeout)
     int asyncRequests = gwToken->asyncCount;
     if (calls < 1 && asyncRequests < 1) return QPX_OK;
 
-    if (closeTimeout == -1) {
+    if (closeTimeout == WAIT_WITHOUT_LIMIT) {
         TRACE(at::waiting, calls, asyncRequests);
         if (clapiWaitEvent(&gwToken->requestsEnded) != 0) {
             TRACE(at::waitFailed);
@@ -900,21 +917,21 @@ static int endWork(_QPX_ConnToken_t* gwToken)
 {
     namespace at = tp::quiesceConnection;
 
-    if (clapiRequestLock(&gwToken->tableLock) != 0) {
+    LockGuard table(gwToken->tableLock);
+    if (!table.held()) {
         TRACE(at::noLockAfterClose);
         return QPX_ERR_SYSTEM_ERROR;
     }
     giveUpReplies(gwToken);
     int calls = gwToken->requestCount;
-    if (calls >= 1) {
-        clapiReleaseLock(&gwToken->tableLock);
-        if (waitForCalls(gwToken, calls) != QPX_OK) return QPX_ERR_SYSTEM_ERROR;
-        if (clapiRequestLock(&gwToken->tableLock) != 0) {
-            TRACE(at::noLockAfterWait);
-            return QPX_ERR_SYSTEM_ERROR;
-        }
+    if (calls < 1) return QPX_OK;
+
+    table.release();
+    if (waitForCalls(gwToken, calls) != QPX_OK) return QPX_ERR_SYSTEM_ERROR;
+    if (table.request() != 0) {
+        TRACE(at::noLockAfterWait);
+        return QPX_ERR_SYSTEM_ERROR;
     }
-    clapiReleaseLock(&gwToken->tableLock);
     return QPX_OK;
 }
 
@@ -1021,7 +1038,7 @@ static int endDelete(_QPX_ConnToken_t* token, int quiesceRc)
     namespace at = tp::clapiDeleteGatewayToken;
 
     if (clapiRequestLock(&gtlLock) != 0) {
-        TRACE(at::noLockAfterwards);
+        if (quiesceRc == QPX_OK) TRACE(at::noLockAfterwards);
         return firstFailure(quiesceRc, QPX_ERR_SYSTEM_ERROR);
     }
     token->deleters -= 1;
@@ -1109,8 +1126,8 @@ static int deleteEveryToken()
         entries += 1;
         traceTokenToDelete(token, entries);
         _QPX_ConnToken_t* successor = token->nextGwyTokPtr;
-        clapiCloseGatewayToken(token, 0);
-        clapiDeleteGatewayToken(&token, 0, 0);
+        clapiCloseGatewayToken(token, CALLER_HOLDS_LOCK);
+        clapiDeleteGatewayToken(&token, NO_WAIT, CALLER_HOLDS_LOCK);
         if (clapiRequestLock(&gtlLock) != 0) return entries;
         token = nextToDelete(successor);
     }

@@ -47,7 +47,7 @@ static void clapiSetAPITraceLevelFromEnv()
     const char* value = getenv(TRACE_LEVEL_VARIABLE);
     if (value == nullptr) return;
 
-    bool isLevel = value[0] >= '0' && value[0] < '0' + TRACE_MAX + 1 && value[1] == '\0';
+    bool isLevel = value[0] >= '0' && value[0] <= '0' + TRACE_MAX && value[1] == '\0';
     if (isLevel) {
         setTraceLevel(value[0] - '0');
         return;
@@ -221,9 +221,15 @@ int clapiInit(void)
 
 /* ---- Versions, state and correlator ---- */
 
-static int lendText(char* text, char** textPtr)
+static int lendAPIVersion(char** apiVersPtr)
 {
-    *textPtr = text;
+    namespace at = tp::QPX_getAPIVersion;
+
+    if (apiVersPtr == nullptr) {
+        TRACE(at::nullPtr, apiVersPtr);
+        return QPX_ERR_NULLPTR;
+    }
+    *apiVersPtr = clapiVersion;
     return QPX_OK;
 }
 
@@ -233,13 +239,21 @@ int QPX_getAPIVersion(char** apiVersPtr)
 
     int rc = clapiInit();
     TRACE(at::entry, apiVersPtr);
-    if (rc == QPX_OK && apiVersPtr == nullptr) {
-        TRACE(at::nullPtr, apiVersPtr);
-        rc = QPX_ERR_NULLPTR;
-    }
-    if (rc == QPX_OK) rc = lendText(clapiVersion, apiVersPtr);
+    if (rc == QPX_OK) rc = lendAPIVersion(apiVersPtr);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
+}
+
+static int lendDLLVersion(char** dllVersPtr)
+{
+    namespace at = tp::QPX_getDLLVersion;
+
+    if (dllVersPtr == nullptr) {
+        TRACE(at::nullPtr, dllVersPtr);
+        return QPX_ERR_NULLPTR;
+    }
+    *dllVersPtr = cldllVersion;
+    return QPX_OK;
 }
 
 int QPX_getDLLVersion(char** dllVersPtr)
@@ -248,11 +262,7 @@ int QPX_getDLLVersion(char** dllVersPtr)
 
     int rc = clapiInit();
     TRACE(at::entry, dllVersPtr);
-    if (rc == QPX_OK && dllVersPtr == nullptr) {
-        TRACE(at::nullPtr, dllVersPtr);
-        rc = QPX_ERR_NULLPTR;
-    }
-    if (rc == QPX_OK) rc = lendText(cldllVersion, dllVersPtr);
+    if (rc == QPX_OK) rc = lendDLLVersion(dllVersPtr);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }
@@ -263,7 +273,7 @@ static void dumpState()
         TraceHold hold;
         clapiTracePrint(
             "qpxclient state dump: DLL Version=%s Trace Level=%d clientAPITraceFile=%s\n",
-            QPX_DLL_VERSION_TEXT, clientAPITrace.load(), clientAPITraceFilename);
+            QPX_DLL_VERSION_TEXT, clientAPITrace.load(), traceText(clientAPITraceFilename));
     }
     clapiDumpGatewayTokens();
 }
@@ -298,17 +308,25 @@ int getNextCorrelator(void)
 
 /* ---- Trace calls ---- */
 
+static int tellTraceLevel(int* traceStatePtr)
+{
+    namespace at = tp::QPX_getAPITraceLevel;
+
+    if (traceStatePtr == nullptr) {
+        TRACE(at::nullPtr, traceStatePtr);
+        return QPX_ERR_NULLPTR;
+    }
+    *traceStatePtr = clientAPITrace;
+    return QPX_OK;
+}
+
 int QPX_getAPITraceLevel(int* traceStatePtr)
 {
     namespace at = tp::QPX_getAPITraceLevel;
 
     int rc = clapiInit();
     TRACE(at::entry, traceStatePtr);
-    if (rc == QPX_OK && traceStatePtr == nullptr) {
-        TRACE(at::nullPtr, traceStatePtr);
-        rc = QPX_ERR_NULLPTR;
-    }
-    if (rc == QPX_OK) *traceStatePtr = clientAPITrace;
+    if (rc == QPX_OK) rc = tellTraceLevel(traceStatePtr);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }
@@ -368,13 +386,13 @@ static int changeTraceFile(const char* traceFile)
         writeBannerOnce();
     }
     if (openErrno != 0) {
-        TRACE(at::failed, traceText(traceFile), openErrno, clientAPITraceFilename);
+        TRACE(at::failed, traceText(traceFile), openErrno, traceText(clientAPITraceFilename));
         return QPX_ERR_TRACEFILE;
     }
     if (switched)
-        TRACE(at::switched, clientAPITraceFilename);
+        TRACE(at::switched, traceText(clientAPITraceFilename));
     else
-        TRACE(at::unchanged, clientAPITraceFilename);
+        TRACE(at::unchanged, traceText(clientAPITraceFilename));
     return QPX_OK;
 }
 
@@ -560,9 +578,6 @@ int QPX_openRemoteGatewayConnection(char* hostname, int port, QPX_ConnToken_t* g
 }
 
 /* ---- Closing connections ---- */
-
-constexpr int WAIT_WITHOUT_LIMIT = -1;
-constexpr int LOCK_REQUIRED = 1;
 
 static int closeConnection(QPX_ConnToken_t* gwTokPtr)
 {

@@ -1,7 +1,7 @@
 /*
  * Locks and events. A lock's failures are traced without the trace lock, which is itself such a
  * lock; the events trace like everyone else. An event's mutex is held for the few instructions
- * that look at the gate, and its results are not checked.
+ * that look at the gate, and while a failed wait is traced; its results are not checked.
  */
 #include "clapi_lock.h"
 

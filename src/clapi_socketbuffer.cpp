@@ -27,6 +27,14 @@ constexpr size_t SCRUBBED_BYTES = 4;
 
 /* ---- Setting up and giving back ---- */
 
+/* The storage may hold a secret and is overwritten first. */
+static void freeStorage(SocketBuffer* sockBuffer)
+{
+    if (sockBuffer->buffer == nullptr) return;
+    explicit_bzero(sockBuffer->buffer, sockBuffer->bufferSize);
+    free(sockBuffer->buffer);
+}
+
 enum class Storage { reused, allocated, missing };
 
 /* Makes sure that the record has storage for a message, and leaves it untouched if it cannot. */
@@ -37,7 +45,7 @@ static Storage ensureStorage(SocketBuffer* sockBuffer, size_t dataLen)
 
     char* storage = static_cast<char*>(malloc(wanted));
     if (storage == nullptr) return Storage::missing;
-    free(sockBuffer->buffer);
+    freeStorage(sockBuffer);
     sockBuffer->buffer = storage;
     sockBuffer->bufferSize = wanted;
     return Storage::allocated;
@@ -104,11 +112,10 @@ static void freeMaskArea(MaskArea* item)
     free(item);
 }
 
-/* Frees what the record owns. The storage may hold a secret and is overwritten first. */
+/* Frees what the record owns. */
 static void releaseStorage(SocketBuffer* sockBuffer)
 {
-    explicit_bzero(sockBuffer->buffer, sockBuffer->bufferSize);
-    free(sockBuffer->buffer);
+    freeStorage(sockBuffer);
     freeMaskArea(sockBuffer->maskArea);
 }
 
@@ -141,11 +148,6 @@ void wipeBuffer(SocketBuffer* sockBuffer)
 static void keepError(SocketBuffer* sockBuffer, int error)
 {
     sockBuffer->socketErr = error != 0 ? error : ECONNRESET;
-}
-
-static const char* errorText(int error, char (&text)[128])
-{
-    return strerror_r(error, text, sizeof text);
 }
 
 /* One send or recv, repeated while a signal interrupts it. */
@@ -190,9 +192,9 @@ static int waitUntilReadable(SocketBuffer* sockBuffer, int timeout)
 
     if (ready < 0) {
         int error = errno;
-        char text[128];
+        ErrorText text;
         keepError(sockBuffer, error);
-        TRACE(at::failed, errorText(error, text), error);
+        TRACE(at::failed, traceError(error, text), error);
         return QPX_ERR_LOSTGWCON;
     }
     if (ready == 0) {
@@ -291,9 +293,9 @@ static int sendStaged(SocketBuffer* sockBuffer)
     traceStaged(sockBuffer);
     if (!sendAll(sockBuffer->socketDesc, sockBuffer->buffer, sockBuffer->count)) {
         int error = errno;
-        char text[128];
+        ErrorText text;
         keepError(sockBuffer, error);
-        TRACE(at::failed, errorText(error, text), error);
+        TRACE(at::failed, traceError(error, text), error);
         return QPX_ERR_LOSTGWCON;
     }
     int sent = traceInt(sockBuffer->count);
@@ -356,9 +358,9 @@ static void sendDirect(SocketBuffer* sockBuffer, const char* data, size_t dataLe
     TRACE_DATA(at::sending, dumpOf(data, dataLen), data, traceSize(dataLen), STOPWORD);
     if (!sendAll(sockBuffer->socketDesc, data, dataLen)) {
         int error = errno;
-        char text[128];
+        ErrorText text;
         keepError(sockBuffer, error);
-        TRACE(at::failed, errorText(error, text), error);
+        TRACE(at::failed, traceError(error, text), error);
         return;
     }
     sockBuffer->totalCount -= std::min(dataLen, sockBuffer->totalCount);
@@ -373,8 +375,8 @@ static void stageOrSend(SocketBuffer* sockBuffer, const char* data, size_t dataL
         TRACE(at::noSpace, sockBuffer, traceSize(dataLen));
         if (flushBuffer(sockBuffer) != QPX_OK) return;
     }
-    // Deliberate: where no flush was needed, an earlier error is not looked at.
     if (dataLen == 0) return;
+    // Deliberate: where no flush was needed, an earlier error is not looked at.
     if (hasRoom(sockBuffer, dataLen))
         stage(sockBuffer, data, dataLen);
     else
@@ -505,9 +507,9 @@ static int receiveIntoBuffer(SocketBuffer* sockBuffer)
             [&] { return recv(sockBuffer->socketDesc, sockBuffer->ptr, wanted - received, 0); });
         if (result < 1) {
             int error = result == 0 ? 0 : errno;
-            char text[128];
+            ErrorText text;
             keepError(sockBuffer, error);
-            TRACE(at::failed, errorText(sockBuffer->socketErr, text), sockBuffer->socketErr);
+            TRACE(at::failed, traceError(sockBuffer->socketErr, text), sockBuffer->socketErr);
             rc = QPX_ERR_LOSTGWCON;
             break;
         }
@@ -606,9 +608,9 @@ static void receiveDirect(SocketBuffer* sockBuffer, char* data, size_t dataLen, 
             [&] { return recv(sockBuffer->socketDesc, data + received, dataLen - received, 0); });
         if (result < 1) {
             int error = result == 0 ? 0 : errno;
-            char text[128];
+            ErrorText text;
             keepError(sockBuffer, error);
-            TRACE(at::failed, errorText(sockBuffer->socketErr, text), sockBuffer->socketErr);
+            TRACE(at::failed, traceError(sockBuffer->socketErr, text), sockBuffer->socketErr);
             break;
         }
         received += static_cast<size_t>(result);

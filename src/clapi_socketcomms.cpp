@@ -120,15 +120,15 @@ constexpr size_t UTF8_APPLID_SIZE = 2 * APPLID_SIZE + 1;
 static const char handshakeDataFixed[18] = {0x00, 0x02, 0x65, 0x6E, 0x00, 0x02, 0x47, 0x42};
 
 /*
- * Converts ISO 8859-1 to UTF-8. The terminator is not written: out is zero-filled and has room
- * for twice the text and one byte.
+ * Converts an applid from ISO 8859-1 to UTF-8. The terminator is not written: out is zero-filled
+ * and has room for twice the longest applid and one byte.
  */
 static void makeUtf8(const char* in, char* out)
 {
-    for (; *in != '\0'; ++in) {
-        unsigned char character = static_cast<unsigned char>(*in);
+    for (size_t i = 0; i < APPLID_SIZE && in[i] != '\0'; ++i) {
+        unsigned char character = static_cast<unsigned char>(in[i]);
         if (character < 0x80) {
-            *out++ = *in;
+            *out++ = in[i];
             continue;
         }
         *out++ = static_cast<char>(character < 0xC0 ? 0xC2 : 0xC3);

@@ -1,4 +1,5 @@
-/* Trace points of clapi_impl: 1000 to 1085. Number 1077 is not used. */
+/* Trace points of clapi_impl: 1000 to 1085. Numbers 1073 and 1077 are not used: the
+   environment either switches the trace file or fails to. */
 #ifndef TRACE_POINTS_CLAPI_IMPL_H
 #define TRACE_POINTS_CLAPI_IMPL_H
 

@@ -10,8 +10,8 @@ void takes_every_call(void);
 void takes_every_call(void)
 {
     int (*open_plain)(char*, int, QPX_ConnToken_t*, int) = QPX_openRemoteGatewayConnection;
-    int (*open_applid)(char*, int, QPX_ConnToken_t*, int, char*, char*) =
-        QPX_openRemoteGatewayConnectionApplid;
+    int (*open_applid)(char*, int, QPX_ConnToken_t*, int, char*,
+                       char*) = QPX_openRemoteGatewayConnectionApplid;
     int (*close_one)(QPX_ConnToken_t*) = QPX_closeGatewayConnection;
     int (*purge)(QPX_ConnToken_t*, int) = QPX_purgeGatewayConnection;
     int (*close_all)(void) = QPX_closeAllGatewayConnections;

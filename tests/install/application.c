@@ -17,17 +17,39 @@
 
 #define AREA_SIZE 20
 
-static const char handshake_accepted[] =
-    "Gate\x10\xA0\x10\x00" "\x00\x00\x00\x05" "\xFF\xFF\xFF\xFE" "\x00\x00\x00\x00"
-    "\x00\x00\x00\x04" "BASE" "\x00" "\x00\x00\x00\x00";
-static const char reply[] =
-    "Gate\x10\xA0\x10\x00" "\x00\x00\x00\x03" "\x00\x00\x00\x01" "\x00\x00\x00\x00"
-    "\x00\x00\x00\x03" "ECI" "\x00" "\x00\x00\x00\x2E"
-    "\x00\x00\x00\x01" "\x00\x00\x00\x00" "\x00\x00\x00\x00" "\x00\x00\x00\x00" "    "
-    "\x00\x00\x00\x14" "\x00" "hello, application\x00\x00" "\x00";
-static const char closed[] =
-    "Gate\x10\xA0\x10\x00" "\x00\x00\x00\x0A" "\xFF\xFF\xFF\xFF" "\x00\x00\x00\x00"
-    "\x00\x00\x00\x04" "BASE" "\x00" "\x00\x00\x00\x00";
+static const char handshake_accepted[] = "Gate\x10\xA0\x10\x00"
+                                         "\x00\x00\x00\x05"
+                                         "\xFF\xFF\xFF\xFE"
+                                         "\x00\x00\x00\x00"
+                                         "\x00\x00\x00\x04"
+                                         "BASE"
+                                         "\x00"
+                                         "\x00\x00\x00\x00";
+static const char reply[] = "Gate\x10\xA0\x10\x00"
+                            "\x00\x00\x00\x03"
+                            "\x00\x00\x00\x01"
+                            "\x00\x00\x00\x00"
+                            "\x00\x00\x00\x03"
+                            "ECI"
+                            "\x00"
+                            "\x00\x00\x00\x2E"
+                            "\x00\x00\x00\x01"
+                            "\x00\x00\x00\x00"
+                            "\x00\x00\x00\x00"
+                            "\x00\x00\x00\x00"
+                            "    "
+                            "\x00\x00\x00\x14"
+                            "\x00"
+                            "hello, application\x00\x00"
+                            "\x00";
+static const char closed[] = "Gate\x10\xA0\x10\x00"
+                             "\x00\x00\x00\x0A"
+                             "\xFF\xFF\xFF\xFF"
+                             "\x00\x00\x00\x00"
+                             "\x00\x00\x00\x04"
+                             "BASE"
+                             "\x00"
+                             "\x00\x00\x00\x00";
 
 /* Reads a flow of the given size and answers it. */
 static void answer(int peer, size_t size, const char* flow, size_t length)

@@ -159,9 +159,9 @@ TEST_F(AsyncCall, AllocatesRoomForTheWholeCommarea)
 {
     TraceFile trace(4);
     send("LATER", filled(100, 'a'));
-    EXPECT_TRUE(trace.wrote(
-        1520, "DEBUG",
-        "clapi_eci.performEciExecute() Allocated 100 bytes for async commarea=<ptr>"))
+    EXPECT_TRUE(
+        trace.wrote(1520, "DEBUG",
+                    "clapi_eci.performEciExecute() Allocated 100 bytes for async commarea=<ptr>"))
         << trace.text();
 }
 
@@ -171,9 +171,9 @@ TEST_F(AsyncCall, AllocatesRoomForTheInboundLength)
     EciParms parms = asyncCall("LATER", filled(100, 'a'));
     parms.record.commarea_inbound_length = 10;
     send(parms);
-    EXPECT_TRUE(trace.wrote(
-        1520, "DEBUG",
-        "clapi_eci.performEciExecute() Allocated 10 bytes for async commarea=<ptr>"));
+    EXPECT_TRUE(
+        trace.wrote(1520, "DEBUG",
+                    "clapi_eci.performEciExecute() Allocated 10 bytes for async commarea=<ptr>"));
 }
 
 TEST_F(AsyncCall, AllocatesNoMoreThanTheCommareaForALargeInboundLength)
@@ -182,9 +182,9 @@ TEST_F(AsyncCall, AllocatesNoMoreThanTheCommareaForALargeInboundLength)
     EciParms parms = asyncCall("LATER", filled(100, 'a'));
     parms.record.commarea_inbound_length = 101;
     send(parms);
-    EXPECT_TRUE(trace.wrote(
-        1520, "DEBUG",
-        "clapi_eci.performEciExecute() Allocated 100 bytes for async commarea=<ptr>"));
+    EXPECT_TRUE(
+        trace.wrote(1520, "DEBUG",
+                    "clapi_eci.performEciExecute() Allocated 100 bytes for async commarea=<ptr>"));
 }
 
 TEST_F(AsyncCall, TakesAReplyThatIsShorterThanTheCommarea)
@@ -294,8 +294,12 @@ TEST_F(AsyncCall, OverwritesTheRecordWithThatOfTheRequest)
     request.record.commarea_outbound_length = 5;
     request.record.commarea_inbound_length = 12;
     int qualifier = send(request);
-    answer(qualifier, ProgramReply().luwToken(4711).qualifier(5).abend("OKAY").commarea(
-                          20, text("twelve bytes")).inbound(12));
+    answer(qualifier, ProgramReply()
+                          .luwToken(4711)
+                          .qualifier(5)
+                          .abend("OKAY")
+                          .commarea(20, text("twelve bytes"))
+                          .inbound(12));
 
     EciParms collecting = getReplyWait(16);
     QPX_ECI_PARMS expected = request.record;
@@ -533,8 +537,8 @@ TEST_F(AsyncCall, HasNoReplyForTheQualifierOfAnIdleUnitOfWork)
 TEST_F(AsyncCall, ReturnsTheServersCodeWhenItIsCollected)
 {
     int qualifier = send();
-    answer(qualifier, ProgramReply().serverCode(-7).abend("ASRA").luwToken(3).commarea(
-                          text("not seen")));
+    answer(qualifier,
+           ProgramReply().serverCode(-7).abend("ASRA").luwToken(3).commarea(text("not seen")));
     EciParms parms = getReplyWait(8);
     parms.withCommarea(text("mine...."));
     EXPECT_RC(ECI_ERR_TRANSACTION_ABEND, execute(parms));
@@ -860,8 +864,7 @@ TEST_F(WaitingForAReply, EndsWhenTheConnectionIsLost)
     auto waiting = startAndAwaitSleep(parms);
     connection.peer.close();
     EXPECT_RC(QPX_ERR_LOSTGWCON, waiting.get());
-    EXPECT_TRUE(
-        trace.wrote(1562, "*EXC*", "clapi_eci.getAsyncReply() Connection status not open"));
+    EXPECT_TRUE(trace.wrote(1562, "*EXC*", "clapi_eci.getAsyncReply() Connection status not open"));
 }
 
 TEST_F(WaitingForAReply, EndsWhenTheGatewayCloses)
@@ -870,8 +873,7 @@ TEST_F(WaitingForAReply, EndsWhenTheGatewayCloses)
     auto waiting = startAndAwaitSleep(parms);
     connection.peer.send(closeFlow());
     EXPECT_RC(QPX_ERR_GATEWAY_CLOSED, waiting.get());
-    EXPECT_TRUE(
-        trace.wrote(1562, "*EXC*", "clapi_eci.getAsyncReply() Connection status not open"));
+    EXPECT_TRUE(trace.wrote(1562, "*EXC*", "clapi_eci.getAsyncReply() Connection status not open"));
 }
 
 TEST_F(WaitingForAReply, CollectsTheLossOfItsRequest)
@@ -1000,8 +1002,7 @@ TEST_F(AsyncCall, HasNoWaitersOnALostConnection)
     lose(connection, trace);
     EciParms parms = getReplyWait(8);
     EXPECT_RC(QPX_ERR_LOSTGWCON, execute(parms));
-    EXPECT_TRUE(
-        trace.wrote(1562, "*EXC*", "clapi_eci.getAsyncReply() Connection status not open"));
+    EXPECT_TRUE(trace.wrote(1562, "*EXC*", "clapi_eci.getAsyncReply() Connection status not open"));
     expectNoReply();
 }
 

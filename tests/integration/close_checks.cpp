@@ -81,14 +81,13 @@ TEST(CloseChecks, TracesAClosedConnection)
 
     connection.closeInOrder();
 
-    EXPECT_TRUE(trace.wrote(1009, "ENTRY",
-                            "API.QPX_closeGatewayConnection(gwTokPtr=" + variable + ")"));
-    EXPECT_TRUE(trace.wrote(1012, "EVENT",
-                            "API.QPX_closeGatewayConnection() Closed Gateway connection for token " +
-                                variable));
-    EXPECT_TRUE(trace.wrote(1013, "EXIT",
-                            "API.QPX_closeGatewayConnection(gwTokPtr=" + variable +
-                                ") rc=0 (QPX_OK)"));
+    EXPECT_TRUE(
+        trace.wrote(1009, "ENTRY", "API.QPX_closeGatewayConnection(gwTokPtr=" + variable + ")"));
+    EXPECT_TRUE(trace.wrote(
+        1012, "EVENT",
+        "API.QPX_closeGatewayConnection() Closed Gateway connection for token " + variable));
+    EXPECT_TRUE(trace.wrote(
+        1013, "EXIT", "API.QPX_closeGatewayConnection(gwTokPtr=" + variable + ") rc=0 (QPX_OK)"));
 }
 
 TEST(CloseChecks, DoesNotChangeTheCallersVariable)

@@ -21,8 +21,7 @@ class CloseWork : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_RC(QPX_OK,
-                  QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 30));
+        ASSERT_RC(QPX_OK, QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 30));
     }
 
     support::RunningCall<int> start(EciParms& parms)
@@ -82,8 +81,8 @@ TEST_F(CloseWork, LetsManyCallsInProgressEndFirst)
     std::vector<std::unique_ptr<EciParms>> records;
     std::vector<support::RunningCall<int>> calls;
     for (std::size_t at = 0; at < count; ++at) {
-        records.push_back(
-            std::make_unique<EciParms>(syncCall("ECHO", filled(40, static_cast<unsigned char>(at)))));
+        records.push_back(std::make_unique<EciParms>(
+            syncCall("ECHO", filled(40, static_cast<unsigned char>(at)))));
         calls.push_back(start(*records.back()));
     }
     ASSERT_TRUE(gateway.awaitHeld(count));
@@ -167,8 +166,7 @@ TEST_F(CloseWork, CanBeFollowedByAnotherOpen)
 {
     for (int time = 0; time < 20; ++time) {
         EXPECT_RC(QPX_OK, QPX_closeGatewayConnection(&token));
-        EXPECT_RC(QPX_OK,
-                  QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 30));
+        EXPECT_RC(QPX_OK, QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 30));
     }
     EXPECT_RC(QPX_OK, QPX_closeGatewayConnection(&token));
     EXPECT_EQ(21U, gateway.closeFlowCount());

@@ -43,8 +43,7 @@ TEST_F(ConnectionAll, IsTraced)
     EXPECT_TRUE(trace.wrote(1015, "EVENT",
                             "API.QPX_closeAllGatewayConnections() Closed all Gateway "
                             "connections"));
-    EXPECT_TRUE(trace.wrote(1016, "EXIT",
-                            "API.QPX_closeAllGatewayConnections() rc=0 (QPX_OK)"));
+    EXPECT_TRUE(trace.wrote(1016, "EXIT", "API.QPX_closeAllGatewayConnections() rc=0 (QPX_OK)"));
 }
 
 TEST_F(ConnectionAll, IsEveryConnection)
@@ -56,8 +55,7 @@ TEST_F(ConnectionAll, IsEveryConnection)
     EXPECT_TRUE(gateway.awaitClosed(5));
     EXPECT_EQ(5U, gateway.closeFlowCount());
     char* applid = nullptr;
-    for (QPX_ConnToken_t token : tokens)
-        EXPECT_RC(QPX_ERR_BADGWTOK, QPX_getApplid(token, &applid));
+    for (QPX_ConnToken_t token : tokens) EXPECT_RC(QPX_ERR_BADGWTOK, QPX_getApplid(token, &applid));
 }
 
 TEST_F(ConnectionAll, MayBeClosedAgain)
@@ -90,9 +88,8 @@ TEST_F(ConnectionAll, EndsTheirCallsInProgress)
     std::vector<support::RunningCall<int>> calls;
     for (QPX_ConnToken_t token : tokens) {
         records.push_back(std::make_unique<EciParms>(syncCall("ECHO", text("hello"))));
-        calls.push_back(callInThread([token, record = &records.back()->record] {
-            return QPX_ECI_Execute(token, record);
-        }));
+        calls.push_back(callInThread(
+            [token, record = &records.back()->record] { return QPX_ECI_Execute(token, record); }));
     }
     ASSERT_TRUE(gateway.awaitHeld(4));
 

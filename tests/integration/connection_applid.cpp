@@ -75,8 +75,7 @@ TEST_F(ConnectionApplid, NeedsAToken)
 
     EXPECT_TRUE(trace.wrote(1054, "ENTRY",
                             "API.QPX_getApplid(gwTok=(nil), applid=" + shown(&applid) + ")"));
-    EXPECT_TRUE(trace.wrote(1055, "*EXC*",
-                            "API.QPX_getApplid() NULL gateway token, gwTok=(nil)"));
+    EXPECT_TRUE(trace.wrote(1055, "*EXC*", "API.QPX_getApplid() NULL gateway token, gwTok=(nil)"));
     EXPECT_TRUE(trace.wrote(1057, "EXIT", "API.QPX_getApplid() rc=-100 (QPX_ERR_NULLGWTOK)"));
     EXPECT_EQ(3U, trace.records().size());
     EXPECT_EQ(nullptr, applid);
@@ -88,8 +87,8 @@ TEST_F(ConnectionApplid, NeedsAPlaceToStoreIt)
 
     EXPECT_RC(QPX_ERR_NULLPTR, QPX_getApplid(token, nullptr));
 
-    EXPECT_TRUE(trace.wrote(1056, "*EXC*",
-                            "API.QPX_getApplid() Supplied pointer is NULL, applid=(nil)"));
+    EXPECT_TRUE(
+        trace.wrote(1056, "*EXC*", "API.QPX_getApplid() Supplied pointer is NULL, applid=(nil)"));
     EXPECT_TRUE(trace.wrote(1057, "EXIT", "API.QPX_getApplid() rc=-109 (QPX_ERR_NULLPTR)"));
     EXPECT_EQ(3U, trace.records().size());
 }
@@ -162,9 +161,11 @@ TEST_F(ConnectionApplid, CountsAsACallWhileItIsRead)
 
     std::string at = shown(token);
     EXPECT_TRUE(trace.wroteText("EVENT  clapi_gwytok.clapiRegisterRequest() Outstanding API "
-                                "calls=1 on gwTokPtr=" + at + "\n"));
+                                "calls=1 on gwTokPtr=" +
+                                at + "\n"));
     EXPECT_TRUE(trace.wroteText("EVENT  clapi_gwytok.clapiUnregisterRequest() Outstanding API "
-                                "calls=0 on gwTokPtr=" + at + "\n"));
+                                "calls=0 on gwTokPtr=" +
+                                at + "\n"));
     EXPECT_TRUE(trace.wrote(1057, "EXIT", "API.QPX_getApplid() rc=0 (QPX_OK)"));
 }
 
@@ -175,13 +176,13 @@ TEST_F(ConnectionApplid, HasAQualifierThatNeedsAToken)
 
     EXPECT_RC(QPX_ERR_NULLGWTOK, QPX_getApplidQualifier(nullptr, &qualifier));
 
-    EXPECT_TRUE(trace.wrote(1058, "ENTRY",
-                            "API.QPX_getApplidQualifier(gwTok=(nil), applidQualifier=" +
-                                shown(&qualifier) + ")"));
-    EXPECT_TRUE(trace.wrote(1059, "*EXC*",
-                            "API.QPX_getApplidQualifier() NULL gateway token, gwTok=(nil)"));
-    EXPECT_TRUE(trace.wrote(1061, "EXIT",
-                            "API.QPX_getApplidQualifier() rc=-100 (QPX_ERR_NULLGWTOK)"));
+    EXPECT_TRUE(trace.wrote(
+        1058, "ENTRY",
+        "API.QPX_getApplidQualifier(gwTok=(nil), applidQualifier=" + shown(&qualifier) + ")"));
+    EXPECT_TRUE(
+        trace.wrote(1059, "*EXC*", "API.QPX_getApplidQualifier() NULL gateway token, gwTok=(nil)"));
+    EXPECT_TRUE(
+        trace.wrote(1061, "EXIT", "API.QPX_getApplidQualifier() rc=-100 (QPX_ERR_NULLGWTOK)"));
     EXPECT_EQ(3U, trace.records().size());
 }
 
@@ -194,8 +195,8 @@ TEST_F(ConnectionApplid, HasAQualifierThatNeedsAPlaceToStoreIt)
     EXPECT_TRUE(trace.wrote(1060, "*EXC*",
                             "API.QPX_getApplidQualifier() Supplied pointer is NULL, "
                             "applidQualifier=(nil)"));
-    EXPECT_TRUE(trace.wrote(1061, "EXIT",
-                            "API.QPX_getApplidQualifier() rc=-109 (QPX_ERR_NULLPTR)"));
+    EXPECT_TRUE(
+        trace.wrote(1061, "EXIT", "API.QPX_getApplidQualifier() rc=-109 (QPX_ERR_NULLPTR)"));
     EXPECT_EQ(3U, trace.records().size());
 }
 

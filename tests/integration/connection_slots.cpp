@@ -17,8 +17,7 @@ class ConnectionSlots : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_RC(QPX_OK,
-                  QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 30));
+        ASSERT_RC(QPX_OK, QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 30));
         gateway.hold();
     }
     void TearDown() override { EXPECT_RC(QPX_OK, QPX_closeGatewayConnection(&token)); }

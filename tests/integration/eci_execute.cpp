@@ -35,7 +35,8 @@ TEST(EciExecute, RefusesANullToken)
     TraceFile trace(1);
     EciParms parms = syncCall("PROG");
     EXPECT_RC(QPX_ERR_NULLGWTOK, QPX_ECI_Execute(nullptr, &parms.record));
-    EXPECT_TRUE(trace.wrote(1501, "*EXC*", "API.QPX_ECI_Execute() NULL gateway token, gwTok=(nil)"));
+    EXPECT_TRUE(
+        trace.wrote(1501, "*EXC*", "API.QPX_ECI_Execute() NULL gateway token, gwTok=(nil)"));
     EXPECT_EQ(1u, trace.records().size()) << trace.text();
 }
 
@@ -188,8 +189,8 @@ TEST_F(ClosingConnection, RefusesASynchronousCall)
     closeWhileSyncIsOutstanding();
     EciParms parms = syncCall("PROG");
     EXPECT_RC(QPX_ERR_GWTOK_CLOSED, execute(parms));
-    EXPECT_TRUE(trace.wrote(1503, "*EXC*",
-                            "API.QPX_ECI_Execute() ECI_SYNC call attempted while connection is closing"))
+    EXPECT_TRUE(trace.wrote(
+        1503, "*EXC*", "API.QPX_ECI_Execute() ECI_SYNC call attempted while connection is closing"))
         << trace.text();
     EXPECT_TRUE(connection.peer.isQuiet());
     endSyncAndClose();
@@ -201,8 +202,9 @@ TEST_F(ClosingConnection, RefusesAnAsynchronousCall)
     EciParms parms = asyncCall("PROG");
     parms.record.eci_message_qualifier = 99;
     EXPECT_RC(QPX_ERR_GWTOK_CLOSED, execute(parms));
-    EXPECT_TRUE(trace.wrote(1503, "*EXC*",
-                            "API.QPX_ECI_Execute() ECI_ASYNC call attempted while connection is closing"))
+    EXPECT_TRUE(
+        trace.wrote(1503, "*EXC*",
+                    "API.QPX_ECI_Execute() ECI_ASYNC call attempted while connection is closing"))
         << trace.text();
     EXPECT_EQ(99, int(parms.record.eci_message_qualifier));
     EXPECT_TRUE(connection.peer.isQuiet());
@@ -365,11 +367,10 @@ TEST(EciExecute, NamesTheServersCodeInTheExitLine)
     TraceFile trace(3);
     EciParms parms = syncCall("PROG");
     auto call = connection.start(parms);
-    connection.peer.send(
-        ProgramReply().serverCode(-7).to(connection.awaitRequest().messageId()));
+    connection.peer.send(ProgramReply().serverCode(-7).to(connection.awaitRequest().messageId()));
     EXPECT_RC(ECI_ERR_TRANSACTION_ABEND, call.get());
-    EXPECT_TRUE(trace.wrote(
-        1535, "EXIT", "clapi_eci.performEciExecute() rc=-7 (ECI_ERR_TRANSACTION_ABEND)"));
+    EXPECT_TRUE(trace.wrote(1535, "EXIT",
+                            "clapi_eci.performEciExecute() rc=-7 (ECI_ERR_TRANSACTION_ABEND)"));
     EXPECT_TRUE(
         trace.wrote(1506, "EXIT", "API.QPX_ECI_Execute() rc=-7 (ECI_ERR_TRANSACTION_ABEND)"));
 }
@@ -382,8 +383,8 @@ TEST(EciExecute, NamesTheGatewaysCodeInTheExitLine)
     auto call = connection.start(parms);
     connection.peer.send(errorFlow(connection.awaitRequest().messageId(), 61445));
     EXPECT_RC(QPX_ERR_WORK_WAS_REFUSED, call.get());
-    EXPECT_TRUE(trace.wrote(1506, "EXIT",
-                            "API.QPX_ECI_Execute() rc=61445 (QPX_ERR_WORK_WAS_REFUSED)"));
+    EXPECT_TRUE(
+        trace.wrote(1506, "EXIT", "API.QPX_ECI_Execute() rc=61445 (QPX_ERR_WORK_WAS_REFUSED)"));
 }
 
 // ---- Dumps ----
@@ -449,14 +450,14 @@ TEST_F(EciDump, ShowsTheRecordWithThePasswordHidden)
 {
     refusedCall();
     const std::string expected =
-        "Data truncation size=128, offset=0\n" +
-        at(0) + "01005052 4F475241 4D315553 45524944 : ..PROGRAM1USERID \n" +
-        at(16) + "20202020 20202020 20202A2A 2A2A2A2A :           ****** \n" +
-        at(32) + "2A2A2A2A 2A2A2A2A 2A2A5452 414E4142 : **********TRANAB \n" +
-        at(48) + "4E44<any> <any>1400 FFFF0000 00000000 : ND<any>\n" +
-        at(64) + "06005345 52564552 20205450 4E580000 : ..SERVER  TPNX.. \n" +
-        at(80) + "00000000 00000000 00000000 00000000 : ................ \n" +
-        at(96) + "0000                                : ..\n";
+        "Data truncation size=128, offset=0\n" + at(0) +
+        "01005052 4F475241 4D315553 45524944 : ..PROGRAM1USERID \n" + at(16) +
+        "20202020 20202020 20202A2A 2A2A2A2A :           ****** \n" + at(32) +
+        "2A2A2A2A 2A2A2A2A 2A2A5452 414E4142 : **********TRANAB \n" + at(48) +
+        "4E44<any> <any>1400 FFFF0000 00000000 : ND<any>\n" + at(64) +
+        "06005345 52564552 20205450 4E580000 : ..SERVER  TPNX.. \n" + at(80) +
+        "00000000 00000000 00000000 00000000 : ................ \n" + at(96) +
+        "0000                                : ..\n";
     const std::string entry = dumpBehind(trace, 1504);
     EXPECT_TRUE(support::matches(expected, entry)) << entry;
     EXPECT_EQ(entry, dumpBehind(trace, 1505));

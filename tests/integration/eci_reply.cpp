@@ -54,18 +54,19 @@ TEST_F(EciReply, PutsTheReplyIntoTheCommarea)
 TEST_F(EciReply, ReadsTheRepliesBytesAsTheyStandOnTheWire)
 {
     EciParms parms = syncCall("PROG", filled(6, 'x'));
-    EXPECT_RC(ECI_ERR_TRANSACTION_ABEND,
-              callAndSend(parms, hex("47617465 10A01000 00000003 00000001 00000000 00000003 454349 00"
-                                     "00000023"       // 35 bytes follow
-                                     "00000001"       // call type
-                                     "01020304"       // LUW token
-                                     "00000000"       // message qualifier
-                                     "FFFFFFF9"       // server code -7
-                                     "41535241"       // "ASRA"
-                                     "00000006"       // length of the COMMAREA
-                                     "FF 00 00000004" // flag, a byte of no use, inbound length
-                                     "61626364"       // "abcd"
-                                     "00")));         // no channel
+    EXPECT_RC(
+        ECI_ERR_TRANSACTION_ABEND,
+        callAndSend(parms, hex("47617465 10A01000 00000003 00000001 00000000 00000003 454349 00"
+                               "00000023"       // 35 bytes follow
+                               "00000001"       // call type
+                               "01020304"       // LUW token
+                               "00000000"       // message qualifier
+                               "FFFFFFF9"       // server code -7
+                               "41535241"       // "ASRA"
+                               "00000006"       // length of the COMMAREA
+                               "FF 00 00000004" // flag, a byte of no use, inbound length
+                               "61626364"       // "abcd"
+                               "00")));         // no channel
     EXPECT_EQ(hex("61626364 0000"), parms.commarea());
     EXPECT_EQ("ASRA", abendCode(parms));
     EXPECT_EQ(0x01020304, int(parms.record.eci_luw_token));
@@ -159,8 +160,12 @@ TEST_F(EciReply, ChangesNothingButTheResults)
     std::memcpy(expected.eci_abend_code, "OKAY", 4);
     expected.eci_luw_token = 5;
 
-    EXPECT_RC(0, call(parms, ProgramReply().luwToken(5).qualifier(88).abend("OKAY").commarea(
-                                 6, filled(3, 'r')).inbound(3)));
+    EXPECT_RC(0, call(parms, ProgramReply()
+                                 .luwToken(5)
+                                 .qualifier(88)
+                                 .abend("OKAY")
+                                 .commarea(6, filled(3, 'r'))
+                                 .inbound(3)));
     EXPECT_EQ(0, std::memcmp(&expected, &parms.record, sizeof expected));
 }
 
@@ -354,7 +359,8 @@ TEST_F(EciReply, OfAnotherRequestTypeFailsTheCall)
     EciParms parms = syncCall("PROG", text("mine"));
     EXPECT_RC(QPX_ERR_SYSTEM_ERROR,
               callAndSend(parms, flow(replyType, 1, 0, "XYZ", ProgramReply().body())));
-    EXPECT_TRUE(trace.wroteText("clapi_gwycon.receiverThread() Gateway returned unexpected request type XYZ\n"))
+    EXPECT_TRUE(trace.wroteText(
+        "clapi_gwycon.receiverThread() Gateway returned unexpected request type XYZ\n"))
         << trace.text();
     expectStillServing(connection);
 }
@@ -362,10 +368,9 @@ TEST_F(EciReply, OfAnotherRequestTypeFailsTheCall)
 TEST_F(EciReply, OfTheSystemListsTypeIsTakenAsItReads)
 {
     EciParms parms = syncCall("PROG", filled(8, 'x'));
-    EXPECT_RC(ECI_ERR_NO_VORN,
-              callAndSend(parms, flow(replyType, 1, 0, "ECI",
-                                      hex("00000009 00000002 FFFFFFFD 0000000A") +
-                                          text("ten bytes!"))));
+    EXPECT_RC(ECI_ERR_NO_VORN, callAndSend(parms, flow(replyType, 1, 0, "ECI",
+                                                       hex("00000009 00000002 FFFFFFFD 0000000A") +
+                                                           text("ten bytes!"))));
     EXPECT_EQ(2, int(parms.record.eci_luw_token));
     EXPECT_EQ(text("ten byte"), parms.commarea());
     expectStillServing(connection);

@@ -54,13 +54,14 @@ protected:
     // The body up to the COMMAREA's length, of a call without anything but a program.
     static Bytes plainStart()
     {
-        return hex("00000001"                         // call type
-                   "00000000 00000000 00000000 00"    // extend mode, LUW token, qualifier, callback
-                   "00000008 00000000 00000000"       // length and name of the server
+        return hex("00000001"                      // call type
+                   "00000000 00000000 00000000 00" // extend mode, LUW token, qualifier, callback
+                   "00000008 00000000 00000000"    // length and name of the server
                    "00000000 00000000 00000000 00000000" // user id
-                   "00000000") +                      // length of the password
-               text("PROG    ") + hex("00000000"      // transaction id
-                                      "00000000");    // length of the token
+                   "00000000") +                         // length of the password
+               text("PROG    ") +
+               hex("00000000"   // transaction id
+                   "00000000"); // length of the token
     }
 
     ScriptedConnection connection;
@@ -91,27 +92,28 @@ TEST_F(EciRequest, CarriesEveryFieldOfTheRecord)
     parms.record.commarea_outbound_length = 4;
     parms.record.commarea_inbound_length = 6;
 
-    expectBody(parms, hex("00000001"             // call type
-                          "00000000"             // extend mode
-                          "00000000"             // LUW token
-                          "00000000"             // message qualifier
-                          "00"                   // callback
-                          "00000008") +          // length of the server's name
-                          text("PROD    ") +     // server
-                          text("CLERK") + hex("0000000000 000000000000") + // user id
-                          hex("00000003"         // length of the password
-                              "BE0301") +        // "ABC"
-                          text("LEDGER  ") +     // program
-                          text("TR01") +         // transaction id
-                          hex("00000000"         // length of the token
-                              "0000000A"         // length of the COMMAREA
-                              "FF 00000004"      // outbound length
-                              "FF 00000006") +   // inbound length
-                          text("0123") +         // COMMAREA
-                          hex("00"               // channel
-                              "1234"             // time-out
-                              "00"               // automatic qualifier
-                              "FFFFFFFF"));      // no transaction branch
+    expectBody(parms, hex("00000001"         // call type
+                          "00000000"         // extend mode
+                          "00000000"         // LUW token
+                          "00000000"         // message qualifier
+                          "00"               // callback
+                          "00000008") +      // length of the server's name
+                          text("PROD    ") + // server
+                          text("CLERK") +
+                          hex("0000000000 000000000000") + // user id
+                          hex("00000003"                   // length of the password
+                              "BE0301") +                  // "ABC"
+                          text("LEDGER  ") +               // program
+                          text("TR01") +                   // transaction id
+                          hex("00000000"                   // length of the token
+                              "0000000A"                   // length of the COMMAREA
+                              "FF 00000004"                // outbound length
+                              "FF 00000006") +             // inbound length
+                          text("0123") +                   // COMMAREA
+                          hex("00"                         // channel
+                              "1234"                       // time-out
+                              "00"                         // automatic qualifier
+                              "FFFFFFFF"));                // no transaction branch
 }
 
 TEST_F(EciRequest, TagsTheRequestsOfAProcessFromOneOn)
@@ -273,8 +275,7 @@ TEST_F(EciRequest, TerminatesFixedCredentialsThatFillTheirFields)
     EciParms parms = syncCall("PROG");
     parms.withVersion(3).withFixedUser("SIXTEENLETTERS16", "AAAAAAAAAAAAAAAA");
     // Equal letters: each but the first cancels out against the one before it.
-    EXPECT_EQ(toHex(text("SIXTEENLETTERS16") +
-                    hex("00000010 BE000000 00000000 00000000 00000000")),
+    EXPECT_EQ(toHex(text("SIXTEENLETTERS16") + hex("00000010 BE000000 00000000 00000000 00000000")),
               toHex(credentialsIn(requestOf(parms).body)));
 }
 
@@ -282,8 +283,7 @@ TEST_F(EciRequest, CountsBlanksOfAFixedPassword)
 {
     EciParms parms = syncCall("PROG");
     parms.withVersion(3).withFixedUser("U", "AB");
-    EXPECT_EQ(toHex(text("U               ") +
-                    hex("00000010 BE036200 00000000 00000000 00000000")),
+    EXPECT_EQ(toHex(text("U               ") + hex("00000010 BE036200 00000000 00000000 00000000")),
               toHex(credentialsIn(requestOf(parms).body)));
 }
 

@@ -22,8 +22,7 @@ class LostConnection : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_RC(QPX_OK,
-                  QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 30));
+        ASSERT_RC(QPX_OK, QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 30));
     }
     void TearDown() override { EXPECT_RC(QPX_OK, QPX_purgeGatewayConnection(&token, 0)); }
 

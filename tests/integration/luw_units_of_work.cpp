@@ -187,7 +187,8 @@ TEST_F(UnitOfWork, TracesTheSlotThatItFindsAgain)
     TraceFile trace(4);
     EciParms next = callIn(extended, 7);
     call(next, ProgramReply().luwToken(7));
-    EXPECT_TRUE(trace.wroteText("DEBUG  clapi_gwytok.slotFind() Found existing slot 1 for request\n"))
+    EXPECT_TRUE(
+        trace.wroteText("DEBUG  clapi_gwytok.slotFind() Found existing slot 1 for request\n"))
         << trace.text();
 }
 
@@ -366,8 +367,7 @@ TEST_F(AsyncUnitOfWork, IsActiveUntilItsReplyIsCollected)
     EXPECT_RC(0, QPX_ECI_Execute(connection.token, &second.record));
     EciParms other = callIn(extended, 7);
     EXPECT_RC(ECI_ERR_ALREADY_ACTIVE, refused(other));
-    connection.peer.send(
-        ProgramReply().luwToken(7).to(connection.awaitRequest().messageId()));
+    connection.peer.send(ProgramReply().luwToken(7).to(connection.awaitRequest().messageId()));
     EciParms collecting = getReplyWait(8);
     EXPECT_RC(0, QPX_ECI_Execute(connection.token, &collecting.record));
     EciParms end = callIn(backout, 7);

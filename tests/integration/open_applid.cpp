@@ -57,8 +57,7 @@ protected:
 
 TEST_F(OpenApplid, ComesFromTheArguments)
 {
-    EXPECT_EQ(hex("0006") + text("MYAPPL") + hex("0004") + text("MYQU"),
-              opened("MYAPPL", "MYQU"));
+    EXPECT_EQ(hex("0006") + text("MYAPPL") + hex("0004") + text("MYQU"), opened("MYAPPL", "MYQU"));
 }
 
 TEST_F(OpenApplid, MayBeEmpty)
@@ -87,8 +86,7 @@ TEST_F(OpenApplid, MayHaveEightCharacters)
 
 TEST_F(OpenApplid, IsSentInUtf8)
 {
-    EXPECT_EQ(hex("0009 58 C3A9 59 5A313233 34") + hex("0002 C2A0"),
-              opened("X\xE9YZ1234", "\xA0"));
+    EXPECT_EQ(hex("0009 58 C3A9 59 5A313233 34") + hex("0002 C2A0"), opened("X\xE9YZ1234", "\xA0"));
 }
 
 TEST_F(OpenApplid, MayHaveEightCharactersBeyondAscii)
@@ -185,9 +183,8 @@ TEST_F(OpenApplid, OfTheEnvironmentIsReadAtEveryOpen)
 TEST_F(OpenApplid, OfTheEnvironmentCountsInTheShortFormToo)
 {
     setenv("QPX_APPLID", "ENVAPPLI", 1);
-    auto opening = callInThread([&] {
-        return QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 0);
-    });
+    auto opening = callInThread(
+        [&] { return QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 0); });
     peer = gateway.accept();
     peer.read(33 + 18);
     EXPECT_EQ(hex("0008") + text("ENVAPPLI") + hex("0000"), peer.read(12));
@@ -224,9 +221,8 @@ TEST_F(OpenApplid, OfTheEnvironmentDoesNotHideANullArgument)
     setenv("QPX_APPLID", "ENVAPPLI", 1);
     char nothing[] = "";
 
-    EXPECT_RC(QPX_ERR_NULLPARM,
-              QPX_openRemoteGatewayConnectionApplid(localHost(), refusing.port(), &token, 0,
-                                                    nullptr, nothing));
+    EXPECT_RC(QPX_ERR_NULLPARM, QPX_openRemoteGatewayConnectionApplid(localHost(), refusing.port(),
+                                                                      &token, 0, nullptr, nothing));
 }
 
 TEST_F(OpenApplid, OfTheEnvironmentIsTraced)

@@ -92,8 +92,7 @@ TEST_F(OpenChecks, RefusesANegativeTimeOut)
 
 TEST_F(OpenChecks, RefusesATimeOutAboveAnHour)
 {
-    EXPECT_RC(QPX_ERR_INVALIDTIMEOUTPARM,
-              open(localHost(), 5770, &token, 3601, nothing, nothing));
+    EXPECT_RC(QPX_ERR_INVALIDTIMEOUTPARM, open(localHost(), 5770, &token, 3601, nothing, nothing));
 
     expectOnlyFailure(1003, "API.QPX_openRemoteGatewayConnectionApplid() Timeout value out of "
                             "range, connTimeout=3601");

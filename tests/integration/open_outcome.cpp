@@ -25,8 +25,8 @@ TEST_F(OpenOutcome, IsAConnectionThatTheGatewayKnows)
     char applid[] = "MYAPPL";
     char qualifier[] = "MYQUAL";
 
-    EXPECT_RC(QPX_OK, QPX_openRemoteGatewayConnectionApplid(localHost(), gateway.port(), &token,
-                                                            30, applid, qualifier));
+    EXPECT_RC(QPX_OK, QPX_openRemoteGatewayConnectionApplid(localHost(), gateway.port(), &token, 30,
+                                                            applid, qualifier));
 
     ASSERT_NE(nullptr, token);
     ASSERT_EQ(1U, gateway.connections().size());

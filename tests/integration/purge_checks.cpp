@@ -130,15 +130,14 @@ TEST(PurgeChecks, TracesAPurgedConnection)
 
     EXPECT_RC(QPX_OK, purging.get());
 
-    EXPECT_TRUE(trace.wrote(1080, "ENTRY",
-                            "API.QPX_purgeGatewayConnection(gwTokPtr=" + variable +
-                                ", closeTimeout=9)"));
-    EXPECT_TRUE(trace.wrote(1084, "EVENT",
-                            "API.QPX_purgeGatewayConnection() Closed Gateway connection for token " +
-                                variable));
-    EXPECT_TRUE(trace.wrote(1085, "EXIT",
-                            "API.QPX_purgeGatewayConnection(gwTokPtr=" + variable +
-                                ") rc=0 (QPX_OK)"));
+    EXPECT_TRUE(
+        trace.wrote(1080, "ENTRY",
+                    "API.QPX_purgeGatewayConnection(gwTokPtr=" + variable + ", closeTimeout=9)"));
+    EXPECT_TRUE(trace.wrote(
+        1084, "EVENT",
+        "API.QPX_purgeGatewayConnection() Closed Gateway connection for token " + variable));
+    EXPECT_TRUE(trace.wrote(
+        1085, "EXIT", "API.QPX_purgeGatewayConnection(gwTokPtr=" + variable + ") rc=0 (QPX_OK)"));
     EXPECT_EQ(before, connection.token);
     connection.forget();
 }

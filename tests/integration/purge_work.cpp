@@ -16,8 +16,7 @@ class PurgeWork : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        ASSERT_RC(QPX_OK,
-                  QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 30));
+        ASSERT_RC(QPX_OK, QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 30));
         gateway.hold();
     }
 

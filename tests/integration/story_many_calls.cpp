@@ -26,8 +26,8 @@ Bytes contentsOf(int thread, int call)
 {
     std::string mark = "thread " + std::to_string(thread) + " call " + std::to_string(call) + ";";
     std::string contents;
-    auto length = static_cast<std::size_t>(mark.size() + static_cast<std::size_t>(
-                                               (thread * 397 + call * 31) % 3000));
+    auto length = static_cast<std::size_t>(
+        mark.size() + static_cast<std::size_t>((thread * 397 + call * 31) % 3000));
     while (contents.size() < length) contents += mark;
     contents.resize(length);
     return text(contents);
@@ -102,8 +102,8 @@ TEST(ManyThreads, EachSendAndCollectAsynchronously)
             Bytes contents = contentsOf(thread, call);
             EciParms parms = asyncCall("ECHO", contents);
             if (QPX_ECI_Execute(token, &parms.record) != 0) wrong += 1;
-            EciParms reply =
-                getSpecificReplyWait(parms.record.eci_message_qualifier, contents.size());
+            EciParms reply = getSpecificReplyWait(parms.record.eci_message_qualifier,
+                                                  contents.size());
             if (QPX_ECI_Execute(token, &reply.record) != 0 || reply.commarea() != contents)
                 wrong += 1;
         }
@@ -359,7 +359,8 @@ TEST_F(ManyRequests, GetTheSameIdsFromATableThatWasGivenBack)
     callAtOnce(17);
     answer(16);
     EXPECT_EQ(17, messageIdOfNextCall());
-    EXPECT_EQ(2, trace.timesWroteText("Created new slot table at slotP=<ptr>, first=17, last=32\n"));
+    EXPECT_EQ(2,
+              trace.timesWroteText("Created new slot table at slotP=<ptr>, first=17, last=32\n"));
     EXPECT_EQ(2, trace.timesWroteText("Freeing slot table at slotP=<ptr>, first=17, last=32\n"));
     for (std::size_t index = 0; index < 16; ++index) answer(index);
 }
@@ -371,7 +372,7 @@ TEST_F(ManyRequests, KeepATableInTheMiddle)
     EXPECT_TRUE(trace.wroteText("Created new slot table at slotP=<ptr>, first=33, last=48\n"));
     for (std::size_t index = 16; index < 32; ++index) answer(index);
     EXPECT_FALSE(trace.wroteText("Freeing slot table")); // the one behind it is in use
-    answer(32);                                           // now both are given back, the last first
+    answer(32);                                          // now both are given back, the last first
     std::string text = trace.text();
     std::size_t last = text.find("first=33, last=48", text.find("Freeing slot table"));
     std::size_t middle = text.find("first=17, last=32", text.find("Freeing slot table"));

@@ -24,7 +24,7 @@ namespace {
 // One line that is to be there.
 struct Line {
     int level;
-    int point; // 0: any
+    int point;        // 0: any
     std::string type; // empty: any
     std::string message;
     std::string body; // what is dumped behind it
@@ -143,13 +143,13 @@ Lines writeHeader()
 
 Lines flushBuffer(const std::string& length, const std::vector<std::string>& dump)
 {
-    return {entry(0, "clapi_socketbuffer.flushBuffer(<any>)"),
-            dumped(0, "DATA",
-                   "clapi_socketbuffer.flushBuffer() data=<ptr> len=" + length +
-                       " stopword=00000000",
-                   dump),
-            debug(0, "clapi_socketbuffer.flushBuffer() Sent " + length + " bytes, 0 bytes remaining"),
-            exitLine(0, "clapi_socketbuffer.flushBuffer()<any>")};
+    return {
+        entry(0, "clapi_socketbuffer.flushBuffer(<any>)"),
+        dumped(0, "DATA",
+               "clapi_socketbuffer.flushBuffer() data=<ptr> len=" + length + " stopword=00000000",
+               dump),
+        debug(0, "clapi_socketbuffer.flushBuffer() Sent " + length + " bytes, 0 bytes remaining"),
+        exitLine(0, "clapi_socketbuffer.flushBuffer()<any>")};
 }
 
 Lines freeBuffer()
@@ -165,15 +165,15 @@ Lines fillBuffer(const std::string& length, const std::vector<std::string>& dump
     if (!unread.empty())
         lines.push_back(debug(0, "clapi_socketbuffer.fillBuffer() " + unread +
                                      " bytes already in buffer <ptr>"));
-    return lines +
-           Lines{debug(0, "clapi_socketbuffer.fillBuffer() Attempting to read " + length + " bytes"),
-                 dumped(0, "DATA",
-                        "clapi_socketbuffer.fillBuffer() data=<ptr> len=" + length +
-                            " stopword=00000000",
-                        dump),
-                 debug(0, "clapi_socketbuffer.fillBuffer() Read " + length +
-                              " bytes, 0 bytes remaining"),
-                 exitLine(0, "clapi_socketbuffer.fillBuffer()<any>")};
+    return lines + Lines{debug(0, "clapi_socketbuffer.fillBuffer() Attempting to read " + length +
+                                      " bytes"),
+                         dumped(0, "DATA",
+                                "clapi_socketbuffer.fillBuffer() data=<ptr> len=" + length +
+                                    " stopword=00000000",
+                                dump),
+                         debug(0, "clapi_socketbuffer.fillBuffer() Read " + length +
+                                      " bytes, 0 bytes remaining"),
+                         exitLine(0, "clapi_socketbuffer.fillBuffer()<any>")};
 }
 
 Lines waitForResponse()
@@ -226,34 +226,36 @@ Line deletingEvent()
 Lines tracedOpen(const std::string& port)
 {
     const std::string connection = "127.0.0.1:" + port;
-    return Lines{entry(1000, "API.QPX_openRemoteGatewayConnectionApplid(hostname=127.0.0.1, port=" +
-                                 port + ", &gwTokPtr=<ptr>, connTimeout=0, applid=APP, "
-                                        "applidQualifier=QUAL"),
-                 debug(1007, "API.QPX_openRemoteGatewayConnectionApplid() Environment variables: "
-                             "applidEnv= and applidQualifierEnv="),
-                 entry(2000, "clapi_gwytok.clapiCreateGatewayToken(<any>)"),
-                 debug(2001, "clapi_gwytok.clapiCreateGatewayToken() Called malloc for <int> bytes. "
-                             "new token address=<ptr>"),
-                 debug(2003, "clapi_gwytok.clapiCreateGatewayToken() Initialized slot table, first "
-                             "slot=1, last slot=16"),
-                 creatingEvent(), creatingEvent(), creatingEvent(), creatingEvent(),
-                 clearingEvent(), // no receiver thread runs yet
-                 entry(0, "clapi_gwytok.chainGatewayToken(<any>)"),
-                 exitLine(0, "clapi_gwytok.chainGatewayToken()<any>"),
-                 entry(0, "clapi_gwytok.openClientSocket(gwTokPtr=<ptr>) Attempting to connect to " +
-                              connection + " connTimeout=0"),
-                 entry(0, "clapi_gwycon.clapiConnectToGateway(port=" + port +
-                              ", ipAddr=<ptr>, gwTokPtr=<ptr>, connTimeout=0, applid=APP, "
-                              "applidQualifier=QUAL)"),
-                 debug(0, "clapi_gwycon.clapiConnectToGateway() Creating socket for family 2, type "
-                          "1, protocol 6"),
-                 debug(0, "clapi_gwycon.clapiConnectToGateway() Connected to Gateway " + connection),
-                 // Whichever thread arms it, the event that tells of the receiver's end is armed.
-                 perhaps(settingEvent()),
-                 debug(0, "clapi_gwycon.clapiConnectToGateway() Creating receiver thread"),
-                 perhaps(settingEvent()),
-                 entry(3200, "clapi_socketcomms.clapiFlowHandshakeRequest(socketDesc=<int>, "
-                             "applid=APP, applidQualifier=QUAL)")} +
+    return Lines{
+               entry(1000,
+                     "API.QPX_openRemoteGatewayConnectionApplid(hostname=127.0.0.1, port=" + port +
+                         ", &gwTokPtr=<ptr>, connTimeout=0, applid=APP, "
+                         "applidQualifier=QUAL"),
+               debug(1007, "API.QPX_openRemoteGatewayConnectionApplid() Environment variables: "
+                           "applidEnv= and applidQualifierEnv="),
+               entry(2000, "clapi_gwytok.clapiCreateGatewayToken(<any>)"),
+               debug(2001, "clapi_gwytok.clapiCreateGatewayToken() Called malloc for <int> bytes. "
+                           "new token address=<ptr>"),
+               debug(2003, "clapi_gwytok.clapiCreateGatewayToken() Initialized slot table, first "
+                           "slot=1, last slot=16"),
+               creatingEvent(), creatingEvent(), creatingEvent(), creatingEvent(),
+               clearingEvent(), // no receiver thread runs yet
+               entry(0, "clapi_gwytok.chainGatewayToken(<any>)"),
+               exitLine(0, "clapi_gwytok.chainGatewayToken()<any>"),
+               entry(0, "clapi_gwytok.openClientSocket(gwTokPtr=<ptr>) Attempting to connect to " +
+                            connection + " connTimeout=0"),
+               entry(0, "clapi_gwycon.clapiConnectToGateway(port=" + port +
+                            ", ipAddr=<ptr>, gwTokPtr=<ptr>, connTimeout=0, applid=APP, "
+                            "applidQualifier=QUAL)"),
+               debug(0, "clapi_gwycon.clapiConnectToGateway() Creating socket for family 2, type "
+                        "1, protocol 6"),
+               debug(0, "clapi_gwycon.clapiConnectToGateway() Connected to Gateway " + connection),
+               // Whichever thread arms it, the event that tells of the receiver's end is armed.
+               perhaps(settingEvent()),
+               debug(0, "clapi_gwycon.clapiConnectToGateway() Creating receiver thread"),
+               perhaps(settingEvent()),
+               entry(3200, "clapi_socketcomms.clapiFlowHandshakeRequest(socketDesc=<int>, "
+                           "applid=APP, applidQualifier=QUAL)")} +
            initWriteBuffer("62") + writeHeader() + writeBytes() + writeBytes() + writeBytes() +
            flushBuffer("62", {"47617465 10A01000 00000005 FFFFFFFE : Gate............ ",
                               "00000000 00000004 42415345 00000000 : ........BASE.... ",
@@ -295,7 +297,8 @@ Lines tracedCall()
                  entry(1517, "clapi_eci.performEciExecute(gwTok=<ptr>, EciParms=<ptr>, "
                              "useChannel=FALSE)"),
                  entry(2052, "clapi_gwytok.slotFind(<any>)"),
-                 perhaps(debug(0, "clapi_gwytok.slotFind()<any>")), creatingEvent(),
+                 perhaps(debug(0, "clapi_gwytok.slotFind()<any>")),
+                 creatingEvent(),
                  perhaps(debug(0, "clapi_gwytok.slotFind()<any>")),
                  exitLine(2056, "clapi_gwytok.slotFind() rc=0 (QPX_OK)"),
                  entry(1064, "clapi_impl.getNextCorrelator()"),
@@ -325,11 +328,14 @@ Lines tracedCall()
                                "00000000 08000041 42434445 46474800 : .......ABCDEFGH. ",
                                "000000FF FFFFFF00 000001            : ..........."}) +
            freeBuffer() +
-           Lines{exitLine(3205, "clapi_socketcomms.clapiFlowECIRequest() rc=0"), waitingOnEvent(),
-                 entry(0, "clapi_gwytok.slotFree(<any>)"), deletingEvent(),
+           Lines{exitLine(3205, "clapi_socketcomms.clapiFlowECIRequest() rc=0"),
+                 waitingOnEvent(),
+                 entry(0, "clapi_gwytok.slotFree(<any>)"),
+                 deletingEvent(),
                  exitLine(2060, "clapi_gwytok.slotFree()<any>"),
                  exitLine(1535, "clapi_eci.performEciExecute() rc=0 (QPX_OK)"),
-                 entry(0, "clapi_gwytok.clapiUnregisterRequest(<any>)"), clearingEvent(),
+                 entry(0, "clapi_gwytok.clapiUnregisterRequest(<any>)"),
+                 clearingEvent(),
                  event(0, "clapi_gwytok.clapiUnregisterRequest() Outstanding API calls=0 on "
                           "gwTokPtr=<ptr>"),
                  exitLine(0, "clapi_gwytok.clapiUnregisterRequest() rc=0 (QPX_OK)"),
@@ -340,8 +346,9 @@ Lines tracedCall()
 
 Lines tracedClose()
 {
-    return Lines{entry(1009, "API.QPX_closeGatewayConnection(gwTokPtr=<ptr>)"),
-                 entry(0, "clapi_gwytok.clapiCloseGatewayToken(gwTokPtr=<ptr>, lockRequired=TRUE)")} +
+    return Lines{
+               entry(1009, "API.QPX_closeGatewayConnection(gwTokPtr=<ptr>)"),
+               entry(0, "clapi_gwytok.clapiCloseGatewayToken(gwTokPtr=<ptr>, lockRequired=TRUE)")} +
            findGatewayToken() +
            Lines{debug(0, "clapi_gwytok.clapiCloseGatewayToken() There are 0 API calls and 0 async "
                           "requests outstanding"),
@@ -364,7 +371,9 @@ Lines tracedClose()
                  perhaps(clearingEvent()),
                  exitLine(0, "clapi_gwytok.quiesceConnection() rc=0 (QPX_OK)")} +
            findGatewayToken() +
-           Lines{deletingEvent(), deletingEvent(), deletingEvent(),
+           Lines{deletingEvent(),
+                 deletingEvent(),
+                 deletingEvent(),
                  debug(0, "clapi_gwytok.clapiDeleteGatewayToken()<any>"),
                  exitLine(0, "clapi_gwytok.clapiDeleteGatewayToken() rc=0 (QPX_OK)"),
                  event(1012, "API.QPX_closeGatewayConnection() Closed Gateway connection for token "
@@ -376,10 +385,11 @@ Lines tracedClose()
 
 Lines tracedReceiver()
 {
-    return Lines{entry(3031, "clapi_gwycon.receiverThread(conn=<ptr>)"), perhaps(settingEvent()),
-                 entry(0, "clapi_socketbuffer.initReadBuffer(<any>)"),
-                 debug(0, "clapi_socketbuffer.initReadBuffer() Allocated new buffer of 33000 bytes"),
-                 exitLine(0, "clapi_socketbuffer.initReadBuffer()<any>")} +
+    return Lines{
+               entry(3031, "clapi_gwycon.receiverThread(conn=<ptr>)"), perhaps(settingEvent()),
+               entry(0, "clapi_socketbuffer.initReadBuffer(<any>)"),
+               debug(0, "clapi_socketbuffer.initReadBuffer() Allocated new buffer of 33000 bytes"),
+               exitLine(0, "clapi_socketbuffer.initReadBuffer()<any>")} +
            // The handshake is answered, with a body of four bytes.
            waitForResponse() +
            readBaseHeader({"47617465 10A01000 00000005 FFFFFFFE : Gate............ ",
@@ -399,11 +409,12 @@ Lines tracedReceiver()
            fillBuffer("34", {"00000001 00000000 00000000 00000000 : ................ ",
                              "20202020 00000008 00414243 44454647 :     .....ABCDEFG ",
                              "4800                                : H."}) +
-           Lines{debug(0, "clapi_gwycon.receiverThread() Flow type is FLOW_REPLY, request type ECI"),
-                 entry(2061, "clapi_gwytok.slotLookup(<any>)"),
-                 exitLine(0, "clapi_gwytok.slotLookup() rc=0 (QPX_OK)"),
-                 entry(3206, "clapi_socketcomms.clapiReadECIResponse(sockBuffer=<ptr>, "
-                             "request=<ptr>)")} +
+           Lines{
+               debug(0, "clapi_gwycon.receiverThread() Flow type is FLOW_REPLY, request type ECI"),
+               entry(2061, "clapi_gwytok.slotLookup(<any>)"),
+               exitLine(0, "clapi_gwytok.slotLookup() rc=0 (QPX_OK)"),
+               entry(3206, "clapi_socketcomms.clapiReadECIResponse(sockBuffer=<ptr>, "
+                           "request=<ptr>)")} +
            readBytes() + // abend code
            readBytes() + // COMMAREA
            Lines{exitLine(3207, "clapi_socketcomms.clapiReadECIResponse() rc=0"), clearingEvent()} +

@@ -81,8 +81,8 @@ TEST_F(ConnectEstablish, TracesApplidAndQualifier)
     support::RefusingPort refusing;
 
     EXPECT_RC(QPX_ERR_CONNECTFAILED,
-              QPX_openRemoteGatewayConnectionApplid(localHost(), refusing.port(), &token, 0,
-                                                    applid, qualifier));
+              QPX_openRemoteGatewayConnectionApplid(localHost(), refusing.port(), &token, 0, applid,
+                                                    qualifier));
 
     EXPECT_TRUE(trace.wroteText("clapi_gwycon.clapiConnectToGateway(port=<int>, ipAddr=<ptr>, "
                                 "gwTokPtr=<ptr>, connTimeout=0, applid=MYAPPL, "

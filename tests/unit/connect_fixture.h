@@ -66,7 +66,8 @@ inline std::string emptyList()
 // Counts calls without touching them.
 inline support::Fault watch(support::Call call, support::Threads threads = support::Threads::Any)
 {
-    return support::beforeCall(call, 0, [](const support::CallInfo&) {}, threads);
+    return support::beforeCall(
+        call, 0, [](const support::CallInfo&) {}, threads);
 }
 
 // Makes the connect that a hook has been called for, and waits until it is done.
@@ -84,8 +85,7 @@ inline void connectForReal(const support::CallInfo& info)
 // holds; the others pass by.
 template <typename Condition>
 support::Fault stopAtLock(support::Call call, pthread_mutex_t& mutex, support::Gate gate,
-                          Condition condition,
-                          support::Threads threads = support::Threads::Others)
+                          Condition condition, support::Threads threads = support::Threads::Others)
 {
     auto stopped = std::make_shared<std::atomic<bool>>(false);
     std::uintptr_t wanted = asNumber(&mutex);

@@ -51,8 +51,8 @@ TEST_F(ConnectHandshake, SendsApplidAndQualifierBehindTheFixedBlock)
     char applid[] = "APPL1";
     char qualifier[] = "QUAL";
     auto opening = callInThread([&] {
-        return QPX_openRemoteGatewayConnectionApplid(localHost(), gateway.port(), &token, 0,
-                                                     applid, qualifier);
+        return QPX_openRemoteGatewayConnectionApplid(localHost(), gateway.port(), &token, 0, applid,
+                                                     qualifier);
     });
     peer = gateway.accept();
 

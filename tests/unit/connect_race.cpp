@@ -128,9 +128,8 @@ TEST_F(ConnectRace, KeepsTheSocketOpenWhileTheHandshakeIsBeingSent)
     auto opening = callInThread([this] { return open(); });
     ASSERT_TRUE(sending.awaitArrival());
     _QPX_ConnToken_t* record = tokenInTrace(trace);
-    Fault closing = beforeCall(Call::Close, 0, [ending](const CallInfo&) mutable {
-        ending.pass();
-    });
+    Fault closing = beforeCall(Call::Close, 0,
+                               [ending](const CallInfo&) mutable { ending.pass(); });
     Fault sleeping = beforeCall(Call::CondWait, 0, [=](const CallInfo& info) mutable {
         if (info.second == asNumber(&record->tableLock.lock)) ending.pass();
     });
@@ -175,7 +174,8 @@ TEST_F(ConnectRace, WaitsForAConnectWithADescriptorBeyondAThousand)
     std::string descriptor = std::to_string(connection.token->socketDescriptor);
     EXPECT_LE(1100, connection.token->socketDescriptor);
     EXPECT_TRUE(trace.wroteText("clapi_gwycon.waitForConnection() Calling select() on "
-                                "socketdescriptor " + descriptor + "\n"));
+                                "socketdescriptor " +
+                                descriptor + "\n"));
     connection.closeInOrder();
 }
 

@@ -60,7 +60,8 @@ TEST_F(ConnectWait, SucceedsWhenTheSocketBecomesWritable)
     EXPECT_TRUE(trace.wroteText("ENTRY  clapi_gwycon.waitForConnection(socketDescriptorPtr=<ptr>, "
                                 "sockError=<ptr>, connTimeout=30)\n"));
     EXPECT_EQ(1, trace.timesWroteText("DEBUG  clapi_gwycon.waitForConnection() Calling select() "
-                                      "on socketdescriptor " + descriptor + "\n"));
+                                      "on socketdescriptor " +
+                                      descriptor + "\n"));
     EXPECT_TRUE(trace.wroteText("() Connected to Gateway 127.0.0.1:"));
 }
 
@@ -121,9 +122,8 @@ TEST_F(ConnectWait, TakesASocketThatIsInTheExceptionSetOnlyAsConnected)
         peer = std::move(early);
     });
     support::Gate gate;
-    Fault connected = beforeCall(Call::ThreadCreate, 1, [=](const CallInfo&) mutable {
-        gate.pass();
-    });
+    Fault connected = beforeCall(Call::ThreadCreate, 1,
+                                 [=](const CallInfo&) mutable { gate.pass(); });
     auto opening = callInThread([this] { return open(60); });
 
     ASSERT_TRUE(gate.awaitArrival());

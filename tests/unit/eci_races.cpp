@@ -127,10 +127,7 @@ protected:
         return call;
     }
 
-    int slotState(int messageId)
-    {
-        return connection.token->table.slot[messageId - 1].state;
-    }
+    int slotState(int messageId) { return connection.token->table.slot[messageId - 1].state; }
     int outstanding() { return connection.token->asyncCount.load(); }
 
     void expectNoReply()

@@ -16,8 +16,8 @@
 #include "support/trace_file.h"
 
 using support::asyncCall;
-using support::EciParms;
 using support::eciCall;
+using support::EciParms;
 using support::filled;
 using support::syncCall;
 using support::TraceFile;
@@ -40,7 +40,10 @@ protected:
 
     QPX_ECI_PARMS& record() { return parms.record; }
 
-    int verify(int minVersion = executeMinimum) { return verifyEciParms(&parms.record, minVersion); }
+    int verify(int minVersion = executeMinimum)
+    {
+        return verifyEciParms(&parms.record, minVersion);
+    }
 
     // The rule's line, and no other failure.
     void expectOnlyLine(int point, const std::string& function)
@@ -175,15 +178,19 @@ TEST_F(VerifyEciParms, ChecksNoExtendModeAfterAnInvalidCallType)
 
 TEST_F(VerifyEciParms, NamesEachCallTypeAtLevelFour)
 {
-    const std::vector<std::string> names = {
-        "ECI_SYNC", "ECI_ASYNC", "ECI_GET_REPLY", "ECI_GET_REPLY_WAIT", "ECI_GET_SPECIFIC_REPLY",
-        "ECI_GET_SPECIFIC_REPLY_WAIT"};
+    const std::vector<std::string> names = {"ECI_SYNC",
+                                            "ECI_ASYNC",
+                                            "ECI_GET_REPLY",
+                                            "ECI_GET_REPLY_WAIT",
+                                            "ECI_GET_SPECIFIC_REPLY",
+                                            "ECI_GET_SPECIFIC_REPLY_WAIT"};
     QPX_setAPITraceLevel(4);
     for (std::size_t index = 0; index < names.size(); ++index) {
         record().eci_call_type = static_cast<short>(index + 1);
         trace.forget();
         verify();
-        EXPECT_TRUE(trace.wrote(1551, "DEBUG", "clapi_eci.verifyEciParms() Call type is " + names[index]))
+        EXPECT_TRUE(
+            trace.wrote(1551, "DEBUG", "clapi_eci.verifyEciParms() Call type is " + names[index]))
             << trace.text();
     }
 }

@@ -282,6 +282,38 @@ TEST_F(FlowEciReply, ChangesNothingForAChannelThatTheCallDoesNotHave)
     EXPECT_EQ(nullptr, request.channel);
 }
 
+// Data follows the records of added and modified containers only, whatever lengths others have.
+TEST_F(FlowEciReply, DropsAChannelThatTheCallDoesNotHave)
+{
+    withRoom(2);
+
+    EXPECT_RC(0, readBody(hex("00000001 00000000 00000000 00000000 20202020 00000002 00 4142 FF") +
+                          text("CHANNEL1        ") + hex("000004B8 00000006") +
+                          text("ADDED           ") + hex("01 0000 01 000004B8 00000003 414243") +
+                          text("DELETED         ") + hex("02 0000 01 000004B8 00000064") +
+                          text("MODIFIED        ") + hex("03 FFFF 02 000004B8 00000002 4142") +
+                          text("UNCHANGED       ") + hex("04 0000 02 000004B8 00000064") +
+                          text("UNKNOWN         ") + hex("05 0000 07 000004B8 00000064") +
+                          text("EMPTY           ") + hex("01 0000 02 000004B8 00000000")));
+
+    EXPECT_EQ("4142", commarea());
+    EXPECT_TRUE(isUntouchedFrom(2));
+    expectTakenWhole();
+}
+
+TEST_F(FlowEciReply, DropsAChannelOfMoreContainersThanTheBodyHas)
+{
+    withRoom(2);
+
+    EXPECT_RC(0, readBody(hex("00000001 00000000 00000000 00000000 20202020 00000002 00 4142 FF") +
+                          text("CHANNEL1        ") + hex("000004B8 7FFFFFFF") +
+                          text("ADDED           ") + hex("01 0000 01 000004B8 00000003 414243")));
+
+    EXPECT_EQ("4142", commarea());
+    EXPECT_TRUE(isUntouchedFrom(2));
+    expectTakenWhole();
+}
+
 // ---- Lists of systems ----
 
 TEST_F(FlowEciReply, ReadsAListOfSystems)

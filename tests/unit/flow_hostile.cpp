@@ -444,6 +444,23 @@ TEST_F(FlowHostile, SkipsAChannelThatTheCallDoesNotHave)
     expectUsable();
 }
 
+TEST_F(FlowHostile, SkipsAChannelOfMoreContainersThanTheBodyHas)
+{
+    EXPECT_RC(
+        0, callAnswered(reply(hex("00000001 00000000 00000000 00000000 20202020 00000000 00 FF") +
+                              text("CHANNEL1        ") + hex("000004B8 7FFFFFFF"))));
+    expectUsable();
+}
+
+TEST_F(FlowHostile, SkipsContainerDataLongerThanTheBody)
+{
+    EXPECT_RC(0, callAnswered(
+                     reply(hex("00000001 00000000 00000000 00000000 20202020 00000000 00 FF") +
+                           text("CHANNEL1        ") + hex("000004B8 00000001") +
+                           text("ADDED           ") + hex("01 0000 01 000004B8 7FFFFFFF 4142"))));
+    expectUsable();
+}
+
 // ---- Exceptions ----
 
 TEST_F(FlowHostile, TakesAnExceptionWithItsText)

@@ -181,8 +181,7 @@ TEST_F(ReceiverEnd, IsRecognisedByTheMessageIdOfAnyFlow)
 
 TEST_F(ReceiverEnd, IsRecognisedInAReplyWithABody)
 {
-    EXPECT_RC(QPX_ERR_GATEWAY_CLOSED,
-              callAnswered(flow(replyType, -1, 61445, "ECI", filled(100))));
+    EXPECT_RC(QPX_ERR_GATEWAY_CLOSED, callAnswered(flow(replyType, -1, 61445, "ECI", filled(100))));
 
     expectEnded(4);
 }

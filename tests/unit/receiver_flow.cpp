@@ -408,8 +408,8 @@ TEST_F(ReceiverFlow, EndOfTheStreamInsideALargeBodyEndsTheConnection)
 
 TEST_F(ReceiverFlow, InnerLengthBeyondTheBodyEndsTheConnection)
 {
-    Bytes body = be32(1) + be32(0) + be32(0) + be32(0) + text("    ") + be32(2000000) +
-                 hex("00") + text("answered") + hex("00");
+    Bytes body = be32(1) + be32(0) + be32(0) + be32(0) + text("    ") + be32(2000000) + hex("00") +
+                 text("answered") + hex("00");
 
     expectGarbage(flow(replyType, 1, 0, "ECI", body));
 }

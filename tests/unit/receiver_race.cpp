@@ -37,11 +37,11 @@ protected:
     Fault watchPost(Gate posted)
     {
         posted.open();
-        return beforeCall(Call::CondBroadcast, 0,
-                          [=, wanted = asNumber(&firstSlot().requestEvent.cond)](
-                              const CallInfo& info) mutable {
-                              if (info.first == wanted) posted.pass();
-                          });
+        return beforeCall(
+            Call::CondBroadcast, 0,
+            [=, wanted = asNumber(&firstSlot().requestEvent.cond)](const CallInfo& info) mutable {
+                if (info.first == wanted) posted.pass();
+            });
     }
 
     // Tells when the receiver is about to close the socket, or waits until it may.
@@ -277,8 +277,8 @@ TEST_F(ReceiverRace, KeepsTheSocketOpenForARequestThatWaitsForAnother)
     Gate sendingNext;
     int descriptor = connection.token->socketDescriptor;
     Fault stop = beforeCall(Call::Send, 1, [sending](const CallInfo&) mutable { sending.pass(); });
-    Fault stopNext =
-        beforeCall(Call::Send, 2, [sendingNext](const CallInfo&) mutable { sendingNext.pass(); });
+    Fault stopNext = beforeCall(Call::Send, 2,
+                                [sendingNext](const CallInfo&) mutable { sendingNext.pass(); });
     Ending ending(connection.token);
     EciParms one = syncCall("ONE", text("question"));
     EciParms two = syncCall("TWO", text("question"));
@@ -286,11 +286,11 @@ TEST_F(ReceiverRace, KeepsTheSocketOpenForARequestThatWaitsForAnother)
     ASSERT_TRUE(sending.awaitArrival());
     Gate wantsToSend;
     wantsToSend.open();
-    Fault wanting = beforeCall(Call::MutexLock, 0,
-                               [=, wanted = asNumber(&connection.token->sendLock.lock)](
-                                   const CallInfo& info) mutable {
-                                   if (info.first == wanted) wantsToSend.pass();
-                               });
+    Fault wanting = beforeCall(
+        Call::MutexLock, 0,
+        [=, wanted = asNumber(&connection.token->sendLock.lock)](const CallInfo& info) mutable {
+            if (info.first == wanted) wantsToSend.pass();
+        });
     auto second = connection.start(two);
     ASSERT_TRUE(wantsToSend.awaitArrival());
 
@@ -338,8 +338,7 @@ TEST_F(ReceiverRace, ReleasesASenderThatIsStuckWhenTheConnectionEnds)
     int small = 4096;
     setsockopt(descriptor, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
     const Bytes block(16384, 0);
-    while (send(descriptor, block.data(), block.size(), MSG_DONTWAIT) > 0) {
-    }
+    while (send(descriptor, block.data(), block.size(), MSG_DONTWAIT) > 0) {}
     Fault sends = watch(Call::Send, Threads::Others);
     asked = syncCall("PROG", filled(32767, 'q'));
     auto call = connection.start(asked);
@@ -476,8 +475,7 @@ TEST_F(ReceiverRace, LetsManyThreadsUseAConnectionWhileItCloses)
 
     for (auto& user : users) {
         int rc = user.get();
-        EXPECT_TRUE(rc == QPX_ERR_GATEWAY_CLOSED || rc == QPX_ERR_LOSTGWCON)
-            << support::rcName(rc);
+        EXPECT_TRUE(rc == QPX_ERR_GATEWAY_CLOSED || rc == QPX_ERR_LOSTGWCON) << support::rcName(rc);
     }
     EXPECT_EQ(threads, started.load());
 }

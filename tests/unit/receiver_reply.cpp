@@ -222,7 +222,8 @@ TEST_F(ReceiverReply, PutsItsResultsIntoTheSlot)
 TEST_F(ReceiverReply, TakesTheUnitOfWorkFromTheServerNumberOfAListReply)
 {
     int messageId = startAsync();
-    connection.peer.send(flow(replyType, messageId, 0, "ECI", be32(9) + be32(65537) + be32(0) + be32(0)));
+    connection.peer.send(
+        flow(replyType, messageId, 0, "ECI", be32(9) + be32(65537) + be32(0) + be32(0)));
     RequestSlot& slot = connection.token->table.slot[0];
     ASSERT_EQ(0, clapiWaitEvent(&slot.requestEvent));
 
@@ -312,7 +313,8 @@ TEST_F(ReceiverReply, OfTheEsiKindWithoutACodeIsAnError)
 
 TEST_F(ReceiverReply, OfTheEsiKindWithoutACodeGivesTheGatewaysCode)
 {
-    EXPECT_RC(QPX_ERR_INVALID_REQUEST_TYPE, callAnswered(flow(replyType, 1, 61451, "ESI", Bytes())));
+    EXPECT_RC(QPX_ERR_INVALID_REQUEST_TYPE,
+              callAnswered(flow(replyType, 1, 61451, "ESI", Bytes())));
 
     expectAlive();
 }
@@ -339,7 +341,8 @@ TEST_F(ReceiverReply, OfAnUnknownKindOfSixLettersIsTracedWhole)
 {
     TraceFile trace(4);
 
-    EXPECT_RC(QPX_ERR_SYSTEM_ERROR, callAnswered(flow(replyType, 1, 0, "ABCDEF", text("anything"))));
+    EXPECT_RC(QPX_ERR_SYSTEM_ERROR,
+              callAnswered(flow(replyType, 1, 0, "ABCDEF", text("anything"))));
 
     EXPECT_TRUE(trace.wroteText("Flow type is FLOW_REPLY, request type ABCDEF\n"));
     EXPECT_TRUE(trace.wroteText("Gateway returned unexpected request type ABCDEF\n"));

@@ -3,6 +3,8 @@
 #include <sched.h>
 #include <signal.h>
 
+#include <atomic>
+
 #include "unit/receiver_fixture.h"
 
 using namespace fixture;
@@ -29,8 +31,9 @@ protected:
     }
 
     // Interrupts the thread until its call has been made again.
-    static void interrupt(pthread_t thread, const Fault& repeated, int before)
+    static void interrupt(const std::atomic<pthread_t>& thread, const Fault& repeated, int before)
     {
+        while (thread == pthread_t{}) sched_yield(); // a call counts before its hook has run
         while (repeated.hits() == before) {
             pthread_kill(thread, SIGUSR1);
             sched_yield();
@@ -76,7 +79,8 @@ TEST_F(ReceiverSignal, DoesNotEndTheReadingOfAFlow)
 TEST_F(ReceiverSignal, DoesNotEndTheWaitOfACaller)
 {
     std::atomic<pthread_t> caller{};
-    Fault sleeps = beforeCall(Call::CondWait, 1, [](const CallInfo&) {}, Threads::Others);
+    Fault sleeps = beforeCall(
+        Call::CondWait, 1, [](const CallInfo&) {}, Threads::Others);
     asked = syncCall("PROG", text("question"));
     auto call = callInThread([&] {
         caller = pthread_self();
@@ -95,13 +99,12 @@ TEST_F(ReceiverSignal, DoesNotEndTheWaitOfACaller)
 TEST_F(ReceiverSignal, DoesNotEndTheWaitForTheHandshakeAnswer)
 {
     std::atomic<pthread_t> receiver{};
-    Fault waits = beforeCall(Call::Select, 0, [&](const CallInfo&) { receiver = pthread_self(); },
-                             Threads::Others);
+    Fault waits = beforeCall(
+        Call::Select, 0, [&](const CallInfo&) { receiver = pthread_self(); }, Threads::Others);
     ScriptedGateway gateway;
     QPX_ConnToken_t token = nullptr;
-    auto opening = callInThread([&] {
-        return QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 3600);
-    });
+    auto opening = callInThread(
+        [&] { return QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 3600); });
     Peer peer = gateway.accept();
     peer.read(handshakeSize);
     ASSERT_TRUE(waits.awaitHits(1));

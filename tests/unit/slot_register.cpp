@@ -32,11 +32,13 @@ TEST_F(SlotRegister, TracesTheCountAsEvents)
 
     clapiRegisterRequest(connection.token);
     EXPECT_TRUE(trace.wroteText("EVENT  clapi_gwytok.clapiRegisterRequest() Outstanding API "
-                                "calls=1 on gwTokPtr=" + at + "\n"));
+                                "calls=1 on gwTokPtr=" +
+                                at + "\n"));
     trace.forget();
     clapiUnregisterRequest(connection.token);
     EXPECT_TRUE(trace.wroteText("EVENT  clapi_gwytok.clapiUnregisterRequest() Outstanding API "
-                                "calls=0 on gwTokPtr=" + at + "\n"));
+                                "calls=0 on gwTokPtr=" +
+                                at + "\n"));
 }
 
 TEST_F(SlotRegister, TracesNothingBelowTheEventLevel)

@@ -173,7 +173,8 @@ TEST_F(TeardownAll, EndsCallsThatWaitForAReply)
 {
     ScriptedConnection connection;
     EciParms parms = getReplyWait(8);
-    Fault sleeps = beforeCall(Call::CondWait, 0, [](const CallInfo&) {}, Threads::Others);
+    Fault sleeps = beforeCall(
+        Call::CondWait, 0, [](const CallInfo&) {}, Threads::Others);
     auto waiting = connection.start(parms);
     ASSERT_TRUE(sleeps.awaitHits(1));
     auto closing = startClosingAll();
@@ -256,9 +257,8 @@ TEST_F(TeardownAll, LooksAtTheNextTokenOnlyUnderTheLockOfTheList)
     ScriptedConnection second;
     TraceFile trace(3);
     Gate between;
-    Fault stop = stopAtLock(Call::MutexLock, gtlLock.lock, between, [&trace] {
-        return closesAll && trace.timesWrote(2033) == 1;
-    });
+    Fault stop = stopAtLock(Call::MutexLock, gtlLock.lock, between,
+                            [&trace] { return closesAll && trace.timesWrote(2033) == 1; });
     auto closing = startClosingAll();
     first.answerClose();
     first.forget();
@@ -391,9 +391,8 @@ TEST_F(TeardownAll, PassesOverAConnectionThatIsBeingOpened)
 {
     ScriptedGateway gateway;
     QPX_ConnToken_t token = nullptr;
-    auto opening = callInThread([&] {
-        return QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 0);
-    });
+    auto opening = callInThread(
+        [&] { return QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 0); });
     Peer peer = gateway.accept();
     peer.read(handshakeSize);
     TraceFile trace(3);
@@ -416,9 +415,8 @@ TEST_F(TeardownAll, PassesOverAConnectionThatIsBeingOpenedAmongOthers)
     ScriptedConnection before;
     ScriptedGateway gateway;
     QPX_ConnToken_t token = nullptr;
-    auto opening = callInThread([&] {
-        return QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 0);
-    });
+    auto opening = callInThread(
+        [&] { return QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 0); });
     Peer peer = gateway.accept();
     peer.read(handshakeSize);
     ScriptedConnection behind;
@@ -440,9 +438,8 @@ TEST_F(TeardownAll, PassesOverAConnectionWhoseHandshakeHasJustBeenAnswered)
     QPX_ConnToken_t token = nullptr;
     TraceFile trace(3);
     Gate almostOpen;
-    Fault stop = stopAtLock(Call::MutexLock, gtlLock.lock, almostOpen, [&trace] {
-        return opens && trace.wroteText("receiverThread(conn=");
-    });
+    Fault stop = stopAtLock(Call::MutexLock, gtlLock.lock, almostOpen,
+                            [&trace] { return opens && trace.wroteText("receiverThread(conn="); });
     auto opening = callInThread([&] {
         opens = true;
         return QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 0);

@@ -74,8 +74,7 @@ TEST_F(TeardownClose, RefusesAnAddressThatCannotBeRead)
     void* page = mmap(nullptr, 8192, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(MAP_FAILED, page);
 
-    EXPECT_RC(QPX_ERR_BADGWTOK,
-              clapiCloseGatewayToken(static_cast<QPX_ConnToken_t>(page), 1));
+    EXPECT_RC(QPX_ERR_BADGWTOK, clapiCloseGatewayToken(static_cast<QPX_ConnToken_t>(page), 1));
 
     munmap(page, 8192);
 }
@@ -129,9 +128,9 @@ TEST_F(TeardownClose, TracesWhetherItTakesTheLock)
     std::string at = pointerText(connection.token);
     TraceFile trace(3);
     clapiCloseGatewayToken(connection.token, 1);
-    EXPECT_TRUE(trace.wrote(2015, "ENTRY",
-                            "clapi_gwytok.clapiCloseGatewayToken(gwTokPtr=" + at +
-                                ", lockRequired=TRUE)"));
+    EXPECT_TRUE(
+        trace.wrote(2015, "ENTRY",
+                    "clapi_gwytok.clapiCloseGatewayToken(gwTokPtr=" + at + ", lockRequired=TRUE)"));
     EXPECT_EQ(1, trace.timesWrote(2019));
     connection.token->closedown = 0;
     trace.forget();

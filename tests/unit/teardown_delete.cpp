@@ -114,8 +114,8 @@ TEST_F(TeardownDelete, TracesItsArguments)
 
     clapiDeleteGatewayToken(&none, -1, 1);
     EXPECT_TRUE(trace.wrote(2029, "ENTRY",
-                            "clapi_gwytok.clapiDeleteGatewayToken(gwTokPtr=" +
-                                pointerText(&none) + ", closeTimeout=-1, lockRequired=TRUE)"));
+                            "clapi_gwytok.clapiDeleteGatewayToken(gwTokPtr=" + pointerText(&none) +
+                                ", closeTimeout=-1, lockRequired=TRUE)"));
     EXPECT_EQ(1, trace.timesWrote(2033));
     trace.forget();
     clapiDeleteGatewayToken(nullptr, 3600, 1);
@@ -324,7 +324,8 @@ TEST_F(TeardownDelete, WaitsForAnAsynchronousRequestToBeCollected)
 TEST_F(TeardownDelete, ReleasesACallThatWaitsForAReplyThatCannotCome)
 {
     EciParms parms = getReplyWait(8);
-    Fault sleeps = beforeCall(Call::CondWait, 0, [](const CallInfo&) {}, Threads::Others);
+    Fault sleeps = beforeCall(
+        Call::CondWait, 0, [](const CallInfo&) {}, Threads::Others);
     auto waiting = connection.start(parms);
     ASSERT_TRUE(sleeps.awaitHits(1));
 
@@ -394,8 +395,8 @@ TEST_F(TeardownDelete, DoesNotWaitWithATimeOutBelowMinusOne)
     startAsync();
     ASSERT_RC(QPX_OK, clapiCloseGatewayToken(connection.token, 1));
     TraceFile trace(2);
-    auto deleting =
-        callInThread([this] { return clapiDeleteGatewayToken(&connection.token, -2, 1); });
+    auto deleting = callInThread(
+        [this] { return clapiDeleteGatewayToken(&connection.token, -2, 1); });
 
     connection.answerClose();
 
@@ -458,7 +459,8 @@ TEST_F(TeardownDelete, FailsWhenTheSlotTableCannotBeLocked)
 TEST_F(TeardownDelete, WaitsForTheReceiverAfterAFailureToo)
 {
     BrokenLock noTable(connection.token->tableLock);
-    Fault sleeps = beforeCall(Call::CondWait, 1, [](const CallInfo&) {}, Threads::Others);
+    Fault sleeps = beforeCall(
+        Call::CondWait, 1, [](const CallInfo&) {}, Threads::Others);
     auto closing = connection.startClose();
     ASSERT_TRUE(sleeps.awaitHits(1));
     EXPECT_FALSE(closing.hasEnded());

@@ -50,12 +50,11 @@ protected:
     // Tells when the closer sleeps until the last call has left.
     Fault watchCloserSleep()
     {
-        return beforeCall(Call::CondWait, 0,
-                          [this, wanted = asNumber(&connection.token->requestsEnded.cond)](
-                              const CallInfo& info) {
-                              if (role == Role::Closer && info.first == wanted)
-                                  closerSleeps.pass();
-                          });
+        return beforeCall(
+            Call::CondWait, 0,
+            [this, wanted = asNumber(&connection.token->requestsEnded.cond)](const CallInfo& info) {
+                if (role == Role::Closer && info.first == wanted) closerSleeps.pass();
+            });
     }
 
     // Leaves the event of the last call open, as it is after any call.
@@ -162,8 +161,8 @@ TEST_F(TeardownRace, FreesATokenOnceThatTwoThreadsDelete)
     ScriptedConnection tail;
     auto closing = startClosing();
     EXPECT_EQ(closeFlow(), connection.peer.read(33));
-    auto deleting =
-        callInThread([this] { return clapiDeleteGatewayToken(&connection.token, 0, 1); });
+    auto deleting = callInThread(
+        [this] { return clapiDeleteGatewayToken(&connection.token, 0, 1); });
     EXPECT_EQ(closeFlow(), connection.peer.read(33));
 
     connection.peer.send(closeFlow());
@@ -187,8 +186,8 @@ TEST_F(TeardownRace, LeavesTheTokenToTheLastOfTwoDeletes)
     });
     auto closing = startClosing();
     EXPECT_EQ(closeFlow(), connection.peer.read(33));
-    auto deleting =
-        callInThread([this] { return clapiDeleteGatewayToken(&connection.token, 0, 1); });
+    auto deleting = callInThread(
+        [this] { return clapiDeleteGatewayToken(&connection.token, 0, 1); });
     EXPECT_EQ(closeFlow(), connection.peer.read(33));
     connection.peer.send(closeFlow());
     ASSERT_TRUE(quiesced.awaitArrival());

@@ -41,8 +41,8 @@ protected:
     {
         std::string id = applid;
         std::string part = qualifier;
-        return clapiCreateGatewayToken(&token, localHost(), gateway.port(), connTimeout,
-                                       id.data(), part.data());
+        return clapiCreateGatewayToken(&token, localHost(), gateway.port(), connTimeout, id.data(),
+                                       part.data());
     }
 
     // The same for what fails before it comes to connect.
@@ -65,8 +65,7 @@ protected:
         EXPECT_EQ(1, fault.hits());
         EXPECT_TRUE(trace.wrote(point, "*EXC*", line)) << trace.text();
         ASSERT_EQ(static_cast<std::size_t>(nth), made.addresses.size());
-        std::vector<std::uintptr_t> newestFirst(made.addresses.rbegin() + 1,
-                                                made.addresses.rend());
+        std::vector<std::uintptr_t> newestFirst(made.addresses.rbegin() + 1, made.addresses.rend());
         EXPECT_EQ(newestFirst, destroyed.addresses);
         EXPECT_EQ(nullptr, token);
         trace.forget();
@@ -164,7 +163,8 @@ TEST_F(TokenCreate, TracesTheNewTokenAndItsSlots)
 
     EXPECT_TRUE(trace.wrote(2001, "DEBUG",
                             "clapi_gwytok.clapiCreateGatewayToken() Called malloc for <int> bytes. "
-                            "new token address=" + at));
+                            "new token address=" +
+                                at));
     EXPECT_TRUE(trace.wrote(2003, "DEBUG",
                             "clapi_gwytok.clapiCreateGatewayToken() Initialized slot table, "
                             "first slot=1, last slot=16"));
@@ -184,8 +184,8 @@ TEST_F(TokenCreate, TracesTheOpenedSocket)
                                 ") Attempting to connect to 127.0.0.1:" + port +
                                 " connTimeout=9\n"));
     EXPECT_TRUE(trace.wroteText("EVENT  clapi_gwytok.openClientSocket() Connected to Gateway "
-                                "127.0.0.1:" + port + " - socketDescriptor(" + descriptor +
-                                ")\n"));
+                                "127.0.0.1:" +
+                                port + " - socketDescriptor(" + descriptor + ")\n"));
 }
 
 TEST_F(TokenCreate, TracesTheFormattedTokenAsAnEvent)
@@ -298,8 +298,7 @@ TEST_F(TokenCreate, UndoesEverythingWhenTheRecvThreadEndedEventCannotBePosted)
     TraceFile trace(1);
     Recorder destroyed(Call::MutexDestroy);
     Fault connects = watch(Call::Connect);
-    Fault fault =
-        support::failCallWith(Call::CondBroadcast, 1, EINVAL, -1, Threads::Calling);
+    Fault fault = support::failCallWith(Call::CondBroadcast, 1, EINVAL, -1, Threads::Calling);
 
     int rc = createInVain();
 
@@ -320,7 +319,8 @@ TEST_F(TokenCreate, LeavesNoTokenBehindWhenTheConnectFails)
     EXPECT_RC(QPX_ERR_CONNECTFAILED, createInVain());
 
     EXPECT_TRUE(trace.wroteText("*EXC*  clapi_gwytok.openClientSocket() Failed to connect to "
-                                "Gateway 127.0.0.1:" + std::to_string(refusing.port()) + "\n"));
+                                "Gateway 127.0.0.1:" +
+                                std::to_string(refusing.port()) + "\n"));
     EXPECT_EQ(nullptr, token);
     trace.forget();
     clapiDumpGatewayTokens();

@@ -36,7 +36,8 @@ TEST(TokenFormat, ShowsEveryField)
 
     EXPECT_EQ("GatwayToken(" + pointerText(made.token) +
                   ") eyecatcher(QPXGWTOK) port(65535) connStatus(3) socket(-1) applid(MYAPPLID) "
-                  "applidQual(MYQUALIF) nextGwyTokPtr(" + pointerText(next.token) + ")",
+                  "applidQual(MYQUALIF) nextGwyTokPtr(" +
+                  pointerText(next.token) + ")",
               std::string(line));
 }
 

@@ -19,8 +19,7 @@ protected:
 };
 
 // One line of the dump.
-std::string entry(const std::string& number, const ScriptedConnection& connection,
-                  const void* next)
+std::string entry(const std::string& number, const ScriptedConnection& connection, const void* next)
 {
     return "Gateway Token List entry -" + number + "- : GatwayToken(" +
            pointerText(connection.token) + ") eyecatcher(QPXGWTOK) port(" +
@@ -72,8 +71,8 @@ TEST_F(TokenList, KeepsTheOthersWhenTheHeadIsClosed)
 
     first.closeInOrder();
 
-    EXPECT_EQ(opening + rule + entry("0001", second, third.token) +
-                  entry("0002", third, nullptr) + total(2) + rule,
+    EXPECT_EQ(opening + rule + entry("0001", second, third.token) + entry("0002", third, nullptr) +
+                  total(2) + rule,
               dumpedTokens());
 }
 
@@ -116,8 +115,8 @@ TEST_F(TokenList, StartsAnewWhenAllHaveBeenClosed)
     ScriptedConnection third;
     ScriptedConnection fourth;
 
-    EXPECT_EQ(opening + rule + entry("0001", third, fourth.token) +
-                  entry("0002", fourth, nullptr) + total(2) + rule,
+    EXPECT_EQ(opening + rule + entry("0001", third, fourth.token) + entry("0002", fourth, nullptr) +
+                  total(2) + rule,
               dumpedTokens());
 }
 
@@ -130,8 +129,7 @@ TEST_F(TokenList, TracesTheLengthOfADumpedList)
     clapiDumpGatewayTokens();
 
     EXPECT_EQ(1, trace.timesWrote(2038));
-    EXPECT_TRUE(trace.wrote(2039, "EXIT",
-                            "clapi_gwytok.clapiDumpGatewayTokens() List length=2"));
+    EXPECT_TRUE(trace.wrote(2039, "EXIT", "clapi_gwytok.clapiDumpGatewayTokens() List length=2"));
 }
 
 TEST_F(TokenList, TracesTheLengthOfAnEmptyDumpWithoutALineEnd)
@@ -141,8 +139,7 @@ TEST_F(TokenList, TracesTheLengthOfAnEmptyDumpWithoutALineEnd)
     clapiDumpGatewayTokens();
     clapiRegisterRequest(nullptr);
 
-    EXPECT_TRUE(trace.wrote(2039, "EXIT",
-                            "clapi_gwytok.clapiDumpGatewayTokens() List length=0"));
+    EXPECT_TRUE(trace.wrote(2039, "EXIT", "clapi_gwytok.clapiDumpGatewayTokens() List length=0"));
     EXPECT_FALSE(trace.wroteText("List length=0\n"));
     EXPECT_TRUE(trace.wroteText("List length=0<any>[2020]"));
 }
@@ -212,8 +209,9 @@ TEST_F(TokenList, DoesNotFindAForeignPointer)
               clapiRegisterRequest(reinterpret_cast<QPX_ConnToken_t>(foreign.get())));
 
     EXPECT_TRUE(trace.wroteText("DEBUG  clapi_gwytok.findGatewayToken() Token not found. GTL "
-                                "entries(2) head(" + pointerText(first.token) + ") last(" +
-                                pointerText(third.token) + ")\n"));
+                                "entries(2) head(" +
+                                pointerText(first.token) + ") last(" + pointerText(third.token) +
+                                ")\n"));
     EXPECT_TRUE(trace.wroteText("clapiRegisterRequest() Gateway token=" +
                                 pointerText(foreign.get()) + " not found, findRc=1003\n"));
 }

@@ -106,18 +106,23 @@ inline bool always()
 // A lock that reads as never initialised while this lives, so that every request for it fails.
 class BrokenLock {
 public:
-    explicit BrokenLock(Clapilock& lock) : lock_(lock), before_(lock.initialized)
+    explicit BrokenLock(Clapilock& lock) : lock_(&lock), before_(lock.initialized)
     {
-        lock_.initialized = 0;
+        lock_->initialized = 0;
     }
     ~BrokenLock() { mend(); }
     BrokenLock(const BrokenLock&) = delete;
     BrokenLock& operator=(const BrokenLock&) = delete;
 
-    void mend() { lock_.initialized = before_; }
+    // Once: the lock's owner may be gone afterwards.
+    void mend()
+    {
+        if (lock_ != nullptr) lock_->initialized = before_;
+        lock_ = nullptr;
+    }
 
 private:
-    Clapilock& lock_;
+    Clapilock* lock_;
     int before_;
 };
 

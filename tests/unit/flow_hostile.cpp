@@ -415,14 +415,14 @@ TEST_F(FlowHostile, KeepsNothingOfTheReplyBefore)
     EXPECT_RC(-7, callAnswered(
                       reply(hex("00000001 00000022 00000000 FFFFFFF9 41424344 00000000 00 00"))));
     EXPECT_EQ("ABCD", std::string(parms.record.eci_abend_code, 4));
-    EXPECT_EQ(0x22, parms.record.eci_luw_token);
+    EXPECT_EQ(0x22, int(parms.record.eci_luw_token));
     withRoom(10);
 
     EXPECT_RC(0, callAnswered(reply(hex("0000004D"))));
 
     EXPECT_EQ("00000000",
               toHex(Bytes(parms.record.eci_abend_code, parms.record.eci_abend_code + 4)));
-    EXPECT_EQ(0, parms.record.eci_luw_token);
+    EXPECT_EQ(0, int(parms.record.eci_luw_token));
 }
 
 // ---- Channels ----

@@ -109,7 +109,7 @@ TEST_F(ReceiverEnd, QueuesSeveralAsynchronousRequestsInTheOrderOfTheirSlots)
     for (int expected : {first, second, third}) {
         EciParms collected = getReplyWait(8);
         EXPECT_RC(QPX_ERR_LOSTGWCON, collect(collected));
-        EXPECT_EQ(expected, collected.record.eci_message_qualifier);
+        EXPECT_EQ(expected, int(collected.record.eci_message_qualifier));
     }
 }
 
@@ -122,11 +122,11 @@ TEST_F(ReceiverEnd, KeepsRepliesThatCameBefore)
 
     EciParms collected = getReplyWait(8);
     EXPECT_RC(QPX_OK, collect(collected));
-    EXPECT_EQ(second, collected.record.eci_message_qualifier);
+    EXPECT_EQ(second, int(collected.record.eci_message_qualifier));
     EXPECT_EQ(text("answered"), collected.commarea());
     collected = getReplyWait(8);
     EXPECT_RC(QPX_ERR_LOSTGWCON, collect(collected));
-    EXPECT_EQ(first, collected.record.eci_message_qualifier);
+    EXPECT_EQ(first, int(collected.record.eci_message_qualifier));
 }
 
 TEST_F(ReceiverEnd, LeavesAnIdleUnitOfWorkAlone)

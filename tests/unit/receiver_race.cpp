@@ -182,7 +182,7 @@ TEST_F(ReceiverRace, QueuesAReplyOnceThatComesBeforeTheSendReturns)
     EciParms collected = getReply(8);
     EXPECT_RC(QPX_OK, collect(collected));
     EXPECT_EQ(text("answered"), collected.commarea());
-    EXPECT_EQ(1, collected.record.eci_message_qualifier);
+    EXPECT_EQ(1, int(collected.record.eci_message_qualifier));
     collected = getReply(8);
     EXPECT_RC(ECI_ERR_NO_REPLY, collect(collected));
 }
@@ -199,12 +199,12 @@ TEST_F(ReceiverRace, GivesTheQualifierOfARequestWhoseReplyIsCollectedBeforeTheSe
 
     EciParms collected = getReplyWait(8);
     EXPECT_RC(QPX_OK, collect(collected));
-    EXPECT_EQ(1, collected.record.eci_message_qualifier);
+    EXPECT_EQ(1, int(collected.record.eci_message_qualifier));
     EXPECT_EQ(0, firstSlot().state);
 
     sent.open();
     EXPECT_RC(QPX_OK, call.get());
-    EXPECT_EQ(1, asked.record.eci_message_qualifier);
+    EXPECT_EQ(1, int(asked.record.eci_message_qualifier));
     EXPECT_EQ(0, firstSlot().state);
 }
 

@@ -54,7 +54,7 @@ TEST_F(ReceiverReply, CarriesAbendCodeAndUnitOfWork)
     EXPECT_RC(QPX_OK, callAnswered(eciReply(1, body)));
 
     EXPECT_EQ("ASRA", std::string(asked.record.eci_abend_code, 4));
-    EXPECT_EQ(77, asked.record.eci_luw_token);
+    EXPECT_EQ(77, int(asked.record.eci_luw_token));
 }
 
 TEST_F(ReceiverReply, GivesTheServersCodeAndTracesIt)
@@ -193,7 +193,7 @@ TEST_F(ReceiverReply, LeavesInboundLengthAndQualifierOfASynchronousCallAlone)
 
     EXPECT_RC(QPX_OK, call.get());
     EXPECT_EQ(5, asked.record.commarea_inbound_length);
-    EXPECT_EQ(4711, asked.record.eci_message_qualifier);
+    EXPECT_EQ(4711, int(asked.record.eci_message_qualifier));
 }
 
 TEST_F(ReceiverReply, PutsItsResultsIntoTheSlot)
@@ -212,7 +212,7 @@ TEST_F(ReceiverReply, PutsItsResultsIntoTheSlot)
     EXPECT_EQ(0, slot.gatewayRc);
     EXPECT_EQ(-22, slot.vornRc);
     EXPECT_EQ(3, slot.eciParms.commarea_inbound_length);
-    EXPECT_EQ(5, slot.eciParms.eci_luw_token);
+    EXPECT_EQ(5, int(slot.eciParms.eci_luw_token));
     EXPECT_EQ("WXYZ", std::string(slot.eciParms.eci_abend_code, 4));
 
     EciParms collected = getReply(8);
@@ -227,7 +227,7 @@ TEST_F(ReceiverReply, TakesTheUnitOfWorkFromTheServerNumberOfAListReply)
     RequestSlot& slot = connection.token->table.slot[0];
     ASSERT_EQ(0, clapiWaitEvent(&slot.requestEvent));
 
-    EXPECT_EQ(65537, slot.eciParms.eci_luw_token);
+    EXPECT_EQ(65537, int(slot.eciParms.eci_luw_token));
 
     EciParms collected = getReply(8);
     EXPECT_RC(QPX_OK, collect(collected));
@@ -253,7 +253,7 @@ TEST_F(ReceiverReply, QueuesAsynchronousRepliesInTheOrderOfTheirArrival)
     for (int expected : {second, third, first}) {
         EciParms collected = getReply(8);
         EXPECT_RC(QPX_OK, collect(collected));
-        EXPECT_EQ(expected, collected.record.eci_message_qualifier);
+        EXPECT_EQ(expected, int(collected.record.eci_message_qualifier));
     }
     EXPECT_EQ(nullptr, connection.token->firstReply);
     EXPECT_EQ(nullptr, connection.token->lastReply);
@@ -415,11 +415,11 @@ TEST_F(ReceiverReply, IsNotQueuedTwiceWhenItComesTwice)
 
     EciParms collected = getReplyWait(8);
     EXPECT_RC(QPX_OK, collect(collected));
-    EXPECT_EQ(first, collected.record.eci_message_qualifier);
+    EXPECT_EQ(first, int(collected.record.eci_message_qualifier));
     EXPECT_EQ(text("one"), support::slice(collected.commarea(), 0, 3));
     collected = getReplyWait(8);
     EXPECT_RC(QPX_OK, collect(collected));
-    EXPECT_EQ(second, collected.record.eci_message_qualifier);
+    EXPECT_EQ(second, int(collected.record.eci_message_qualifier));
     collected = getReply(8);
     EXPECT_RC(ECI_ERR_NO_REPLY, collect(collected));
 }
@@ -444,7 +444,7 @@ TEST_F(ReceiverReply, IsIgnoredForAnIdleUnitOfWork)
 
     EXPECT_RC(QPX_OK, next.get());
     EXPECT_EQ(4, connection.token->table.slot[0].state);
-    EXPECT_EQ(12, connection.token->table.slot[0].eciParms.eci_luw_token);
+    EXPECT_EQ(12, int(connection.token->table.slot[0].eciParms.eci_luw_token));
     EXPECT_EQ(text("answered"), asked.commarea());
 }
 

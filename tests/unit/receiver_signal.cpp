@@ -43,7 +43,7 @@ protected:
 
 TEST_F(ReceiverSignal, DoesNotEndTheWaitForAFlow)
 {
-    std::atomic<pthread_t> receiver{};
+    static std::atomic<pthread_t> receiver; // a hook may still run when the test has ended
     Fault waits = beforeCall(Call::Select, 0, [&](const CallInfo&) { receiver = pthread_self(); });
     asked = syncCall("PROG", text("question"));
     auto call = connection.start(asked);
@@ -60,7 +60,7 @@ TEST_F(ReceiverSignal, DoesNotEndTheWaitForAFlow)
 
 TEST_F(ReceiverSignal, DoesNotEndTheReadingOfAFlow)
 {
-    std::atomic<pthread_t> receiver{};
+    static std::atomic<pthread_t> receiver; // a hook may still run when the test has ended
     Fault reads = beforeCall(Call::Recv, 0, [&](const CallInfo&) { receiver = pthread_self(); });
     asked = syncCall("PROG", text("question"));
     auto call = connection.start(asked);
@@ -98,7 +98,7 @@ TEST_F(ReceiverSignal, DoesNotEndTheWaitOfACaller)
 
 TEST_F(ReceiverSignal, DoesNotEndTheWaitForTheHandshakeAnswer)
 {
-    std::atomic<pthread_t> receiver{};
+    static std::atomic<pthread_t> receiver; // a hook may still run when the test has ended
     Fault waits = beforeCall(
         Call::Select, 0, [&](const CallInfo&) { receiver = pthread_self(); }, Threads::Others);
     ScriptedGateway gateway;

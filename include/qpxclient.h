@@ -35,10 +35,12 @@
 #include <stddef.h>
 
 /* Marks the calls that the library exports; of no concern to applications. */
+#ifndef QPX_API
 #if defined(QPX_BUILDING_LIBRARY) && defined(__GNUC__)
 #define QPX_API __attribute__((visibility("default")))
 #else
 #define QPX_API
+#endif
 #endif
 
 #ifdef __cplusplus
@@ -151,6 +153,29 @@ QPX_API int QPX_closeAllGatewayConnections(void);
 QPX_API int QPX_getApplid(QPX_ConnToken_t gwTok, char** applid);
 QPX_API int QPX_getApplidQualifier(QPX_ConnToken_t gwTok, char** applidQualifier);
 
+/* ---- Systems ---------------------------------------------------------------------------- */
+
+/* A server that the Gateway knows; 70 bytes. */
+typedef struct _QPX_listSystem_t {
+    char SystemName[9];   /* at most 8 characters and a terminator */
+    char Description[61]; /* at most 60 characters and a terminator */
+} QPX_listSystem_t;
+
+/*
+ * Asks the Gateway for the servers that it knows.
+ *
+ * Systems  in: how many entries List has room for; out: how many the Gateway reports.
+ * List     receives the entries. Blanks behind a name are removed, a description stays as sent.
+ *
+ * Both are changed only by a reply. The array must stay unchanged during the call.
+ *
+ * Errors: QPX_ERR_NULLGWTOK, QPX_ERR_BADGWTOK, QPX_ERR_GWTOK_CLOSED, QPX_ERR_NULLPTR,
+ * QPX_ERR_MORE_SYSTEMS (there are more than fit; the list is filled), QPX_ERR_NO_SYSTEMS,
+ * QPX_ERR_LOSTGWCON, QPX_ERR_MALLOCFAIL, QPX_ERR_SYSTEM_ERROR, and every code that the Gateway
+ * returns.
+ */
+QPX_API int QPX_listSystems(QPX_ConnToken_t gwTok, unsigned short* Systems, QPX_listSystem_t* List);
+
 /* ---- Versions, state and return code names ---------------------------------------------- */
 
 /*
@@ -160,8 +185,8 @@ QPX_API int QPX_getApplidQualifier(QPX_ConnToken_t gwTok, char** applidQualifier
 QPX_API int QPX_getAPIVersion(char** apiVersPtr);
 QPX_API int QPX_getDLLVersion(char** dllVersPtr);
 
-/* Writes the library's state (trace settings and every connection) to the trace destination,
- * whatever the trace level. */
+/* Writes the library's state (trace settings, every connection and every channel) to the trace
+ * destination, whatever the trace level. */
 QPX_API int QPX_dumpState(void);
 
 /*

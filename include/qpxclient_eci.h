@@ -108,7 +108,7 @@ typedef struct _QPX_ECI_PARMS {
     char eci_tpn[4];                /* transaction program; takes the place of eci_transid */
     short commarea_outbound_length; /* bytes of the COMMAREA to send; 0 means all */
     short commarea_inbound_length;  /* bytes wanted back, 0 means all; out of collected replies */
-    ECI_ChannelToken_t channel;     /* the channel of a channel call; not used otherwise */
+    ECI_ChannelToken_t channel;     /* the channel of a channel call; see eci_channel.h */
     char* eci_userid_ptr;           /* user id, from version 5; NULL for none */
     char* eci_password_ptr;         /* password, from version 5; NULL for none */
     int eci_message_qualifier;      /* out of ECI_ASYNC; in of the specific collecting calls */
@@ -138,6 +138,21 @@ typedef struct _QPX_ECI_PARMS {
  * the Gateway or the server returns.
  */
 QPX_API int QPX_ECI_Execute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms);
+
+/*
+ * As QPX_ECI_Execute, with the channel in the record's field channel instead of a COMMAREA
+ * (eci_version from ECI_VERSION_4). The server's additions, deletions and changes of containers
+ * have been applied to the channel when an ECI_SYNC call returns, or the reply of an ECI_ASYNC
+ * call has been collected. Until then the channel is the call's: whoever else uses it waits.
+ *
+ * ECI_COMMIT and ECI_BACKOUT carry no data: they need a channel in the record, but neither send
+ * nor lock it. A channel whose code page is not known yet gets that of the local code page.
+ *
+ * If the connection is lost during the call, some of the changes may have been applied.
+ *
+ * Further errors: ECI_ERR_INVALID_CHANNEL, ECI_ERR_COMMAREA_AND_CHANNEL.
+ */
+QPX_API int QPX_ECI_Execute_Channel(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms);
 
 #ifdef __cplusplus
 }

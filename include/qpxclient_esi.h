@@ -1,10 +1,23 @@
 /*
- * qpxclient_esi.h - the records of the security service.
+ * qpxclient_esi.h - verifying and changing passwords.
  *
- * The conventions of qpxclient.h hold.
+ * The conventions of qpxclient.h hold. Passwords are never traced.
+ *
+ * Example: verify a password, and show when it expires.
+ *
+ *     ESI_DETAILS details;
+ *     struct tm expiry;
+ *     int rc = QPX_ESI_verifyPassword(gateway, user, password, "PROD", &details);
+ *     if (rc == QPX_OK) {
+ *         QPX_ESI_convertTime(&details.expiryTime, &expiry);
+ *         printf("valid until %d-%02d-%02d\n", expiry.tm_year + 1900, expiry.tm_mon + 1,
+ *                expiry.tm_mday);
+ *     }
  */
 #ifndef QPXCLIENT_ESI_H
 #define QPXCLIENT_ESI_H
+
+#include <time.h>
 
 #include "qpxclient.h"
 
@@ -51,6 +64,45 @@ typedef struct _ESI_DETAILS {
     ESI_DATETIME expiryTime;       /* when the password expires */
     int invalidCount;              /* invalid password attempts */
 } ESI_DETAILS;
+
+/* ---- Calls ------------------------------------------------------------------------------- */
+
+/*
+ * Verifies a user's password.
+ *
+ * userid         NUL-terminated, not empty; its first 10 bytes are sent.
+ * password       NUL-terminated, not empty.
+ * server         the server to ask, of which the first 8 characters count; NULL for the
+ *                Gateway's default server.
+ * esiDetailsPtr  receives what the server tells of the user, if the result is QPX_OK; may be
+ *                NULL.
+ *
+ * The texts must stay unchanged during the call.
+ *
+ * Errors: QPX_ERR_NULLGWTOK, QPX_ERR_BADGWTOK, QPX_ERR_GWTOK_CLOSED, QPX_ERR_LOSTGWCON,
+ * QPX_ERR_MALLOCFAIL, QPX_ERR_SYSTEM_ERROR, ESI_ERR_NULL_USERID, ESI_ERR_NULL_PASSWORD, every
+ * other code of the ESI family, and every code that the Gateway returns.
+ */
+QPX_API int QPX_ESI_verifyPassword(QPX_ConnToken_t gwTok, const char* userid, const char* password,
+                                   const char* server, ESI_DETAILS* esiDetailsPtr);
+
+/*
+ * Verifies a user's old password and makes newPassword the new one; otherwise as
+ * QPX_ESI_verifyPassword. Further errors: ESI_ERR_NULL_NEW_PASSWORD, ESI_ERR_PASSWORD_REJECTED.
+ */
+QPX_API int QPX_ESI_changePassword(QPX_ConnToken_t gwTok, const char* userid,
+                                   const char* oldPassword, const char* newPassword,
+                                   const char* server, ESI_DETAILS* esiDetailsPtr);
+
+/*
+ * Converts a time of ESI_DETAILS and returns result. The time is the server's local one and is
+ * not shifted. A time that is not set (year 0) gives a record of zeros; if an argument is NULL,
+ * nothing is done.
+ *
+ * Unlike the C library's, tm_yday counts from 1. tm_wday is right for 1900 to 2099 and 2101 to
+ * 2199. tm_isdst is -1.
+ */
+QPX_API struct tm* QPX_ESI_convertTime(const ESI_DATETIME* esiTime, struct tm* result);
 
 #ifdef __cplusplus
 }

@@ -1,14 +1,110 @@
 /*
- * clapi_channel.h - channels as the other modules see them.
+ * clapi_channel.h - the records of channels and containers, and what other modules do with them.
+ *
+ * A channel is held with lockChannel while a call works on it or has it in flight. Its serLock
+ * guards the holding itself, for a few instructions at a time. What a dump of the channels shows
+ * is changed by the functions below only: they keep the dump out while they change it.
  */
 #ifndef CLAPI_CHANNEL_H
 #define CLAPI_CHANNEL_H
 
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "clapi_lock.h"
 #include "eci_channel.h"
 
-typedef struct _ECI_Channel_t ECI_Channel_t;
+/* Bytes of a name in a record; one that fills them has no terminator. */
+constexpr size_t CHANNEL_NAME_SIZE = 16;
+
+/* A channel's ccsid until the first character container or call has set it. */
+constexpr int CCSID_UNKNOWN = -1;
+
+typedef struct _ECI_Container_t {
+    char eyecatcher[8]; // "QPXCONTA", no terminator
+    char name[CHANNEL_NAME_SIZE];
+    int32_t ccsid;     // 0 for ECI_BIT
+    int32_t type;      // an ECI_CONTAINER_TYPE; out of a reply, any value
+    char* dataPtr;     // owned; null when dataLength is 0
+    size_t dataLength; // bytes
+    _ECI_Container_t* nextCont;
+} ECI_Container_t;
+
+typedef struct _ECI_Channel_t {
+    char eyecatcher[8]; // "QPXCHANN", no terminator
+    char name[CHANNEL_NAME_SIZE];
+    std::atomic<int32_t> ccsid; // CCSID_UNKNOWN until it is known
+    std::atomic<int32_t> numContainers;
+    Clapilock serLock;
+    ClapiEvent unlockEvent;                    // posted when the channel is unlocked
+    std::atomic<int32_t> isLocked;             // 1 while a call holds the channel; by serLock
+    ECI_Container_t* firstCont;                // the newest container
+    std::atomic<ECI_Container_t*> currentCont; // where browsing stands; null before the first
+    _ECI_Channel_t* nextChan;                  // by chanListLock
+    std::atomic<int32_t> waiters; // threads that wait in lockChannel; they come and go by serLock
+    int32_t deleted;              // 1 once the channel is being deleted; by serLock
+} ECI_Channel_t;
+
+/* Guards the list of channels and the cached code page. */
+extern Clapilock chanListLock;
 
 /* The name of a code of the channel and container family, or "UNKNOWN". */
 const char* clapiGetRcStringChannel(int rc);
+
+/* ---- Holding a channel ---- */
+
+/*
+ * Takes a channel for the length of a call, and gives it back. Waits, without limit, until no
+ * other call has it. A handle that is no channel's is refused and never followed.
+ * 0, ECI_ERR_INVALID_CHANNEL or ECI_ERR_SYSTEM_ERROR.
+ * Locks: neither may be called with serLock held; unlockChannel may with a tableLock.
+ */
+int lockChannel(ECI_ChannelToken_t chanTok);
+int unlockChannel(ECI_ChannelToken_t chanTok);
+
+/* Checks the name of a channel or container: 0 or ECI_ERR_INVALID_NAME. */
+int validateName(const char* name);
+
+/* ---- Code pages ---- */
+
+/*
+ * Makes sure that defaultLocalCcsid is the CCSID of the local code page, which is worked out
+ * once per process: 0 or ECI_ERR_SYSTEM_ERROR. Locks: takes chanListLock.
+ */
+int getCurrentCcsid(void);
+
+extern int defaultLocalCcsid;    // valid once getCurrentCcsid has returned 0
+extern int defaultLocalCcsidSet; // 1 once defaultLocalCcsid is valid; by chanListLock
+
+/* ---- Containers of a channel that the caller holds ---- */
+
+/* Sets the eyecatcher of a container that is zero otherwise. */
+void clapiInitializeContainer(ECI_Container_t* container);
+
+/* The container of that name, of which 16 bytes count, and the one before it, or nulls. */
+ECI_Container_t* clapiFindContainer(ECI_Channel_t* channel, const char* name,
+                                    ECI_Container_t** previousPP);
+
+/* Puts a container at the head of the list. */
+void clapiLinkContainer(ECI_Channel_t* channel, ECI_Container_t* container);
+
+/* Takes a container, which follows previous, out of the list. If browsing stands on it, it goes
+ * back to previous, and the result is true. */
+bool clapiUnlinkContainer(ECI_Channel_t* channel, ECI_Container_t* container,
+                          ECI_Container_t* previous);
+
+/* Gives a container other data and returns the old, which is the caller's now. */
+char* clapiExchangeData(ECI_Container_t* container, char* data, size_t length);
+
+/* Gives a container everything that another has, but for its place in the list. */
+void clapiReplaceContainer(ECI_Container_t* container, const ECI_Container_t* replacement);
+
+/* Gives a channel the 16 bytes of another name. */
+void clapiRenameChannel(ECI_Channel_t* channel, const char* name);
+
+/* Overwrite container data, or a container's record without its data, and free it. */
+void clapiFreeData(char* data, size_t length);
+void clapiFreeContainer(ECI_Container_t* container);
 
 #endif

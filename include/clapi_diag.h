@@ -127,6 +127,10 @@ void clapiWriteTraceBanner(void);
 /* Stores the destination's name, cut to the room there is. Locks: traceLock held. */
 void clapiSetTraceFilename(const char* name);
 
+/* The rule that frames a dump of the library's records. */
+#define TRACE_RULE_OF_40 "----------------------------------------"
+#define TRACE_DUMP_RULE  TRACE_RULE_OF_40 TRACE_RULE_OF_40 "\n"
+
 /* ---- Data dumps ---- */
 
 /* Every dump of the library: no stop word, 16 bytes a line, characters shown. */

@@ -30,6 +30,14 @@ int clapiReleaseLock(Clapilock* lockPtr);
 int clapiIsLockInitialized(Clapilock* lockPtr); // the raw state word
 int clapiDestroyLock(Clapilock* lockPtr);
 
+/* Reads a word of memory that may not be there at all: 0, EFAULT if it is not, or another errno
+ * where a process may not read itself through the system. */
+int clapiReadWord(const void* address, int* word);
+
+/* As clapiRequestLock, for an address that the application gave: where there is no memory there
+ * is no initialised lock. */
+int clapiRequestLockAt(Clapilock* lockPtr);
+
 /*
  * A manual gate for any number of waiters. Deliberate: "set" closes the gate, so that later
  * waits block (it arms the event), and "clear" opens it and releases every waiter (it posts
@@ -63,13 +71,17 @@ int clapiEventGeneration(ClapiEvent* eventPtr);
  */
 int clapiWaitEventSince(ClapiEvent* eventPtr, int generation);
 
+/* Tells a LockGuard that its caller has taken the lock. */
+enum AlreadyHeld { ALREADY_HELD };
+
 /*
- * A lock held within one scope. Where the release can fail and must be reported, call release
+ * A lock held within one scope, taken by the constructor or before it. Where the release can fail and must be reported, call release
  * and look at its result; the destructor releases what is still held.
  */
 class LockGuard {
 public:
     explicit LockGuard(Clapilock& lock) : lockPtr(&lock), isHeld(clapiRequestLock(&lock) == 0) {}
+    LockGuard(Clapilock& lock, AlreadyHeld) : lockPtr(&lock), isHeld(true) {}
     ~LockGuard()
     {
         if (isHeld) clapiReleaseLock(lockPtr);

@@ -231,7 +231,6 @@ int getNextCorrelator(void);
 extern int clapiState;
 extern int nextCorrelator; // guarded by correlatorLock
 extern Clapilock correlatorLock;
-extern Clapilock chanListLock; // guards the list of channels and the cached code page
 
 /* Names of return codes; never null. The first knows every family, in its fixed order. */
 extern const char* const UNKNOWN_RC_STR;

@@ -1,9 +1,44 @@
 /*
- * Channels: the names of their return codes.
+ * Channels: their records and list, the holding of a channel for the length of a call, the
+ * operations on containers, and the local code page. How a channel travels is
+ * clapi_socketcomms', which call has it is clapi_eci's business.
+ *
+ * Locks: chanListLock for the list and the cached code page, a channel's serLock for a few
+ * instructions of holding and letting go, never across a wait. containerListGuard is a leaf:
+ * nothing that locks, traces or waits happens under it.
  */
 #include "clapi_channel.h"
 
+#include <sched.h>
+
+#include <clocale>
+#include <cstdlib>
+#include <cstring>
+
+#include <algorithm>
+
+#include "clapi_diag.h"
 #include "clapi_types.h"
+#include "trace_points/clapi_channel.h"
+
+static const char CHANNEL_EYECATCHER[] = "QPXCHANN";
+static const char CONTAINER_EYECATCHER[] = "QPXCONTA";
+
+Clapilock chanListLock;
+static ECI_Channel_t* chanList = nullptr; // the newest channel; by chanListLock
+
+/* Keeps a dump of the channels, which holds no channel, off a container list that is changing. */
+static pthread_mutex_t containerListGuard = PTHREAD_MUTEX_INITIALIZER;
+
+class ContainerListHold {
+public:
+    ContainerListHold() { pthread_mutex_lock(&containerListGuard); }
+    ~ContainerListHold() { pthread_mutex_unlock(&containerListGuard); }
+    ContainerListHold(const ContainerListHold&) = delete;
+    ContainerListHold& operator=(const ContainerListHold&) = delete;
+};
+
+/* ---- Names of return codes ---- */
 
 static const RcName CHANNEL_RC_NAMES[] = {
     {ECI_NO_ERROR, "ECI_NO_ERROR"},
@@ -28,4 +63,1255 @@ const char* clapiGetRcStringChannel(int rc)
 {
     const char* name = nameOfRc(CHANNEL_RC_NAMES, rc);
     return name != nullptr ? name : UNKNOWN_RC_STR;
+}
+
+/* ---- Names of channels and containers ---- */
+
+static const char NAME_CHARACTERS[] =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789"
+    "<>$@#/%&?!:|\"=';.-_";
+
+static int checkName(const char* name)
+{
+    namespace at = tp::validateName;
+
+    if (name == nullptr) {
+        TRACE(at::nullName);
+        return ECI_ERR_INVALID_NAME;
+    }
+    size_t length = strlen(name);
+    if (length > CHANNEL_NAME_SIZE) {
+        TRACE(at::tooLong, traceInt(CHANNEL_NAME_SIZE));
+        return ECI_ERR_INVALID_NAME;
+    }
+    size_t valid = strspn(name, NAME_CHARACTERS);
+    if (valid < length) {
+        TRACE(at::badCharacter, name[valid]);
+        return ECI_ERR_INVALID_NAME;
+    }
+    if (length == 0) {
+        TRACE(at::empty);
+        return ECI_ERR_INVALID_NAME;
+    }
+    return ECI_NO_ERROR;
+}
+
+int validateName(const char* name)
+{
+    namespace at = tp::validateName;
+
+    TRACE(at::entry, traceText(name));
+    int rc = checkName(name);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* A valid name in a record: without a terminator where it fills the field. */
+static void storeName(char (&field)[CHANNEL_NAME_SIZE], const char* name)
+{
+    memcpy(field, name, strnlen(name, sizeof field));
+}
+
+/* ---- The local code page ---- */
+
+int defaultLocalCcsid = 0;
+int defaultLocalCcsidSet = 0;
+
+constexpr int CCSID_ISO_8859_1 = 819;
+
+typedef struct _CodeSetEntry {
+    const char* codeSet; // a prefix of LANG's value
+    int ccsid;
+} CodeSetEntry;
+
+/* Deliberate: the first row that matches counts, so the order is part of the table. */
+static const CodeSetEntry CodeSetTable[] = {
+    {"C", 819},      {"ar", 1089}, {"bu", 915},   {"co", 819},         {"ca", 819},
+    {"cs", 912},     {"cy", 819},  {"da", 819},   {"de", 819},         {"el", 813},
+    {"en", 819},     {"eo", 819},  {"es", 819},   {"eu", 819},         {"fi", 819},
+    {"fr", 819},     {"fy", 819},  {"ga", 819},   {"gd", 819},         {"hr", 912},
+    {"hu", 912},     {"is", 819},  {"it", 819},   {"iw", 916},         {"ja", 5050},
+    {"ji", 916},     {"kl", 819},  {"ko", 970},   {"lv", 912},         {"mk", 915},
+    {"nl", 819},     {"no", 819},  {"pl", 912},   {"POSIX", 819},      {"pt", 819},
+    {"ro", 912},     {"ru", 915},  {"sh", 912},   {"sl", 912},         {"sk", 912},
+    {"sr", 915},     {"sv", 819},  {"tr", 920},   {"zh_TW.big5", 950}, {"zh_TW", 964},
+    {"zh_CN", 1383}, {"zh", 1383}, {"big5", 950}, {"tchinese", 964},   {"", 0},
+};
+
+static int ccsidOfCodeSet(const char* lang)
+{
+    namespace at = tp::getCurrentCcsid;
+
+    const CodeSetEntry* entry = CodeSetTable;
+    while (entry->ccsid != 0 && strncmp(lang, entry->codeSet, strlen(entry->codeSet)) != 0) ++entry;
+    if (entry->ccsid == 0) {
+        TRACE(at::notMapped, lang);
+        return CCSID_ISO_8859_1;
+    }
+    TRACE(at::mapped, lang, entry->ccsid);
+    return entry->ccsid;
+}
+
+static int localCcsid()
+{
+    namespace at = tp::getCurrentCcsid;
+
+    setlocale(LC_ALL, "");
+    // Deliberate: neither LC_ALL nor LC_CTYPE is asked.
+    const char* lang = getenv("LANG");
+    if (lang != nullptr && lang[0] != '\0') return ccsidOfCodeSet(lang);
+    TRACE(at::noLang, CCSID_ISO_8859_1);
+    return CCSID_ISO_8859_1;
+}
+
+static int obtainLocalCcsid()
+{
+    namespace at = tp::getCurrentCcsid;
+
+    LockGuard list(chanListLock);
+    if (!list.held()) {
+        TRACE(at::noListLock);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    if (defaultLocalCcsidSet == 0) {
+        defaultLocalCcsid = localCcsid();
+        defaultLocalCcsidSet = 1;
+        TRACE(at::resultCcsid, defaultLocalCcsid);
+    }
+    if (list.release() != 0) {
+        TRACE(at::notReleased, &chanListLock);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    return ECI_NO_ERROR;
+}
+
+int getCurrentCcsid(void)
+{
+    namespace at = tp::getCurrentCcsid;
+
+    TRACE(at::entry);
+    int rc = obtainLocalCcsid();
+    TRACE(at::exit, rc);
+    return rc;
+}
+
+/* ---- Holding a channel ---- */
+
+/* Sleeps until no call holds the channel; serLock is given up meanwhile. */
+static int awaitUnlocked(ECI_Channel_t* channel, LockGuard* serLock)
+{
+    namespace at = tp::lockChannel;
+
+    if (serLock->release() != 0) {
+        TRACE(at::notReleased, channel);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    if (clapiWaitEvent(&channel->unlockEvent) != 0) {
+        TRACE(at::waitFailed, channel);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    if (serLock->request() != 0) {
+        TRACE(at::noLock, channel);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    return ECI_NO_ERROR;
+}
+
+/* Waits for the channel's turn. Another thread may take it between the wake-up and the look:
+ * then the wait begins anew. A deletion waits for all who are in here. */
+static int awaitTurn(ECI_Channel_t* channel, LockGuard* serLock)
+{
+    namespace at = tp::lockChannel;
+
+    TRACE(at::waiting, channel->name, channel);
+    channel->waiters += 1;
+    int rc = ECI_NO_ERROR;
+    while (rc == ECI_NO_ERROR && channel->isLocked != 0) rc = awaitUnlocked(channel, serLock);
+    channel->waiters -= 1;
+    return rc;
+}
+
+/* Locks: serLock held, as in the two functions that follow. */
+static int takeChannel(ECI_Channel_t* channel)
+{
+    namespace at = tp::lockChannel;
+
+    if (clapiSetEvent(&channel->unlockEvent) != 0) {
+        TRACE(at::notArmed, channel);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    channel->isLocked = 1;
+    return ECI_NO_ERROR;
+}
+
+static int letGo(ECI_Channel_t* channel)
+{
+    channel->isLocked = 0;
+    return clapiClearEvent(&channel->unlockEvent);
+}
+
+static int waitAndTakeChannel(ECI_Channel_t* channel, LockGuard* serLock)
+{
+    namespace at = tp::lockChannel;
+
+    bool mustWait = channel->isLocked != 0;
+    int rc = mustWait ? awaitTurn(channel, serLock) : ECI_NO_ERROR;
+    if (rc != ECI_NO_ERROR) return rc;
+    if (channel->deleted != 0) {
+        TRACE(at::noChannel, channel);
+        return ECI_ERR_INVALID_CHANNEL;
+    }
+    rc = takeChannel(channel);
+    if (rc == ECI_NO_ERROR && mustWait) TRACE(at::finished, channel->name, channel);
+    return rc;
+}
+
+static int holdChannel(ECI_ChannelToken_t chanTok)
+{
+    namespace at = tp::lockChannel;
+
+    if (chanTok == nullptr) {
+        TRACE(at::nullChannel);
+        return ECI_ERR_INVALID_CHANNEL;
+    }
+    if (clapiRequestLockAt(&chanTok->serLock) != 0) {
+        TRACE(at::noChannel, chanTok);
+        return ECI_ERR_INVALID_CHANNEL;
+    }
+    LockGuard serLock(chanTok->serLock, ALREADY_HELD);
+    int rc = waitAndTakeChannel(chanTok, &serLock);
+    if (rc == ECI_NO_ERROR && serLock.release() != 0) {
+        TRACE(at::stillHeld, chanTok);
+        letGo(chanTok); // nobody else would
+        rc = ECI_ERR_SYSTEM_ERROR;
+    }
+    return rc;
+}
+
+int lockChannel(ECI_ChannelToken_t chanTok)
+{
+    namespace at = tp::lockChannel;
+
+    TRACE(at::entry, chanTok);
+    int rc = holdChannel(chanTok);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+static int releaseChannel(ECI_ChannelToken_t chanTok)
+{
+    namespace at = tp::unlockChannel;
+
+    if (chanTok == nullptr) {
+        TRACE(at::nullChannel);
+        return ECI_ERR_INVALID_CHANNEL;
+    }
+    LockGuard serLock(chanTok->serLock);
+    if (!serLock.held()) {
+        TRACE(at::noChannel, chanTok);
+        return ECI_ERR_INVALID_CHANNEL;
+    }
+    int rc = ECI_NO_ERROR;
+    if (letGo(chanTok) != 0) {
+        TRACE(at::notPosted, chanTok);
+        rc = ECI_ERR_SYSTEM_ERROR;
+    }
+    if (serLock.release() != 0) {
+        TRACE(at::notReleased, chanTok);
+        rc = ECI_ERR_SYSTEM_ERROR;
+    }
+    return rc;
+}
+
+int unlockChannel(ECI_ChannelToken_t chanTok)
+{
+    namespace at = tp::unlockChannel;
+
+    TRACE(at::entry, chanTok);
+    int rc = releaseChannel(chanTok);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- Containers of a channel that is held ---- */
+
+void clapiInitializeContainer(ECI_Container_t* container)
+{
+    memcpy(container->eyecatcher, CONTAINER_EYECATCHER, sizeof container->eyecatcher);
+}
+
+ECI_Container_t* clapiFindContainer(ECI_Channel_t* channel, const char* name,
+                                    ECI_Container_t** previousPP)
+{
+    *previousPP = nullptr;
+    ECI_Container_t* container = channel->firstCont;
+    while (container != nullptr && strncmp(container->name, name, CHANNEL_NAME_SIZE) != 0) {
+        *previousPP = container;
+        container = container->nextCont;
+    }
+    return container;
+}
+
+static ECI_Container_t* findContainer(ECI_Channel_t* channel, const char* name)
+{
+    ECI_Container_t* previous;
+    return clapiFindContainer(channel, name, &previous);
+}
+
+void clapiLinkContainer(ECI_Channel_t* channel, ECI_Container_t* container)
+{
+    ContainerListHold hold;
+    container->nextCont = channel->firstCont;
+    channel->firstCont = container;
+    channel->numContainers += 1;
+}
+
+bool clapiUnlinkContainer(ECI_Channel_t* channel, ECI_Container_t* container,
+                          ECI_Container_t* previous)
+{
+    ContainerListHold hold;
+    if (previous != nullptr)
+        previous->nextCont = container->nextCont;
+    else
+        channel->firstCont = container->nextCont;
+    channel->numContainers -= 1;
+
+    if (channel->currentCont != container) return false;
+    channel->currentCont = previous;
+    return true;
+}
+
+char* clapiExchangeData(ECI_Container_t* container, char* data, size_t length)
+{
+    ContainerListHold hold;
+    char* before = container->dataPtr;
+    container->dataPtr = data;
+    container->dataLength = length;
+    return before;
+}
+
+void clapiReplaceContainer(ECI_Container_t* container, const ECI_Container_t* replacement)
+{
+    ContainerListHold hold;
+    ECI_Container_t* next = container->nextCont;
+    *container = *replacement;
+    container->nextCont = next;
+}
+
+void clapiRenameChannel(ECI_Channel_t* channel, const char* name)
+{
+    ContainerListHold hold;
+    memcpy(channel->name, name, sizeof channel->name);
+}
+
+void clapiFreeData(char* data, size_t length)
+{
+    if (data == nullptr) return;
+    explicit_bzero(data, length);
+    free(data);
+}
+
+void clapiFreeContainer(ECI_Container_t* container)
+{
+    explicit_bzero(container, sizeof *container);
+    free(container);
+}
+
+/* ---- Creating a channel ---- */
+
+/* A channel with its lock and event, or null and why. */
+static int buildChannel(const char* name, ECI_Channel_t** channelPP)
+{
+    namespace at = tp::ECI_createChannel;
+
+    ECI_Channel_t* channel = static_cast<ECI_Channel_t*>(calloc(1, sizeof(ECI_Channel_t)));
+    if (channel == nullptr) {
+        TRACE(at::noMemory, traceInt(sizeof *channel));
+        return ECI_ERR_MEMORY_SHORTAGE;
+    }
+    memcpy(channel->eyecatcher, CHANNEL_EYECATCHER, sizeof channel->eyecatcher);
+    storeName(channel->name, name);
+    channel->ccsid = CCSID_UNKNOWN;
+    if (clapiInitializeLock(&channel->serLock) != 0) {
+        TRACE(at::noLock);
+        free(channel);
+        return ECI_ERR_CHANNELLOCKFAIL;
+    }
+    if (clapiCreateEvent(&channel->unlockEvent) != 0) {
+        TRACE(at::noEvent);
+        clapiDestroyLock(&channel->serLock);
+        free(channel);
+        return ECI_ERR_CHANNELLOCKFAIL;
+    }
+    *channelPP = channel;
+    return ECI_NO_ERROR;
+}
+
+/* Zeroes and frees the record of a channel without containers. */
+static void freeChannel(ECI_Channel_t* channel)
+{
+    explicit_bzero(static_cast<void*>(channel), sizeof *channel);
+    free(channel);
+}
+
+static void dismantleChannel(ECI_Channel_t* channel)
+{
+    clapiDeleteEvent(&channel->unlockEvent);
+    clapiDestroyLock(&channel->serLock);
+}
+
+static int listChannel(ECI_Channel_t* channel)
+{
+    namespace at = tp::ECI_createChannel;
+
+    LockGuard list(chanListLock);
+    if (!list.held()) {
+        TRACE(at::noListLock);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    channel->nextChan = chanList;
+    chanList = channel;
+    if (list.release() == 0) return ECI_NO_ERROR;
+
+    // Still held: the channel goes off the list again.
+    TRACE(at::notReleased);
+    chanList = channel->nextChan;
+    return ECI_ERR_SYSTEM_ERROR;
+}
+
+static int createChannel(const char* name, ECI_ChannelToken_t* tokPtr)
+{
+    namespace at = tp::ECI_createChannel;
+
+    if (tokPtr == nullptr) {
+        TRACE(at::nullPtr);
+        return ECI_ERR_NULLCHANNELPTR;
+    }
+    ECI_Channel_t* channel = nullptr;
+    int rc = validateName(name);
+    if (rc == ECI_NO_ERROR) rc = buildChannel(name, &channel);
+    if (rc != ECI_NO_ERROR) return rc;
+
+    rc = listChannel(channel);
+    if (rc != ECI_NO_ERROR) {
+        dismantleChannel(channel);
+        freeChannel(channel);
+        return rc;
+    }
+    *tokPtr = channel;
+    TRACE(at::created, channel->name, channel);
+    return ECI_NO_ERROR;
+}
+
+int ECI_createChannel(const char* name, ECI_ChannelToken_t* tokPtr)
+{
+    namespace at = tp::ECI_createChannel;
+
+    int rc = clapiInit();
+    TRACE(at::entry, traceText(name), tokPtr);
+    if (rc == QPX_OK) rc = createChannel(name, tokPtr);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- Deleting channels ---- */
+
+/* Overwrites and frees the data of a container that is off its list, and the container. The
+ * parameters are the lines that the deletion writes. */
+template <const TracePoint& freeingData, const TracePoint& deleted>
+static void destroyContainer(ECI_Container_t* container)
+{
+    if (container->dataPtr != nullptr) {
+        TRACE(freeingData, traceSize(container->dataLength), container->dataPtr);
+        clapiFreeData(container->dataPtr, container->dataLength);
+    }
+    TRACE(deleted, container->name, container);
+    clapiFreeContainer(container);
+}
+
+template <const TracePoint& freeingData, const TracePoint& deleted>
+static void destroyContainers(ECI_Channel_t* channel)
+{
+    while (channel->firstCont != nullptr) {
+        ECI_Container_t* container = channel->firstCont;
+        clapiUnlinkContainer(channel, container, nullptr);
+        destroyContainer<freeingData, deleted>(container);
+    }
+}
+
+/* Locks: chanListLock held. */
+static void takeOffList(const ECI_Channel_t* channel)
+{
+    ECI_Channel_t** linkPtr = &chanList;
+    while (*linkPtr != nullptr && *linkPtr != channel) linkPtr = &(*linkPtr)->nextChan;
+    if (*linkPtr == channel) *linkPtr = channel->nextChan;
+}
+
+static int unlistChannel(const ECI_Channel_t* channel)
+{
+    namespace at = tp::ECI_deleteChannel;
+
+    LockGuard list(chanListLock);
+    if (!list.held()) {
+        TRACE(at::noListLock);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    takeOffList(channel);
+    if (list.release() == 0) return ECI_NO_ERROR;
+    TRACE(at::listNotReleased);
+    return ECI_ERR_SYSTEM_ERROR;
+}
+
+/* From here on whoever waits for the channel is refused when it wakes. */
+static void refuseWaiters(ECI_Channel_t* channel)
+{
+    LockGuard serLock(channel->serLock);
+    channel->deleted = 1;
+}
+
+/* Returns when no thread is inside lockChannel any more. Each of them leaves at once: the
+ * channel is not locked, and marked as deleted. */
+static void awaitWaiters(ECI_Channel_t* channel)
+{
+    for (;;) {
+        {
+            LockGuard serLock(channel->serLock);
+            if (channel->waiters == 0) return;
+        }
+        sched_yield();
+    }
+}
+
+static int finishDeletion(ECI_Channel_t* channel)
+{
+    namespace at = tp::ECI_deleteChannel;
+
+    refuseWaiters(channel);
+    int rc = ECI_NO_ERROR;
+    if (unlockChannel(channel) != ECI_NO_ERROR) {
+        TRACE(at::notUnlocked);
+        rc = ECI_ERR_SYSTEM_ERROR;
+    }
+    awaitWaiters(channel);
+    TRACE(at::releasedLock, channel);
+    dismantleChannel(channel);
+    TRACE(at::deleted, channel->name, channel);
+    freeChannel(channel);
+    return rc;
+}
+
+static int deleteHeldChannel(ECI_ChannelToken_t* tokPtr)
+{
+    namespace at = tp::ECI_deleteChannel;
+
+    ECI_Channel_t* channel = *tokPtr;
+    int rc = unlistChannel(channel);
+    if (rc != ECI_NO_ERROR) {
+        if (unlockChannel(channel) != ECI_NO_ERROR) TRACE(at::notUnlocked);
+        return rc;
+    }
+    destroyContainers<at::freeingData, at::deletedContainer>(channel);
+    rc = finishDeletion(channel);
+    *tokPtr = nullptr;
+    return rc;
+}
+
+static int deleteChannel(ECI_ChannelToken_t* tokPtr)
+{
+    namespace at = tp::ECI_deleteChannel;
+
+    if (tokPtr == nullptr) {
+        TRACE(at::nullPtr);
+        return ECI_ERR_NULLCHANNELPTR;
+    }
+    if (*tokPtr == nullptr) {
+        TRACE(at::nullChannel);
+        return ECI_ERR_INVALID_CHANNEL;
+    }
+    int rc = lockChannel(*tokPtr);
+    if (rc == ECI_NO_ERROR) rc = deleteHeldChannel(tokPtr);
+    return rc;
+}
+
+int ECI_deleteChannel(ECI_ChannelToken_t* tokPtr)
+{
+    namespace at = tp::ECI_deleteChannel;
+
+    int rc = clapiInit();
+    TRACE(at::entry, tokPtr);
+    if (rc == QPX_OK) rc = deleteChannel(tokPtr);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* Locks: chanListLock held. */
+static void deleteFirstChannel()
+{
+    namespace at = tp::ECI_deleteAllChannels;
+
+    ECI_Channel_t* channel = chanList;
+    chanList = channel->nextChan;
+    TRACE(at::destroying, channel->name, channel);
+    dismantleChannel(channel);
+    destroyContainers<at::freeingData, at::deletedContainer>(channel);
+    TRACE(at::deleted, channel->name, channel);
+    freeChannel(channel);
+}
+
+/* Deliberate: calls in progress are not waited for. */
+static int deleteAllChannels()
+{
+    namespace at = tp::ECI_deleteAllChannels;
+
+    LockGuard list(chanListLock);
+    if (!list.held()) {
+        TRACE(at::noListLock);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    while (chanList != nullptr) deleteFirstChannel();
+    if (list.release() == 0) return ECI_NO_ERROR;
+    TRACE(at::notReleased);
+    return ECI_ERR_SYSTEM_ERROR;
+}
+
+int ECI_deleteAllChannels(void)
+{
+    namespace at = tp::ECI_deleteAllChannels;
+
+    int rc = clapiInit();
+    TRACE(at::entry);
+    if (rc == QPX_OK) rc = deleteAllChannels();
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- A channel's name ---- */
+
+/* Ends the holding of a channel; a failure shows in a result that was good. */
+template <const TracePoint& notUnlocked>
+static int endOperation(ECI_ChannelToken_t chanTok, int rc)
+{
+    if (unlockChannel(chanTok) == ECI_NO_ERROR) return rc;
+    TRACE(notUnlocked);
+    return firstFailure(rc, ECI_ERR_SYSTEM_ERROR);
+}
+
+static int copyChannelName(ECI_ChannelToken_t chanTok, char* nameBuffer)
+{
+    namespace at = tp::ECI_getChannelName;
+
+    if (chanTok == nullptr) {
+        TRACE(at::nullChannel);
+        return ECI_ERR_INVALID_CHANNEL;
+    }
+    if (nameBuffer == nullptr) {
+        TRACE(at::nullBuffer);
+        return ECI_ERR_NULLPTR;
+    }
+    int rc = lockChannel(chanTok);
+    if (rc != ECI_NO_ERROR) return rc;
+
+    memset(nameBuffer, 0, ECI_NAME_SIZE);
+    memcpy(nameBuffer, chanTok->name, sizeof chanTok->name);
+    return endOperation<at::notUnlocked>(chanTok, ECI_NO_ERROR);
+}
+
+int ECI_getChannelName(ECI_ChannelToken_t chanTok, char* nameBuffer)
+{
+    namespace at = tp::ECI_getChannelName;
+
+    int rc = clapiInit();
+    TRACE(at::entry, chanTok, nameBuffer);
+    if (rc == QPX_OK) rc = copyChannelName(chanTok, nameBuffer);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- The dump of all channels ---- */
+
+static void printContainer(FILE* text, const ECI_Container_t* container, int ordinal,
+                           int containers)
+{
+    fprintf(text,
+            "   Container list entry -%4.4d/%4.4d- : Container(%p): eyecatcher(%8.8s) "
+            "name(%16.16s) type(%d) ccsid(%d) dataLength(%lu) dataPtr(%p) nextCont(%p)\n",
+            ordinal, containers, static_cast<const void*>(container), container->eyecatcher,
+            container->name, container->type, container->ccsid, traceSize(container->dataLength),
+            static_cast<void*>(container->dataPtr), static_cast<void*>(container->nextCont));
+}
+
+static void printChannel(FILE* text, const ECI_Channel_t* channel, int ordinal)
+{
+    fprintf(text,
+            "Channel list entry -%4.4d- : Channel(%p): eyecatcher(%8.8s) name(%16.16s) "
+            "serlock(%p) unlockEvent(%p) isLocked(%d) ccsid(%d) numContainers(%d) "
+            "nextChannel(%p) firstCont(%p) currentCont(%p)\n",
+            ordinal, static_cast<const void*>(channel), channel->eyecatcher, channel->name,
+            static_cast<const void*>(&channel->serLock),
+            static_cast<const void*>(&channel->unlockEvent), channel->isLocked.load(),
+            channel->ccsid.load(), channel->numContainers.load(),
+            static_cast<void*>(channel->nextChan), static_cast<void*>(channel->firstCont),
+            static_cast<void*>(channel->currentCont.load()));
+}
+
+/* The dump as one text. Locks: chanListLock held. */
+static void printChannels(FILE* text)
+{
+    ContainerListHold hold;
+    fprintf(text, "Channel and container dump\n%s", TRACE_DUMP_RULE);
+    if (chanList == nullptr) fprintf(text, "The channel list is EMPTY\n");
+    int channels = 0;
+    for (const ECI_Channel_t* channel = chanList; channel != nullptr; channel = channel->nextChan) {
+        printChannel(text, channel, ++channels);
+        int ordinal = 0;
+        for (const ECI_Container_t* container = channel->firstCont; container != nullptr;
+             container = container->nextCont)
+            printContainer(text, container, ++ordinal, channel->numContainers);
+    }
+    fprintf(text, "Total number of channels=%d\n%s", channels, TRACE_DUMP_RULE);
+}
+
+/* The text of the dump, which the caller frees, or null. Locks: chanListLock held. */
+static char* makeDump()
+{
+    char* dump = nullptr;
+    size_t size = 0;
+    FILE* text = open_memstream(&dump, &size);
+    if (text == nullptr) return nullptr;
+    printChannels(text);
+    bool failed = ferror(text) != 0;
+    if (fclose(text) != 0 || failed) {
+        free(dump);
+        return nullptr;
+    }
+    return dump;
+}
+
+static void writeDump(const char* dump)
+{
+    TraceHold hold;
+    clapiTracePrint("%s", dump);
+}
+
+static int dumpChannels()
+{
+    namespace at = tp::QPX_ECI_dumpChannels;
+
+    LockGuard list(chanListLock);
+    if (!list.held()) {
+        TRACE(at::noListLock);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    char* dump = makeDump();
+    if (dump == nullptr) {
+        TRACE(at::noMemory);
+        return ECI_ERR_MEMORY_SHORTAGE;
+    }
+    writeDump(dump);
+    free(dump);
+    if (list.release() == 0) return ECI_NO_ERROR;
+    TRACE(at::notReleased);
+    return ECI_ERR_SYSTEM_ERROR;
+}
+
+int QPX_ECI_dumpChannels(void)
+{
+    namespace at = tp::QPX_ECI_dumpChannels;
+
+    int rc = clapiInit();
+    TRACE(at::entry);
+    if (rc == QPX_OK) rc = dumpChannels();
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- Creating a container ---- */
+
+/* What ECI_createContainer is given. */
+struct NewContainer {
+    const char* name;
+    int32_t type;
+    int ccsid;
+    const void* data;
+    size_t dataLength;
+};
+
+static int checkNewContainer(ECI_ChannelToken_t chanTok, const NewContainer& given)
+{
+    namespace at = tp::ECI_createContainer;
+
+    if (chanTok == nullptr) {
+        TRACE(at::nullChannel);
+        return ECI_ERR_INVALID_CHANNEL;
+    }
+    if (given.type != ECI_BIT && given.type != ECI_CHAR) {
+        TRACE(at::badType, given.type);
+        return ECI_ERR_INVALID_TYPE;
+    }
+    if (given.data == nullptr && given.dataLength != 0) {
+        TRACE(at::nullData, traceSize(given.dataLength));
+        return ECI_ERR_INVALID_DATA_LENGTH;
+    }
+    return validateName(given.name);
+}
+
+/* The code page of a new character container. The first one settles the channel's. */
+static int32_t settleCcsid(ECI_Channel_t* channel, int given)
+{
+    namespace at = tp::ECI_createContainer;
+
+    if (channel->ccsid == CCSID_UNKNOWN && given != 0) {
+        channel->ccsid = given;
+        TRACE(at::ccsidFromContainer, given);
+    } else if (channel->ccsid == CCSID_UNKNOWN) {
+        channel->ccsid = defaultLocalCcsid;
+        TRACE(at::ccsidFromLocale, defaultLocalCcsid);
+    }
+    int32_t ccsid = given != 0 ? given : channel->ccsid.load();
+    TRACE(at::containerCcsid, ccsid);
+    return ccsid;
+}
+
+/* A copy of container data, or null if there is no memory for it. */
+static char* copyData(const void* data, size_t length)
+{
+    char* copy = static_cast<char*>(malloc(length));
+    if (copy != nullptr) memcpy(copy, data, length);
+    return copy;
+}
+
+static int copyNewData(ECI_Container_t* container, const NewContainer& given)
+{
+    namespace at = tp::ECI_createContainer;
+
+    if (given.dataLength == 0) return ECI_NO_ERROR;
+    container->dataPtr = copyData(given.data, given.dataLength);
+    if (container->dataPtr == nullptr) {
+        TRACE(at::noDataMemory, traceSize(given.dataLength));
+        return ECI_ERR_MEMORY_SHORTAGE;
+    }
+    container->dataLength = given.dataLength;
+    TRACE_DATA(at::data, dumpOf(container->dataPtr, given.dataLength), container->dataPtr,
+               traceSize(given.dataLength), STOPWORD);
+    return ECI_NO_ERROR;
+}
+
+/* A container that is on no list yet. */
+static int buildContainer(ECI_Channel_t* channel, const NewContainer& given,
+                          ECI_Container_t** containerPP)
+{
+    namespace at = tp::ECI_createContainer;
+
+    ECI_Container_t* container = static_cast<ECI_Container_t*>(calloc(1, sizeof(ECI_Container_t)));
+    if (container == nullptr) {
+        TRACE(at::noMemory, traceInt(sizeof *container));
+        return ECI_ERR_MEMORY_SHORTAGE;
+    }
+    clapiInitializeContainer(container);
+    storeName(container->name, given.name);
+    container->type = given.type;
+    if (given.type == ECI_CHAR) container->ccsid = settleCcsid(channel, given.ccsid);
+    int rc = copyNewData(container, given);
+    if (rc != ECI_NO_ERROR) {
+        clapiFreeContainer(container);
+        return rc;
+    }
+    *containerPP = container;
+    return ECI_NO_ERROR;
+}
+
+static int addNewContainer(ECI_Channel_t* channel, const NewContainer& given)
+{
+    namespace at = tp::ECI_createContainer;
+
+    if (findContainer(channel, given.name) != nullptr) {
+        TRACE(at::exists, given.name, channel->name);
+        return ECI_ERR_CONTAINER_EXISTS;
+    }
+    ECI_Container_t* container = nullptr;
+    int rc = buildContainer(channel, given, &container);
+    if (rc != ECI_NO_ERROR) return rc;
+
+    clapiLinkContainer(channel, container);
+    TRACE(at::created, container->name, container, channel->name, channel);
+    return ECI_NO_ERROR;
+}
+
+static int createContainer(ECI_ChannelToken_t chanTok, const NewContainer& given)
+{
+    namespace at = tp::ECI_createContainer;
+
+    int rc = getCurrentCcsid();
+    if (rc == ECI_NO_ERROR) rc = checkNewContainer(chanTok, given);
+    if (rc == ECI_NO_ERROR) rc = lockChannel(chanTok);
+    if (rc != ECI_NO_ERROR) return rc;
+
+    rc = addNewContainer(chanTok, given);
+    return endOperation<at::notUnlocked>(chanTok, rc);
+}
+
+int ECI_createContainer(ECI_ChannelToken_t chanTok, const char* name, ECI_CONTAINER_TYPE type,
+                        int ccsid, const void* data, size_t dataLength)
+{
+    namespace at = tp::ECI_createContainer;
+
+    // A C caller may pass any integer, which is read as such.
+    int32_t typeValue;
+    static_assert(sizeof typeValue == sizeof type);
+    memcpy(&typeValue, &type, sizeof typeValue);
+
+    int rc = clapiInit();
+    TRACE(at::entry, chanTok, traceText(name), typeValue, ccsid, data, traceSize(dataLength));
+    if (rc == QPX_OK) rc = createContainer(chanTok, {name, typeValue, ccsid, data, dataLength});
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- Deleting a container ---- */
+
+static int removeContainer(ECI_Channel_t* channel, const char* name)
+{
+    namespace at = tp::ECI_deleteContainer;
+
+    ECI_Container_t* previous;
+    ECI_Container_t* container = clapiFindContainer(channel, name, &previous);
+    if (container == nullptr) {
+        TRACE(at::notFound, name, channel->name);
+        return ECI_ERR_CONTAINER_NOTFOUND;
+    }
+    bool wasCurrent = clapiUnlinkContainer(channel, container, previous);
+    if (wasCurrent && previous != nullptr)
+        TRACE(at::current, previous->name);
+    else if (wasCurrent)
+        TRACE(at::noCurrent);
+    destroyContainer<at::freeingData, at::deleted>(container);
+    return ECI_NO_ERROR;
+}
+
+static int deleteContainer(ECI_ChannelToken_t chanTok, const char* name)
+{
+    namespace at = tp::ECI_deleteContainer;
+
+    if (chanTok == nullptr) {
+        TRACE(at::nullChannel);
+        return ECI_ERR_INVALID_CHANNEL;
+    }
+    int rc = validateName(name);
+    if (rc == ECI_NO_ERROR) rc = lockChannel(chanTok);
+    if (rc != ECI_NO_ERROR) return rc;
+
+    rc = removeContainer(chanTok, name);
+    return endOperation<at::notUnlocked>(chanTok, rc);
+}
+
+int ECI_deleteContainer(ECI_ChannelToken_t chanTok, const char* name)
+{
+    namespace at = tp::ECI_deleteContainer;
+
+    int rc = clapiInit();
+    TRACE(at::entry, chanTok, traceText(name));
+    if (rc == QPX_OK) rc = deleteContainer(chanTok, name);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- Browsing and describing ---- */
+
+static void fillInfo(ECI_CONTAINER_INFO* infoPtr, const ECI_Container_t* container)
+{
+    *infoPtr = ECI_CONTAINER_INFO{};
+    memcpy(infoPtr->name, container->name, sizeof container->name);
+    infoPtr->dataLength = container->dataLength;
+    // A type out of a reply may be none of those that the application's compiler knows.
+    memcpy(reinterpret_cast<char*>(infoPtr) + offsetof(ECI_CONTAINER_INFO, type), &container->type,
+           sizeof container->type);
+    if (container->type == ECI_CHAR) infoPtr->ccsid = container->ccsid;
+}
+
+static int goToFirst(ECI_Channel_t* channel, ECI_CONTAINER_INFO* infoPtr)
+{
+    namespace at = tp::ECI_getFirstContainer;
+
+    ECI_Container_t* container = channel->firstCont;
+    channel->currentCont = container;
+    if (container == nullptr) {
+        TRACE(at::empty, channel->name);
+        return ECI_ERR_ENDOFCONTAINERS;
+    }
+    TRACE(at::current, container->name);
+    fillInfo(infoPtr, container);
+    return ECI_NO_ERROR;
+}
+
+static int getFirstContainer(ECI_ChannelToken_t chanTok, ECI_CONTAINER_INFO* infoPtr)
+{
+    namespace at = tp::ECI_getFirstContainer;
+
+    if (chanTok == nullptr) {
+        TRACE(at::nullChannel);
+        return ECI_ERR_INVALID_CHANNEL;
+    }
+    if (infoPtr == nullptr) {
+        TRACE(at::nullInfo);
+        return ECI_ERR_NULLINFOPTR;
+    }
+    int rc = lockChannel(chanTok);
+    if (rc != ECI_NO_ERROR) return rc;
+
+    rc = goToFirst(chanTok, infoPtr);
+    return endOperation<at::notUnlocked>(chanTok, rc);
+}
+
+int ECI_getFirstContainer(ECI_ChannelToken_t chanTok, ECI_CONTAINER_INFO* infoPtr)
+{
+    namespace at = tp::ECI_getFirstContainer;
+
+    int rc = clapiInit();
+    TRACE(at::entry, chanTok, infoPtr);
+    if (rc == QPX_OK) rc = getFirstContainer(chanTok, infoPtr);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* Moves the browse position on; deliberate: behind the end it starts anew. */
+static ECI_Container_t* advance(ECI_Channel_t* channel)
+{
+    namespace at = tp::ECI_getNextContainer;
+
+    ECI_Container_t* container = channel->currentCont;
+    if (container != nullptr) {
+        container = container->nextCont;
+        if (container == nullptr) TRACE(at::noMore, channel->name);
+    } else if (channel->firstCont != nullptr) {
+        TRACE(at::restart);
+        container = channel->firstCont;
+    } else {
+        TRACE(at::empty, channel->name);
+    }
+    channel->currentCont = container;
+    return container;
+}
+
+static int goToNext(ECI_Channel_t* channel, ECI_CONTAINER_INFO* infoPtr)
+{
+    namespace at = tp::ECI_getNextContainer;
+
+    ECI_Container_t* container = advance(channel);
+    if (container == nullptr) return ECI_ERR_ENDOFCONTAINERS;
+    TRACE(at::current, container->name);
+    fillInfo(infoPtr, container);
+    return ECI_NO_ERROR;
+}
+
+static int getNextContainer(ECI_ChannelToken_t chanTok, ECI_CONTAINER_INFO* infoPtr)
+{
+    namespace at = tp::ECI_getNextContainer;
+
+    if (chanTok == nullptr) {
+        TRACE(at::nullChannel);
+        return ECI_ERR_INVALID_CHANNEL;
+    }
+    if (infoPtr == nullptr) {
+        TRACE(at::nullInfo);
+        return ECI_ERR_NULLINFOPTR;
+    }
+    int rc = lockChannel(chanTok);
+    if (rc != ECI_NO_ERROR) return rc;
+
+    rc = goToNext(chanTok, infoPtr);
+    return endOperation<at::notUnlocked>(chanTok, rc);
+}
+
+int ECI_getNextContainer(ECI_ChannelToken_t chanTok, ECI_CONTAINER_INFO* infoPtr)
+{
+    namespace at = tp::ECI_getNextContainer;
+
+    int rc = clapiInit();
+    TRACE(at::entry, chanTok, infoPtr);
+    if (rc == QPX_OK) rc = getNextContainer(chanTok, infoPtr);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+static int describeContainer(ECI_Channel_t* channel, const char* name, ECI_CONTAINER_INFO* infoPtr)
+{
+    namespace at = tp::ECI_getContainerInfo;
+
+    const ECI_Container_t* container = findContainer(channel, name);
+    if (container == nullptr) {
+        TRACE(at::notFound, name, channel->name);
+        return ECI_ERR_CONTAINER_NOTFOUND;
+    }
+    fillInfo(infoPtr, container);
+    return ECI_NO_ERROR;
+}
+
+static int getContainerInfo(ECI_ChannelToken_t chanTok, const char* name,
+                            ECI_CONTAINER_INFO* infoPtr)
+{
+    namespace at = tp::ECI_getContainerInfo;
+
+    if (chanTok == nullptr) {
+        TRACE(at::nullChannel);
+        return ECI_ERR_INVALID_CHANNEL;
+    }
+    if (infoPtr == nullptr) {
+        TRACE(at::nullInfo);
+        return ECI_ERR_NULLINFOPTR;
+    }
+    int rc = validateName(name);
+    if (rc == ECI_NO_ERROR) rc = lockChannel(chanTok);
+    if (rc != ECI_NO_ERROR) return rc;
+
+    rc = describeContainer(chanTok, name, infoPtr);
+    return endOperation<at::notUnlocked>(chanTok, rc);
+}
+
+int ECI_getContainerInfo(ECI_ChannelToken_t chanTok, const char* name, ECI_CONTAINER_INFO* infoPtr)
+{
+    namespace at = tp::ECI_getContainerInfo;
+
+    int rc = clapiInit();
+    TRACE(at::entry, chanTok, traceText(name), infoPtr);
+    if (rc == QPX_OK) rc = getContainerInfo(chanTok, name, infoPtr);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- Container data ---- */
+
+/* A part of a container's data, and where it goes. */
+struct DataRange {
+    void* buffer;
+    size_t length;
+    size_t offset;
+    size_t* bytesReadPtr; // may be null
+};
+
+static int copyRange(ECI_Channel_t* channel, const char* name, const DataRange& wanted)
+{
+    namespace at = tp::ECI_getContainerData;
+
+    const ECI_Container_t* container = findContainer(channel, name);
+    if (container == nullptr) {
+        TRACE(at::notFound, name, channel->name);
+        return ECI_ERR_CONTAINER_NOTFOUND;
+    }
+    size_t behindOffset = container->dataLength - std::min(wanted.offset, container->dataLength);
+    size_t count = std::min(wanted.length, behindOffset);
+    if (count > 0) {
+        memcpy(wanted.buffer, container->dataPtr + wanted.offset, count);
+        TRACE(at::copied, traceSize(count), wanted.buffer);
+    } else {
+        TRACE(at::noData);
+    }
+    if (wanted.bytesReadPtr != nullptr) *wanted.bytesReadPtr = count;
+    return ECI_NO_ERROR;
+}
+
+static int getContainerData(ECI_ChannelToken_t chanTok, const char* name, const DataRange& wanted)
+{
+    namespace at = tp::ECI_getContainerData;
+
+    if (chanTok == nullptr) {
+        TRACE(at::nullChannel);
+        return ECI_ERR_INVALID_CHANNEL;
+    }
+    if (wanted.buffer == nullptr) {
+        TRACE(at::nullBuffer);
+        return ECI_ERR_NULLPTR;
+    }
+    int rc = validateName(name);
+    if (rc == ECI_NO_ERROR) rc = lockChannel(chanTok);
+    if (rc != ECI_NO_ERROR) return rc;
+
+    rc = copyRange(chanTok, name, wanted);
+    return endOperation<at::notUnlocked>(chanTok, rc);
+}
+
+int ECI_getContainerData(ECI_ChannelToken_t chanTok, const char* name, void* buffer, size_t length,
+                         size_t offset, size_t* bytesReadPtr)
+{
+    namespace at = tp::ECI_getContainerData;
+
+    int rc = clapiInit();
+    TRACE(at::entry, chanTok, traceText(name), buffer, traceSize(length), traceSize(offset),
+          bytesReadPtr);
+    if (rc == QPX_OK) rc = getContainerData(chanTok, name, {buffer, length, offset, bytesReadPtr});
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* Puts a copy of the data in the place of the container's, which is overwritten and freed. */
+static int storeData(ECI_Container_t* container, const void* data, size_t dataLength)
+{
+    namespace at = tp::ECI_setContainerData;
+
+    char* copy = copyData(data, dataLength);
+    size_t lengthBefore = container->dataLength;
+    char* before = clapiExchangeData(container, copy, copy != nullptr ? dataLength : 0);
+    clapiFreeData(before, lengthBefore);
+    if (copy == nullptr) {
+        TRACE(at::noMemory, traceSize(dataLength));
+        return ECI_ERR_MEMORY_SHORTAGE;
+    }
+    TRACE_DATA(at::data, dumpOf(copy, dataLength), copy, traceSize(dataLength), STOPWORD);
+    return ECI_NO_ERROR;
+}
+
+static void emptyContainer(ECI_Container_t* container)
+{
+    namespace at = tp::ECI_setContainerData;
+
+    size_t length = container->dataLength;
+    TRACE(at::freeingData, traceSize(length), container->dataPtr);
+    clapiFreeData(clapiExchangeData(container, nullptr, 0), length);
+}
+
+static int replaceData(ECI_Channel_t* channel, const char* name, const void* data,
+                       size_t dataLength)
+{
+    namespace at = tp::ECI_setContainerData;
+
+    ECI_Container_t* container = findContainer(channel, name);
+    if (container == nullptr) {
+        TRACE(at::notFound, name, channel->name);
+        return ECI_ERR_CONTAINER_NOTFOUND;
+    }
+    if (dataLength != container->dataLength && container->dataPtr != nullptr)
+        emptyContainer(container);
+    return dataLength != 0 ? storeData(container, data, dataLength) : ECI_NO_ERROR;
+}
+
+static int setContainerData(ECI_ChannelToken_t chanTok, const char* name, const void* data,
+                            size_t dataLength)
+{
+    namespace at = tp::ECI_setContainerData;
+
+    if (chanTok == nullptr) {
+        TRACE(at::nullChannel);
+        return ECI_ERR_INVALID_CHANNEL;
+    }
+    if (data == nullptr && dataLength != 0) {
+        TRACE(at::nullData, traceSize(dataLength));
+        return ECI_ERR_INVALID_DATA_LENGTH;
+    }
+    int rc = validateName(name);
+    if (rc == ECI_NO_ERROR) rc = lockChannel(chanTok);
+    if (rc != ECI_NO_ERROR) return rc;
+
+    rc = replaceData(chanTok, name, data, dataLength);
+    return endOperation<at::notUnlocked>(chanTok, rc);
+}
+
+int ECI_setContainerData(ECI_ChannelToken_t chanTok, const char* name, const void* data,
+                         size_t dataLength)
+{
+    namespace at = tp::ECI_setContainerData;
+
+    int rc = clapiInit();
+    TRACE(at::entry, chanTok, traceText(name), data, traceSize(dataLength));
+    if (rc == QPX_OK) rc = setContainerData(chanTok, name, data, dataLength);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
 }

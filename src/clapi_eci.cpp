@@ -63,9 +63,11 @@ const char* getCallTypeString(int callType)
 
 /* ---- Checking the record ---- */
 
-/* Versions of the record: the lowest that a COMMAREA call takes, the last that carries the user
- * id in the fixed fields, and the highest, which alone does more than synchronous calls. */
+/* Versions of the record: the lowest that a COMMAREA call and a channel call take, the last that
+ * carries the user id in the fixed fields, and the highest, which alone does more than
+ * synchronous calls. */
 constexpr int MIN_VERSION_COMMAREA = ECI_VERSION_3;
+constexpr int MIN_VERSION_CHANNEL = ECI_VERSION_4;
 constexpr int LAST_VERSION_WITH_FIELDS = ECI_VERSION_4;
 constexpr int MAX_VERSION = ECI_VERSION_6;
 
@@ -176,6 +178,13 @@ static int refusalOf(const _QPX_ConnToken_t* gwTok)
     return gwTok->connStatus == CONN_LOST ? QPX_ERR_LOSTGWCON : QPX_ERR_GATEWAY_CLOSED;
 }
 
+/* Whether the call's channel travels. Then it is locked for the call: the slot is marked, and
+ * whoever ends an asynchronous call unlocks it. */
+static bool sendsChannel(const EciCall* call)
+{
+    return call->useChannel && carriesData(call->extendMode);
+}
+
 /* Takes a slot and puts the caller's record into it. Locks: tableLock held. */
 static int takeSlot(EciCall* call)
 {
@@ -188,6 +197,7 @@ static int takeSlot(EciCall* call)
 
     slotP->eciParms = call->record;
     slotP->replyCapacity = static_cast<size_t>(call->record.eci_commarea_length);
+    slotP->channelHeld = sendsChannel(call) ? 1 : 0;
     call->slotP = slotP;
     call->allocNumber = slotP->allocNumber;
     call->messageId = slotP->messageId;
@@ -263,7 +273,10 @@ static void buildRequest(EciCall* call)
     request->xid.format = NO_XID;
     request->qpxCorrelator = getNextCorrelator();
     setCredentials(call);
-    if (carriesData(call->extendMode) && !call->useChannel) setCommarea(request, EciParms);
+    if (sendsChannel(call))
+        request->channel = EciParms->channel;
+    else if (carriesData(call->extendMode))
+        setCommarea(request, EciParms);
 }
 
 /* The reply of an asynchronous call waits in a buffer of its own until it is collected; the
@@ -475,6 +488,7 @@ static int releaseSlot(EciCall* call)
     }
     RequestSlot* slotP = call->slotP;
     call->slotP = nullptr;
+    slotP->channelHeld = 0; // the entry point unlocks the channel
     if (call->extendMode == ECI_EXTENDED && slotP->eciParms.eci_luw_token != 0)
         slotP->state = SLOT_LUW_IDLE;
     else
@@ -659,11 +673,24 @@ static int takeData(QPX_ECI_PARMS* EciParms, RequestSlot* slotP)
     return ECI_NO_ERROR;
 }
 
+/* Ends the hold that the request has had on its channel. */
+static int releaseChannel(RequestSlot* slotP)
+{
+    namespace at = tp::getAsyncReply;
+
+    if (slotP->channelHeld == 0) return ECI_NO_ERROR;
+    slotP->channelHeld = 0;
+    if (unlockChannel(slotP->eciParms.channel) == ECI_NO_ERROR) return ECI_NO_ERROR;
+    TRACE(at::channelStays);
+    return ECI_ERR_SYSTEM_ERROR;
+}
+
 /* Frees the slot, or keeps it for its unit of work. Deliberate: it is kept for token 0 too. */
 static int consumeSlot(const Collection& wanted, RequestSlot* slotP)
 {
     const QPX_ECI_PARMS* EciParms = wanted.EciParms;
     int rc = firstFailure(slotP->gatewayRc, slotP->vornRc);
+    rc = firstFailure(rc, releaseChannel(slotP));
     bool keepsUnitOfWork = slotP->gatewayRc == QPX_OK &&
                            EciParms->eci_extend_mode == ECI_EXTENDED &&
                            EciParms->eci_luw_token >= 0;
@@ -737,7 +764,7 @@ int getAsyncReply(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
     return rc;
 }
 
-/* ---- The exported call ---- */
+/* ---- The exported calls ---- */
 
 /* A copy of the caller's record whose password does not show. The record itself is left alone:
  * another thread may be using it. */
@@ -754,14 +781,19 @@ private:
     QPX_ECI_PARMS copy;
 };
 
-static void traceRecordBefore(const QPX_ECI_PARMS* EciParms)
+template <const TracePoint& point>
+static void traceRecord(const QPX_ECI_PARMS* EciParms)
+{
+    if (EciParms == nullptr || !clapiTraces(point)) return;
+    RecordToTrace record(EciParms);
+    TRACE_DATA(point, record.dump(), EciParms, traceInt(sizeof *EciParms), STOPWORD);
+}
+
+static void traceCommarea(const QPX_ECI_PARMS* EciParms)
 {
     namespace at = tp::QPX_ECI_Execute;
 
-    if (!clapiTraces(at::recordBefore)) return;
-    RecordToTrace record(EciParms);
-    TRACE_DATA(at::recordBefore, record.dump(), EciParms, traceInt(sizeof *EciParms), STOPWORD);
-
+    if (EciParms == nullptr) return;
     const char* commarea = EciParms->eci_commarea;
     int length = EciParms->eci_commarea_length;
     if (length < 1 || commarea == nullptr) return;
@@ -769,14 +801,24 @@ static void traceRecordBefore(const QPX_ECI_PARMS* EciParms)
                STOPWORD);
 }
 
-static void traceRecordAfter(const QPX_ECI_PARMS* EciParms)
+/* Nothing of the token may be touched behind the unregistering. */
+template <const TracePoint& notUnregistered>
+static int unregisterCall(QPX_ConnToken_t gwTok)
 {
-    namespace at = tp::QPX_ECI_Execute;
-
-    if (!clapiTraces(at::recordAfter)) return;
-    RecordToTrace record(EciParms);
-    TRACE_DATA(at::recordAfter, record.dump(), EciParms, traceInt(sizeof *EciParms), STOPWORD);
+    if (clapiUnregisterRequest(gwTok) == QPX_OK) return ECI_NO_ERROR;
+    TRACE(notUnregistered);
+    return ECI_ERR_SYSTEM_ERROR;
 }
+
+template <const TracePoint& closing>
+static int checkConnection(QPX_ConnToken_t gwTok, const QPX_ECI_PARMS* EciParms)
+{
+    if (gwTok->closedown == 0 || !startsWork(EciParms->eci_call_type)) return ECI_NO_ERROR;
+    TRACE(closing, getCallTypeString(EciParms->eci_call_type));
+    return QPX_ERR_GWTOK_CLOSED;
+}
+
+/* ---- With a COMMAREA ---- */
 
 static int checkExecuteCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
 {
@@ -787,29 +829,13 @@ static int checkExecuteCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
         return QPX_ERR_NULLECIPOINTER;
     }
     int rc = verifyEciParms(EciParms, MIN_VERSION_COMMAREA);
-    if (rc != ECI_NO_ERROR) return rc;
-
-    if (gwTok->closedown != 0 && startsWork(EciParms->eci_call_type)) {
-        TRACE(at::closing, getCallTypeString(EciParms->eci_call_type));
-        return QPX_ERR_GWTOK_CLOSED;
-    }
-    return ECI_NO_ERROR;
+    return rc == ECI_NO_ERROR ? checkConnection<at::closing>(gwTok, EciParms) : rc;
 }
 
 static int executeCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
 {
     if (startsWork(EciParms->eci_call_type)) return performEciExecute(gwTok, EciParms, 0);
     return getAsyncReply(gwTok, EciParms);
-}
-
-/* Nothing of the token may be touched behind the unregistering. */
-static int unregisterCall(QPX_ConnToken_t gwTok)
-{
-    namespace at = tp::QPX_ECI_Execute;
-
-    if (clapiUnregisterRequest(gwTok) == QPX_OK) return ECI_NO_ERROR;
-    TRACE(at::notUnregistered);
-    return ECI_ERR_SYSTEM_ERROR;
 }
 
 static int executeRegistered(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
@@ -824,10 +850,11 @@ static int executeRegistered(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
     if (rc != QPX_OK) return rc;
 
     rc = checkExecuteCall(gwTok, EciParms);
-    if (EciParms != nullptr) traceRecordBefore(EciParms);
+    traceRecord<at::recordBefore>(EciParms);
+    traceCommarea(EciParms);
     if (rc == ECI_NO_ERROR) rc = executeCall(gwTok, EciParms);
-    rc = firstFailure(rc, unregisterCall(gwTok));
-    if (EciParms != nullptr) traceRecordAfter(EciParms);
+    rc = firstFailure(rc, unregisterCall<at::notUnregistered>(gwTok));
+    traceRecord<at::recordAfter>(EciParms);
     return rc;
 }
 
@@ -838,6 +865,103 @@ int QPX_ECI_Execute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
     int rc = clapiInit();
     TRACE(at::entry, gwTok, EciParms);
     if (rc == QPX_OK) rc = executeRegistered(gwTok, EciParms);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- With a channel ---- */
+
+static int checkChannel(const QPX_ECI_PARMS* EciParms)
+{
+    namespace at = tp::QPX_ECI_Execute_Channel;
+
+    if (!startsWork(EciParms->eci_call_type)) return ECI_NO_ERROR;
+    if (EciParms->channel == nullptr) {
+        TRACE(at::nullChannel, EciParms->channel);
+        return ECI_ERR_INVALID_CHANNEL;
+    }
+    if (EciParms->eci_commarea != nullptr) {
+        TRACE(at::channelAndCommarea, EciParms->channel, EciParms->eci_commarea);
+        return ECI_ERR_COMMAREA_AND_CHANNEL;
+    }
+    return ECI_NO_ERROR;
+}
+
+static int checkChannelCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
+{
+    namespace at = tp::QPX_ECI_Execute_Channel;
+
+    if (EciParms == nullptr) {
+        TRACE(at::nullParms, EciParms);
+        return QPX_ERR_NULLECIPOINTER;
+    }
+    int rc = verifyEciParms(EciParms, MIN_VERSION_CHANNEL);
+    if (rc == ECI_NO_ERROR) rc = checkChannel(EciParms);
+    return rc == ECI_NO_ERROR ? checkConnection<at::closing>(gwTok, EciParms) : rc;
+}
+
+static int performChannelCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
+{
+    ECI_Channel_t* channel = EciParms->channel;
+    if (channel->ccsid == CCSID_UNKNOWN) channel->ccsid = defaultLocalCcsid;
+    return performEciExecute(gwTok, EciParms, 1);
+}
+
+/* Holds the channel until the reply is there; an asynchronous request that has been sent keeps
+ * it, until its reply is collected. */
+static int performHoldingChannel(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
+{
+    namespace at = tp::QPX_ECI_Execute_Channel;
+
+    // The record's own may be another's by the time the call returns.
+    ECI_ChannelToken_t channel = EciParms->channel;
+    bool isAsync = EciParms->eci_call_type == ECI_ASYNC;
+    int rc = lockChannel(channel);
+    if (rc != ECI_NO_ERROR) return rc;
+
+    rc = performChannelCall(gwTok, EciParms);
+    if (isAsync && rc == ECI_NO_ERROR) return rc;
+    if (unlockChannel(channel) != ECI_NO_ERROR) {
+        TRACE(at::channelStays);
+        rc = firstFailure(rc, ECI_ERR_SYSTEM_ERROR);
+    }
+    return rc;
+}
+
+static int executeChannelCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
+{
+    if (!startsWork(EciParms->eci_call_type)) return getAsyncReply(gwTok, EciParms);
+    if (!carriesData(EciParms->eci_extend_mode)) return performChannelCall(gwTok, EciParms);
+    return performHoldingChannel(gwTok, EciParms);
+}
+
+static int executeChannelRegistered(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
+{
+    namespace at = tp::QPX_ECI_Execute_Channel;
+
+    if (gwTok == nullptr) {
+        TRACE(at::nullToken, gwTok);
+        return QPX_ERR_NULLGWTOK;
+    }
+    int rc = clapiRegisterRequest(gwTok);
+    if (rc != QPX_OK) return rc;
+
+    rc = checkChannelCall(gwTok, EciParms);
+    traceRecord<at::recordBefore>(EciParms);
+    if (rc == ECI_NO_ERROR) rc = executeChannelCall(gwTok, EciParms);
+    rc = firstFailure(rc, unregisterCall<at::notUnregistered>(gwTok));
+    traceRecord<at::recordAfter>(EciParms);
+    return rc;
+}
+
+int QPX_ECI_Execute_Channel(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
+{
+    namespace at = tp::QPX_ECI_Execute_Channel;
+
+    int rc = clapiInit();
+    TRACE(at::entry, gwTok, EciParms);
+    if (rc == QPX_OK) rc = getCurrentCcsid();
+    if (rc == QPX_OK) rc = executeChannelRegistered(gwTok, EciParms);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }

@@ -137,6 +137,7 @@ static void loadReplyRecord(Receiver* r, RequestSlot* slotP)
     r->eciReply.commarea = slotP->eciParms.eci_commarea;
     r->eciReply.capacity = slotP->replyCapacity;
     r->eciReply.extendedMode = slotP->eciParms.eci_extend_mode;
+    if (slotP->channelHeld != 0) r->eciReply.channel = slotP->eciParms.channel;
 }
 
 /* Finds the slot that a reply is for. Only a slot that waits takes it; an id that no slot has

@@ -7,8 +7,6 @@
  * then tableLock for its slots and its reply queue. Neither is held across a wait.
  */
 #include <sys/socket.h>
-#include <sys/uio.h>
-#include <unistd.h>
 
 #include <cstddef>
 #include <cstdlib>
@@ -491,13 +489,10 @@ int clapiFormatGatewayToken(_QPX_ConnToken_t* gwTokPtr, char* formattedToken)
     return QPX_OK;
 }
 
-#define RULE_OF_40 "----------------------------------------"
-static const char DUMP_RULE[] = RULE_OF_40 RULE_OF_40 "\n";
-
 /* Locks: gtlLock and traceLock held. */
 static int dumpTokenList()
 {
-    clapiTracePrint("Gateway Token List dump\n%s", DUMP_RULE);
+    clapiTracePrint("Gateway Token List dump\n%s", TRACE_DUMP_RULE);
     int entries = 0;
     for (_QPX_ConnToken_t* token = gtListHeadPtr; token != nullptr; token = token->nextGwyTokPtr) {
         char formattedToken[FORMATTED_TOKEN_SIZE];
@@ -509,7 +504,7 @@ static int dumpTokenList()
         clapiTracePrint("The Gateway Token List is EMPTY\n");
     else
         clapiTracePrint("Total number of Gateway Token List entries=%d\n", entries);
-    clapiTracePrint("%s", DUMP_RULE);
+    clapiTracePrint("%s", TRACE_DUMP_RULE);
     return entries;
 }
 
@@ -781,13 +776,11 @@ static int closedownAt(_QPX_ConnToken_t* gwTokPtr, int findRc)
     if (findRc == TOKEN_FOUND) return gwTokPtr->closedown;
     if (gwTokPtr == nullptr) return 0;
 
-    int32_t word = 0;
-    iovec local = {&word, sizeof word};
+    int word = 0;
     // By arithmetic: what is no token may stand at any address.
-    char* address = reinterpret_cast<char*>(gwTokPtr) + offsetof(_QPX_ConnToken_t, closedown);
-    iovec remote = {address, sizeof word};
-    ssize_t length = process_vm_readv(getpid(), &local, 1, &remote, 1, 0);
-    return length == static_cast<ssize_t>(sizeof word) ? word : 0;
+    const char* address = reinterpret_cast<const char*>(gwTokPtr) +
+                          offsetof(_QPX_ConnToken_t, closedown);
+    return clapiReadWord(address, &word) == 0 ? word : 0;
 }
 
 /* Locks: gtlLock held. */
@@ -900,6 +893,18 @@ static void giveUpReplies(_QPX_ConnToken_t* gwToken)
     if (givenUp > 0 && gwToken->requestCount == 0) clapiClearEvent(&gwToken->requestsEnded);
 }
 
+/* Gives channels that asynchronous requests hold back to the application.
+ * Locks: tableLock held. */
+static void unlockChannels(_QPX_ConnToken_t* gwToken)
+{
+    for (RequestSlot* slotP = &gwToken->table.slot[0]; slotP != nullptr; slotP = slotP->nextSlot) {
+        if (slotP->channelHeld == 0 || slotP->eciParms.eci_call_type != ECI_ASYNC) continue;
+        unlockChannel(slotP->eciParms.channel);
+        slotP->eciParms.channel = nullptr;
+        slotP->channelHeld = 0;
+    }
+}
+
 /* Waits, whatever the close time-out was, until every call has left the library. */
 static int waitForCalls(_QPX_ConnToken_t* gwToken, int calls)
 {
@@ -909,6 +914,20 @@ static int waitForCalls(_QPX_ConnToken_t* gwToken, int calls)
     if (clapiWaitEvent(&gwToken->requestsEnded) == 0) return QPX_OK;
     TRACE(at::callsStay);
     return QPX_ERR_SYSTEM_ERROR;
+}
+
+/* As waitForCalls for a caller that holds tableLock, which is given up meanwhile. */
+static int seeCallsOut(_QPX_ConnToken_t* gwToken, int calls, LockGuard* table)
+{
+    namespace at = tp::quiesceConnection;
+
+    table->release();
+    if (waitForCalls(gwToken, calls) != QPX_OK) return QPX_ERR_SYSTEM_ERROR;
+    if (table->request() != 0) {
+        TRACE(at::noLockAfterWait);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    return QPX_OK;
 }
 
 /* Once the receiver is gone: gives up what is left of asynchronous work, and sees the last calls
@@ -924,15 +943,9 @@ static int endWork(_QPX_ConnToken_t* gwToken)
     }
     giveUpReplies(gwToken);
     int calls = gwToken->requestCount;
-    if (calls < 1) return QPX_OK;
-
-    table.release();
-    if (waitForCalls(gwToken, calls) != QPX_OK) return QPX_ERR_SYSTEM_ERROR;
-    if (table.request() != 0) {
-        TRACE(at::noLockAfterWait);
-        return QPX_ERR_SYSTEM_ERROR;
-    }
-    return QPX_OK;
+    int rc = calls >= 1 ? seeCallsOut(gwToken, calls, &table) : QPX_OK;
+    if (rc == QPX_OK) unlockChannels(gwToken);
+    return rc;
 }
 
 static int quiesceConnection(_QPX_ConnToken_t* gwToken, int closeTimeout)

@@ -22,7 +22,6 @@ static char cldllVersion[sizeof QPX_DLL_VERSION_TEXT];
 
 int nextCorrelator = 0;
 Clapilock correlatorLock;
-Clapilock chanListLock;
 
 /* Longest time-out that a connection call takes, in seconds. */
 constexpr int MAX_TIMEOUT = 3600;
@@ -276,6 +275,7 @@ static void dumpState()
             QPX_DLL_VERSION_TEXT, clientAPITrace.load(), traceText(clientAPITraceFilename));
     }
     clapiDumpGatewayTokens();
+    QPX_ECI_dumpChannels();
 }
 
 int QPX_dumpState(void)

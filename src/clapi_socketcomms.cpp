@@ -7,11 +7,13 @@
  */
 #include <arpa/inet.h>
 
+#include <cstdlib>
 #include <cstring>
 
 #include <algorithm>
 #include <limits>
 
+#include "clapi_channel.h"
 #include "clapi_diag.h"
 #include "clapi_requests.h"
 #include "clapi_types.h"
@@ -203,6 +205,290 @@ int clapiFlowCloseRequest(Socket socketDesc)
     return rc;
 }
 
+/* ---- Channels ---- */
+
+/* Bytes of a channel section's head, and of a container record without its data. */
+constexpr int64_t CHANNEL_HEAD_SIZE = 24;
+constexpr int64_t CONTAINER_HEAD_SIZE = 28;
+
+/* What a container record says of its container. */
+constexpr char CONTAINER_ADDED = 1;
+constexpr char CONTAINER_DELETED = 2;
+constexpr char CONTAINER_MODIFIED = 3;
+constexpr char CONTAINER_UNCHANGED = 4;
+
+static const char* containerTypeName(int type)
+{
+    switch (type) {
+    case ECI_BIT: return "ECI_BIT";
+    case ECI_CHAR: return "ECI_CHAR";
+    default: return UNKNOWN_RC_STR;
+    }
+}
+
+static int64_t channelSize(const ECI_Channel_t* channel)
+{
+    int64_t size = CHANNEL_HEAD_SIZE;
+    for (const ECI_Container_t* container = channel->firstCont; container != nullptr;
+         container = container->nextCont)
+        size += CONTAINER_HEAD_SIZE + static_cast<int64_t>(container->dataLength);
+    return size;
+}
+
+static void writeContainer(SocketBuffer* sockBuffer, const ECI_Container_t* container)
+{
+    namespace at = tp::writeChannel;
+
+    TRACE(at::container, container->name, containerTypeName(container->type), container->ccsid,
+          traceSize(container->dataLength));
+    TRACE_DATA(at::data, dumpOf(container->dataPtr, container->dataLength), container->dataPtr,
+               traceSize(container->dataLength), STOPWORD);
+    writeBytes(sockBuffer, container->name, sizeof container->name);
+    writeByte(sockBuffer, CONTAINER_ADDED);
+    writeShort(sockBuffer, 0);
+    writeByte(sockBuffer, static_cast<char>(container->type));
+    writeInt(sockBuffer, container->ccsid);
+    writeInt(sockBuffer, static_cast<int>(container->dataLength));
+    writeBytes(sockBuffer, container->dataPtr, container->dataLength);
+}
+
+static void writeChannel(SocketBuffer* sockBuffer, ECI_Channel_t* channel)
+{
+    namespace at = tp::writeChannel;
+
+    TRACE(at::entry, sockBuffer, channel);
+    TRACE(at::channel, channel->name, channel->ccsid.load(), channel->numContainers.load());
+    writeBytes(sockBuffer, channel->name, sizeof channel->name);
+    writeInt(sockBuffer, channel->ccsid);
+    writeInt(sockBuffer, channel->numContainers);
+    for (const ECI_Container_t* container = channel->firstCont; container != nullptr;
+         container = container->nextCont)
+        writeContainer(sockBuffer, container);
+    TRACE(at::exit);
+}
+
+/* Room for the data that a record announces, zeroed: it may not come whole. */
+static char* allocateData(size_t length)
+{
+    return static_cast<char*>(calloc(length, 1));
+}
+
+/* Reads the record's data into storage of its own. Nothing is stored for a length of 0. */
+static int readAddedData(SocketBuffer* sockBuffer, ECI_Container_t* tempCont)
+{
+    namespace at = tp::addContainer;
+
+    if (tempCont->dataLength == 0) return QPX_OK;
+    tempCont->dataPtr = allocateData(tempCont->dataLength);
+    if (tempCont->dataPtr == nullptr) {
+        TRACE(at::noDataMemory, traceSize(tempCont->dataLength));
+        return QPX_ERR_MALLOCFAIL;
+    }
+    readBytes(sockBuffer, tempCont->dataPtr, tempCont->dataLength);
+    return QPX_OK;
+}
+
+static int linkAddedContainer(ECI_Channel_t* channel, const ECI_Container_t* tempCont)
+{
+    namespace at = tp::addContainer;
+
+    ECI_Container_t* container = static_cast<ECI_Container_t*>(malloc(sizeof *container));
+    if (container == nullptr) {
+        TRACE(at::noMemory, traceSize(sizeof *container));
+        clapiFreeData(tempCont->dataPtr, tempCont->dataLength);
+        return QPX_ERR_MALLOCFAIL;
+    }
+    *container = *tempCont;
+    clapiLinkContainer(channel, container);
+    return QPX_OK;
+}
+
+/* Deliberate: a name that the channel has already is added again. */
+static int addContainer(SocketBuffer* sockBuffer, ECI_Channel_t* channel, ECI_Container_t* tempCont)
+{
+    namespace at = tp::addContainer;
+
+    TRACE(at::entry, sockBuffer, channel, tempCont);
+    int rc = readAddedData(sockBuffer, tempCont);
+    if (rc == QPX_OK) rc = linkAddedContainer(channel, tempCont);
+    if (rc == QPX_OK)
+        TRACE_DATA(at::data, dumpOf(tempCont->dataPtr, tempCont->dataLength), tempCont->dataPtr,
+                   traceSize(tempCont->dataLength), STOPWORD);
+    TRACE(at::exit, rc);
+    return rc;
+}
+
+static int removeContainer(ECI_Channel_t* channel, const char* name)
+{
+    namespace at = tp::deleteContainer;
+
+    ECI_Container_t* previous;
+    ECI_Container_t* container = clapiFindContainer(channel, name, &previous);
+    if (container == nullptr) {
+        TRACE(at::notFound, name, channel->name);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    bool wasCurrent = clapiUnlinkContainer(channel, container, previous);
+    if (wasCurrent && previous != nullptr)
+        TRACE(at::current, previous->name);
+    else if (wasCurrent)
+        TRACE(at::noCurrent);
+    clapiFreeData(container->dataPtr, container->dataLength);
+    clapiFreeContainer(container);
+    return QPX_OK;
+}
+
+static int deleteContainer(ECI_Channel_t* channel, const char* name)
+{
+    namespace at = tp::deleteContainer;
+
+    TRACE(at::entry, channel, name);
+    int rc = removeContainer(channel, name);
+    TRACE(at::exit, rc);
+    return rc;
+}
+
+/* Other storage for data of another length; until it is there, the container is empty. */
+static int resizeData(ECI_Container_t* container, size_t length)
+{
+    namespace at = tp::modifyContainer;
+
+    if (container->dataPtr != nullptr) {
+        TRACE(at::freeing, traceSize(container->dataLength), container->dataPtr);
+        size_t lengthBefore = container->dataLength;
+        clapiFreeData(clapiExchangeData(container, nullptr, 0), lengthBefore);
+    }
+    if (length == 0) return QPX_OK;
+    char* data = allocateData(length);
+    if (data == nullptr) {
+        TRACE(at::noMemory, traceSize(length));
+        return QPX_ERR_MALLOCFAIL;
+    }
+    clapiExchangeData(container, data, length);
+    return QPX_OK;
+}
+
+static int readModifiedData(SocketBuffer* sockBuffer, ECI_Channel_t* channel,
+                            ECI_Container_t* tempCont)
+{
+    namespace at = tp::modifyContainer;
+
+    ECI_Container_t* previous;
+    ECI_Container_t* container = clapiFindContainer(channel, tempCont->name, &previous);
+    if (container == nullptr) {
+        TRACE(at::notFound, tempCont->name, channel->name);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    if (tempCont->dataLength != container->dataLength) {
+        int rc = resizeData(container, tempCont->dataLength);
+        if (rc != QPX_OK) return rc;
+    }
+    readBytes(sockBuffer, container->dataPtr, tempCont->dataLength);
+    tempCont->dataPtr = container->dataPtr;
+    clapiReplaceContainer(container, tempCont);
+    TRACE_DATA(at::data, dumpOf(container->dataPtr, container->dataLength), container->dataPtr,
+               traceSize(container->dataLength), STOPWORD);
+    return QPX_OK;
+}
+
+static int modifyContainer(SocketBuffer* sockBuffer, ECI_Channel_t* channel,
+                           ECI_Container_t* tempCont)
+{
+    namespace at = tp::modifyContainer;
+
+    TRACE(at::entry, sockBuffer, channel, tempCont);
+    int rc = readModifiedData(sockBuffer, channel, tempCont);
+    TRACE(at::exit, rc);
+    return rc;
+}
+
+/* Data that the message cannot hold is not asked memory for. */
+static bool dataFits(const SocketBuffer* sockBuffer, const ECI_Container_t* tempCont)
+{
+    return tempCont->dataLength <= bytesLeft(sockBuffer);
+}
+
+static int applyAddition(SocketBuffer* sockBuffer, ECI_Channel_t* channel,
+                         ECI_Container_t* tempCont)
+{
+    namespace at = tp::readChannel;
+
+    TRACE(at::added, tempCont->name, containerTypeName(tempCont->type), tempCont->ccsid,
+          traceSize(tempCont->dataLength));
+    if (!dataFits(sockBuffer, tempCont)) return QPX_ERR_SYSTEM_ERROR;
+    return addContainer(sockBuffer, channel, tempCont);
+}
+
+static int applyModification(SocketBuffer* sockBuffer, ECI_Channel_t* channel,
+                             ECI_Container_t* tempCont)
+{
+    namespace at = tp::readChannel;
+
+    TRACE(at::modified, tempCont->name, traceSize(tempCont->dataLength));
+    if (!dataFits(sockBuffer, tempCont)) return QPX_ERR_SYSTEM_ERROR;
+    return modifyContainer(sockBuffer, channel, tempCont);
+}
+
+static int applyChange(SocketBuffer* sockBuffer, ECI_Channel_t* channel, char changeCode,
+                       ECI_Container_t* tempCont)
+{
+    namespace at = tp::readChannel;
+
+    switch (changeCode) {
+    case CONTAINER_ADDED: return applyAddition(sockBuffer, channel, tempCont);
+    case CONTAINER_MODIFIED: return applyModification(sockBuffer, channel, tempCont);
+    case CONTAINER_DELETED:
+        TRACE(at::deleted, tempCont->name);
+        return deleteContainer(channel, tempCont->name);
+    case CONTAINER_UNCHANGED: TRACE(at::unchanged, tempCont->name); return QPX_OK;
+    default: return QPX_OK;
+    }
+}
+
+static int readChange(SocketBuffer* sockBuffer, ECI_Channel_t* channel)
+{
+    ECI_Container_t tempCont = {};
+    clapiInitializeContainer(&tempCont);
+    readBytes(sockBuffer, tempCont.name, sizeof tempCont.name);
+    char changeCode = readByte(sockBuffer);
+    readShort(sockBuffer); // of no use
+    tempCont.type = static_cast<unsigned char>(readByte(sockBuffer));
+    tempCont.ccsid = readInt(sockBuffer);
+    tempCont.dataLength = static_cast<unsigned int>(readInt(sockBuffer));
+    // Nothing is done for a record that has not come whole.
+    if (sockBuffer->socketErr != 0) return QPX_OK;
+    return applyChange(sockBuffer, channel, changeCode, &tempCont);
+}
+
+static int readChanges(SocketBuffer* sockBuffer, ECI_Channel_t* channel)
+{
+    namespace at = tp::readChannel;
+
+    char name[CHANNEL_NAME_SIZE] = {};
+    readBytes(sockBuffer, name, sizeof name);
+    int ccsid = readInt(sockBuffer);
+    int records = readInt(sockBuffer);
+    if (sockBuffer->socketErr != 0) return QPX_OK;
+
+    clapiRenameChannel(channel, name);
+    channel->ccsid = ccsid;
+    TRACE(at::records, records, channel->name);
+    int rc = QPX_OK;
+    for (int i = 0; i < records && rc == QPX_OK && sockBuffer->socketErr == 0; ++i)
+        rc = readChange(sockBuffer, channel);
+    return rc;
+}
+
+static int readChannel(SocketBuffer* sockBuffer, ECI_Channel_t* channel)
+{
+    namespace at = tp::readChannel;
+
+    TRACE(at::entry, sockBuffer, channel);
+    int rc = readChanges(sockBuffer, channel);
+    TRACE(at::exit, rc);
+    return rc;
+}
+
 /* ---- ECI requests ---- */
 
 /* Bytes of a request's body: what every call carries, what a transaction branch adds to it, and
@@ -237,26 +523,29 @@ static int outboundLength(const ECIRequest* request)
                                                : request->commarealength;
 }
 
-static int programCallSize(const ECIRequest* request)
+static int64_t programCallSize(const ECIRequest* request)
 {
-    int size = ECI_PROGRAM_SIZE + textLength(request->password) + request->pyxaLen;
+    int64_t size = ECI_PROGRAM_SIZE + textLength(request->password) + request->pyxaLen;
     if (request->commareaInboundLength > 0) size += INT_SIZE;
     if (request->commareaOutboundLength > 0) size += INT_SIZE;
     if (carriesData(request)) size += outboundLength(request);
+    if (request->channel != nullptr) size += channelSize(request->channel);
     return size;
 }
 
+/* The length of a request's body, or -1 for more than a message can have. */
 static int calculateECIRequestSize(ECIRequest* request)
 {
     namespace at = tp::calculateECIRequestSize;
 
     TRACE(at::entry, request);
-    int requestSize = ECI_COMMON_SIZE;
+    int64_t size = ECI_COMMON_SIZE;
     if (request->xid.format != NO_XID)
-        requestSize = ECI_COMMON_SIZE_WITH_XID + request->xid.globalIdLen +
-                      request->xid.branchQualifierLen;
-    if (request->callType == WIRE_CALL_LIST_SYSTEMS) requestSize += INT_SIZE;
-    if (isProgramCall(request)) requestSize += programCallSize(request);
+        size = ECI_COMMON_SIZE_WITH_XID + request->xid.globalIdLen +
+               request->xid.branchQualifierLen;
+    if (request->callType == WIRE_CALL_LIST_SYSTEMS) size += INT_SIZE;
+    if (isProgramCall(request)) size += programCallSize(request);
+    int requestSize = size <= std::numeric_limits<int>::max() ? static_cast<int>(size) : -1;
     TRACE(at::exit, requestSize);
     return requestSize;
 }
@@ -312,7 +601,8 @@ static void writeProgramCall(SocketBuffer* sockBuffer, const ECIRequest* request
     writeOptionalLength(sockBuffer, request->commareaOutboundLength);
     writeOptionalLength(sockBuffer, request->commareaInboundLength);
     if (carriesData(request)) writeCommarea(sockBuffer, request);
-    writeByte(sockBuffer, NO_FIELD); // no channel
+    writeByte(sockBuffer, request->channel != nullptr ? FIELD_FOLLOWS : NO_FIELD);
+    if (request->channel != nullptr) writeChannel(sockBuffer, request->channel);
 }
 
 static void writeXid(SocketBuffer* sockBuffer, const XID* xid)
@@ -339,6 +629,7 @@ static void writeECIBody(SocketBuffer* sockBuffer, const ECIRequest* request)
 static int sendECIRequest(Socket socketDesc, GatewayRequest* header, ECIRequest* request)
 {
     header->datalength = calculateECIRequestSize(request);
+    if (header->datalength < 0) return QPX_ERR_MALLOCFAIL;
 
     SocketBuffer sockBuffer = {};
     int rc = initWriteBuffer(&sockBuffer, socketDesc, messageSize(header));
@@ -410,7 +701,16 @@ static void readCommarea(SocketBuffer* sockBuffer, ECIRequest* request)
     if (stored < filled) memset(request->commarea + stored, 0, filled - stored);
 }
 
-static void readProgramReply(SocketBuffer* sockBuffer, ECIRequest* request)
+/* A channel section ends the body. One for a request that holds no channel is dropped. */
+static int readChannelSection(SocketBuffer* sockBuffer, ECIRequest* request)
+{
+    if (readByte(sockBuffer) == NO_FIELD) return QPX_OK;
+    if (request->channel != nullptr) return readChannel(sockBuffer, request->channel);
+    skipBytes(sockBuffer, bytesLeft(sockBuffer));
+    return QPX_OK;
+}
+
+static int readProgramReply(SocketBuffer* sockBuffer, ECIRequest* request)
 {
     request->luwToken = readInt(sockBuffer);
     request->messageQualifier = readInt(sockBuffer);
@@ -419,8 +719,7 @@ static void readProgramReply(SocketBuffer* sockBuffer, ECIRequest* request)
     request->commarealength = readInt(sockBuffer);
     request->commareaInboundLength = readInboundLength(sockBuffer, request);
     if (carriesData(request)) readCommarea(sockBuffer, request);
-    // A channel for a request that has none ends the body and is dropped.
-    if (readByte(sockBuffer) != NO_FIELD) skipBytes(sockBuffer, bytesLeft(sockBuffer));
+    return readChannelSection(sockBuffer, request);
 }
 
 int clapiReadECIResponse(SocketBuffer* sockBuffer, ECIRequest* request)
@@ -433,7 +732,7 @@ int clapiReadECIResponse(SocketBuffer* sockBuffer, ECIRequest* request)
     if (request->callType == WIRE_CALL_LIST_SYSTEMS)
         readSystemList(sockBuffer, request);
     else if (isProgramCall(request))
-        readProgramReply(sockBuffer, request);
+        rc = readProgramReply(sockBuffer, request);
     TRACE(at::exit, rc);
     return rc;
 }

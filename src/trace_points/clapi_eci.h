@@ -17,6 +17,21 @@ constexpr TracePoint commarea        = tpDebug(1561, "API.QPX_ECI_Execute() Comm
 constexpr TracePoint notUnregistered = tpExc  (1563, "API.QPX_ECI_Execute() Unregister request failed\n");
 }
 
+namespace tp::QPX_ECI_Execute_Channel {
+constexpr TracePoint entry              = tpEntry(1507, "API.QPX_ECI_Execute_Channel(gwTok=%p, EciParms=%p)\n");
+constexpr TracePoint nullToken          = tpExc  (1508, "API.QPX_ECI_Execute_Channel() NULL gateway token, gwTok=%p\n");
+constexpr TracePoint nullParms          = tpExc  (1509, "API.QPX_ECI_Execute_Channel() NULL Eci Parameter, EciParms=%p\n");
+constexpr TracePoint nullChannel        = tpExc  (1510, "API.QPX_ECI_Execute_Channel() NULL channel, channel=%p\n");
+constexpr TracePoint channelAndCommarea = tpExc  (1511, "API.QPX_ECI_Execute_Channel() EciParms contains a channel and a COMMAREA, channel=%p, eci_commarea=%p\n");
+constexpr TracePoint closing            = tpExc  (1512, "API.QPX_ECI_Execute_Channel() %s call attempted while connection is closing\n");
+constexpr TracePoint recordBefore       = tpDebug(1513, "API.QPX_ECI_Execute_Channel() EciParms=%p len=%d stopword=%8.8X\n");
+// Deliberate: no parentheses behind the function's name.
+constexpr TracePoint recordAfter        = tpDebug(1515, "API.QPX_ECI_Execute_Channel EciParms=%p len=%d stopword=%8.8X\n");
+constexpr TracePoint exit               = tpExit (1516, "API.QPX_ECI_Execute_Channel() rc=%d (%s)\n");
+constexpr TracePoint channelStays       = tpExc  (1564, "API.QPX_ECI_Execute_Channel() Unlock channel failed\n");
+constexpr TracePoint notUnregistered    = tpExc  (1565, "API.QPX_ECI_Execute_Channel() Unregister request failed\n");
+}
+
 namespace tp::performEciExecute {
 constexpr TracePoint entry           = tpEntry(1517, "clapi_eci.performEciExecute(gwTok=%p, EciParms=%p, useChannel=%s)\n");
 constexpr TracePoint noLock          = tpExc  (1518, "clapi_eci.performEciExecute() Failed to lock slot table\n");
@@ -52,6 +67,7 @@ constexpr TracePoint freeing          = tpDebug(1544, "clapi_eci.getAsyncReply()
 constexpr TracePoint counted          = tpDebug(1545, "clapi_eci.getAsyncReply() Async requests=%d on gwTok=%p\n");
 constexpr TracePoint notArmedAfterwards = tpExc(1546, "clapi_eci.getAsyncReply() Failed to set asyncReplyEvent\n");
 constexpr TracePoint exit             = tpExit (1547, "clapi_eci.getAsyncReply() rc=%d (%s)\n");
+constexpr TracePoint channelStays     = tpExc  (1566, "clapi_eci.getAsyncReply() Unlock channel failed\n");
 constexpr TracePoint notOpen          = tpExc  (1562, "clapi_eci.getAsyncReply() Connection status not open\n");
 }
 

@@ -141,6 +141,10 @@ typedef struct _ESIRequest {
     ESI_DETAILS details; // from the reply
 } ESIRequest;
 
+/* Sets the header's datalength and sends the request. User id and passwords are not null. */
+int clapiFlowESIRequest(Socket socketDesc, GatewayRequest* header, ESIRequest* request);
+
+/* Reads a reply's body into the request. Socket errors stay in the buffer's socketErr. */
 void clapiReadESIResponse(SocketBuffer* sockBuffer, ESIRequest* request);
 
 #endif

@@ -198,6 +198,9 @@ void clapiEndFailedSending(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP)
  * while waiting. */
 void clapiAwaitEndOfReading(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP);
 
+/* Frees the slot of a request that has failed, without further checks. Locks: takes tableLock. */
+void clapiDropSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
+
 /* Returns when no flow is being written. Thread: the receiver. Locks: takes tableLock. */
 void clapiWaitForSenders(_QPX_ConnToken_t* gwTokPtr);
 

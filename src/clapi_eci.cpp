@@ -381,15 +381,6 @@ static int sendRequest(EciCall* call, bool* begun)
     return rc;
 }
 
-/* Frees the slot of a call that has failed, without further checks. */
-static void dropSlot(EciCall* call)
-{
-    LockGuard table(call->gwTok->tableLock);
-    if (!table.held()) return;
-    clapiAwaitEndOfReading(call->gwTok, call->slotP);
-    slotFree(&call->gwTok->table, call->slotP);
-}
-
 /* ---- Asynchronous calls ---- */
 
 /* Lowers the count of asynchronous requests; it may have been set to 0 by a close.
@@ -456,7 +447,7 @@ static int performAsyncCall(EciCall* call)
     if (rc != ECI_NO_ERROR && begun)
         rc = failAsyncCall(call, rc);
     else if (rc != ECI_NO_ERROR)
-        dropSlot(call);
+        clapiDropSlot(call->gwTok, call->slotP);
 
     if (rc == ECI_NO_ERROR) call->results->eci_message_qualifier = call->messageId;
     return rc;
@@ -507,7 +498,7 @@ static int performSyncCall(EciCall* call)
     if (rc == ECI_NO_ERROR) rc = sendRequest(call, &begun);
     if (rc == ECI_NO_ERROR) rc = awaitReply(call);
     if (rc == ECI_NO_ERROR) rc = releaseSlot(call);
-    if (rc != ECI_NO_ERROR && call->slotP != nullptr) dropSlot(call);
+    if (rc != ECI_NO_ERROR && call->slotP != nullptr) clapiDropSlot(call->gwTok, call->slotP);
     return rc;
 }
 
@@ -515,7 +506,7 @@ static int performCall(EciCall* call)
 {
     int rc = obtainSlot(call);
     if (rc != ECI_NO_ERROR) {
-        if (call->slotP != nullptr) dropSlot(call);
+        if (call->slotP != nullptr) clapiDropSlot(call->gwTok, call->slotP);
         return rc;
     }
     buildRequest(call);

@@ -1,11 +1,19 @@
 /*
- * The security service: its return codes, their names, and the Gateway's codes for them.
+ * The security service: verifying and changing passwords, the times that it returns, its return
+ * codes, their names, and the Gateway's codes for them.
+ *
+ * Locks: tableLock for slots, sendLock for one flow; never both, and neither across a wait.
+ * Passwords stay where the application has them; nothing here copies or traces one.
  */
+#include <algorithm>
+#include <cstring>
 
 #include "clapi_diag.h"
 #include "clapi_types.h"
-
+#include "request_steps.h"
 #include "trace_points/clapi_esi.h"
+
+/* ---- Return codes ---- */
 
 /* A code of the ESI family, its name, and the code that the Gateway reports for it. */
 struct EsiRc {
@@ -60,4 +68,280 @@ int mapGwyRc(int rc)
     int newRc = esiRcFor(rc);
     TRACE(at::mapped, rc, newRc);
     return newRc;
+}
+
+/* ---- One request ---- */
+
+/* What kind of request it is on the wire. */
+constexpr int ESI_VERIFY = 0;
+constexpr int ESI_CHANGE = 1;
+
+/* The trace lines of the steps of a request. */
+struct EsiLines {
+    static constexpr const TracePoint& noLock = tp::performEsiFlow::noLock;
+    static constexpr const TracePoint& notUnlocked = tp::performEsiFlow::notUnlocked;
+    static constexpr const TracePoint& notArmed = tp::performEsiFlow::notArmed;
+    static constexpr const TracePoint& noSendLock = tp::performEsiFlow::noSendLock;
+    static constexpr const TracePoint& sendLockStays = tp::performEsiFlow::sendLockStays;
+    static constexpr const TracePoint& noLockToFree = tp::performEsiFlow::noLockToFree;
+    static constexpr const TracePoint& notUnlockedAfterFree =
+        tp::performEsiFlow::notUnlockedAfterFree;
+};
+
+static int sendEsiRequest(_QPX_ConnToken_t* gwTok, RequestSlot* slotP, ESIRequest* esiRequest)
+{
+    GatewayRequest header;
+    clapiBuildRequestHeader(&header, slotP->messageId, ESI_REQUEST_NAME);
+    return sendRequest<EsiLines>(gwTok, slotP, [&](Socket socketDescriptor) {
+        return clapiFlowESIRequest(socketDescriptor, &header, esiRequest);
+    });
+}
+
+/* The outcome of a request that has been waited for. */
+static int esiResult(const RequestSlot* slotP)
+{
+    return slotP->gatewayRc != QPX_OK ? slotP->gatewayRc : mapGwyRc(slotP->vornRc);
+}
+
+static int exchange(_QPX_ConnToken_t* gwTok, ESIRequest* esiRequest, ESI_DETAILS* esiDetails)
+{
+    RequestSlot* slotP = nullptr;
+    int rc = obtainRequestSlot<EsiLines>(
+        gwTok, &slotP, [&](RequestSlot* taken) { taken->esiDetails = esiDetails; });
+    if (slotP == nullptr) return rc;
+
+    if (rc == QPX_OK) rc = armRequestEvent<EsiLines>(slotP);
+    if (rc == QPX_OK) rc = sendEsiRequest(gwTok, slotP, esiRequest);
+    if (rc == QPX_OK && clapiWaitEvent(&slotP->requestEvent) != 0) rc = QPX_ERR_SYSTEM_ERROR;
+    if (rc != QPX_OK) {
+        clapiDropSlot(gwTok, slotP);
+        return rc;
+    }
+    rc = esiResult(slotP);
+    bool released = releaseRequestSlot<EsiLines>(gwTok, slotP) == QPX_OK;
+    return firstFailure(rc, released ? QPX_OK : ESI_ERR_SYSTEM_ERROR);
+}
+
+static int performEsiFlow(QPX_ConnToken_t gwTok, ESIRequest* esiRequest, ESI_DETAILS* esiDetails)
+{
+    namespace at = tp::performEsiFlow;
+
+    TRACE(at::entry, gwTok, esiRequest, esiDetails);
+    int rc = exchange(gwTok, esiRequest, esiDetails);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- Verifying and changing ---- */
+
+static bool isMissing(const char* text)
+{
+    return text == nullptr || text[0] == '\0';
+}
+
+/* A server's name as the request carries it: cut to its field, zeros for none. */
+static void setServer(ESIRequest* request, const char* server)
+{
+    if (server != nullptr) memcpy(request->server, server, strnlen(server, sizeof request->server));
+}
+
+static int refuseIfClosing(const _QPX_ConnToken_t* gwTok)
+{
+    return gwTok->closedown != 0 ? QPX_ERR_GWTOK_CLOSED : QPX_OK;
+}
+
+/* Nothing of the token may be touched behind the unregistering. */
+template <const TracePoint& notUnregistered>
+static int unregisterCall(QPX_ConnToken_t gwTok)
+{
+    if (clapiUnregisterRequest(gwTok) == QPX_OK) return QPX_OK;
+    TRACE(notUnregistered);
+    return ESI_ERR_SYSTEM_ERROR;
+}
+
+static int checkVerify(const ESIRequest& request)
+{
+    namespace at = tp::QPX_ESI_verifyPassword;
+
+    if (isMissing(request.userID)) {
+        TRACE(at::nullUserid, request.userID);
+        return ESI_ERR_NULL_USERID;
+    }
+    if (isMissing(request.currentPassword)) {
+        TRACE(at::nullPassword, request.currentPassword);
+        return ESI_ERR_NULL_PASSWORD;
+    }
+    return QPX_OK;
+}
+
+static int verifyPassword(QPX_ConnToken_t gwTok, ESIRequest* request, const char* server,
+                          ESI_DETAILS* esiDetailsPtr)
+{
+    namespace at = tp::QPX_ESI_verifyPassword;
+
+    if (gwTok == nullptr) {
+        TRACE(at::nullToken, gwTok);
+        return QPX_ERR_NULLGWTOK;
+    }
+    int rc = clapiRegisterRequest(gwTok);
+    if (rc != QPX_OK) return rc;
+
+    rc = refuseIfClosing(gwTok);
+    if (rc == QPX_OK) rc = checkVerify(*request);
+    if (rc == QPX_OK) {
+        setServer(request, server);
+        TRACE(at::verifying, request->userID, traceText(server));
+        rc = performEsiFlow(gwTok, request, esiDetailsPtr);
+    }
+    return firstFailure(rc, unregisterCall<at::notUnregistered>(gwTok));
+}
+
+int QPX_ESI_verifyPassword(QPX_ConnToken_t gwTok, const char* userid, const char* password,
+                           const char* server, ESI_DETAILS* esiDetailsPtr)
+{
+    namespace at = tp::QPX_ESI_verifyPassword;
+
+    int rc = clapiInit();
+    TRACE(at::entry, gwTok, traceText(userid), traceText(server), esiDetailsPtr);
+    ESIRequest request = {};
+    request.callType = ESI_VERIFY;
+    request.userID = userid;
+    request.currentPassword = password;
+    if (rc == QPX_OK) rc = verifyPassword(gwTok, &request, server, esiDetailsPtr);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+static int checkChange(const ESIRequest& request)
+{
+    namespace at = tp::QPX_ESI_changePassword;
+
+    if (isMissing(request.userID)) {
+        TRACE(at::nullUserid, request.userID);
+        return ESI_ERR_NULL_USERID;
+    }
+    if (isMissing(request.currentPassword)) {
+        TRACE(at::nullOldPassword, request.currentPassword);
+        return ESI_ERR_NULL_PASSWORD;
+    }
+    if (isMissing(request.newPassword)) {
+        TRACE(at::nullNewPassword, request.newPassword);
+        return ESI_ERR_NULL_NEW_PASSWORD;
+    }
+    return QPX_OK;
+}
+
+static int changePassword(QPX_ConnToken_t gwTok, ESIRequest* request, const char* server,
+                          ESI_DETAILS* esiDetailsPtr)
+{
+    namespace at = tp::QPX_ESI_changePassword;
+
+    if (gwTok == nullptr) {
+        TRACE(at::nullToken, gwTok);
+        return QPX_ERR_NULLGWTOK;
+    }
+    int rc = clapiRegisterRequest(gwTok);
+    if (rc != QPX_OK) return rc;
+
+    rc = refuseIfClosing(gwTok);
+    if (rc == QPX_OK) rc = checkChange(*request);
+    if (rc == QPX_OK) {
+        setServer(request, server);
+        TRACE(at::changing, request->userID, traceText(server));
+        rc = performEsiFlow(gwTok, request, esiDetailsPtr);
+    }
+    return firstFailure(rc, unregisterCall<at::notUnregistered>(gwTok));
+}
+
+int QPX_ESI_changePassword(QPX_ConnToken_t gwTok, const char* userid, const char* oldPassword,
+                           const char* newPassword, const char* server, ESI_DETAILS* esiDetailsPtr)
+{
+    namespace at = tp::QPX_ESI_changePassword;
+
+    int rc = clapiInit();
+    TRACE(at::entry, gwTok, traceText(userid), traceText(server), esiDetailsPtr);
+    ESIRequest request = {};
+    request.callType = ESI_CHANGE;
+    request.userID = userid;
+    request.currentPassword = oldPassword;
+    request.newPassword = newPassword;
+    if (rc == QPX_OK) rc = changePassword(gwTok, &request, server, esiDetailsPtr);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- Times ---- */
+
+constexpr int MONTHS = 12;
+
+/* Keys of the weekday formula for a common and a leap year, and the days of each month. */
+static const int monthMods[MONTHS] = {0, 3, 3, 6, 1, 4, 6, 2, 5, 0, 3, 5};
+static const int leapMonthMods[MONTHS] = {6, 2, 3, 6, 1, 4, 6, 2, 5, 0, 3, 5};
+static const int daysInMonth[MONTHS] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+
+static int isLeapYear(int year)
+{
+    return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0 ? 1 : 0;
+}
+
+/* A month that the tables have a row for; the Gateway's always are. */
+static int tableMonth(int month)
+{
+    return std::clamp(month, 0, MONTHS - 1);
+}
+
+/* Deliberate: 2100 counts among the 2000s, and nothing is right from 2200 on. */
+static int weekDay(const ESI_DATETIME& time)
+{
+    int month = tableMonth(time.month);
+    int key = isLeapYear(time.year) != 0 ? leapMonthMods[month] : monthMods[month];
+    int64_t year = int64_t{time.year} - 1900;
+    int century = 0;
+    if (time.year > 2100) {
+        year = int64_t{time.year} - 2100;
+        century = 4;
+    } else if (time.year > 2000) {
+        year = int64_t{time.year} - 2000;
+        century = 6;
+    }
+    return static_cast<int>((year + century + year / 4 + key + time.day) % 7);
+}
+
+/* Deliberate: 1 January is day 1. */
+static int dayOfYear(const ESI_DATETIME& time)
+{
+    int month = tableMonth(time.month);
+    int64_t days = time.day;
+    for (int before = 0; before < month; ++before) days += daysInMonth[before];
+    if (month > 1 && isLeapYear(time.year) != 0) days += 1;
+    return static_cast<int>(days);
+}
+
+static void fillTime(const ESI_DATETIME& time, struct tm* result)
+{
+    namespace at = tp::QPX_ESI_convertTime;
+
+    *result = {};
+    if (time.year == 0) return; // not set by the server
+    result->tm_wday = weekDay(time);
+    result->tm_yday = dayOfYear(time);
+    result->tm_isdst = -1;
+    result->tm_year = static_cast<int>(static_cast<unsigned int>(time.year) - 1900u);
+    result->tm_mon = time.month;
+    result->tm_mday = time.day;
+    result->tm_hour = time.hour;
+    result->tm_min = time.minute;
+    result->tm_sec = time.second;
+    TRACE(at::members, result->tm_year, result->tm_mon, result->tm_mday, result->tm_hour,
+          result->tm_min, result->tm_sec, result->tm_wday, result->tm_yday);
+}
+
+struct tm* QPX_ESI_convertTime(const ESI_DATETIME* esiTime, struct tm* result)
+{
+    namespace at = tp::QPX_ESI_convertTime;
+
+    TRACE(at::entry, esiTime, result);
+    if (esiTime != nullptr && result != nullptr) fillTime(*esiTime, result);
+    TRACE(at::exit);
+    return result;
 }

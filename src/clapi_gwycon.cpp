@@ -130,9 +130,17 @@ static void growReplyBuffer(RequestSlot* slotP, int inboundLength)
     slotP->eciParms.eci_commarea = buffer;
 }
 
-/* Says where an ECI reply goes. Locks: tableLock held. */
+/* A query for the list of systems, which is no call of the application's record. */
+static bool isSystemListQuery(const RequestSlot* slotP)
+{
+    return slotP->eciParms.eci_call_type == 0;
+}
+
+/* Says where an ECI reply goes. A list that comes with a failure goes nowhere.
+ * Locks: tableLock held. */
 static void loadReplyRecord(Receiver* r, RequestSlot* slotP)
 {
+    if (isSystemListQuery(slotP) && r->header.gatewayRc != QPX_OK) return;
     growReplyBuffer(slotP, clapiPeekInboundLength(&r->sockBuffer));
     r->eciReply.commarea = slotP->eciParms.eci_commarea;
     r->eciReply.capacity = slotP->replyCapacity;

@@ -329,6 +329,14 @@ void clapiAwaitEndOfReading(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP
         pthread_cond_wait(&gwTokPtr->transferEnded, &gwTokPtr->tableLock.lock);
 }
 
+void clapiDropSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
+{
+    LockGuard table(gwTokPtr->tableLock);
+    if (!table.held()) return;
+    clapiAwaitEndOfReading(gwTokPtr, slotP);
+    slotFree(&gwTokPtr->table, slotP);
+}
+
 void clapiEndFailedSending(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP)
 {
     LockGuard table(gwTokPtr->tableLock);

@@ -1,16 +1,20 @@
 /*
  * The library's frame: its one-time initialisation, versions and state dump, the trace calls and
- * their environment variables, the names of return codes, and the connection calls. These check
- * their arguments and leave the work on tokens to clapi_gwytok.
+ * their environment variables, the names of return codes, the connection calls, which check
+ * their arguments and leave the work on tokens to clapi_gwytok, and the query for the list of
+ * systems.
  *
- * Locks: takes traceLock to change trace settings, correlatorLock for the correlator.
+ * Locks: takes traceLock to change trace settings, correlatorLock for the correlator, tableLock
+ * and sendLock, never together, for a query.
  */
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 
 #include "clapi_diag.h"
 #include "clapi_types.h"
+#include "request_steps.h"
 #include "trace_points/clapi_impl.h"
 
 int clapiState = 0;
@@ -719,6 +723,156 @@ int QPX_getApplidQualifier(QPX_ConnToken_t gwTok, char** applidQualifier)
     int rc = clapiInit();
     TRACE(at::entry, gwTok, applidQualifier);
     if (rc == QPX_OK) rc = lendApplidQualifier(gwTok, applidQualifier);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* ---- The list of systems ---- */
+
+/* A query and what the application gave for it. */
+struct ListQuery {
+    _QPX_ConnToken_t* gwTok;
+    unsigned short* Systems;
+    QPX_listSystem_t* List;
+    unsigned short capacity; // entries that List has room for
+};
+
+/* The trace lines of the steps of a query. */
+struct ListLines {
+    static constexpr const TracePoint& noLock = tp::QPX_listSystems::noLock;
+    static constexpr const TracePoint& notUnlocked = tp::QPX_listSystems::notUnlocked;
+    static constexpr const TracePoint& notArmed = tp::QPX_listSystems::notArmed;
+    static constexpr const TracePoint& noSendLock = tp::QPX_listSystems::noSendLock;
+    static constexpr const TracePoint& sendLockStays = tp::QPX_listSystems::sendLockStays;
+    static constexpr const TracePoint& noLockToFree = tp::QPX_listSystems::noLockToFree;
+    static constexpr const TracePoint& notUnlockedAfterFree =
+        tp::QPX_listSystems::notUnlockedAfterFree;
+};
+
+/* Tells the receiver where the reply goes. */
+static void prepareListSlot(const ListQuery& query, RequestSlot* slotP)
+{
+    slotP->eciParms.eci_commarea = reinterpret_cast<char*>(query.List);
+    slotP->replyCapacity = query.capacity * sizeof(QPX_listSystem_t);
+}
+
+/* The query as it goes out. */
+struct ListRequest {
+    GatewayRequest header;
+    ECIRequest body;
+};
+
+static void buildListRequest(const ListQuery& query, int messageId, ListRequest* request)
+{
+    clapiBuildRequestHeader(&request->header, messageId, ECI_REQUEST_NAME);
+    request->body.callType = WIRE_CALL_LIST_SYSTEMS;
+    request->body.commarea = reinterpret_cast<char*>(query.List);
+    request->body.server_num = query.capacity;
+    request->body.xid.format = NO_XID;
+    request->body.qpxCorrelator = getNextCorrelator();
+}
+
+static int sendListRequest(_QPX_ConnToken_t* gwTok, RequestSlot* slotP, ListRequest* request)
+{
+    return sendRequest<ListLines>(gwTok, slotP, [&](Socket socketDescriptor) {
+        return clapiFlowECIRequest(socketDescriptor, &request->header, &request->body);
+    });
+}
+
+/* Turns blanks behind a name into NULs. Deliberate: a first character that is one stays. */
+static void trimSystemName(QPX_listSystem_t* system)
+{
+    size_t last = sizeof system->SystemName - 1;
+    while (last > 0 && (system->SystemName[last] == ' ' || system->SystemName[last] == '\0')) {
+        system->SystemName[last] = '\0';
+        last -= 1;
+    }
+}
+
+/* The outcome of a query that has been waited for; the reply is in the application's list. */
+static int listResult(const ListQuery& query, const RequestSlot* slotP)
+{
+    if (slotP->gatewayRc != QPX_OK) return slotP->gatewayRc;
+
+    unsigned short reported = static_cast<unsigned short>(slotP->eciParms.eci_luw_token);
+    *query.Systems = reported;
+    // The Gateway may report more than there is room for.
+    unsigned short listed = std::min(reported, query.capacity);
+    for (unsigned short i = 0; i < listed; ++i) trimSystemName(&query.List[i]);
+    return slotP->vornRc;
+}
+
+static int performListQuery(const ListQuery& query)
+{
+    RequestSlot* slotP = nullptr;
+    int rc = obtainRequestSlot<ListLines>(
+        query.gwTok, &slotP, [&](RequestSlot* taken) { prepareListSlot(query, taken); });
+    if (slotP == nullptr) return rc;
+
+    ListRequest request = {};
+    buildListRequest(query, slotP->messageId, &request);
+    if (rc == QPX_OK) rc = armRequestEvent<ListLines>(slotP);
+    if (rc == QPX_OK) rc = sendListRequest(query.gwTok, slotP, &request);
+    if (rc == QPX_OK && clapiWaitEvent(&slotP->requestEvent) != 0) rc = QPX_ERR_SYSTEM_ERROR;
+    if (rc != QPX_OK) {
+        clapiDropSlot(query.gwTok, slotP);
+        return rc;
+    }
+    rc = listResult(query, slotP);
+    // Deliberate: a failure here takes the place of whatever the Gateway said.
+    return firstFailure(releaseRequestSlot<ListLines>(query.gwTok, slotP), rc);
+}
+
+static int checkListQuery(const ListQuery& query)
+{
+    namespace at = tp::QPX_listSystems;
+
+    if (query.gwTok->closedown != 0) return QPX_ERR_GWTOK_CLOSED;
+    if (query.Systems == nullptr) {
+        TRACE(at::nullSystems, query.Systems);
+        return QPX_ERR_NULLPTR;
+    }
+    if (query.List == nullptr) {
+        TRACE(at::nullList, query.List);
+        return QPX_ERR_NULLPTR;
+    }
+    return QPX_OK;
+}
+
+static int listSystems(ListQuery* query)
+{
+    namespace at = tp::QPX_listSystems;
+
+    if (query->gwTok == nullptr) {
+        TRACE(at::nullToken, query->gwTok);
+        return QPX_ERR_NULLGWTOK;
+    }
+    int rc = clapiRegisterRequest(query->gwTok);
+    if (rc != QPX_OK) return rc;
+
+    rc = checkListQuery(*query);
+    if (rc == QPX_OK) {
+        query->capacity = *query->Systems;
+        rc = performListQuery(*query);
+    }
+    if (clapiUnregisterRequest(query->gwTok) != QPX_OK) {
+        TRACE(at::notUnregistered);
+        rc = firstFailure(rc, QPX_ERR_SYSTEM_ERROR);
+    }
+    return rc;
+}
+
+int QPX_listSystems(QPX_ConnToken_t gwTok, unsigned short* Systems, QPX_listSystem_t* List)
+{
+    namespace at = tp::QPX_listSystems;
+
+    int rc = clapiInit();
+    TRACE(at::entry, gwTok, Systems, List);
+    ListQuery query = {};
+    query.gwTok = gwTok;
+    query.Systems = Systems;
+    query.List = List;
+    if (rc == QPX_OK) rc = listSystems(&query);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }

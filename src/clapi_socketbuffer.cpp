@@ -109,6 +109,7 @@ static void freeMaskArea(MaskArea* item)
 {
     if (item == nullptr) return;
     freeMaskArea(static_cast<MaskArea*>(item->nextItem));
+    explicit_bzero(item, sizeof *item + item->length);
     free(item);
 }
 

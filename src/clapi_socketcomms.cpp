@@ -761,6 +761,67 @@ int clapiPeekInboundLength(const SocketBuffer* sockBuffer)
     return peekInt(sockBuffer, INBOUND_LENGTH_AT);
 }
 
+/* ---- ESI requests ---- */
+
+/* What kind of request it is; a change carries a second password. */
+constexpr int ESI_CHANGE_PASSWORD = 1;
+
+/* Bytes of a request's body without its passwords. */
+constexpr int64_t ESI_FIXED_SIZE = 26;
+
+constexpr size_t WIRE_ESI_USERID_SIZE = 10;
+
+/* The length of a request's body, or -1 for more than a message can have. */
+static int calculateESIRequestSize(ESIRequest* request)
+{
+    namespace at = tp::calculateESIRequestSize;
+
+    TRACE(at::entry, request);
+    int64_t length = ESI_FIXED_SIZE + static_cast<int64_t>(strlen(request->currentPassword));
+    if (request->callType == ESI_CHANGE_PASSWORD)
+        length += INT_SIZE + static_cast<int64_t>(strlen(request->newPassword));
+    int size = length <= std::numeric_limits<int>::max() ? static_cast<int>(length) : -1;
+    TRACE(at::exit, size);
+    return size;
+}
+
+static void writeESIBody(SocketBuffer* sockBuffer, const ESIRequest* request)
+{
+    writeInt(sockBuffer, request->callType);
+    writePaddedBytes(sockBuffer, request->userID, strlen(request->userID), WIRE_ESI_USERID_SIZE);
+    writePassword(sockBuffer, request->currentPassword);
+    writeBytes(sockBuffer, request->server, sizeof request->server);
+    if (request->callType == ESI_CHANGE_PASSWORD) writePassword(sockBuffer, request->newPassword);
+}
+
+static int sendESIRequest(Socket socketDesc, GatewayRequest* header, ESIRequest* request)
+{
+    header->datalength = calculateESIRequestSize(request);
+    if (header->datalength < 0) return QPX_ERR_MALLOCFAIL;
+
+    SocketBuffer sockBuffer = {};
+    int rc = initWriteBuffer(&sockBuffer, socketDesc, messageSize(header));
+    if (rc != QPX_OK) return rc;
+
+    writeHeader(&sockBuffer, header);
+    writeESIBody(&sockBuffer, request);
+
+    rc = flushBuffer(&sockBuffer);
+    // Deliberate: unlike other flows, this one frees its buffer without a trace.
+    wipeBuffer(&sockBuffer);
+    return rc;
+}
+
+int clapiFlowESIRequest(Socket socketDesc, GatewayRequest* header, ESIRequest* request)
+{
+    namespace at = tp::clapiFlowESIRequest;
+
+    TRACE(at::entry, traceSocket(socketDesc), header, request);
+    int rc = sendESIRequest(socketDesc, header, request);
+    TRACE(at::exit, rc);
+    return rc;
+}
+
 /* ---- ESI replies ---- */
 
 static void readTime(SocketBuffer* sockBuffer, ESI_DATETIME* time)

@@ -32,6 +32,23 @@ constexpr TracePoint closed = tpEvent(1015, "API.QPX_closeAllGatewayConnections(
 constexpr TracePoint exit   = tpExit (1016, "API.QPX_closeAllGatewayConnections() rc=%d (%s)\n");
 }
 
+namespace tp::QPX_listSystems {
+constexpr TracePoint entry                = tpEntry(1017, "API.QPX_listSystems(gwTok=%p, Systems=%p, List=%p)\n");
+constexpr TracePoint nullToken            = tpExc  (1018, "API.QPX_listSystems() NULL gateway token, gwTok=%p\n");
+constexpr TracePoint nullSystems          = tpExc  (1019, "API.QPX_listSystems() NULL Systems Parameter, Systems=%p\n");
+constexpr TracePoint nullList             = tpExc  (1020, "API.QPX_listSystems() NULL List Parameter, List=%p\n");
+constexpr TracePoint noLock               = tpExc  (1021, "API.QPX_listSystems() Failed to lock slot table\n");
+constexpr TracePoint notUnlocked          = tpExc  (1022, "API.QPX_listSystems() Failed to unlock slot table\n");
+constexpr TracePoint notArmed             = tpExc  (1023, "API.QPX_listSystems() Failed to set request event\n");
+constexpr TracePoint noSendLock           = tpExc  (1024, "API.QPX_listSystems() Failed to acquire send lock\n");
+constexpr TracePoint sendLockStays        = tpExc  (1025, "API.QPX_listSystems() Failed to release send lock\n");
+constexpr TracePoint noLockToFree         = tpExc  (1026, "API.QPX_listSystems() Failed to lock slot table to free slot\n");
+constexpr TracePoint notUnlockedAfterFree = tpExc  (1027, "API.QPX_listSystems() Failed to unlock slot table after freeing slot\n");
+constexpr TracePoint exit                 = tpExit (1028, "API.QPX_listSystems() rc=%d (%s)\n");
+// Deliberate: another call's ENTRY line has the same number.
+constexpr TracePoint notUnregistered      = tpExc  (1080, "API.QPX_listSystems() Unregister request failed\n");
+}
+
 namespace tp::QPX_getAPIVersion {
 constexpr TracePoint entry   = tpEntry(1029, "API.QPX_getAPIVersion(apiVersPtr=%p)\n");
 constexpr TracePoint nullPtr = tpExc  (1030, "API.QPX_getAPIVersion() Supplied pointer is NULL, apiVersPtr=%p\n");

@@ -1,0 +1,109 @@
+/*
+ * request_steps.h - the steps of a request that is sent and waited for, which is not a program
+ * call: a password request, or the query for the list of systems.
+ *
+ * Lines names the trace lines of whoever makes the request: noLock, notUnlocked, notArmed,
+ * noSendLock, sendLockStays, noLockToFree, notUnlockedAfterFree.
+ */
+#ifndef REQUEST_STEPS_H
+#define REQUEST_STEPS_H
+
+#include "clapi_diag.h"
+#include "clapi_types.h"
+
+/* Takes a slot and has prepare(slot) put into it where the reply goes. *slotPP stays null if no
+ * slot has been taken. */
+template <typename Lines, typename Prepare>
+int obtainRequestSlot(_QPX_ConnToken_t* gwTok, RequestSlot** slotPP, Prepare prepare)
+{
+    LockGuard table(gwTok->tableLock);
+    if (!table.held()) {
+        TRACE(Lines::noLock);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    RequestSlot* slotP = nullptr;
+    int rc = slotFind(&gwTok->table, 0, &slotP);
+    if (rc == QPX_OK) {
+        prepare(slotP);
+        *slotPP = slotP;
+    }
+    if (table.release() != 0) {
+        TRACE(Lines::notUnlocked);
+        rc = firstFailure(rc, QPX_ERR_SYSTEM_ERROR);
+    }
+    return rc;
+}
+
+template <typename Lines>
+int armRequestEvent(RequestSlot* slotP)
+{
+    if (clapiSetEvent(&slotP->requestEvent) == 0) return QPX_OK;
+    TRACE(Lines::notArmed);
+    return QPX_ERR_SYSTEM_ERROR;
+}
+
+/* Hands the slot over to the receiver, if the connection still stands; *begun tells. */
+template <typename Lines>
+int beginRequest(_QPX_ConnToken_t* gwTok, RequestSlot* slotP, bool* begun)
+{
+    LockGuard table(gwTok->tableLock);
+    if (!table.held()) {
+        TRACE(Lines::noLock);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    *begun = clapiBeginSending(gwTok, slotP);
+    if (table.release() == 0) return QPX_OK;
+    TRACE(Lines::notUnlocked);
+    return QPX_ERR_SYSTEM_ERROR;
+}
+
+template <typename Lines, typename WriteFlow>
+int writeRequest(_QPX_ConnToken_t* gwTok, Socket socketDescriptor, WriteFlow writeFlow)
+{
+    LockGuard sending(gwTok->sendLock);
+    if (!sending.held()) {
+        TRACE(Lines::noSendLock);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    int rc = writeFlow(socketDescriptor);
+    if (sending.release() != 0) {
+        TRACE(Lines::sendLockStays);
+        rc = firstFailure(rc, QPX_ERR_SYSTEM_ERROR);
+    }
+    return rc;
+}
+
+/* Has writeFlow(socket) send the request. The socket of a connection that has ended may be
+ * another's by now, and that one shall see nothing of it: the flow then goes to no socket, with
+ * the same result as on a closed one. */
+template <typename Lines, typename WriteFlow>
+int sendRequest(_QPX_ConnToken_t* gwTok, RequestSlot* slotP, WriteFlow writeFlow)
+{
+    bool begun = false;
+    int rc = beginRequest<Lines>(gwTok, slotP, &begun);
+    Socket socketDescriptor = begun ? gwTok->socketDescriptor.load() : NO_SOCKET;
+    if (rc == QPX_OK) rc = writeRequest<Lines>(gwTok, socketDescriptor, writeFlow);
+    if (!begun) return rc;
+    if (rc == QPX_OK)
+        clapiEndSending(gwTok);
+    else
+        clapiEndFailedSending(gwTok, slotP);
+    return rc;
+}
+
+/* Frees the slot after the reply. Deliberate: without the lock the slot stays allocated. */
+template <typename Lines>
+int releaseRequestSlot(_QPX_ConnToken_t* gwTok, RequestSlot* slotP)
+{
+    LockGuard table(gwTok->tableLock);
+    if (!table.held()) {
+        TRACE(Lines::noLockToFree);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    slotFree(&gwTok->table, slotP);
+    if (table.release() == 0) return QPX_OK;
+    TRACE(Lines::notUnlockedAfterFree);
+    return QPX_ERR_SYSTEM_ERROR;
+}
+
+#endif

@@ -19,6 +19,7 @@
 
 #include "clapi_diag.h"
 #include "clapi_types.h"
+#include "schedule_points.h"
 #include "trace_points/clapi_channel.h"
 
 static const char CHANNEL_EYECATCHER[] = "QPXCHANN";
@@ -206,6 +207,7 @@ static int awaitUnlocked(ECI_Channel_t* channel, LockGuard* serLock)
         TRACE(at::notReleased, channel);
         return ECI_ERR_SYSTEM_ERROR;
     }
+    SCHEDULE_POINT(beforeChannelWait, channel);
     if (clapiWaitEvent(&channel->unlockEvent) != 0) {
         TRACE(at::waitFailed, channel);
         return ECI_ERR_SYSTEM_ERROR;

@@ -12,6 +12,7 @@
 
 #include "clapi_diag.h"
 #include "clapi_types.h"
+#include "schedule_points.h"
 #include "trace_points/clapi_eci.h"
 
 /* ---- Names ---- */
@@ -303,9 +304,12 @@ static int armRequestEvent(EciCall* call)
 {
     namespace at = tp::performEciExecute;
 
-    if (clapiSetEvent(&call->slotP->requestEvent) == 0) return ECI_NO_ERROR;
-    TRACE(at::notArmed);
-    return ECI_ERR_SYSTEM_ERROR;
+    if (clapiSetEvent(&call->slotP->requestEvent) != 0) {
+        TRACE(at::notArmed);
+        return ECI_ERR_SYSTEM_ERROR;
+    }
+    SCHEDULE_POINT(requestArmed, call->slotP);
+    return ECI_NO_ERROR;
 }
 
 /* ---- Sending ---- */
@@ -374,6 +378,7 @@ static int sendRequest(EciCall* call, bool* begun)
     int rc = beginSending(call, begun);
     if (rc == ECI_NO_ERROR) rc = writeRequest(call);
     if (!*begun) return rc;
+    SCHEDULE_POINT(requestWritten, call->slotP);
     if (rc == ECI_NO_ERROR)
         clapiEndSending(call->gwTok);
     else
@@ -458,6 +463,7 @@ static int performAsyncCall(EciCall* call)
 static int awaitReply(EciCall* call)
 {
     RequestSlot* slotP = call->slotP;
+    SCHEDULE_POINT(beforeReplyWait, slotP);
     if (clapiWaitEvent(&slotP->requestEvent) != 0) return ECI_ERR_SYSTEM_ERROR;
 
     // These two are results whatever the codes say.
@@ -586,6 +592,7 @@ static int sleepUntilReply(const Collection& wanted, LockGuard* table)
         TRACE(at::notUnlocked);
         return ECI_ERR_SYSTEM_ERROR;
     }
+    SCHEDULE_POINT(beforeQueueWait, wanted.gwTok);
     if (clapiWaitEventSince(replyEvent, generation) != 0) {
         TRACE(at::waitFailed);
         return ECI_ERR_SYSTEM_ERROR;

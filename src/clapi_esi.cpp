@@ -112,7 +112,7 @@ static int exchange(_QPX_ConnToken_t* gwTok, ESIRequest* esiRequest, ESI_DETAILS
 
     if (rc == QPX_OK) rc = armRequestEvent<EsiLines>(slotP);
     if (rc == QPX_OK) rc = sendEsiRequest(gwTok, slotP, esiRequest);
-    if (rc == QPX_OK && clapiWaitEvent(&slotP->requestEvent) != 0) rc = QPX_ERR_SYSTEM_ERROR;
+    if (rc == QPX_OK) rc = awaitReply(slotP);
     if (rc != QPX_OK) {
         clapiDropSlot(gwTok, slotP);
         return rc;

@@ -22,6 +22,7 @@
 #include "clapi_diag.h"
 #include "clapi_types.h"
 #include "descriptor_set.h"
+#include "schedule_points.h"
 #include "trace_points/clapi_gwycon.h"
 
 static int sockOptOn = 1;
@@ -224,6 +225,7 @@ static int deliverReply(Receiver* r, ReplyKind kind)
 {
     namespace at = tp::receiverThread;
 
+    SCHEDULE_POINT(replyRead, r->slotP);
     LockGuard table(r->conn->tableLock);
     if (!table.held()) {
         TRACE(at::noLock);
@@ -287,6 +289,7 @@ static int receiveReply(Receiver* r)
     int rc = findReplySlot(r);
     if (rc != QPX_OK) return rc;
     if (r->slotP == nullptr) return QPX_OK; // nobody waits; the body is dropped
+    SCHEDULE_POINT(replyFound, r->slotP);
 
     size_t length = static_cast<size_t>(r->header.requestTypeLength);
     if (strncmp(requestType, "ECI", length) == 0) return receiveECIReply(r);
@@ -432,10 +435,12 @@ static void completeWaitingRequests(Receiver* r)
 static void endConnection(Receiver* r)
 {
     freeBuffer(&r->sockBuffer);
+    SCHEDULE_POINT(connectionEnding, r->conn);
     LockGuard table(r->conn->tableLock);
     endReading(r);
     noteLost(r);
     if (r->conn->connStatus != CONN_FAILED) completeWaitingRequests(r);
+    SCHEDULE_POINT(connectionEnded, r->conn);
 }
 
 /* Closes the socket once nobody writes to it: its number may serve another connection at once. */
@@ -446,6 +451,7 @@ static void closeConnectionSocket(_QPX_ConnToken_t* conn)
     // connecting thread, whose short flow cannot be.
     if (conn->connStatus != CONN_FAILED) shutdown(conn->socketDescriptor, SHUT_RDWR);
     clapiWaitForSenders(conn);
+    SCHEDULE_POINT(beforeSocketClose, conn);
     closeSocket(conn->socketDescriptor);
 }
 
@@ -466,6 +472,7 @@ static void* receiverThread(void* argument)
     // Deliberate: where no buffer could be made, nobody is told.
     if (conn->connStatus != CONN_FAILED) endConnection(&receiver);
     closeConnectionSocket(conn);
+    SCHEDULE_POINT(receiverEnding, conn);
     clapiClearEvent(&conn->recvThreadEndedEvent);
     // From here on a closer may free the token.
     TRACE(at::exit);
@@ -747,6 +754,7 @@ int clapiCloseConnection(_QPX_ConnToken_t* conn)
     namespace at = tp::clapiCloseConnection;
 
     TRACE(at::entry, conn);
+    SCHEDULE_POINT(beforeCloseFlow, conn);
     int rc = sendCloseFlowSafely(conn);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;

@@ -14,6 +14,7 @@
 
 #include "clapi_diag.h"
 #include "clapi_types.h"
+#include "schedule_points.h"
 #include "trace_points/clapi_gwytok.h"
 
 static const char TOKEN_EYECATCHER[] = "QPXGWTOK";
@@ -297,6 +298,7 @@ bool clapiBeginSending(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
     }
     slotP->state = SLOT_WAITING;
     gwTokPtr->senders += 1;
+    SCHEDULE_POINT(requestWaiting, slotP);
     return true;
 }
 
@@ -368,6 +370,7 @@ void clapiDeliverSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewa
     slotP->state = SLOT_DELIVERED;
     if (slotP->eciParms.eci_call_type == ECI_ASYNC) queueReply(gwTokPtr, slotP);
     clapiClearEvent(&slotP->requestEvent);
+    SCHEDULE_POINT(slotDelivered, slotP);
 }
 
 void clapiUnlinkReply(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
@@ -805,6 +808,7 @@ static int markAsClosing(_QPX_ConnToken_t* gwTokPtr)
     }
 
     gwTokPtr->closedown = 1;
+    SCHEDULE_POINT(tokenMarked, gwTokPtr);
     int calls = gwTokPtr->requestCount;
     int asyncRequests = gwTokPtr->asyncCount;
     TRACE(at::outstanding, calls, asyncRequests);
@@ -868,6 +872,7 @@ static int waitForWork(_QPX_ConnToken_t* gwToken, int closeTimeout)
     int asyncRequests = gwToken->asyncCount;
     if (calls < 1 && asyncRequests < 1) return QPX_OK;
 
+    SCHEDULE_POINT(beforeWorkWait, gwToken);
     if (closeTimeout == WAIT_WITHOUT_LIMIT) {
         TRACE(at::waiting, calls, asyncRequests);
         if (clapiWaitEvent(&gwToken->requestsEnded) != 0) {
@@ -890,6 +895,7 @@ static void waitForReceiver(_QPX_ConnToken_t* gwToken)
 {
     namespace at = tp::quiesceConnection;
 
+    SCHEDULE_POINT(beforeReceiverWait, gwToken);
     if (clapiWaitEvent(&gwToken->recvThreadEndedEvent) != 0) TRACE(at::receiverStays);
 }
 
@@ -966,6 +972,7 @@ static int quiesceConnection(_QPX_ConnToken_t* gwToken, int closeTimeout)
     if (rc == QPX_OK && gwToken->connStatus == CONN_CONNECTED) rc = clapiCloseConnection(gwToken);
     waitForReceiver(gwToken);
     if (rc == QPX_OK) rc = endWork(gwToken);
+    SCHEDULE_POINT(tokenQuiesced, gwToken);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }
@@ -1045,6 +1052,7 @@ static bool unlinkForGood(_QPX_ConnToken_t* token)
     if (findGatewayToken(token, &parent) != TOKEN_FOUND) return false;
 
     unlinkFromList(token, parent);
+    SCHEDULE_POINT(tokenUnlisted, token);
     while (token->requestCount >= 1) {
         clapiSetEvent(&token->requestsEnded);
         clapiReleaseLock(&gtlLock);

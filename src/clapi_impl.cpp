@@ -813,7 +813,7 @@ static int performListQuery(const ListQuery& query)
     buildListRequest(query, slotP->messageId, &request);
     if (rc == QPX_OK) rc = armRequestEvent<ListLines>(slotP);
     if (rc == QPX_OK) rc = sendListRequest(query.gwTok, slotP, &request);
-    if (rc == QPX_OK && clapiWaitEvent(&slotP->requestEvent) != 0) rc = QPX_ERR_SYSTEM_ERROR;
+    if (rc == QPX_OK) rc = awaitReply(slotP);
     if (rc != QPX_OK) {
         clapiDropSlot(query.gwTok, slotP);
         return rc;

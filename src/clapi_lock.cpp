@@ -13,6 +13,7 @@
 #include <cstddef>
 
 #include "clapi_diag.h"
+#include "schedule_points.h"
 #include "trace_points/clapi_lock.h"
 
 /* ---- Locks ---- */
@@ -64,6 +65,7 @@ int clapiReleaseLock(Clapilock* lockPtr)
         TRACE_UNLOCKED(at::failed, lockPtr, errno);
         return -1;
     }
+    SCHEDULE_POINT(lockReleased, lockPtr);
     return 0;
 }
 

@@ -10,6 +10,7 @@
 
 #include "clapi_diag.h"
 #include "clapi_types.h"
+#include "schedule_points.h"
 
 /* Takes a slot and has prepare(slot) put into it where the reply goes. *slotPP stays null if no
  * slot has been taken. */
@@ -37,9 +38,12 @@ int obtainRequestSlot(_QPX_ConnToken_t* gwTok, RequestSlot** slotPP, Prepare pre
 template <typename Lines>
 int armRequestEvent(RequestSlot* slotP)
 {
-    if (clapiSetEvent(&slotP->requestEvent) == 0) return QPX_OK;
-    TRACE(Lines::notArmed);
-    return QPX_ERR_SYSTEM_ERROR;
+    if (clapiSetEvent(&slotP->requestEvent) != 0) {
+        TRACE(Lines::notArmed);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    SCHEDULE_POINT(requestArmed, slotP);
+    return QPX_OK;
 }
 
 /* Hands the slot over to the receiver, if the connection still stands; *begun tells. */
@@ -84,11 +88,18 @@ int sendRequest(_QPX_ConnToken_t* gwTok, RequestSlot* slotP, WriteFlow writeFlow
     Socket socketDescriptor = begun ? gwTok->socketDescriptor.load() : NO_SOCKET;
     if (rc == QPX_OK) rc = writeRequest<Lines>(gwTok, socketDescriptor, writeFlow);
     if (!begun) return rc;
+    SCHEDULE_POINT(requestWritten, slotP);
     if (rc == QPX_OK)
         clapiEndSending(gwTok);
     else
         clapiEndFailedSending(gwTok, slotP);
     return rc;
+}
+
+inline int awaitReply(RequestSlot* slotP)
+{
+    SCHEDULE_POINT(beforeReplyWait, slotP);
+    return clapiWaitEvent(&slotP->requestEvent) == 0 ? QPX_OK : QPX_ERR_SYSTEM_ERROR;
 }
 
 /* Frees the slot after the reply. Deliberate: without the lock the slot stays allocated. */

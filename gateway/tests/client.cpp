@@ -113,7 +113,29 @@ Bytes eciBody(const Call& call)
                      ? call.commarea.substr(0, static_cast<std::size_t>(call.outbound))
                      : call.commarea);
     }
-    return raw.byte(0x00).int16(0).byte(0).int32(-1).int32(1);
+    raw.byte(call.channel.empty() ? 0x00 : 0xFF).bytes(call.channel);
+    return raw.int16(0).byte(0).int32(-1).int32(1);
+}
+
+Bytes record(const std::string& name, int change, int type, int ccsid, std::size_t length,
+             const std::string& data)
+{
+    return Raw()
+        .padded(name, 16)
+        .byte(static_cast<unsigned>(change))
+        .int16(0)
+        .byte(static_cast<unsigned>(type))
+        .int32(ccsid)
+        .int32(static_cast<std::int64_t>(length))
+        .text(data);
+}
+
+Bytes channelSection(const std::string& name, int ccsid, const std::vector<Bytes>& records)
+{
+    Raw raw;
+    raw.padded(name, 16).int32(ccsid).int32(static_cast<std::int64_t>(records.size()));
+    for (const Bytes& one : records) raw.bytes(one);
+    return raw;
 }
 
 Bytes eciRequest(int messageId, const Call& call)
@@ -138,10 +160,13 @@ Reply takeApart(const Bytes& body, int extendMode)
     std::size_t length = static_cast<std::size_t>(
         reply.inboundLength.value_or(reply.commareaLength));
     if (extendMode == 2 || extendMode == 4) length = 0;
-    if (body.size() != at + length + 1)
-        throw std::runtime_error("the reply's lengths do not add up");
     const auto first = body.begin() + static_cast<std::ptrdiff_t>(at);
-    reply.commarea.assign(first, first + static_cast<std::ptrdiff_t>(length));
+    const auto end = first + static_cast<std::ptrdiff_t>(length);
+    const bool hasChannel = body.at(at + length) != 0;
+    if (hasChannel == (body.size() == at + length + 1))
+        throw std::runtime_error("the reply's lengths do not add up");
+    reply.commarea.assign(first, end);
+    reply.channel.assign(end + 1, body.end());
     return reply;
 }
 

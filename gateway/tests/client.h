@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "standin/wire.h"
 
@@ -47,6 +48,7 @@ struct Call {
     int inbound = 0;  // 0: no inbound length
     int callType = 1;
     std::string user;
+    Bytes channel; // its section; empty: no channel
 };
 Bytes eciBody(const Call& call);
 Bytes eciRequest(int messageId, const Call& call);
@@ -70,7 +72,13 @@ struct Reply {
     int commareaLength = 0;
     std::optional<int> inboundLength;
     std::string commarea;
+    Bytes channel; // its section; empty: no channel
 };
+
+// One record of a channel section, and the section itself.
+Bytes record(const std::string& name, int change, int type, int ccsid, std::size_t length,
+             const std::string& data = "");
+Bytes channelSection(const std::string& name, int ccsid, const std::vector<Bytes>& records);
 
 // Thread: one at a time.
 class Client {

@@ -403,6 +403,37 @@ TEST(DecodeEciRequest, TakesAChannelOf90Bytes)
     EXPECT_TRUE(request.channel->containers[1].data.empty());
 }
 
+TEST(DecodeEciRequest, TakesNamesOf16CharactersAndBinaryData)
+{
+    const Bytes section = {
+        'a',  'Z',  '0',  '9',  '<', '>', '$', '@', '#', '/', '%', '&', '?', '!', ':', '|', // name
+        0x00, 0x00, 0x04, 0xB8,                                                             // CCSID
+        0x00, 0x00, 0x00, 0x01,                                                             // one
+        '"',  '=',  '\'', ';',  '.', '-', '_', 'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H', 'I', // name
+        0x01, 0x00, 0x00, 0x01, // added, two zero bytes, binary data
+        0x00, 0x00, 0x00, 0x00, // CCSID
+        0x00, 0x00, 0x00, 0x03, // length
+        0x00, 0xFF, 0x80,       // data
+    };
+    const EciRequest request = decodeEciRequest(withChannel(section), 32);
+    ASSERT_TRUE(request.channel);
+    EXPECT_EQ("aZ09<>$@#/%&?!:|", request.channel->name);
+    EXPECT_EQ(1208, request.channel->ccsid);
+    ASSERT_EQ(1U, request.channel->containers.size());
+    EXPECT_EQ("\"=';.-_ABCDEFGHI", request.channel->containers[0].name);
+    EXPECT_EQ((Bytes{0x00, 0xFF, 0x80}), request.channel->containers[0].data);
+    EXPECT_EQ(99, request.correlator);
+}
+
+TEST(DecodeEciRequest, TakesAChannelWithoutContainers)
+{
+    const EciRequest request = decodeEciRequest(
+        withChannel(Raw().padded("C", 16).int32(-1).int32(0)), 32);
+    ASSERT_TRUE(request.channel);
+    EXPECT_EQ(-1, request.channel->ccsid);
+    EXPECT_TRUE(request.channel->containers.empty());
+}
+
 TEST(DecodeEciRequest, NamesTheFieldAndItsByte)
 {
     const auto spoiled = [](std::size_t offset, std::initializer_list<int> values) {
@@ -471,6 +502,37 @@ TEST(DecodeEciRequest, RefusesChannelsThatAreWrong)
               complaintAboutEci(withChannel(Raw().bytes(head).int32(-1))));
     EXPECT_EQ("2147483647 containers do not fit into the 11 bytes left at byte 109",
               complaintAboutEci(withChannel(Raw().bytes(head).int32(0x7FFFFFFF))));
+    const Bytes cutShort = Raw().bytes(head).int32(1).padded("A", 16).int32(0x01000001).int32(0);
+    EXPECT_EQ("container data needs 12 bytes but the flow has only 11 left at byte 141",
+              complaintAboutEci(withChannel(Raw().bytes(cutShort).int32(12))));
+}
+
+TEST(DecodeEciRequest, RefusesNamesThatNoChannelOrContainerCanHave)
+{
+    const auto channel = [](const Bytes& name) {
+        return withChannel(Raw().bytes(name).int32(819).int32(0));
+    };
+    const auto container = [](const Bytes& name) {
+        const Bytes head = Raw().padded("C", 16).int32(819).int32(1);
+        const Bytes tail = Raw().int32(0x01000001).int32(0).int32(0);
+        return withChannel(Raw().bytes(head).bytes(name).bytes(tail));
+    };
+    const Bytes empty = Raw().padded("", 16);
+    const Bytes blank = Raw().padded("A B", 16);
+    const Bytes blanks = Raw().padded("AB", 16, ' ');
+    const Bytes stray = Raw().padded("A", 15).byte('X');
+    EXPECT_EQ("channel name is \"\", which is no name at byte 89",
+              complaintAboutEci(channel(empty)));
+    EXPECT_EQ("channel name is \"A B\", which is no name at byte 89",
+              complaintAboutEci(channel(blank)));
+    EXPECT_EQ("channel name is \"AB              \", which is no name at byte 89",
+              complaintAboutEci(channel(blanks)));
+    EXPECT_EQ("channel name has a byte other than 0x00 behind its end at byte 104",
+              complaintAboutEci(channel(stray)));
+    EXPECT_EQ("container name is \"\", which is no name at byte 113",
+              complaintAboutEci(container(empty)));
+    EXPECT_EQ("container name is \"A B\", which is no name at byte 113",
+              complaintAboutEci(container(blank)));
 }
 
 // --------------------------------------------------------------------------------------------- ESI

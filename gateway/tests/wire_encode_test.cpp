@@ -171,6 +171,51 @@ TEST(EncodeEciReply, WritesChannelChangesWithDataForAddedAndModifiedOnly)
               Bytes(body.begin() + 25, body.end()));
 }
 
+TEST(EncodeEciReply, WritesAddedAndUnchangedContainers)
+{
+    EciReply reply;
+    reply.channel = Channel{"SIXTEEN-IS-LARGE", 1208, {}, std::nullopt};
+    reply.channel->containers.push_back(
+        {"NEW", Change::Added, kContainerBit, 0, {0x01, 0x02}, std::nullopt});
+    reply.channel->containers.push_back(
+        {"EMPTY", Change::Added, kContainerChar, 37, {}, std::nullopt});
+    reply.channel->containers.push_back(
+        {"OLD", Change::Unchanged, kContainerChar, 819, {'a', 'b', 'c'}, std::nullopt});
+    const Bytes body = encodeEciReplyBody(reply);
+    EXPECT_EQ(bytesOf({
+                  0xFF,                                                            // channel flag
+                  'S',  'I',  'X',  'T',  'E',  'E',  'N',  '-',  'I',  'S',  '-', //
+                  'L',  'A',  'R',  'G',  'E',                                     // channel name
+                  0x00, 0x00, 0x04, 0xB8,                                          // CCSID
+                  0x00, 0x00, 0x00, 0x03,                                          // three records
+                  'N',  'E',  'W',  0,    0,    0,    0,    0,    0,    0,    0,   //
+                  0,    0,    0,    0,    0,                                       //
+                  0x01, 0x00, 0x00, 0x01, // added, two bytes, binary data
+                  0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x02, 0x01, 0x02,    //
+                  'E',  'M',  'P',  'T',  'Y',  0,    0,    0,    0,    0,    0, //
+                  0,    0,    0,    0,    0,                                     //
+                  0x01, 0x00, 0x00, 0x02, // added, two bytes, character data
+                  0x00, 0x00, 0x00, 0x25, 0x00, 0x00, 0x00, 0x00,                //
+                  'O',  'L',  'D',  0,    0,    0,    0,    0,    0,    0,    0, //
+                  0,    0,    0,    0,    0,                                     //
+                  0x04, 0x00, 0x00, 0x02, // unchanged, two bytes, character data
+                  0x00, 0x00, 0x03, 0x33, 0x00, 0x00, 0x00, 0x03, // no data
+              }),
+              Bytes(body.begin() + 25, body.end()));
+}
+
+TEST(EncodeEciReply, SendsAWrongCountAndAWrongLengthAsTheyStand)
+{
+    EciReply reply;
+    reply.channel = Channel{"CH", 819, {}, 7};
+    reply.channel->containers.push_back({"A", Change::Added, kContainerBit, 0, {0x01}, 9});
+    const Bytes body = encodeEciReplyBody(reply);
+    EXPECT_EQ(bytesOf({0x00, 0x00, 0x00, 0x07}),
+              Bytes(body.begin() + 46, body.begin() + 50)); // number of records
+    EXPECT_EQ(bytesOf({0x00, 0x00, 0x00, 0x09, 0x01}),
+              Bytes(body.end() - 5, body.end())); // length and data
+}
+
 TEST(EncodeEciReply, WritesASystemListAsNumberCodeLengthAndEntries)
 {
     EciReply reply;

@@ -23,6 +23,8 @@ CallRunner::CallRunner(LogSink log) : log_(std::move(log))
 {
     programs_["ECHO"] = makeEcho();
     programs_["ABEND"] = makeAbend();
+    programs_["CHANECHO"] = makeChannelEcho();
+    programs_["CHANEDIT"] = makeChannelEdit();
 }
 
 void CallRunner::setProgram(const std::string& name, std::shared_ptr<Program> program)

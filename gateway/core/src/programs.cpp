@@ -1,9 +1,12 @@
-// The parts of a program that are the same for all, and the two programs that every Gateway has.
+// The parts of a program that are the same for all, and the programs that every Gateway has.
 
 #include "standin/program.h"
 
 #include <mutex>
 #include <utility>
+
+#include "channel_edit.h"
+#include "standin/channel_changes.h"
 
 namespace standin {
 
@@ -62,17 +65,10 @@ private:
     ReplyFunction reply_;
 };
 
-// A channel goes back as a list of changes, so an unchanged one names its containers only.
-Channel unchanged(Channel channel)
-{
-    for (Container& container : channel.containers) container.change = Change::Unchanged;
-    return channel;
-}
-
 EciReply echo(const EciRequest& request)
 {
     EciReply reply = EciReply::withCommarea(request, request.commareaAsSeenByProgram());
-    if (request.channel) reply.channel = unchanged(*request.channel);
+    if (request.channel) reply.channel = ChannelChanges(*request.channel).records();
     return reply;
 }
 
@@ -82,6 +78,22 @@ EciReply endAbnormally(const EciRequest& request)
     if (request.commarea.size() < kCodeLength) return EciReply::abend(request, "AZZZ");
     const auto first = request.commarea.begin();
     return EciReply::abend(request, std::string(first, first + kCodeLength));
+}
+
+EciReply echoChannel(const EciRequest& request)
+{
+    if (!request.channel) return EciReply::abend(request, kNoChannel);
+    EciReply reply = EciReply::to(request);
+    reply.channel = ChannelChanges(*request.channel).records();
+    return reply;
+}
+
+EciReply editChannelOf(const EciRequest& request)
+{
+    if (!request.channel) return EciReply::abend(request, kNoChannel);
+    EciReply reply = EciReply::to(request);
+    reply.channel = editChannel(*request.channel);
+    return reply;
 }
 
 } // namespace
@@ -99,6 +111,16 @@ std::shared_ptr<Program> makeEcho()
 std::shared_ptr<Program> makeAbend()
 {
     return makeProgram(endAbnormally);
+}
+
+std::shared_ptr<Program> makeChannelEcho()
+{
+    return makeProgram(echoChannel);
+}
+
+std::shared_ptr<Program> makeChannelEdit()
+{
+    return makeProgram(editChannelOf);
 }
 
 } // namespace standin

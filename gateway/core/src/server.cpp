@@ -35,7 +35,10 @@ std::string describe(const EciRequest& request)
     text += " commarea=" + std::to_string(request.commarea.size()) + "/" +
             std::to_string(request.commareaLength);
     if (request.inboundLength) text += " wanted=" + std::to_string(*request.inboundLength);
-    if (request.channel) text += " channel=" + inQuotes(request.channel->name);
+    if (request.channel) {
+        text += " channel=" + inQuotes(request.channel->name) +
+                " containers=" + std::to_string(request.channel->containers.size());
+    }
     return text;
 }
 
@@ -50,6 +53,7 @@ std::string describe(const EciReply& reply)
     std::string text = "vornRc=" + std::to_string(reply.vornRc) +
                        " token=" + std::to_string(reply.luwToken) +
                        " commarea=" + std::to_string(reply.commarea.size());
+    if (reply.channel) text += " containers=" + std::to_string(reply.channel->containers.size());
     if (reply.gatewayRc != 0) text += " gatewayRc=" + std::to_string(reply.gatewayRc);
     if (reply.vornRc == kServerAbend) {
         text += " abend=" + inQuotes(std::string(reply.abendCode.data(), reply.abendCode.size()));

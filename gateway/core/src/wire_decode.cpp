@@ -81,10 +81,18 @@ void expectFixedHandshakeData(ByteReader& in)
 
 // ----------------------------------------------------------------------------------------- channel
 
+std::string takeName(ByteReader& in, const std::string& field)
+{
+    const std::size_t start = in.offset();
+    std::string name = in.takePadded(kNameWidth, field);
+    if (!isChannelName(name)) reject(start, field + " is " + quoted(name) + ", which is no name");
+    return name;
+}
+
 Container takeContainer(ByteReader& in)
 {
     Container container;
-    container.name = in.takePadded(kNameWidth, "container name");
+    container.name = takeName(in, "container name");
 
     std::size_t start = in.offset();
     const std::uint8_t change = in.takeByte("container change code");
@@ -108,7 +116,7 @@ Container takeContainer(ByteReader& in)
 Channel takeChannel(ByteReader& in)
 {
     Channel channel;
-    channel.name = in.takePadded(kNameWidth, "channel name");
+    channel.name = takeName(in, "channel name");
     channel.ccsid = in.takeInt("channel CCSID");
     const std::size_t start = in.offset();
     const auto count = static_cast<std::size_t>(in.takeLength("number of containers"));
@@ -200,6 +208,14 @@ std::int32_t takeCorrelator(ByteReader& in)
 }
 
 } // namespace
+
+bool isChannelName(std::string_view name)
+{
+    constexpr std::string_view kAllowed = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz"
+                                          "0123456789<>$@#/%&?!:|\"=';.-_";
+    return !name.empty() && name.size() <= kNameWidth &&
+           name.find_first_not_of(kAllowed) == std::string_view::npos;
+}
 
 MalformedFlow::MalformedFlow(std::size_t offset, std::string problem)
     : std::runtime_error(problem + " at byte " + std::to_string(offset)), offset_(offset),

@@ -12,10 +12,11 @@
 //     ASSERT_TRUE(gateway.awaitRequests(1));          // the call is on the wire
 //     gateway.release();                              // its answer goes out
 //
-// Programs "ECHO" and "ABEND" are there from the start. A call of a program that is not there is
-// answered with vornRc -7 and abend code "AEI0". A unit of work is opened by extend mode 1 with
-// token 0, continued by mode 1 with its token, committed by mode 2 and backed out by mode 4; a
-// token that is not open on the connection gives vornRc -8, and so does mode 2 or 4 with token 0.
+// Programs "ECHO", "ABEND", "CHANECHO" and "CHANEDIT" are there from the start. A call of a program
+// that is not there is answered with vornRc -7 and abend code "AEI0". A unit of work is opened by
+// extend mode 1 with token 0, continued by mode 1 with its token, committed by mode 2 and backed
+// out by mode 4; a token that is not open on the connection gives vornRc -8, and so does mode 2 or
+// 4 with token 0.
 //
 // Malformed flows are never passed over. Each is logged and recorded (see findings()) with what was
 // wrong and at which byte, and answered:

@@ -85,6 +85,16 @@ std::shared_ptr<Program> makeEcho();
 // "AZZZ" when there are fewer.
 std::shared_ptr<Program> makeAbend();
 
+// "CHANECHO": returns a channel with every container unchanged, and no COMMAREA.
+std::shared_ptr<Program> makeChannelEcho();
+
+// "CHANEDIT": adds, deletes and changes containers as the container EDITS of its channel says; see
+// docs/gateway.md.
+std::shared_ptr<Program> makeChannelEdit();
+
+// Abend code of a program that works on a channel and was called without one.
+constexpr const char* kNoChannel = "ACHN";
+
 } // namespace standin
 
 #endif

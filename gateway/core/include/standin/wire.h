@@ -121,6 +121,9 @@ struct Container {
     std::optional<std::int32_t> dataLength; // set: goes out instead of the data's real length
 };
 
+// True for 1 to 16 of the characters that names of channels and containers are made of.
+bool isChannelName(std::string_view name);
+
 struct Channel {
     std::string name; // up to 16 bytes, without the padding
     std::int32_t ccsid = 0;

@@ -1,12 +1,13 @@
 #include "ledger.h"
 
-#include <cstdio>
 #include <utility>
 
 #include "ledger_store.h"
+#include "log_text.h"
 
 namespace ledger {
 
+using log_text::inUnits;
 using standin::EciReply;
 using standin::LogLevel;
 using standin::UnitOfWork;
@@ -14,14 +15,6 @@ using standin::UnitOfWork;
 namespace {
 
 const char* const kWrongLength = "ALEN"; // abend code
-
-std::string inUnits(std::int64_t cents)
-{
-    char text[32];
-    std::snprintf(text, sizeof text, "%lld.%02lld", static_cast<long long>(cents / 100),
-                  static_cast<long long>(cents % 100));
-    return text;
-}
 
 Outcome refusal(const char* result, const std::string& message)
 {
@@ -66,10 +59,7 @@ std::string describe(const Question& question, const Outcome& outcome)
     if (posts && question.amount) text += " amount=" + inUnits(*question.amount);
     text += " result=" + outcome.result;
     if (outcome.balance) text += " balance=" + inUnits(*outcome.balance);
-    for (char& c : text) {
-        if (c < ' ' || c > '~') c = '?';
-    }
-    return text;
+    return log_text::printable(text);
 }
 
 } // namespace

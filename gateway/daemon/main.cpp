@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <fstream>
 #include <memory>
+#include <optional>
 #include <system_error>
 #include <variant>
 
@@ -12,6 +13,7 @@
 
 #include "ledger.h"
 #include "options.h"
+#include "orders.h"
 #include "standin/gateway.h"
 
 namespace {
@@ -101,16 +103,23 @@ private:
     bool written_ = false;
 };
 
-std::shared_ptr<standin::Program> openLedger(const Options& options, const Log& log)
+// The programs that keep their data in the database.
+struct DatabasePrograms {
+    std::shared_ptr<standin::Program> ledger;
+    std::shared_ptr<standin::Program> orders;
+};
+
+std::optional<DatabasePrograms> openDatabase(const Options& options, const Log& log)
 {
     try {
-        return std::make_shared<ledger::Ledger>(options.database, sinkInto(log));
+        return DatabasePrograms{std::make_shared<ledger::Ledger>(options.database, sinkInto(log)),
+                                std::make_shared<orders::Orders>(options.database, sinkInto(log))};
     } catch (const ledger::DatabaseError& error) {
         log->error("cannot use the database {}: {}. Give a ledger, or a new file in a directory "
                    "that may be "
                    "written to, with --database.",
                    options.database, error.what());
-        return nullptr;
+        return std::nullopt;
     }
 }
 
@@ -148,18 +157,21 @@ void serveUntilStopped(standin::Gateway& gateway, const Log& log, const Signals&
 
 int serve(const Options& options, const Log& log, const Signals& signals)
 {
-    std::shared_ptr<standin::Program> ledgerProgram;
+    std::optional<DatabasePrograms> programs;
     if (!options.database.empty()) {
-        ledgerProgram = openLedger(options, log);
-        if (ledgerProgram == nullptr) return daemon_options::kBadDatabase;
+        programs = openDatabase(options, log);
+        if (!programs) return daemon_options::kBadDatabase;
     }
 
     const std::unique_ptr<standin::Gateway> gateway = openGateway(options, log);
     if (gateway == nullptr) return daemon_options::kCannotListen;
-    if (ledgerProgram != nullptr) gateway->setProgram("LEDGER", ledgerProgram);
-    log->info("programs: ECHO, ABEND{}", ledgerProgram != nullptr
-                                             ? ", LEDGER on " + options.database
-                                             : "; no LEDGER without --database");
+    if (programs) {
+        gateway->setProgram("LEDGER", programs->ledger);
+        gateway->setProgram("ORDERS", programs->orders);
+    }
+    log->info("programs: ECHO, ABEND, CHANECHO, CHANEDIT{}",
+              programs ? ", LEDGER and ORDERS on " + options.database
+                       : "; no LEDGER and ORDERS without --database");
     for (const standin::SelectedMisbehaviour& selected : options.misbehaviours) {
         gateway->misbehave(selected.misbehaviour, selected.selector);
         log->warn("misbehaving on purpose: {}", standin::nameOf(selected.misbehaviour.fault));

@@ -16,9 +16,10 @@ namespace {
 const char* const kFooter = R"(
 Examples:
   qpxgatewayd --port 5770 --database ledger.db
-      Serves ECHO, ABEND and LEDGER on 127.0.0.1, port 5770.
+      Serves all programs on 127.0.0.1, port 5770.
   qpxgatewayd --port-file port.txt
-      Serves ECHO and ABEND on a free port, and writes its number to port.txt.
+      Serves those that need no database on a free port, and writes its number
+      to port.txt.
   qpxgatewayd --misbehave pieces=7 --misbehave drop@program:ECHO,nth:3
       Sends everything in pieces of 7 bytes, and drops the connection instead of
       answering the third call of ECHO.
@@ -109,8 +110,8 @@ void declare(CLI::App& app, Options& options, RawOptions& raw)
     app.add_option("--port-file", options.portFile, "Write the port to FILE once it is open")
         ->option_text("FILE");
     app.add_option("--database", options.database,
-                   "SQLite file of the program LEDGER, made when it is not there; without it there "
-                   "is no LEDGER")
+                   "SQLite file of the programs LEDGER and ORDERS, made when it is not there; "
+                   "without it there are neither")
         ->option_text("FILE");
     app.add_option("--system", raw.systems,
                    "A server for the system list; may be given several times")

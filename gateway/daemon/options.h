@@ -27,7 +27,7 @@ struct Options {
     std::string host = "127.0.0.1";
     std::uint16_t port = 0;
     std::string portFile; // empty: none
-    std::string database; // empty: no LEDGER
+    std::string database; // empty: no LEDGER and no ORDERS
     standin::LogLevel logLevel = standin::LogLevel::Info;
     std::vector<standin::SelectedMisbehaviour> misbehaviours;
     std::vector<standin::SystemEntry> systems;

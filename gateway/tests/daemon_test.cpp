@@ -268,7 +268,8 @@ TEST(DaemonService, RunsEchoAndAbend)
     Call ledgerCall;
     ledgerCall.program = "LEDGER";
     EXPECT_EQ("AEI0", client.call(1, ledgerCall).abendCode);
-    EXPECT_TRUE(daemon.wrote("no LEDGER without --database"));
+    EXPECT_TRUE(daemon.wrote(
+        "programs: ECHO, ABEND, CHANECHO, CHANEDIT; no LEDGER and ORDERS without --database"));
 }
 
 TEST(DaemonService, KeepsTheLedgerFromOneRunToTheNext)

@@ -1,0 +1,18 @@
+// Texts that the daemon's programs have in common.
+#ifndef GATEWAY_LOG_TEXT_H
+#define GATEWAY_LOG_TEXT_H
+
+#include <cstdint>
+#include <string>
+
+namespace log_text {
+
+// An amount in cents as "1234.56"; not negative.
+std::string inUnits(std::int64_t cents);
+
+// Fit for one line of a log: '?' for every character that is not printable ASCII.
+std::string printable(std::string text);
+
+} // namespace log_text
+
+#endif

@@ -1,11 +1,11 @@
 #!/usr/bin/env bash
-# Runs one case of the examples' tests: run.sh CASE ECHO LEDGER DAEMON, with the paths of the three
+# Runs one case of the examples' tests: run.sh CASE ECHO LEDGER ORDERS DAEMON, with the paths of the
 # programs. CMakeLists.txt names the cases; each is a function below.
 set -euo pipefail
 
 HERE=$(cd "$(dirname "$0")" && pwd)
-CASE=$1 ECHO=$2 LEDGER=$3 DAEMON=$4
-readonly HERE CASE ECHO LEDGER DAEMON
+CASE=$1 ECHO=$2 LEDGER=$3 ORDERS=$4 DAEMON=$5
+readonly HERE CASE ECHO LEDGER ORDERS DAEMON
 
 # shellcheck source=tools/gateway.sh
 source "$HERE/../../tools/gateway.sh"
@@ -33,7 +33,7 @@ closed_port() {
     stop_gateway || fail "the gateway does not stop cleanly"
 }
 
-# Runs a program in the folder of the transfers, keeps what it writes and its exit code.
+# Runs a program in the folder of the examples' data, keeps what it writes and its exit code.
 run() {
     CODE=0
     (cd "$HERE/../data" && "$@" >"$FOLDER/out" 2>"$FOLDER/err" </dev/null) || CODE=$?
@@ -41,6 +41,10 @@ run() {
 
 ledger() {
     run "$LEDGER" --port "$GATEWAY_PORT" "$@"
+}
+
+orders() {
+    run env LANG=C "$ORDERS" --port "$GATEWAY_PORT" "$@"
 }
 
 expect_code() {
@@ -227,11 +231,15 @@ LedgerRefusesWrongArguments() {
 }
 
 expect_usage() {
-    local problem=$1
-    shift
-    run "$LEDGER" "$@"
+    expect_usage_of "$LEDGER" ledger "$@"
+}
+
+expect_usage_of() {
+    local program=$1 name=$2 problem=$3
+    shift 3
+    run "$program" "$@"
     expect_code 2
-    expect_line err "ledger: $problem; \"ledger --help\" shows what there is"
+    expect_line err "$name: $problem; \"$name --help\" shows what there is"
     expect_nothing out
 }
 
@@ -239,6 +247,166 @@ LedgerShowsHelp() {
     run "$LEDGER" --help
     expect_code 0
     expect_text out "Usage: ledger --port PORT [options] FILE"
+    expect_text out "Examples:"
+    expect_nothing err
+}
+
+OrdersPrintsTheInvoice() {
+    gateway
+    orders order.txt
+    expect_code 0
+    expect_nothing err
+    expect_same "$HERE/invoice.txt" "$FOLDER/out"
+}
+
+OrdersPrintsTheInvoiceOfAnOrderInUtf8() {
+    gateway
+    orders --ccsid 1208 order-utf8.txt
+    expect_code 0
+    expect_nothing err
+    expect_same "$HERE/invoice-utf8.txt" "$FOLDER/out"
+}
+
+# The newest first: those that the server has added, then the others, the last created first.
+OrdersListsTheContainersOfTheReply() {
+    gateway
+    orders --verbose order-wrong.txt
+    expect_code 3
+    cat >"$FOLDER/expected" <<'TEXT'
+The channel ORDER has come back with
+  STATUS               15 bytes, characters, CCSID 819
+  ERROR                46 bytes, characters, CCSID 819
+  ORDER.LINES          24 bytes, binary
+  ORDER.HEADER         62 bytes, characters, CCSID 819
+
+TEXT
+    expect_same "$FOLDER/expected" "$FOLDER/out"
+}
+
+OrdersTakesTheCodePageOfTheLocale() {
+    gateway
+    run env LANG=ru_RU "$ORDERS" --port "$GATEWAY_PORT" --verbose order.txt
+    expect_code 0
+    expect_line out "  ORDER.HEADER         88 bytes, characters, CCSID 915"
+    expect_line out "  INVOICE            1129 bytes, characters, CCSID 915"
+}
+
+OrdersNamesWhatIsWrongWithAnOrder() {
+    gateway
+    orders order-wrong.txt
+    expect_code 3
+    expect_nothing out
+    expect_line err \
+        "orders: the order is refused: ORDER.LINES, line 2: article 100106 is unknown"
+    : >"$FOLDER/empty.txt"
+    orders "$FOLDER/empty.txt"
+    expect_code 3
+    expect_line err "orders: the order is refused: ORDER.HEADER: there is no order"
+}
+
+OrdersNamesACodePageThatIsNotKnown() {
+    gateway
+    orders --ccsid 4711 order.txt
+    expect_code 3
+    expect_line err "orders: the order is refused: ORDER.HEADER: CCSID 4711 is not known"
+}
+
+OrdersShowsTheAbendCode() {
+    gateway
+    orders --program NOSUCH order.txt
+    expect_code 1
+    expect_line err "orders: call: ECI_ERR_TRANSACTION_ABEND (-7)"
+    expect_line err "orders: program NOSUCH ended abnormally, abend code AEI0"
+}
+
+OrdersTellsOfAnotherProgram() {
+    gateway
+    orders --program CHANECHO order.txt
+    expect_code 1
+    expect_line err "orders: the reply has neither INVOICE nor ERROR; is this the right program?"
+}
+
+OrdersNamesTheErrorOfALostConnection() {
+    gateway --misbehave drop@program:ORDERS
+    orders order.txt
+    expect_code 1
+    expect_line err "orders: call: QPX_ERR_LOSTGWCON (-102)"
+    expect_text err "nothing was posted, so the order may be sent again"
+    expect_nothing out
+}
+
+OrdersNamesTheErrorOfARefusedCall() {
+    gateway --misbehave flow-error=61445
+    orders order.txt
+    expect_code 1
+    expect_line err "orders: call: QPX_ERR_WORK_WAS_REFUSED (61445)"
+    expect_nothing out
+}
+
+OrdersNamesTheErrorWithoutAGateway() {
+    closed_port
+    orders order.txt
+    expect_code 1
+    expect_line err "orders: cannot connect to a Gateway at 127.0.0.1:$GATEWAY_PORT"
+    expect_line err "orders: open: QPX_ERR_CONNECTFAILED (-118)"
+}
+
+OrdersNamesTheErrorOfALongApplid() {
+    gateway
+    orders --applid NINECHARS order.txt
+    expect_code 1
+    expect_line err "orders: open: QPX_ERR_APPLIDTOOLONG (-139)"
+}
+
+OrdersTellsOfFilesThatItCannotRead() {
+    run "$ORDERS" --port 1 "$FOLDER/missing.txt"
+    expect_code 1
+    expect_text err "cannot open $FOLDER/missing.txt"
+    run "$ORDERS" --port 1 "$FOLDER"
+    expect_code 1
+    expect_line err "orders: cannot read $FOLDER"
+    printf '%1023d\n' 0 >"$FOLDER/long.txt"
+    run "$ORDERS" --port 1 "$FOLDER/long.txt"
+    expect_code 1
+    expect_line err "orders: $FOLDER/long.txt, line 1: longer than 1022 characters"
+}
+
+OrdersTellsOfAWrongItem() {
+    local item
+
+    for item in "" "100105" "100105 " "x 1" "100105 1 " "100105 1 5.001" "100105 1 5." \
+        "100105 1 655.36" "100105 1 5 x" "4294967296 1" "100105 4294967296" "100105 -1"; do
+        printf '# one\nitem %s\n' "$item" >"$FOLDER/order.txt"
+        run "$ORDERS" --port 1 "$FOLDER/order.txt"
+        expect_code 1
+        expect_line err \
+            "orders: $FOLDER/order.txt, line 2: not \"item ARTICLE QUANTITY [DISCOUNT]\""
+    done
+}
+
+OrdersRefusesWrongArguments() {
+    expect_orders_usage "--port is missing"
+    expect_orders_usage "the file of the order is missing" --port 5770
+    expect_orders_usage "more than one file: two" --port 5770 one two
+    expect_orders_usage "a port is a number from 1 to 65535, not 0" --port 0 one
+    expect_orders_usage "a port is a number from 1 to 65535, not 65536" --port 65536 one
+    expect_orders_usage "a time-out is a number of seconds from 0 to 3600, not x" --timeout x
+    expect_orders_usage "a CCSID is a number from 0 to 65535, not -1" --ccsid -1
+    expect_orders_usage "a CCSID is a number from 0 to 65535, not 65536" --ccsid 65536
+    expect_orders_usage "longer than 8 characters: NINECHARS" --port 1 --program NINECHARS one
+    expect_orders_usage "longer than 8 characters: NINECHARS" --port 1 --server NINECHARS one
+    expect_orders_usage "unknown or incomplete option --nonsense" --nonsense
+    expect_orders_usage "unknown or incomplete option --port" --port
+}
+
+expect_orders_usage() {
+    expect_usage_of "$ORDERS" orders "$@"
+}
+
+OrdersShowsHelp() {
+    run "$ORDERS" --help
+    expect_code 0
+    expect_text out "Usage: orders --port PORT [options] FILE"
     expect_text out "Examples:"
     expect_nothing err
 }

@@ -50,6 +50,7 @@
 #include <utility>
 #include <vector>
 
+#include "standin/channel_changes.h"
 #include "standin/log.h"
 #include "standin/misbehaviour.h"
 #include "standin/program.h"

@@ -297,6 +297,77 @@ TEST_F(Programs, EsiRequestsAreRefusedUnlessATestAnswersThem)
     EXPECT_EQ(static_cast<Bytes>(Raw().int32(-106)), answer->body);
 }
 
+TEST_F(Programs, EsiRepliesGoOutAsATestWantsThem)
+{
+    EsiReply reply;
+    const auto ask = [&] {
+        gateway.setEsiReply([reply](const EsiRequest&) { return reply; });
+        client.send(standin_test::flow(
+            1, 3, "ESI", Raw().int32(0).padded("FRED", 10).int32(1).byte(0xBE).padded("", 8)));
+        return client.read().value();
+    };
+
+    reply.lastVerified = {2026, 2, 2, 10, 11, 12, 34};
+    reply.invalidCount = 1;
+    EXPECT_EQ(static_cast<Bytes>(Raw()
+                                     .int32(0)
+                                     .int32(2026)
+                                     .int32(2)
+                                     .int32(2)
+                                     .int32(10)
+                                     .int32(11)
+                                     .int32(12)
+                                     .int32(34)
+                                     .padded("", 56)
+                                     .int32(1)),
+              ask().body);
+
+    reply.bodySize = 4;
+    EXPECT_EQ(static_cast<Bytes>(Raw().int32(0)), ask().body);
+
+    reply.bodySize = 2;
+    EXPECT_EQ(static_cast<Bytes>(Raw().int16(0)), ask().body);
+
+    reply.bodySize = 100;
+    EXPECT_EQ(100U, ask().body.size());
+
+    reply.gatewayRc = 61445;
+    reply.bodySize = 0;
+    const Received refused = ask();
+    EXPECT_EQ(61445, refused.gatewayRc);
+    EXPECT_EQ(0U, refused.body.size());
+}
+
+TEST_F(Programs, AnEsiReplyCanBeTruncated)
+{
+    gateway.setEsiReply([](const EsiRequest&) { return EsiReply(); });
+    gateway.misbehave({Fault::Truncate, 40});
+    client.send(standin_test::flow(
+        1, 3, "ESI", Raw().int32(0).padded("FRED", 10).int32(1).byte(0xBE).padded("", 8)));
+    EXPECT_EQ(40U, client.readBytes(124).size());
+}
+
+TEST_F(Programs, AListReplyGoesOutAsATestWantsIt)
+{
+    gateway.setListReply([](const EciRequest& request) {
+        EciReply reply = EciReply::systemList(request, {{"ONE     ", "first"}});
+        reply.serverNum = 70000;
+        reply.vornRc = -25;
+        reply.commareaLength = 139;
+        return reply;
+    });
+    client.send(standin_test::flow(1, 1, "ECI",
+                                   Raw().int32(9).int32(5).int16(0).byte(0).int32(-1).int32(7)));
+    EXPECT_EQ(static_cast<Bytes>(Raw()
+                                     .int32(9)
+                                     .int32(70000)
+                                     .int32(-25)
+                                     .int32(139)
+                                     .padded("ONE     ", 9)
+                                     .padded("first", 61)),
+              client.read().value().body);
+}
+
 TEST(SystemList, ReportsAsManyAsFit)
 {
     GatewayOptions options;

@@ -572,6 +572,48 @@ TEST(DecodeEsiRequest, TakesAChange)
     EXPECT_EQ("AB", request.newPassword);
 }
 
+TEST(DecodeEsiRequest, TakesAVerificationOf64BytesByteForByte)
+{
+    const Bytes bytes = fromHex("47617465 10A01000 00000001 00000007 00000000 00000003 455349 00 "
+                                "00000020 "
+                                "00000000 414C494345 0000000000 00000006 "
+                                "AC 16 06 11 17 11 " // "SECRET", scrambled
+                                "53455256 31202020");
+    ASSERT_EQ(64U, bytes.size());
+    const std::optional<SplitFlow> split = splitFlow(bytes);
+    ASSERT_TRUE(split);
+    EXPECT_EQ(64U, split->size);
+    EXPECT_EQ(7, split->flow.header.messageId);
+    EXPECT_EQ("ESI", split->flow.header.requestType);
+    EXPECT_NO_THROW(checkClientHeader(split->flow.header));
+    const EsiRequest request = decodeEsiRequest(split->flow.body, split->headerSize);
+    EXPECT_EQ(0, request.callType);
+    EXPECT_EQ("ALICE", request.userId);
+    EXPECT_EQ("SECRET", request.currentPassword);
+    EXPECT_EQ("SERV1", request.server);
+    EXPECT_EQ("", request.newPassword);
+}
+
+TEST(DecodeEsiRequest, TakesAChangeWithABodyOf44BytesByteForByte)
+{
+    const Bytes body = fromHex("00000001 414C494345 0000000000 00000006 "
+                               "AC 16 06 11 17 11 " // "SECRET"
+                               "00000000 00000000 00000008 "
+                               "B8 35 17 00 0B 56 59 03"); // "Green8ab"
+    ASSERT_EQ(44U, body.size());
+    const EsiRequest request = decodeEsiRequest(body, 32);
+    EXPECT_EQ(1, request.callType);
+    EXPECT_EQ("SECRET", request.currentPassword);
+    EXPECT_EQ("", request.server);
+    EXPECT_EQ("Green8ab", request.newPassword);
+}
+
+TEST(DecodeEsiRequest, TakesAUserIdThatFillsItsField)
+{
+    const Bytes body = fromHex("00000000 30313233343536373839 00000001 BE 0000000000000000");
+    EXPECT_EQ("0123456789", decodeEsiRequest(body, 32).userId);
+}
+
 TEST(DecodeEsiRequest, NamesTheFieldAndItsByte)
 {
     const Bytes unknown = Raw().int32(2).padded("FRED", 10).int32(0).padded("SERV1", 8);
@@ -582,6 +624,21 @@ TEST(DecodeEsiRequest, NamesTheFieldAndItsByte)
               complaint([&] { decodeEsiRequest(withoutNew, 32); }));
 }
 
+TEST(DecodeEsiRequest, RefusesLengthsThatDoNotFit)
+{
+    const Bytes negative = fromHex("00000000 46524544000000000000 FFFFFFFF 0000000000000000");
+    EXPECT_EQ("length of current password is negative (-1) at byte 46",
+              complaint([&] { decodeEsiRequest(negative, 32); }));
+    const Bytes tooLong = fromHex("00000000 46524544000000000000 7FFFFFFF 0000000000000000");
+    EXPECT_EQ("current password needs 2147483647 bytes but the flow has only 8 left at byte 50",
+              complaint([&] { decodeEsiRequest(tooLong, 32); }));
+    const Bytes behind = fromHex("00000000 46524544000000000000 00000001 BE 0000000000000000 00");
+    EXPECT_EQ("1 bytes too many at byte 59", complaint([&] { decodeEsiRequest(behind, 32); }));
+    const Bytes stray = fromHex("00000000 46524544000000000058 00000001 BE 0000000000000000");
+    EXPECT_EQ("user id has a byte other than 0x00 behind its end at byte 45",
+              complaint([&] { decodeEsiRequest(stray, 32); }));
+}
+
 // --------------------------------------------------------------------------------------- passwords
 
 TEST(UnmaskPassword, UndoesTheScrambling)
@@ -589,4 +646,15 @@ TEST(UnmaskPassword, UndoesTheScrambling)
     EXPECT_EQ("ABC", unmaskPassword({0xBE, 0x03, 0x01}));
     EXPECT_EQ("", unmaskPassword({}));
     EXPECT_EQ("\xFF\x01", unmaskPassword({0x00, 0xFE}));
+}
+
+TEST(Wipe, OverwritesTheWholeBufferOfAText)
+{
+    std::string text = "a password that is too long to be kept in the string itself";
+    const char* const bytes = text.data();
+    const std::size_t size = text.size();
+    wipe(text);
+    EXPECT_EQ("", text);
+    ASSERT_EQ(bytes, text.data());
+    EXPECT_EQ(std::string(size, '\0'), std::string(bytes, size));
 }

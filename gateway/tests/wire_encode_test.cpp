@@ -232,6 +232,20 @@ TEST(EncodeEciReply, WritesASystemListAsNumberCodeLengthAndEntries)
               Bytes(body.begin(), body.begin() + 35));
 }
 
+TEST(EncodeEciReply, WritesAWholeSystemListByteForByte)
+{
+    EciRequest query;
+    query.callType = 9;
+    query.serverNum = 1;
+    const EciReply reply = EciReply::systemList(query, {{"VORNTEST", "To try"}, {"B", ""}});
+    EXPECT_EQ(fromHex("47617465 10A01000 00000003 00000005 00000000 00000003 454349 00 00000056 "
+                      "00000009 00000001 FFFFFFE7 00000046 "
+                      "564F524E54455354 00 546F20747279 "
+                      "0000000000000000000000000000000000000000000000000000000000"
+                      "0000000000000000000000000000000000000000000000000000"),
+              encodeEciReply(5, reply));
+}
+
 TEST(EncodeEsiReply, WritesTheTimesInTheOrderVerifiedExpiryAccessed)
 {
     EsiReply reply;
@@ -247,6 +261,44 @@ TEST(EncodeEsiReply, WritesTheTimesInTheOrderVerifiedExpiryAccessed)
     EXPECT_EQ(bytesOf({0, 0, 0x07, 0xE9}), Bytes(body.begin() + 32, body.begin() + 36));
     EXPECT_EQ(bytesOf({0, 0, 0x07, 0xE7}), Bytes(body.begin() + 60, body.begin() + 64));
     EXPECT_EQ(bytesOf({0, 0, 0, 4}), Bytes(body.begin() + 88, body.end()));
+}
+
+TEST(EncodeEsiReply, WritesAWholeFlowByteForByte)
+{
+    EsiReply reply;
+    reply.lastVerified = {2026, 2, 2, 10, 11, 12, 34};
+    reply.expiry = {2026, 4, 31, 23, 59, 58, 99};
+    reply.lastAccessed = {2025, 11, 24, 0, 1, 2, 3};
+    reply.invalidCount = 2;
+    EXPECT_EQ(fromHex("47617465 10A01000 00000003 00000007 00000000 00000003 455349 00 0000005C "
+                      "00000000 "
+                      "000007EA 00000002 00000002 0000000A 0000000B 0000000C 00000022 "
+                      "000007EA 00000004 0000001F 00000017 0000003B 0000003A 00000063 "
+                      "000007E9 0000000B 00000018 00000000 00000001 00000002 00000003 "
+                      "00000002"),
+              encodeEsiReply(7, reply));
+}
+
+TEST(EncodeEsiReply, WritesAWholeRefusalByteForByte)
+{
+    EsiReply reply;
+    reply.vornRc = -107;
+    EXPECT_EQ(fromHex("47617465 10A01000 00000003 00000009 00000000 00000003 455349 00 00000004 "
+                      "FFFFFF95"),
+              encodeEsiReply(9, reply));
+}
+
+TEST(EncodeEsiReply, IsCutOrFilledToTheSizeThatATestWants)
+{
+    EsiReply reply;
+    reply.bodySize = 3;
+    EXPECT_EQ(bytesOf({0, 0, 0}), encodeEsiReplyBody(reply));
+    reply.vornRc = -106;
+    reply.bodySize = 6;
+    EXPECT_EQ(bytesOf({0xFF, 0xFF, 0xFF, 0x96, 0, 0}), encodeEsiReplyBody(reply));
+    EXPECT_EQ(fromHex("47617465 10A01000 00000003 00000009 00000000 00000003 455349 00 00000006 "
+                      "FFFFFF96 0000"),
+              encodeEsiReply(9, reply));
 }
 
 TEST(EncodeEsiReply, EndsBehindACodeOtherThan0)

@@ -44,8 +44,8 @@ std::string describe(const EciRequest& request)
 
 std::string describe(const EsiRequest& request)
 {
-    return std::string("ESI ") + (request.callType == 0 ? "verify" : "change") +
-           " user=" + inQuotes(request.userId);
+    return std::string("ESI ") + (request.callType == kEsiVerify ? "verify" : "change") +
+           " user=" + inQuotes(request.userId) + " server=" + inQuotes(request.server);
 }
 
 std::string describe(const EciReply& reply)
@@ -61,6 +61,13 @@ std::string describe(const EciReply& reply)
     return text;
 }
 
+std::string describe(const EsiReply& reply)
+{
+    std::string text = "ESI vornRc=" + std::to_string(reply.vornRc);
+    if (reply.gatewayRc != 0) text += " gatewayRc=" + std::to_string(reply.gatewayRc);
+    return text;
+}
+
 const char* describe(Ending ending)
 {
     switch (ending) {
@@ -72,21 +79,6 @@ const char* describe(Ending ending)
     return "open";
 }
 
-// Gives the client as many systems as it has room for.
-EciReply listSystems(const std::vector<SystemEntry>& systems, const EciRequest& request)
-{
-    EciReply reply = EciReply::to(request);
-    const std::size_t fitting = std::min(systems.size(),
-                                         static_cast<std::size_t>(request.serverNum));
-    const auto end = systems.begin() + static_cast<std::ptrdiff_t>(fitting);
-    reply.serverNum = static_cast<std::int32_t>(fitting);
-    reply.commarea = encodeSystemEntries(std::vector<SystemEntry>(systems.begin(), end));
-    reply.commareaLength = static_cast<std::int32_t>(reply.commarea.size());
-    if (systems.empty()) reply.vornRc = kServerNoSystems;
-    if (fitting < systems.size()) reply.vornRc = kServerMoreSystems;
-    return reply;
-}
-
 } // namespace
 
 Server::Server(const GatewayOptions& options, std::shared_ptr<EventLoop> loop, Recorder& recorder)
@@ -94,7 +86,7 @@ Server::Server(const GatewayOptions& options, std::shared_ptr<EventLoop> loop, R
       acceptTimer_(loop_->context()), runner_(options.log)
 {
     runner_.setListReply([systems = options.systems](const EciRequest& request) {
-        return listSystems(systems, request);
+        return EciReply::systemList(request, systems);
     });
 }
 
@@ -410,7 +402,7 @@ void Server::answerInEarnest(const ReceivedRequest& request, const std::vector<S
         } else if (request.eci) {
             runEci(request, strikes);
         } else if (esiReply_) {
-            give(spoiledAnswer(strikes, makeEsiReply(header.messageId, esiReply_(*request.esi))));
+            runEsi(request, strikes);
         } else {
             give(spoiledAnswer(strikes, makeErrorFlow(header.messageId, kGatewayInvalidRequestType,
                                                       header.requestType)));
@@ -439,6 +431,16 @@ void Server::runEci(const ReceivedRequest& request, const std::vector<Strike>& s
         if (const auto alive = loop.lock()) alive->post(std::move(task));
     };
     runner_.run(*request.eci, messageId, connection, deliverReply, later);
+}
+
+void Server::runEsi(const ReceivedRequest& request, const std::vector<Strike>& strikes)
+{
+    const std::int32_t messageId = request.header.messageId;
+    const EsiReply reply = esiReply_(*request.esi);
+    log(LogLevel::Info, request.connection,
+        "answer " + std::to_string(messageId) + " " + describe(reply));
+    answer(request.connection, messageId, strikes,
+           spoiledAnswer(strikes, makeEsiReply(messageId, reply)));
 }
 
 // ----------------------------------------------------------------------------------------- answers

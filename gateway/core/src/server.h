@@ -83,6 +83,7 @@ private:
     void answerRequest(Session& session, const ReceivedRequest& request);
     void answerInEarnest(const ReceivedRequest& request, const std::vector<Strike>& strikes);
     void runEci(const ReceivedRequest& request, const std::vector<Strike>& strikes);
+    void runEsi(const ReceivedRequest& request, const std::vector<Strike>& strikes);
 
     // The last stations of an answer: holding and collecting, then the connection.
     void answer(int connection, std::int32_t messageId, const std::vector<Strike>& strikes,

@@ -1,5 +1,7 @@
 // What clients send, checked byte for byte.
 
+#include <string.h>
+
 #include <algorithm>
 #include <cstdio>
 
@@ -354,14 +356,15 @@ EsiRequest decodeEsiRequest(const Bytes& body, std::size_t bodyOffset)
     ByteReader in(body, bodyOffset);
     EsiRequest request;
     request.callType = in.takeInt("call type");
-    if (request.callType != 0 && request.callType != 1) {
+    if (request.callType != kEsiVerify && request.callType != kEsiChange) {
         reject(bodyOffset,
                "call type is " + std::to_string(request.callType) + ", neither 0 nor 1");
     }
     request.userId = in.takePadded(10, "user id");
     request.currentPassword = unmaskPassword(in.takeCounted("current password"));
     request.server = withoutPadding(in.takeText(8, "server name"));
-    if (request.callType == 1) request.newPassword = unmaskPassword(in.takeCounted("new password"));
+    if (request.callType == kEsiChange)
+        request.newPassword = unmaskPassword(in.takeCounted("new password"));
     in.expectEnd();
     return request;
 }
@@ -369,11 +372,25 @@ EsiRequest decodeEsiRequest(const Bytes& body, std::size_t bodyOffset)
 std::string unmaskPassword(const Bytes& masked)
 {
     std::string clear;
+    clear.reserve(masked.size()); // no copy of a part stays behind
     for (const std::uint8_t byte : masked) {
         const auto before = clear.empty() ? 0xFFU : static_cast<unsigned char>(clear.back());
         clear += static_cast<char>(byte ^ before);
     }
     return clear;
+}
+
+void wipe(std::string& text)
+{
+    text.resize(text.capacity());
+    ::explicit_bzero(text.data(), text.size());
+    text.clear();
+}
+
+EsiRequest::~EsiRequest()
+{
+    wipe(currentPassword);
+    wipe(newPassword);
 }
 
 Bytes EciRequest::commareaAsSeenByProgram() const
@@ -423,6 +440,20 @@ EciReply EciReply::serverError(const EciRequest& request, std::int32_t vornRc)
 {
     EciReply reply = to(request);
     reply.vornRc = vornRc;
+    return reply;
+}
+
+EciReply EciReply::systemList(const EciRequest& request, const std::vector<SystemEntry>& systems)
+{
+    EciReply reply = to(request);
+    const std::size_t fitting = std::min(systems.size(),
+                                         static_cast<std::size_t>(request.serverNum));
+    const auto end = systems.begin() + static_cast<std::ptrdiff_t>(fitting);
+    reply.serverNum = static_cast<std::int32_t>(fitting);
+    reply.commarea = encodeSystemEntries(std::vector<SystemEntry>(systems.begin(), end));
+    reply.commareaLength = static_cast<std::int32_t>(reply.commarea.size());
+    if (systems.empty()) reply.vornRc = kServerNoSystems;
+    if (fitting < systems.size()) reply.vornRc = kServerMoreSystems;
     return reply;
 }
 

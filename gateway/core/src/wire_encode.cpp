@@ -237,7 +237,9 @@ Bytes encodeEsiReplyBody(const EsiReply& reply)
         putDateTime(out, reply.lastAccessed);
         out.putInt(reply.invalidCount);
     }
-    return out.take();
+    Bytes body = out.take();
+    body.resize(reply.bodySize.value_or(body.size()), 0x00);
+    return body;
 }
 
 Bytes encodeSystemEntries(const std::vector<SystemEntry>& systems)

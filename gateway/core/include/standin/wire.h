@@ -210,16 +210,33 @@ struct EciReply {
 
     // As to(), with the given vornRc.
     static EciReply serverError(const EciRequest& request, std::int32_t vornRc);
+
+    // The answer to a system list query: as many of the systems as the client has room for.
+    // serverNum is the number of entries that are sent; vornRc is -25 when there are more, -26 when
+    // there is none.
+    static EciReply systemList(const EciRequest& request, const std::vector<SystemEntry>& systems);
 };
 
-// Body of an ESI request: verify (call type 0) or change (call type 1) a password.
+// Call types of an ESI request.
+constexpr std::int32_t kEsiVerify = 0;
+constexpr std::int32_t kEsiChange = 1;
+
+// Body of an ESI request: verify or change a password. Every copy wipes its passwords when it goes.
 struct EsiRequest {
-    std::int32_t callType = 0;
+    std::int32_t callType = kEsiVerify;
     std::string userId;
     std::string currentPassword; // in clear
-    std::string server;
-    std::string newPassword; // in clear; call type 1 only
+    std::string server;          // without trailing blanks and NULs; empty: the default one
+    std::string newPassword;     // in clear; kEsiChange only
+
+    EsiRequest() = default;
+    EsiRequest(const EsiRequest&) = default;
+    EsiRequest& operator=(const EsiRequest&) = default;
+    ~EsiRequest();
 };
+
+// Overwrites a text that holds a secret, and empties it.
+void wipe(std::string& text);
 
 struct EsiDateTime {
     std::int32_t year = 0;
@@ -239,6 +256,7 @@ struct EsiReply {
     EsiDateTime expiry;
     EsiDateTime lastAccessed;
     std::int32_t invalidCount = 0;
+    std::optional<std::size_t> bodySize; // set: the body is cut or filled with 0x00 to this size
 };
 
 // ------------------------------------------------------------------------------------------- codec

@@ -79,6 +79,14 @@ Statement& Statement::bind(int parameter, std::int64_t number)
     return *this;
 }
 
+Statement& Statement::bind(int parameter, std::optional<std::int64_t> number)
+{
+    if (number) return bind(parameter, *number);
+    const int code = sqlite3_bind_null(handle_, parameter);
+    if (code != SQLITE_OK) database_.fail(code);
+    return *this;
+}
+
 bool Statement::step()
 {
     const int code = sqlite3_step(handle_);
@@ -90,6 +98,12 @@ bool Statement::step()
 std::int64_t Statement::number(int column) const
 {
     return sqlite3_column_int64(handle_, column);
+}
+
+std::optional<std::int64_t> Statement::numberIfAny(int column) const
+{
+    if (sqlite3_column_type(handle_, column) == SQLITE_NULL) return std::nullopt;
+    return number(column);
 }
 
 std::string Statement::text(int column) const

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -62,11 +63,13 @@ public:
     // Parameters are numbered from 1, columns from 0.
     Statement& bind(int parameter, const std::string& text);
     Statement& bind(int parameter, std::int64_t number);
+    Statement& bind(int parameter, std::optional<std::int64_t> number); // nothing: NULL
 
     // Goes to the next row; false when there is none.
     bool step();
 
     std::int64_t number(int column) const;
+    std::optional<std::int64_t> numberIfAny(int column) const; // NULL: nothing
     std::string text(int column) const;
 
 private:

@@ -14,12 +14,14 @@
 #include "ledger.h"
 #include "options.h"
 #include "orders.h"
+#include "registry.h"
 #include "standin/gateway.h"
 
 namespace {
 
 using daemon_options::Options;
 using Log = std::shared_ptr<spdlog::logger>;
+using Registry = std::shared_ptr<registry::Registry>;
 
 spdlog::level::level_enum levelOf(standin::LogLevel level)
 {
@@ -123,6 +125,51 @@ std::optional<DatabasePrograms> openDatabase(const Options& options, const Log& 
     }
 }
 
+// Adds a system, or gives the one of that name another description.
+void put(std::vector<registry::System>& systems, const standin::SystemEntry& system)
+{
+    for (registry::System& known : systems) {
+        if (known.name != system.name) continue;
+        known.description = system.description;
+        return;
+    }
+    systems.push_back({system.name, system.description, "available"});
+}
+
+// What the registry is filled with: the file's, and the systems of the options behind its own.
+registry::Content contentFor(const Options& options)
+{
+    registry::Content content;
+    if (!options.registry.empty()) content = registry::readContent(options.registry);
+    for (const standin::SystemEntry& system : options.systems) put(content.systems, system);
+    return content;
+}
+
+// The ledger has been opened by now, so the file is one. An int is the exit code to end with.
+std::variant<Registry, int> openRegistry(const Options& options, const Log& log)
+{
+    try {
+        auto opened = std::make_shared<registry::Registry>(options.database, sinkInto(log));
+        opened->load(contentFor(options));
+        return opened;
+    } catch (const registry::BadContent& error) {
+        log->error("cannot use the registry file {}: {}. docs/gateway.md describes it.",
+                   options.registry, error.what());
+        return daemon_options::kBadRegistry;
+    } catch (const registry::DatabaseError& error) {
+        log->error("cannot fill the registry in {}: {}.", options.database, error.what());
+        return daemon_options::kBadDatabase;
+    }
+}
+
+void serveFrom(const Registry& users, standin::Gateway& gateway)
+{
+    gateway.setEsiReply(
+        [users](const standin::EsiRequest& request) { return users->answer(request); });
+    gateway.setListReply(
+        [users](const standin::EciRequest& request) { return users->list(request); });
+}
+
 std::unique_ptr<standin::Gateway> openGateway(const Options& options, const Log& log)
 {
     standin::GatewayOptions gatewayOptions;
@@ -158,9 +205,13 @@ void serveUntilStopped(standin::Gateway& gateway, const Log& log, const Signals&
 int serve(const Options& options, const Log& log, const Signals& signals)
 {
     std::optional<DatabasePrograms> programs;
+    Registry users;
     if (!options.database.empty()) {
         programs = openDatabase(options, log);
         if (!programs) return daemon_options::kBadDatabase;
+        const std::variant<Registry, int> opened = openRegistry(options, log);
+        if (const int* const code = std::get_if<int>(&opened)) return *code;
+        users = std::get<Registry>(opened);
     }
 
     const std::unique_ptr<standin::Gateway> gateway = openGateway(options, log);
@@ -169,6 +220,7 @@ int serve(const Options& options, const Log& log, const Signals& signals)
         gateway->setProgram("LEDGER", programs->ledger);
         gateway->setProgram("ORDERS", programs->orders);
     }
+    if (users != nullptr) serveFrom(users, *gateway);
     log->info("programs: ECHO, ABEND, CHANECHO, CHANEDIT{}",
               programs ? ", LEDGER and ORDERS on " + options.database
                        : "; no LEDGER and ORDERS without --database");

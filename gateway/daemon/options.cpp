@@ -17,6 +17,8 @@ const char* const kFooter = R"(
 Examples:
   qpxgatewayd --port 5770 --database ledger.db
       Serves all programs on 127.0.0.1, port 5770.
+  qpxgatewayd --port 5770 --database ledger.db --registry registry.toml
+      Also verifies and changes the passwords of the users in registry.toml.
   qpxgatewayd --port-file port.txt
       Serves those that need no database on a free port, and writes its number
       to port.txt.
@@ -31,7 +33,8 @@ SIGUSR1 releases all answers that are held and ends the misbehaviour "hold".
 Exit codes:
   0  stopped by SIGINT or SIGTERM       3  cannot listen on the address
   1  unforeseen failure                 4  cannot use the database file
-  2  wrong option or configuration      5  cannot write the port file)";
+  2  wrong option or configuration      5  cannot write the port file
+                                        6  cannot use the registry file)";
 
 const std::map<std::string, LogLevel> kLogLevels = {
     {"debug", LogLevel::Debug},
@@ -109,12 +112,19 @@ void declare(CLI::App& app, Options& options, RawOptions& raw)
         ->option_text("PORT");
     app.add_option("--port-file", options.portFile, "Write the port to FILE once it is open")
         ->option_text("FILE");
-    app.add_option("--database", options.database,
-                   "SQLite file of the programs LEDGER and ORDERS, made when it is not there; "
-                   "without it there are neither")
-        ->option_text("FILE");
+    CLI::Option* const database =
+        app.add_option("--database", options.database,
+                       "SQLite file of the programs LEDGER and ORDERS and of the registry of users "
+                       "and systems, made when it is not there; without it there is none of them")
+            ->option_text("FILE");
+    app.add_option("--registry", options.registry,
+                   "Fill the registry from FILE (TOML with rules, systems, and users with their "
+                   "passwords in clear, which are hashed); needs --database")
+        ->option_text("FILE")
+        ->needs(database);
     app.add_option("--system", raw.systems,
-                   "A server for the system list; may be given several times")
+                   "A server for the system list, behind those of the registry file; may be "
+                   "given several times")
         ->option_text("NAME=DESCRIPTION")
         ->allow_extra_args(false)
         ->check(CLI::Validator(complaintAboutSystem, ""));

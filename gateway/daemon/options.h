@@ -21,13 +21,15 @@ enum ExitCode {
     kCannotListen = 3, // the address or port cannot be had
     kBadDatabase = 4,  // the database file cannot be used
     kBadPortFile = 5,  // the port file cannot be written
+    kBadRegistry = 6,  // the registry file cannot be used
 };
 
 struct Options {
     std::string host = "127.0.0.1";
     std::uint16_t port = 0;
     std::string portFile; // empty: none
-    std::string database; // empty: no LEDGER and no ORDERS
+    std::string database; // empty: no LEDGER, no ORDERS and no registry
+    std::string registry; // file that fills the registry; empty: none
     standin::LogLevel logLevel = standin::LogLevel::Info;
     std::vector<standin::SelectedMisbehaviour> misbehaviours;
     std::vector<standin::SystemEntry> systems;

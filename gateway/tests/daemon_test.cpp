@@ -130,8 +130,8 @@ TEST(DaemonOptions, HelpExplainsThemWithExamples)
     Daemon daemon({"--help"});
     EXPECT_EQ(0, daemon.end());
     for (const char* const part :
-         {"--port ", "--port-file", "--host", "--database", "--log-level", "--misbehave",
-          "--list-misbehaviours", "--version", "--config", "--system",
+         {"--port ", "--port-file", "--host", "--database", "--registry", "--log-level",
+          "--misbehave", "--list-misbehaviours", "--version", "--config", "--system",
           "Examples:", "qpxgatewayd --port 5770 --database ledger.db", "Exit codes:"}) {
         EXPECT_TRUE(daemon.wrote(part)) << part;
     }
@@ -166,6 +166,7 @@ TEST(DaemonOptions, WrongOnesEndWithCode2AndSayWhy)
         {{"--misbehave", "pieces=none"}, "pieces needs a number, not \"none\""},
         {{"--system", "NODESCRIPTION"}, "\"NODESCRIPTION\" is not NAME=DESCRIPTION"},
         {{"--system", "NINELONG1=x"}, "does not have 1 to 8 characters"},
+        {{"--registry", "registry.toml"}, "--registry requires --database"},
         {{"--config", "/nonexistent/gateway.conf"}, "/nonexistent/gateway.conf"},
     };
     for (const auto& [arguments, text] : cases) {
@@ -214,6 +215,18 @@ TEST(DaemonOptions, APortFileThatCannotBeWrittenEndsWithCode5)
     Daemon daemon({"--port-file", directory.file("missing/port")});
     EXPECT_EQ(5, daemon.end());
     EXPECT_TRUE(daemon.wrote("cannot write the port file")) << daemon.output();
+}
+
+TEST(DaemonOptions, ARegistryFileThatCannotBeUsedEndsWithCode6)
+{
+    const TemporaryDirectory directory;
+    const std::string file = directory.file("registry.toml");
+    std::ofstream(file) << "[[user]]\nid = \"FRED\"\npassword = Blue7sky\n";
+    Daemon daemon({"--database", directory.file("ledger.db"), "--registry", file});
+    EXPECT_EQ(6, daemon.end());
+    EXPECT_TRUE(daemon.wrote("cannot use the registry file " + file + ": line 3: this is no TOML"))
+        << daemon.output();
+    EXPECT_FALSE(daemon.wrote("lue7sky")) << daemon.output();
 }
 
 TEST(DaemonOptions, ComeFromAFileToo)
@@ -356,4 +369,187 @@ TEST(DaemonService, LogsRequestsWithTheUserButWithoutThePassword)
         "connection 1: request 3 ECI program=\"ECHO\" mode=0 token=0 user=\"FRED\" commarea=0/0"))
         << daemon.output();
     EXPECT_FALSE(daemon.wrote("SECR"));
+}
+
+// ---------------------------------------------------------------------------------------- registry
+
+namespace {
+
+const standin::Bytes kBlue7sky = {0xBD, 0x2E, 0x19, 0x10, 0x52, 0x44, 0x18, 0x12};
+const standin::Bytes kGreen8sea = {0xB8, 0x35, 0x17, 0x00, 0x0B, 0x56, 0x4B, 0x16, 0x04};
+
+standin::Bytes verification(const std::string& user, const standin::Bytes& masked)
+{
+    return standin_test::flow(1, 3, "ESI",
+                              standin_test::Raw()
+                                  .int32(0)
+                                  .padded(user, 10)
+                                  .int32(static_cast<int>(masked.size()))
+                                  .bytes(masked)
+                                  .padded("", 8));
+}
+
+standin::Bytes changeTo(const std::string& user, const standin::Bytes& masked,
+                        const standin::Bytes& newMasked)
+{
+    return standin_test::flow(1, 4, "ESI",
+                              standin_test::Raw()
+                                  .int32(1)
+                                  .padded(user, 10)
+                                  .int32(static_cast<int>(masked.size()))
+                                  .bytes(masked)
+                                  .padded("VORNA", 8, ' ')
+                                  .int32(static_cast<int>(newMasked.size()))
+                                  .bytes(newMasked));
+}
+
+standin::Bytes listQuery(int room)
+{
+    return standin_test::flow(
+        1, 1, "ECI", standin_test::Raw().int32(9).int32(room).int16(0).byte(0).int32(-1).int32(7));
+}
+
+class DaemonRegistry : public testing::Test {
+protected:
+    DaemonRegistry()
+    {
+        std::ofstream(directory.file("registry.toml"))
+            << "[[system]]\nname = \"VORNA\"\ndescription = \"Accounts\"\n"
+               "[[user]]\nid = \"FRED\"\npassword = \"Blue7sky\"\n"
+               "verified = 2026-03-02T10:11:12.34\n";
+    }
+
+    const TemporaryDirectory directory;
+    const std::vector<std::string> arguments = {"--database", directory.file("ledger.db"),
+                                                "--registry", directory.file("registry.toml")};
+};
+
+} // namespace
+
+TEST_F(DaemonRegistry, AnswersAVerificationWithTheUsersTimes)
+{
+    Daemon daemon(arguments);
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    client.send(verification("FRED", kBlue7sky));
+    const standin_test::Received answer = client.read().value();
+    EXPECT_EQ(3, answer.flowType);
+    EXPECT_EQ(3, answer.messageId);
+    EXPECT_EQ("ESI", answer.requestType);
+    ASSERT_EQ(92U, answer.body.size());
+    const standin::Bytes verified = standin_test::Raw()
+                                        .int32(0)
+                                        .int32(2026)
+                                        .int32(2)
+                                        .int32(2)
+                                        .int32(10)
+                                        .int32(11)
+                                        .int32(12)
+                                        .int32(34);
+    EXPECT_EQ(verified, standin::Bytes(answer.body.begin(), answer.body.begin() + 32));
+    client.send(verification("FRED", kGreen8sea));
+    EXPECT_EQ(static_cast<standin::Bytes>(standin_test::Raw().int32(-106)),
+              client.read().value().body);
+}
+
+TEST_F(DaemonRegistry, KeepsAChangeThatWasAnsweredWhenItIsKilled)
+{
+    {
+        Daemon daemon(arguments);
+        Client client(daemon.port());
+        ASSERT_TRUE(client.shakeHands());
+        client.send(changeTo("FRED", kBlue7sky, kGreen8sea));
+        ASSERT_EQ(92U, client.read().value().body.size());
+        daemon.signal(SIGKILL);
+        EXPECT_EQ(-1, daemon.end());
+    }
+    Daemon daemon(arguments);
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    client.send(verification("FRED", kGreen8sea));
+    EXPECT_EQ(92U, client.read().value().body.size());
+    client.send(verification("FRED", kBlue7sky));
+    EXPECT_EQ(static_cast<standin::Bytes>(standin_test::Raw().int32(-106)),
+              client.read().value().body);
+}
+
+TEST_F(DaemonRegistry, LogsRequestsWithoutPasswords)
+{
+    std::vector<std::string> loud = arguments;
+    loud.insert(loud.end(), {"--log-level", "debug"});
+    Daemon daemon(loud);
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    client.send(verification("FRED", kGreen8sea));
+    ASSERT_TRUE(client.read());
+    client.send(changeTo("FRED", kBlue7sky, kGreen8sea));
+    ASSERT_TRUE(client.read());
+    standin::Bytes cutShort = verification("FRED", kBlue7sky);
+    cutShort[49] = 100; // of the 4 bytes that are the password's length the last but one
+    client.send(cutShort);
+    ASSERT_EQ(6, client.read().value().flowType);
+    EXPECT_EQ(0, daemon.stop());
+    for (const char* const line :
+         {"connection 1: request 3 ESI verify user=\"FRED\" server=\"\"\n",
+          "registry: FRED's password is wrong, number 1\n",
+          "connection 1: answer 3 ESI vornRc=-106\n",
+          "connection 1: request 4 ESI change user=\"FRED\" server=\"VORNA\"\n",
+          "registry: FRED's password is changed\n", "connection 1: answer 4 ESI vornRc=0\n",
+          "malformed flow: current password needs"}) {
+        EXPECT_TRUE(daemon.wrote(line)) << line << daemon.output();
+    }
+    EXPECT_FALSE(daemon.wrote("Blue7sky")) << daemon.output();
+    EXPECT_FALSE(daemon.wrote("Green8sea")) << daemon.output();
+}
+
+TEST_F(DaemonRegistry, ListsItsSystemsAndBehindThemThoseOfTheOptions)
+{
+    std::vector<std::string> more = arguments;
+    more.insert(more.end(), {"--system", "VORNB=Branches", "--system", "VORNA=Head office"});
+    Daemon daemon(more);
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    client.send(listQuery(5));
+    EXPECT_EQ(static_cast<standin::Bytes>(standin_test::Raw()
+                                              .int32(9)
+                                              .int32(2)
+                                              .int32(0)
+                                              .int32(140)
+                                              .padded("VORNA", 9)
+                                              .padded("Head office", 61)
+                                              .padded("VORNB", 9)
+                                              .padded("Branches", 61)),
+              client.read().value().body);
+}
+
+TEST_F(DaemonRegistry, KeepsItsSystemsUntilOthersAreGiven)
+{
+    EXPECT_EQ(0, [&] {
+        Daemon daemon(arguments);
+        daemon.port();
+        return daemon.stop();
+    }());
+    Daemon daemon({"--database", directory.file("ledger.db")});
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    client.send(listQuery(5));
+    EXPECT_EQ(static_cast<standin::Bytes>(standin_test::Raw()
+                                              .int32(9)
+                                              .int32(1)
+                                              .int32(0)
+                                              .int32(70)
+                                              .padded("VORNA", 9)
+                                              .padded("Accounts", 61)),
+              client.read().value().body);
+}
+
+TEST(DaemonWithoutADatabase, RefusesPasswordRequests)
+{
+    Daemon daemon({});
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    client.send(verification("FRED", kBlue7sky));
+    const standin_test::Received answer = client.read().value();
+    EXPECT_EQ(4, answer.flowType);
+    EXPECT_EQ(61451, answer.gatewayRc);
 }

@@ -1,11 +1,14 @@
 #!/usr/bin/env bash
-# Runs one case of the examples' tests: run.sh CASE ECHO LEDGER ORDERS DAEMON, with the paths of the
-# programs. CMakeLists.txt names the cases; each is a function below.
+# Runs one case of the examples' tests: run.sh CASE EXAMPLES DAEMON, with the folder of the examples'
+# programs and the path of the gateway's. CMakeLists.txt names the cases; each is a function below.
 set -euo pipefail
 
 HERE=$(cd "$(dirname "$0")" && pwd)
-CASE=$1 ECHO=$2 LEDGER=$3 ORDERS=$4 DAEMON=$5
-readonly HERE CASE ECHO LEDGER ORDERS DAEMON
+CASE=$1 EXAMPLES=$2 DAEMON=$3
+readonly HERE CASE EXAMPLES DAEMON
+readonly ECHO=$EXAMPLES/echo LEDGER=$EXAMPLES/ledger ORDERS=$EXAMPLES/orders
+readonly PASSWORD=$EXAMPLES/password SYSTEMS=$EXAMPLES/systems
+export LC_ALL=C # of what the programs write
 
 # shellcheck source=tools/gateway.sh
 source "$HERE/../../tools/gateway.sh"
@@ -47,6 +50,17 @@ orders() {
     run env LANG=C "$ORDERS" --port "$GATEWAY_PORT" "$@"
 }
 
+gateway_with_registry() {
+    gateway --registry "$HERE/../data/registry.toml" "$@"
+}
+
+# The first argument are the passwords, one to a line.
+password() {
+    printf '%s\n' "$1" >"$FOLDER/passwords"
+    shift
+    run "$PASSWORD" --port "$GATEWAY_PORT" --passwords "$FOLDER/passwords" "$@"
+}
+
 expect_code() {
     [[ $CODE == "$1" ]] || fail "exit code $CODE, not $1"
 }
@@ -61,8 +75,23 @@ expect_text() {
     grep -qF -- "$text" "$FOLDER/$file" || fail "no \"$text\" in $file"
 }
 
+expect_no_text() {
+    local file=$1 text=$2
+    ! grep -qF -- "$text" "$FOLDER/$file" || fail "\"$text\" in $file"
+}
+
 expect_nothing() {
     [[ ! -s $FOLDER/$1 ]] || fail "something in $1"
+}
+
+# That the program takes these arguments for wrong.
+expect_usage_of() {
+    local program=$1 problem=$2 name=${1##*/}
+    shift 2
+    run "$program" "$@"
+    expect_code 2
+    expect_line err "$name: $problem; \"$name --help\" shows what there is"
+    expect_nothing out
 }
 
 expect_same() {
@@ -231,16 +260,7 @@ LedgerRefusesWrongArguments() {
 }
 
 expect_usage() {
-    expect_usage_of "$LEDGER" ledger "$@"
-}
-
-expect_usage_of() {
-    local program=$1 name=$2 problem=$3
-    shift 3
-    run "$program" "$@"
-    expect_code 2
-    expect_line err "$name: $problem; \"$name --help\" shows what there is"
-    expect_nothing out
+    expect_usage_of "$LEDGER" "$@"
 }
 
 LedgerShowsHelp() {
@@ -400,7 +420,7 @@ OrdersRefusesWrongArguments() {
 }
 
 expect_orders_usage() {
-    expect_usage_of "$ORDERS" orders "$@"
+    expect_usage_of "$ORDERS" "$@"
 }
 
 OrdersShowsHelp() {
@@ -408,6 +428,197 @@ OrdersShowsHelp() {
     expect_code 0
     expect_text out "Usage: orders --port PORT [options] FILE"
     expect_text out "Examples:"
+    expect_nothing err
+}
+
+PasswordVerifiesAndTellsOfTheUser() {
+    gateway_with_registry
+    password Paper4boat verify ANNA
+    expect_code 0
+    expect_nothing err
+    expect_line out "The password of ANNA is right."
+    expect_line out "  last verified    Fri 30 Jan 2026 17:02:11"
+    expect_line out "  last accessed    Fri 30 Jan 2026 17:02:12"
+    expect_line out "  wrong attempts   1"
+}
+
+PasswordReadsStandardInput() {
+    gateway_with_registry
+    printf 'Blue7sky\n' >"$FOLDER/passwords"
+    # shellcheck disable=SC2016 # for the inner shell
+    run bash -c 'exec "$1" --port "$2" verify FRED <"$3"' - "$PASSWORD" "$GATEWAY_PORT" "$FOLDER/passwords"
+    expect_code 0
+    expect_line out "The password of FRED is right."
+    expect_line out "  last verified    never"
+}
+
+PasswordChangesIt() {
+    gateway_with_registry
+    password $'Winter5\nSpring6' change OLGA
+    expect_code 0
+    expect_line out "The password of OLGA is changed."
+    password Spring6 verify OLGA
+    expect_code 0
+    password Winter5 verify OLGA
+    expect_code 3
+}
+
+PasswordAsksTheServerThatIsNamed() {
+    gateway_with_registry
+    password Blue7sky --server VORNB verify FRED
+    expect_code 0
+    expect_text gateway.log 'ESI verify user="FRED" server="VORNB"'
+}
+
+PasswordTellsOfARefusal() {
+    gateway_with_registry
+    expect_refusal "ESI_ERR_USERID_INVALID (-300): the server does not know this user" Blue7sky NOBODY
+    expect_refusal "ESI_ERR_PASSWORD_INVALID (-302): the password is wrong; too many wrong ones revoke the user" x FRED
+    expect_refusal "ESI_ERR_PASSWORD_EXPIRED (-306): the password is right, but has expired: change it" Winter5 OLGA
+    expect_refusal "ESI_ERR_SECURITY_ERROR (-307): the server refuses this user, who may be revoked" Copper2pan RALF
+    password $'Blue7sky\nNodigits' change FRED
+    expect_code 3
+    expect_line err "password: change: ESI_ERR_PASSWORD_REJECTED (-315): the server does not take this new password; the old one stays"
+    expect_nothing out
+}
+
+expect_refusal() {
+    password "$2" verify "$3"
+    expect_code 3
+    expect_line err "password: verify: $1"
+    expect_nothing out
+}
+
+PasswordTellsOfAServerThatDoesNotWork() {
+    gateway_with_registry
+    expect_failure "ESI_ERR_NO_VORN (-310): the server is not available" VORNTEST
+    expect_failure "ESI_ERR_PEM_NOT_SUPPORTED (-304): this server has no password management" VORNOLD
+    expect_failure "ESI_ERR_UNKNOWN_SERVER (-312): the Gateway knows no such server" NOWHERE
+}
+
+expect_failure() {
+    password Blue7sky --server "$2" verify FRED
+    expect_code 1
+    expect_line err "password: verify: $1"
+    expect_nothing out
+}
+
+PasswordTellsOfPasswordsThatAreMissing() {
+    gateway_with_registry
+    password Blue7sky change FRED
+    expect_code 1
+    expect_line err "password: the new password is missing"
+    password $'\nGreen8sea' change FRED
+    expect_code 1
+    expect_line err "password: the current password is empty"
+    password "$(printf '%0600d' 0)" verify FRED
+    expect_code 1
+    expect_line err "password: the current password is too long"
+    run "$PASSWORD" --port "$GATEWAY_PORT" --passwords "$FOLDER/missing.txt" verify FRED
+    expect_code 1
+    expect_text err "cannot open $FOLDER/missing.txt"
+    expect_no_text gateway.log "request"
+}
+
+PasswordIsNeverShown() {
+    local file
+
+    gateway_with_registry --log-level debug
+    export QPX_CLIENT_TRACE_LEVEL=5 QPX_CLIENT_TRACE_FILE=$FOLDER/trace
+    password $'Blue7sky\nGreen8sea' change FRED
+    expect_code 0
+    expect_text trace "QPX_ESI_changePassword"
+    for file in out err gateway.log trace; do
+        expect_no_text "$file" Blue7sky
+        expect_no_text "$file" Green8sea
+    done
+}
+
+PasswordNamesTheErrorWithoutAGateway() {
+    closed_port
+    password Blue7sky verify FRED
+    expect_code 1
+    expect_line err "password: open: QPX_ERR_CONNECTFAILED (-118)"
+}
+
+PasswordRefusesWrongArguments() {
+    expect_usage_of "$PASSWORD" "--port is missing" verify FRED
+    expect_usage_of "$PASSWORD" "the user is missing" --port 5770 verify
+    expect_usage_of "$PASSWORD" "an argument too many" --port 5770 verify FRED Blue7sky
+    expect_usage_of "$PASSWORD" "neither verify nor change: look" --port 5770 look FRED
+    expect_usage_of "$PASSWORD" "longer than 10 characters: ELEVENLONG1" --port 5770 verify ELEVENLONG1
+    expect_usage_of "$PASSWORD" "longer than 8 characters: NINELONG1" --port 5770 --server NINELONG1 verify FRED
+    expect_usage_of "$PASSWORD" "unknown or incomplete option --nonsense" --nonsense
+}
+
+PasswordShowsHelp() {
+    run "$PASSWORD" --help
+    expect_code 0
+    expect_text out "Usage: password --port PORT [options] verify USER"
+    expect_nothing err
+}
+
+SystemsListsThemAll() {
+    gateway_with_registry
+    run "$SYSTEMS" --port "$GATEWAY_PORT"
+    expect_code 0
+    expect_nothing err
+    expect_all_systems
+}
+
+expect_all_systems() {
+    cat >"$FOLDER/systems.txt" <<'TEXT'
+VORNA     Accounts, head office
+VORNB     Accounts, branch offices
+VORNOLD   Accounts before the merger, read only
+VORNTEST  Tests, at office hours
+TEXT
+    expect_same "$FOLDER/systems.txt" "$FOLDER/out"
+}
+
+SystemsMakesRoomUntilAllFit() {
+    gateway_with_registry
+    run "$SYSTEMS" --port "$GATEWAY_PORT" --room 1
+    expect_code 0
+    expect_all_systems
+    expect_text gateway.log "ECI system list for 1"
+    expect_text gateway.log "ECI system list for 2"
+    expect_text gateway.log "ECI system list for 4"
+}
+
+SystemsSaysWhenThereIsNone() {
+    gateway
+    run "$SYSTEMS" --port "$GATEWAY_PORT"
+    expect_code 0
+    expect_line out "The Gateway knows no server."
+}
+
+SystemsNamesTheErrorOfAFailedCall() {
+    gateway --misbehave flow-error=61445
+    run "$SYSTEMS" --port "$GATEWAY_PORT"
+    expect_code 1
+    expect_line err "systems: list: QPX_ERR_WORK_WAS_REFUSED (61445)"
+    expect_nothing out
+}
+
+SystemsNamesTheErrorWithoutAGateway() {
+    closed_port
+    run "$SYSTEMS" --port "$GATEWAY_PORT"
+    expect_code 1
+    expect_line err "systems: open: QPX_ERR_CONNECTFAILED (-118)"
+}
+
+SystemsRefusesWrongArguments() {
+    expect_usage_of "$SYSTEMS" "--port is missing"
+    expect_usage_of "$SYSTEMS" "room is a number from 1 to 65535, not 0" --port 5770 --room 0
+    expect_usage_of "$SYSTEMS" "an argument too many: all" --port 5770 all
+    expect_usage_of "$SYSTEMS" "unknown or incomplete option --nonsense" --nonsense
+}
+
+SystemsShowsHelp() {
+    run "$SYSTEMS" --help
+    expect_code 0
+    expect_text out "Usage: systems --port PORT [options]"
     expect_nothing err
 }
 

@@ -1,0 +1,391 @@
+/*
+ * password.c - verifies or changes a user's password at a server behind a Gateway, and tells what
+ * the server knows of the user.
+ *
+ * Passwords come from a file or from standard input, one to a line: the one in force first, for a
+ * change the new one behind it. At a terminal they are asked for, and do not show. They are never
+ * taken from the command line, where other users of the machine could see them, and never written.
+ */
+#define _POSIX_C_SOURCE 200809L /* fileno, termios */
+
+#include <getopt.h>
+#include <locale.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <termios.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "qpxclient.h"
+#include "qpxclient_esi.h"
+
+/* Exit codes. */
+#define EXIT_OK      0 /* the password is right, or changed */
+#define EXIT_FAILED  1 /* a file, the connection or the server failed; nothing is known */
+#define EXIT_USAGE   2 /* the arguments are wrong */
+#define EXIT_REFUSED 3 /* the server refused the user, the password or the new password */
+
+/* Room for a password, for the line end and for the terminator. */
+#define PASSWORD_SIZE 514
+#define LONGEST_USER  10
+#define LONGEST_NAME  8 /* of a server */
+
+struct options {
+    char* host;
+    int port;
+    const char* server; /* NULL for the Gateway's default */
+    int timeout;
+    const char* passwords; /* file; NULL for standard input */
+    int change;
+    const char* user;
+};
+
+struct passwords {
+    char current[PASSWORD_SIZE];
+    char changed[PASSWORD_SIZE];
+};
+
+/* ---- Messages ------------------------------------------------------------------------------ */
+
+static void complain(const char* format, ...)
+{
+    va_list arguments;
+
+    fflush(stdout);
+    fputs("password: ", stderr);
+    va_start(arguments, format);
+    vfprintf(stderr, format, arguments);
+    va_end(arguments);
+    fputc('\n', stderr);
+}
+
+/* What a code of the server means to whoever has called this program; NULL if it has no more to
+ * say than its name. */
+static const char* meaning_of(int rc)
+{
+    static const struct {
+        int rc;
+        const char* meaning;
+    } meanings[] = {
+        {ESI_ERR_USERID_INVALID, "the server does not know this user"},
+        {ESI_ERR_PASSWORD_INVALID, "the password is wrong; too many wrong ones revoke the user"},
+        {ESI_ERR_PASSWORD_EXPIRED, "the password is right, but has expired: change it"},
+        {ESI_ERR_PASSWORD_REJECTED,
+         "the server does not take this new password; the old one stays"},
+        {ESI_ERR_SECURITY_ERROR, "the server refuses this user, who may be revoked"},
+        {ESI_ERR_PEM_NOT_SUPPORTED, "this server has no password management"},
+        {ESI_ERR_PEM_NOT_ACTIVE, "this server's password management is not active"},
+        {ESI_ERR_NO_VORN, "the server is not available"},
+        {ESI_ERR_VORN_DIED, "the server ended during the call"},
+        {ESI_ERR_UNKNOWN_SERVER, "the Gateway knows no such server"},
+        {ESI_ERR_RESOURCE_SHORTAGE, "the server has run out of something; try again"},
+        {ESI_ERR_NO_SESSIONS, "the server has no free session; try again"},
+        {ESI_ERR_MAX_SYSTEMS, "the Gateway cannot connect to more servers"},
+        {ESI_ERR_MAX_SESSIONS, "the Gateway cannot open more sessions"},
+    };
+    size_t i;
+
+    for (i = 0; i < sizeof meanings / sizeof meanings[0]; ++i)
+        if (meanings[i].rc == rc) return meanings[i].meaning;
+    return NULL;
+}
+
+static void complain_of_rc(const char* what, int rc)
+{
+    char name[QPX_RC_STRING_SIZE];
+    const char* meaning = meaning_of(rc);
+
+    complain("%s: %s (%d)%s%s", what, QPX_getRcString(rc, name), rc, meaning == NULL ? "" : ": ",
+             meaning == NULL ? "" : meaning);
+}
+
+/* ---- Passwords ------------------------------------------------------------------------------ */
+
+/* Overwrites a secret in a way that no compiler leaves out. */
+static void wipe(void* secret, size_t size)
+{
+    volatile char* at = secret;
+
+    while (size > 0) {
+        *at++ = '\0';
+        size -= 1;
+    }
+}
+
+/* Reads one line without its end; 0 if there is none, or none that can be a password. */
+static int read_password(FILE* file, char password[PASSWORD_SIZE], const char* which)
+{
+    size_t length;
+
+    if (fgets(password, PASSWORD_SIZE, file) == NULL) {
+        complain("the %s password is missing", which);
+        return 0;
+    }
+    length = strlen(password);
+    if (length + 1 == PASSWORD_SIZE && password[length - 1] != '\n') {
+        complain("the %s password is too long", which);
+        return 0;
+    }
+    if (length > 0 && password[length - 1] == '\n') password[length - 1] = '\0';
+    if (password[0] != '\0') return 1;
+    complain("the %s password is empty", which);
+    return 0;
+}
+
+/* Asks at the terminal. What is typed does not show, nor does it interrupt. */
+static int ask_password(char password[PASSWORD_SIZE], const char* which)
+{
+    struct termios before;
+    struct termios silent;
+    int result;
+
+    if (tcgetattr(fileno(stdin), &before) != 0) {
+        complain("the terminal cannot be told to keep passwords to itself");
+        return 0;
+    }
+    fprintf(stderr, "Password (the %s): ", which);
+    silent = before;
+    silent.c_lflag &= ~(tcflag_t)(ECHO | ISIG);
+    tcsetattr(fileno(stdin), TCSAFLUSH, &silent);
+    result = read_password(stdin, password, which);
+    tcsetattr(fileno(stdin), TCSAFLUSH, &before);
+    fputc('\n', stderr);
+    return result;
+}
+
+/* The new password is typed blindly, so it is asked for twice. */
+static int ask_new_password(char password[PASSWORD_SIZE])
+{
+    char again[PASSWORD_SIZE] = "";
+    int asked = ask_password(password, "new") && ask_password(again, "new one once more");
+    int agree = strcmp(password, again) == 0;
+
+    wipe(again, sizeof again);
+    if (asked && !agree) complain("the new passwords differ");
+    return asked && agree;
+}
+
+static int ask_passwords(const struct options* options, struct passwords* passwords)
+{
+    if (!ask_password(passwords->current, "current")) return 0;
+    return !options->change || ask_new_password(passwords->changed);
+}
+
+static int read_passwords(FILE* file, const struct options* options, struct passwords* passwords)
+{
+    if (!read_password(file, passwords->current, "current")) return 0;
+    return !options->change || read_password(file, passwords->changed, "new");
+}
+
+static int get_passwords(const struct options* options, struct passwords* passwords)
+{
+    FILE* file;
+    int result;
+
+    if (options->passwords == NULL && isatty(fileno(stdin)))
+        return ask_passwords(options, passwords);
+
+    file = options->passwords == NULL ? stdin : fopen(options->passwords, "r");
+    if (file == NULL) {
+        complain("cannot open %s; give a file with one password to a line", options->passwords);
+        return 0;
+    }
+    setvbuf(file, NULL, _IONBF, 0); /* no second copy of them */
+    result = read_passwords(file, options, passwords);
+    if (file != stdin) fclose(file);
+    return result;
+}
+
+/* ---- What the server tells of the user ------------------------------------------------------ */
+
+/* Shows a time as is usual where the program runs. The server's clock has told it. */
+static void print_time(const char* what, const ESI_DATETIME* when)
+{
+    struct tm converted;
+    char text[80];
+
+    QPX_ESI_convertTime(when, &converted);
+    if (when->year == 0 || strftime(text, sizeof text, "%a %d %b %Y %X", &converted) == 0)
+        strcpy(text, "never");
+    printf("  %-16s %s\n", what, text);
+}
+
+static void print_details(const struct options* options, const ESI_DETAILS* details)
+{
+    printf("The password of %s is %s.\n", options->user, options->change ? "changed" : "right");
+    print_time("last verified", &details->lastVerifiedTime);
+    print_time("last accessed", &details->lastAccessedTime);
+    print_time("expires", &details->expiryTime);
+    printf("  %-16s %d\n", "wrong attempts", details->invalidCount);
+}
+
+/* ---- The run -------------------------------------------------------------------------------- */
+
+static int is_refusal(int rc)
+{
+    return rc == ESI_ERR_USERID_INVALID || rc == ESI_ERR_PASSWORD_INVALID ||
+           rc == ESI_ERR_PASSWORD_EXPIRED || rc == ESI_ERR_PASSWORD_REJECTED ||
+           rc == ESI_ERR_SECURITY_ERROR;
+}
+
+static int call_server(const struct options* options, QPX_ConnToken_t gateway,
+                       const struct passwords* passwords)
+{
+    ESI_DETAILS details;
+    int rc;
+
+    if (options->change)
+        rc = QPX_ESI_changePassword(gateway, options->user, passwords->current, passwords->changed,
+                                    options->server, &details);
+    else
+        rc = QPX_ESI_verifyPassword(gateway, options->user, passwords->current, options->server,
+                                    &details);
+    if (rc == QPX_OK) {
+        print_details(options, &details);
+        return EXIT_OK;
+    }
+    complain_of_rc(options->change ? "change" : "verify", rc);
+    return is_refusal(rc) ? EXIT_REFUSED : EXIT_FAILED;
+}
+
+static int run_session(const struct options* options, const struct passwords* passwords)
+{
+    QPX_ConnToken_t gateway = NULL;
+    int rc = QPX_openRemoteGatewayConnection(options->host, options->port, &gateway,
+                                             options->timeout);
+    int result;
+
+    if (rc != QPX_OK) {
+        complain("cannot connect to a Gateway at %s:%d", options->host, options->port);
+        complain_of_rc("open", rc);
+        return EXIT_FAILED;
+    }
+    result = call_server(options, gateway, passwords);
+    rc = QPX_closeGatewayConnection(&gateway);
+    if (rc == QPX_OK) return result;
+    complain_of_rc("close", rc);
+    return result == EXIT_OK ? EXIT_FAILED : result;
+}
+
+static int run(const struct options* options)
+{
+    struct passwords passwords = {"", ""};
+    int result = EXIT_FAILED;
+
+    if (get_passwords(options, &passwords)) result = run_session(options, &passwords);
+    wipe(&passwords, sizeof passwords);
+    return result;
+}
+
+/* ---- Arguments ------------------------------------------------------------------------------ */
+
+static void print_help(void)
+{
+    printf("Verifies or changes a user's password at a server behind a Gateway.\n"
+           "\n"
+           "Usage: password --port PORT [options] verify USER\n"
+           "       password --port PORT [options] change USER\n"
+           "\n"
+           "  --host HOST       where the Gateway listens (127.0.0.1)\n"
+           "  --port PORT       its TCP port, 1 to 65535\n"
+           "  --server NAME     the server to ask, at most 8 characters (the Gateway's default)\n"
+           "  --passwords FILE  where the passwords are (standard input): the current one in the\n"
+           "                    first line, the new one in the second\n"
+           "  --timeout SECS    limit for connecting, 0 to 3600, 0 is none (30)\n"
+           "  --help            this text\n"
+           "\n"
+           "Exit codes:\n"
+           "  0  the password is right, or changed\n"
+           "  1  a file, the connection or the server failed\n"
+           "  2  the arguments are wrong\n"
+           "  3  the server refused the user, the password or the new password\n"
+           "\n"
+           "Examples:\n"
+           "  password --port 5770 verify FRED\n"
+           "  password --port 5770 --server VORNB --passwords secret.txt change FRED\n");
+}
+
+static int usage(const char* problem, const char* what)
+{
+    complain("%s%s; \"password --help\" shows what there is", problem, what);
+    return EXIT_USAGE;
+}
+
+/* A whole number from 0 to the limit; 0 if the text is none. */
+static int parse_number(const char* text, long limit, int* number)
+{
+    char* end = NULL;
+    long value = strtol(text, &end, 10);
+
+    if (end == text || *end != '\0' || value < 0 || value > limit) return 0;
+    *number = (int)value;
+    return 1;
+}
+
+/* Takes what stands behind the options; -1 to go on, otherwise the exit code to end with. */
+static int parse_words(int argc, char** argv, struct options* options)
+{
+    if (argc < 2) return usage("the user is missing", "");
+    if (argc > 2) return usage("an argument too many", ""); /* it might be a password */
+    if (strcmp(argv[0], "verify") != 0 && strcmp(argv[0], "change") != 0)
+        return usage("neither verify nor change: ", argv[0]);
+    options->change = strcmp(argv[0], "change") == 0;
+    options->user = argv[1];
+    if (strlen(options->user) > LONGEST_USER)
+        return usage("longer than 10 characters: ", options->user);
+    return -1;
+}
+
+/* Fills the options; -1 to go on, otherwise the exit code to end with. */
+static int parse_arguments(int argc, char** argv, struct options* options)
+{
+    enum { HOST = 1, PORT, SERVER, PASSWORDS, TIMEOUT, HELP };
+    static const struct option known[] = {
+        {"host", required_argument, NULL, HOST},
+        {"port", required_argument, NULL, PORT},
+        {"server", required_argument, NULL, SERVER},
+        {"passwords", required_argument, NULL, PASSWORDS},
+        {"timeout", required_argument, NULL, TIMEOUT},
+        {"help", no_argument, NULL, HELP},
+        {NULL, 0, NULL, 0},
+    };
+    int choice;
+
+    opterr = 0;
+    while ((choice = getopt_long(argc, argv, "", known, NULL)) != -1) {
+        switch (choice) {
+        case HOST: options->host = optarg; break;
+        case PORT:
+            if (!parse_number(optarg, 65535, &options->port) || options->port == 0)
+                return usage("a port is a number from 1 to 65535, not ", optarg);
+            break;
+        case SERVER: options->server = optarg; break;
+        case PASSWORDS: options->passwords = optarg; break;
+        case TIMEOUT:
+            if (!parse_number(optarg, 3600, &options->timeout))
+                return usage("a time-out is a number of seconds from 0 to 3600, not ", optarg);
+            break;
+        case HELP: print_help(); return EXIT_OK;
+        default: return usage("unknown or incomplete option ", argv[optind - 1]);
+        }
+    }
+    if (options->port == 0) return usage("--port is missing", "");
+    if (options->server != NULL && strlen(options->server) > LONGEST_NAME)
+        return usage("longer than 8 characters: ", options->server);
+    return parse_words(argc - optind, argv + optind, options);
+}
+
+int main(int argc, char** argv)
+{
+    struct options options = {0};
+    int result;
+
+    setlocale(LC_TIME, "");
+    options.host = "127.0.0.1";
+    options.timeout = 30;
+
+    result = parse_arguments(argc, argv, &options);
+    return result != -1 ? result : run(&options);
+}

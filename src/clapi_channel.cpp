@@ -107,9 +107,10 @@ int validateName(const char* name)
     return rc;
 }
 
-/* A valid name in a record: without a terminator where it fills the field. */
+/* A valid name, which is not null, in a record: without a terminator where it fills the field. */
 static void storeName(char (&field)[CHANNEL_NAME_SIZE], const char* name)
 {
+    // NOLINTNEXTLINE(clang-analyzer-core.NonNullParamChecker): validateName is too far away for it
     memcpy(field, name, strnlen(name, sizeof field));
 }
 
@@ -354,10 +355,14 @@ ECI_Container_t* clapiFindContainer(ECI_Channel_t* channel, const char* name,
     return container;
 }
 
-static ECI_Container_t* findContainer(ECI_Channel_t* channel, const char* name)
+/* The container of that name, which must be there; null and a line of the trace if it is not. */
+template <const TracePoint& notFound>
+static ECI_Container_t* wantedContainer(ECI_Channel_t* channel, const char* name)
 {
     ECI_Container_t* previous;
-    return clapiFindContainer(channel, name, &previous);
+    ECI_Container_t* container = clapiFindContainer(channel, name, &previous);
+    if (container == nullptr) TRACE(notFound, name, channel->name);
+    return container;
 }
 
 void clapiLinkContainer(ECI_Channel_t* channel, ECI_Container_t* container)
@@ -689,10 +694,15 @@ int ECI_deleteAllChannels(void)
 
 /* ---- A channel's name ---- */
 
-/* Ends the holding of a channel; a failure shows in a result that was good. */
-template <const TracePoint& notUnlocked>
-static int endOperation(ECI_ChannelToken_t chanTok, int rc)
+/* Runs an operation on a channel, which is held meanwhile. A channel that cannot be let go shows in
+ * a result that was good. */
+template <const TracePoint& notUnlocked, typename Operation>
+static int whileHolding(ECI_ChannelToken_t chanTok, Operation operation)
 {
+    int rc = lockChannel(chanTok);
+    if (rc != ECI_NO_ERROR) return rc;
+
+    rc = operation();
     if (unlockChannel(chanTok) == ECI_NO_ERROR) return rc;
     TRACE(notUnlocked);
     return firstFailure(rc, ECI_ERR_SYSTEM_ERROR);
@@ -710,12 +720,11 @@ static int copyChannelName(ECI_ChannelToken_t chanTok, char* nameBuffer)
         TRACE(at::nullBuffer);
         return ECI_ERR_NULLPTR;
     }
-    int rc = lockChannel(chanTok);
-    if (rc != ECI_NO_ERROR) return rc;
-
-    memset(nameBuffer, 0, ECI_NAME_SIZE);
-    memcpy(nameBuffer, chanTok->name, sizeof chanTok->name);
-    return endOperation<at::notUnlocked>(chanTok, ECI_NO_ERROR);
+    return whileHolding<at::notUnlocked>(chanTok, [&] {
+        memset(nameBuffer, 0, ECI_NAME_SIZE);
+        memcpy(nameBuffer, chanTok->name, sizeof chanTok->name);
+        return ECI_NO_ERROR;
+    });
 }
 
 int ECI_getChannelName(ECI_ChannelToken_t chanTok, char* nameBuffer)
@@ -926,7 +935,8 @@ static int addNewContainer(ECI_Channel_t* channel, const NewContainer& given)
 {
     namespace at = tp::ECI_createContainer;
 
-    if (findContainer(channel, given.name) != nullptr) {
+    ECI_Container_t* previous;
+    if (clapiFindContainer(channel, given.name, &previous) != nullptr) {
         TRACE(at::exists, given.name, channel->name);
         return ECI_ERR_CONTAINER_EXISTS;
     }
@@ -945,11 +955,8 @@ static int createContainer(ECI_ChannelToken_t chanTok, const NewContainer& given
 
     int rc = getCurrentCcsid();
     if (rc == ECI_NO_ERROR) rc = checkNewContainer(chanTok, given);
-    if (rc == ECI_NO_ERROR) rc = lockChannel(chanTok);
     if (rc != ECI_NO_ERROR) return rc;
-
-    rc = addNewContainer(chanTok, given);
-    return endOperation<at::notUnlocked>(chanTok, rc);
+    return whileHolding<at::notUnlocked>(chanTok, [&] { return addNewContainer(chanTok, given); });
 }
 
 int ECI_createContainer(ECI_ChannelToken_t chanTok, const char* name, ECI_CONTAINER_TYPE type,
@@ -999,11 +1006,8 @@ static int deleteContainer(ECI_ChannelToken_t chanTok, const char* name)
         return ECI_ERR_INVALID_CHANNEL;
     }
     int rc = validateName(name);
-    if (rc == ECI_NO_ERROR) rc = lockChannel(chanTok);
     if (rc != ECI_NO_ERROR) return rc;
-
-    rc = removeContainer(chanTok, name);
-    return endOperation<at::notUnlocked>(chanTok, rc);
+    return whileHolding<at::notUnlocked>(chanTok, [&] { return removeContainer(chanTok, name); });
 }
 
 int ECI_deleteContainer(ECI_ChannelToken_t chanTok, const char* name)
@@ -1030,6 +1034,21 @@ static void fillInfo(ECI_CONTAINER_INFO* infoPtr, const ECI_Container_t* contain
     if (container->type == ECI_CHAR) infoPtr->ccsid = container->ccsid;
 }
 
+/* Checks the arguments of a browsing call. */
+template <const TracePoint& nullChannel, const TracePoint& nullInfo>
+static int checkBrowsing(ECI_ChannelToken_t chanTok, const ECI_CONTAINER_INFO* infoPtr)
+{
+    if (chanTok == nullptr) {
+        TRACE(nullChannel);
+        return ECI_ERR_INVALID_CHANNEL;
+    }
+    if (infoPtr == nullptr) {
+        TRACE(nullInfo);
+        return ECI_ERR_NULLINFOPTR;
+    }
+    return ECI_NO_ERROR;
+}
+
 static int goToFirst(ECI_Channel_t* channel, ECI_CONTAINER_INFO* infoPtr)
 {
     namespace at = tp::ECI_getFirstContainer;
@@ -1049,19 +1068,9 @@ static int getFirstContainer(ECI_ChannelToken_t chanTok, ECI_CONTAINER_INFO* inf
 {
     namespace at = tp::ECI_getFirstContainer;
 
-    if (chanTok == nullptr) {
-        TRACE(at::nullChannel);
-        return ECI_ERR_INVALID_CHANNEL;
-    }
-    if (infoPtr == nullptr) {
-        TRACE(at::nullInfo);
-        return ECI_ERR_NULLINFOPTR;
-    }
-    int rc = lockChannel(chanTok);
+    int rc = checkBrowsing<at::nullChannel, at::nullInfo>(chanTok, infoPtr);
     if (rc != ECI_NO_ERROR) return rc;
-
-    rc = goToFirst(chanTok, infoPtr);
-    return endOperation<at::notUnlocked>(chanTok, rc);
+    return whileHolding<at::notUnlocked>(chanTok, [&] { return goToFirst(chanTok, infoPtr); });
 }
 
 int ECI_getFirstContainer(ECI_ChannelToken_t chanTok, ECI_CONTAINER_INFO* infoPtr)
@@ -1109,19 +1118,9 @@ static int getNextContainer(ECI_ChannelToken_t chanTok, ECI_CONTAINER_INFO* info
 {
     namespace at = tp::ECI_getNextContainer;
 
-    if (chanTok == nullptr) {
-        TRACE(at::nullChannel);
-        return ECI_ERR_INVALID_CHANNEL;
-    }
-    if (infoPtr == nullptr) {
-        TRACE(at::nullInfo);
-        return ECI_ERR_NULLINFOPTR;
-    }
-    int rc = lockChannel(chanTok);
+    int rc = checkBrowsing<at::nullChannel, at::nullInfo>(chanTok, infoPtr);
     if (rc != ECI_NO_ERROR) return rc;
-
-    rc = goToNext(chanTok, infoPtr);
-    return endOperation<at::notUnlocked>(chanTok, rc);
+    return whileHolding<at::notUnlocked>(chanTok, [&] { return goToNext(chanTok, infoPtr); });
 }
 
 int ECI_getNextContainer(ECI_ChannelToken_t chanTok, ECI_CONTAINER_INFO* infoPtr)
@@ -1139,11 +1138,8 @@ static int describeContainer(ECI_Channel_t* channel, const char* name, ECI_CONTA
 {
     namespace at = tp::ECI_getContainerInfo;
 
-    const ECI_Container_t* container = findContainer(channel, name);
-    if (container == nullptr) {
-        TRACE(at::notFound, name, channel->name);
-        return ECI_ERR_CONTAINER_NOTFOUND;
-    }
+    const ECI_Container_t* container = wantedContainer<at::notFound>(channel, name);
+    if (container == nullptr) return ECI_ERR_CONTAINER_NOTFOUND;
     fillInfo(infoPtr, container);
     return ECI_NO_ERROR;
 }
@@ -1153,20 +1149,11 @@ static int getContainerInfo(ECI_ChannelToken_t chanTok, const char* name,
 {
     namespace at = tp::ECI_getContainerInfo;
 
-    if (chanTok == nullptr) {
-        TRACE(at::nullChannel);
-        return ECI_ERR_INVALID_CHANNEL;
-    }
-    if (infoPtr == nullptr) {
-        TRACE(at::nullInfo);
-        return ECI_ERR_NULLINFOPTR;
-    }
-    int rc = validateName(name);
-    if (rc == ECI_NO_ERROR) rc = lockChannel(chanTok);
+    int rc = checkBrowsing<at::nullChannel, at::nullInfo>(chanTok, infoPtr);
+    if (rc == ECI_NO_ERROR) rc = validateName(name);
     if (rc != ECI_NO_ERROR) return rc;
-
-    rc = describeContainer(chanTok, name, infoPtr);
-    return endOperation<at::notUnlocked>(chanTok, rc);
+    return whileHolding<at::notUnlocked>(chanTok,
+                                         [&] { return describeContainer(chanTok, name, infoPtr); });
 }
 
 int ECI_getContainerInfo(ECI_ChannelToken_t chanTok, const char* name, ECI_CONTAINER_INFO* infoPtr)
@@ -1194,11 +1181,8 @@ static int copyRange(ECI_Channel_t* channel, const char* name, const DataRange& 
 {
     namespace at = tp::ECI_getContainerData;
 
-    const ECI_Container_t* container = findContainer(channel, name);
-    if (container == nullptr) {
-        TRACE(at::notFound, name, channel->name);
-        return ECI_ERR_CONTAINER_NOTFOUND;
-    }
+    const ECI_Container_t* container = wantedContainer<at::notFound>(channel, name);
+    if (container == nullptr) return ECI_ERR_CONTAINER_NOTFOUND;
     size_t behindOffset = container->dataLength - std::min(wanted.offset, container->dataLength);
     size_t count = std::min(wanted.length, behindOffset);
     if (count > 0) {
@@ -1224,11 +1208,8 @@ static int getContainerData(ECI_ChannelToken_t chanTok, const char* name, const 
         return ECI_ERR_NULLPTR;
     }
     int rc = validateName(name);
-    if (rc == ECI_NO_ERROR) rc = lockChannel(chanTok);
     if (rc != ECI_NO_ERROR) return rc;
-
-    rc = copyRange(chanTok, name, wanted);
-    return endOperation<at::notUnlocked>(chanTok, rc);
+    return whileHolding<at::notUnlocked>(chanTok, [&] { return copyRange(chanTok, name, wanted); });
 }
 
 int ECI_getContainerData(ECI_ChannelToken_t chanTok, const char* name, void* buffer, size_t length,
@@ -1275,11 +1256,8 @@ static int replaceData(ECI_Channel_t* channel, const char* name, const void* dat
 {
     namespace at = tp::ECI_setContainerData;
 
-    ECI_Container_t* container = findContainer(channel, name);
-    if (container == nullptr) {
-        TRACE(at::notFound, name, channel->name);
-        return ECI_ERR_CONTAINER_NOTFOUND;
-    }
+    ECI_Container_t* container = wantedContainer<at::notFound>(channel, name);
+    if (container == nullptr) return ECI_ERR_CONTAINER_NOTFOUND;
     if (dataLength != container->dataLength && container->dataPtr != nullptr)
         emptyContainer(container);
     return dataLength != 0 ? storeData(container, data, dataLength) : ECI_NO_ERROR;
@@ -1299,11 +1277,9 @@ static int setContainerData(ECI_ChannelToken_t chanTok, const char* name, const 
         return ECI_ERR_INVALID_DATA_LENGTH;
     }
     int rc = validateName(name);
-    if (rc == ECI_NO_ERROR) rc = lockChannel(chanTok);
     if (rc != ECI_NO_ERROR) return rc;
-
-    rc = replaceData(chanTok, name, data, dataLength);
-    return endOperation<at::notUnlocked>(chanTok, rc);
+    return whileHolding<at::notUnlocked>(
+        chanTok, [&] { return replaceData(chanTok, name, data, dataLength); });
 }
 
 int ECI_setContainerData(ECI_ChannelToken_t chanTok, const char* name, const void* data,

@@ -55,8 +55,8 @@ const char* clapiGetRcStringChannel(int rc);
 /* ---- Holding a channel ---- */
 
 /*
- * Takes a channel for the length of a call, and gives it back. Waits, without limit, until no
- * other call has it. A handle that is no channel's is refused and never followed.
+ * Takes a channel for the length of a call, and gives it back. lockChannel waits, without limit,
+ * until no other call has it, and refuses a handle that is no channel's without following it.
  * 0, ECI_ERR_INVALID_CHANNEL or ECI_ERR_SYSTEM_ERROR.
  * Locks: neither may be called with serLock held; unlockChannel may with a tableLock.
  */

@@ -75,8 +75,9 @@ int clapiWaitEventSince(ClapiEvent* eventPtr, int generation);
 enum AlreadyHeld { ALREADY_HELD };
 
 /*
- * A lock held within one scope, taken by the constructor or before it. Where the release can fail and must be reported, call release
- * and look at its result; the destructor releases what is still held.
+ * A lock held within one scope, taken by the constructor or before it. Where the release can fail
+ * and must be reported, call release and look at its result; the destructor releases what is
+ * still held.
  */
 class LockGuard {
 public:

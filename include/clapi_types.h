@@ -184,6 +184,9 @@ bool clapiBeginSending(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
 /* As clapiBeginSending for a flow that belongs to no request. Locks: takes tableLock. */
 bool clapiBeginSendingFlow(_QPX_ConnToken_t* gwTokPtr);
 
+/* Takes a sender off the count of those who keep the socket. Locks: tableLock held. */
+void clapiLeaveSenders(_QPX_ConnToken_t* gwTokPtr);
+
 /* Ends either of the above. Locks: takes tableLock. */
 void clapiEndSending(_QPX_ConnToken_t* gwTokPtr);
 

@@ -14,13 +14,13 @@
  * never converts data.
  *
  * Any number of threads may work on one channel: each call holds it for its length. While a
- * program call has the channel, every other call on it waits, without limit: a synchronous call
- * has it until it returns, an asynchronous one until its reply is collected or its connection is
- * closed.
+ * program call has the channel, every other call on it waits, without limit, the calling thread's
+ * own too: a synchronous call has it until it returns, an asynchronous one until its reply is
+ * collected or its connection is closed.
  *
- * A handle is valid from the creation until the deletion of its channel. Whoever deletes a
- * channel vouches that no thread uses its handle afterwards; a call that is already waiting for
- * the channel then gets ECI_ERR_INVALID_CHANNEL.
+ * A handle is valid from the creation until the deletion of its channel. No thread may begin a
+ * call with it once a deletion has begun; a call that is already waiting for the channel gets
+ * ECI_ERR_INVALID_CHANNEL.
  *
  * Example: a channel with one container, and its names read back.
  *
@@ -115,7 +115,7 @@ QPX_API int ECI_deleteAllChannels(void);
 QPX_API int ECI_getChannelName(ECI_ChannelToken_t chanTok, char* nameBuffer);
 
 /* Writes all channels and their containers, without their data, to the trace destination,
- * whatever the trace level. Error: ECI_ERR_SYSTEM_ERROR. */
+ * whatever the trace level. Errors: ECI_ERR_MEMORY_SHORTAGE, ECI_ERR_SYSTEM_ERROR. */
 QPX_API int QPX_ECI_dumpChannels(void);
 
 /* ---- Containers -------------------------------------------------------------------------- */
@@ -141,7 +141,12 @@ typedef struct _ECI_CONTAINER_INFO {
  *
  * ccsid  the code page of an ECI_CHAR container; 0 means that of the channel. A channel that
  *        has none yet gets it from its first ECI_CHAR container: its ccsid or, for 0, that of
- *        the local code page as LANG names it. Not used for ECI_BIT.
+ *        the local code page. This goes by the language in LANG, not by the encoding:
+ *        en_US.UTF-8 gives 819. Give 1208 for UTF-8. Not used for ECI_BIT.
+ *
+ * The first call of this, or of QPX_ECI_Execute_Channel, sets the locale of the process from the
+ * environment, as setlocale(LC_ALL, "") does. A program with a locale of its own sets it
+ * afterwards.
  *
  * Errors: ECI_ERR_INVALID_CHANNEL, ECI_ERR_INVALID_TYPE, ECI_ERR_INVALID_DATA_LENGTH (no data
  * for a length), ECI_ERR_INVALID_NAME, ECI_ERR_CONTAINER_EXISTS, ECI_ERR_MEMORY_SHORTAGE,
@@ -164,10 +169,10 @@ QPX_API int ECI_deleteContainer(ECI_ChannelToken_t chanTok, const char* name);
  * Browse the containers of a channel, the newest first. A channel has one browse position, which
  * all threads share: ECI_getFirstContainer sets it to the newest container, ECI_getNextContainer
  * moves it on. Behind the last container the result is ECI_ERR_ENDOFCONTAINERS once, and the
- * next ECI_getNextContainer begins anew.
+ * next ECI_getNextContainer begins anew; on a channel without containers it always is.
  *
- * Errors: ECI_ERR_INVALID_CHANNEL, ECI_ERR_NULLINFOPTR, ECI_ERR_ENDOFCONTAINERS,
- * ECI_ERR_SYSTEM_ERROR; *infoPtr is then unchanged.
+ * Errors: ECI_ERR_INVALID_CHANNEL, ECI_ERR_NULLINFOPTR and ECI_ERR_ENDOFCONTAINERS, which leave
+ * *infoPtr unchanged, and ECI_ERR_SYSTEM_ERROR.
  */
 QPX_API int ECI_getFirstContainer(ECI_ChannelToken_t chanTok, ECI_CONTAINER_INFO* infoPtr);
 QPX_API int ECI_getNextContainer(ECI_ChannelToken_t chanTok, ECI_CONTAINER_INFO* infoPtr);

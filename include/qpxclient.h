@@ -9,7 +9,8 @@
  *  2. Calls may be made from any thread, and any number of threads may share one connection.
  *     What is not safe to share is said at the call.
  *  3. The library initialises itself in the first call. It ignores SIGPIPE for the process and
- *     starts one thread per open connection, none else.
+ *     starts one thread per open connection, none else. Channels set the locale of the process;
+ *     see eci_channel.h.
  *  4. Texts are NUL-terminated unless their comment gives a fixed width. The library never
  *     writes into a text passed to it.
  *  5. Pointers handed out point into the library's own storage; each call says how long it

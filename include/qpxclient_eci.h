@@ -108,7 +108,7 @@ typedef struct _QPX_ECI_PARMS {
     char eci_tpn[4];                /* transaction program; takes the place of eci_transid */
     short commarea_outbound_length; /* bytes of the COMMAREA to send; 0 means all */
     short commarea_inbound_length;  /* bytes wanted back, 0 means all; out of collected replies */
-    ECI_ChannelToken_t channel;     /* the channel of a channel call; see eci_channel.h */
+    ECI_ChannelToken_t channel;     /* in/out: the channel of a channel call */
     char* eci_userid_ptr;           /* user id, from version 5; NULL for none */
     char* eci_password_ptr;         /* password, from version 5; NULL for none */
     int eci_message_qualifier;      /* out of ECI_ASYNC; in of the specific collecting calls */
@@ -145,8 +145,12 @@ QPX_API int QPX_ECI_Execute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms);
  * have been applied to the channel when an ECI_SYNC call returns, or the reply of an ECI_ASYNC
  * call has been collected. Until then the channel is the call's: whoever else uses it waits.
  *
- * ECI_COMMIT and ECI_BACKOUT carry no data: they need a channel in the record, but neither send
- * nor lock it. A channel whose code page is not known yet gets that of the local code page.
+ * ECI_COMMIT and ECI_BACKOUT carry no data: they need a channel in the record, which must exist,
+ * but neither send it nor wait for it. A channel whose code page is not known yet gets that of the
+ * local code page, whatever the mode; see ECI_createContainer for what that does to the locale.
+ *
+ * The collecting calls need no channel and collect every kind of reply, as those of QPX_ECI_Execute
+ * do; the record's channel is that of the request then.
  *
  * If the connection is lost during the call, some of the changes may have been applied.
  *

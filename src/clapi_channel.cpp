@@ -5,7 +5,8 @@
  *
  * Locks: chanListLock for the list and the cached code page, a channel's serLock for a few
  * instructions of holding and letting go, never across a wait. containerListGuard is a leaf:
- * nothing that locks, traces or waits happens under it.
+ * nothing that takes another lock of the library, traces or waits happens under it; a dump makes
+ * its whole text under it.
  */
 #include "clapi_channel.h"
 
@@ -220,13 +221,23 @@ static int awaitUnlocked(ECI_Channel_t* channel, LockGuard* serLock)
     return ECI_NO_ERROR;
 }
 
+/* A channel's name as it is at this moment: a reply may change it while a call has the channel. */
+struct ChannelName {
+    explicit ChannelName(const ECI_Channel_t* channel)
+    {
+        ContainerListHold hold;
+        memcpy(text, channel->name, sizeof text);
+    }
+    char text[CHANNEL_NAME_SIZE];
+};
+
 /* Waits for the channel's turn. Another thread may take it between the wake-up and the look:
  * then the wait begins anew. A deletion waits for all who are in here. */
 static int awaitTurn(ECI_Channel_t* channel, LockGuard* serLock)
 {
     namespace at = tp::lockChannel;
 
-    TRACE(at::waiting, channel->name, channel);
+    TRACE(at::waiting, ChannelName(channel).text, channel);
     channel->waiters += 1;
     int rc = ECI_NO_ERROR;
     while (rc == ECI_NO_ERROR && channel->isLocked != 0) rc = awaitUnlocked(channel, serLock);
@@ -265,7 +276,7 @@ static int waitAndTakeChannel(ECI_Channel_t* channel, LockGuard* serLock)
         return ECI_ERR_INVALID_CHANNEL;
     }
     rc = takeChannel(channel);
-    if (rc == ECI_NO_ERROR && mustWait) TRACE(at::finished, channel->name, channel);
+    if (rc == ECI_NO_ERROR && mustWait) TRACE(at::finished, ChannelName(channel).text, channel);
     return rc;
 }
 
@@ -426,7 +437,14 @@ void clapiFreeContainer(ECI_Container_t* container)
 
 /* ---- Creating a channel ---- */
 
-/* A channel with its lock and event, or null and why. */
+/* Zeroes and frees the record of a channel without containers. */
+static void freeChannel(ECI_Channel_t* channel)
+{
+    explicit_bzero(static_cast<void*>(channel), sizeof *channel);
+    free(channel);
+}
+
+/* A channel with its lock and event. *channelPP is stored on success only. */
 static int buildChannel(const char* name, ECI_Channel_t** channelPP)
 {
     namespace at = tp::ECI_createChannel;
@@ -441,24 +459,17 @@ static int buildChannel(const char* name, ECI_Channel_t** channelPP)
     channel->ccsid = CCSID_UNKNOWN;
     if (clapiInitializeLock(&channel->serLock) != 0) {
         TRACE(at::noLock);
-        free(channel);
+        freeChannel(channel);
         return ECI_ERR_CHANNELLOCKFAIL;
     }
     if (clapiCreateEvent(&channel->unlockEvent) != 0) {
         TRACE(at::noEvent);
         clapiDestroyLock(&channel->serLock);
-        free(channel);
+        freeChannel(channel);
         return ECI_ERR_CHANNELLOCKFAIL;
     }
     *channelPP = channel;
     return ECI_NO_ERROR;
-}
-
-/* Zeroes and frees the record of a channel without containers. */
-static void freeChannel(ECI_Channel_t* channel)
-{
-    explicit_bzero(static_cast<void*>(channel), sizeof *channel);
-    free(channel);
 }
 
 static void dismantleChannel(ECI_Channel_t* channel)
@@ -506,7 +517,7 @@ static int createChannel(const char* name, ECI_ChannelToken_t* tokPtr)
         return rc;
     }
     *tokPtr = channel;
-    TRACE(at::created, channel->name, channel);
+    TRACE(at::created, name, channel); // the channel itself may be gone already
     return ECI_NO_ERROR;
 }
 
@@ -554,7 +565,7 @@ static void takeOffList(const ECI_Channel_t* channel)
     if (*linkPtr == channel) *linkPtr = channel->nextChan;
 }
 
-static int unlistChannel(const ECI_Channel_t* channel)
+static int unlistChannel(ECI_Channel_t* channel)
 {
     namespace at = tp::ECI_deleteChannel;
 
@@ -565,7 +576,11 @@ static int unlistChannel(const ECI_Channel_t* channel)
     }
     takeOffList(channel);
     if (list.release() == 0) return ECI_NO_ERROR;
+
+    // Still held: the channel stays, and on the list.
     TRACE(at::listNotReleased);
+    channel->nextChan = chanList;
+    chanList = channel;
     return ECI_ERR_SYSTEM_ERROR;
 }
 
@@ -576,8 +591,8 @@ static void refuseWaiters(ECI_Channel_t* channel)
     channel->deleted = 1;
 }
 
-/* Returns when no thread is inside lockChannel any more. Each of them leaves at once: the
- * channel is not locked, and marked as deleted. */
+/* Returns when no thread waits in lockChannel any more. Each of them leaves at once: the channel is
+ * not locked, and marked as deleted. Who comes only now must not: the handle is being deleted. */
 static void awaitWaiters(ECI_Channel_t* channel)
 {
     for (;;) {
@@ -607,11 +622,10 @@ static int finishDeletion(ECI_Channel_t* channel)
     return rc;
 }
 
-static int deleteHeldChannel(ECI_ChannelToken_t* tokPtr)
+static int deleteHeldChannel(ECI_Channel_t* channel, ECI_ChannelToken_t* tokPtr)
 {
     namespace at = tp::ECI_deleteChannel;
 
-    ECI_Channel_t* channel = *tokPtr;
     int rc = unlistChannel(channel);
     if (rc != ECI_NO_ERROR) {
         if (unlockChannel(channel) != ECI_NO_ERROR) TRACE(at::notUnlocked);
@@ -631,12 +645,13 @@ static int deleteChannel(ECI_ChannelToken_t* tokPtr)
         TRACE(at::nullPtr);
         return ECI_ERR_NULLCHANNELPTR;
     }
-    if (*tokPtr == nullptr) {
+    ECI_Channel_t* channel = *tokPtr;
+    if (channel == nullptr) {
         TRACE(at::nullChannel);
         return ECI_ERR_INVALID_CHANNEL;
     }
-    int rc = lockChannel(*tokPtr);
-    if (rc == ECI_NO_ERROR) rc = deleteHeldChannel(tokPtr);
+    int rc = lockChannel(channel);
+    if (rc == ECI_NO_ERROR) rc = deleteHeldChannel(channel, tokPtr);
     return rc;
 }
 

@@ -372,17 +372,15 @@ static int writeRequest(EciCall* call)
     return rc;
 }
 
-/* From here on the slot is also the receiver's, and an asynchronous one any collector's. */
+/* From here on the slot is also the receiver's, and an asynchronous one any collector's. If the
+ * request has begun and failed, its sending is still to be ended. */
 static int sendRequest(EciCall* call, bool* begun)
 {
     int rc = beginSending(call, begun);
     if (rc == ECI_NO_ERROR) rc = writeRequest(call);
     if (!*begun) return rc;
     SCHEDULE_POINT(requestWritten, call->slotP);
-    if (rc == ECI_NO_ERROR)
-        clapiEndSending(call->gwTok);
-    else
-        clapiEndFailedSending(call->gwTok, call->slotP);
+    if (rc == ECI_NO_ERROR) clapiEndSending(call->gwTok);
     return rc;
 }
 
@@ -420,7 +418,8 @@ static void withdraw(EciCall* call)
 /*
  * Ends an asynchronous call that could not be written. The connection's end may have delivered
  * the slot meanwhile, and another thread may have collected it: then the request's outcome is
- * known to the application already, and the request counts as sent.
+ * known to the application already, and the request counts as sent. Until the slot is given back
+ * its sender counts as one, so that no close of the connection comes between.
  */
 static int failAsyncCall(EciCall* call, int rc)
 {
@@ -429,6 +428,7 @@ static int failAsyncCall(EciCall* call, int rc)
     LockGuard table(call->gwTok->tableLock);
     if (!table.held()) {
         TRACE(at::noLockToUncount);
+        clapiLeaveSenders(call->gwTok);
         return rc;
     }
     clapiAwaitEndOfReading(call->gwTok, call->slotP);
@@ -436,10 +436,8 @@ static int failAsyncCall(EciCall* call, int rc)
         withdraw(call);
     else
         rc = ECI_NO_ERROR;
-    if (table.release() != 0) {
-        TRACE(at::notUnlockedAfterUncount);
-        rc = firstFailure(rc, ECI_ERR_SYSTEM_ERROR);
-    }
+    clapiLeaveSenders(call->gwTok);
+    if (table.release() != 0) TRACE(at::notUnlockedAfterUncount);
     return rc;
 }
 
@@ -502,6 +500,7 @@ static int performSyncCall(EciCall* call)
     bool begun = false;
     int rc = armRequestEvent(call);
     if (rc == ECI_NO_ERROR) rc = sendRequest(call, &begun);
+    if (rc != ECI_NO_ERROR && begun) clapiEndFailedSending(call->gwTok, call->slotP);
     if (rc == ECI_NO_ERROR) rc = awaitReply(call);
     if (rc == ECI_NO_ERROR) rc = releaseSlot(call);
     if (rc != ECI_NO_ERROR && call->slotP != nullptr) clapiDropSlot(call->gwTok, call->slotP);
@@ -671,14 +670,19 @@ static int takeData(QPX_ECI_PARMS* EciParms, RequestSlot* slotP)
     return ECI_NO_ERROR;
 }
 
-/* Ends the hold that the request has had on its channel. */
-static int releaseChannel(RequestSlot* slotP)
+/* The channel that a request has held until now, or null; the slot holds it no more. */
+static ECI_Channel_t* takeHeldChannel(RequestSlot* slotP)
+{
+    ECI_Channel_t* channel = slotP->channelHeld != 0 ? slotP->eciParms.channel : nullptr;
+    slotP->channelHeld = 0;
+    return channel;
+}
+
+static int releaseChannel(ECI_Channel_t* channel)
 {
     namespace at = tp::getAsyncReply;
 
-    if (slotP->channelHeld == 0) return ECI_NO_ERROR;
-    slotP->channelHeld = 0;
-    if (unlockChannel(slotP->eciParms.channel) == ECI_NO_ERROR) return ECI_NO_ERROR;
+    if (channel == nullptr || unlockChannel(channel) == ECI_NO_ERROR) return ECI_NO_ERROR;
     TRACE(at::channelStays);
     return ECI_ERR_SYSTEM_ERROR;
 }
@@ -687,8 +691,8 @@ static int releaseChannel(RequestSlot* slotP)
 static int consumeSlot(const Collection& wanted, RequestSlot* slotP)
 {
     const QPX_ECI_PARMS* EciParms = wanted.EciParms;
+    ECI_Channel_t* channel = takeHeldChannel(slotP);
     int rc = firstFailure(slotP->gatewayRc, slotP->vornRc);
-    rc = firstFailure(rc, releaseChannel(slotP));
     bool keepsUnitOfWork = slotP->gatewayRc == QPX_OK &&
                            EciParms->eci_extend_mode == ECI_EXTENDED &&
                            EciParms->eci_luw_token >= 0;
@@ -698,7 +702,7 @@ static int consumeSlot(const Collection& wanted, RequestSlot* slotP)
     } else {
         slotFree(&wanted.gwTok->table, slotP);
     }
-    return rc;
+    return firstFailure(rc, releaseChannel(channel));
 }
 
 /* With nothing queued, later waiters must wait, unless nothing can come any more. */
@@ -900,8 +904,9 @@ static int checkChannelCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
 
 static int performChannelCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
 {
-    ECI_Channel_t* channel = EciParms->channel;
-    if (channel->ccsid == CCSID_UNKNOWN) channel->ccsid = defaultLocalCcsid;
+    // A call that carries no data does not hold the channel.
+    int32_t unknown = CCSID_UNKNOWN;
+    EciParms->channel->ccsid.compare_exchange_strong(unknown, defaultLocalCcsid);
     return performEciExecute(gwTok, EciParms, 1);
 }
 

@@ -650,8 +650,8 @@ static int startReceiverThread(_QPX_ConnToken_t* gwTokPtr)
     return QPX_ERR_SYSTEM_ERROR;
 }
 
-/* Writes the handshake without sendLock: no other thread writes to the connection yet. If it cannot be
- * written, the receiver is made to end, and closes the socket; this waits for it. */
+/* Writes the handshake without sendLock: no other thread writes to the connection yet. If it cannot
+ * be written, the receiver is made to end, and closes the socket; this waits for it. */
 static int sendHandshake(_QPX_ConnToken_t* gwTokPtr, char* applid, char* applidQualifier)
 {
     namespace at = tp::clapiConnectToGateway;

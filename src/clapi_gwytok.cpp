@@ -310,8 +310,7 @@ bool clapiBeginSendingFlow(_QPX_ConnToken_t* gwTokPtr)
     return true;
 }
 
-/* Locks: tableLock held. */
-static void leaveSenders(_QPX_ConnToken_t* gwTokPtr)
+void clapiLeaveSenders(_QPX_ConnToken_t* gwTokPtr)
 {
     gwTokPtr->senders -= 1;
     pthread_cond_broadcast(&gwTokPtr->transferEnded);
@@ -320,7 +319,7 @@ static void leaveSenders(_QPX_ConnToken_t* gwTokPtr)
 void clapiEndSending(_QPX_ConnToken_t* gwTokPtr)
 {
     LockGuard table(gwTokPtr->tableLock);
-    leaveSenders(gwTokPtr);
+    clapiLeaveSenders(gwTokPtr);
 }
 
 void clapiAwaitEndOfReading(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP)
@@ -342,7 +341,7 @@ void clapiDropSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
 void clapiEndFailedSending(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP)
 {
     LockGuard table(gwTokPtr->tableLock);
-    leaveSenders(gwTokPtr);
+    clapiLeaveSenders(gwTokPtr);
     if (table.held()) clapiAwaitEndOfReading(gwTokPtr, slotP);
 }
 
@@ -907,12 +906,13 @@ static void giveUpReplies(_QPX_ConnToken_t* gwToken)
     if (givenUp > 0 && gwToken->requestCount == 0) clapiClearEvent(&gwToken->requestsEnded);
 }
 
-/* Gives channels that asynchronous requests hold back to the application.
- * Locks: tableLock held. */
+/* Gives channels that asynchronous requests hold back to the application; not those of calls that
+ * are still being made, which do so themselves. Locks: tableLock held. */
 static void unlockChannels(_QPX_ConnToken_t* gwToken)
 {
     for (RequestSlot* slotP = &gwToken->table.slot[0]; slotP != nullptr; slotP = slotP->nextSlot) {
         if (slotP->channelHeld == 0 || slotP->eciParms.eci_call_type != ECI_ASYNC) continue;
+        if (slotP->state == SLOT_ALLOCATED) continue;
         unlockChannel(slotP->eciParms.channel);
         slotP->eciParms.channel = nullptr;
         slotP->channelHeld = 0;
@@ -956,10 +956,10 @@ static int endWork(_QPX_ConnToken_t* gwToken)
         return QPX_ERR_SYSTEM_ERROR;
     }
     giveUpReplies(gwToken);
+    // A call that has to leave may be waiting for one of these.
+    unlockChannels(gwToken);
     int calls = gwToken->requestCount;
-    int rc = calls >= 1 ? seeCallsOut(gwToken, calls, &table) : QPX_OK;
-    if (rc == QPX_OK) unlockChannels(gwToken);
-    return rc;
+    return calls >= 1 ? seeCallsOut(gwToken, calls, &table) : QPX_OK;
 }
 
 static int quiesceConnection(_QPX_ConnToken_t* gwToken, int closeTimeout)

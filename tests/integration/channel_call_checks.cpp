@@ -447,8 +447,9 @@ TEST_F(ChannelDump, HidesThePassword)
             << body;
         EXPECT_TRUE(support::contains(body, "2A2A2A2A 2A2A2A2A 2A2A0000 0000"));
     }
-    EXPECT_FALSE(trace.wroteText("TOPSECRET"));
-    EXPECT_FALSE(trace.wroteText("544F5053"));
+    // Wherever it stands, these of its letters stand in one line of a dump.
+    EXPECT_FALSE(trace.wroteText("PSEC"));
+    EXPECT_FALSE(trace.wroteText("50534543"));
     EXPECT_EQ("TOPSECRET       ", std::string(parms.record.eci_password, 16));
 }
 

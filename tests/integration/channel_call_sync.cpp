@@ -471,6 +471,48 @@ TEST_F(ChannelCall, ServesManyThreadsInTurn)
     EXPECT_EQ(200U, channel.contents().size());
 }
 
+// ---- Dumps meanwhile ----
+
+TEST_F(ChannelCall, IsDumpedInOrderWhileItsReplyIsApplied)
+{
+    constexpr int calls = 300;
+    auto serving = callInThread([this] {
+        for (int number = 0; number < calls; ++number) {
+            int messageId = connection.awaitRequest().messageId();
+            Bytes records;
+            for (int one = 0; one < 20; ++one)
+                records += added("N" + std::to_string(one), 1, 0, text("data"));
+            for (int one = 0; one < 20; ++one) records += deleted("N" + std::to_string(one));
+            connection.peer.send(ChannelReply(40, records).to(messageId));
+        }
+        return 0;
+    });
+    auto calling = callInThread([this] {
+        EciParms parms = channelCall(ECI_SYNC, channel);
+        int failed = 0;
+        for (int number = 0; number < calls; ++number)
+            if (executeChannel(connection, parms) != 0) failed += 1;
+        return failed;
+    });
+    TraceFile trace(0);
+    do {
+        trace.forget();
+        EXPECT_RC(0, QPX_ECI_dumpChannels());
+        std::string dump = trace.text();
+        std::size_t from = dump.find("numContainers(");
+        ASSERT_NE(std::string::npos, from) << dump;
+        // As many containers follow as the channel says.
+        ASSERT_EQ(std::stoi(dump.substr(from + 14)),
+                  support::countOf(dump, "   Container list entry -"))
+            << dump;
+        ASSERT_EQ(support::countOf(dump, "   Container list entry -"),
+                  support::countOf(dump, "eyecatcher(QPXCONTA) name("));
+    } while (!calling.hasEnded());
+    EXPECT_EQ(0, calling.get());
+    serving.get();
+    EXPECT_EQ(Names{}, channel.contents());
+}
+
 // ---- COMMAREA calls, which use no channel ----
 
 TEST_F(ChannelCall, IsNotWhatACommareaCallWithAChannelIs)

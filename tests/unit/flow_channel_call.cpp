@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <functional>
+#include <future>
 #include <memory>
 #include <string>
 #include <vector>
@@ -447,5 +449,136 @@ TEST_F(FlowChannelCall, GivesBackTheChannelsOfAPurgedConnectionOnce)
     connection.forget();
     EXPECT_EQ(1, trace.timesWrote(1471));
     EXPECT_EQ(0, isLocked());
+    expectInOrder();
+}
+
+// ---- Replies and ends that overtake their call ----
+
+namespace {
+
+class FlowChannelRace : public FlowChannelCall {
+protected:
+    // Runs something on the calling thread in the middle of its call, before it sends.
+    static Fault beforeSend(std::function<void()> work)
+    {
+        return support::beforeCall(
+            Call::Send, 1, [work](const support::CallInfo&) { work(); }, Threads::Calling);
+    }
+    static Fault afterSend(std::function<void()> work)
+    {
+        return support::afterCall(
+            Call::Send, 1, [work](const support::CallInfo&) { work(); }, Threads::Calling);
+    }
+
+    // Ends the connection, and waits until every waiting slot has been told.
+    void loseAndAwaitSweep()
+    {
+        connection.peer.close();
+        EXPECT_EQ(0, clapiWaitEvent(&connection.token->asyncReplyEvent));
+        EXPECT_EQ(0, clapiRequestLock(&connection.token->tableLock));
+        EXPECT_EQ(0, clapiReleaseLock(&connection.token->tableLock));
+    }
+};
+
+} // namespace
+
+TEST_F(FlowChannelRace, GivesTheChannelBackOnceWhenTheConnectionIsLostInTheSend)
+{
+    for (int callType : {ECI_SYNC, ECI_ASYNC}) {
+        SCOPED_TRACE(callType);
+        ScriptedConnection lost;
+        TraceFile trace(3);
+        EciParms parms = channelCall(callType, channel);
+        Fault losing = beforeSend([&] {
+            lost.peer.close();
+            EXPECT_EQ(0, clapiWaitEvent(&lost.token->asyncReplyEvent));
+        });
+        Fault failing = failCall(Call::Send, 1, EPIPE, Threads::Calling);
+        EXPECT_RC(-102, executeChannel(lost, parms));
+        EXPECT_EQ(1, trace.timesWrote(1471));
+        EXPECT_EQ(0, isLocked());
+        EXPECT_EQ(0, lost.token->asyncCount.load());
+        EXPECT_TRUE(lost.token->firstReply == nullptr);
+    }
+    expectInOrder();
+}
+
+TEST_F(FlowChannelRace, LeavesTheChannelToWhoeverHasItAfterAnEarlyCollection)
+{
+    // The reply is collected, and the channel taken by somebody else, before the call returns.
+    EciParms parms = channelCall(ECI_ASYNC, channel);
+    Fault early = afterSend([&] {
+        request = connection.awaitRequest();
+        answer(ChannelReply(1, deleted("A")));
+        EciParms collecting = getReplyWait(0);
+        EXPECT_RC(0, startChannelCall(connection, collecting).get());
+        EXPECT_RC(0, lockChannel(channel.token));
+    });
+    EXPECT_RC(0, executeChannel(connection, parms));
+    EXPECT_EQ(1, int(parms.record.eci_message_qualifier));
+    EXPECT_EQ(1, isLocked());
+    EXPECT_RC(0, unlockChannel(channel.token));
+    EXPECT_EQ((Names{"B=bb"}), channel.contents());
+    expectNothingLeft();
+    expectInOrder();
+}
+
+TEST_F(FlowChannelRace, LeavesTheChannelToWhoeverHasItWhenAFailedSendWasCollected)
+{
+    // The loss is collected, and the channel taken by somebody else, before the send fails.
+    EciParms parms = channelCall(ECI_ASYNC, channel);
+    Fault early = beforeSend([&] {
+        loseAndAwaitSweep();
+        EciParms collecting = getReply(0);
+        EXPECT_RC(-102, startChannelCall(connection, collecting).get());
+        EXPECT_RC(0, lockChannel(channel.token));
+    });
+    Fault failing = failCall(Call::Send, 1, EPIPE, Threads::Calling);
+    EXPECT_RC(0, executeChannel(connection, parms)); // its outcome is delivered: it counts as sent
+    EXPECT_EQ(1, isLocked());
+    EXPECT_RC(0, unlockChannel(channel.token));
+    expectNothingLeft();
+    expectInOrder();
+}
+
+TEST_F(FlowChannelRace, HasAppliedAReplyThatComesBeforeItsCallerWaits)
+{
+    EciParms parms = channelCall(ECI_SYNC, channel);
+    Fault early = afterSend([&] {
+        request = connection.awaitRequest();
+        answer(ChannelReply(1, deleted("A")));
+        EXPECT_EQ(0, clapiWaitEvent(&connection.token->table.slot[0].requestEvent));
+    });
+    EXPECT_RC(0, executeChannel(connection, parms));
+    EXPECT_EQ((Names{"B=bb"}), channel.contents());
+    expectInOrder();
+}
+
+TEST_F(FlowChannelRace, DoesNotReturnWhileTheReceiverChangesItsChannel)
+{
+    // Half of a reply is there, and being applied, when the send of its request fails.
+    constexpr std::size_t large = 100000;
+    std::promise<void> applying;
+    Fault allocating = support::beforeCall(
+        Call::Malloc, 0,
+        [&](const support::CallInfo& info) {
+            if (info.first == large) applying.set_value();
+        },
+        Threads::Others);
+    EciParms parms = channelCall(ECI_SYNC, channel);
+    Fault early = beforeSend([&] {
+        Bytes reply = ChannelReply(2, added("NEW", 1, 0, Bytes(large, 'n')) + deleted("A")).to(1);
+        connection.peer.send(support::slice(reply, 0, 60000));
+        applying.get_future().wait();
+    });
+    Fault failing = failCall(Call::Send, 1, EPIPE, Threads::Calling);
+
+    EXPECT_RC(-102, executeChannel(connection, parms));
+
+    EXPECT_EQ(0, isLocked());
+    EXPECT_EQ("aa", channel.dataOf("A"));
+    EXPECT_TRUE(connection.peer.awaitEof());
+    EXPECT_EQ(0, clapiWaitEvent(&connection.token->recvThreadEndedEvent));
+    expectNothingLeft();
     expectInOrder();
 }

@@ -4,6 +4,7 @@
 
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -390,6 +391,58 @@ TEST_F(AsyncChannelCall, IsCollectedByOneOfManyWaiters)
     int firstRc = firstWaits.get();
     int secondRc = secondWaits.get();
     EXPECT_EQ(-102, firstRc + secondRc); // one 0, one -102
+}
+
+TEST_F(AsyncChannelCall, AppliesAReplyOnceThoughItComesTwice)
+{
+    int qualifier = send();
+    Bytes reply = ChannelReply(1, deleted("A")).to(qualifier);
+    connection.peer.send(reply + reply);
+    awaitDelivery();
+    EXPECT_RC(0, collect());
+    EXPECT_EQ((Names{"B=bb"}), channel.contents());
+    EciParms none = getReply(0);
+    EXPECT_RC(ECI_ERR_NO_REPLY, collect(none));
+    expectStillServing(connection);
+}
+
+TEST_F(AsyncChannelCall, UsesOneRecordForManyRequestsAndTheirCollection)
+{
+    EciParms parms = channelCall(ECI_ASYNC, channel);
+    for (int time = 1; time <= 20; ++time) {
+        SCOPED_TRACE(time);
+        ASSERT_RC(0, executeChannel(connection, parms));
+        int messageId = connection.awaitRequest().messageId();
+        answer(messageId, ChannelReply(1, added("N" + std::to_string(time), 1, 0, text("x"))));
+        parms.record.eci_call_type = ECI_GET_REPLY_WAIT;
+        ASSERT_RC(0, collect(parms)); // and the record is that of the request again
+        ASSERT_EQ(ECI_ASYNC, int(parms.record.eci_call_type));
+        channel.expectFree();
+    }
+    EXPECT_EQ(22U, channel.contents().size());
+}
+
+TEST_F(AsyncChannelCall, BringsEachChannelItsOwnReply)
+{
+    std::vector<std::unique_ptr<Channel>> channels;
+    std::vector<int> qualifiers;
+    for (int number = 0; number < 20; ++number) {
+        channels.push_back(std::make_unique<Channel>("C" + std::to_string(number)));
+        channels.back()->with("NUMBER", std::to_string(number));
+        qualifiers.push_back(send(*channels.back()));
+    }
+    for (int number = 19; number >= 0; --number) // the last one first
+        answer(qualifiers[static_cast<std::size_t>(number)],
+               ChannelReply(2, unchanged("NUMBER") +
+                                   added("ANSWER", 1, 0, text(std::to_string(number)))));
+    awaitDelivery();
+    for (std::size_t number = 0; number < 20; ++number) {
+        EciParms parms = support::getSpecificReply(qualifiers[number], 0);
+        EXPECT_RC(0, collect(parms));
+        EXPECT_EQ(channels[number]->token, ECI_ChannelToken_t(parms.record.channel));
+        EXPECT_EQ((Names{"ANSWER=" + std::to_string(number), "NUMBER=" + std::to_string(number)}),
+                  channels[number]->contents());
+    }
 }
 
 // ---- COMMAREA calls beside ----

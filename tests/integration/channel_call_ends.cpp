@@ -270,6 +270,23 @@ TEST_F(ChannelInFlight, IsGivenBackByAPurgeThoughItsReplyWasThere)
     expectUsable();
 }
 
+TEST_F(ChannelInFlight, IsGivenBackByAPurgeThatHasWaitedForItInVain)
+{
+    sendAsync();
+    TraceFile trace(4);
+    auto use = channel.startUse();
+    ASSERT_TRUE(trace.awaitText(waitsForChannel));
+    auto purging = connection.startPurge(1);
+    ASSERT_TRUE(
+        trace.awaitText("Waiting 1 seconds for 0 API calls and 1 async requests to complete\n"));
+    EXPECT_EQ(0, trace.timesWroteText("ENTRY  clapi_channel.unlockChannel("));
+    connection.answerClose();
+    EXPECT_RC(0, purging.get());
+    connection.forget();
+    EXPECT_RC(0, use.get());
+    expectUsable();
+}
+
 TEST_F(ChannelInFlight, IsGivenBackByAPurgeOfALostConnection)
 {
     sendAsync();

@@ -266,6 +266,60 @@ TEST_F(ChannelCall, SkipsWhatFollowsTheChannelInItsBody)
     expectStillServing(connection);
 }
 
+TEST_F(ChannelCall, AppliesAReplyOnceThoughItComesTwice)
+{
+    channel.with("B", "bb").with("A", "aa");
+    EciParms parms = channelCall(ECI_SYNC, channel);
+    parms.withExtendMode(1); // so that its message id is no other call's afterwards
+    auto running = startChannelCall(connection, parms);
+    Bytes reply = ChannelReply(1, deleted("A")).token(7).to(connection.awaitRequest().messageId());
+    connection.peer.send(reply + reply);
+    EXPECT_RC(0, running.get());
+    expectStillServing(connection); // the second one has been dropped by now
+    EXPECT_EQ((Names{"B=bb"}), channel.contents());
+}
+
+TEST_F(ChannelCall, IsNotChangedByAReplyThatNobodyAskedFor)
+{
+    channel.with("A", "aa");
+    openUnit(7);
+    // To the slot that was the channel's and is idle now, and to one that is free.
+    connection.peer.send(ChannelReply(1, deleted("A")).to(1) +
+                         ChannelReply(1, deleted("A")).to(16));
+    expectStillServing(connection);
+    EXPECT_EQ((Names{"A=aa"}), channel.contents());
+}
+
+TEST_F(ChannelCall, ReadsNoChannelInAReplyOfAnotherCallType)
+{
+    channel.with("A", "aa");
+    // A list of systems, and a type that nobody knows, before what would be a channel.
+    for (const char* other : {"00000009 00000000 00000000 00000000", "0000004D"}) {
+        SCOPED_TRACE(other);
+        EciParms parms = channelCall(ECI_SYNC, channel);
+        auto running = startChannelCall(connection, parms);
+        int messageId = connection.awaitRequest().messageId();
+        connection.peer.send(flow(replyType, messageId, 0, "ECI",
+                                  hex(other) + ChannelReply(1, deleted("A")).body()));
+        EXPECT_RC(0, running.get());
+        EXPECT_EQ((Names{"A=aa"}), channel.contents());
+        expectStillServing(connection);
+    }
+}
+
+TEST_F(ChannelCall, ReadsNoChannelInAReplyOfAnotherRequestType)
+{
+    channel.with("A", "aa");
+    EciParms parms = channelCall(ECI_SYNC, channel);
+    auto running = startChannelCall(connection, parms);
+    int messageId = connection.awaitRequest().messageId();
+    connection.peer.send(
+        flow(replyType, messageId, 0, "XYZ", ChannelReply(1, deleted("A")).body()));
+    EXPECT_RC(-9, running.get());
+    EXPECT_EQ((Names{"A=aa"}), channel.contents());
+    expectStillServing(connection);
+}
+
 // ---- Units of work ----
 
 TEST_F(ChannelCall, SendsNoChannelToCommitOrBackOut)

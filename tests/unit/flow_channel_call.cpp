@@ -2,6 +2,7 @@
 // channel is given back once and is in order.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cerrno>
 #include <functional>
 #include <future>
@@ -106,11 +107,11 @@ TEST_F(FlowChannelCall, HasTheChannelFromBeforeTheRequestUntilItReturns)
 {
     EXPECT_EQ(0, isLocked());
     EciParms parms = channelCall(ECI_SYNC, channel);
-    int lockedAtSend = 0;
+    std::atomic<int> lockedAtSend{0};
     Fault sending = support::beforeCall(
         Call::Send, 1, [&](const support::CallInfo&) { lockedAtSend = isLocked(); });
     auto call = startOnWire(parms);
-    EXPECT_EQ(1, lockedAtSend);
+    EXPECT_EQ(1, lockedAtSend.load());
     EXPECT_EQ(1, isLocked());
     answer(ChannelReply());
     EXPECT_RC(0, call.get());

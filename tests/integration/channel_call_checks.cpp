@@ -435,6 +435,18 @@ TEST_F(ChannelDump, ShowsTheRecordOnEntryAndExit)
     EXPECT_EQ(1, trace.timesWrote(1515));
 }
 
+TEST_F(ChannelDump, StandsBeforeTheChannelIsLockedAndBehindTheEndOfTheCall)
+{
+    TraceFile trace(4);
+    expectTaken(parms);
+    std::vector<int> points;
+    for (const support::TraceRecord& record : trace.records())
+        for (int wanted : {1507, 1560, 1513, 1460, 1517, 1535, 1471, 2028, 1515, 1516})
+            if (record.point == wanted) points.push_back(record.point);
+    EXPECT_EQ((std::vector<int>{1507, 1560, 1513, 1460, 1517, 1535, 1471, 2028, 1515, 1516}),
+              points);
+}
+
 TEST_F(ChannelDump, HidesThePassword)
 {
     TraceFile trace(5);

@@ -56,7 +56,7 @@ const char* clapiGetRcStringChannel(int rc);
 
 /*
  * Takes a channel for the length of a call, and gives it back. lockChannel waits, without limit,
- * until no other call has it, and refuses a handle that is no channel's without following it.
+ * until no other call has it. A handle that is no channel's is refused and not followed.
  * 0, ECI_ERR_INVALID_CHANNEL or ECI_ERR_SYSTEM_ERROR.
  * Locks: neither may be called with serLock held; unlockChannel may with a tableLock.
  */

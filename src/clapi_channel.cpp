@@ -320,11 +320,11 @@ static int releaseChannel(ECI_ChannelToken_t chanTok)
         TRACE(at::nullChannel);
         return ECI_ERR_INVALID_CHANNEL;
     }
-    LockGuard serLock(chanTok->serLock);
-    if (!serLock.held()) {
+    if (clapiRequestLockAt(&chanTok->serLock) != 0) {
         TRACE(at::noChannel, chanTok);
         return ECI_ERR_INVALID_CHANNEL;
     }
+    LockGuard serLock(chanTok->serLock, ALREADY_HELD);
     int rc = ECI_NO_ERROR;
     if (letGo(chanTok) != 0) {
         TRACE(at::notPosted, chanTok);
@@ -612,6 +612,7 @@ static int finishDeletion(ECI_Channel_t* channel)
     int rc = ECI_NO_ERROR;
     if (unlockChannel(channel) != ECI_NO_ERROR) {
         TRACE(at::notUnlocked);
+        letGo(channel); // nobody is left asleep
         rc = ECI_ERR_SYSTEM_ERROR;
     }
     awaitWaiters(channel);

@@ -105,11 +105,12 @@ int clapiRequestLockAt(Clapilock* lockPtr)
 {
     namespace at = tp::clapiRequestLock;
 
-    int state = 0;
+    int state = LOCK_INITIALIZED;
     // By arithmetic: what is no lock may stand at any address.
     const char* stateAt = reinterpret_cast<const char*>(lockPtr) + offsetof(Clapilock, initialized);
+    int error = clapiReadWord(stateAt, &state);
     // Where the system refuses to look, the application's word is taken for it.
-    if (clapiReadWord(stateAt, &state) == EFAULT) {
+    if (error == EFAULT || state != LOCK_INITIALIZED) {
         TRACE_UNLOCKED(at::notInitialized, lockPtr);
         return -1;
     }

@@ -15,9 +15,16 @@
 
 using namespace support;
 
-// A length that no allocator can serve is an answer, not an end of the test.
+// For builds with sanitizers: a length that no allocator can serve is an answer, not the end.
 extern "C" __attribute__((visibility("default"))) const char* __asan_default_options();
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options();
+
 extern "C" const char* __asan_default_options()
+{
+    return "allocator_may_return_null=1";
+}
+
+extern "C" const char* __tsan_default_options()
 {
     return "allocator_may_return_null=1";
 }

@@ -169,3 +169,35 @@ TEST(ChannelRecord, IsShownByADumpWhileItIsHeld)
     EXPECT_TRUE(trace.wroteText(") isLocked(1) ccsid(-1) "));
     EXPECT_RC(0, unlockChannel(channel.token));
 }
+
+TEST(ChannelRecord, GivesUpItsLockAndItsEventWithTheChannel)
+{
+    Channel channel;
+    int mutexes = callCount(Call::MutexDestroy);
+    int conditions = callCount(Call::CondDestroy);
+    ASSERT_RC(0, ECI_deleteChannel(&channel.token));
+    EXPECT_EQ(mutexes + 2, callCount(Call::MutexDestroy));
+    EXPECT_EQ(conditions + 1, callCount(Call::CondDestroy));
+}
+
+TEST(ChannelRecord, GivesUpItsLockAndItsEventWithAllChannels)
+{
+    ECI_ChannelToken_t token = nullptr;
+    for (int number = 0; number < 3; ++number) ASSERT_RC(0, ECI_createChannel("MANY", &token));
+    int mutexes = callCount(Call::MutexDestroy);
+    int conditions = callCount(Call::CondDestroy);
+    ASSERT_RC(0, ECI_deleteAllChannels());
+    EXPECT_EQ(mutexes + 6, callCount(Call::MutexDestroy));
+    EXPECT_EQ(conditions + 3, callCount(Call::CondDestroy));
+}
+
+// Deliberate: the deletion of all waits for nobody.
+TEST(ChannelRecord, IsDeletedWithAllThoughItIsHeld)
+{
+    ECI_ChannelToken_t token = nullptr;
+    ASSERT_RC(0, ECI_createChannel("HELD", &token));
+    ASSERT_RC(0, lockChannel(token));
+    auto deletion = callInThread([] { return ECI_deleteAllChannels(); });
+    EXPECT_RC(0, deletion.get());
+    EXPECT_EQ(0, channelCount());
+}

@@ -32,6 +32,9 @@ class ChannelCallFailure : public ChannelFailure,
 class ChannelUnlockFailure : public ChannelFailure,
                              public ::testing::WithParamInterface<ChannelCall> {};
 
+class ChannelDeleteLockFailure : public ChannelFailure,
+                                 public ::testing::WithParamInterface<int> {};
+
 using ChannelCreateFailure = ChannelFailure;
 using ChannelDeleteFailure = ChannelFailure;
 using ChannelListFailure = ChannelFailure;
@@ -169,6 +172,16 @@ TEST_F(ChannelListFailure, OfItsReleaseIsASystemErrorForADeletion)
         EXPECT_RC(-9, ECI_deleteChannel(&channel.token));
     }
     EXPECT_TRUE(isFree(chanListLock.lock));
+}
+
+// A channel whose handle the application still has can be found and deleted with all.
+TEST_F(ChannelListFailure, OfItsReleaseLeavesAChannelOnTheListUnlessItIsDeleted)
+{
+    {
+        Fault fault = failCallOn(Call::MutexUnlock, &chanListLock.lock, 1, EPERM);
+        EXPECT_RC(-9, ECI_deleteChannel(&channel.token));
+    }
+    EXPECT_EQ(channel.token == nullptr ? 0 : 1, channelCount());
 }
 
 TEST_F(ChannelListFailure, KeepsAllChannelsFromBeingDeleted)
@@ -567,6 +580,31 @@ TEST_F(ChannelDeleteFailure, ToDestroyTheLockDoesNotKeepTheChannel)
     EXPECT_EQ(nullptr, channel.token);
     EXPECT_EQ(0, channelCount());
 }
+
+// The deletion holds the channel and another call waits for it, when one request for the channel's
+// lock fails: both end all the same.
+TEST_P(ChannelDeleteLockFailure, LetsTheDeletionAndWhoWaitsForItEnd)
+{
+    TraceFile trace(4);
+    Gate freeing;
+    void* data = token()->firstCont->dataPtr;
+    Fault stop = beforeCall(Call::Free, 0, [&](const CallInfo& info) {
+        if (info.first == reinterpret_cast<std::uintptr_t>(data)) freeing.pass();
+    });
+    ECI_ChannelToken_t stale = token();
+    auto deletion = callInThread([this] { return ECI_deleteChannel(&channel.token); });
+    ASSERT_TRUE(freeing.awaitArrival());
+    auto waiting = waiterFor(trace, stale, [stale] { return lockChannel(stale); });
+    Fault fault = failCallOn(Call::MutexLock, &stale->serLock.lock, GetParam(), EINVAL);
+    freeing.open();
+    int rc = waiting.get();
+    EXPECT_TRUE(rc == -50 || rc == -9) << rcName(rc);
+    rc = deletion.get();
+    EXPECT_TRUE(rc == 0 || rc == -9) << rcName(rc);
+    EXPECT_EQ(nullptr, channel.token);
+}
+
+INSTANTIATE_TEST_SUITE_P(OfEachRequest, ChannelDeleteLockFailure, ::testing::Range(1, 5));
 
 // ---- Memory ------------------------------------------------------------------------------------
 

@@ -45,6 +45,8 @@ struct FaultRule {
     Hook hook;
     Threads threads = Threads::Any;
     pthread_t maker{};
+    bool firstGiven = false;
+    std::uintptr_t first = 0; // where it is given, other calls do not count
 
     int calls = 0; // guarded by the book's mutex
     int hits = 0;
@@ -58,6 +60,8 @@ struct FaultRule {
         }
         return true;
     }
+
+    bool isOf(std::uintptr_t firstArgument) const { return !firstGiven || first == firstArgument; }
 
     bool isDue(int number) const
     {
@@ -161,6 +165,7 @@ private:
         bool noted = false;
         for (const std::shared_ptr<FaultRule>& rule : all.rules) {
             if (rule->call != info_.call || !rule->isFor(pthread_self())) continue;
+            if (!rule->isOf(info_.first)) continue;
             rule->calls += 1;
             if (!rule->isDue(rule->calls)) continue;
             if (!apply(rule, style)) continue;
@@ -310,6 +315,27 @@ Fault failCallWith(Call call, int nth, int errnoValue, long result, Threads thre
     return Fault(rule);
 }
 
+Fault failCallOn(Call call, const volatile void* first, int nth, int errnoValue, Threads threads)
+{
+    auto rule = newRule(FaultRule::Kind::Fail, call, nth, threads);
+    rule->errnoValue = errnoValue;
+    rule->firstGiven = true;
+    rule->first = asNumber(first);
+    return Fault(rule);
+}
+
+Fault failCallOnWith(Call call, const volatile void* first, int nth, int errnoValue, long result,
+                     Threads threads)
+{
+    auto rule = newRule(FaultRule::Kind::Fail, call, nth, threads);
+    rule->errnoValue = errnoValue;
+    rule->firstGiven = true;
+    rule->first = asNumber(first);
+    rule->resultGiven = true;
+    rule->result = result;
+    return Fault(rule);
+}
+
 Fault failEveryCall(Call call, int errnoValue, Threads threads)
 {
     return failCall(call, 0, errnoValue, threads);
@@ -431,6 +457,16 @@ WRAP(calloc, Malloc, NullPointer, void*, (std::size_t count, std::size_t size), 
 WRAP(realloc, Malloc, NullPointer, void*, (void* block, std::size_t size), (block, size), block,
      size)
 WRAP(strdup, Malloc, NullPointer, char*, (const char* string), (string), string, 0)
+
+extern "C" void real_free(void* block) __asm__("__real_free");
+extern "C" void wrap_free(void* block) __asm__("__wrap_free");
+extern "C" void wrap_free(void* block)
+{
+    Passage passage(Call::Free, Style::Number, __builtin_return_address(0), asNumber(block), 0);
+    if (passage.isReplaced()) return;
+    real_free(block);
+    passage.done(0);
+}
 
 WRAP(pthread_mutex_init, MutexInit, Number, int, (void* mutex, const void* attributes),
      (mutex, attributes), mutex, attributes)

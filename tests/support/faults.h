@@ -23,6 +23,7 @@ namespace support {
 
 enum class Call {
     Malloc, // malloc, calloc, realloc, strdup
+    Free,   // hooks before it see the block; a failed or faked one keeps it
     MutexInit,
     MutexLock,
     MutexUnlock,
@@ -99,6 +100,12 @@ private:
 // itself, and errno is set to it too. failCallWith also names the result that is returned.
 Fault failCall(Call call, int nth = 1, int errnoValue = EIO, Threads threads = Threads::Any);
 Fault failCallWith(Call call, int nth, int errnoValue, long result, Threads threads = Threads::Any);
+
+// The same, but only calls with this first argument count: one lock, condition or block of many.
+Fault failCallOn(Call call, const volatile void* first, int nth = 1, int errnoValue = EIO,
+                 Threads threads = Threads::Any);
+Fault failCallOnWith(Call call, const volatile void* first, int nth, int errnoValue, long result,
+                     Threads threads = Threads::Any);
 
 // The same for every call, or for every call from the nth on.
 Fault failEveryCall(Call call, int errnoValue = EIO, Threads threads = Threads::Any);

@@ -3,7 +3,7 @@
 # and fortified builds call checking forms; each name in use is listed.
 
 set(QPX_WRAPPED_CALLS
-  malloc calloc realloc strdup
+  malloc calloc realloc strdup free
   pthread_mutex_init pthread_mutex_lock pthread_mutex_unlock pthread_mutex_destroy
   pthread_cond_init pthread_cond_destroy pthread_cond_wait pthread_cond_broadcast
   pthread_cond_timedwait __pthread_cond_timedwait64

@@ -397,9 +397,9 @@ TEST_F(ChannelChecks, LooksForTheCodePageOfACollectingCall)
 
 namespace {
 
-class ChannelDump : public ChannelChecks {
+class ChannelCallDump : public ChannelChecks {
 protected:
-    ChannelDump()
+    ChannelCallDump()
     {
         parms = channelCall(ECI_SYNC, channel);
         parms.withVersion(4).withFixedUser("USERID", "TOPSECRET");
@@ -419,7 +419,7 @@ protected:
 
 } // namespace
 
-TEST_F(ChannelDump, ShowsTheRecordOnEntryAndExit)
+TEST_F(ChannelCallDump, ShowsTheRecordOnEntryAndExit)
 {
     TraceFile trace(4);
     expectTaken(parms);
@@ -435,7 +435,7 @@ TEST_F(ChannelDump, ShowsTheRecordOnEntryAndExit)
     EXPECT_EQ(1, trace.timesWrote(1515));
 }
 
-TEST_F(ChannelDump, StandsBeforeTheChannelIsLockedAndBehindTheEndOfTheCall)
+TEST_F(ChannelCallDump, StandsBeforeTheChannelIsLockedAndBehindTheEndOfTheCall)
 {
     TraceFile trace(4);
     expectTaken(parms);
@@ -447,7 +447,7 @@ TEST_F(ChannelDump, StandsBeforeTheChannelIsLockedAndBehindTheEndOfTheCall)
               points);
 }
 
-TEST_F(ChannelDump, HidesThePassword)
+TEST_F(ChannelCallDump, HidesThePassword)
 {
     TraceFile trace(5);
     expectTaken(parms);
@@ -465,7 +465,7 @@ TEST_F(ChannelDump, HidesThePassword)
     EXPECT_EQ("TOPSECRET       ", std::string(parms.record.eci_password, 16));
 }
 
-TEST_F(ChannelDump, ShowsTheRecordOfARefusedCall)
+TEST_F(ChannelCallDump, ShowsTheRecordOfARefusedCall)
 {
     TraceFile trace(4);
     parms.withVersion(3);
@@ -474,7 +474,7 @@ TEST_F(ChannelDump, ShowsTheRecordOfARefusedCall)
     EXPECT_EQ(1, trace.timesWrote(1515));
 }
 
-TEST_F(ChannelDump, ShowsNoCommarea)
+TEST_F(ChannelCallDump, ShowsNoCommarea)
 {
     TraceFile trace(4);
     parms.withCommarea(text("CONTENTS"));
@@ -484,7 +484,7 @@ TEST_F(ChannelDump, ShowsNoCommarea)
     EXPECT_FALSE(trace.wroteText("CONTENTS"));
 }
 
-TEST_F(ChannelDump, IsNotThereForANullRecordOrAnUnregisteredCall)
+TEST_F(ChannelCallDump, IsNotThereForANullRecordOrAnUnregisteredCall)
 {
     TraceFile trace(4);
     EXPECT_RC(-137, QPX_ECI_Execute_Channel(connection.token, nullptr));
@@ -494,7 +494,7 @@ TEST_F(ChannelDump, IsNotThereForANullRecordOrAnUnregisteredCall)
     EXPECT_EQ(0, trace.timesWrote(1515));
 }
 
-TEST_F(ChannelDump, IsNotThereAtLevelThree)
+TEST_F(ChannelCallDump, IsNotThereAtLevelThree)
 {
     TraceFile trace(3);
     expectTaken(parms);
@@ -506,7 +506,7 @@ TEST_F(ChannelDump, IsNotThereAtLevelThree)
 
 namespace {
 
-class ChannelCodePage : public ChannelChecks {
+class ChannelCallCodePage : public ChannelChecks {
 protected:
     // The code page that the channel goes out with; the reply leaves it as it is.
     int sentCcsid()
@@ -532,7 +532,7 @@ protected:
 
 } // namespace
 
-TEST_F(ChannelCodePage, IsTheLocalOneWhenTheChannelHasNone)
+TEST_F(ChannelCallCodePage, IsTheLocalOneWhenTheChannelHasNone)
 {
     setenv("LANG", "ja_JP.eucJP", 1);
     EXPECT_EQ("-1", dumpedCcsid());
@@ -540,20 +540,20 @@ TEST_F(ChannelCodePage, IsTheLocalOneWhenTheChannelHasNone)
     EXPECT_EQ("5050", dumpedCcsid());
 }
 
-TEST_F(ChannelCodePage, IsTheLocalOneOfBinaryContainers)
+TEST_F(ChannelCallCodePage, IsTheLocalOneOfBinaryContainers)
 {
     setenv("LANG", "tr_TR", 1);
     channel.with("BITS", "x");
     EXPECT_EQ(920, sentCcsid());
 }
 
-TEST_F(ChannelCodePage, Is819WithoutALanguage)
+TEST_F(ChannelCallCodePage, Is819WithoutALanguage)
 {
     unsetenv("LANG");
     EXPECT_EQ(819, sentCcsid());
 }
 
-TEST_F(ChannelCodePage, IsKeptWhenTheChannelHasOne)
+TEST_F(ChannelCallCodePage, IsKeptWhenTheChannelHasOne)
 {
     setenv("LANG", "ja_JP.eucJP", 1);
     channel.withChars("TEXT", 1208, "x");
@@ -561,7 +561,7 @@ TEST_F(ChannelCodePage, IsKeptWhenTheChannelHasOne)
     EXPECT_EQ("1208", dumpedCcsid());
 }
 
-TEST_F(ChannelCodePage, IsTheOneThatTheLastReplyGave)
+TEST_F(ChannelCallCodePage, IsTheOneThatTheLastReplyGave)
 {
     EciParms parms = channelCall(ECI_SYNC, channel);
     auto call = startChannelCall(connection, parms);
@@ -572,7 +572,7 @@ TEST_F(ChannelCodePage, IsTheOneThatTheLastReplyGave)
     EXPECT_EQ(37, sentCcsid());
 }
 
-TEST_F(ChannelCodePage, IsTheLocalOneAgainWhenTheReplyTookItAway)
+TEST_F(ChannelCallCodePage, IsTheLocalOneAgainWhenTheReplyTookItAway)
 {
     setenv("LANG", "ko_KR", 1);
     EciParms parms = channelCall(ECI_SYNC, channel);
@@ -585,7 +585,7 @@ TEST_F(ChannelCodePage, IsTheLocalOneAgainWhenTheReplyTookItAway)
     EXPECT_EQ(970, sentCcsid());
 }
 
-TEST_F(ChannelCodePage, IsTakenByACallThatSendsNoChannel)
+TEST_F(ChannelCallCodePage, IsTakenByACallThatSendsNoChannel)
 {
     setenv("LANG", "ja_JP.eucJP", 1);
     EciParms opening = support::syncCall("OPEN");

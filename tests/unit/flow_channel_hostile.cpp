@@ -1,6 +1,6 @@
 // Channels of replies that end too early, say what cannot be, or find no memory: what they leave is
 // a channel in order.
-#include "channel_fixture.h"
+#include "flow_channel_fixture.h"
 
 #include <climits>
 #include <cstdint>

@@ -1,5 +1,5 @@
 // The channel of an ECI reply: its changes applied to the channel of the call.
-#include "channel_fixture.h"
+#include "flow_channel_fixture.h"
 
 #include <cstdio>
 

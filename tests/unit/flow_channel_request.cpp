@@ -1,5 +1,5 @@
 // Channels in ECI requests as they go out.
-#include "channel_fixture.h"
+#include "flow_channel_fixture.h"
 
 using namespace support;
 using namespace unit;

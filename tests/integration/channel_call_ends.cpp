@@ -300,6 +300,18 @@ TEST_F(ChannelInFlight, IsGivenBackByAPurgeOfALostConnection)
     expectUsable();
 }
 
+// The purge waits for the call, and the call for the channel that the purge has to give back.
+TEST_F(ChannelInFlight, IsGivenBackByAPurgeToACallThatWaitsForItOnTheSameConnection)
+{
+    sendAsync();
+    TraceFile trace(4);
+    auto second = startChannelCall(connection, sync);
+    ASSERT_TRUE(trace.awaitText(waitsForChannel));
+    purge();
+    EXPECT_RC(61444, second.get());
+    expectUsable();
+}
+
 TEST_F(ChannelInFlight, IsGivenBackByAPurgeWithACollectorWaiting)
 {
     for (bool specific : {false, true}) {

@@ -92,7 +92,7 @@ inline std::vector<int> acceptedValues()
 }
 
 // One entry of a list reply: 9 bytes of name, 61 of description.
-inline Bytes systemEntry(const Bytes& name, const std::string& description)
+inline Bytes systemEntry(const Bytes& name, const std::string& description = "")
 {
     Bytes entry = name;
     entry.resize(9, 0);

@@ -248,6 +248,20 @@ TEST_F(EsiTrace, TakesPercentSignsOfTheCallerForWhatTheyAre)
                             "on server=%p%x"));
 }
 
+TEST_F(EsiTrace, ShowsTextsOfAnyLength)
+{
+    TraceFile trace(3);
+    std::string user(5000, 'u');
+    std::string server(300, 's');
+    auto call = startVerify(user.c_str(), "SECRET", server.c_str());
+    answerWith(acceptance(1));
+    EXPECT_RC(0, call.get());
+
+    EXPECT_TRUE(trace.wrote(1800, "ENTRY",
+                            "API.QPX_ESI_verifyPassword(gwTok=" + token() + ", userid=" + user +
+                                ", server=" + server + ", esiDetailsPtr=(nil))"));
+}
+
 TEST_F(EsiTrace, ShowsEntryAndExitOfAFailedCheck)
 {
     TraceFile trace(4);

@@ -421,6 +421,20 @@ TEST_F(ListSystems, TakesNoMoreThanItsRoomFromAProgramReply)
     expectServing();
 }
 
+TEST_F(ListSystems, ToAProgramCallFillsNoMoreThanItsCommarea)
+{
+    EciParms parms = syncCall("PROG", text("12345"));
+    auto call = connection.start(parms);
+    connection.awaitRequest();
+
+    connection.peer.send(ListReply().reported(77).data(filled(30000, 'S')).to(1));
+
+    EXPECT_RC(0, call.get());
+    EXPECT_EQ(text("SSSSS"), parms.commarea());
+    EXPECT_EQ(77, int(parms.record.eci_luw_token));
+    expectServing();
+}
+
 TEST_F(ListSystems, TakesANegativeLengthForNoData)
 {
     SystemArray systems(2);

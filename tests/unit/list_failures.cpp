@@ -9,10 +9,13 @@
 #include "support/faults.h"
 
 using namespace script;
+using support::beforeCall;
 using support::Call;
+using support::CallInfo;
 using support::failCall;
 using support::failCallOn;
 using support::Fault;
+using support::Gate;
 using support::Threads;
 using support::TraceFile;
 
@@ -227,6 +230,44 @@ TEST_F(ListFailure, ToWaitIsNoSuccess)
     }
     EXPECT_EQ(1, connection.awaitRequest().messageId());
     expectNothingLeft();
+}
+
+// The receiver is in the middle of a list, 40,000 bytes of 70,000, when the query gives up: from
+// its return on the array is the caller's alone.
+TEST_F(ListFailure, ToWaitLeavesNoReceiverBehindThatWritesToTheList)
+{
+    SystemArray large(1000);
+    Bytes answer = ListReply().reported(1000).data(filled(70000, 'S')).to(1);
+    Gate reading;
+    reading.open();
+    Fault blocked = beforeCall(
+        Call::Recv, 0,
+        [reading](const CallInfo& info) mutable {
+            if (info.second == 30000) reading.pass();
+        },
+        Threads::Others);
+    Fault untilThen = beforeCall(
+        Call::CondWait, 1, [reading](const CallInfo&) mutable { reading.awaitArrival(); },
+        Threads::Calling);
+    Fault fault = failCall(Call::CondWait, 1, EINVAL, Threads::Calling);
+    auto answering = callInThread([&] {
+        connection.awaitRequest();
+        connection.peer.send(support::slice(answer, 0, answer.size() - 30000));
+        return true;
+    });
+
+    EXPECT_NE(0, QPX_listSystems(connection.token, &large.count, large.get()));
+
+    EXPECT_TRUE(answering.get());
+    EXPECT_EQ(1, fault.hits());
+    EXPECT_EQ(1000, large.count);
+    std::memset(large.get(), 'M', 70000);
+    EXPECT_TRUE(connection.peer.awaitEof());
+    EXPECT_EQ(0, clapiWaitEvent(&connection.token->recvThreadEndedEvent));
+    EXPECT_EQ(support::toText(filled(70000, 'M')),
+              std::string(reinterpret_cast<char*>(large.get()), 70000));
+    EXPECT_TRUE(large.hasNothingBehind());
+    EXPECT_EQ(0, firstSlot().state);
 }
 
 // ---- Freeing the slot: -9 wins over everything ----

@@ -218,7 +218,8 @@ static void storeESIReply(RequestSlot* slotP, const ESIRequest& reply)
     if (reply.vornRc == 0 && slotP->esiDetails != nullptr) *slotP->esiDetails = reply.details;
 }
 
-enum class ReplyKind { eci, esi, unknown };
+/* What there is to store of a reply besides the header's code. */
+enum class ReplyKind { eci, esi, empty };
 
 /* Puts the reply and the header's code into the slot, if it still waits, and wakes its waiter. */
 static int deliverReply(Receiver* r, ReplyKind kind)
@@ -266,7 +267,7 @@ static int receiveESIReply(Receiver* r)
     if (!hasServerRc && r->header.gatewayRc == 0) r->header.gatewayRc = QPX_ERR_SYSTEM_ERROR;
     if (r->esiReply.vornRc != 0)
         TRACE(at::esiError, r->esiReply.vornRc, clapiGetRcStringESI(r->esiReply.vornRc));
-    return deliverReply(r, ReplyKind::esi);
+    return deliverReply(r, hasServerRc ? ReplyKind::esi : ReplyKind::empty);
 }
 
 static int receiveUnknownReply(Receiver* r, const char* requestType)
@@ -275,7 +276,7 @@ static int receiveUnknownReply(Receiver* r, const char* requestType)
 
     TRACE(at::otherType, requestType);
     r->header.gatewayRc = QPX_ERR_SYSTEM_ERROR;
-    return deliverReply(r, ReplyKind::unknown);
+    return deliverReply(r, ReplyKind::empty);
 }
 
 static int receiveReply(Receiver* r)

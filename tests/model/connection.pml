@@ -1,0 +1,1362 @@
+/*
+ * connection.pml - one connection of the library, as a model for Spin: the token with its slots,
+ * events, counts and locks, the receiver thread, the threads of the application, and a Gateway.
+ * run.sh holds the configurations, which say by -D who takes part:
+ *
+ *   SYNC, ASYNC      threads that make a synchronous call, or an asynchronous one
+ *   UNITS            the synchronous callers make two calls, in one unit of work
+ *   ANY, POLL        threads that collect any reply: waiting, until they are refused; once, at once
+ *   SPECIFIC         threads that wait for the reply of one asynchronous call
+ *   GRACEFUL, TIMED, PURGE, ALL
+ *                    threads that close: without limit, with a limit, at once, all connections
+ *   CLOSE_AFTER_CALLS
+ *                    they do not begin before the asynchronous calls have returned
+ *   OPENING          the connection is not open yet: a thread opens it, makes a call and closes it
+ *   DIES, CLOSES     the Gateway may break the connection at any time, or say goodbye
+ *   SILENT, DEAF     it may leave requests without an answer; it does not answer the close flow
+ *   FULL             it does not read: a writer is stuck until the library shuts the socket down
+ *   UNASKED          so many replies or errors come from it that nobody has asked for
+ *   PINGS            it sends pings for ever
+ *   LAST             it ends the connection when nothing else happens any more
+ *   WRITE_FAILS      a request may fail to be written although the connection stands
+ *   NOTHING_WRITTEN  every request fails to be written
+ *   QUIET            nobody closes, and some wait for ever; but not for what is there
+ *   BREAK_...        undoes one precaution of the code; the model must then find what it is for
+ *
+ * What the code does under one hold of a lock is one step here where nobody can see a difference:
+ * where at most one access of the hold is to something that others touch without the lock.
+ */
+
+#ifndef SYNC
+#define SYNC 0
+#endif
+#ifndef ASYNC
+#define ASYNC 0
+#endif
+#ifndef ANY
+#define ANY 0
+#endif
+#ifndef POLL
+#define POLL 0
+#endif
+#ifndef SPECIFIC
+#define SPECIFIC 0
+#endif
+#ifndef GRACEFUL
+#define GRACEFUL 0
+#endif
+#ifndef TIMED
+#define TIMED 0
+#endif
+#ifndef PURGE
+#define PURGE 0
+#endif
+#ifndef ALL
+#define ALL 0
+#endif
+#ifndef UNASKED
+#define UNASKED 0
+#endif
+#ifdef OPENING
+#define OPENERS 1
+#else
+#define OPENERS 0
+#endif
+#if defined(WRITE_FAILS) || defined(NOTHING_WRITTEN)
+#define writeMayFail true
+#else
+#define writeMayFail (gatewayGone || shutDown)
+#endif
+
+#define CALLERS (SYNC + ASYNC + OPENERS)
+#define CLOSERS (GRACEFUL + TIMED + PURGE + ALL)
+#define THREADS (CALLERS + ANY + POLL + SPECIFIC + CLOSERS)
+#define SLOTS CALLERS
+
+#define NOBODY 255
+#define NO_SLOT 255
+#define NO_CALL 255
+
+/* Results of calls, as far as they matter here. */
+mtype = { OK, REFUSED, CLOSING, FAILED, NO_REPLY, INVALID_QUALIFIER };
+
+/* Flows from the Gateway. */
+mtype = { REPLY, ERROR, HANDSHAKE, CLOSE_FLOW };
+
+/* connStatus. */
+mtype = { CONNECTING, CONNECTED, NEVER_CONNECTED, LOST, CLOSED };
+
+/* States of a slot: 0 to 4. */
+#define FREE 0
+#define ALLOCATED 1
+#define WAITING 2
+#define DELIVERED 3
+#define UNIT_IDLE 4
+
+/* ClapiEvent. clapiSetEvent arms, clapiClearEvent posts; each is one hold of the event's mutex. */
+typedef Event {
+    bool open;
+    byte posts;
+}
+
+typedef Slot {
+    byte state;
+    byte call;         /* allocNumber: each call uses one slot once; NO_CALL while free */
+    bool isAsync;
+    mtype result;
+    Event requestEvent;
+}
+
+/* ---- The token (_QPX_ConnToken_t) and the list that it is on ---- */
+
+Slot slot[SLOTS];
+chan replies = [SLOTS] of { byte }; /* the reply queue, firstReply to lastReply */
+#define isQueued(s) (replies??[eval(s)])
+mtype connStatus = CONNECTED;
+bool closedown;
+byte requestCount;
+byte asyncCount;
+byte senders;
+byte slotBeingRead = NO_SLOT;
+byte deleters;
+bool quiesced;
+bool opening;
+bool listed = true;
+Event asyncReplyEvent;
+Event requestsEnded;
+Event recvThreadEnded;
+#ifdef OPENING
+Event connEvent;
+#endif
+
+byte gtlLock = NOBODY;
+byte tableLock = NOBODY;
+byte sendLock = NOBODY;
+
+/* ---- The socket and the wire ---- */
+
+bool descriptorOpen = true;
+bool shutDown;                     /* by the library */
+bool gatewayGone;                  /* the Gateway has closed its end */
+bool reset;                        /* ... and what it had sent before may be lost with it */
+byte asked[SLOTS] = NO_CALL;       /* requests on their way to the Gateway, by message id */
+bool closeAsked;                   /* a close flow is on its way to the Gateway */
+chan fromGateway = [SLOTS + 2] of { mtype, byte, byte }; /* flow, message id, call */
+#ifdef PINGS
+bool ping;
+#endif
+
+/* ---- What is known of the whole, and by no thread ---- */
+
+bool tokenFreed;
+bool deleteFailed;
+byte threadsOut;
+byte qualifier[SLOTS] = NO_SLOT;   /* by call: where its reply is to be asked for */
+bool sendingOver[SLOTS];           /* by call: its asynchronous call has returned */
+#ifdef CLOSE_AFTER_CALLS
+byte callsSent;                    /* ... and how many have */
+#endif
+bool ended[SLOTS];                 /* by call: its outcome has been told */
+
+/* No field of a token is touched once it is freed. */
+#define TOUCH assert(!tokenFreed)
+
+/* Each call has one outcome. */
+inline tellOutcome(whose)
+{
+    assert(!ended[whose]);
+    ended[whose] = true
+}
+
+/* ---- Locks and events: clapi_lock ---- */
+
+inline lock(l)
+{
+    atomic { l == NOBODY -> TOUCH; l = _pid }
+}
+
+inline unlock(l)
+{
+    atomic { assert(l == _pid); l = NOBODY }
+}
+
+/* clapiSetEvent */
+inline arm(e)
+{
+    e.open = false
+}
+
+/* clapiClearEvent */
+inline post(e)
+{
+    e.open = true;
+    e.posts++
+}
+
+/* clapiWaitEvent; generation is a variable of the thread. */
+inline waitEvent(e)
+{
+    if
+    :: atomic { e.open -> TOUCH }
+    :: atomic { !e.open -> TOUCH; generation = e.posts };
+       atomic { e.posts != generation -> TOUCH; generation = 0 }
+    fi
+}
+
+/* clapiWaitEventSince */
+inline waitEventSince(e)
+{
+    if
+    :: atomic { e.open || e.posts != generation -> TOUCH; generation = 0 }
+    fi
+}
+
+/* ---- Slots and sending: clapi_gwytok ---- */
+
+/* slotFree */
+inline slotFree(s)
+{
+    assert(slot[s].state != FREE);
+    assert(!isQueued(s));
+    slot[s].state = FREE;
+    slot[s].call = NO_CALL;
+    slot[s].isAsync = false;
+    slot[s].result = 0;
+    slot[s].requestEvent.open = false;
+    slot[s].requestEvent.posts = 0
+}
+
+/* clapiDeliverSlot, queueReply. Under tableLock. */
+inline deliverSlot(s, outcome)
+{
+#ifndef BREAK_DELIVERS_TO_ANY_STATE
+    assert(slot[s].state == WAITING);
+#endif
+    slot[s].result = outcome;
+    slot[s].state = DELIVERED;
+    if
+    :: slot[s].isAsync ->
+       assert(!isQueued(s));
+       replies!s;
+       post(asyncReplyEvent)
+    :: else
+    fi;
+    post(slot[s].requestEvent)
+}
+
+/* clapiRegisterRequest */
+inline registerRequest()
+{
+    atomic {
+        gtlLock == NOBODY ->
+        if
+        :: listed -> TOUCH; requestCount++; rc = OK
+        :: else -> rc = REFUSED
+        fi
+    }
+}
+
+/* clapiUnregisterRequest */
+inline unregisterRequest()
+{
+    atomic { gtlLock == NOBODY -> TOUCH; gtlLock = _pid; requestCount-- };
+    if
+    :: atomic { requestCount == 0 && asyncCount == 0 -> TOUCH };
+       atomic { TOUCH; post(requestsEnded); gtlLock = NOBODY }
+    :: atomic { requestCount != 0 || asyncCount != 0 -> TOUCH; gtlLock = NOBODY }
+    fi
+}
+
+/* clapiEndSending */
+inline endSending()
+{
+    atomic { tableLock == NOBODY -> TOUCH; senders-- }
+}
+
+/* clapiAwaitEndOfReading, with tableLock taken before and after it; it is free meanwhile. */
+inline lockWhenNotRead(s)
+{
+#ifdef BREAK_STORAGE_GIVEN_UP_WHILE_READ
+    lock(tableLock)
+#else
+    atomic {
+        tableLock == NOBODY -> TOUCH;
+        if
+        :: slotBeingRead == s -> shutDown = true
+        :: else
+        fi
+    };
+    atomic { tableLock == NOBODY && slotBeingRead != s -> TOUCH; tableLock = _pid }
+#endif
+}
+
+/* ---- Calls of server programs: clapi_eci ---- */
+
+/* performEciExecute: obtainSlot, takeSlot, slotFind. A unit of work's slot is found again. */
+inline obtainSlot(me, async, unit)
+{
+    atomic {
+        tableLock == NOBODY -> TOUCH;
+        if
+        :: connStatus != CONNECTED -> rc = REFUSED
+        :: else ->
+           if
+           :: unit -> assert(slot[s].state == UNIT_IDLE)
+           :: else ->
+              s = 0;
+              do
+              :: slot[s].state != FREE -> s++
+              :: else -> break
+              od;
+              slot[s].requestEvent.posts = 0 /* clapiCreateEvent */
+           fi;
+           slot[s].state = ALLOCATED;
+           slot[s].call = me;
+           slot[s].isAsync = async;
+           slot[s].result = 0
+        fi
+    }
+}
+
+/* armRequestEvent */
+inline armRequestEvent()
+{
+    atomic { TOUCH; arm(slot[s].requestEvent) }
+}
+
+/* beginSending: clapiBeginSending under tableLock. */
+inline beginSending(async)
+{
+    atomic { tableLock == NOBODY -> TOUCH; tableLock = _pid; begun = (connStatus == CONNECTED) };
+#ifdef BREAK_STATUS_AND_STATE_APART
+    unlock(tableLock);
+    lock(tableLock);
+#endif
+    atomic {
+        TOUCH;
+        if
+        :: begun ->
+           if
+           :: async -> asyncCount++
+           :: else
+           fi;
+#ifndef BREAK_STATE_AFTER_SEND
+           slot[s].state = WAITING;
+#endif
+           senders++
+        :: else -> rc = REFUSED
+        fi;
+        tableLock = NOBODY
+    }
+}
+
+/* writeRequest. The descriptor must be open for as long as the writing takes. */
+inline writeRequest(me)
+{
+    atomic { sendLock == NOBODY -> TOUCH; assert(tableLock != _pid); sendLock = _pid;
+             assert(descriptorOpen) };
+    atomic {
+#ifdef FULL
+        shutDown ->
+#endif
+        TOUCH;
+        assert(descriptorOpen);
+        if
+#ifndef NOTHING_WRITTEN
+        :: !shutDown ->
+           if
+           :: !gatewayGone -> assert(asked[s] == NO_CALL || UNASKED > 0); asked[s] = me
+           :: else /* a first write to an end that is closed succeeds */
+           fi
+#endif
+        :: writeMayFail -> rc = FAILED
+        fi;
+        sendLock = NOBODY
+    }
+}
+
+/* sendRequest. */
+inline sendRequest(me, async)
+{
+    beginSending(async);
+    if
+    :: begun ->
+       writeRequest(me);
+#ifdef BREAK_STATE_AFTER_SEND
+       atomic { tableLock == NOBODY -> slot[s].state = WAITING };
+#endif
+       endSending(); /* clapiEndSending; what clapiEndFailedSending does more comes again below */
+    :: else
+    fi
+}
+
+/* dropSlot */
+inline dropSlot()
+{
+    lockWhenNotRead(s);
+    atomic { TOUCH; slotFree(s); tableLock = NOBODY }
+}
+
+/* performSyncCall: armRequestEvent, sendRequest, awaitReply, releaseSlot. */
+inline performSyncCall(me, keepsUnit)
+{
+#ifndef BREAK_ARMED_AFTER_WAITING
+    armRequestEvent();
+#endif
+    sendRequest(me, false);
+#ifdef BREAK_ARMED_AFTER_WAITING
+    armRequestEvent();
+#endif
+    if
+    :: rc == OK ->
+       waitEvent(slot[s].requestEvent);
+       atomic { TOUCH; assert(slot[s].call == me && slot[s].state == DELIVERED);
+                rc = slot[s].result }
+    :: else
+    fi;
+    if
+    :: rc == OK ->
+       atomic {
+           tableLock == NOBODY -> TOUCH;
+           if
+           :: keepsUnit -> slot[s].state = UNIT_IDLE
+           :: else -> slotFree(s)
+           fi
+       }
+    :: else -> dropSlot()
+    fi
+}
+
+/* countOut. Under tableLock. */
+inline countOut()
+{
+    if
+    :: asyncCount > 0 -> asyncCount--
+    :: else
+    fi
+}
+
+/* failAsyncCall: isStillOurs, withdraw. */
+inline failAsyncCall(me)
+{
+    lockWhenNotRead(s);
+    if
+#ifdef BREAK_WITHDRAWS_WHAT_IS_NOT_OURS
+    :: true ->
+#else
+    :: slot[s].call == me && (slot[s].state == WAITING || slot[s].state == DELIVERED) ->
+#endif
+       atomic {
+           TOUCH;
+           if
+           :: isQueued(s) -> replies??eval(s) /* clapiUnlinkReply */
+           :: !isQueued(s)
+           fi;
+           countOut();
+           tellOutcome(me)
+       };
+       if
+#ifndef BREAK_WITHDRAWAL_NOT_TOLD
+       :: atomic { closedown && asyncCount == 0 -> TOUCH; post(asyncReplyEvent) }
+       :: atomic { !(closedown && asyncCount == 0) -> TOUCH }
+#else
+       :: true
+#endif
+       fi;
+       atomic { TOUCH; slotFree(s); tableLock = NOBODY }
+    :: else ->
+       rc = OK;
+       unlock(tableLock)
+    fi
+}
+
+/* performAsyncCall: armRequestEvent, sendRequest, and what follows a failure. */
+inline performAsyncCall(me)
+{
+    armRequestEvent();
+    sendRequest(me, true);
+    if
+    :: rc != OK && begun -> failAsyncCall(me)
+    :: rc != OK && !begun -> dropSlot()
+    :: else
+    fi
+}
+
+/* QPX_ECI_Execute, executeRegistered, checkExecuteCall: what every call does before its work. */
+inline enter()
+{
+    registerRequest();
+    if
+    :: rc == OK -> registered = true
+    :: else
+    fi
+}
+
+inline checkClosing()
+{
+    if
+    :: rc == OK ->
+       if
+       :: atomic { closedown -> TOUCH; rc = CLOSING }
+       :: atomic { !closedown -> TOUCH }
+       fi
+    :: else
+    fi
+}
+
+/* unregisterCall */
+inline leave()
+{
+    if
+    :: registered -> unregisterRequest(); registered = false
+    :: else
+    fi
+}
+
+inline syncCall(me, unit, keepsUnit)
+{
+    enter();
+    checkClosing();
+    if
+    :: rc == OK -> obtainSlot(me, false, unit)
+    :: else
+    fi;
+    if
+    :: rc == OK -> performSyncCall(me, keepsUnit)
+    :: else
+    fi;
+    leave()
+}
+
+#if SYNC > 0
+proctype SyncCaller(byte me)
+{
+    byte s, generation;
+    bool begun, registered;
+    mtype rc;
+
+#ifdef UNITS
+    syncCall(me, false, true);
+    if
+    :: rc == OK -> syncCall(me, true, false)
+    :: else
+    fi;
+#else
+    syncCall(me, false, false);
+#endif
+    atomic { tellOutcome(me); threadsOut++ }
+}
+#endif
+
+#if ASYNC > 0
+proctype AsyncCaller(byte me)
+{
+    byte s;
+    bool begun, registered;
+    mtype rc;
+
+    enter();
+    checkClosing();
+    if
+    :: rc == OK -> obtainSlot(me, true, false)
+    :: else
+    fi;
+    if
+    :: rc == OK -> performAsyncCall(me)
+    :: else
+    fi;
+    leave();
+    atomic {
+        if
+        :: rc == OK -> qualifier[me] = s
+        :: else
+        fi;
+        sendingOver[me] = true;
+#ifdef CLOSE_AFTER_CALLS
+        callsSent++;
+#endif
+        threadsOut++
+    }
+}
+#endif
+
+/* ---- Collecting: clapi_eci ---- */
+
+/* checkQualifier. Under tableLock. */
+inline checkQualifier(wanted)
+{
+    if
+    :: slot[wanted].state == FREE || !slot[wanted].isAsync -> rc = INVALID_QUALIFIER
+    :: else ->
+       if
+       :: slot[wanted].state != WAITING && slot[wanted].state != DELIVERED -> rc = NO_REPLY
+       :: else
+       fi
+    fi
+}
+
+/* chooseReply. Under tableLock. */
+inline chooseReply(specific, wanted)
+{
+    if
+    :: specific && isQueued(wanted) -> s = wanted
+    :: specific && !isQueued(wanted)
+    :: !specific && nempty(replies) -> replies?<s>
+    :: !specific && empty(replies)
+    fi
+}
+
+/* sleepUntilReply */
+inline sleepUntilReply()
+{
+    atomic {
+        TOUCH;
+        arm(asyncReplyEvent);
+        generation = asyncReplyEvent.posts;
+        tableLock = NOBODY
+    };
+#ifdef BREAK_GENERATION_READ_LATE
+    waitEvent(asyncReplyEvent);
+#else
+    waitEventSince(asyncReplyEvent);
+#endif
+    lock(tableLock)
+}
+
+/* awaitAsyncReply */
+inline awaitAsyncReply(specific, waits, wanted)
+{
+    if
+    :: !waits -> rc = NO_REPLY
+    :: atomic { waits && connStatus != CONNECTED -> TOUCH; rc = REFUSED }
+    :: atomic {
+           waits && connStatus == CONNECTED -> TOUCH;
+           if
+#ifdef BREAK_SPECIFIC_NOT_CHECKED_AGAIN
+           :: false
+#else
+           :: specific -> checkQualifier(wanted)
+#endif
+           :: else
+           fi
+       };
+       if
+       :: rc == OK -> sleepUntilReply()
+       :: else
+       fi
+    fi
+}
+
+/* takeReply: countOut, clapiUnlinkReply, consumeSlot, armForNextReply. */
+inline takeReply()
+{
+    atomic {
+        TOUCH;
+        assert(slot[s].state == DELIVERED && slot[s].isAsync);
+        countOut();
+        tellOutcome(slot[s].call);
+        replies??eval(s);
+        slotFree(s)
+    };
+    if
+    :: atomic { nempty(replies) || (closedown && asyncCount == 0) -> TOUCH; tableLock = NOBODY }
+    :: atomic { empty(replies) && !(closedown && asyncCount == 0) -> TOUCH };
+       atomic { TOUCH; arm(asyncReplyEvent); tableLock = NOBODY }
+    fi
+}
+
+/* getAsyncReply: collectReply, findReply. */
+inline collectReply(specific, waits, wanted)
+{
+    atomic {
+        tableLock == NOBODY -> TOUCH;
+        tableLock = _pid;
+        s = NO_SLOT;
+        if
+        :: specific -> checkQualifier(wanted)
+        :: else
+        fi
+    };
+    do
+    :: rc != OK || s != NO_SLOT -> break
+    :: atomic { rc == OK && s == NO_SLOT && closedown && asyncCount == 0 -> TOUCH; rc = CLOSING }
+    :: atomic {
+           rc == OK && s == NO_SLOT && !(closedown && asyncCount == 0) -> TOUCH;
+           chooseReply(specific, wanted)
+       };
+       if
+       :: s == NO_SLOT -> awaitAsyncReply(specific, waits, wanted)
+       :: else
+       fi
+    od;
+    if
+    :: rc == OK -> takeReply()
+    :: else -> unlock(tableLock)
+    fi
+}
+
+/* ECI_GET_REPLY_WAIT, ECI_GET_REPLY or ECI_GET_SPECIFIC_REPLY_WAIT through QPX_ECI_Execute. */
+inline collect(specific, waits, wanted)
+{
+    enter();
+    if
+    :: rc == OK -> collectReply(specific, waits, wanted)
+    :: else
+    fi;
+    leave()
+}
+
+#if ANY > 0
+/* An application that goes on until nothing can come any more. */
+proctype AnyCollector()
+{
+    byte s, generation;
+    bool registered;
+    mtype rc = OK;
+
+    do
+    :: rc == OK -> collect(false, true, NO_SLOT)
+    :: else -> break
+    od;
+    assert(rc == REFUSED || rc == CLOSING);
+    threadsOut++
+}
+#endif
+
+#if POLL > 0
+proctype Poller()
+{
+    byte s, generation;
+    bool registered;
+    mtype rc;
+
+    collect(false, false, NO_SLOT);
+    assert(rc == OK || rc == REFUSED || rc == CLOSING || rc == NO_REPLY);
+    threadsOut++
+}
+#endif
+
+#if SPECIFIC > 0
+proctype SpecificCollector(byte call)
+{
+    byte s, generation;
+    bool registered;
+    mtype rc;
+
+    if
+    :: atomic { sendingOver[call] && qualifier[call] == NO_SLOT -> rc = FAILED }
+    :: atomic { sendingOver[call] && qualifier[call] != NO_SLOT -> rc = OK };
+       collect(true, true, qualifier[call])
+    fi;
+    threadsOut++
+}
+#endif
+
+/* ---- The receiver thread: clapi_gwycon ---- */
+
+/* deliverReply: stillWaits, clapiDeliverSlot, endReading. */
+inline deliverReply()
+{
+    atomic {
+        tableLock == NOBODY -> TOUCH;
+#ifdef BREAK_DELIVERS_TO_ANY_STATE
+        deliverSlot(id, OK);
+#else
+        if
+        :: s != NO_SLOT && slot[s].state == WAITING && slot[s].call == call ->
+           assert(UNASKED > 0 || answered == call);
+           deliverSlot(s, OK)
+        :: else
+        fi;
+#endif
+        slotBeingRead = NO_SLOT;
+        s = NO_SLOT
+    }
+}
+
+/* receiveReply: findReplySlot, clapiReadECIResponse into the caller's storage, deliverReply. */
+inline receiveReply()
+{
+    atomic {
+        tableLock == NOBODY -> TOUCH;
+        if
+        :: slot[id].state == WAITING ->
+           s = id;
+           call = slot[id].call;
+           slotBeingRead = id
+        :: else
+        fi
+    };
+    if
+    :: atomic { s != NO_SLOT -> TOUCH; assert(slot[s].call == call) };
+       if
+       :: atomic { true -> TOUCH; assert(slot[s].call == call) };
+          deliverReply()
+       :: atomic { reset || shutDown -> TOUCH; s = NO_SLOT; over = true }
+       fi
+    :: s == NO_SLOT ->
+#ifdef BREAK_DELIVERS_TO_ANY_STATE
+       deliverReply()
+#else
+       skip /* nobody waits; the body is dropped */
+#endif
+    fi
+}
+
+/* receiveFlows, readFlow, dispatchFlow */
+inline receiveFlows()
+{
+    do
+    :: !over ->
+end_waiting:
+       if
+       :: atomic { fromGateway?REPLY, id, answered -> TOUCH };
+          receiveReply()
+       :: atomic { fromGateway?ERROR, id, answered -> TOUCH };
+          /* receiveError: lookUpWithoutLock, deliverFailure */
+          atomic {
+              tableLock == NOBODY -> TOUCH;
+              if
+              :: slot[id].state == WAITING -> deliverSlot(id, FAILED)
+              :: else
+              fi
+          }
+       :: atomic { fromGateway?HANDSHAKE, id, answered -> TOUCH; connStatus = CONNECTED };
+#ifdef OPENING
+          atomic { TOUCH; post(connEvent) } /* receiveHandshake */
+#endif
+       :: atomic { fromGateway?CLOSE_FLOW, id, answered -> TOUCH };
+          /* noteClosed; the code for the requests that wait depends on closedown */
+          atomic { TOUCH; connStatus = CLOSED };
+          over = true
+       :: atomic { empty(fromGateway) && gatewayGone -> TOUCH; over = true }
+       :: atomic { reset || shutDown -> TOUCH; over = true }
+#ifdef PINGS
+       :: atomic { empty(fromGateway) && ping -> TOUCH; ping = false }
+#endif
+       fi;
+       id = 0;
+       answered = 0;
+       call = 0
+    :: else -> break
+    od
+}
+
+/* endConnection: endReading, noteLost, completeWaitingRequests, under one hold of tableLock. */
+inline endConnection()
+{
+    atomic { tableLock == NOBODY -> TOUCH; tableLock = _pid; slotBeingRead = NO_SLOT };
+    if
+    :: atomic { connStatus == CONNECTED -> TOUCH; connStatus = LOST };
+#ifdef OPENING
+       atomic { TOUCH; post(connEvent) }
+    :: atomic { connStatus == CONNECTING -> TOUCH; connStatus = NEVER_CONNECTED };
+       atomic { TOUCH; post(connEvent) }
+#endif
+    :: connStatus == CLOSED
+    fi;
+    sweep();
+    unlock(tableLock)
+}
+
+/* completeWaitingRequests */
+inline sweep()
+{
+    s = 0;
+    do
+    :: connStatus != NEVER_CONNECTED && s < SLOTS ->
+       atomic {
+           TOUCH;
+           if
+           :: slot[s].state == WAITING -> deliverSlot(s, REFUSED)
+           :: else
+           fi;
+           s++
+       }
+    :: else -> break
+    od;
+#ifndef BREAK_END_NOT_TOLD_TO_COLLECTORS
+    atomic { TOUCH; post(asyncReplyEvent) };
+#endif
+    s = NO_SLOT
+}
+
+/* closeConnectionSocket: shutdown, clapiWaitForSenders, close. */
+inline closeConnectionSocket()
+{
+    atomic {
+        TOUCH;
+        if
+        :: connStatus != NEVER_CONNECTED -> shutDown = true
+        :: else
+        fi
+    };
+#ifndef BREAK_CLOSES_UNDER_SENDERS
+    atomic { tableLock == NOBODY && senders == 0 -> TOUCH };
+#endif
+    atomic { TOUCH; assert(descriptorOpen); descriptorOpen = false }
+}
+
+/* receiverThread */
+proctype Receiver()
+{
+    byte id, answered, call;
+    byte s = NO_SLOT;
+    bool over;
+
+#ifdef BREAK_END_ARMED_BY_THE_RECEIVER
+    atomic { TOUCH; arm(recvThreadEnded) };
+#endif
+    receiveFlows();
+    endConnection();
+    closeConnectionSocket();
+    atomic { TOUCH; post(recvThreadEnded) }
+}
+
+/* ---- Closing: clapi_gwytok ---- */
+
+/* markAsClosing. Under gtlLock. */
+inline markAsClosing()
+{
+    if
+    :: !listed -> rc = REFUSED
+    :: listed && closedown -> rc = CLOSING
+    :: listed && !closedown ->
+       atomic { TOUCH; closedown = true };
+       if
+       :: atomic { requestCount > 0 || asyncCount > 0 -> TOUCH; arm(requestsEnded) }
+       :: atomic { requestCount == 0 && asyncCount == 0 -> TOUCH }
+       fi
+    fi
+}
+
+/* waitForWork. limit: GRACEFUL_CLOSE waits, TIMED_CLOSE may run out of time, AT_ONCE does not. */
+#define GRACEFUL_CLOSE 0
+#define TIMED_CLOSE 1
+#define AT_ONCE 2
+inline waitForWork(limit)
+{
+    atomic { TOUCH; calls = requestCount };
+    if
+    :: limit != AT_ONCE ->
+       if
+       :: atomic { calls > 0 || asyncCount > 0 -> TOUCH };
+          if
+          :: limit == TIMED_CLOSE /* the time may run out at any moment */
+          :: atomic { limit == TIMED_CLOSE && requestsEnded.open -> TOUCH }
+          :: limit == GRACEFUL_CLOSE -> waitEvent(requestsEnded)
+          fi
+       :: atomic { calls == 0 && asyncCount == 0 -> TOUCH }
+       fi
+    :: else
+    fi;
+    calls = 0
+}
+
+/* clapiCloseConnection: sendCloseFlowSafely, clapiBeginSendingFlow, sendCloseFlow. */
+inline sendCloseFlow()
+{
+    atomic {
+        tableLock == NOBODY -> TOUCH;
+        begun = (connStatus == CONNECTED);
+        if
+        :: begun -> senders++
+        :: else -> rc = FAILED
+        fi
+    };
+    if
+    :: begun ->
+       atomic { sendLock == NOBODY -> TOUCH; sendLock = _pid; assert(descriptorOpen) };
+       atomic {
+           TOUCH;
+           assert(descriptorOpen);
+           if
+           :: !shutDown ->
+              if
+              :: !gatewayGone -> closeAsked = true
+              :: else
+              fi
+           :: gatewayGone || shutDown -> rc = FAILED
+           fi;
+           sendLock = NOBODY
+       };
+       endSending();
+       begun = false
+    :: else
+    fi
+}
+
+/* endWork: giveUpReplies, waitForCalls. */
+inline endWork()
+{
+    atomic { tableLock == NOBODY -> TOUCH; tableLock = _pid; calls = asyncCount; asyncCount = 0 };
+    if
+#ifndef BREAK_GIVES_UP_SILENTLY
+    :: atomic { calls > 0 && requestCount == 0 -> TOUCH };
+       atomic { TOUCH; post(requestsEnded) }
+#endif
+    :: atomic { calls == 0 || requestCount != 0 -> TOUCH }
+#ifdef BREAK_GIVES_UP_SILENTLY
+    :: atomic { calls > 0 && requestCount == 0 -> TOUCH }
+#endif
+    fi;
+    atomic { TOUCH; calls = requestCount; tableLock = NOBODY };
+    if
+    :: calls > 0 -> waitEvent(requestsEnded)
+    :: else
+    fi;
+    calls = 0
+}
+
+/* quiesceConnection */
+inline quiesceConnection(limit)
+{
+    /* releaseReplyWaiters */
+    atomic {
+        tableLock == NOBODY -> TOUCH;
+        if
+#ifdef BREAK_COLLECTORS_NOT_RELEASED
+        :: false
+#else
+        :: asyncCount == 0 -> post(asyncReplyEvent)
+#endif
+        :: else
+        fi
+    };
+    waitForWork(limit);
+    if
+    :: atomic { connStatus == CONNECTED -> TOUCH };
+       sendCloseFlow()
+    :: atomic { connStatus != CONNECTED -> TOUCH }
+    fi;
+    waitEvent(recvThreadEnded); /* waitForReceiver */
+    if
+    :: rc == OK -> endWork()
+    :: else
+    fi
+}
+
+/* freeToken, after which no field may be touched. Under gtlLock. */
+inline freeToken()
+{
+    atomic {
+        TOUCH;
+        assert(requestCount == 0 && senders == 0 && deleters == 0);
+        assert(!descriptorOpen && recvThreadEnded.open);
+        assert(tableLock == NOBODY && sendLock == NOBODY);
+        tokenFreed = true
+    }
+}
+
+/* unlinkForGood. Under gtlLock. */
+inline unlinkForGood()
+{
+    if
+#ifdef BREAK_DELETERS_NOT_COUNTED
+    :: listed && quiesced ->
+#else
+    :: deleters == 0 && quiesced && listed ->
+#endif
+       listed = false;
+#ifndef BREAK_LATE_CALLS_NOT_AWAITED
+       do
+       :: requestCount > 0 ->
+#ifdef BREAK_CALLS_ENDED_NOT_ARMED_AGAIN
+          unlock(gtlLock);
+#else
+          atomic { TOUCH; arm(requestsEnded); gtlLock = NOBODY };
+#endif
+          waitEvent(requestsEnded);
+#ifdef BREAK_CALLS_ENDED_NOT_ARMED_AGAIN
+          lock(gtlLock);
+          break
+#else
+          lock(gtlLock)
+#endif
+       :: requestCount == 0 -> break
+       od;
+#endif
+       freeToken()
+    :: else
+    fi
+}
+
+/* endDelete. */
+inline endDelete()
+{
+#ifdef BREAK_DELETERS_NOT_COUNTED
+    atomic { gtlLock == NOBODY -> gtlLock = _pid };
+    if
+    :: listed -> deleters--
+    :: else
+    fi;
+#else
+    lock(gtlLock);
+    deleters--;
+#endif
+    if
+    :: rc == OK -> quiesced = true
+    :: else -> deleteFailed = true
+    fi;
+    unlinkForGood();
+    unlock(gtlLock)
+}
+
+/* clapiDeleteGatewayToken: beginDelete, quiesceConnection, endDelete. Gives up gtlLock. */
+inline deleteToken(limit)
+{
+    atomic { TOUCH; deleters++; gtlLock = NOBODY };
+    quiesceConnection(limit);
+    endDelete()
+}
+
+/* QPX_closeGatewayConnection, QPX_purgeGatewayConnection: clapiCloseGatewayToken, then
+ * clapiDeleteGatewayToken, each of which takes gtlLock. */
+inline closeConnection(limit)
+{
+    rc = OK;
+    atomic { gtlLock == NOBODY -> gtlLock = _pid };
+    markAsClosing();
+    unlock(gtlLock);
+    if
+    :: rc == OK ->
+       atomic { gtlLock == NOBODY -> gtlLock = _pid };
+       if
+       :: listed -> deleteToken(limit)
+       :: else -> unlock(gtlLock)
+       fi
+    :: else
+    fi
+}
+
+#if GRACEFUL + TIMED + PURGE > 0
+proctype Closer(byte limit)
+{
+    byte calls, generation;
+    bool begun;
+    mtype rc;
+
+#ifdef CLOSE_AFTER_CALLS
+    callsSent == ASYNC;
+#endif
+    closeConnection(limit);
+    threadsOut++
+}
+#endif
+
+#if ALL > 0
+/* QPX_closeAllGatewayConnections: deleteEveryToken, of which this one is the only. */
+proctype AllCloser()
+{
+    byte calls, generation;
+    bool begun;
+    mtype rc = OK;
+
+    atomic { gtlLock == NOBODY -> gtlLock = _pid };
+    if
+    :: listed && !opening ->
+       markAsClosing();
+       rc = OK; /* the result of the close is not looked at */
+       deleteToken(AT_ONCE)
+    :: else -> unlock(gtlLock)
+    fi;
+    threadsOut++
+}
+#endif
+
+/* ---- Opening: clapi_gwycon and clapi_gwytok ---- */
+
+#ifdef OPENING
+/* connectAndShakeHands: startReceiverThread, sendHandshake, awaitHandshakeAnswer. */
+inline connect()
+{
+#ifndef BREAK_END_ARMED_BY_THE_RECEIVER
+    arm(recvThreadEnded);
+#endif
+    senders = 1;
+    run Receiver();
+    atomic {
+        TOUCH;
+        assert(descriptorOpen);
+        if
+        :: writeMayFail -> rc = FAILED
+        :: !shutDown ->
+           if
+           :: !gatewayGone -> handshakeAsked = true
+           :: else
+           fi
+        fi
+    };
+    if
+    :: rc == OK ->
+       endSending();
+       waitEvent(connEvent);
+       if
+       :: atomic { connStatus == CONNECTED -> TOUCH }
+       :: atomic { connStatus != CONNECTED -> TOUCH; rc = FAILED }
+       fi
+    :: else ->
+       atomic { TOUCH; shutDown = true };
+       endSending();
+       waitEvent(recvThreadEnded)
+    fi
+}
+
+bool handshakeAsked;
+
+/* clapiCreateGatewayToken: createAndConnect; then a call and a close, as any application. */
+proctype Opener(byte me)
+{
+    byte s, generation, calls;
+    bool begun, registered;
+    mtype rc = OK;
+
+    connect();
+    if
+    :: rc == OK ->
+       atomic { gtlLock == NOBODY -> TOUCH; opening = false }; /* endOpening */
+       syncCall(me, false, false);
+       closeConnection(GRACEFUL_CLOSE)
+    :: else ->
+       rc = OK;
+       atomic { gtlLock == NOBODY -> gtlLock = _pid };
+       assert(listed);
+       deleteToken(AT_ONCE)
+    fi;
+    atomic { tellOutcome(me); threadsOut++ }
+}
+#endif
+
+/* ---- The Gateway ---- */
+
+proctype Gateway()
+{
+    byte i;
+    byte unasked = UNASKED;
+
+end_waiting:
+    do
+#ifdef OPENING
+    :: atomic { handshakeAsked -> handshakeAsked = false; fromGateway!HANDSHAKE, 0, 0 }
+#endif
+    :: atomic {
+           asked[0] != NO_CALL -> fromGateway!REPLY, 0, asked[0]; asked[0] = NO_CALL
+       }
+#if SLOTS > 1
+    :: atomic {
+           asked[1] != NO_CALL -> fromGateway!REPLY, 1, asked[1]; asked[1] = NO_CALL
+       }
+#endif
+#if SLOTS > 2
+    :: atomic {
+           asked[2] != NO_CALL -> fromGateway!REPLY, 2, asked[2]; asked[2] = NO_CALL
+       }
+#endif
+#ifdef SILENT
+    :: atomic { asked[0] != NO_CALL -> asked[0] = NO_CALL }
+#if SLOTS > 1
+    :: atomic { asked[1] != NO_CALL -> asked[1] = NO_CALL }
+#endif
+#endif
+#if UNASKED > 0
+    :: atomic {
+           unasked > 0 && nfull(fromGateway) ->
+           unasked--;
+           select(i : 0 .. SLOTS - 1);
+           if
+           :: fromGateway!REPLY, i, NO_CALL
+           :: fromGateway!ERROR, i, NO_CALL
+           fi;
+           i = 0
+       }
+#endif
+#ifndef DEAF
+    :: atomic { closeAsked -> fromGateway!CLOSE_FLOW, 0, 0; gatewayGone = true; break }
+#endif
+#ifdef CLOSES
+    :: atomic { nfull(fromGateway) -> fromGateway!CLOSE_FLOW, 0, 0; gatewayGone = true; break }
+#endif
+#ifdef LAST
+    :: atomic { timeout -> gatewayGone = true; break }
+#endif
+#ifdef DIES
+    :: atomic { gatewayGone = true; break }
+    :: atomic { gatewayGone = true; reset = true; break }
+#endif
+    od
+}
+
+#ifdef PINGS
+ltl everyThreadGetsOut { <> (threadsOut == THREADS) }
+
+proctype Pinger()
+{
+    do
+    :: atomic { !ping -> ping = true }
+    od
+}
+#endif
+
+/* ---- The whole ---- */
+
+init
+{
+    byte i;
+
+    atomic {
+        for (i : 0 .. SLOTS - 1) { slot[i].call = NO_CALL }
+#ifdef OPENING
+        connStatus = CONNECTING;
+        opening = true;
+        recvThreadEnded.open = true; /* buildToken */
+        run Opener(SLOTS - 1);
+#else
+        run Receiver();
+#endif
+        run Gateway();
+#ifdef PINGS
+        run Pinger();
+#endif
+#if SYNC > 0
+        for (i : 0 .. SYNC - 1) { run SyncCaller(i) }
+#endif
+#if ASYNC > 0
+        for (i : SYNC .. SYNC + ASYNC - 1) { run AsyncCaller(i) }
+#endif
+#if SPECIFIC > 0
+        for (i : SYNC .. SYNC + SPECIFIC - 1) { run SpecificCollector(i) }
+#endif
+#if ANY > 0
+        for (i : 1 .. ANY) { run AnyCollector() }
+#endif
+#if POLL > 0
+        for (i : 1 .. POLL) { run Poller() }
+#endif
+#if GRACEFUL > 0
+        for (i : 1 .. GRACEFUL) { run Closer(GRACEFUL_CLOSE) }
+#endif
+#if TIMED > 0
+        for (i : 1 .. TIMED) { run Closer(TIMED_CLOSE) }
+#endif
+#if PURGE > 0
+        for (i : 1 .. PURGE) { run Closer(AT_ONCE) }
+#endif
+#if ALL > 0
+        for (i : 1 .. ALL) { run AllCloser() }
+#endif
+        i = 0
+    };
+#ifdef QUIET
+    /* Whoever still waits, waits for a reply that is not there. */
+    timeout;
+    assert(empty(replies));
+#else
+    /* Every thread of the application gets out of the library. */
+    threadsOut == THREADS;
+#if CLOSERS + OPENERS > 0
+    assert(!descriptorOpen);
+    assert(tokenFreed || deleteFailed);
+#endif
+    assert(gtlLock == NOBODY && sendLock == NOBODY)
+#endif
+}

@@ -1,0 +1,265 @@
+#!/usr/bin/env bash
+# Runs one configuration of the model of a connection with Spin, and judges what Spin says.
+set -euo pipefail
+
+HERE=$(cd "$(dirname "$0")" && pwd)
+readonly HERE
+readonly MODEL=$HERE/connection.pml
+readonly MEGABYTES=1000
+readonly DEPTH=100000
+
+# NAME | KIND | SWITCHES | EXPECTED. Kinds:
+#   holds      in every run no assertion fails and every thread gets out of the library
+#   fair       the same while a Gateway pings for ever, if no thread is left aside for ever
+#   acyclic    nothing goes round in circles, with or without fairness
+#   hangs      a thread waits for ever, as it is known to; EXPECTED are the threads
+#   fails      something is undone that matters, and Spin finds out; EXPECTED is what it says
+configurations() {
+    cat <<'TABLE'
+answered_calls         | holds   | SYNC=2 GRACEFUL=1 DIES CLOSES
+purged_calls           | holds   | SYNC=2 PURGE=1 SILENT
+unit_of_work           | holds   | SYNC=1 UNITS TIMED=1 SILENT DIES CLOSES
+stuck_senders          | holds   | SYNC=2 FULL DIES LAST
+any_reply              | holds   | ASYNC=1 ANY=2 PURGE=1
+any_reply_in_order     | holds   | ASYNC=2 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS DIES
+any_reply_without_end  | holds   | ASYNC=1 ANY=1 DIES CLOSES LAST
+any_and_specific_reply | holds   | ASYNC=2 ANY=1 SPECIFIC=1 LAST
+specific_replies       | holds   | ASYNC=2 SPECIFIC=2 GRACEFUL=1
+specific_reply_lost    | holds   | ASYNC=1 SPECIFIC=1 TIMED=1 SILENT DIES CLOSES
+polled_replies         | holds   | ASYNC=2 SPECIFIC=2 POLL=1
+replies_not_overlooked | holds   | ASYNC=2 SPECIFIC=2 SILENT QUIET
+calls_of_both_kinds    | holds   | SYNC=1 ASYNC=1 SPECIFIC=1 PURGE=1
+withdrawn_calls        | holds   | ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN
+unasked_replies        | holds   | SYNC=2 PURGE=1 UNASKED=1 WRITE_FAILS
+unasked_async_replies  | holds   | ASYNC=1 ANY=1 PURGE=1 UNASKED=1 WRITE_FAILS
+three_closers          | holds   | SYNC=1 GRACEFUL=1 PURGE=1 ALL=1
+two_closers_lost       | holds   | SYNC=1 GRACEFUL=1 ALL=1 DIES
+two_closers_replies    | holds   | ASYNC=1 SPECIFIC=1 PURGE=1 ALL=1
+opening                | holds   | OPENING ALL=1 DIES
+every_thread_gets_out  | fair    | ASYNC=1 SPECIFIC=1 PURGE=1 PINGS
+no_circles             | acyclic | ASYNC=1 SPECIFIC=1 PURGE=1 DIES
+
+hang_close_flow_unanswered   | hangs | SYNC=1 PURGE=1 DEAF | Closer
+hang_call_unanswered         | hangs | SYNC=1 GRACEFUL=1 SILENT | Closer SyncCaller
+hang_reply_uncollected       | hangs | ASYNC=1 GRACEFUL=1 | Closer
+hang_goodbye_while_opening   | hangs | OPENING CLOSES | Opener
+hang_gateway_stops_reading   | hangs | SYNC=1 PURGE=1 FULL | Closer SyncCaller
+hang_refused_before_send     | hangs | ASYNC=1 ANY=1 GRACEFUL=1 | Closer
+hang_refused_before_sweep    | hangs | ASYNC=1 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS CLOSES | Closer
+
+break_state_after_send       | fails | SYNC=1 GRACEFUL=1 BREAK_STATE_AFTER_SEND | invalid end state
+break_armed_after_waiting    | fails | SYNC=1 GRACEFUL=1 BREAK_ARMED_AFTER_WAITING | invalid end state
+break_status_and_state_apart | fails | SYNC=1 GRACEFUL=1 DIES BREAK_STATUS_AND_STATE_APART | invalid end state
+break_generation_read_late   | fails | ASYNC=2 SPECIFIC=2 SILENT QUIET BREAK_GENERATION_READ_LATE | assertion violated (q_len(replies)==0)
+break_not_checked_again      | fails | ASYNC=1 SPECIFIC=1 POLL=1 BREAK_SPECIFIC_NOT_CHECKED_AGAIN | invalid end state
+break_end_not_told           | fails | ASYNC=1 ANY=1 DIES LAST BREAK_END_NOT_TOLD_TO_COLLECTORS | invalid end state
+break_withdrawal_not_told    | fails | ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN BREAK_WITHDRAWAL_NOT_TOLD | invalid end state
+break_collectors_not_released | fails | ASYNC=1 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS BREAK_COLLECTORS_NOT_RELEASED | invalid end state
+break_withdraws_any          | fails | ASYNC=1 ANY=1 PURGE=1 DIES BREAK_WITHDRAWS_WHAT_IS_NOT_OURS | assertion violated  !(ended[me])
+break_delivers_to_any_state  | fails | ASYNC=1 ANY=1 PURGE=1 UNASKED=1 BREAK_DELIVERS_TO_ANY_STATE | assertion violated  !(Q_has(replies
+break_storage_given_up       | fails | SYNC=1 GRACEFUL=1 UNASKED=1 WRITE_FAILS BREAK_STORAGE_GIVEN_UP_WHILE_READ | assertion violated (slot[s].call==call)
+break_closes_under_senders   | fails | SYNC=1 GRACEFUL=1 DIES BREAK_CLOSES_UNDER_SENDERS | assertion violated descriptorOpen
+break_not_armed_again        | fails | SYNC=2 GRACEFUL=1 BREAK_CALLS_ENDED_NOT_ARMED_AGAIN | assertion violated (((requestCount==0)
+break_late_calls_not_awaited | fails | SYNC=1 GRACEFUL=1 BREAK_LATE_CALLS_NOT_AWAITED | assertion violated (((requestCount==0)
+break_deleters_not_counted   | fails | SYNC=1 GRACEFUL=1 ALL=1 BREAK_DELETERS_NOT_COUNTED | assertion violated (((requestCount==0)
+break_gives_up_silently      | fails | ASYNC=1 GRACEFUL=1 ALL=1 BREAK_GIVES_UP_SILENTLY | invalid end state
+break_end_armed_late         | fails | OPENING DIES BREAK_END_ARMED_BY_THE_RECEIVER | assertion violated ( !(descriptorOpen)
+break_fairness               | fails | ASYNC=1 SPECIFIC=1 PURGE=1 PINGS UNFAIR | acceptance cycle
+TABLE
+}
+
+usage() {
+    cat <<'TEXT'
+Runs one configuration of the model of a connection with Spin, and judges what Spin says.
+
+Usage: run.sh NAME [FOLDER]     FOLDER keeps what is made (a temporary one that goes)
+       run.sh --reached FOLDER  tells what of the model no configuration of the kinds that hold
+                                comes to; each must have run with FOLDER/NAME
+       run.sh --list [KIND]     the names of the configurations, or of those of one kind
+       run.sh --trail NAME FOLDER
+                                steps through the counter-example that a run has left in FOLDER
+
+Examples:
+  tests/model/run.sh answered_calls
+  tests/model/run.sh hang_reply_uncollected /tmp/m
+  tests/model/run.sh --trail hang_reply_uncollected /tmp/m
+TEXT
+}
+
+fail() {
+    printf 'model: %s\n' "$1" >&2
+    exit "${2:-1}"
+}
+
+names() {
+    configurations | awk -F' *[|] *' -v kind="${1:-}" 'NF > 1 && (kind == "" || $2 == kind) { print $1 }'
+}
+
+# Reads a configuration into KIND, SWITCHES and EXPECTED.
+look_up() {
+    local name row
+
+    while IFS='|' read -r name row; do
+        [[ ${name%% *} == "$1" ]] || continue
+        IFS='|' read -r KIND SWITCHES EXPECTED <<<"$row"
+        KIND=${KIND//[[:blank:]]/}
+        EXPECTED=${EXPECTED:-}
+        EXPECTED=${EXPECTED#"${EXPECTED%%[![:blank:]]*}"}
+        # shellcheck disable=SC2206 # a list of words
+        SWITCHES=($SWITCHES)
+        SWITCHES=("${SWITCHES[@]/#/-D}")
+        return
+    done < <(configurations)
+    fail "no configuration \"$1\"; --list names them" 2
+}
+
+# ---- Verifying -----------------------------------------------------------------------------------
+
+is_on() {
+    [[ " ${SWITCHES[*]} " == *" -D$1 "* ]]
+}
+
+# Makes the verifier and runs it, as the kind of the configuration wants it.
+verify() {
+    local compile=(-O2 "-DMEMLIM=$MEGABYTES" -DCOLLAPSE)
+    local search=("-m$DEPTH")
+
+    if is_on PINGS; then
+        compile+=(-DNFAIR=3)
+        search+=(-a)
+        is_on UNFAIR || search+=(-f)
+    elif [[ $KIND == acyclic ]]; then
+        compile+=(-DNP)
+        search+=(-l)
+    else
+        compile+=(-DSAFETY)
+    fi
+    # Those who may wait for ever do so in no proper place to end.
+    ! is_on QUIET || search+=(-E)
+
+    spin -a "${SWITCHES[@]}" "$MODEL" >spin.log || fail "Spin does not take the model: $(cat spin.log)"
+    gcc "${compile[@]}" -w -o pan pan.c
+    ./pan "${search[@]}" >pan.log 2>&1 || fail "the verifier ends with $?: $(cat pan.log)"
+    print_figures
+}
+
+print_figures() {
+    grep -E 'errors:|states, stored|total actual memory|elapsed time' pan.log
+}
+
+# ---- Judging -------------------------------------------------------------------------------------
+
+# A search that was cut short has shown nothing.
+judge_complete() {
+    ! grep -Eiq 'not completed|incomplete|too small|MEMLIM|out of memory|hash table full' pan.log ||
+        fail "the search was cut short: $(cat pan.log)"
+}
+
+judge_holds() {
+    ! grep -q '^pan:1:' pan.log || fail "an error where there must be none: $(cat pan.log)"
+    judge_complete
+    grep -q 'errors: 0$' pan.log || fail "no \"errors: 0\": $(cat pan.log)"
+    note_steps
+}
+
+judge_error() {
+    grep -qF "pan:1: $1" pan.log || fail "Spin does not say \"$1\": $(cat pan.log)"
+    [[ -f connection.pml.trail ]] || fail "no counter-example was written"
+}
+
+judge_hang() {
+    local stuck
+
+    judge_error "invalid end state"
+    stuck=$(stuck_threads)
+    [[ $stuck == "$EXPECTED" ]] || fail "not \"$EXPECTED\" wait for ever, but \"$stuck\""
+    printf 'For ever waits, as expected: %s\n' "$stuck"
+}
+
+replay() {
+    spin -k connection.pml.trail "$@" "${SWITCHES[@]}" "$MODEL"
+}
+
+# Who has come to no proper end in the counter-example, without init, which waits for all of them.
+stuck_threads() {
+    replay | sed -n 's/^ *[0-9]*:\tproc *[0-9]* (\([A-Za-z]\{1,\}\):.*/\1 &/p' |
+        grep -v 'valid end state' | awk '{ print $1 }' | sort -u | paste -sd ' '
+}
+
+# ---- Steps ---------------------------------------------------------------------------------------
+
+# Writes for each line of the model that has a step "LINE reached" or "LINE unreached"; an inline has
+# its steps once in each kind of thread. Spin merges steps, assertions above all, with the one before.
+note_steps() {
+    { ./pan -d && printf 'END OF STATES\n' && cat pan.log; } |
+        awk '/^END OF STATES/ { judging = 1 }
+             /^proctype / { thread = $2 }
+             /^unreached in proctype/ { thread = $4 }
+             !judging && /=> / && !/=> (-end-|\.\(goto\))/ {
+                 match($0, /connection\.pml:[0-9]+/)
+                 line[thread, $2] = substr($0, RSTART, RLENGTH)
+             }
+             judging && match($0, /state [0-9]+,/) {
+                 unreached[thread, substr($0, RSTART + 6, RLENGTH - 7)] = 1
+             }
+             END {
+                 for (i in line) print line[i], (i in unreached) ? "unreached" : "reached"
+             }' | sort -u >steps.txt
+}
+
+# What no run comes to, nothing has been shown of.
+judge_reached() {
+    local name files=() unreached
+
+    while read -r name; do
+        [[ -s $1/$name/steps.txt ]] || fail "$name has not run in $1"
+        files+=("$1/$name/steps.txt")
+    done < <(names holds && names fair && names acyclic)
+    unreached=$(awk '{ seen[$1] = 1 } $2 == "reached" { reached[$1] = 1 }
+                     END { for (l in seen) if (!(l in reached)) print l }' "${files[@]}" | sort)
+    [[ -z $unreached ]] || fail "nothing comes to $unreached"
+    printf 'Every step is reached: those of %d lines of the model\n' \
+        "$(awk '{ print $1 }' "${files[@]}" | sort -u | wc -l)"
+}
+
+# ---- The run -------------------------------------------------------------------------------------
+
+run_configuration() {
+    look_up "$1"
+    if (($# > 1)); then
+        mkdir -p "$2"
+        cd "$2"
+    else
+        FOLDER=$(mktemp -d)
+        trap 'rm -rf "$FOLDER"' EXIT
+        cd "$FOLDER"
+    fi
+    rm -f connection.pml.trail steps.txt
+    verify
+    case $KIND in
+    holds | fair | acyclic) judge_holds ;;
+    hangs) judge_hang ;;
+    fails) judge_error "$EXPECTED" ;;
+    *) fail "no kind \"$KIND\"" 2 ;;
+    esac
+}
+
+show_trail() {
+    look_up "$1"
+    cd "$2"
+    [[ -f connection.pml.trail ]] || fail "no counter-example in $2; run the configuration there first"
+    replay -p -g -l
+}
+
+main() {
+    case ${1:-} in
+    --help | -h) usage ;;
+    --list) names "${2:-}" ;;
+    --reached) judge_reached "${2:?the folder of the runs}" ;;
+    --trail) show_trail "${2:?the name}" "${3:?the folder of its run}" ;;
+    "" | -*) usage >&2 && exit 2 ;;
+    *) run_configuration "$@" ;;
+    esac
+}
+
+main "$@"

@@ -6,8 +6,8 @@ set -euo pipefail
 HERE=$(cd "$(dirname "$0")" && pwd)
 CASE=$1 EXAMPLES=$2 DAEMON=$3
 readonly HERE CASE EXAMPLES DAEMON
-readonly ECHO=$EXAMPLES/echo LEDGER=$EXAMPLES/ledger ORDERS=$EXAMPLES/orders
-readonly PASSWORD=$EXAMPLES/password SYSTEMS=$EXAMPLES/systems
+readonly ECHO=$EXAMPLES/echo FANOUT=$EXAMPLES/fanout LEDGER=$EXAMPLES/ledger
+readonly ORDERS=$EXAMPLES/orders PASSWORD=$EXAMPLES/password SYSTEMS=$EXAMPLES/systems
 export LC_ALL=C # of what the programs write
 
 # shellcheck source=tools/gateway.sh
@@ -44,6 +44,10 @@ run() {
 
 ledger() {
     run "$LEDGER" --port "$GATEWAY_PORT" "$@"
+}
+
+fanout() {
+    run "$FANOUT" --port "$GATEWAY_PORT" "$@"
 }
 
 orders() {
@@ -619,6 +623,145 @@ SystemsShowsHelp() {
     run "$SYSTEMS" --help
     expect_code 0
     expect_text out "Usage: systems --port PORT [options]"
+    expect_nothing err
+}
+
+FanoutCollectsEveryReply() {
+    gateway
+    fanout --count 100
+    expect_code 0
+    expect_nothing err
+    expect_line out "Sending 100 requests to ECHO at 127.0.0.1:$GATEWAY_PORT"
+    expect_line out "  answered                            100"
+    expect_text out "Latency   min "
+}
+
+FanoutSendsTheLinesOfAFile() {
+    gateway
+    printf 'one\n\ntwo words\n%s\nno line end' "$(printf '%032767d' 1)" >"$FOLDER/lines.txt"
+    fanout "$FOLDER/lines.txt"
+    expect_code 0
+    expect_line out "  answered                              4"
+    expect_text gateway.log "commarea=9/9"
+    expect_text gateway.log "commarea=32767/32767"
+}
+
+FanoutTellsHowRepliesOvertakeEachOther() {
+    gateway --misbehave reverse=10
+    fanout --verbose --count 10
+    expect_code 0
+    expect_line out "  reply      1: request     10, answered"
+    expect_line out "  reply      9: request      2, answered"
+    expect_line out "  reply     10: request      1, answered"
+    expect_line out "Order     9 of 10 replies came behind that of a later request"
+}
+
+FanoutFindsRepliesInTheOrderOfTheirRequests() {
+    gateway
+    fanout --at-once 1 --count 5
+    expect_code 0
+    expect_line out "Order     0 of 5 replies came behind that of a later request"
+}
+
+# A message id serves again when its reply is collected.
+FanoutHasNoMoreRequestsOutThanItMay() {
+    gateway
+    fanout --at-once 4 --count 20
+    expect_code 0
+    expect_text gateway.log "request 4 ECI"
+    ! grep -q "request 5 ECI" "$FOLDER/gateway.log" || fail "a fifth request at once"
+}
+
+FanoutCountsAlong() {
+    gateway
+    fanout --progress --count 20
+    expect_code 0
+    expect_text err "20 sent, 10 of 20 collected"
+    expect_text err "20 sent, 20 of 20 collected"
+    [[ $(grep -o "20 of 20" "$FOLDER/err" | wc -l) == 1 ]] || fail "the end is counted twice"
+}
+
+# LEDGER takes the reference of a transfer, which begins with T, for a query of the total.
+FanoutNoticesAReplyThatIsNotWhatWasSent() {
+    gateway
+    head -n 6 "$HERE/../data/transfers.txt" | tail -n 1 >"$FOLDER/lines.txt"
+    fanout --program LEDGER "$FOLDER/lines.txt"
+    expect_code 3
+    expect_line err "fanout: request 1: the reply is not what was sent"
+    expect_line out "  answered with something else          1"
+}
+
+FanoutNamesTheCodeOfAReply() {
+    gateway --misbehave flow-error=61445@nth:3
+    fanout --count 10
+    expect_code 1
+    expect_line err "fanout: request 3: reply: QPX_ERR_WORK_WAS_REFUSED (61445)"
+    expect_line out "  answered                              9"
+    expect_line out "  failed                                1"
+}
+
+FanoutShowsTheAbendCode() {
+    gateway
+    fanout --program ABEND --count 1
+    expect_code 1
+    expect_line err "fanout: request 1: reply: ECI_ERR_TRANSACTION_ABEND (-7), abend code Requ"
+}
+
+FanoutStopsSendingWhenTheConnectionIsLost() {
+    gateway --misbehave drop@nth:5
+    fanout --at-once 1 --count 10
+    expect_code 1
+    expect_line err "fanout: request 5: reply: QPX_ERR_LOSTGWCON (-102)"
+    expect_line err "fanout: request 6: send: QPX_ERR_LOSTGWCON (-102)"
+    expect_line out "  not sent                              4"
+    expect_line out "  answered                              4"
+    expect_line out "  failed                                2"
+}
+
+FanoutNamesTheErrorWithoutAGateway() {
+    closed_port
+    fanout --count 1
+    expect_code 1
+    expect_line err "fanout: cannot connect to a Gateway at 127.0.0.1:$GATEWAY_PORT"
+    expect_line err "fanout: open: QPX_ERR_CONNECTFAILED (-118)"
+}
+
+FanoutTellsOfAFileThatIsNoUse() {
+    run "$FANOUT" --port 1 "$FOLDER/missing.txt"
+    expect_code 1
+    expect_text err "cannot open $FOLDER/missing.txt"
+
+    printf '\n\n' >"$FOLDER/empty.txt"
+    run "$FANOUT" --port 1 "$FOLDER/empty.txt"
+    expect_code 1
+    expect_line err "fanout: $FOLDER/empty.txt has no requests"
+
+    printf 'one\n%032768d\n' 1 >"$FOLDER/long.txt"
+    run "$FANOUT" --port 1 "$FOLDER/long.txt"
+    expect_code 1
+    expect_line err "fanout: $FOLDER/long.txt, line 2 is longer than 32767 bytes"
+}
+
+FanoutRefusesWrongArguments() {
+    expect_usage_of "$FANOUT" "--port is missing" --count 1
+    expect_usage_of "$FANOUT" "a file or --count is missing" --port 5770
+    expect_usage_of "$FANOUT" "more than one file: two" --port 5770 one two
+    expect_usage_of "$FANOUT" "--count takes no file: one" --port 5770 --count 1 one
+    expect_usage_of "$FANOUT" "a port is a number from 1 to 65535, not 0" --port 0 one
+    expect_usage_of "$FANOUT" "a count is a number from 1 to 10000, not 0" --count 0
+    expect_usage_of "$FANOUT" "a count is a number from 1 to 10000, not 10001" --count 10001
+    expect_usage_of "$FANOUT" "--at-once takes a number from 1 to 10000, not x" --at-once x
+    expect_usage_of "$FANOUT" "a time-out is a number of seconds from 0 to 3600, not 3601" --timeout 3601
+    expect_usage_of "$FANOUT" "longer than 8 characters: NINECHARS" --port 1 --count 1 --program NINECHARS
+    expect_usage_of "$FANOUT" "unknown or incomplete option --nonsense" --nonsense
+    expect_usage_of "$FANOUT" "unknown or incomplete option --port" --port
+}
+
+FanoutShowsHelp() {
+    run "$FANOUT" --help
+    expect_code 0
+    expect_text out "Usage: fanout --port PORT [options] FILE"
+    expect_text out "Examples:"
     expect_nothing err
 }
 

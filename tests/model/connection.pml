@@ -5,6 +5,7 @@
  *
  *   SYNC, ASYNC      threads that make a synchronous call, or an asynchronous one
  *   UNITS            the synchronous callers make two calls, in one unit of work
+ *   CHANNEL          all callers use one channel, each holding it for its call
  *   ANY, POLL        threads that collect any reply: waiting, until they are refused; once, at once
  *   SPECIFIC         threads that wait for the reply of one asynchronous call
  *   GRACEFUL, TIMED, PURGE, ALL
@@ -103,6 +104,9 @@ typedef Slot {
     byte state;
     byte call;         /* allocNumber: each call uses one slot once; NO_CALL while free */
     bool isAsync;
+#ifdef CHANNEL
+    bool channelHeld;  /* by an asynchronous call, until its reply is collected */
+#endif
     mtype result;
     Event requestEvent;
 }
@@ -127,6 +131,10 @@ Event requestsEnded;
 Event recvThreadEnded;
 #ifdef OPENING
 Event connEvent;
+#endif
+
+#ifdef CHANNEL
+bool channelLocked; /* isLocked of the channel, under its serLock */
 #endif
 
 byte gtlLock = NOBODY;
@@ -213,6 +221,39 @@ inline waitEventSince(e)
 
 /* ---- Slots and sending: clapi_gwytok ---- */
 
+/* lockChannel, unlockChannel */
+inline lockChannel()
+{
+#ifdef CHANNEL
+    atomic { !channelLocked -> channelLocked = true }
+#else
+    skip
+#endif
+}
+
+inline unlockChannel()
+{
+#ifdef CHANNEL
+    assert(channelLocked);
+    channelLocked = false
+#else
+    skip
+#endif
+}
+
+/* releaseChannel, and each turn of unlockChannels. Under tableLock. */
+inline releaseChannel(s)
+{
+#ifdef CHANNEL
+    if
+    :: slot[s].channelHeld -> slot[s].channelHeld = false; unlockChannel()
+    :: else
+    fi
+#else
+    skip
+#endif
+}
+
 /* slotFree */
 inline slotFree(s)
 {
@@ -221,6 +262,9 @@ inline slotFree(s)
     slot[s].state = FREE;
     slot[s].call = NO_CALL;
     slot[s].isAsync = false;
+#ifdef CHANNEL
+    slot[s].channelHeld = false;
+#endif
     slot[s].result = 0;
     slot[s].requestEvent.open = false;
     slot[s].requestEvent.posts = 0
@@ -313,6 +357,9 @@ inline obtainSlot(me, async, unit)
            slot[s].state = ALLOCATED;
            slot[s].call = me;
            slot[s].isAsync = async;
+#ifdef CHANNEL
+           slot[s].channelHeld = async;
+#endif
            slot[s].result = 0
         fi
     }
@@ -390,7 +437,7 @@ inline sendRequest(me, async)
     fi
 }
 
-/* dropSlot */
+/* clapiDropSlot */
 inline dropSlot()
 {
     lockWhenNotRead(s);
@@ -513,16 +560,20 @@ inline leave()
     fi
 }
 
+/* With a channel performHoldingChannel, which holds it from here to the end of the call. */
 inline syncCall(me, unit, keepsUnit)
 {
     enter();
     checkClosing();
     if
-    :: rc == OK -> obtainSlot(me, false, unit)
-    :: else
-    fi;
-    if
-    :: rc == OK -> performSyncCall(me, keepsUnit)
+    :: rc == OK ->
+       lockChannel();
+       obtainSlot(me, false, unit);
+       if
+       :: rc == OK -> performSyncCall(me, keepsUnit)
+       :: else
+       fi;
+       unlockChannel()
     :: else
     fi;
     leave()
@@ -558,11 +609,17 @@ proctype AsyncCaller(byte me)
     enter();
     checkClosing();
     if
-    :: rc == OK -> obtainSlot(me, true, false)
-    :: else
-    fi;
-    if
-    :: rc == OK -> performAsyncCall(me)
+    :: rc == OK ->
+       lockChannel();
+       obtainSlot(me, true, false);
+       if
+       :: rc == OK -> performAsyncCall(me)
+       :: else
+       fi;
+       if
+       :: rc == OK /* the request keeps the channel */
+       :: else -> unlockChannel()
+       fi
     :: else
     fi;
     leave();
@@ -647,7 +704,7 @@ inline awaitAsyncReply(specific, waits, wanted)
     fi
 }
 
-/* takeReply: countOut, clapiUnlinkReply, consumeSlot, armForNextReply. */
+/* takeReply: countOut, clapiUnlinkReply, consumeSlot, releaseChannel, armForNextReply. */
 inline takeReply()
 {
     atomic {
@@ -656,6 +713,7 @@ inline takeReply()
         countOut();
         tellOutcome(slot[s].call);
         replies??eval(s);
+        releaseChannel(s);
         slotFree(s)
     };
     if
@@ -986,7 +1044,7 @@ inline sendCloseFlow()
     fi
 }
 
-/* endWork: giveUpReplies, waitForCalls. */
+/* endWork: giveUpReplies, seeCallsOut, unlockChannels. */
 inline endWork()
 {
     atomic { tableLock == NOBODY -> TOUCH; tableLock = _pid; calls = asyncCount; asyncCount = 0 };
@@ -1002,9 +1060,17 @@ inline endWork()
     fi;
     atomic { TOUCH; calls = requestCount; tableLock = NOBODY };
     if
-    :: calls > 0 -> waitEvent(requestsEnded)
+    :: calls > 0 -> waitEvent(requestsEnded) /* seeCallsOut */
     :: else
     fi;
+#ifdef CHANNEL
+    /* unlockChannels */
+    calls = 0;
+    do
+    :: calls < SLOTS -> atomic { tableLock == NOBODY -> TOUCH; releaseChannel(calls); calls++ }
+    :: else -> break
+    od;
+#endif
     calls = 0
 }
 

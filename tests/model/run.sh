@@ -29,6 +29,9 @@ specific_reply_lost    | holds   | ASYNC=1 SPECIFIC=1 TIMED=1 SILENT DIES CLOSES
 polled_replies         | holds   | ASYNC=2 SPECIFIC=2 POLL=1
 replies_not_overlooked | holds   | ASYNC=2 SPECIFIC=2 SILENT QUIET
 calls_of_both_kinds    | holds   | SYNC=1 ASYNC=1 SPECIFIC=1 PURGE=1
+channel_calls          | holds   | SYNC=1 ASYNC=1 SPECIFIC=1 GRACEFUL=1 CHANNEL
+channel_reply_given_up | holds   | ASYNC=1 PURGE=1 DIES CLOSES CHANNEL
+channel_calls_withdrawn | holds  | SYNC=1 ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN CHANNEL
 withdrawn_calls        | holds   | ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN
 unasked_replies        | holds   | SYNC=2 PURGE=1 UNASKED=1 WRITE_FAILS
 unasked_async_replies  | holds   | ASYNC=1 ANY=1 PURGE=1 UNASKED=1 WRITE_FAILS
@@ -46,6 +49,7 @@ hang_goodbye_while_opening   | hangs | OPENING CLOSES | Opener
 hang_gateway_stops_reading   | hangs | SYNC=1 PURGE=1 FULL | Closer SyncCaller
 hang_refused_before_send     | hangs | ASYNC=1 ANY=1 GRACEFUL=1 | Closer
 hang_refused_before_sweep    | hangs | ASYNC=1 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS CLOSES | Closer
+hang_channel_not_given_back  | hangs | SYNC=1 ASYNC=1 PURGE=1 CHANNEL | Closer SyncCaller
 
 break_state_after_send       | fails | SYNC=1 GRACEFUL=1 BREAK_STATE_AFTER_SEND | invalid end state
 break_armed_after_waiting    | fails | SYNC=1 GRACEFUL=1 BREAK_ARMED_AFTER_WAITING | invalid end state

@@ -241,14 +241,25 @@ inline unlockChannel()
 #endif
 }
 
-/* releaseChannel, and each turn of unlockChannels. Under tableLock. */
-inline releaseChannel(s)
+/* unlockChannels: not those of calls that are still being made. Under tableLock. */
+inline unlockChannels()
 {
 #ifdef CHANNEL
-    if
-    :: slot[s].channelHeld -> slot[s].channelHeld = false; unlockChannel()
-    :: else
-    fi
+    calls = 0;
+    do
+    :: calls < SLOTS ->
+       atomic {
+           TOUCH;
+           if
+           :: slot[calls].channelHeld && slot[calls].state != ALLOCATED ->
+              slot[calls].channelHeld = false;
+              unlockChannel()
+           :: else
+           fi;
+           calls++
+       }
+    :: else -> break
+    od
 #else
     skip
 #endif
@@ -432,7 +443,14 @@ inline sendRequest(me, async)
 #ifdef BREAK_STATE_AFTER_SEND
        atomic { tableLock == NOBODY -> slot[s].state = WAITING };
 #endif
-       endSending(); /* clapiEndSending; what clapiEndFailedSending does more comes again below */
+       if
+       :: rc == OK || !async -> endSending() /* clapiEndSending, clapiEndFailedSending */
+#ifdef BREAK_FAILED_SENDER_LEAVES_EARLY
+       :: rc != OK && async -> endSending()
+#else
+       :: rc != OK && async /* failAsyncCall does it */
+#endif
+       fi
     :: else
     fi
 }
@@ -483,6 +501,15 @@ inline countOut()
     fi
 }
 
+/* clapiLeaveSenders, at the end of failAsyncCall */
+inline leaveFailed()
+{
+#ifndef BREAK_FAILED_SENDER_LEAVES_EARLY
+    senders--;
+#endif
+    tableLock = NOBODY
+}
+
 /* failAsyncCall: isStillOurs, withdraw. */
 inline failAsyncCall(me)
 {
@@ -510,10 +537,9 @@ inline failAsyncCall(me)
        :: true
 #endif
        fi;
-       atomic { TOUCH; slotFree(s); tableLock = NOBODY }
+       atomic { TOUCH; slotFree(s); leaveFailed() }
     :: else ->
-       rc = OK;
-       unlock(tableLock)
+       atomic { TOUCH; rc = OK; leaveFailed() }
     fi
 }
 
@@ -704,7 +730,8 @@ inline awaitAsyncReply(specific, waits, wanted)
     fi
 }
 
-/* takeReply: countOut, clapiUnlinkReply, consumeSlot, releaseChannel, armForNextReply. */
+/* takeReply: countOut, clapiUnlinkReply, consumeSlot, armForNextReply; in consumeSlot
+ * takeHeldChannel and releaseChannel. */
 inline takeReply()
 {
     atomic {
@@ -713,9 +740,17 @@ inline takeReply()
         countOut();
         tellOutcome(slot[s].call);
         replies??eval(s);
-        releaseChannel(s);
+#ifdef CHANNEL
+        hadChannel = slot[s].channelHeld;
+#endif
         slotFree(s)
     };
+#ifdef CHANNEL
+    if
+    :: hadChannel -> atomic { unlockChannel(); hadChannel = false }
+    :: else
+    fi;
+#endif
     if
     :: atomic { nempty(replies) || (closedown && asyncCount == 0) -> TOUCH; tableLock = NOBODY }
     :: atomic { empty(replies) && !(closedown && asyncCount == 0) -> TOUCH };
@@ -769,7 +804,7 @@ inline collect(specific, waits, wanted)
 proctype AnyCollector()
 {
     byte s, generation;
-    bool registered;
+    bool registered, hadChannel;
     mtype rc = OK;
 
     do
@@ -785,7 +820,7 @@ proctype AnyCollector()
 proctype Poller()
 {
     byte s, generation;
-    bool registered;
+    bool registered, hadChannel;
     mtype rc;
 
     collect(false, false, NO_SLOT);
@@ -798,7 +833,7 @@ proctype Poller()
 proctype SpecificCollector(byte call)
 {
     byte s, generation;
-    bool registered;
+    bool registered, hadChannel;
     mtype rc;
 
     if
@@ -1044,7 +1079,7 @@ inline sendCloseFlow()
     fi
 }
 
-/* endWork: giveUpReplies, seeCallsOut, unlockChannels. */
+/* endWork: giveUpReplies, unlockChannels, seeCallsOut. */
 inline endWork()
 {
     atomic { tableLock == NOBODY -> TOUCH; tableLock = _pid; calls = asyncCount; asyncCount = 0 };
@@ -1058,18 +1093,18 @@ inline endWork()
     :: atomic { calls > 0 && requestCount == 0 -> TOUCH }
 #endif
     fi;
+#ifndef BREAK_CHANNELS_GIVEN_BACK_LATE
+    unlockChannels();
+#endif
     atomic { TOUCH; calls = requestCount; tableLock = NOBODY };
     if
     :: calls > 0 -> waitEvent(requestsEnded) /* seeCallsOut */
     :: else
     fi;
-#ifdef CHANNEL
-    /* unlockChannels */
-    calls = 0;
-    do
-    :: calls < SLOTS -> atomic { tableLock == NOBODY -> TOUCH; releaseChannel(calls); calls++ }
-    :: else -> break
-    od;
+#ifdef BREAK_CHANNELS_GIVEN_BACK_LATE
+    lock(tableLock);
+    unlockChannels();
+    unlock(tableLock);
 #endif
     calls = 0
 }

@@ -30,7 +30,8 @@ polled_replies         | holds   | ASYNC=2 SPECIFIC=2 POLL=1
 replies_not_overlooked | holds   | ASYNC=2 SPECIFIC=2 SILENT QUIET
 calls_of_both_kinds    | holds   | SYNC=1 ASYNC=1 SPECIFIC=1 PURGE=1
 channel_calls          | holds   | SYNC=1 ASYNC=1 SPECIFIC=1 GRACEFUL=1 CHANNEL
-channel_reply_given_up | holds   | ASYNC=1 PURGE=1 DIES CLOSES CHANNEL
+channel_reply_given_up | holds   | SYNC=1 ASYNC=1 PURGE=1 CHANNEL
+channel_sending_fails  | holds   | ASYNC=1 PURGE=1 DIES CLOSES CHANNEL
 channel_calls_withdrawn | holds  | SYNC=1 ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN CHANNEL
 withdrawn_calls        | holds   | ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN
 unasked_replies        | holds   | SYNC=2 PURGE=1 UNASKED=1 WRITE_FAILS
@@ -49,7 +50,6 @@ hang_goodbye_while_opening   | hangs | OPENING CLOSES | Opener
 hang_gateway_stops_reading   | hangs | SYNC=1 PURGE=1 FULL | Closer SyncCaller
 hang_refused_before_send     | hangs | ASYNC=1 ANY=1 GRACEFUL=1 | Closer
 hang_refused_before_sweep    | hangs | ASYNC=1 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS CLOSES | Closer
-hang_channel_not_given_back  | hangs | SYNC=1 ASYNC=1 PURGE=1 CHANNEL | Closer SyncCaller
 
 break_state_after_send       | fails | SYNC=1 GRACEFUL=1 BREAK_STATE_AFTER_SEND | invalid end state
 break_armed_after_waiting    | fails | SYNC=1 GRACEFUL=1 BREAK_ARMED_AFTER_WAITING | invalid end state
@@ -68,6 +68,8 @@ break_late_calls_not_awaited | fails | SYNC=1 GRACEFUL=1 BREAK_LATE_CALLS_NOT_AW
 break_deleters_not_counted   | fails | SYNC=1 GRACEFUL=1 ALL=1 BREAK_DELETERS_NOT_COUNTED | assertion violated (((requestCount==0)
 break_gives_up_silently      | fails | ASYNC=1 GRACEFUL=1 ALL=1 BREAK_GIVES_UP_SILENTLY | invalid end state
 break_end_armed_late         | fails | OPENING DIES BREAK_END_ARMED_BY_THE_RECEIVER | assertion violated ( !(descriptorOpen)
+break_channels_given_back_late | fails | SYNC=1 ASYNC=1 PURGE=1 CHANNEL BREAK_CHANNELS_GIVEN_BACK_LATE | invalid end state
+break_failed_sender_leaves | fails | ASYNC=1 PURGE=1 DIES CHANNEL BREAK_FAILED_SENDER_LEAVES_EARLY | assertion violated channelLocked
 break_fairness               | fails | ASYNC=1 SPECIFIC=1 PURGE=1 PINGS UNFAIR | acceptance cycle
 TABLE
 }

@@ -131,8 +131,12 @@ int clapiPeekInboundLength(const SocketBuffer* sockBuffer);
 
 /* ---- ESI flows ---- */
 
+/* Wire call types. */
+constexpr int WIRE_CALL_VERIFY_PASSWORD = 0;
+constexpr int WIRE_CALL_CHANGE_PASSWORD = 1;
+
 typedef struct _ESIRequest {
-    int callType; // 0 verify, 1 change
+    int callType; // WIRE_CALL_VERIFY_PASSWORD or the other
     const char* userID;
     const char* currentPassword;
     const char* newPassword; // of a change only
@@ -141,7 +145,8 @@ typedef struct _ESIRequest {
     ESI_DETAILS details; // from the reply
 } ESIRequest;
 
-/* Sets the header's datalength and sends the request. User id and passwords are not null. */
+/* Sets the header's datalength and sends the request. The texts are not null, but for newPassword
+ * of a verification. */
 int clapiFlowESIRequest(Socket socketDesc, GatewayRequest* header, ESIRequest* request);
 
 /* Reads a reply's body into the request. Socket errors stay in the buffer's socketErr. */

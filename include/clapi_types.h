@@ -27,6 +27,11 @@ constexpr int SLOT_WAITING = 2;   // its request is on its way, the reply is not
 constexpr int SLOT_DELIVERED = 3; // the reply, or the end of the connection, is in the slot
 constexpr int SLOT_LUW_IDLE = 4;  // kept between the calls of a unit of work
 
+/* What a slot is used for. */
+constexpr int PROGRAM_CALL = 0;
+constexpr int PASSWORD_REQUEST = 1;
+constexpr int SYSTEM_LIST_QUERY = 2;
+
 /*
  * One request from its start until its reply has been taken. A slot's memory lives as long as
  * its token. Guarded by tableLock, but for what one thread owns by the slot's state: in state 1
@@ -47,6 +52,7 @@ typedef struct _RequestSlot {
     char* asyncBuffer;                   // reply buffer of an asynchronous call, owned
     size_t replyCapacity;                // room at eciParms.eci_commarea
     int32_t channelHeld;                 // 1 while the request holds its channel's lock
+    int32_t purpose;                     // PROGRAM_CALL and the others
 } RequestSlot;
 
 /* 16 slots. The fields behind them serve a token's first table only, but for nextKept. */
@@ -174,8 +180,8 @@ int clapiDeleteGatewayTokens(void);
 /* ---- Sending and delivering ---- */
 
 /*
- * The last step before a request is written. If the connection stands, the slot becomes
- * SLOT_WAITING, an asynchronous one is counted and gets its message qualifier, the socket stays
+ * The last step before a request is written. If the connection stands, and for an asynchronous
+ * request is not closing, the slot becomes SLOT_WAITING, an asynchronous one is counted and gets its message qualifier, the socket stays
  * open until the sending has ended, and the result is true. The slot's requestEvent is armed
  * already: from here on the receiver may deliver the slot. Locks: tableLock held.
  */
@@ -201,7 +207,8 @@ void clapiEndFailedSending(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP)
  * while waiting. */
 void clapiAwaitEndOfReading(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP);
 
-/* Frees the slot of a request that has failed, without further checks. Locks: takes tableLock. */
+/* Frees the slot of a request that has failed; one whose table cannot be locked stays allocated.
+ * Locks: takes tableLock. */
 void clapiDropSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
 
 /* Returns when no flow is being written. Thread: the receiver. Locks: takes tableLock. */

@@ -3,9 +3,9 @@
  *
  * Conventions of all QPXClient headers
  *
- *  1. Every call returns an int return code: 0 (QPX_OK) on success. A negative code is the
- *     library's, the Gateway's or the server's; a positive code tells what became of a
- *     request at the Gateway. QPX_getRcString turns any code into its name.
+ *  1. Calls return an int return code, but for the few that return a pointer or nothing: 0
+ *     (QPX_OK) on success. A negative code is the library's, the Gateway's or the server's; a
+ *     positive code tells what became of a request at the Gateway. QPX_getRcString gives its name.
  *  2. Calls may be made from any thread, and any number of threads may share one connection.
  *     What is not safe to share is said at the call.
  *  3. The library initialises itself in the first call. It ignores SIGPIPE for the process and
@@ -158,22 +158,25 @@ QPX_API int QPX_getApplidQualifier(QPX_ConnToken_t gwTok, char** applidQualifier
 
 /* A server that the Gateway knows; 70 bytes. */
 typedef struct _QPX_listSystem_t {
-    char SystemName[9];   /* at most 8 characters and a terminator */
-    char Description[61]; /* at most 60 characters and a terminator */
+    char SystemName[9];   /* at most 8 characters, then NULs */
+    char Description[61]; /* at most 60 characters, then what the Gateway sends */
 } QPX_listSystem_t;
 
 /*
  * Asks the Gateway for the servers that it knows.
  *
  * Systems  in: how many entries List has room for; out: how many the Gateway reports.
- * List     receives the entries. Blanks behind a name are removed, a description stays as sent.
+ * List     receives the entries. Blanks behind a name's first character become NULs, a description
+ *          stays as sent. Only the Gateway vouches for terminators: print no more than 8 and 60
+ *          characters.
  *
- * Both are changed only by a reply. The array must stay unchanged during the call.
+ * Both are changed only by a reply. The array must stay unchanged during the call, which waits
+ * without limit for a reply or the end of the connection.
  *
  * Errors: QPX_ERR_NULLGWTOK, QPX_ERR_BADGWTOK, QPX_ERR_GWTOK_CLOSED, QPX_ERR_NULLPTR,
  * QPX_ERR_MORE_SYSTEMS (there are more than fit; the list is filled), QPX_ERR_NO_SYSTEMS,
- * QPX_ERR_LOSTGWCON, QPX_ERR_MALLOCFAIL, QPX_ERR_SYSTEM_ERROR, and every code that the Gateway
- * returns.
+ * QPX_ERR_LOSTGWCON, QPX_ERR_GATEWAY_CLOSED, QPX_ERR_MALLOCFAIL, QPX_ERR_SYSTEM_ERROR, and every
+ * code that the Gateway returns.
  */
 QPX_API int QPX_listSystems(QPX_ConnToken_t gwTok, unsigned short* Systems, QPX_listSystem_t* List);
 

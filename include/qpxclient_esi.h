@@ -43,8 +43,9 @@ extern "C" {
 #define ESI_ERR_SYSTEM_ERROR      (-313) /* an internal error */
 #define ESI_ERR_NULL_NEW_PASSWORD (-314) /* the new password is NULL or empty */
 #define ESI_ERR_PASSWORD_REJECTED (-315) /* the new password breaks the server's rules */
-#define ESI_ERR_MAX_SYSTEMS       (-316) /* the Gateway cannot connect to more servers */
-#define ESI_ERR_MAX_SESSIONS      (-317) /* the Gateway cannot open more sessions */
+/* QPX_getRcString calls the last two UNKNOWN. */
+#define ESI_ERR_MAX_SYSTEMS  (-316) /* the Gateway cannot connect to more servers */
+#define ESI_ERR_MAX_SESSIONS (-317) /* the Gateway cannot open more sessions */
 
 /* A point in time as the server sends it. A year of 0 means that it is not set. */
 typedef struct _ESI_DATETIME {
@@ -77,10 +78,11 @@ typedef struct _ESI_DETAILS {
  * esiDetailsPtr  receives what the server tells of the user, if the result is QPX_OK; may be
  *                NULL.
  *
- * The texts must stay unchanged during the call.
+ * The texts must stay unchanged during the call, which waits without limit for a reply or the end of
+ * the connection.
  *
  * Errors: QPX_ERR_NULLGWTOK, QPX_ERR_BADGWTOK, QPX_ERR_GWTOK_CLOSED, QPX_ERR_LOSTGWCON,
- * QPX_ERR_MALLOCFAIL, QPX_ERR_SYSTEM_ERROR, ESI_ERR_NULL_USERID, ESI_ERR_NULL_PASSWORD, every
+ * QPX_ERR_GATEWAY_CLOSED, QPX_ERR_MALLOCFAIL, QPX_ERR_SYSTEM_ERROR, ESI_ERR_NULL_USERID, ESI_ERR_NULL_PASSWORD, every
  * other code of the ESI family, and every code that the Gateway returns.
  */
 QPX_API int QPX_ESI_verifyPassword(QPX_ConnToken_t gwTok, const char* userid, const char* password,
@@ -88,18 +90,19 @@ QPX_API int QPX_ESI_verifyPassword(QPX_ConnToken_t gwTok, const char* userid, co
 
 /*
  * Verifies a user's old password and makes newPassword the new one; otherwise as
- * QPX_ESI_verifyPassword. Further errors: ESI_ERR_NULL_NEW_PASSWORD, ESI_ERR_PASSWORD_REJECTED.
+ * QPX_ESI_verifyPassword. If the connection ends during the call, the change is in doubt.
+ *
+ * Further errors: ESI_ERR_NULL_NEW_PASSWORD, ESI_ERR_PASSWORD_REJECTED.
  */
 QPX_API int QPX_ESI_changePassword(QPX_ConnToken_t gwTok, const char* userid,
                                    const char* oldPassword, const char* newPassword,
                                    const char* server, ESI_DETAILS* esiDetailsPtr);
 
 /*
- * Converts a time of ESI_DETAILS and returns result. The time is the server's local one and is
- * not shifted. A time that is not set (year 0) gives a record of zeros; if an argument is NULL,
+ * Converts a time of ESI_DETAILS and returns result. The time is taken as sent and not shifted. A time that is not set (year 0) gives a record of zeros; if an argument is NULL,
  * nothing is done.
  *
- * Unlike the C library's, tm_yday counts from 1. tm_wday is right for 1900 to 2099 and 2101 to
+ * Unlike the C library's, tm_yday counts from 1, which strftime's %j and numbers of weeks show. tm_wday is right for 1900 to 2099 and 2101 to
  * 2199. tm_isdst is -1.
  */
 QPX_API struct tm* QPX_ESI_convertTime(const ESI_DATETIME* esiTime, struct tm* result);

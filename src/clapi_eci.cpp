@@ -12,6 +12,7 @@
 
 #include "clapi_diag.h"
 #include "clapi_types.h"
+#include "request_steps.h"
 #include "schedule_points.h"
 #include "trace_points/clapi_eci.h"
 
@@ -173,9 +174,17 @@ struct EciCall {
     char password[sizeof(QPX_ECI_PARMS::eci_password) + 1]; // overwritten at the call's end
 };
 
-/* What a call gets on a connection that does not stand (any more). */
+/* The trace lines of the steps that a call shares with other requests. */
+struct EciLines {
+    static constexpr const TracePoint& notArmed = tp::performEciExecute::notArmed;
+    static constexpr const TracePoint& noSendLock = tp::performEciExecute::noSendLock;
+    static constexpr const TracePoint& sendLockStays = tp::performEciExecute::sendLockStays;
+};
+
+/* What a call gets on a connection that does not stand (any more), or that is being closed. */
 static int refusalOf(const _QPX_ConnToken_t* gwTok)
 {
+    if (gwTok->connStatus == CONN_CONNECTED) return QPX_ERR_GWTOK_CLOSED;
     return gwTok->connStatus == CONN_LOST ? QPX_ERR_LOSTGWCON : QPX_ERR_GATEWAY_CLOSED;
 }
 
@@ -300,18 +309,6 @@ static int provideReplyBuffer(EciCall* call)
     return ECI_NO_ERROR;
 }
 
-static int armRequestEvent(EciCall* call)
-{
-    namespace at = tp::performEciExecute;
-
-    if (clapiSetEvent(&call->slotP->requestEvent) != 0) {
-        TRACE(at::notArmed);
-        return ECI_ERR_SYSTEM_ERROR;
-    }
-    SCHEDULE_POINT(requestArmed, call->slotP);
-    return ECI_NO_ERROR;
-}
-
 /* ---- Sending ---- */
 
 static void traceNoLockToSend(const EciCall* call)
@@ -355,29 +352,20 @@ static int beginSending(EciCall* call, bool* begun)
     return rc;
 }
 
-static int writeRequest(EciCall* call)
+static int writeCall(EciCall* call)
 {
-    namespace at = tp::performEciExecute;
-
-    LockGuard sending(call->gwTok->sendLock);
-    if (!sending.held()) {
-        TRACE(at::noSendLock);
-        return ECI_ERR_SYSTEM_ERROR;
-    }
-    int rc = clapiFlowECIRequest(call->gwTok->socketDescriptor, &call->header, &call->request);
-    if (sending.release() != 0) {
-        TRACE(at::sendLockStays);
-        rc = firstFailure(rc, ECI_ERR_SYSTEM_ERROR);
-    }
-    return rc;
+    return writeRequest<EciLines>(
+        call->gwTok, call->gwTok->socketDescriptor, [&](Socket socketDescriptor) {
+            return clapiFlowECIRequest(socketDescriptor, &call->header, &call->request);
+        });
 }
 
 /* From here on the slot is also the receiver's, and an asynchronous one any collector's. If the
  * request has begun and failed, its sending is still to be ended. */
-static int sendRequest(EciCall* call, bool* begun)
+static int sendCall(EciCall* call, bool* begun)
 {
     int rc = beginSending(call, begun);
-    if (rc == ECI_NO_ERROR) rc = writeRequest(call);
+    if (rc == ECI_NO_ERROR) rc = writeCall(call);
     if (!*begun) return rc;
     SCHEDULE_POINT(requestWritten, call->slotP);
     if (rc == ECI_NO_ERROR) clapiEndSending(call->gwTok);
@@ -445,8 +433,8 @@ static int performAsyncCall(EciCall* call)
 {
     bool begun = false;
     int rc = call->useChannel ? ECI_NO_ERROR : provideReplyBuffer(call);
-    if (rc == ECI_NO_ERROR) rc = armRequestEvent(call);
-    if (rc == ECI_NO_ERROR) rc = sendRequest(call, &begun);
+    if (rc == ECI_NO_ERROR) rc = armRequestEvent<EciLines>(call->slotP);
+    if (rc == ECI_NO_ERROR) rc = sendCall(call, &begun);
     if (rc != ECI_NO_ERROR && begun)
         rc = failAsyncCall(call, rc);
     else if (rc != ECI_NO_ERROR)
@@ -458,11 +446,11 @@ static int performAsyncCall(EciCall* call)
 
 /* ---- Synchronous calls ---- */
 
-static int awaitReply(EciCall* call)
+static int awaitResults(EciCall* call)
 {
     RequestSlot* slotP = call->slotP;
-    SCHEDULE_POINT(beforeReplyWait, slotP);
-    if (clapiWaitEvent(&slotP->requestEvent) != 0) return ECI_ERR_SYSTEM_ERROR;
+    int rc = awaitReply(slotP);
+    if (rc != QPX_OK) return rc;
 
     // These two are results whatever the codes say.
     memcpy(call->results->eci_abend_code, slotP->eciParms.eci_abend_code,
@@ -498,10 +486,10 @@ static int releaseSlot(EciCall* call)
 static int performSyncCall(EciCall* call)
 {
     bool begun = false;
-    int rc = armRequestEvent(call);
-    if (rc == ECI_NO_ERROR) rc = sendRequest(call, &begun);
+    int rc = armRequestEvent<EciLines>(call->slotP);
+    if (rc == ECI_NO_ERROR) rc = sendCall(call, &begun);
     if (rc != ECI_NO_ERROR && begun) clapiEndFailedSending(call->gwTok, call->slotP);
-    if (rc == ECI_NO_ERROR) rc = awaitReply(call);
+    if (rc == ECI_NO_ERROR) rc = awaitResults(call);
     if (rc == ECI_NO_ERROR) rc = releaseSlot(call);
     if (rc != ECI_NO_ERROR && call->slotP != nullptr) clapiDropSlot(call->gwTok, call->slotP);
     return rc;

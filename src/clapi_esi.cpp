@@ -72,10 +72,6 @@ int mapGwyRc(int rc)
 
 /* ---- One request ---- */
 
-/* What kind of request it is on the wire. */
-constexpr int ESI_VERIFY = 0;
-constexpr int ESI_CHANGE = 1;
-
 /* The trace lines of the steps of a request. */
 struct EsiLines {
     static constexpr const TracePoint& noLock = tp::performEsiFlow::noLock;
@@ -106,8 +102,10 @@ static int esiResult(const RequestSlot* slotP)
 static int exchange(_QPX_ConnToken_t* gwTok, ESIRequest* esiRequest, ESI_DETAILS* esiDetails)
 {
     RequestSlot* slotP = nullptr;
-    int rc = obtainRequestSlot<EsiLines>(
-        gwTok, &slotP, [&](RequestSlot* taken) { taken->esiDetails = esiDetails; });
+    int rc = obtainRequestSlot<EsiLines>(gwTok, &slotP, [&](RequestSlot* taken) {
+        taken->purpose = PASSWORD_REQUEST;
+        taken->esiDetails = esiDetails;
+    });
     if (slotP == nullptr) return rc;
 
     if (rc == QPX_OK) rc = armRequestEvent<EsiLines>(slotP);
@@ -150,13 +148,33 @@ static int refuseIfClosing(const _QPX_ConnToken_t* gwTok)
     return gwTok->closedown != 0 ? QPX_ERR_GWTOK_CLOSED : QPX_OK;
 }
 
-/* Nothing of the token may be touched behind the unregistering. */
-template <const TracePoint& notUnregistered>
-static int unregisterCall(QPX_ConnToken_t gwTok)
+/* Makes a password request whose texts have been checked by check(request). The parameters are the
+ * lines that the call writes. */
+template <const TracePoint& nullToken, const TracePoint& performing,
+          const TracePoint& notUnregistered, typename Check>
+static int performCall(QPX_ConnToken_t gwTok, ESIRequest* request, const char* server,
+                       ESI_DETAILS* esiDetailsPtr, Check check)
 {
-    if (clapiUnregisterRequest(gwTok) == QPX_OK) return QPX_OK;
-    TRACE(notUnregistered);
-    return ESI_ERR_SYSTEM_ERROR;
+    if (gwTok == nullptr) {
+        TRACE(nullToken, gwTok);
+        return QPX_ERR_NULLGWTOK;
+    }
+    int rc = clapiRegisterRequest(gwTok);
+    if (rc != QPX_OK) return rc;
+
+    rc = refuseIfClosing(gwTok);
+    if (rc == QPX_OK) rc = check(*request);
+    if (rc == QPX_OK) {
+        setServer(request, server);
+        TRACE(performing, request->userID, traceText(server));
+        rc = performEsiFlow(gwTok, request, esiDetailsPtr);
+    }
+    // Nothing of the token may be touched behind the unregistering.
+    if (clapiUnregisterRequest(gwTok) != QPX_OK) {
+        TRACE(notUnregistered);
+        rc = firstFailure(rc, ESI_ERR_SYSTEM_ERROR);
+    }
+    return rc;
 }
 
 static int checkVerify(const ESIRequest& request)
@@ -174,28 +192,6 @@ static int checkVerify(const ESIRequest& request)
     return QPX_OK;
 }
 
-static int verifyPassword(QPX_ConnToken_t gwTok, ESIRequest* request, const char* server,
-                          ESI_DETAILS* esiDetailsPtr)
-{
-    namespace at = tp::QPX_ESI_verifyPassword;
-
-    if (gwTok == nullptr) {
-        TRACE(at::nullToken, gwTok);
-        return QPX_ERR_NULLGWTOK;
-    }
-    int rc = clapiRegisterRequest(gwTok);
-    if (rc != QPX_OK) return rc;
-
-    rc = refuseIfClosing(gwTok);
-    if (rc == QPX_OK) rc = checkVerify(*request);
-    if (rc == QPX_OK) {
-        setServer(request, server);
-        TRACE(at::verifying, request->userID, traceText(server));
-        rc = performEsiFlow(gwTok, request, esiDetailsPtr);
-    }
-    return firstFailure(rc, unregisterCall<at::notUnregistered>(gwTok));
-}
-
 int QPX_ESI_verifyPassword(QPX_ConnToken_t gwTok, const char* userid, const char* password,
                            const char* server, ESI_DETAILS* esiDetailsPtr)
 {
@@ -204,10 +200,12 @@ int QPX_ESI_verifyPassword(QPX_ConnToken_t gwTok, const char* userid, const char
     int rc = clapiInit();
     TRACE(at::entry, gwTok, traceText(userid), traceText(server), esiDetailsPtr);
     ESIRequest request = {};
-    request.callType = ESI_VERIFY;
+    request.callType = WIRE_CALL_VERIFY_PASSWORD;
     request.userID = userid;
     request.currentPassword = password;
-    if (rc == QPX_OK) rc = verifyPassword(gwTok, &request, server, esiDetailsPtr);
+    if (rc == QPX_OK)
+        rc = performCall<at::nullToken, at::verifying, at::notUnregistered>(
+            gwTok, &request, server, esiDetailsPtr, checkVerify);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }
@@ -231,28 +229,6 @@ static int checkChange(const ESIRequest& request)
     return QPX_OK;
 }
 
-static int changePassword(QPX_ConnToken_t gwTok, ESIRequest* request, const char* server,
-                          ESI_DETAILS* esiDetailsPtr)
-{
-    namespace at = tp::QPX_ESI_changePassword;
-
-    if (gwTok == nullptr) {
-        TRACE(at::nullToken, gwTok);
-        return QPX_ERR_NULLGWTOK;
-    }
-    int rc = clapiRegisterRequest(gwTok);
-    if (rc != QPX_OK) return rc;
-
-    rc = refuseIfClosing(gwTok);
-    if (rc == QPX_OK) rc = checkChange(*request);
-    if (rc == QPX_OK) {
-        setServer(request, server);
-        TRACE(at::changing, request->userID, traceText(server));
-        rc = performEsiFlow(gwTok, request, esiDetailsPtr);
-    }
-    return firstFailure(rc, unregisterCall<at::notUnregistered>(gwTok));
-}
-
 int QPX_ESI_changePassword(QPX_ConnToken_t gwTok, const char* userid, const char* oldPassword,
                            const char* newPassword, const char* server, ESI_DETAILS* esiDetailsPtr)
 {
@@ -261,11 +237,13 @@ int QPX_ESI_changePassword(QPX_ConnToken_t gwTok, const char* userid, const char
     int rc = clapiInit();
     TRACE(at::entry, gwTok, traceText(userid), traceText(server), esiDetailsPtr);
     ESIRequest request = {};
-    request.callType = ESI_CHANGE;
+    request.callType = WIRE_CALL_CHANGE_PASSWORD;
     request.userID = userid;
     request.currentPassword = oldPassword;
     request.newPassword = newPassword;
-    if (rc == QPX_OK) rc = changePassword(gwTok, &request, server, esiDetailsPtr);
+    if (rc == QPX_OK)
+        rc = performCall<at::nullToken, at::changing, at::notUnregistered>(
+            gwTok, &request, server, esiDetailsPtr, checkChange);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }

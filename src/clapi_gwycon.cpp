@@ -51,6 +51,7 @@ struct Receiver {
     uint32_t allocNumber; // that slot's use when the flow began to be read
     int rc;               // any non-zero value ends the thread's loop
     int closeRc;          // for requests still waiting when the thread ends
+    bool closed;          // a close flow has come
     int timeout;          // seconds for the next wait, 0 = no limit
 };
 
@@ -68,7 +69,7 @@ static int noteClosed(Receiver* r)
     bool byApplication = r->conn->closedown != 0;
     r->closeRc = byApplication ? QPX_ERR_GWTOK_CLOSED : QPX_ERR_GATEWAY_CLOSED;
     TRACE(at::closed, byApplication ? "API" : "Gateway", r->closeRc, clapiGetRcString(r->closeRc));
-    r->conn->connStatus = CONN_CLOSED;
+    r->closed = true;
     return QPX_ERR_GATEWAY_CLOSED;
 }
 
@@ -131,17 +132,11 @@ static void growReplyBuffer(RequestSlot* slotP, int inboundLength)
     slotP->eciParms.eci_commarea = buffer;
 }
 
-/* A query for the list of systems, which is no call of the application's record. */
-static bool isSystemListQuery(const RequestSlot* slotP)
-{
-    return slotP->eciParms.eci_call_type == 0;
-}
-
 /* Says where an ECI reply goes. A list that comes with a failure goes nowhere.
  * Locks: tableLock held. */
 static void loadReplyRecord(Receiver* r, RequestSlot* slotP)
 {
-    if (isSystemListQuery(slotP) && r->header.gatewayRc != QPX_OK) return;
+    if (slotP->purpose == SYSTEM_LIST_QUERY && r->header.gatewayRc != QPX_OK) return;
     growReplyBuffer(slotP, clapiPeekInboundLength(&r->sockBuffer));
     r->eciReply.commarea = slotP->eciParms.eci_commarea;
     r->eciReply.capacity = slotP->replyCapacity;
@@ -412,12 +407,16 @@ static void receiveFlows(Receiver* r)
     }
 }
 
-/* Tells the connecting thread, if it still waits, what ended the connection. */
-static void noteLost(Receiver* r)
+/* Sets the connection's final state, and tells the connecting thread, if it still waits, what has
+ * ended the connection. Locks: tableLock held, so that nobody sees the state before the requests
+ * that wait have got their results. */
+static void noteEnd(Receiver* r)
 {
     _QPX_ConnToken_t* conn = r->conn;
-    // Deliberate: after a close flow neither state nor event changes.
-    if (conn->connStatus == CONN_CLOSED) return;
+    if (r->closed) {
+        conn->connStatus = CONN_CLOSED;
+        return; // deliberate: after a close flow nobody is told
+    }
     conn->handshakeRc = r->rc;
     conn->connStatus = conn->connStatus == CONN_CONNECTING ? CONN_FAILED : CONN_LOST;
     clapiClearEvent(&conn->connEvent);
@@ -439,7 +438,7 @@ static void endConnection(Receiver* r)
     SCHEDULE_POINT(connectionEnding, r->conn);
     LockGuard table(r->conn->tableLock);
     endReading(r);
-    noteLost(r);
+    noteEnd(r);
     if (r->conn->connStatus != CONN_FAILED) completeWaitingRequests(r);
     SCHEDULE_POINT(connectionEnded, r->conn);
 }

@@ -128,16 +128,21 @@ static int findFreeSlot(RequestTable* requestTableP, RequestSlot** requestSlotPP
     return QPX_OK;
 }
 
+/* The token field of a query for systems is a number of systems. */
+static bool belongsToUnit(const RequestSlot* slotP, int luwToken)
+{
+    return slotP->purpose == PROGRAM_CALL && slotP->eciParms.eci_luw_token == luwToken;
+}
+
 static int findLuwSlot(RequestTable* requestTableP, int luwToken, RequestSlot** requestSlotPP)
 {
     namespace at = tp::slotFind;
 
     RequestSlot* slotP = &requestTableP->slot[0];
-    while (slotP->eciParms.eci_luw_token != luwToken && slotP->nextSlot != nullptr)
-        slotP = slotP->nextSlot;
+    while (!belongsToUnit(slotP, luwToken) && slotP->nextSlot != nullptr) slotP = slotP->nextSlot;
     *requestSlotPP = slotP;
 
-    if (slotP->eciParms.eci_luw_token != luwToken || slotP->state == SLOT_FREE) {
+    if (!belongsToUnit(slotP, luwToken) || slotP->state == SLOT_FREE) {
         TRACE(at::unknownLuw, luwToken);
         return ECI_ERR_LUW_TOKEN;
     }
@@ -184,6 +189,7 @@ static void clearResults(RequestSlot* slotP)
     slotP->esiDetails = nullptr;
     slotP->replyCapacity = 0;
     slotP->channelHeld = 0;
+    slotP->purpose = PROGRAM_CALL;
 }
 
 static int takeSlot(RequestTable* requestTableP, int luwToken, RequestSlot** requestSlotPP)
@@ -293,6 +299,8 @@ bool clapiBeginSending(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
     if (gwTokPtr->connStatus != CONN_CONNECTED) return false;
 
     if (slotP->eciParms.eci_call_type == ECI_ASYNC) {
+        // Whoever collects on a closing connection is told that nothing can come any more.
+        if (gwTokPtr->closedown != 0) return false;
         slotP->eciParms.eci_message_qualifier = slotP->messageId;
         gwTokPtr->asyncCount += 1;
     }

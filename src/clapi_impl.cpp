@@ -752,6 +752,7 @@ struct ListLines {
 /* Tells the receiver where the reply goes. */
 static void prepareListSlot(const ListQuery& query, RequestSlot* slotP)
 {
+    slotP->purpose = SYSTEM_LIST_QUERY;
     slotP->eciParms.eci_commarea = reinterpret_cast<char*>(query.List);
     slotP->replyCapacity = query.capacity * sizeof(QPX_listSystem_t);
 }
@@ -810,7 +811,7 @@ static int performListQuery(const ListQuery& query)
     if (slotP == nullptr) return rc;
 
     ListRequest request = {};
-    buildListRequest(query, slotP->messageId, &request);
+    if (rc == QPX_OK) buildListRequest(query, slotP->messageId, &request);
     if (rc == QPX_OK) rc = armRequestEvent<ListLines>(slotP);
     if (rc == QPX_OK) rc = sendListRequest(query.gwTok, slotP, &request);
     if (rc == QPX_OK) rc = awaitReply(slotP);

@@ -763,9 +763,6 @@ int clapiPeekInboundLength(const SocketBuffer* sockBuffer)
 
 /* ---- ESI requests ---- */
 
-/* What kind of request it is; a change carries a second password. */
-constexpr int ESI_CHANGE_PASSWORD = 1;
-
 /* Bytes of a request's body without its passwords. */
 constexpr int64_t ESI_FIXED_SIZE = 26;
 
@@ -778,7 +775,7 @@ static int calculateESIRequestSize(ESIRequest* request)
 
     TRACE(at::entry, request);
     int64_t length = ESI_FIXED_SIZE + static_cast<int64_t>(strlen(request->currentPassword));
-    if (request->callType == ESI_CHANGE_PASSWORD)
+    if (request->callType == WIRE_CALL_CHANGE_PASSWORD)
         length += INT_SIZE + static_cast<int64_t>(strlen(request->newPassword));
     int size = length <= std::numeric_limits<int>::max() ? static_cast<int>(length) : -1;
     TRACE(at::exit, size);
@@ -791,7 +788,8 @@ static void writeESIBody(SocketBuffer* sockBuffer, const ESIRequest* request)
     writePaddedBytes(sockBuffer, request->userID, strlen(request->userID), WIRE_ESI_USERID_SIZE);
     writePassword(sockBuffer, request->currentPassword);
     writeBytes(sockBuffer, request->server, sizeof request->server);
-    if (request->callType == ESI_CHANGE_PASSWORD) writePassword(sockBuffer, request->newPassword);
+    if (request->callType == WIRE_CALL_CHANGE_PASSWORD)
+        writePassword(sockBuffer, request->newPassword);
 }
 
 static int sendESIRequest(Socket socketDesc, GatewayRequest* header, ESIRequest* request)

@@ -1,9 +1,9 @@
 /*
- * request_steps.h - the steps of a request that is sent and waited for, which is not a program
- * call: a password request, or the query for the list of systems.
+ * request_steps.h - the steps of a request that is sent and waited for. A password request and the
+ * query for the list of systems consist of them, a program call shares some.
  *
  * Lines names the trace lines of whoever makes the request: noLock, notUnlocked, notArmed,
- * noSendLock, sendLockStays, noLockToFree, notUnlockedAfterFree.
+ * noSendLock, sendLockStays, noLockToFree, notUnlockedAfterFree; those of the steps that it takes.
  */
 #ifndef REQUEST_STEPS_H
 #define REQUEST_STEPS_H

@@ -385,7 +385,15 @@ inline armRequestEvent()
 /* beginSending: clapiBeginSending under tableLock. */
 inline beginSending(async)
 {
-    atomic { tableLock == NOBODY -> TOUCH; tableLock = _pid; begun = (connStatus == CONNECTED) };
+    atomic {
+        tableLock == NOBODY -> TOUCH;
+        tableLock = _pid;
+#ifdef BREAK_SENT_WHILE_CLOSING
+        begun = (connStatus == CONNECTED)
+#else
+        begun = (connStatus == CONNECTED && !(async && closedown))
+#endif
+    };
 #ifdef BREAK_STATUS_AND_STATE_APART
     unlock(tableLock);
     lock(tableLock);
@@ -920,7 +928,10 @@ end_waiting:
 #endif
        :: atomic { fromGateway?CLOSE_FLOW, id, answered -> TOUCH };
           /* noteClosed; the code for the requests that wait depends on closedown */
+#ifdef BREAK_CLOSED_BEFORE_SWEEP
           atomic { TOUCH; connStatus = CLOSED };
+#endif
+          saidGoodbye = true;
           over = true
        :: atomic { empty(fromGateway) && gatewayGone -> TOUCH; over = true }
        :: atomic { reset || shutDown -> TOUCH; over = true }
@@ -935,18 +946,18 @@ end_waiting:
     od
 }
 
-/* endConnection: endReading, noteLost, completeWaitingRequests, under one hold of tableLock. */
+/* endConnection: endReading, noteEnd, completeWaitingRequests, under one hold of tableLock. */
 inline endConnection()
 {
     atomic { tableLock == NOBODY -> TOUCH; tableLock = _pid; slotBeingRead = NO_SLOT };
     if
-    :: atomic { connStatus == CONNECTED -> TOUCH; connStatus = LOST };
+    :: atomic { saidGoodbye -> TOUCH; connStatus = CLOSED }
+    :: atomic { !saidGoodbye && connStatus == CONNECTED -> TOUCH; connStatus = LOST };
 #ifdef OPENING
        atomic { TOUCH; post(connEvent) }
-    :: atomic { connStatus == CONNECTING -> TOUCH; connStatus = NEVER_CONNECTED };
+    :: atomic { !saidGoodbye && connStatus == CONNECTING -> TOUCH; connStatus = NEVER_CONNECTED };
        atomic { TOUCH; post(connEvent) }
 #endif
-    :: connStatus == CLOSED
     fi;
     sweep();
     unlock(tableLock)
@@ -995,7 +1006,7 @@ proctype Receiver()
 {
     byte id, answered, call;
     byte s = NO_SLOT;
-    bool over;
+    bool over, saidGoodbye;
 
 #ifdef BREAK_END_ARMED_BY_THE_RECEIVER
     atomic { TOUCH; arm(recvThreadEnded) };

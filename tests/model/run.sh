@@ -41,6 +41,8 @@ two_closers_lost       | holds   | SYNC=1 GRACEFUL=1 ALL=1 DIES
 two_closers_replies    | holds   | ASYNC=1 SPECIFIC=1 PURGE=1 ALL=1
 opening                | holds   | OPENING ALL=1 DIES
 every_thread_gets_out  | fair    | ASYNC=1 SPECIFIC=1 PURGE=1 PINGS
+close_meets_late_call  | holds   | ASYNC=1 ANY=1 GRACEFUL=1
+goodbye_meets_collector | holds  | ASYNC=1 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS CLOSES
 no_circles             | acyclic | ASYNC=1 SPECIFIC=1 PURGE=1 DIES
 
 hang_close_flow_unanswered   | hangs | SYNC=1 PURGE=1 DEAF | Closer
@@ -48,8 +50,6 @@ hang_call_unanswered         | hangs | SYNC=1 GRACEFUL=1 SILENT | Closer SyncCal
 hang_reply_uncollected       | hangs | ASYNC=1 GRACEFUL=1 | Closer
 hang_goodbye_while_opening   | hangs | OPENING CLOSES | Opener
 hang_gateway_stops_reading   | hangs | SYNC=1 PURGE=1 FULL | Closer SyncCaller
-hang_refused_before_send     | hangs | ASYNC=1 ANY=1 GRACEFUL=1 | Closer
-hang_refused_before_sweep    | hangs | ASYNC=1 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS CLOSES | Closer
 
 break_state_after_send       | fails | SYNC=1 GRACEFUL=1 BREAK_STATE_AFTER_SEND | invalid end state
 break_armed_after_waiting    | fails | SYNC=1 GRACEFUL=1 BREAK_ARMED_AFTER_WAITING | invalid end state
@@ -70,6 +70,8 @@ break_gives_up_silently      | fails | ASYNC=1 GRACEFUL=1 ALL=1 BREAK_GIVES_UP_S
 break_end_armed_late         | fails | OPENING DIES BREAK_END_ARMED_BY_THE_RECEIVER | assertion violated ( !(descriptorOpen)
 break_channels_given_back_late | fails | SYNC=1 ASYNC=1 PURGE=1 CHANNEL BREAK_CHANNELS_GIVEN_BACK_LATE | invalid end state
 break_failed_sender_leaves | fails | ASYNC=1 PURGE=1 DIES CHANNEL BREAK_FAILED_SENDER_LEAVES_EARLY | assertion violated channelLocked
+break_sent_while_closing     | fails | ASYNC=1 ANY=1 GRACEFUL=1 BREAK_SENT_WHILE_CLOSING | invalid end state
+break_closed_before_sweep    | fails | ASYNC=1 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS CLOSES BREAK_CLOSED_BEFORE_SWEEP | invalid end state
 break_fairness               | fails | ASYNC=1 SPECIFIC=1 PURGE=1 PINGS UNFAIR | acceptance cycle
 TABLE
 }

@@ -52,6 +52,7 @@ typedef struct _RequestSlot {
     char* asyncBuffer;                   // reply buffer of an asynchronous call, owned
     size_t replyCapacity;                // room at eciParms.eci_commarea
     int32_t channelHeld;                 // 1 while the request holds its channel's lock
+    int32_t channelBeingSent;            // 1 while the request's sender reads its channel
     int32_t purpose;                     // PROGRAM_CALL and the others
 } RequestSlot;
 
@@ -124,7 +125,7 @@ typedef struct _QPX_ConnToken_t {
     char applidQualifier[APPLID_SIZE + 1];
     int32_t senders;              // flows being written, which keep the socket; by tableLock
     RequestSlot* slotBeingRead;   // whose reply the receiver reads; by tableLock
-    pthread_cond_t transferEnded; // with tableLock's mutex: one of the two above has changed
+    pthread_cond_t transferEnded; // with tableLock's mutex: a sending or a reading has ended
     int32_t deleters;             // threads inside a delete of the token; by gtlLock
     int32_t quiesced;             // 1 once a delete has quiesced the token; by gtlLock
     int32_t opening;              // 1 until the open has succeeded; by gtlLock
@@ -189,6 +190,12 @@ bool clapiBeginSending(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
 
 /* As clapiBeginSending for a flow that belongs to no request. Locks: takes tableLock. */
 bool clapiBeginSendingFlow(_QPX_ConnToken_t* gwTokPtr);
+
+/* Ends the part of a sending that reads the request's channel. Locks: takes tableLock. */
+void clapiEndSendingChannel(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
+
+/* Waits for the end of some sending or reading. Locks: tableLock held; given up while waiting. */
+void clapiAwaitTransfer(_QPX_ConnToken_t* gwTokPtr);
 
 /* Takes a sender off the count of those who keep the socket. Locks: tableLock held. */
 void clapiLeaveSenders(_QPX_ConnToken_t* gwTokPtr);

@@ -368,6 +368,7 @@ static int sendCall(EciCall* call, bool* begun)
     if (rc == ECI_NO_ERROR) rc = writeCall(call);
     if (!*begun) return rc;
     SCHEDULE_POINT(requestWritten, call->slotP);
+    if (sendsChannel(call)) clapiEndSendingChannel(call->gwTok, call->slotP);
     if (rc == ECI_NO_ERROR) clapiEndSending(call->gwTok);
     return rc;
 }
@@ -606,6 +607,19 @@ static int awaitAsyncReply(const Collection& wanted, LockGuard* table)
     return rc;
 }
 
+/* The queued reply that is wanted. The connection may end before its request is written; a channel
+ * that is still read for that is not the application's yet. Locks: tableLock held; given up while
+ * waiting, when another may take the reply. */
+static RequestSlot* chooseSentReply(const Collection& wanted)
+{
+    RequestSlot* slotP = chooseReply(wanted);
+    while (slotP != nullptr && slotP->channelBeingSent != 0) {
+        clapiAwaitTransfer(wanted.gwTok);
+        slotP = chooseReply(wanted);
+    }
+    return slotP;
+}
+
 static int findReply(const Collection& wanted, LockGuard* table, RequestSlot** slotPP)
 {
     int rc = wanted.isSpecific ? checkQualifier(wanted) : ECI_NO_ERROR;
@@ -613,7 +627,7 @@ static int findReply(const Collection& wanted, LockGuard* table, RequestSlot** s
     while (rc == ECI_NO_ERROR && *slotPP == nullptr) {
         if (wanted.gwTok->closedown != 0 && wanted.gwTok->asyncCount == 0)
             return QPX_ERR_GWTOK_CLOSED;
-        *slotPP = chooseReply(wanted);
+        *slotPP = chooseSentReply(wanted);
         if (*slotPP == nullptr) rc = awaitAsyncReply(wanted, table);
     }
     return rc;

@@ -236,10 +236,20 @@ static int deliverReply(Receiver* r, ReplyKind kind)
     return QPX_OK;
 }
 
+/* A Gateway may answer before it has the whole request: the channel is not changed while its sender
+ * still reads it. */
+static void awaitChannelSent(const Receiver* r)
+{
+    if (r->eciReply.channel == nullptr) return;
+    LockGuard table(r->conn->tableLock);
+    while (table.held() && r->slotP->channelBeingSent != 0) clapiAwaitTransfer(r->conn);
+}
+
 static int receiveECIReply(Receiver* r)
 {
     namespace at = tp::receiverThread;
 
+    awaitChannelSent(r);
     // A failure that the header tells may come without a body.
     bool hasBody = r->header.gatewayRc == 0 || r->header.datalength != 0;
     int rc = hasBody ? clapiReadECIResponse(&r->sockBuffer, &r->eciReply) : QPX_OK;

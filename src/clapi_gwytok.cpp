@@ -189,6 +189,7 @@ static void clearResults(RequestSlot* slotP)
     slotP->esiDetails = nullptr;
     slotP->replyCapacity = 0;
     slotP->channelHeld = 0;
+    slotP->channelBeingSent = 0;
     slotP->purpose = PROGRAM_CALL;
 }
 
@@ -305,6 +306,7 @@ bool clapiBeginSending(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
         gwTokPtr->asyncCount += 1;
     }
     slotP->state = SLOT_WAITING;
+    slotP->channelBeingSent = slotP->channelHeld;
     gwTokPtr->senders += 1;
     SCHEDULE_POINT(requestWaiting, slotP);
     return true;
@@ -316,6 +318,18 @@ bool clapiBeginSendingFlow(_QPX_ConnToken_t* gwTokPtr)
     if (!table.held() || gwTokPtr->connStatus != CONN_CONNECTED) return false;
     gwTokPtr->senders += 1;
     return true;
+}
+
+void clapiEndSendingChannel(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
+{
+    LockGuard table(gwTokPtr->tableLock);
+    slotP->channelBeingSent = 0;
+    pthread_cond_broadcast(&gwTokPtr->transferEnded);
+}
+
+void clapiAwaitTransfer(_QPX_ConnToken_t* gwTokPtr)
+{
+    pthread_cond_wait(&gwTokPtr->transferEnded, &gwTokPtr->tableLock.lock);
 }
 
 void clapiLeaveSenders(_QPX_ConnToken_t* gwTokPtr)
@@ -334,8 +348,7 @@ void clapiAwaitEndOfReading(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP
 {
     // While it reads, the receiver has not closed the socket.
     if (gwTokPtr->slotBeingRead == slotP) shutdown(gwTokPtr->socketDescriptor, SHUT_RDWR);
-    while (gwTokPtr->slotBeingRead == slotP)
-        pthread_cond_wait(&gwTokPtr->transferEnded, &gwTokPtr->tableLock.lock);
+    while (gwTokPtr->slotBeingRead == slotP) clapiAwaitTransfer(gwTokPtr);
 }
 
 void clapiDropSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
@@ -356,8 +369,7 @@ void clapiEndFailedSending(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP)
 void clapiWaitForSenders(_QPX_ConnToken_t* gwTokPtr)
 {
     LockGuard table(gwTokPtr->tableLock);
-    while (table.held() && gwTokPtr->senders > 0)
-        pthread_cond_wait(&gwTokPtr->transferEnded, &gwTokPtr->tableLock.lock);
+    while (table.held() && gwTokPtr->senders > 0) clapiAwaitTransfer(gwTokPtr);
 }
 
 static void queueReply(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)

@@ -498,8 +498,11 @@ private:
         EciParms parms = getSpecificReplyWait(qualifier, enoughRoom);
         int rc = execute(parms);
         if (isReply(parms)) return take(parms, rc);
-        if (rc == ECI_ERR_INVALID_MSG_QUAL) record_.count(&LoadCounts::byOthers);
-        return goesOn(rc, {QPX_ERR_LOSTGWCON, ECI_ERR_INVALID_MSG_QUAL});
+        // Another thread has taken it; the second code tells that the slot has a new request, which
+        // is not sent yet.
+        if (rc == ECI_ERR_INVALID_MSG_QUAL || rc == ECI_ERR_NO_REPLY)
+            record_.count(&LoadCounts::byOthers);
+        return goesOn(rc, {QPX_ERR_LOSTGWCON, ECI_ERR_INVALID_MSG_QUAL, ECI_ERR_NO_REPLY});
     }
 
     // Looks a few times, then waits.

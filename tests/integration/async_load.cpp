@@ -3,10 +3,10 @@
 
 #include <cstdio>
 
-#include "support/mixed_load.h"
-#include "support/trace_file.h"
-
 #include "qpxclient.h"
+#include "support/mixed_load.h"
+#include "support/mixed_load_gateway.h"
+#include "support/trace_file.h"
 
 using support::LoadCounts;
 using support::LoadPlan;
@@ -39,10 +39,15 @@ protected:
         plan.drops = drops;
         plan.seed = seed;
         std::printf("%d calls, %d drops chosen by seed %u\n", calls, drops, seed);
-        MixedLoad load(plan);
+        standin::Gateway gateway;
+        support::prepareForLoad(gateway, plan.connections);
+        MixedLoad load(plan, gateway.port(), [&gateway] { gateway.release(); });
         load.run();
-        for (const std::string& problem : load.problems()) ADD_FAILURE() << problem;
         counts = load.counts();
+        for (const std::string& problem : load.problems()) ADD_FAILURE() << problem;
+        for (const std::string& problem :
+             support::problemsOf(gateway, plan.connections, counts.reopened))
+            ADD_FAILURE() << problem;
     }
 
     LoadCounts counts;

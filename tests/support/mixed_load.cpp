@@ -7,22 +7,18 @@
 #include <mutex>
 #include <random>
 #include <set>
-#include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "qpxclient.h"
 #include "qpxclient_eci.h"
-#include "standin/channel_changes.h"
-#include "standin/gateway.h"
 #include "support/bytes.h"
 #include "support/eci_parms.h"
+#include "support/mixed_load_calls.h"
 
 namespace support {
 
 namespace {
-
-// Answers of one connection that are collected until so many can be sent in reverse.
-constexpr int reversedAtOnce = 3;
 
 // Calls of one connection that are under way at once; more than the gateway keeps for reversing.
 constexpr int mostUnderWay = 40;
@@ -33,130 +29,14 @@ constexpr std::size_t mostProblems = 30;
 constexpr std::size_t enoughRoom = 256;
 constexpr std::size_t littleRoom = 8;
 
-// ---- Calls by their numbers ----
-
-std::string numberText(int number)
-{
-    char shown[16];
-    std::snprintf(shown, sizeof shown, "%08d", number);
-    return shown;
-}
-
-// A text of a length of its own that begins with a word and the number.
-std::string contentsOf(const std::string& word, int number)
-{
-    std::string contents = word + numberText(number);
-    return contents + std::string(static_cast<std::size_t>(number % 193), contents[7]);
-}
-
-std::string questionOf(int number)
-{
-    return contentsOf("question ", number);
-}
-
-std::string answerOf(int number)
-{
-    return contentsOf("answered ", number);
-}
-
-std::string abendCodeOf(int number)
-{
-    return "A" + numberText(number).substr(5);
-}
-
 bool usesChannel(int number)
 {
     return number % 2 == 1;
 }
 
-// The program that a call names, which decides what becomes of it.
-enum class Kind {
-    Plain,    // is answered
-    Reversed, // is answered, out of order
-    Abends,   // gets a server code
-    Refused,  // gets a Gateway code
-    Drops     // loses its connection
-};
-
-const char* programOf(Kind kind)
-{
-    switch (kind) {
-    case Kind::Plain: return "PLAIN";
-    case Kind::Reversed: return "REVERSED";
-    case Kind::Abends: return "ABENDS";
-    case Kind::Refused: return "REFUSED";
-    default: return "DROPS";
-    }
-}
-
 // Ways in which a sender collects.
 enum class Way { SpecificWait, SpecificPoll, AnyWait, AnyPoll, NotAtAll };
 constexpr int numberOfWays = 5;
-
-// ---- The gateway's side ----
-
-standin::Bytes wireBytes(const std::string& characters)
-{
-    return standin::Bytes(characters.begin(), characters.end());
-}
-
-// The data that a call carries, in its COMMAREA or in the one container of its channel.
-standin::Bytes dataOf(const standin::EciRequest& request)
-{
-    if (!request.channel) return request.commarea;
-    const std::vector<standin::Container>& containers = request.channel->containers;
-    bool isQuestion = containers.size() == 1 && containers[0].name == "IN";
-    return isQuestion ? containers[0].data : standin::Bytes();
-}
-
-// The number of a call, if its data agrees with its record.
-int numberOf(const standin::EciRequest& request)
-{
-    int number = std::atoi(request.server.c_str());
-    if (dataOf(request) != wireBytes(questionOf(number)))
-        throw std::runtime_error("the data is not that of call " + request.server);
-    return number;
-}
-
-// Takes the question away and puts the answer in its place.
-standin::EciReply answer(const standin::EciRequest& request)
-{
-    standin::Bytes contents = wireBytes(answerOf(numberOf(request)));
-    if (!request.channel) return standin::EciReply::withCommarea(request, contents);
-
-    standin::ChannelChanges changes(*request.channel);
-    standin::Container out;
-    out.name = "OUT";
-    out.data = contents;
-    changes.remove("IN");
-    changes.add(out);
-    standin::EciReply reply = standin::EciReply::to(request);
-    reply.channel = changes.records();
-    return reply;
-}
-
-standin::EciReply abend(const standin::EciRequest& request)
-{
-    return standin::EciReply::abend(request, abendCodeOf(numberOf(request)));
-}
-
-void prepare(standin::Gateway& gateway, int connections)
-{
-    gateway.setReply(programOf(Kind::Plain), answer);
-    gateway.setReply(programOf(Kind::Reversed), answer);
-    gateway.setReply(programOf(Kind::Abends), abend);
-    gateway.misbehave({standin::Fault::FlowError, 61445},
-                      standin::onProgram(programOf(Kind::Refused)));
-    gateway.misbehave({standin::Fault::Drop}, standin::onProgram(programOf(Kind::Drops)));
-    // The first connections collect answers of their own, all later ones share.
-    for (int connection = 1; connection <= connections; ++connection) {
-        standin::Selector selector = standin::onConnection(connection);
-        selector.program = programOf(Kind::Reversed);
-        gateway.misbehave({standin::Fault::Reverse, reversedAtOnce}, selector);
-    }
-    gateway.misbehave({standin::Fault::Reverse, reversedAtOnce},
-                      standin::onProgram(programOf(Kind::Reversed)));
-}
 
 // ---- What all connections share ----
 
@@ -224,9 +104,8 @@ namespace {
 
 class Lane {
 public:
-    Lane(int firstNumber, int calls, const std::set<int>& drops, const standin::Gateway& gateway,
-         Record& record)
-        : drops_(drops), gateway_(gateway), record_(record), next_(firstNumber),
+    Lane(int firstNumber, int calls, const std::set<int>& drops, int port, Record& record)
+        : drops_(drops), port_(port), record_(record), next_(firstNumber),
           end_(firstNumber + calls), unsettled_(calls), unsent_(calls)
     {
         for (int count = 0; count < mostUnderWay; ++count) {
@@ -333,7 +212,7 @@ private:
     void open()
     {
         char host[] = "127.0.0.1";
-        int rc = QPX_openRemoteGatewayConnection(host, gateway_.port(), &token_, 0);
+        int rc = QPX_openRemoteGatewayConnection(host, port_, &token_, 0);
         if (rc == QPX_OK) return;
         // Nothing can go on without it.
         std::fprintf(stderr, "An open returned %s. The test fails.\n", codeName(rc).c_str());
@@ -637,7 +516,7 @@ private:
     }
 
     const std::set<int>& drops_;
-    const standin::Gateway& gateway_;
+    const int port_;
     Record& record_;
 
     std::mutex mutex_; // of everything below
@@ -662,7 +541,8 @@ private:
 
 class MixedLoad::Impl {
 public:
-    explicit Impl(const LoadPlan& plan) : plan_(plan), record_(plan.calls)
+    Impl(const LoadPlan& plan, int port, std::function<void()> release)
+        : plan_(plan), port_(port), release_(std::move(release)), record_(plan.calls)
     {
         std::mt19937 random(plan.seed);
         while (drops_.size() < static_cast<std::size_t>(plan.drops))
@@ -671,31 +551,28 @@ public:
 
     void run()
     {
-        standin::Gateway gateway;
-        prepare(gateway, plan_.connections);
-        openLanes(gateway);
+        openLanes();
         startThreads();
         for (auto& lane : lanes_) lane->awaitSent();
         for (auto& lane : lanes_) lane->awaitSeen();
-        gateway.release(); // what waits for others to be reversed with
+        release_(); // what waits for others to be reversed with
         for (auto& lane : lanes_) {
             lane->awaitSettled();
             lane->close();
         }
         for (std::thread& thread : threads_) thread.join();
         for (auto& lane : lanes_) lane->deleteChannels();
-        checkGateway(gateway);
     }
 
     const Record& record() const { return record_; }
 
 private:
-    void openLanes(const standin::Gateway& gateway)
+    void openLanes()
     {
         int calls = plan_.calls / plan_.connections;
         for (int lane = 0; lane < plan_.connections; ++lane)
             lanes_.push_back(
-                std::make_unique<Lane>(1 + lane * calls, calls, drops_, gateway, record_));
+                std::make_unique<Lane>(1 + lane * calls, calls, drops_, port_, record_));
     }
 
     void startThreads()
@@ -710,28 +587,19 @@ private:
         }
     }
 
-    void checkGateway(standin::Gateway& gateway)
-    {
-        auto connections = static_cast<std::size_t>(plan_.connections);
-        auto reopened = static_cast<std::size_t>(record_.counts().reopened);
-        if (!gateway.awaitClosed(connections + reopened))
-            record_.problem("a connection is still there");
-        if (gateway.connectionCount() != connections + reopened)
-            record_.problem("the gateway has seen other connections");
-        if (gateway.closeFlowCount() != connections)
-            record_.problem(std::to_string(gateway.closeFlowCount()) + " close flows");
-        for (const standin::Finding& finding : gateway.findings())
-            record_.problem("malformed: " + finding.problem);
-    }
-
     const LoadPlan plan_;
+    const int port_;
+    const std::function<void()> release_;
     Record record_;
     std::set<int> drops_;
     std::vector<std::unique_ptr<Lane>> lanes_;
     std::vector<std::thread> threads_;
 };
 
-MixedLoad::MixedLoad(const LoadPlan& plan) : impl_(std::make_unique<Impl>(plan)) {}
+MixedLoad::MixedLoad(const LoadPlan& plan, int port, std::function<void()> release)
+    : impl_(std::make_unique<Impl>(plan, port, std::move(release)))
+{
+}
 
 MixedLoad::~MixedLoad() = default;
 

@@ -2,7 +2,9 @@
 // COMMAREAs and channels, all ways of collecting, answers out of order, and connections that the
 // gateway drops and the load opens again.
 //
-//     MixedLoad load(plan);
+//     standin::Gateway gateway;
+//     prepareForLoad(gateway, plan.connections);       // of mixed_load_gateway.h
+//     MixedLoad load(plan, gateway.port(), [&] { gateway.release(); });
 //     load.run();
 //     for (const std::string& problem : load.problems()) ...
 //
@@ -15,6 +17,7 @@
 #ifndef SUPPORT_MIXED_LOAD_H
 #define SUPPORT_MIXED_LOAD_H
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -45,7 +48,8 @@ struct LoadCounts {
 
 class MixedLoad {
 public:
-    explicit MixedLoad(const LoadPlan& plan);
+    // The gateway is at that port of 127.0.0.1; release() makes it send what it keeps.
+    MixedLoad(const LoadPlan& plan, int port, std::function<void()> release);
     ~MixedLoad();
     MixedLoad(const MixedLoad&) = delete;
     MixedLoad& operator=(const MixedLoad&) = delete;

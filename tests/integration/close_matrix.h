@@ -145,6 +145,12 @@ public:
             finish();
         }
         EXPECT_RC(QPX_OK, closes.get());
+        awaitCalls();
+    }
+
+    // Waits for the threads that the work has.
+    void awaitCalls()
+    {
         for (RunningCall<int>& party : parties) results.push_back(party.get());
     }
 

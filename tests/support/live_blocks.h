@@ -4,9 +4,13 @@
 //     ... calls ...
 //     EXPECT_EQ(0, blocks.count());
 //
-// One at a time. Belongs to unit_tests only; see support/wrapped_calls.cmake.
+// Belongs to unit_tests only; see support/faults.h.
 #ifndef SUPPORT_LIVE_BLOCKS_H
 #define SUPPORT_LIVE_BLOCKS_H
+
+#include <cstdint>
+#include <mutex>
+#include <set>
 
 #include "support/faults.h"
 
@@ -14,16 +18,30 @@ namespace support {
 
 class LiveBlocks {
 public:
-    LiveBlocks();
-    ~LiveBlocks();
-    LiveBlocks(const LiveBlocks&) = delete;
-    LiveBlocks& operator=(const LiveBlocks&) = delete;
-
-    int count() const;
-    int allocations() const { return allocating_.calls(); } // made so far
+    int count() const
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        return static_cast<int>(live_.size());
+    }
 
 private:
-    Fault allocating_;
+    void note(const CallInfo& info)
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        live_.erase(info.first); // where realloc has moved it from
+        if (info.result != 0) live_.insert(static_cast<std::uintptr_t>(info.result));
+    }
+
+    void forget(const CallInfo& info)
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        live_.erase(info.first);
+    }
+
+    mutable std::mutex mutex_;
+    std::set<std::uintptr_t> live_;
+    Fault allocating_ = afterCall(Call::Malloc, 0, [this](const CallInfo& info) { note(info); });
+    Fault freeing_ = beforeCall(Call::Free, 0, [this](const CallInfo& info) { forget(info); });
 };
 
 } // namespace support

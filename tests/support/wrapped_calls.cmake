@@ -1,6 +1,6 @@
-# Sets QPX_WRAP_OPTIONS: the link options that put support/faults.cpp and live_blocks.cpp between the
-# library's objects and the system. With 64-bit time in a 32-bit program the headers give some
-# functions other names, and fortified builds call checking forms; each name in use is listed.
+# Sets QPX_WRAP_OPTIONS: the link options that put support/faults.cpp between the library's objects
+# and the system. With 64-bit time in a 32-bit program the headers give some functions other names,
+# and fortified builds call checking forms; each name in use is listed.
 
 set(QPX_WRAPPED_CALLS
   malloc calloc realloc strdup free

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <functional>
 #include <future>
 #include <memory>
@@ -465,10 +466,20 @@ protected:
         return support::beforeCall(
             Call::Send, 1, [work](const support::CallInfo&) { work(); }, Threads::Calling);
     }
-    static Fault afterSend(std::function<void()> work)
+
+    // Runs something on the calling thread in the middle of its call: its request is written, or
+    // has failed to be, and it reads the channel no more, but it still counts as a sender. That is
+    // when the call asks for the lock of the table for the fourth time.
+    Fault whenTheChannelIsSent(std::function<void()> work)
     {
-        return support::afterCall(
-            Call::Send, 1, [work](const support::CallInfo&) { work(); }, Threads::Calling);
+        auto seen = std::make_shared<std::atomic<int>>(0);
+        auto mutex = reinterpret_cast<std::uintptr_t>(&connection.token->tableLock.lock);
+        return support::beforeCall(
+            Call::MutexLock, 0,
+            [seen, mutex, work](const support::CallInfo& info) {
+                if (info.first == mutex && ++*seen == 4) work();
+            },
+            Threads::Calling);
     }
 
     // Ends the connection, and waits until every waiting slot has been told.
@@ -508,7 +519,7 @@ TEST_F(FlowChannelRace, LeavesTheChannelToWhoeverHasItAfterAnEarlyCollection)
 {
     // The reply is collected, and the channel taken by somebody else, before the call returns.
     EciParms parms = channelCall(ECI_ASYNC, channel);
-    Fault early = afterSend([&] {
+    Fault early = whenTheChannelIsSent([&] {
         request = connection.awaitRequest();
         answer(ChannelReply(1, deleted("A")));
         EciParms collecting = getReplyWait(0);
@@ -526,9 +537,9 @@ TEST_F(FlowChannelRace, LeavesTheChannelToWhoeverHasItAfterAnEarlyCollection)
 
 TEST_F(FlowChannelRace, LeavesTheChannelToWhoeverHasItWhenAFailedSendWasCollected)
 {
-    // The loss is collected, and the channel taken by somebody else, before the send fails.
+    // The loss is collected, and the channel taken by somebody else, before the call fails.
     EciParms parms = channelCall(ECI_ASYNC, channel);
-    Fault early = beforeSend([&] {
+    Fault early = whenTheChannelIsSent([&] {
         loseAndAwaitSweep();
         EciParms collecting = getReply(0);
         EXPECT_RC(-102, startChannelCall(connection, collecting).get());
@@ -545,7 +556,7 @@ TEST_F(FlowChannelRace, LeavesTheChannelToWhoeverHasItWhenAFailedSendWasCollecte
 TEST_F(FlowChannelRace, HasAppliedAReplyThatComesBeforeItsCallerWaits)
 {
     EciParms parms = channelCall(ECI_SYNC, channel);
-    Fault early = afterSend([&] {
+    Fault early = whenTheChannelIsSent([&] {
         request = connection.awaitRequest();
         answer(ChannelReply(1, deleted("A")));
         EXPECT_EQ(0, clapiWaitEvent(&connection.token->table.slot[0].requestEvent));
@@ -555,9 +566,25 @@ TEST_F(FlowChannelRace, HasAppliedAReplyThatComesBeforeItsCallerWaits)
     expectInOrder();
 }
 
+TEST_F(FlowChannelRace, AppliesNoReplyWhileItsChannelIsBeingSent)
+{
+    EciParms parms = channelCall(ECI_SYNC, channel);
+    Fault receiverSleeps = support::beforeCall(
+        Call::CondWait, 1, [](const support::CallInfo&) {}, Threads::Others);
+    Fault early = beforeSend([&] {
+        connection.peer.send(ChannelReply(1, deleted("A")).to(1));
+        EXPECT_TRUE(receiverSleeps.awaitHits());
+        EXPECT_EQ(2, channel.token->numContainers.load());
+    });
+    EXPECT_RC(0, executeChannel(connection, parms));
+    EXPECT_EQ((Names{"B=bb"}), channel.contents());
+    connection.awaitRequest();
+    expectInOrder();
+}
+
 TEST_F(FlowChannelRace, DoesNotReturnWhileTheReceiverChangesItsChannel)
 {
-    // Half of a reply is there, and being applied, when the send of its request fails.
+    // Half of a reply is there, and being applied, when its request has failed to be sent.
     constexpr std::size_t large = 100000;
     std::promise<void> applying;
     Fault allocating = support::beforeCall(
@@ -567,7 +594,7 @@ TEST_F(FlowChannelRace, DoesNotReturnWhileTheReceiverChangesItsChannel)
         },
         Threads::Others);
     EciParms parms = channelCall(ECI_SYNC, channel);
-    Fault early = beforeSend([&] {
+    Fault early = whenTheChannelIsSent([&] {
         Bytes reply = ChannelReply(2, added("NEW", 1, 0, Bytes(large, 'n')) + deleted("A")).to(1);
         connection.peer.send(support::slice(reply, 0, 60000));
         applying.get_future().wait();

@@ -415,6 +415,7 @@ static void receiveFlows(Receiver* r)
         r->rc = readFlow(r);
         if (r->rc == QPX_OK) r->rc = dispatchFlow(r);
         if (r->rc == QPX_OK) r->rc = drainBody(r);
+        SCHEDULE_POINT(flowHandled, r->conn);
     }
 }
 

@@ -27,6 +27,7 @@ enum class SchedulePoint {
     slotPassed,         // the slot; a look-up goes on to the next
     failureFound,       // the slot; a failure is about to be delivered
     slotDelivered,      // the slot; tableLock held
+    flowHandled,        // the token; the receiver goes on to the next flow
     connectionEnding,   // the token; its state is not final yet
     connectionEnded,    // the token; all waiting slots are delivered; tableLock held
     beforeSendersWait,  // the token; the receiver waits for senders; tableLock held

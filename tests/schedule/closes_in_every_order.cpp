@@ -180,4 +180,131 @@ TEST_P(CloseInEveryOrder, EndsAsDocumentedAndLeavesNoToken)
 INSTANTIATE_TEST_SUITE_P(Every, CloseInEveryOrder, ::testing::ValuesIn(allOrders()),
                          [](const auto& about) { return nameOf(about.param); });
 
+// ---- A close that is about to wait for a reply that nobody has collected ----
+
+enum class Meanwhile {
+    Collected,
+    CollectorComes,
+    AnotherCall,
+    AnotherClose,
+    CloseAll,
+    Loss,
+    GatewayCloses
+};
+
+struct Wait {
+    Close close;
+    Meanwhile meanwhile;
+};
+
+std::string nameOf(const Wait& wait)
+{
+    static const char* const events[] = {"Collected",    "CollectorComes", "AnotherCall",
+                                         "AnotherClose", "CloseAll",       "Loss",
+                                         "GatewayCloses"};
+    return std::string(race::nameOf(wait.close)) + "_" + events[static_cast<int>(wait.meanwhile)];
+}
+
+std::vector<Wait> allWaits()
+{
+    std::vector<Wait> waits;
+    for (Close close : {Close::InOrder, Close::Limited})
+        for (int event = 0; event <= static_cast<int>(Meanwhile::GatewayCloses); ++event)
+            waits.push_back(Wait{close, static_cast<Meanwhile>(event)});
+    return waits;
+}
+
+class CloseThatWaits : public RaceTest, public ::testing::WithParamInterface<Wait> {
+protected:
+    EciParms collecting = getReplyWait(8);
+    std::unique_ptr<RunningCall<int>> other;
+
+    int collect()
+    {
+        EciParms parms = getReply(8);
+        return execute(parms);
+    }
+
+    void happen()
+    {
+        switch (GetParam().meanwhile) {
+        case Meanwhile::Collected:
+            deliver(1, "answered");
+            expectCollected(1, "answered");
+            break;
+        case Meanwhile::CollectorComes:
+            other = std::make_unique<RunningCall<int>>(start(collecting));
+            queueAwaited.await(1);
+            break;
+        case Meanwhile::AnotherCall: {
+            Call work(Kind::Sync);
+            EXPECT_RC(QPX_ERR_GWTOK_CLOSED, start(work).get());
+            break;
+        }
+        case Meanwhile::AnotherClose: {
+            QPX_ConnToken_t same = token();
+            EXPECT_RC(QPX_ERR_GWTOK_CLOSED, QPX_closeGatewayConnection(&same));
+            break;
+        }
+        case Meanwhile::CloseAll: closeAll(); break;
+        case Meanwhile::Loss: lose(); break;
+        case Meanwhile::GatewayCloses: closeByGateway(); break;
+        }
+    }
+
+    // It gives the reply up, and frees nothing, since the other close is still at work.
+    void closeAll()
+    {
+        other = std::make_unique<RunningCall<int>>(startClose(Close::All, &connection.token));
+        connection.answerClose();
+        EXPECT_RC(0, other->get());
+        other.reset();
+        EXPECT_EQ(0, token()->asyncCount.load());
+    }
+
+    void expectWorkToEnd()
+    {
+        switch (GetParam().meanwhile) {
+        case Meanwhile::Collected:
+        case Meanwhile::CloseAll: break;
+        case Meanwhile::CollectorComes:
+            deliver(1, "answered");
+            EXPECT_RC(0, other->get());
+            EXPECT_EQ(text("answered"), collecting.commarea());
+            break;
+        case Meanwhile::AnotherCall:
+        case Meanwhile::AnotherClose:
+            deliver(1, "answered");
+            expectCollected(1, "answered");
+            break;
+        case Meanwhile::Loss: EXPECT_RC(QPX_ERR_LOSTGWCON, collect()); break;
+        // Once the application closes, a close flow counts as the answer to its own.
+        case Meanwhile::GatewayCloses: EXPECT_RC(QPX_ERR_GWTOK_CLOSED, collect()); break;
+        }
+    }
+
+    // The connection is still there to be closed.
+    bool stands() const { return GetParam().meanwhile <= Meanwhile::AnotherClose; }
+};
+
+TEST_P(CloseThatWaits, EndsOnceTheReplyIsCollected)
+{
+    ASSERT_EQ(1, send());
+    Hold beforeWait(SchedulePoint::beforeWorkWait);
+    auto closing = startClose(GetParam().close, &connection.token);
+    beforeWait.awaitArrival();
+    happen();
+    EXPECT_FALSE(closing.hasEnded());
+
+    beforeWait.release();
+
+    expectWorkToEnd();
+    if (stands()) connection.answerClose();
+    EXPECT_RC(0, closing.get());
+    expectClosed();
+}
+
+INSTANTIATE_TEST_SUITE_P(Every, CloseThatWaits, ::testing::ValuesIn(allWaits()),
+                         [](const auto& about) { return nameOf(about.param); });
+
 } // namespace

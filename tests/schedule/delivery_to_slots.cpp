@@ -83,12 +83,12 @@ TEST_F(SlotDelivery, LetsTheCallerHaveTheSlotOnlyOnceTheReceiverHasGivenTheTable
     EXPECT_EQ(EBUSY, pthread_mutex_trylock(&token()->tableLock.lock));
 
     // The receiver has nothing to do with the slot any more: it is freed behind its back.
-    Hold tableGivenUp(SchedulePoint::lockReleased, &token()->tableLock);
+    Hold handled(SchedulePoint::flowHandled);
     atDelivery.release();
-    tableGivenUp.awaitArrival();
+    handled.awaitArrival();
     EXPECT_RC(0, call.get());
     EXPECT_EQ(SLOT_FREE, slot(1).state);
-    tableGivenUp.release();
+    handled.release();
     work.expectAnswered();
     expectClosable();
 }
@@ -105,12 +105,12 @@ TEST_F(SlotDelivery, LetsACollectorHaveTheSlotOnlyOnceTheReceiverHasGivenTheTabl
     EXPECT_FALSE(call.hasEnded());
     EXPECT_EQ(EBUSY, pthread_mutex_trylock(&token()->tableLock.lock));
 
-    Hold tableGivenUp(SchedulePoint::lockReleased, &token()->tableLock);
+    Hold handled(SchedulePoint::flowHandled);
     atDelivery.release();
-    tableGivenUp.awaitArrival();
+    handled.awaitArrival();
     EXPECT_RC(0, call.get());
     EXPECT_EQ(SLOT_FREE, slot(1).state);
-    tableGivenUp.release();
+    handled.release();
     expectClosable();
 }
 
@@ -489,6 +489,7 @@ TEST_F(SlotDelivery, ReleasesACollectorAndACloseWhenTheLastRequestCannotBeWritte
 
     EXPECT_RC(QPX_ERR_LOSTGWCON, call.get());
     EXPECT_RC(QPX_ERR_GWTOK_CLOSED, collector.get());
+    receiverAwaited.await(1);
     connection.peer.close();
     EXPECT_RC(QPX_ERR_LOSTGWCON, closing.get());
     EXPECT_RC(0, QPX_closeAllGatewayConnections());

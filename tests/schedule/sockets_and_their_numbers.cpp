@@ -368,6 +368,29 @@ TEST_F(Opening, HearsOfAnAnswerThatComesBeforeItHasAsked)
     expectNoTokenLeft();
 }
 
+// From its first step on, the token is on the list, and not for a close of all connections.
+TEST_F(Opening, IsPassedOverByACloseOfAllConnections)
+{
+    for (SchedulePoint point : {SchedulePoint::receiverStarted, SchedulePoint::beforeHandshake}) {
+        Hold step(point);
+        auto opening = startOpen(0);
+        step.awaitArrival();
+
+        EXPECT_RC(0, QPX_closeAllGatewayConnections());
+
+        step.release();
+        Peer peer = gateway.accept();
+        peer.read(handshakeSize);
+        peer.send(handshakeAnswer());
+        EXPECT_RC(0, opening.get());
+        auto closing = startClose(Close::InOrder, &opened);
+        EXPECT_EQ(closeFlow(), peer.read(33));
+        peer.send(closeFlow());
+        EXPECT_RC(0, closing.get());
+    }
+    expectNoTokenLeft();
+}
+
 // ---- The receiver's last step ----
 
 TEST_F(SocketNumber, IsFreeAndTheTokenGoneBeforeTheReceiverHasReturned)

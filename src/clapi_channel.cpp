@@ -214,6 +214,7 @@ static int awaitUnlocked(ECI_Channel_t* channel, LockGuard* serLock)
         TRACE(at::waitFailed, channel);
         return ECI_ERR_SYSTEM_ERROR;
     }
+    SCHEDULE_POINT(channelWaitEnded, channel);
     if (serLock->request() != 0) {
         TRACE(at::noLock, channel);
         return ECI_ERR_SYSTEM_ERROR;

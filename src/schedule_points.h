@@ -42,6 +42,7 @@ enum class SchedulePoint {
     tokenQuiesced,      // the token
     tokenUnlisted,      // the token; gtlLock held
     beforeChannelWait,  // the channel
+    channelWaitEnded,   // the channel; who has waited for it looks at it next
     containerLinked,    // the channel; a container has been added
     channelDumped,      // the channel; its containers come next; containerListGuard held
 };

@@ -96,6 +96,26 @@ TEST_F(HeldChannel, MakesAWaiterWaitOnceMoreWhenAThirdThreadIsFaster)
     EXPECT_EQ(0, unlockChannel(channel));
 }
 
+TEST_F(HeldChannel, MakesAWaiterWaitOnceMoreThatIsWokenAndTooSlow)
+{
+    ASSERT_EQ(0, lockChannel(channel));
+    Waiter waiter(*this);
+    Hold woken(SchedulePoint::channelWaitEnded);
+    waiter.beforeSleep.release();
+    EXPECT_EQ(0, unlockChannel(channel));
+    woken.awaitArrival();
+    ASSERT_EQ(0, lockChannel(channel)); // the third's
+
+    woken.release();
+
+    channelAwaited.await(2);
+    EXPECT_FALSE(waiter.call.hasEnded());
+    EXPECT_EQ(0, unlockChannel(channel));
+    EXPECT_EQ(0, waiter.call.get());
+    EXPECT_EQ(1, channel->isLocked.load());
+    EXPECT_EQ(0, unlockChannel(channel));
+}
+
 TEST_F(HeldChannel, IsGivenToOneOfTwoWaitersAtATime)
 {
     ASSERT_EQ(0, lockChannel(channel));

@@ -27,7 +27,6 @@ protected:
         EXPECT_EQ(1, token()->requestsEnded.eflag);
     }
 
-    // The event of the last call has been armed for a wait.
     Counter unlisted{SchedulePoint::tokenUnlisted};
 };
 
@@ -139,7 +138,6 @@ TEST_F(TokensEnd, WaitsForEveryCallThatIsStillInside)
 
 TEST_F(TokensEnd, FindsNothingOfTheTokenTouchedByACallThatHasLeft)
 {
-    trace.forget();
     TraceFile events(2);
     Call work(Kind::Sync);
     Hold asleep(SchedulePoint::beforeReplyWait);

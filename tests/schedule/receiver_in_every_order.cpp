@@ -1,4 +1,4 @@
-// The receiver is held while it reads a reply, or while it ends the connection; something else
+// The receiver is held while it reads a reply or delivers a failure, or while it ends the connection; something else
 // happens from beginning to end, or as far as it comes, and the receiver goes on.
 #include <memory>
 #include <string>
@@ -12,7 +12,11 @@ namespace {
 
 // ---- While it reads a reply ----
 
-enum class Step { Found, Read };
+enum class Step {
+    Found,
+    Read,
+    Failure // instead of a reply
+};
 
 enum class Event {
     AnswerOnceMore,
@@ -35,7 +39,7 @@ struct Order {
 
 std::string nameOf(const Order& order)
 {
-    static const char* const steps[] = {"Found", "Read"};
+    static const char* const steps[] = {"Found", "Read", "Failure"};
     static const char* const events[] = {
         "AnswerOnceMore",    "Loss",    "GatewayCloses", "Close",
         "LimitedPurge",      "Purge",   "CloseAll",      "ChannelIsDeleted",
@@ -55,7 +59,7 @@ std::vector<Order> allOrders()
 {
     std::vector<Order> orders;
     for (int kind = 0; kind <= static_cast<int>(Kind::Systems); ++kind)
-        for (int step = 0; step <= static_cast<int>(Step::Read); ++step)
+        for (int step = 0; step <= static_cast<int>(Step::Failure); ++step)
             for (int event = 0; event <= static_cast<int>(Event::Collects); ++event) {
                 Order order{static_cast<Kind>(kind), static_cast<Step>(step),
                             static_cast<Event>(event)};
@@ -64,6 +68,12 @@ std::vector<Order> allOrders()
                 orders.push_back(order);
             }
     return orders;
+}
+
+SchedulePoint pointOf(Step step)
+{
+    if (step == Step::Found) return SchedulePoint::replyFound;
+    return step == Step::Read ? SchedulePoint::replyRead : SchedulePoint::failureFound;
 }
 
 class ReplyInEveryOrder : public RaceTest, public ::testing::WithParamInterface<Order> {
@@ -75,6 +85,10 @@ protected:
     std::unique_ptr<RunningCall<int>> closing;
     std::unique_ptr<RunningCall<int>> deleting;
     std::unique_ptr<RunningCall<int>> anotherCall;
+
+    bool fails() const { return order.step == Step::Failure; }
+    int result() const { return fails() ? 61448 : 0; }
+    Bytes outcome() const { return fails() ? errorFlow(1, 61448) : work.answer(1); }
 
     bool purges() const { return order.event == Event::Purge || order.event == Event::CloseAll; }
 
@@ -119,21 +133,22 @@ protected:
     void expectReply(RunningCall<int>* call)
     {
         if (call != nullptr) {
-            EXPECT_RC(0, call->get());
+            EXPECT_RC(result(), call->get());
         }
         if (order.event == Event::Collects) {
-            EXPECT_RC(0, anotherCall->get());
+            EXPECT_RC(result(), anotherCall->get());
             EXPECT_EQ(1, int(collecting.record.eci_message_qualifier));
         } else if (isAsync(order.kind) && !purges()) {
             delivered.await(1);
             EciParms parms = getReply(8);
-            EXPECT_RC(0, execute(parms));
+            EXPECT_RC(result(), execute(parms));
             EXPECT_EQ(1, int(parms.record.eci_message_qualifier));
-            if (!hasChannel(order.kind)) {
+            if (!hasChannel(order.kind) && !fails()) {
                 EXPECT_EQ(text("answered"), parms.commarea());
             }
         }
-        if (order.event != Event::ChannelIsDeleted && !isAsync(order.kind)) work.expectAnswered();
+        if (fails() || isAsync(order.kind)) return;
+        if (order.event != Event::ChannelIsDeleted) work.expectAnswered();
     }
 
     void finish()
@@ -159,14 +174,14 @@ protected:
 
 TEST_P(ReplyInEveryOrder, ArrivesWhateverComesBehindIt)
 {
-    Hold step(order.step == Step::Found ? SchedulePoint::replyFound : SchedulePoint::replyRead);
+    Hold step(pointOf(order.step));
     auto call = std::make_unique<RunningCall<int>>(start(work));
     connection.awaitRequest();
     if (isAsync(order.kind)) {
         EXPECT_RC(0, call->get());
         call.reset();
     }
-    connection.peer.send(work.answer(1));
+    connection.peer.send(outcome());
     step.awaitArrival();
     happen();
     if (call) {

@@ -317,6 +317,55 @@ TEST_F(CallWithoutChannel, IsRefusedWhenTheChannelIsDeletedFirst)
     expectClosable();
 }
 
+TEST_F(CallWithoutChannel, GetsItFromAPurgeThatWaitsForTheCall)
+{
+    auto closing = startClose(Close::Purge, &connection.token);
+    connection.answerClose();
+    awaitSweep();
+
+    beforeSleep->release();
+
+    EXPECT_RC(QPX_ERR_GATEWAY_CLOSED, call->get());
+    EXPECT_RC(0, closing.get());
+    EXPECT_EQ(0, channel->isLocked.load());
+    expectClosed();
+}
+
+TEST_F(CallWithoutChannel, GetsItFromACloseOfAllThatWaitsForTheCall)
+{
+    beforeSleep->release();
+    auto closing = startClose(Close::All, &connection.token);
+    connection.answerClose();
+
+    EXPECT_RC(QPX_ERR_GATEWAY_CLOSED, call->get());
+    EXPECT_RC(0, closing.get());
+    EXPECT_EQ(0, channel->isLocked.load());
+    expectClosed();
+}
+
+// The call gives the channel back itself, when it finds that it cannot be sent.
+TEST_F(HeldChannel, IsNotGivenBackByAPurgeForACallThatIsStillBeingMade)
+{
+    EciParms parms = asyncCall("PROG");
+    parms.record.channel = channel;
+    Hold armed(SchedulePoint::requestArmed);
+    auto call = callInThread([&] { return QPX_ECI_Execute_Channel(token(), &parms.record); });
+    armed.awaitArrival();
+    TraceFile events(2);
+    auto closing = startClose(Close::Purge, &connection.token);
+    connection.answerClose();
+    ASSERT_TRUE(events.awaitText("quiesceConnection() Waiting for 1 API calls to complete"));
+    passTable();
+    EXPECT_EQ(1, channel->isLocked.load());
+
+    armed.release();
+
+    EXPECT_RC(QPX_ERR_GATEWAY_CLOSED, call.get());
+    EXPECT_RC(0, closing.get());
+    EXPECT_EQ(0, channel->isLocked.load());
+    expectClosed();
+}
+
 // ---- Unlocking under the table ----
 
 TEST_F(HeldChannel, IsUnlockedUnderTheTableWhileAnotherThreadWaitsForIt)

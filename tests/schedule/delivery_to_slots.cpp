@@ -519,7 +519,8 @@ TEST_P(ReplyBeingRead, KeepsTheCallFromReturning)
     passTable(); // the sender sleeps
     EXPECT_FALSE(call.hasEnded());
     EXPECT_NE(SLOT_FREE, slot(1).state);
-    EXPECT_EQ(0, token()->senders);
+    // An asynchronous one counts as a sender until it has given its slot back.
+    EXPECT_EQ(isAsync(GetParam()) ? 1 : 0, token()->senders);
     found.release();
     EXPECT_RC(QPX_ERR_LOSTGWCON, call.get());
     awaitSweep(); // the failed sender has ended the connection

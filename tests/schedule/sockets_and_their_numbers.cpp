@@ -408,6 +408,7 @@ TEST_F(SocketNumber, IsFreeAndTheTokenGoneBeforeTheReceiverHasReturned)
     gone.release();
     EXPECT_TRUE(exits.awaitText("[3041] EXIT"));
     EXPECT_EQ(1, next.token->connStatus.load());
+    EXPECT_EQ(0, next.token->recvThreadEndedEvent.eflag); // its own receiver has not ended
     next.closeInOrder();
     expectNoTokenLeft();
 }

@@ -263,7 +263,10 @@ protected:
     Kind kind() const { return static_cast<Kind>(order.visitor); }
 
     // The state is still "connected", so that what comes now takes the connection for one.
-    bool looksConnected() const { return order.lost && order.step == EndStep::Ending; }
+    bool looksConnected() const { return order.step == EndStep::Ending; }
+
+    // What a request gets that the end of the connection finds waiting.
+    int endOfWaiting() const { return order.lost ? QPX_ERR_LOSTGWCON : QPX_ERR_GATEWAY_CLOSED; }
 
     int refusal(bool isProgramCall) const
     {
@@ -282,12 +285,12 @@ protected:
             step.release();
             awaitSweep();
             EciParms collecting = getReply(8);
-            EXPECT_RC(QPX_ERR_LOSTGWCON, execute(collecting));
+            EXPECT_RC(endOfWaiting(), execute(collecting));
             EXPECT_EQ(1, int(collecting.record.eci_message_qualifier));
         } else {
             replyAwaited.await(1);
             step.release();
-            EXPECT_RC(QPX_ERR_LOSTGWCON, call.get());
+            EXPECT_RC(endOfWaiting(), call.get());
         }
         if (work.channel != nullptr) {
             EXPECT_EQ(0, work.channel->isLocked.load());

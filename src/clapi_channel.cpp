@@ -214,6 +214,7 @@ static int awaitUnlocked(ECI_Channel_t* channel, LockGuard* serLock)
         TRACE(at::waitFailed, channel);
         return ECI_ERR_SYSTEM_ERROR;
     }
+    SCHEDULE_POINT(channelWaitEnded, channel);
     if (serLock->request() != 0) {
         TRACE(at::noLock, channel);
         return ECI_ERR_SYSTEM_ERROR;
@@ -378,10 +379,13 @@ static ECI_Container_t* wantedContainer(ECI_Channel_t* channel, const char* name
 
 void clapiLinkContainer(ECI_Channel_t* channel, ECI_Container_t* container)
 {
-    ContainerListHold hold;
-    container->nextCont = channel->firstCont;
-    channel->firstCont = container;
-    channel->numContainers += 1;
+    {
+        ContainerListHold hold;
+        container->nextCont = channel->firstCont;
+        channel->firstCont = container;
+        channel->numContainers += 1;
+    }
+    SCHEDULE_POINT(containerLinked, channel);
 }
 
 bool clapiUnlinkContainer(ECI_Channel_t* channel, ECI_Container_t* container,
@@ -790,6 +794,7 @@ static void printChannels(FILE* text)
     int channels = 0;
     for (const ECI_Channel_t* channel = chanList; channel != nullptr; channel = channel->nextChan) {
         printChannel(text, channel, ++channels);
+        SCHEDULE_POINT(channelDumped, channel);
         int ordinal = 0;
         for (const ECI_Container_t* container = channel->firstCont; container != nullptr;
              container = container->nextCont)

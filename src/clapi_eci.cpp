@@ -365,6 +365,7 @@ static int writeCall(EciCall* call)
 static int sendCall(EciCall* call, bool* begun)
 {
     int rc = beginSending(call, begun);
+    if (*begun) SCHEDULE_POINT(beforeRequestWrite, call->slotP);
     if (rc == ECI_NO_ERROR) rc = writeCall(call);
     if (!*begun) return rc;
     SCHEDULE_POINT(requestWritten, call->slotP);

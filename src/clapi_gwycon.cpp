@@ -318,6 +318,7 @@ static RequestSlot* lookUpWithoutLock(const Receiver* r)
 static void deliverFailure(Receiver* r, RequestSlot* slotP)
 {
     if (slotP == nullptr) return;
+    SCHEDULE_POINT(failureFound, slotP);
     LockGuard table(r->conn->tableLock);
     if (table.held() && slotP->state == SLOT_WAITING)
         clapiDeliverSlot(r->conn, slotP, r->header.gatewayRc);
@@ -414,6 +415,7 @@ static void receiveFlows(Receiver* r)
         r->rc = readFlow(r);
         if (r->rc == QPX_OK) r->rc = dispatchFlow(r);
         if (r->rc == QPX_OK) r->rc = drainBody(r);
+        SCHEDULE_POINT(flowHandled, r->conn);
     }
 }
 
@@ -475,6 +477,7 @@ static void* receiverThread(void* argument)
     receiver.conn = conn;
     receiver.closeRc = QPX_ERR_LOSTGWCON;
 
+    SCHEDULE_POINT(receiverStarted, conn);
     TRACE(at::entry, conn);
     pthread_detach(pthread_self());
     startReceiving(&receiver);
@@ -485,6 +488,7 @@ static void* receiverThread(void* argument)
     SCHEDULE_POINT(receiverEnding, conn);
     clapiClearEvent(&conn->recvThreadEndedEvent);
     // From here on a closer may free the token.
+    SCHEDULE_POINT(receiverEnded, conn);
     TRACE(at::exit);
     return nullptr;
 }
@@ -666,6 +670,7 @@ static int sendHandshake(_QPX_ConnToken_t* gwTokPtr, char* applid, char* applidQ
 {
     namespace at = tp::clapiConnectToGateway;
 
+    SCHEDULE_POINT(beforeHandshake, gwTokPtr);
     int rc = clapiFlowHandshakeRequest(gwTokPtr->socketDescriptor, applid, applidQualifier);
     if (rc == QPX_OK) {
         clapiEndSending(gwTokPtr);
@@ -754,6 +759,7 @@ static int sendCloseFlow(_QPX_ConnToken_t* conn)
 static int sendCloseFlowSafely(_QPX_ConnToken_t* conn)
 {
     if (!clapiBeginSendingFlow(conn)) return clapiFlowCloseRequest(NO_SOCKET);
+    SCHEDULE_POINT(beforeCloseWrite, conn);
     int rc = sendCloseFlow(conn);
     clapiEndSending(conn);
     return rc;

@@ -273,9 +273,11 @@ static int findSlotById(RequestTable* requestTableP, int messageId, RequestSlot*
     namespace at = tp::slotLookup;
 
     for (RequestSlot* slotP = &requestTableP->slot[0]; slotP != nullptr; slotP = slotP->nextSlot) {
-        if (slotP->messageId != messageId) continue;
-        *slotPP = slotP;
-        return QPX_OK;
+        if (slotP->messageId == messageId) {
+            *slotPP = slotP;
+            return QPX_OK;
+        }
+        SCHEDULE_POINT(slotPassed, slotP);
     }
     TRACE(at::notFound, messageId);
     return QPX_ERR_SYSTEM_ERROR;
@@ -348,7 +350,10 @@ void clapiAwaitEndOfReading(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP
 {
     // While it reads, the receiver has not closed the socket.
     if (gwTokPtr->slotBeingRead == slotP) shutdown(gwTokPtr->socketDescriptor, SHUT_RDWR);
-    while (gwTokPtr->slotBeingRead == slotP) clapiAwaitTransfer(gwTokPtr);
+    while (gwTokPtr->slotBeingRead == slotP) {
+        SCHEDULE_POINT(beforeReadingWait, slotP);
+        clapiAwaitTransfer(gwTokPtr);
+    }
 }
 
 void clapiDropSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
@@ -369,7 +374,10 @@ void clapiEndFailedSending(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP)
 void clapiWaitForSenders(_QPX_ConnToken_t* gwTokPtr)
 {
     LockGuard table(gwTokPtr->tableLock);
-    while (table.held() && gwTokPtr->senders > 0) clapiAwaitTransfer(gwTokPtr);
+    while (table.held() && gwTokPtr->senders > 0) {
+        SCHEDULE_POINT(beforeSendersWait, gwTokPtr);
+        clapiAwaitTransfer(gwTokPtr);
+    }
 }
 
 static void queueReply(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
@@ -583,6 +591,7 @@ int clapiRegisterRequest(_QPX_ConnToken_t* gwTokPtr)
 
     TRACE(at::entry, gwTokPtr);
     int rc = countRequestIn(gwTokPtr);
+    if (rc == QPX_OK) SCHEDULE_POINT(callRegistered, gwTokPtr);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }

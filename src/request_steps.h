@@ -85,6 +85,7 @@ int sendRequest(_QPX_ConnToken_t* gwTok, RequestSlot* slotP, WriteFlow writeFlow
 {
     bool begun = false;
     int rc = beginRequest<Lines>(gwTok, slotP, &begun);
+    if (begun) SCHEDULE_POINT(beforeRequestWrite, slotP);
     Socket socketDescriptor = begun ? gwTok->socketDescriptor.load() : NO_SOCKET;
     if (rc == QPX_OK) rc = writeRequest<Lines>(gwTok, socketDescriptor, writeFlow);
     if (!begun) return rc;

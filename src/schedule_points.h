@@ -12,25 +12,39 @@
 
 enum class SchedulePoint {
     lockReleased,       // the lock; behind its release, before its destruction
+    callRegistered,     // the token; the call has not looked at its state yet
     requestArmed,       // the slot
     requestWaiting,     // the slot; tableLock held
+    beforeRequestWrite, // the slot; it waits, and its sender counts as one
     requestWritten,     // the slot; its sender still counts as one
     beforeReplyWait,    // the slot; its synchronous caller goes to sleep
     beforeQueueWait,    // the token; a collector goes to sleep
+    beforeReadingWait,  // the slot; the receiver still reads into it; tableLock held
+    beforeHandshake,    // the token; its receiver thread runs
+    receiverStarted,    // the token; nothing has been done yet
     replyFound,         // the slot; its reply is about to be read
     replyRead,          // the slot; its reply is about to be delivered
+    slotPassed,         // the slot; a look-up goes on to the next
+    failureFound,       // the slot; a failure is about to be delivered
     slotDelivered,      // the slot; tableLock held
+    flowHandled,        // the token; the receiver goes on to the next flow
     connectionEnding,   // the token; its state is not final yet
-    connectionEnded,    // the token; all waiting slots are delivered
+    connectionEnded,    // the token; all waiting slots are delivered; tableLock held
+    beforeSendersWait,  // the token; the receiver waits for senders; tableLock held
     beforeSocketClose,  // the token; no sender is inside any more
     receiverEnding,     // the token; recvThreadEndedEvent is posted next
+    receiverEnded,      // the token, which a closer may have freed
     tokenMarked,        // the token; it is closing now; gtlLock held
     beforeWorkWait,     // the token; a close waits for work in progress
     beforeCloseFlow,    // the token
+    beforeCloseWrite,   // the token; the closer counts as a sender
     beforeReceiverWait, // the token; a close waits for the receiver
     tokenQuiesced,      // the token
     tokenUnlisted,      // the token; gtlLock held
     beforeChannelWait,  // the channel
+    channelWaitEnded,   // the channel; who has waited for it looks at it next
+    containerLinked,    // the channel; a container has been added
+    channelDumped,      // the channel; its containers come next; containerListGuard held
 };
 
 /* Called by the library at each point, with what the point is about; defined by the tests. */

@@ -1,0 +1,202 @@
+// Several threads that collect replies of one connection, each at the worst moment for another.
+#include "schedule/race_fixture.h"
+
+using namespace race;
+
+namespace {
+
+class SeveralCollectors : public RaceTest {
+protected:
+    // A collector that finds nothing, arms the event and stands before its sleep. Released at once,
+    // it sleeps, or has been woken already.
+    struct Collector {
+        Collector(SeveralCollectors& test, EciParms&& wanted)
+            : parms(std::move(wanted)), beforeSleep(SchedulePoint::beforeQueueWait),
+              call(test.start(parms))
+        {
+            beforeSleep.awaitArrival();
+        }
+        EciParms parms;
+        Hold beforeSleep;
+        RunningCall<int> call;
+    };
+
+    void expectReply(Collector& collector, const std::string& contents)
+    {
+        EXPECT_RC(0, collector.call.get());
+        EXPECT_EQ(text(contents), collector.parms.commarea());
+    }
+};
+
+TEST_F(SeveralCollectors, FindTheirReplyAlthoughAnotherArmsTheEventAgain)
+{
+    ASSERT_EQ(1, send());
+    ASSERT_EQ(2, send());
+    Collector first(*this, getSpecificReplyWait(1, 8));
+    deliver(1, "reply 1.");
+    Collector second(*this, getSpecificReplyWait(2, 8)); // has closed the gate again
+    EXPECT_EQ(0, token()->asyncReplyEvent.eflag);
+
+    first.beforeSleep.release();
+
+    expectReply(first, "reply 1.");
+    second.beforeSleep.release();
+    deliver(2, "reply 2.");
+    expectReply(second, "reply 2.");
+    expectClosable();
+}
+
+TEST_F(SeveralCollectors, FindAnyReplyAlthoughASpecificOneArmsTheEventAgain)
+{
+    ASSERT_EQ(1, send());
+    ASSERT_EQ(2, send());
+    Collector any(*this, getReplyWait(8));
+    deliver(1, "reply 1.");
+    Collector specific(*this, getSpecificReplyWait(2, 8));
+    EXPECT_EQ(0, token()->asyncReplyEvent.eflag);
+
+    any.beforeSleep.release();
+
+    expectReply(any, "reply 1.");
+    specific.beforeSleep.release();
+    deliver(2, "reply 2.");
+    expectReply(specific, "reply 2.");
+    expectClosable();
+}
+
+// The one who takes the reply leaves the queue empty and arms the event for those to come.
+TEST_F(SeveralCollectors, GoOnWaitingWhenAnotherHasTakenTheReply)
+{
+    ASSERT_EQ(1, send());
+    ASSERT_EQ(2, send());
+    Collector loser(*this, getReplyWait(8));
+    Collector other(*this, getReplyWait(8));
+    deliver(1, "reply 1.");
+    expectCollected(1, "reply 1.");
+    int waits = queueAwaited.times();
+
+    loser.beforeSleep.release();
+    other.beforeSleep.release();
+
+    queueAwaited.await(waits + 2); // both have looked, and wait again
+    deliver(2, "reply 2.");
+    // Whoever of the two is first takes it. The other one sleeps again, until the end.
+    queueAwaited.await(waits + 3);
+    lose();
+    int codes[] = {loser.call.get(), other.call.get()};
+    EXPECT_EQ(1, (codes[0] == 0) + (codes[1] == 0));
+    EXPECT_EQ(1, (codes[0] == QPX_ERR_LOSTGWCON) + (codes[1] == QPX_ERR_LOSTGWCON));
+    expectClosable();
+}
+
+TEST_F(SeveralCollectors, AreToldThatTheReplyTheyWaitForIsGone)
+{
+    ASSERT_EQ(1, send());
+    Collector first(*this, getSpecificReplyWait(1, 8));
+    Collector second(*this, getSpecificReplyWait(1, 8));
+    deliver(1, "reply 1.");
+    first.beforeSleep.release();
+    expectReply(first, "reply 1.");
+
+    second.beforeSleep.release();
+
+    EXPECT_RC(ECI_ERR_INVALID_MSG_QUAL, second.call.get());
+    expectClosable();
+}
+
+TEST_F(SeveralCollectors, AreToldThatTheSlotTheyWaitForIsKeptForAUnitOfWork)
+{
+    EciParms parms = asyncCall("LATER", filled(8, 'a'));
+    parms.withExtendMode(ECI_EXTENDED);
+    EXPECT_RC(0, execute(parms));
+    connection.awaitRequest();
+    Collector loser(*this, getSpecificReplyWait(1, 8));
+    deliver(ProgramReply().luwToken(77).commarea(text("answered")).to(1));
+    expectCollected(1, "answered");
+    EXPECT_EQ(SLOT_LUW_IDLE, slot(1).state);
+
+    loser.beforeSleep.release();
+
+    EXPECT_RC(ECI_ERR_NO_REPLY, loser.call.get());
+}
+
+TEST_F(SeveralCollectors, GetOneReplyEachOfTwoThatComeWhileBothFallAsleep)
+{
+    ASSERT_EQ(1, send());
+    ASSERT_EQ(2, send());
+    Collector first(*this, getReplyWait(8));
+    Collector second(*this, getReplyWait(8));
+    deliver(1, "reply 1.");
+    deliver(2, "reply 2.");
+
+    second.beforeSleep.release();
+    expectReply(second, "reply 1.");
+    first.beforeSleep.release();
+    expectReply(first, "reply 2.");
+    expectClosable();
+}
+
+TEST_F(SeveralCollectors, AllLeaveWhenTheConnectionIsLostWithNothingOutstanding)
+{
+    Collector first(*this, getReplyWait(8));
+    Collector second(*this, getReplyWait(8));
+    second.beforeSleep.release();
+
+    lose();
+
+    first.beforeSleep.release();
+    EXPECT_RC(QPX_ERR_LOSTGWCON, first.call.get());
+    EXPECT_RC(QPX_ERR_LOSTGWCON, second.call.get());
+    expectClosable();
+}
+
+TEST_F(SeveralCollectors, AllLeaveWhenTheLastReplyOfAClosingConnectionIsTaken)
+{
+    ASSERT_EQ(1, send());
+    Collector first(*this, getReplyWait(8));
+    Collector second(*this, getReplyWait(8));
+    auto closing = startClose(Close::InOrder, &connection.token);
+    workAwaited.await(1);
+    deliver(1, "reply 1.");
+    first.beforeSleep.release();
+    expectReply(first, "reply 1.");
+
+    second.beforeSleep.release();
+
+    EXPECT_RC(QPX_ERR_GWTOK_CLOSED, second.call.get());
+    connection.answerClose();
+    EXPECT_RC(0, closing.get());
+    expectClosed();
+}
+
+TEST_F(SeveralCollectors, LearnOfTheLossBeforeTheyLearnThatTheirReplyIsGone)
+{
+    ASSERT_EQ(1, send());
+    Collector loser(*this, getSpecificReplyWait(1, 8));
+    lose();
+    EciParms collecting = getReply(8);
+    EXPECT_RC(QPX_ERR_LOSTGWCON, execute(collecting));
+
+    loser.beforeSleep.release();
+
+    EXPECT_RC(QPX_ERR_LOSTGWCON, loser.call.get());
+    expectClosable();
+}
+
+// The reply stays queued when a collector has too little room, and with it the open gate.
+TEST_F(SeveralCollectors, FindTheReplyThatAnotherHasHadNoRoomFor)
+{
+    ASSERT_EQ(1, send());
+    Collector second(*this, getReplyWait(8));
+    deliver(1, "reply 1.");
+    EciParms small = getReply(4);
+    EXPECT_RC(ECI_ERR_INVALID_DATA_LENGTH, execute(small));
+    EXPECT_EQ(8, int(small.record.eci_commarea_length));
+
+    second.beforeSleep.release();
+
+    expectReply(second, "reply 1.");
+    expectClosable();
+}
+
+} // namespace

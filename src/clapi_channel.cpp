@@ -281,6 +281,14 @@ static int waitAndTakeChannel(ECI_Channel_t* channel, LockGuard* serLock)
     return rc;
 }
 
+/* Where the lock of a handle is. By arithmetic on numbers: what is no channel may stand at any
+ * address. */
+static Clapilock* serLockOf(ECI_ChannelToken_t chanTok)
+{
+    std::uintptr_t address = reinterpret_cast<std::uintptr_t>(chanTok);
+    return reinterpret_cast<Clapilock*>(address + offsetof(ECI_Channel_t, serLock));
+}
+
 static int holdChannel(ECI_ChannelToken_t chanTok)
 {
     namespace at = tp::lockChannel;
@@ -289,7 +297,7 @@ static int holdChannel(ECI_ChannelToken_t chanTok)
         TRACE(at::nullChannel);
         return ECI_ERR_INVALID_CHANNEL;
     }
-    if (clapiRequestLockAt(&chanTok->serLock) != 0) {
+    if (clapiRequestLockAt(serLockOf(chanTok)) != 0) {
         TRACE(at::noChannel, chanTok);
         return ECI_ERR_INVALID_CHANNEL;
     }
@@ -321,7 +329,7 @@ static int releaseChannel(ECI_ChannelToken_t chanTok)
         TRACE(at::nullChannel);
         return ECI_ERR_INVALID_CHANNEL;
     }
-    if (clapiRequestLockAt(&chanTok->serLock) != 0) {
+    if (clapiRequestLockAt(serLockOf(chanTok)) != 0) {
         TRACE(at::noChannel, chanTok);
         return ECI_ERR_INVALID_CHANNEL;
     }

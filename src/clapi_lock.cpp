@@ -11,6 +11,7 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 
 #include "clapi_diag.h"
 #include "schedule_points.h"
@@ -106,9 +107,10 @@ int clapiRequestLockAt(Clapilock* lockPtr)
     namespace at = tp::clapiRequestLock;
 
     int state = LOCK_INITIALIZED;
-    // By arithmetic: what is no lock may stand at any address.
-    const char* stateAt = reinterpret_cast<const char*>(lockPtr) + offsetof(Clapilock, initialized);
-    int error = clapiReadWord(stateAt, &state);
+    // By arithmetic on numbers: what is no lock may stand at any address.
+    std::uintptr_t stateAt = reinterpret_cast<std::uintptr_t>(lockPtr) +
+                             offsetof(Clapilock, initialized);
+    int error = clapiReadWord(reinterpret_cast<const void*>(stateAt), &state);
     // Where the system refuses to look, the application's word is taken for it.
     if (error == EFAULT || state != LOCK_INITIALIZED) {
         TRACE_UNLOCKED(at::notInitialized, lockPtr);

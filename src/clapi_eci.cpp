@@ -368,8 +368,8 @@ static int sendCall(EciCall* call, bool* begun)
     if (*begun) SCHEDULE_POINT(beforeRequestWrite, call->slotP);
     if (rc == ECI_NO_ERROR) rc = writeCall(call);
     if (!*begun) return rc;
-    SCHEDULE_POINT(requestWritten, call->slotP);
     if (sendsChannel(call)) clapiEndSendingChannel(call->gwTok, call->slotP);
+    SCHEDULE_POINT(requestWritten, call->slotP);
     if (rc == ECI_NO_ERROR) clapiEndSending(call->gwTok);
     return rc;
 }

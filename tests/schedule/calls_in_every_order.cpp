@@ -94,12 +94,19 @@ bool isRefusedByAClose(const Order& order)
     return order.step == Step::Registered || (order.step == Step::Armed && isAsync(order.kind));
 }
 
+// The channel is still to be read for the request, so that no reply may change it yet.
+bool keepsReplyWaiting(const Order& order)
+{
+    return hasChannel(order.kind) && order.step == Step::BeforeWrite;
+}
+
 bool isPossible(const Order& order)
 {
     if (order.step == Step::Asleep && isAsync(order.kind)) return false;
     if (order.event == Event::ChannelIsDeleted)
         return hasChannel(order.kind) && order.step != Step::Registered;
-    if (order.event == Event::AnotherCollects) return isAsync(order.kind) && waits(order.step);
+    if (order.event == Event::AnotherCollects)
+        return isAsync(order.kind) && waits(order.step) && !keepsReplyWaiting(order);
     return true;
 }
 
@@ -178,7 +185,12 @@ protected:
     // The answer to the call. A slot that does not wait yet drops it.
     void answer()
     {
-        if (waits(order.step)) {
+        if (keepsReplyWaiting(order)) {
+            Counter found(SchedulePoint::replyFound);
+            connection.peer.send(work.answer(1));
+            found.await(1);
+            EXPECT_EQ(0, work.channel->numContainers.load());
+        } else if (waits(order.step)) {
             deliver(work.answer(1));
         } else {
             connection.peer.send(work.answer(1));
@@ -209,6 +221,7 @@ protected:
             EXPECT_EQ(1, int(work.parms.record.eci_message_qualifier));
         }
         if (!hasBeenAnswered) deliver(work.answer(1));
+        delivered.await(1);
         if (isAsync(order.kind) && order.event != Event::AnotherCollects) expectWorkCollected();
         if (!isAsync(order.kind)) {
             EXPECT_RC(0, call.get());

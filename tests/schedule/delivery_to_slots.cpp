@@ -425,7 +425,7 @@ TEST_F(SlotDelivery, CountsARequestAsSentWhoseOutcomeIsCollectedBeforeItsWriteFa
     expectClosable();
 }
 
-TEST_F(SlotDelivery, KeepsTheChannelUnlockedOnceThatACollectorHasUnlockedBeforeTheWriteFails)
+TEST_F(SlotDelivery, KeepsTheChannelUnlockedOnceThatACollectorHasUnlockedBeforeTheCallEnds)
 {
     Call work(Kind::AsyncChannel);
     Hold waiting(SchedulePoint::beforeRequestWrite);
@@ -433,11 +433,16 @@ TEST_F(SlotDelivery, KeepsTheChannelUnlockedOnceThatACollectorHasUnlockedBeforeT
     waiting.awaitArrival();
     lose();
     sendersAwaited.await(1);
-    expectLossCollected(1);
+    EciParms collecting = getReply(8);
+    auto collector = start(collecting); // waits until the channel is not read any more
+    Hold written(SchedulePoint::requestWritten);
+    waiting.release();
+    written.awaitArrival();
+    EXPECT_RC(QPX_ERR_LOSTGWCON, collector.get());
     EXPECT_EQ(0, work.channel->isLocked.load());
     ASSERT_EQ(0, lockChannel(work.channel)); // another call's
 
-    waiting.release();
+    written.release();
 
     EXPECT_RC(0, call.get());
     EXPECT_EQ(1, work.channel->isLocked.load());

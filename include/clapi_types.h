@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 
 #include "clapi_lock.h"
 #include "clapi_requests.h"
@@ -196,6 +197,9 @@ void clapiEndSendingChannel(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
 
 /* Waits for the end of some sending or reading. Locks: tableLock held; given up while waiting. */
 void clapiAwaitTransfer(_QPX_ConnToken_t* gwTokPtr);
+
+/* As clapiAwaitTransfer until a deadline of CLOCK_REALTIME; false once it has passed. */
+bool clapiAwaitTransferUntil(_QPX_ConnToken_t* gwTokPtr, const timespec& deadline);
 
 /* Takes a sender off the count of those who keep the socket. Locks: tableLock held. */
 void clapiLeaveSenders(_QPX_ConnToken_t* gwTokPtr);

@@ -236,23 +236,35 @@ static int deliverReply(Receiver* r, ReplyKind kind)
     return QPX_OK;
 }
 
-/* A Gateway may answer before it has the whole request: the channel is not changed while its sender
- * still reads it. */
-static void awaitChannelSent(const Receiver* r)
+/* How long the sender of a request that the Gateway has answered may take to notice that it is
+ * through, in seconds. */
+constexpr time_t SENDER_LIMIT = 30;
+
+/* A reply may come before the sender has noticed that its request is through: the channel is not
+ * changed while it may still be read. A Gateway that answers what it does not read has broken the
+ * connection; ending it releases the sender. */
+static int awaitChannelSent(const Receiver* r)
 {
-    if (r->eciReply.channel == nullptr) return;
+    if (r->eciReply.channel == nullptr) return QPX_OK;
     LockGuard table(r->conn->tableLock);
-    while (table.held() && r->slotP->channelBeingSent != 0) clapiAwaitTransfer(r->conn);
+    if (!table.held()) return QPX_ERR_SYSTEM_ERROR;
+    timespec deadline = {};
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += SENDER_LIMIT;
+    while (r->slotP->channelBeingSent != 0)
+        if (!clapiAwaitTransferUntil(r->conn, deadline)) return QPX_ERR_SYSTEM_ERROR;
+    return QPX_OK;
 }
 
 static int receiveECIReply(Receiver* r)
 {
     namespace at = tp::receiverThread;
 
-    awaitChannelSent(r);
+    int rc = awaitChannelSent(r);
+    if (rc != QPX_OK) return rc;
     // A failure that the header tells may come without a body.
     bool hasBody = r->header.gatewayRc == 0 || r->header.datalength != 0;
-    int rc = hasBody ? clapiReadECIResponse(&r->sockBuffer, &r->eciReply) : QPX_OK;
+    if (hasBody) rc = clapiReadECIResponse(&r->sockBuffer, &r->eciReply);
     if (rc == QPX_OK) rc = bodyResult(r);
     if (rc != QPX_OK) return rc;
     if (r->eciReply.vornRc != 0)

@@ -334,6 +334,12 @@ void clapiAwaitTransfer(_QPX_ConnToken_t* gwTokPtr)
     pthread_cond_wait(&gwTokPtr->transferEnded, &gwTokPtr->tableLock.lock);
 }
 
+bool clapiAwaitTransferUntil(_QPX_ConnToken_t* gwTokPtr, const timespec& deadline)
+{
+    return pthread_cond_timedwait(&gwTokPtr->transferEnded, &gwTokPtr->tableLock.lock, &deadline) ==
+           0;
+}
+
 void clapiLeaveSenders(_QPX_ConnToken_t* gwTokPtr)
 {
     gwTokPtr->senders -= 1;

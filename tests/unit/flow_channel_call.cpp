@@ -570,7 +570,7 @@ TEST_F(FlowChannelRace, AppliesNoReplyWhileItsChannelIsBeingSent)
 {
     EciParms parms = channelCall(ECI_SYNC, channel);
     Fault receiverSleeps = support::beforeCall(
-        Call::CondWait, 1, [](const support::CallInfo&) {}, Threads::Others);
+        Call::CondTimedWait, 1, [](const support::CallInfo&) {}, Threads::Others);
     Fault early = beforeSend([&] {
         connection.peer.send(ChannelReply(1, deleted("A")).to(1));
         EXPECT_TRUE(receiverSleeps.awaitHits());
@@ -579,6 +579,21 @@ TEST_F(FlowChannelRace, AppliesNoReplyWhileItsChannelIsBeingSent)
     EXPECT_RC(0, executeChannel(connection, parms));
     EXPECT_EQ((Names{"B=bb"}), channel.contents());
     connection.awaitRequest();
+    expectInOrder();
+}
+
+TEST_F(FlowChannelRace, EndsTheConnectionOfAGatewayThatAnswersWhatItDoesNotRead)
+{
+    EciParms parms = channelCall(ECI_SYNC, channel);
+    Fault patienceEnds = failCall(Call::CondTimedWait, 1, ETIMEDOUT, Threads::Others);
+    Fault early = beforeSend([&] {
+        connection.peer.send(ChannelReply(1, deleted("A")).to(1));
+        EXPECT_EQ(0, clapiWaitEvent(&connection.token->table.slot[0].requestEvent));
+    });
+    EXPECT_RC(-102, executeChannel(connection, parms));
+    EXPECT_EQ((Names{"A=aa", "B=bb"}), channel.contents());
+    EXPECT_EQ(0, clapiWaitEvent(&connection.token->recvThreadEndedEvent));
+    expectNothingLeft();
     expectInOrder();
 }
 

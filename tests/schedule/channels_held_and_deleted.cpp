@@ -492,7 +492,7 @@ TEST_F(HeldChannel, IsUnlockedOnceByACollectorWhoseRecordTurnsIntoTheRequests)
     EXPECT_RC(0, QPX_ECI_Execute_Channel(token(), &parms.record));
 
     EXPECT_EQ(ECI_ASYNC, int(parms.record.eci_call_type));
-    EXPECT_EQ(channel, parms.record.channel);
+    EXPECT_EQ(channel, ECI_ChannelToken_t(parms.record.channel));
     EXPECT_EQ(1, entries.timesWroteText("unlockChannel(chanTok="));
     EXPECT_EQ(0, channel->isLocked.load());
 }

@@ -6,10 +6,11 @@ namespace schedule {
 
 namespace {
 
-std::mutex guard;
-std::condition_variable changed;
-std::list<Hold*> holds;
-std::list<Counter*> counters;
+// A receiver thread may still come by while the program ends, so nothing of this is destroyed.
+std::mutex& guard = *new std::mutex;
+std::condition_variable& changed = *new std::condition_variable;
+std::list<Hold*>& holds = *new std::list<Hold*>;
+std::list<Counter*>& counters = *new std::list<Counter*>;
 
 bool matches(SchedulePoint wanted, const void* wantedSubject, SchedulePoint point,
              const void* subject)

@@ -357,6 +357,33 @@ TEST_F(SlotTable, FreesASlotWithItsEventAndItsRecord)
     EXPECT_EQ(1, trace.timesWrote(2060));
 }
 
+// The reply to a query for systems leaves their number where other slots have their unit's token.
+TEST_F(SlotTable, TakesNoQueryForSystemsForAUnitOfWork)
+{
+    RequestSlot* query = take();
+    query->purpose = SYSTEM_LIST_QUERY;
+    query->state = 3;
+    query->eciParms.eci_luw_token = 42;
+    RequestSlot* idle = take();
+    idle->state = 4;
+    idle->eciParms.eci_luw_token = 42;
+
+    EXPECT_EQ(idle, take(42));
+
+    EXPECT_EQ(3, query->state);
+}
+
+TEST_F(SlotTable, KnowsNoUnitOfWorkByAQueryForSystemsAlone)
+{
+    RequestSlot* query = take();
+    query->purpose = SYSTEM_LIST_QUERY;
+    query->state = 3;
+    query->eciParms.eci_luw_token = 42;
+    RequestSlot* slot = nullptr;
+
+    EXPECT_RC(ECI_ERR_LUW_TOKEN, slotFind(table, 42, &slot));
+}
+
 TEST_F(SlotTable, ForgetsAUnitOfWorkWhenItsSlotIsFreed)
 {
     RequestSlot* slot = take();

@@ -13,6 +13,7 @@
 #include <cstdint>
 
 #include "clapi_lock.h"
+#include "data_storage.h"
 #include "eci_channel.h"
 
 /* Bytes of a name in a record; one that fills them has no terminator. */
@@ -26,7 +27,7 @@ typedef struct _ECI_Container_t {
     char name[CHANNEL_NAME_SIZE];
     int32_t ccsid;     // 0 for ECI_BIT
     int32_t type;      // an ECI_CONTAINER_TYPE; out of a reply, any value
-    char* dataPtr;     // owned; null when dataLength is 0
+    char* dataPtr;     // owned, of data_storage.h; null when dataLength is 0
     size_t dataLength; // bytes
     _ECI_Container_t* nextCont;
 } ECI_Container_t;
@@ -103,8 +104,7 @@ void clapiReplaceContainer(ECI_Container_t* container, const ECI_Container_t* re
 /* Gives a channel the 16 bytes of another name. */
 void clapiRenameChannel(ECI_Channel_t* channel, const char* name);
 
-/* Overwrite container data, or a container's record without its data, and free it. */
-void clapiFreeData(char* data, size_t length);
+/* Overwrites a container's record without its data, and frees it. */
 void clapiFreeContainer(ECI_Container_t* container);
 
 #endif

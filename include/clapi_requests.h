@@ -4,7 +4,7 @@
  *
  * Writers return 0, QPX_ERR_MALLOCFAIL or QPX_ERR_LOSTGWCON. Thread: the caller's, holding the
  * connection's sendLock (the handshake alone is written without it, while no other thread writes
- * to the connection). Readers run on the receiver thread.
+ * to the connection). Readers run on the receiver thread, unless they say otherwise.
  */
 #ifndef CLAPI_REQUESTS_H
 #define CLAPI_REQUESTS_H
@@ -114,6 +114,7 @@ typedef struct _ECIRequest {
     int vornRc;     // from the reply
     int limited;    // 1: commarea has room for capacity bytes, the rest is dropped
     size_t capacity;
+    ArrivingBytes* section; // instead of channel: takes the reply's channel section as it comes
 } ECIRequest;
 
 /* Sets the header's datalength and sends the request. */
@@ -124,6 +125,13 @@ int clapiFlowECIRequest(Socket socketDesc, GatewayRequest* header, ECIRequest* r
  * 0, or the failure of a channel update; socket errors stay in the buffer's socketErr.
  */
 int clapiReadECIResponse(SocketBuffer* sockBuffer, ECIRequest* request);
+
+/*
+ * Applies a channel section that clapiReadECIResponse has put aside. *broken tells whether it ended
+ * before its last field. 0, or the failure of a channel update. Thread: any, while the channel is
+ * held and nobody else uses it.
+ */
+int clapiApplyChannelSection(const ArrivingBytes* section, ECI_Channel_t* channel, bool* broken);
 
 /* The inbound length that the reply to a program call gives, told from the bytes of its body
  * that are in the buffer and without reading them; 0 if it cannot be told. */

@@ -14,6 +14,8 @@
 
 #include <cstddef>
 
+#include "data_storage.h"
+
 typedef int Socket;
 constexpr Socket NO_SOCKET = -1;
 
@@ -39,6 +41,7 @@ typedef struct _SocketBuffer {
     size_t totalCount;  // bytes of the message not yet sent, or not yet taken from the socket
     MaskArea* maskArea; // the most recently staged secret field, owned
     int maskLost;       // a secret field is staged that could not be recorded in maskArea
+    size_t sentCount;   // writing: bytes of the flow that have left
 } SocketBuffer;
 
 /* Bind the record to a socket for a message of dataLen bytes: 0 or QPX_ERR_MALLOCFAIL. */
@@ -56,7 +59,8 @@ void wipeBuffer(SocketBuffer* sockBuffer);
  * QPX_ERR_LOSTGWCON or QPX_ERR_CONNECTTIMEOUT. */
 int waitForResponse(SocketBuffer* sockBuffer, int timeout);
 
-/* Sends what is staged: 0 or QPX_ERR_LOSTGWCON. */
+/* Sends what is staged: 0 or QPX_ERR_LOSTGWCON. A flow that cannot be sent on once a part of it has
+ * left ends the connection: the socket is shut down. */
 int flushBuffer(SocketBuffer* sockBuffer);
 
 /* Stage one field, flushing first when it does not fit. */
@@ -87,6 +91,17 @@ int readInt(SocketBuffer* sockBuffer);
 /* Takes dataLen bytes; after an error the caller's bytes stay as they are, from where it
  * occurred. */
 void readBytes(SocketBuffer* sockBuffer, char* data, size_t dataLen);
+
+/*
+ * As readBytes, into storage that grows with what arrives; bytes is empty before. Behind an error
+ * its length tells how much has come.
+ * 0, or QPX_ERR_MALLOCFAIL if there is no memory (without a line of the trace).
+ */
+int readArrivingBytes(SocketBuffer* sockBuffer, ArrivingBytes* bytes, size_t dataLen);
+
+/* Takes the rest of the message as it is, behind what bytes holds: 0, QPX_ERR_MALLOCFAIL or
+ * QPX_ERR_LOSTGWCON. */
+int readRest(SocketBuffer* sockBuffer, ArrivingBytes* bytes);
 
 /* Takes dataLen bytes and drops them. */
 void skipBytes(SocketBuffer* sockBuffer, size_t dataLen);

@@ -54,6 +54,8 @@ typedef struct _RequestSlot {
     size_t replyCapacity;                // room at eciParms.eci_commarea
     int32_t channelHeld;                 // 1 while the request holds its channel's lock
     int32_t channelBeingSent;            // 1 while the request's sender reads its channel
+    int32_t outcomePending;              // 1 once an outcome waits for that sender to deliver it
+    ArrivingBytes channelSection;        // of a pending reply, not applied yet; owned
     int32_t purpose;                     // PROGRAM_CALL and the others
 } RequestSlot;
 
@@ -192,14 +194,16 @@ bool clapiBeginSending(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
 /* As clapiBeginSending for a flow that belongs to no request. Locks: takes tableLock. */
 bool clapiBeginSendingFlow(_QPX_ConnToken_t* gwTokPtr);
 
-/* Ends the part of a sending that reads the request's channel. Locks: takes tableLock. */
-void clapiEndSendingChannel(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
+/*
+ * Ends the part of a sending that reads the request's channel. An outcome that has overtaken the
+ * request is delivered, with the changes of its reply made to the channel first; one of a request
+ * that was not sent is dropped. Thread: the sender's, which still counts as one.
+ * Locks: takes tableLock, and gives it up while it changes the channel.
+ */
+void clapiEndSendingChannel(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, bool sent);
 
 /* Waits for the end of some sending or reading. Locks: tableLock held; given up while waiting. */
 void clapiAwaitTransfer(_QPX_ConnToken_t* gwTokPtr);
-
-/* As clapiAwaitTransfer until a deadline of CLOCK_REALTIME; false once it has passed. */
-bool clapiAwaitTransferUntil(_QPX_ConnToken_t* gwTokPtr, const timespec& deadline);
 
 /* Takes a sender off the count of those who keep the socket. Locks: tableLock held. */
 void clapiLeaveSenders(_QPX_ConnToken_t* gwTokPtr);
@@ -224,6 +228,20 @@ void clapiDropSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
 
 /* Returns when no flow is being written. Thread: the receiver. Locks: takes tableLock. */
 void clapiWaitForSenders(_QPX_ConnToken_t* gwTokPtr);
+
+/* Whether a slot takes an outcome: it waits, and has none yet. Locks: tableLock held. */
+bool clapiAwaitsOutcome(const RequestSlot* slotP);
+
+/*
+ * Makes a failure, or the code of a reply that the slot has got, the slot's outcome. It is delivered
+ * at once, or, while the request's sender still reads its channel, left for the sender to deliver:
+ * until then the request has no outcome for anybody. Locks: tableLock held.
+ */
+void clapiSettleSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc);
+
+/* Makes the changes of a reply's channel section to the slot's channel: 0, or why the connection
+ * has to end. Thread: whoever settles the slot, which waits meanwhile. */
+int clapiChangeChannel(const RequestSlot* slotP, const ArrivingBytes* section, int gatewayRc);
 
 /* Puts a result into a waiting slot and wakes whoever waits for it. Locks: tableLock held. */
 void clapiDeliverSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc);

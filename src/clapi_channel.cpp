@@ -434,13 +434,6 @@ void clapiRenameChannel(ECI_Channel_t* channel, const char* name)
     memcpy(channel->name, name, sizeof channel->name);
 }
 
-void clapiFreeData(char* data, size_t length)
-{
-    if (data == nullptr) return;
-    explicit_bzero(data, length);
-    free(data);
-}
-
 void clapiFreeContainer(ECI_Container_t* container)
 {
     explicit_bzero(container, sizeof *container);
@@ -915,7 +908,7 @@ static int32_t settleCcsid(ECI_Channel_t* channel, int given)
 /* A copy of container data, or null if there is no memory for it. */
 static char* copyData(const void* data, size_t length)
 {
-    char* copy = static_cast<char*>(malloc(length));
+    char* copy = clapiAllocateData(length);
     if (copy != nullptr) memcpy(copy, data, length);
     return copy;
 }

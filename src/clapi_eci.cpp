@@ -368,10 +368,19 @@ static int sendCall(EciCall* call, bool* begun)
     if (*begun) SCHEDULE_POINT(beforeRequestWrite, call->slotP);
     if (rc == ECI_NO_ERROR) rc = writeCall(call);
     if (!*begun) return rc;
-    if (sendsChannel(call)) clapiEndSendingChannel(call->gwTok, call->slotP);
+    if (sendsChannel(call))
+        clapiEndSendingChannel(call->gwTok, call->slotP, rc == ECI_NO_ERROR);
     SCHEDULE_POINT(requestWritten, call->slotP);
     if (rc == ECI_NO_ERROR) clapiEndSending(call->gwTok);
     return rc;
+}
+
+/* Keeps a slot for the next call of its unit of work. That one brings its password with it.
+ * Locks: tableLock held. */
+static void keepForUnitOfWork(RequestSlot* slotP)
+{
+    explicit_bzero(slotP->eciParms.eci_password, sizeof slotP->eciParms.eci_password);
+    slotP->state = SLOT_LUW_IDLE;
 }
 
 /* ---- Asynchronous calls ---- */
@@ -475,7 +484,7 @@ static int releaseSlot(EciCall* call)
     call->slotP = nullptr;
     slotP->channelHeld = 0; // the entry point unlocks the channel
     if (call->extendMode == ECI_EXTENDED && slotP->eciParms.eci_luw_token != 0)
-        slotP->state = SLOT_LUW_IDLE;
+        keepForUnitOfWork(slotP);
     else
         slotFree(&call->gwTok->table, slotP);
     if (table.release() != 0) {
@@ -608,19 +617,6 @@ static int awaitAsyncReply(const Collection& wanted, LockGuard* table)
     return rc;
 }
 
-/* The queued reply that is wanted. The connection may end before its request is written; a channel
- * that is still read for that is not the application's yet. Locks: tableLock held; given up while
- * waiting, when another may take the reply. */
-static RequestSlot* chooseSentReply(const Collection& wanted)
-{
-    RequestSlot* slotP = chooseReply(wanted);
-    while (slotP != nullptr && slotP->channelBeingSent != 0) {
-        clapiAwaitTransfer(wanted.gwTok);
-        slotP = chooseReply(wanted);
-    }
-    return slotP;
-}
-
 static int findReply(const Collection& wanted, LockGuard* table, RequestSlot** slotPP)
 {
     int rc = wanted.isSpecific ? checkQualifier(wanted) : ECI_NO_ERROR;
@@ -628,20 +624,28 @@ static int findReply(const Collection& wanted, LockGuard* table, RequestSlot** s
     while (rc == ECI_NO_ERROR && *slotPP == nullptr) {
         if (wanted.gwTok->closedown != 0 && wanted.gwTok->asyncCount == 0)
             return QPX_ERR_GWTOK_CLOSED;
-        *slotPP = chooseSentReply(wanted);
+        *slotPP = chooseReply(wanted);
         if (*slotPP == nullptr) rc = awaitAsyncReply(wanted, table);
     }
     return rc;
 }
 
-/* Gives the caller the record of the request whose reply it is. */
+/* Copies a part of a record, from one field up to another. */
+static void copyFields(QPX_ECI_PARMS* to, const QPX_ECI_PARMS* from, size_t begin, size_t end)
+{
+    memcpy(reinterpret_cast<char*>(to) + begin, reinterpret_cast<const char*>(from) + begin,
+           end - begin);
+}
+
+/* Gives the caller the record of the request whose reply it is. The caller's COMMAREA and its
+ * length stay, and never show anything else meanwhile. */
 static void copyRecord(QPX_ECI_PARMS* EciParms, const RequestSlot* slotP)
 {
-    char* commarea = EciParms->eci_commarea;
-    short commareaLength = EciParms->eci_commarea_length;
-    *EciParms = slotP->eciParms;
-    EciParms->eci_commarea = commarea;
-    EciParms->eci_commarea_length = commareaLength;
+    constexpr size_t COMMAREA_AT = offsetof(QPX_ECI_PARMS, eci_commarea);
+    constexpr size_t BEHIND_COMMAREA_LENGTH = offsetof(QPX_ECI_PARMS, eci_timeout);
+
+    copyFields(EciParms, &slotP->eciParms, 0, COMMAREA_AT);
+    copyFields(EciParms, &slotP->eciParms, BEHIND_COMMAREA_LENGTH, sizeof *EciParms);
 }
 
 /* Deliberate: only the bytes that came back are copied, the rest stays as it is. */
@@ -701,7 +705,7 @@ static int consumeSlot(const Collection& wanted, RequestSlot* slotP)
                            EciParms->eci_luw_token >= 0;
     if (keepsUnitOfWork) {
         clapiFreeReplyBuffer(slotP);
-        slotP->state = SLOT_LUW_IDLE;
+        keepForUnitOfWork(slotP);
     } else {
         slotFree(&wanted.gwTok->table, slotP);
     }

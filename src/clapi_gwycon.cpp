@@ -47,7 +47,8 @@ struct Receiver {
     GatewayRequest header;
     ECIRequest eciReply;
     ESIRequest esiReply;
-    RequestSlot* slotP;   // whom the flow is for; null if nobody
+    ArrivingBytes section; // a reply's channel section whose channel is still being sent
+    RequestSlot* slotP;    // whom the flow is for; null if nobody
     uint32_t allocNumber; // that slot's use when the flow began to be read
     int rc;               // any non-zero value ends the thread's loop
     int closeRc;          // for requests still waiting when the thread ends
@@ -73,25 +74,42 @@ static int noteClosed(Receiver* r)
     return QPX_ERR_GATEWAY_CLOSED;
 }
 
+/* Reads a header; what is one but for the length of its request type ends the connection with a
+ * line of its own. */
+static int readHeader(Receiver* r)
+{
+    namespace at = tp::receiverThread;
+
+    int rc = clapiReadHeader(&r->sockBuffer, &r->header);
+    bool isHeader = r->header.eyecatcher == FLOW_EYECATCHER;
+    if (rc == QPX_ERR_SYSTEM_ERROR && isHeader)
+        TRACE(at::badTypeLength, r->header.requestTypeLength);
+    return rc;
+}
+
 /* Takes the body into the buffer, or as much of it as the buffer holds. */
 static int fillBody(Receiver* r)
 {
+    namespace at = tp::receiverThread;
+
     // What the header's read left in the buffer belongs to the body.
     size_t buffered = r->sockBuffer.count;
-    if (r->header.datalength < 0) return QPX_ERR_SYSTEM_ERROR;
-    size_t length = static_cast<size_t>(r->header.datalength);
-    if (length < buffered) return QPX_ERR_SYSTEM_ERROR;
-
-    r->sockBuffer.totalCount += length - buffered;
+    int length = r->header.datalength;
+    if (length < 0 || static_cast<size_t>(length) < buffered) {
+        TRACE(at::badDataLength, length);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    r->sockBuffer.totalCount += static_cast<size_t>(length) - buffered;
     return fillBuffer(&r->sockBuffer);
 }
 
 static int readFlow(Receiver* r)
 {
     r->slotP = nullptr;
+    clapiFreeArrived(&r->section);
     int rc = waitForResponse(&r->sockBuffer, r->timeout);
     r->timeout = 0; // only the wait for the handshake's answer has a limit
-    if (rc == QPX_OK) rc = clapiReadHeader(&r->sockBuffer, &r->header);
+    if (rc == QPX_OK) rc = readHeader(r);
     if (rc != QPX_OK) return rc;
     if (r->header.messageId == MESSAGE_ID_CLOSE) return noteClosed(r);
     return fillBody(r);
@@ -105,14 +123,21 @@ static int drainBody(Receiver* r)
 }
 
 /*
- * The result of reading a body. One that is too short breaks the connection, unless the header
- * tells of a failure: then nothing needs to be there, and what is missing counts as 0.
+ * The result of reading a body, of which rc is what the reader says. One that ends before its last
+ * field breaks the connection, unless the header tells of a failure: then nothing needs to be there,
+ * and what is missing counts as 0.
  */
-static int bodyResult(Receiver* r)
+static int bodyResult(Receiver* r, int rc)
 {
+    namespace at = tp::receiverThread;
+
     bool tooShort = r->sockBuffer.socketErr == EBADMSG;
-    if (tooShort && r->header.gatewayRc != 0) r->sockBuffer.socketErr = 0;
-    return r->sockBuffer.socketErr != 0 ? QPX_ERR_LOSTGWCON : QPX_OK;
+    if (tooShort && r->header.gatewayRc != 0) {
+        r->sockBuffer.socketErr = 0;
+        return QPX_OK;
+    }
+    if (tooShort) TRACE(at::brokenBody);
+    return firstFailure(rc, r->sockBuffer.socketErr != 0 ? QPX_ERR_LOSTGWCON : QPX_OK);
 }
 
 /* ---- Replies ---- */
@@ -141,7 +166,12 @@ static void loadReplyRecord(Receiver* r, RequestSlot* slotP)
     r->eciReply.commarea = slotP->eciParms.eci_commarea;
     r->eciReply.capacity = slotP->replyCapacity;
     r->eciReply.extendedMode = slotP->eciParms.eci_extend_mode;
-    if (slotP->channelHeld != 0) r->eciReply.channel = slotP->eciParms.channel;
+    if (slotP->channelHeld == 0) return;
+    // What overtakes the request must not change a channel that is still read for it.
+    if (slotP->channelBeingSent != 0)
+        r->eciReply.section = &r->section;
+    else
+        r->eciReply.channel = slotP->eciParms.channel;
 }
 
 /* Finds the slot that a reply is for. Only a slot that waits takes it; an id that no slot has
@@ -161,7 +191,7 @@ static int findReplySlot(Receiver* r)
     }
     RequestSlot* slotP = nullptr;
     int rc = slotLookup(&r->conn->table, r->header.messageId, &slotP);
-    if (rc == QPX_OK && slotP->state == SLOT_WAITING) {
+    if (rc == QPX_OK && clapiAwaitsOutcome(slotP)) {
         r->slotP = slotP;
         r->allocNumber = slotP->allocNumber;
         r->conn->slotBeingRead = slotP;
@@ -178,7 +208,7 @@ static int findReplySlot(Receiver* r)
  * Locks: tableLock held. */
 static bool stillWaits(const Receiver* r)
 {
-    return r->slotP != nullptr && r->slotP->state == SLOT_WAITING &&
+    return r->slotP != nullptr && clapiAwaitsOutcome(r->slotP) &&
            r->slotP->allocNumber == r->allocNumber;
 }
 
@@ -216,6 +246,35 @@ static void storeESIReply(RequestSlot* slotP, const ESIRequest& reply)
 /* What there is to store of a reply besides the header's code. */
 enum class ReplyKind { eci, esi, empty };
 
+/*
+ * A channel section that was put aside because the channel was still being sent: if it still is, it
+ * goes to the slot, for the sender; if not, the channel is changed now.
+ * Locks: tableLock held; given up while the channel is changed.
+ */
+static int placeSection(Receiver* r, LockGuard* table)
+{
+    if (r->section.length == 0) return QPX_OK;
+    if (r->slotP->channelBeingSent != 0) {
+        r->slotP->channelSection = clapiTakeArrived(&r->section);
+        return QPX_OK;
+    }
+    bool released = table->release() == 0;
+    int rc = clapiChangeChannel(r->slotP, &r->section, r->header.gatewayRc);
+    if (released) table->request();
+    return rc;
+}
+
+/* Locks: tableLock held, but for what placeSection says. */
+static int settleReply(Receiver* r, ReplyKind kind, LockGuard* table)
+{
+    int rc = placeSection(r, table);
+    if (rc != QPX_OK) return rc;
+    if (kind == ReplyKind::eci) storeECIReply(r->slotP, r->eciReply);
+    if (kind == ReplyKind::esi) storeESIReply(r->slotP, r->esiReply);
+    clapiSettleSlot(r->conn, r->slotP, r->header.gatewayRc);
+    return QPX_OK;
+}
+
 /* Puts the reply and the header's code into the slot, if it still waits, and wakes its waiter. */
 static int deliverReply(Receiver* r, ReplyKind kind)
 {
@@ -227,45 +286,19 @@ static int deliverReply(Receiver* r, ReplyKind kind)
         TRACE(at::noLock);
         return QPX_ERR_SYSTEM_ERROR;
     }
-    if (stillWaits(r)) {
-        if (kind == ReplyKind::eci) storeECIReply(r->slotP, r->eciReply);
-        if (kind == ReplyKind::esi) storeESIReply(r->slotP, r->esiReply);
-        clapiDeliverSlot(r->conn, r->slotP, r->header.gatewayRc);
-    }
+    int rc = stillWaits(r) ? settleReply(r, kind, &table) : QPX_OK;
     endReading(r);
-    return QPX_OK;
-}
-
-/* How long the sender of a request that the Gateway has answered may take to notice that it is
- * through, in seconds. */
-constexpr time_t SENDER_LIMIT = 30;
-
-/* A reply may come before the sender has noticed that its request is through: the channel is not
- * changed while it may still be read. A Gateway that answers what it does not read has broken the
- * connection; ending it releases the sender. */
-static int awaitChannelSent(const Receiver* r)
-{
-    if (r->eciReply.channel == nullptr) return QPX_OK;
-    LockGuard table(r->conn->tableLock);
-    if (!table.held()) return QPX_ERR_SYSTEM_ERROR;
-    timespec deadline = {};
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += SENDER_LIMIT;
-    while (r->slotP->channelBeingSent != 0)
-        if (!clapiAwaitTransferUntil(r->conn, deadline)) return QPX_ERR_SYSTEM_ERROR;
-    return QPX_OK;
+    return rc;
 }
 
 static int receiveECIReply(Receiver* r)
 {
     namespace at = tp::receiverThread;
 
-    int rc = awaitChannelSent(r);
-    if (rc != QPX_OK) return rc;
     // A failure that the header tells may come without a body.
     bool hasBody = r->header.gatewayRc == 0 || r->header.datalength != 0;
-    if (hasBody) rc = clapiReadECIResponse(&r->sockBuffer, &r->eciReply);
-    if (rc == QPX_OK) rc = bodyResult(r);
+    int rc = hasBody ? clapiReadECIResponse(&r->sockBuffer, &r->eciReply) : QPX_OK;
+    rc = bodyResult(r, rc);
     if (rc != QPX_OK) return rc;
     if (r->eciReply.vornRc != 0)
         TRACE(at::eciError, r->eciReply.vornRc, clapiGetRcStringECI(r->eciReply.vornRc));
@@ -326,14 +359,15 @@ static RequestSlot* lookUpWithoutLock(const Receiver* r)
     return slotP;
 }
 
-/* Gives the header's code to a request, if it waits. */
+/* Gives the header's code to a request, if it waits. The slot was found without the lock, and may
+ * have another id by now. */
 static void deliverFailure(Receiver* r, RequestSlot* slotP)
 {
     if (slotP == nullptr) return;
     SCHEDULE_POINT(failureFound, slotP);
     LockGuard table(r->conn->tableLock);
-    if (table.held() && slotP->state == SLOT_WAITING)
-        clapiDeliverSlot(r->conn, slotP, r->header.gatewayRc);
+    if (table.held() && slotP->messageId == r->header.messageId && clapiAwaitsOutcome(slotP))
+        clapiSettleSlot(r->conn, slotP, r->header.gatewayRc);
 }
 
 static int receiveError(Receiver* r)
@@ -452,13 +486,14 @@ static void completeWaitingRequests(Receiver* r)
 {
     _QPX_ConnToken_t* conn = r->conn;
     for (RequestSlot* slotP = &conn->table.slot[0]; slotP != nullptr; slotP = slotP->nextSlot)
-        if (slotP->state == SLOT_WAITING) clapiDeliverSlot(conn, slotP, r->closeRc);
+        if (clapiAwaitsOutcome(slotP)) clapiSettleSlot(conn, slotP, r->closeRc);
     clapiClearEvent(&conn->asyncReplyEvent);
 }
 
 static void endConnection(Receiver* r)
 {
     freeBuffer(&r->sockBuffer);
+    clapiFreeArrived(&r->section);
     SCHEDULE_POINT(connectionEnding, r->conn);
     LockGuard table(r->conn->tableLock);
     endReading(r);

@@ -15,6 +15,7 @@
 #include "clapi_diag.h"
 #include "clapi_types.h"
 #include "schedule_points.h"
+#include "trace_points/clapi_gwycon.h"
 #include "trace_points/clapi_gwytok.h"
 
 static const char TOKEN_EYECATCHER[] = "QPXGWTOK";
@@ -179,10 +180,18 @@ void clapiFreeReplyBuffer(RequestSlot* slotP)
     slotP->eciParms.eci_commarea = nullptr;
 }
 
+/* Forgets an outcome that has not been delivered. */
+static void dropOutcome(RequestSlot* slotP)
+{
+    slotP->outcomePending = 0;
+    clapiFreeArrived(&slotP->channelSection);
+}
+
 /* Nothing of an earlier request may show in this one. */
 static void clearResults(RequestSlot* slotP)
 {
     clapiFreeReplyBuffer(slotP);
+    dropOutcome(slotP);
     slotP->nextReply = nullptr;
     slotP->gatewayRc = 0;
     slotP->vornRc = 0;
@@ -322,22 +331,55 @@ bool clapiBeginSendingFlow(_QPX_ConnToken_t* gwTokPtr)
     return true;
 }
 
-void clapiEndSendingChannel(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
+int clapiChangeChannel(const RequestSlot* slotP, const ArrivingBytes* section, int gatewayRc)
+{
+    namespace at = tp::receiverThread;
+
+    bool broken = false;
+    int rc = clapiApplyChannelSection(section, slotP->eciParms.channel, &broken);
+    if (!broken) return rc;
+    // A failure that the header tells may come with a body that is cut.
+    if (gatewayRc != QPX_OK) return QPX_OK;
+    TRACE(at::brokenBody);
+    return firstFailure(rc, QPX_ERR_LOSTGWCON);
+}
+
+/* Delivers the outcome that has overtaken its request. A channel that cannot be changed as the
+ * reply says ends the connection, and the request with it.
+ * Locks: tableLock held; given up while the channel is changed. */
+static void deliverPendingOutcome(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, LockGuard* table)
+{
+    int gatewayRc = slotP->gatewayRc;
+    ArrivingBytes section = clapiTakeArrived(&slotP->channelSection);
+    if (section.length != 0) {
+        bool released = table->held() && table->release() == 0;
+        if (clapiChangeChannel(slotP, &section, gatewayRc) != QPX_OK) {
+            shutdown(gwTokPtr->socketDescriptor, SHUT_RDWR);
+            gatewayRc = QPX_ERR_LOSTGWCON;
+        }
+        clapiFreeArrived(&section);
+        SCHEDULE_POINT(asideApplied, slotP);
+        if (released) table->request();
+    }
+    slotP->channelBeingSent = 0;
+    slotP->outcomePending = 0;
+    clapiDeliverSlot(gwTokPtr, slotP, gatewayRc);
+}
+
+void clapiEndSendingChannel(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, bool sent)
 {
     LockGuard table(gwTokPtr->tableLock);
+    if (sent && slotP->outcomePending != 0) {
+        deliverPendingOutcome(gwTokPtr, slotP, &table);
+        return;
+    }
     slotP->channelBeingSent = 0;
-    pthread_cond_broadcast(&gwTokPtr->transferEnded);
+    dropOutcome(slotP);
 }
 
 void clapiAwaitTransfer(_QPX_ConnToken_t* gwTokPtr)
 {
     pthread_cond_wait(&gwTokPtr->transferEnded, &gwTokPtr->tableLock.lock);
-}
-
-bool clapiAwaitTransferUntil(_QPX_ConnToken_t* gwTokPtr, const timespec& deadline)
-{
-    return pthread_cond_timedwait(&gwTokPtr->transferEnded, &gwTokPtr->tableLock.lock, &deadline) ==
-           0;
 }
 
 void clapiLeaveSenders(_QPX_ConnToken_t* gwTokPtr)
@@ -404,6 +446,22 @@ void clapiDeliverSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewa
     if (slotP->eciParms.eci_call_type == ECI_ASYNC) queueReply(gwTokPtr, slotP);
     clapiClearEvent(&slotP->requestEvent);
     SCHEDULE_POINT(slotDelivered, slotP);
+}
+
+bool clapiAwaitsOutcome(const RequestSlot* slotP)
+{
+    return slotP->state == SLOT_WAITING && slotP->outcomePending == 0;
+}
+
+void clapiSettleSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc)
+{
+    if (slotP->channelBeingSent == 0) {
+        clapiDeliverSlot(gwTokPtr, slotP, gatewayRc);
+        return;
+    }
+    slotP->gatewayRc = gatewayRc;
+    slotP->outcomePending = 1;
+    SCHEDULE_POINT(outcomePutAside, slotP);
 }
 
 void clapiUnlinkReply(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)

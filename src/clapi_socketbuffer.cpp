@@ -162,15 +162,27 @@ static ssize_t uninterrupted(Call call)
     return result;
 }
 
-/* Sends all of the data, in as many calls as the socket wants. False: errno tells why. */
-static bool sendAll(Socket socketDesc, const char* data, size_t dataLen)
+/* Keeps the error of a failed send. Once a part of the flow has left, whatever followed it would
+ * be taken for its rest: the connection ends. */
+static void keepSendError(SocketBuffer* sockBuffer)
+{
+    keepError(sockBuffer, errno);
+    if (sockBuffer->sentCount != 0) shutdown(sockBuffer->socketDesc, SHUT_RDWR);
+}
+
+/* Sends all of the data, in as many calls as the socket wants. False: socketErr tells why. */
+static bool sendAll(SocketBuffer* sockBuffer, const char* data, size_t dataLen)
 {
     size_t sent = 0;
     while (sent < dataLen) {
         ssize_t result = uninterrupted(
-            [&] { return send(socketDesc, data + sent, dataLen - sent, 0); });
-        if (result < 1) return false;
+            [&] { return send(sockBuffer->socketDesc, data + sent, dataLen - sent, 0); });
+        if (result < 1) {
+            keepSendError(sockBuffer);
+            return false;
+        }
         sent += static_cast<size_t>(result);
+        sockBuffer->sentCount += static_cast<size_t>(result);
     }
     return true;
 }
@@ -292,11 +304,9 @@ static int sendStaged(SocketBuffer* sockBuffer)
     if (sockBuffer->count == 0) return QPX_OK;
 
     traceStaged(sockBuffer);
-    if (!sendAll(sockBuffer->socketDesc, sockBuffer->buffer, sockBuffer->count)) {
-        int error = errno;
+    if (!sendAll(sockBuffer, sockBuffer->buffer, sockBuffer->count)) {
         ErrorText text;
-        keepError(sockBuffer, error);
-        TRACE(at::failed, traceError(error, text), error);
+        TRACE(at::failed, traceError(sockBuffer->socketErr, text), sockBuffer->socketErr);
         return QPX_ERR_LOSTGWCON;
     }
     int sent = traceInt(sockBuffer->count);
@@ -357,11 +367,9 @@ static void sendDirect(SocketBuffer* sockBuffer, const char* data, size_t dataLe
 
     TRACE(at::tooLarge, sockBuffer, sockBuffer->socketDesc);
     TRACE_DATA(at::sending, dumpOf(data, dataLen), data, traceSize(dataLen), STOPWORD);
-    if (!sendAll(sockBuffer->socketDesc, data, dataLen)) {
-        int error = errno;
+    if (!sendAll(sockBuffer, data, dataLen)) {
         ErrorText text;
-        keepError(sockBuffer, error);
-        TRACE(at::failed, traceError(error, text), error);
+        TRACE(at::failed, traceError(sockBuffer->socketErr, text), sockBuffer->socketErr);
         return;
     }
     sockBuffer->totalCount -= std::min(dataLen, sockBuffer->totalCount);
@@ -593,20 +601,27 @@ int readInt(SocketBuffer* sockBuffer)
     return static_cast<int>(ntohl(wireValue));
 }
 
-/* Receives data that is larger than the buffer straight into the caller's storage; inBuffer
- * bytes of the field have been copied before it. */
-static void receiveDirect(SocketBuffer* sockBuffer, char* data, size_t dataLen, size_t inBuffer)
+/* Receives the rest of a field that is larger than the buffer straight into its storage, as far as
+ * there is memory for it. */
+static int receiveDirect(SocketBuffer* sockBuffer, ArrivingBytes* bytes, size_t dataLen)
 {
     namespace at = tp::readBytes;
 
-    if (dataLen > sockBuffer->totalCount) {
+    size_t inBuffer = bytes->length;
+    if (dataLen - inBuffer > sockBuffer->totalCount) {
         sockBuffer->socketErr = EBADMSG;
-        return;
+        return QPX_OK;
     }
-    size_t received = 0;
-    while (received < dataLen) {
-        ssize_t result = uninterrupted(
-            [&] { return recv(sockBuffer->socketDesc, data + received, dataLen - received, 0); });
+    int rc = QPX_OK;
+    while (bytes->length < dataLen) {
+        if (!clapiProvideRoom(bytes, dataLen)) {
+            rc = QPX_ERR_MALLOCFAIL;
+            break;
+        }
+        ssize_t result = uninterrupted([&] {
+            return recv(sockBuffer->socketDesc, bytes->data + bytes->length,
+                        bytes->capacity - bytes->length, 0);
+        });
         if (result < 1) {
             int error = result == 0 ? 0 : errno;
             ErrorText text;
@@ -614,38 +629,49 @@ static void receiveDirect(SocketBuffer* sockBuffer, char* data, size_t dataLen, 
             TRACE(at::failed, traceError(sockBuffer->socketErr, text), sockBuffer->socketErr);
             break;
         }
-        received += static_cast<size_t>(result);
+        bytes->length += static_cast<size_t>(result);
     }
-    if (received == 0) return;
+    size_t received = bytes->length - inBuffer;
+    if (received == 0) return rc;
 
+    const char* data = bytes->data + inBuffer;
     TRACE_DATA(at::received, dumpOf(data, received), data, traceSize(received), STOPWORD);
     sockBuffer->totalCount -= received;
     sockBuffer->count = 0;
     sockBuffer->ptr = sockBuffer->buffer;
     TRACE(at::readDirect, traceSize(inBuffer), sockBuffer, traceSize(received),
           traceSocket(sockBuffer->socketDesc), traceSize(sockBuffer->totalCount));
+    return rc;
 }
 
-static void takeBytes(SocketBuffer* sockBuffer, char* data, size_t dataLen)
+/* Takes bytes that the buffer holds into a field's storage, which has room for them. */
+static void takeInto(SocketBuffer* sockBuffer, ArrivingBytes* bytes, size_t dataLen)
+{
+    if (dataLen == 0) return;
+    take(sockBuffer, bytes->data + bytes->length, dataLen);
+    bytes->length += dataLen;
+}
+
+/* Takes a field of dataLen bytes, for the first of which there is room. */
+static int takeBytes(SocketBuffer* sockBuffer, ArrivingBytes* bytes, size_t dataLen)
 {
     namespace at = tp::readBytes;
 
-    if (sockBuffer->socketErr != 0 || dataLen == 0) return;
+    if (sockBuffer->socketErr != 0 || dataLen == 0) return QPX_OK;
     if (sockBuffer->count >= dataLen) {
-        take(sockBuffer, data, dataLen);
-        return;
+        takeInto(sockBuffer, bytes, dataLen);
+        return QPX_OK;
     }
 
     size_t inBuffer = sockBuffer->count;
-    if (inBuffer != 0) take(sockBuffer, data, inBuffer);
+    takeInto(sockBuffer, bytes, inBuffer);
     size_t rest = dataLen - inBuffer;
-    if (rest <= sockBuffer->bufferSize) {
-        TRACE(at::needMore, traceSize(inBuffer), sockBuffer, traceSize(rest));
-        fillBuffer(sockBuffer);
-        takeValue(sockBuffer, data + inBuffer, rest);
-    } else {
-        receiveDirect(sockBuffer, data + inBuffer, rest, inBuffer);
-    }
+    if (rest > sockBuffer->bufferSize) return receiveDirect(sockBuffer, bytes, dataLen);
+
+    TRACE(at::needMore, traceSize(inBuffer), sockBuffer, traceSize(rest));
+    fillBuffer(sockBuffer);
+    if (takeValue(sockBuffer, bytes->data + inBuffer, rest)) bytes->length += rest;
+    return QPX_OK;
 }
 
 void readBytes(SocketBuffer* sockBuffer, char* data, size_t dataLen)
@@ -653,8 +679,31 @@ void readBytes(SocketBuffer* sockBuffer, char* data, size_t dataLen)
     namespace at = tp::readBytes;
 
     TRACE(at::entry, sockBuffer, data, traceSize(dataLen));
-    takeBytes(sockBuffer, data, dataLen);
+    ArrivingBytes bytes = {data, 0, dataLen};
+    takeBytes(sockBuffer, &bytes, dataLen);
     TRACE(at::exit);
+}
+
+int readArrivingBytes(SocketBuffer* sockBuffer, ArrivingBytes* bytes, size_t dataLen)
+{
+    namespace at = tp::readBytes;
+
+    if (!clapiProvideRoom(bytes, dataLen)) return QPX_ERR_MALLOCFAIL;
+    TRACE(at::entry, sockBuffer, bytes->data, traceSize(dataLen));
+    int rc = takeBytes(sockBuffer, bytes, dataLen);
+    TRACE(at::exit);
+    return rc;
+}
+
+int readRest(SocketBuffer* sockBuffer, ArrivingBytes* bytes)
+{
+    size_t announced = bytes->length + bytesLeft(sockBuffer);
+    while (bytes->length < announced) {
+        if (sockBuffer->count == 0 && fillBuffer(sockBuffer) != QPX_OK) return QPX_ERR_LOSTGWCON;
+        if (!clapiProvideRoom(bytes, announced)) return QPX_ERR_MALLOCFAIL;
+        takeInto(sockBuffer, bytes, std::min(sockBuffer->count, bytes->capacity - bytes->length));
+    }
+    return QPX_OK;
 }
 
 void skipBytes(SocketBuffer* sockBuffer, size_t dataLen)

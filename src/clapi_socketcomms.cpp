@@ -7,6 +7,7 @@
  */
 #include <arpa/inet.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
@@ -267,25 +268,21 @@ static void writeChannel(SocketBuffer* sockBuffer, ECI_Channel_t* channel)
     TRACE(at::exit);
 }
 
-/* Room for the data that a record announces, zeroed: it may not come whole. */
-static char* allocateData(size_t length)
+/* Reads the record's data into storage of its own, which grows with what arrives. Nothing is stored
+ * for a length of 0, nor of data that has not come whole. */
+template <const TracePoint& noMemory>
+static int readData(SocketBuffer* sockBuffer, size_t length, char** dataPtr)
 {
-    return static_cast<char*>(calloc(length, 1));
-}
-
-/* Reads the record's data into storage of its own. Nothing is stored for a length of 0. */
-static int readAddedData(SocketBuffer* sockBuffer, ECI_Container_t* tempCont)
-{
-    namespace at = tp::addContainer;
-
-    if (tempCont->dataLength == 0) return QPX_OK;
-    tempCont->dataPtr = allocateData(tempCont->dataLength);
-    if (tempCont->dataPtr == nullptr) {
-        TRACE(at::noDataMemory, traceSize(tempCont->dataLength));
-        return QPX_ERR_MALLOCFAIL;
-    }
-    readBytes(sockBuffer, tempCont->dataPtr, tempCont->dataLength);
-    return QPX_OK;
+    *dataPtr = nullptr;
+    if (length == 0) return QPX_OK;
+    ArrivingBytes bytes = {};
+    int rc = readArrivingBytes(sockBuffer, &bytes, length);
+    if (rc != QPX_OK) TRACE(noMemory, traceSize(length));
+    if (bytes.length == length)
+        *dataPtr = bytes.data;
+    else
+        clapiFreeArrived(&bytes);
+    return rc;
 }
 
 static int linkAddedContainer(ECI_Channel_t* channel, const ECI_Container_t* tempCont)
@@ -303,17 +300,27 @@ static int linkAddedContainer(ECI_Channel_t* channel, const ECI_Container_t* tem
     return QPX_OK;
 }
 
+static int readAndLinkContainer(SocketBuffer* sockBuffer, ECI_Channel_t* channel,
+                                ECI_Container_t* tempCont)
+{
+    namespace at = tp::addContainer;
+
+    int rc = readData<at::noDataMemory>(sockBuffer, tempCont->dataLength, &tempCont->dataPtr);
+    if (rc != QPX_OK || sockBuffer->socketErr != 0) return rc;
+    rc = linkAddedContainer(channel, tempCont);
+    if (rc != QPX_OK) return rc;
+    TRACE_DATA(at::data, dumpOf(tempCont->dataPtr, tempCont->dataLength), tempCont->dataPtr,
+               traceSize(tempCont->dataLength), STOPWORD);
+    return QPX_OK;
+}
+
 /* Deliberate: a name that the channel has already is added again. */
 static int addContainer(SocketBuffer* sockBuffer, ECI_Channel_t* channel, ECI_Container_t* tempCont)
 {
     namespace at = tp::addContainer;
 
     TRACE(at::entry, sockBuffer, channel, tempCont);
-    int rc = readAddedData(sockBuffer, tempCont);
-    if (rc == QPX_OK) rc = linkAddedContainer(channel, tempCont);
-    if (rc == QPX_OK)
-        TRACE_DATA(at::data, dumpOf(tempCont->dataPtr, tempCont->dataLength), tempCont->dataPtr,
-                   traceSize(tempCont->dataLength), STOPWORD);
+    int rc = readAndLinkContainer(sockBuffer, channel, tempCont);
     TRACE(at::exit, rc);
     return rc;
 }
@@ -348,24 +355,34 @@ static int deleteContainer(ECI_Channel_t* channel, const char* name)
     return rc;
 }
 
+/* Overwrites and frees the data of a container, which is empty then. */
+static void dropData(ECI_Container_t* container)
+{
+    size_t length = container->dataLength;
+    clapiFreeData(clapiExchangeData(container, nullptr, 0), length);
+}
+
 /* Other storage for data of another length; until it is there, the container is empty. */
-static int resizeData(ECI_Container_t* container, size_t length)
+static int readDataOfOtherLength(SocketBuffer* sockBuffer, ECI_Container_t* container,
+                                 size_t length)
 {
     namespace at = tp::modifyContainer;
 
     if (container->dataPtr != nullptr) {
         TRACE(at::freeing, traceSize(container->dataLength), container->dataPtr);
-        size_t lengthBefore = container->dataLength;
-        clapiFreeData(clapiExchangeData(container, nullptr, 0), lengthBefore);
+        dropData(container);
     }
-    if (length == 0) return QPX_OK;
-    char* data = allocateData(length);
-    if (data == nullptr) {
-        TRACE(at::noMemory, traceSize(length));
-        return QPX_ERR_MALLOCFAIL;
-    }
-    clapiExchangeData(container, data, length);
-    return QPX_OK;
+    char* data;
+    int rc = readData<at::noMemory>(sockBuffer, length, &data);
+    if (data != nullptr) clapiExchangeData(container, data, length);
+    return rc;
+}
+
+/* Reads over the data that is there; if it does not come whole, neither the old nor the new stays. */
+static void readDataInPlace(SocketBuffer* sockBuffer, ECI_Container_t* container)
+{
+    readBytes(sockBuffer, container->dataPtr, container->dataLength);
+    if (sockBuffer->socketErr != 0) dropData(container);
 }
 
 static int readModifiedData(SocketBuffer* sockBuffer, ECI_Channel_t* channel,
@@ -379,11 +396,13 @@ static int readModifiedData(SocketBuffer* sockBuffer, ECI_Channel_t* channel,
         TRACE(at::notFound, tempCont->name, channel->name);
         return QPX_ERR_SYSTEM_ERROR;
     }
-    if (tempCont->dataLength != container->dataLength) {
-        int rc = resizeData(container, tempCont->dataLength);
-        if (rc != QPX_OK) return rc;
-    }
-    readBytes(sockBuffer, container->dataPtr, tempCont->dataLength);
+    int rc = QPX_OK;
+    if (tempCont->dataLength != container->dataLength)
+        rc = readDataOfOtherLength(sockBuffer, container, tempCont->dataLength);
+    else
+        readDataInPlace(sockBuffer, container);
+    if (rc != QPX_OK || sockBuffer->socketErr != 0) return rc;
+
     tempCont->dataPtr = container->dataPtr;
     clapiReplaceContainer(container, tempCont);
     TRACE_DATA(at::data, dumpOf(container->dataPtr, container->dataLength), container->dataPtr,
@@ -402,10 +421,12 @@ static int modifyContainer(SocketBuffer* sockBuffer, ECI_Channel_t* channel,
     return rc;
 }
 
-/* Data that the message cannot hold is not asked memory for. */
-static bool dataFits(const SocketBuffer* sockBuffer, const ECI_Container_t* tempCont)
+/* Data that the message cannot hold breaks it. */
+static int checkDataFits(SocketBuffer* sockBuffer, const ECI_Container_t* tempCont)
 {
-    return tempCont->dataLength <= bytesLeft(sockBuffer);
+    if (tempCont->dataLength <= bytesLeft(sockBuffer)) return QPX_OK;
+    sockBuffer->socketErr = EBADMSG;
+    return QPX_ERR_SYSTEM_ERROR;
 }
 
 static int applyAddition(SocketBuffer* sockBuffer, ECI_Channel_t* channel,
@@ -415,8 +436,8 @@ static int applyAddition(SocketBuffer* sockBuffer, ECI_Channel_t* channel,
 
     TRACE(at::added, tempCont->name, containerTypeName(tempCont->type), tempCont->ccsid,
           traceSize(tempCont->dataLength));
-    if (!dataFits(sockBuffer, tempCont)) return QPX_ERR_SYSTEM_ERROR;
-    return addContainer(sockBuffer, channel, tempCont);
+    int rc = checkDataFits(sockBuffer, tempCont);
+    return rc == QPX_OK ? addContainer(sockBuffer, channel, tempCont) : rc;
 }
 
 static int applyModification(SocketBuffer* sockBuffer, ECI_Channel_t* channel,
@@ -425,8 +446,8 @@ static int applyModification(SocketBuffer* sockBuffer, ECI_Channel_t* channel,
     namespace at = tp::readChannel;
 
     TRACE(at::modified, tempCont->name, traceSize(tempCont->dataLength));
-    if (!dataFits(sockBuffer, tempCont)) return QPX_ERR_SYSTEM_ERROR;
-    return modifyContainer(sockBuffer, channel, tempCont);
+    int rc = checkDataFits(sockBuffer, tempCont);
+    return rc == QPX_OK ? modifyContainer(sockBuffer, channel, tempCont) : rc;
 }
 
 static int applyChange(SocketBuffer* sockBuffer, ECI_Channel_t* channel, char changeCode,
@@ -706,6 +727,10 @@ static int readChannelSection(SocketBuffer* sockBuffer, ECIRequest* request)
 {
     if (readByte(sockBuffer) == NO_FIELD) return QPX_OK;
     if (request->channel != nullptr) return readChannel(sockBuffer, request->channel);
+    if (request->section != nullptr) {
+        if (bytesLeft(sockBuffer) == 0) sockBuffer->socketErr = EBADMSG;
+        return readRest(sockBuffer, request->section);
+    }
     skipBytes(sockBuffer, bytesLeft(sockBuffer));
     return QPX_OK;
 }
@@ -734,6 +759,19 @@ int clapiReadECIResponse(SocketBuffer* sockBuffer, ECIRequest* request)
     else if (isProgramCall(request))
         rc = readProgramReply(sockBuffer, request);
     TRACE(at::exit, rc);
+    return rc;
+}
+
+int clapiApplyChannelSection(const ArrivingBytes* section, ECI_Channel_t* channel, bool* broken)
+{
+    SocketBuffer sockBuffer = {};
+    sockBuffer.socketDesc = NO_SOCKET;
+    sockBuffer.buffer = section->data;
+    sockBuffer.bufferSize = section->length;
+    sockBuffer.ptr = section->data;
+    sockBuffer.count = section->length;
+    int rc = readChannel(&sockBuffer, channel);
+    *broken = sockBuffer.socketErr != 0;
     return rc;
 }
 

@@ -1,0 +1,61 @@
+/*
+ * The memory of container data and of what arrives from a Gateway.
+ */
+#include "data_storage.h"
+
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+
+static bool hasOwnPages(size_t length)
+{
+    return length >= OWN_PAGES_FROM;
+}
+
+char* clapiAllocateData(size_t length)
+{
+    if (!hasOwnPages(length)) return static_cast<char*>(malloc(length));
+    void* pages = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    return pages != MAP_FAILED ? static_cast<char*>(pages) : nullptr;
+}
+
+void clapiFreeData(char* data, size_t length)
+{
+    if (data == nullptr) return;
+    if (hasOwnPages(length)) {
+        munmap(data, length); // the process does not get them back with what they held
+        return;
+    }
+    explicit_bzero(data, length);
+    free(data);
+}
+
+/* More room for data that has pages of its own, or null. */
+static char* growPages(char* data, size_t length, size_t newLength)
+{
+    void* pages = mremap(data, length, newLength, MREMAP_MAYMOVE);
+    return pages != MAP_FAILED ? static_cast<char*>(pages) : nullptr;
+}
+
+bool clapiProvideRoom(ArrivingBytes* bytes, size_t announced)
+{
+    if (bytes->length < bytes->capacity || bytes->capacity == announced) return true;
+
+    // Room below OWN_PAGES_FROM is made once, for all that is announced.
+    size_t doubled = bytes->capacity > announced / 2 ? announced : 2 * bytes->capacity;
+    size_t capacity = std::min(announced, std::max(doubled, OWN_PAGES_FROM));
+    char* data = bytes->capacity == 0 ? clapiAllocateData(capacity)
+                                      : growPages(bytes->data, bytes->capacity, capacity);
+    if (data == nullptr) return false;
+    bytes->data = data;
+    bytes->capacity = capacity;
+    return true;
+}
+
+void clapiFreeArrived(ArrivingBytes* bytes)
+{
+    clapiFreeData(bytes->data, bytes->capacity);
+    *bytes = ArrivingBytes{};
+}

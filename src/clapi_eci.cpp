@@ -409,8 +409,11 @@ static void withdraw(EciCall* call)
     if (call->slotP->state == SLOT_DELIVERED) clapiUnlinkReply(gwTok, call->slotP);
     countOut(gwTok);
     TRACE(at::uncounted, gwTok->asyncCount.load(), gwTok);
-    // On a closing connection nothing can arrive any more.
-    if (gwTok->closedown != 0 && gwTok->asyncCount == 0) clapiClearEvent(&gwTok->asyncReplyEvent);
+    // Nothing can arrive any more on a closing connection, nor on one that has ended: there a
+    // collector may be waiting for this very request.
+    bool nothingCanCome = gwTok->closedown != 0 && gwTok->asyncCount == 0;
+    if (nothingCanCome || gwTok->connStatus != CONN_CONNECTED)
+        clapiClearEvent(&gwTok->asyncReplyEvent);
     slotFree(&gwTok->table, call->slotP);
 }
 
@@ -602,12 +605,23 @@ static int sleepUntilReply(const Collection& wanted, LockGuard* table)
     return ECI_NO_ERROR;
 }
 
+/* Whether an outcome that is wanted has come, and its sender will deliver it any moment. */
+static bool outcomeIsPending(const Collection& wanted)
+{
+    const RequestSlot* slotP = &wanted.gwTok->table.slot[0];
+    for (; slotP != nullptr; slotP = slotP->nextSlot) {
+        bool isPending = slotP->outcomePending != 0 && slotP->eciParms.eci_call_type == ECI_ASYNC;
+        if (isPending && (!wanted.isSpecific || slotP->messageId == wanted.qualifier)) return true;
+    }
+    return false;
+}
+
 static int awaitAsyncReply(const Collection& wanted, LockGuard* table)
 {
     namespace at = tp::getAsyncReply;
 
     if (!wanted.waits) return ECI_ERR_NO_REPLY;
-    if (wanted.gwTok->connStatus != CONN_CONNECTED) {
+    if (wanted.gwTok->connStatus != CONN_CONNECTED && !outcomeIsPending(wanted)) {
         TRACE(at::notOpen);
         return refusalOf(wanted.gwTok);
     }

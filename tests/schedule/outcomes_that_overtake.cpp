@@ -1,0 +1,332 @@
+// Outcomes that come while the request's channel is still being sent: they wait in the slot, for
+// nobody else, and the sender delivers them.
+#include <sys/socket.h>
+
+#include <string>
+
+#include "schedule/race_fixture.h"
+
+using namespace race;
+
+namespace {
+
+// An asynchronous channel call, held when its slot waits and nothing has been written yet.
+class OvertakenSender : public RaceTest {
+protected:
+    void holdSender() { beforeWrite.awaitArrival(); }
+
+    // Sends something for the held call, and returns when it has been put aside.
+    void putAside(const Bytes& outcome)
+    {
+        int before = aside.times();
+        connection.peer.send(outcome);
+        aside.await(before + 1);
+        passTable();
+    }
+
+    // The call's request has no outcome for anybody.
+    void expectNoOutcomeYet()
+    {
+        EXPECT_EQ(SLOT_WAITING, slot(1).state);
+        EXPECT_TRUE(token()->firstReply == nullptr);
+        EXPECT_EQ(0, slot(1).requestEvent.eflag);
+        EXPECT_EQ(1, work.channel->isLocked.load());
+        expectNothingToCollect();
+        EciParms specific = getSpecificReply(1, 8);
+        EXPECT_RC(ECI_ERR_NO_REPLY, execute(specific));
+    }
+
+    void expectCollected(int expectedRc)
+    {
+        EciParms parms = getReply(8);
+        EXPECT_RC(expectedRc, QPX_ECI_Execute_Channel(token(), &parms.record));
+        EXPECT_EQ(0, work.channel->isLocked.load());
+    }
+
+    // A write on the socket that fails.
+    void failWrites() { EXPECT_EQ(0, shutdown(token()->socketDescriptor, SHUT_WR)); }
+
+    Counter aside{SchedulePoint::outcomePutAside};
+    Call work{Kind::AsyncChannel};
+    Hold beforeWrite{SchedulePoint::beforeRequestWrite};
+    RunningCall<int> call = start(work);
+};
+
+TEST_F(OvertakenSender, DeliversTheReplyThatCameAndChangesItsChannelThen)
+{
+    holdSender();
+    putAside(channelReply(1, "answered"));
+    expectNoOutcomeYet();
+    EXPECT_EQ(0, work.channel->numContainers.load());
+
+    beforeWrite.release();
+
+    EXPECT_RC(0, call.get());
+    connection.awaitRequest();
+    expectCollected(0);
+    work.expectAnswered();
+    expectClosable();
+}
+
+TEST_F(OvertakenSender, DoesNotKeepTheReceiverFromTheRepliesOfOthers)
+{
+    holdSender();
+    putAside(channelReply(1, "answered"));
+
+    EciParms other = syncCall("OTHER", filled(8, 'o'));
+    auto running = start(other);
+    EXPECT_EQ(2, connection.awaitRequest().messageId());
+    connection.peer.send(ProgramReply().commarea(text("in time!")).to(2));
+    EXPECT_RC(0, running.get());
+
+    expectNoOutcomeYet();
+    beforeWrite.release();
+    EXPECT_RC(0, call.get());
+    connection.awaitRequest();
+    expectCollected(0);
+    expectClosable();
+}
+
+TEST_F(OvertakenSender, LetsACollectorHaveTheReplyOfAnother)
+{
+    holdSender();
+    putAside(channelReply(1, "answered"));
+
+    EciParms other = asyncCall("OTHER", filled(8, 'o'));
+    EXPECT_RC(0, execute(other));
+    EXPECT_EQ(2, connection.awaitRequest().messageId());
+    EciParms collecting = getReplyWait(8);
+    auto collector = start(collecting);
+    queueAwaited.await(1);
+    connection.peer.send(ProgramReply().commarea(text("in time!")).to(2));
+    EXPECT_RC(0, collector.get());
+    EXPECT_EQ(2, int(collecting.record.eci_message_qualifier));
+
+    beforeWrite.release();
+    EXPECT_RC(0, call.get());
+    connection.awaitRequest();
+    expectCollected(0);
+    expectClosable();
+}
+
+TEST_F(OvertakenSender, TakesTheFirstOfTwoOutcomes)
+{
+    holdSender();
+    putAside(errorFlow(1, 61445));
+    connection.peer.send(channelReply(1, "too late"));
+    connection.peer.send(errorFlow(1, 61446));
+    awaitReceiver();
+    EXPECT_EQ(1, aside.times());
+
+    beforeWrite.release();
+
+    EXPECT_RC(0, call.get());
+    connection.awaitRequest();
+    expectCollected(61445);
+    EXPECT_EQ(0, work.channel->numContainers.load());
+    expectClosable();
+}
+
+TEST_F(OvertakenSender, LeavesReplyAndChannelAloneWhenItsWriteFails)
+{
+    holdSender();
+    putAside(channelReply(1, "answered"));
+    failWrites();
+
+    beforeWrite.release();
+
+    EXPECT_RC(QPX_ERR_LOSTGWCON, call.get());
+    EXPECT_EQ(0, work.channel->numContainers.load());
+    EXPECT_EQ(0, work.channel->isLocked.load());
+    expectNothingToCollect();
+    lose();
+    expectClosable();
+}
+
+TEST_F(OvertakenSender, IsToldOfALossThatComesBehindTheReplyButBeforeItsWrite)
+{
+    holdSender();
+    putAside(channelReply(1, "answered"));
+    lose();
+    EXPECT_EQ(1, aside.times());
+    EXPECT_EQ(SLOT_WAITING, slot(1).state);
+
+    // The receiver has shut the connection down; this request cannot be written any more.
+    beforeWrite.release();
+
+    EXPECT_RC(QPX_ERR_LOSTGWCON, call.get());
+    EXPECT_EQ(0, work.channel->numContainers.load());
+    expectClosable();
+}
+
+TEST_F(OvertakenSender, IsWaitedForByACollectorOnceTheConnectionIsLost)
+{
+    holdSender();
+    lose();
+    EXPECT_EQ(1, aside.times());
+    EciParms collecting = getReplyWait(8);
+    auto collector = start(collecting);
+    EciParms asking = getSpecificReplyWait(1, 8);
+    auto specific = start(asking);
+    queueAwaited.await(2);
+    EXPECT_FALSE(collector.hasEnded());
+    EXPECT_FALSE(specific.hasEnded());
+
+    beforeWrite.release();
+
+    EXPECT_RC(QPX_ERR_LOSTGWCON, call.get());
+    EXPECT_RC(QPX_ERR_LOSTGWCON, collector.get());
+    EXPECT_RC(QPX_ERR_LOSTGWCON, specific.get());
+    EXPECT_EQ(0, work.channel->isLocked.load());
+    expectClosable();
+}
+
+TEST_F(OvertakenSender, EndsTheConnectionWhenTheReplyCannotBeApplied)
+{
+    holdSender();
+    Bytes deletesWhatIsNotThere = flow(
+        replyType, 1, 0, "ECI",
+        be32(1) + be32(0) + be32(0) + be32(0) + text("    ") + be32(0) + hex("00") + hex("FF") +
+            text("CHANNEL         ") + be32(819) + be32(1) + text("UNKNOWN         ") +
+            hex("02 0000 01") + be32(0) + be32(0));
+    putAside(deletesWhatIsNotThere);
+
+    beforeWrite.release();
+
+    EXPECT_RC(0, call.get());
+    awaitSweep();
+    expectCollected(QPX_ERR_LOSTGWCON);
+    expectClosable();
+}
+
+TEST_F(OvertakenSender, DeliversACodeOfTheGatewayWhoseBodyIsCut)
+{
+    holdSender();
+    Bytes cut = flow(replyType, 1, 61447, "ECI",
+                     be32(1) + be32(0) + be32(0) + be32(0) + text("    ") + be32(0) + hex("00") +
+                         hex("FF") + text("CHANNEL         ") + be32(819) + be32(1) +
+                         text("ADDED           ") + hex("01 0000 01") + be32(0) + be32(100) +
+                         text("three"));
+    putAside(cut);
+
+    beforeWrite.release();
+
+    EXPECT_RC(0, call.get());
+    connection.awaitRequest();
+    expectCollected(61447);
+    EXPECT_EQ(0, work.channel->numContainers.load());
+    expectClosable();
+}
+
+// Two collectors and a close wait for the outcome of a request that is still being sent.
+TEST_F(OvertakenSender, ReleasesCollectorsAndACloseWithARefusalThatCameBefore)
+{
+    holdSender();
+    putAside(errorFlow(1, 61445));
+    EciParms first = getReplyWait(8);
+    EciParms second = getReplyWait(8);
+    auto one = start(first);
+    auto other = start(second);
+    queueAwaited.await(2);
+    auto close = startClose(Close::InOrder, &connection.token);
+    workAwaited.await(1);
+
+    beforeWrite.release();
+
+    EXPECT_RC(0, call.get());
+    EXPECT_EQ(1, connection.awaitRequest().messageId());
+    int sum = one.get() + other.get(); // one of them has the refusal, to the other nothing can come
+    EXPECT_EQ(61445 + QPX_ERR_GWTOK_CLOSED, sum);
+    connection.answerClose();
+    EXPECT_RC(0, close.get());
+    expectClosed();
+}
+
+// The receiver has begun to read a reply as one that overtakes, and finds the sender through.
+TEST_F(OvertakenSender, LeavesAReplyToTheReceiverThatIsReadWhenItIsThrough)
+{
+    Hold read(SchedulePoint::replyRead);
+    holdSender();
+    connection.peer.send(channelReply(1, "answered"));
+    read.awaitArrival();
+    beforeWrite.release();
+    EXPECT_RC(0, call.get());
+    connection.awaitRequest();
+    EXPECT_EQ(0, work.channel->numContainers.load());
+
+    read.release();
+
+    delivered.await(1);
+    passTable();
+    EXPECT_EQ(0, aside.times());
+    expectCollected(0);
+    work.expectAnswered();
+    expectClosable();
+}
+
+// While the sender changes the channel, its request still has no outcome.
+TEST_F(OvertakenSender, HasNoOutcomeWhileItChangesItsChannel)
+{
+    Hold applied(SchedulePoint::asideApplied);
+    holdSender();
+    putAside(channelReply(1, "answered"));
+    beforeWrite.release();
+    applied.awaitArrival();
+    expectNoOutcomeYet();
+    EXPECT_EQ(1, slot(1).channelBeingSent);
+    lose(); // the end leaves it alone, too
+    EXPECT_EQ(SLOT_WAITING, slot(1).state);
+
+    applied.release();
+
+    EXPECT_RC(0, call.get());
+    delivered.await(1);
+    expectCollected(0);
+    work.expectAnswered();
+    expectClosable();
+}
+
+// ---- Synchronous calls ----
+
+class OvertakenCaller : public RaceTest {
+protected:
+    Counter aside{SchedulePoint::outcomePutAside};
+    Call work{Kind::SyncChannel};
+};
+
+TEST_F(OvertakenCaller, ReturnsWithTheReplyOnceItsRequestIsWritten)
+{
+    Hold beforeWrite(SchedulePoint::beforeRequestWrite);
+    auto call = start(work);
+    beforeWrite.awaitArrival();
+    connection.peer.send(channelReply(1, "answered"));
+    aside.await(1);
+    passTable();
+    EXPECT_EQ(SLOT_WAITING, slot(1).state);
+    EXPECT_EQ(0, work.channel->numContainers.load());
+
+    beforeWrite.release();
+
+    EXPECT_RC(0, call.get());
+    connection.awaitRequest();
+    work.expectAnswered();
+    EXPECT_EQ(0, work.channel->isLocked.load());
+    expectClosable();
+}
+
+TEST_F(OvertakenCaller, ReturnsWithTheRefusalOnceItsRequestIsWritten)
+{
+    Hold beforeWrite(SchedulePoint::beforeRequestWrite);
+    auto call = start(work);
+    beforeWrite.awaitArrival();
+    connection.peer.send(errorFlow(1, 61445));
+    aside.await(1);
+
+    beforeWrite.release();
+
+    EXPECT_RC(61445, call.get());
+    connection.awaitRequest();
+    expectClosable();
+}
+
+} // namespace

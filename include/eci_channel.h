@@ -20,7 +20,8 @@
  *
  * A handle is valid from the creation until the deletion of its channel. No thread may begin a
  * call with it once a deletion has begun; a call that is already waiting for the channel gets
- * ECI_ERR_INVALID_CHANNEL.
+ * ECI_ERR_INVALID_CHANNEL. What is no channel's handle gets the same, and is never followed; but
+ * the handle of a deleted channel may come to be that of a new one.
  *
  * Example: a channel with one container, and its names read back.
  *
@@ -94,15 +95,16 @@ QPX_API int ECI_createChannel(const char* name, ECI_ChannelToken_t* tokPtr);
 
 /*
  * Deletes *tokPtr with all its containers, whose data is overwritten, and sets *tokPtr to NULL.
- * Waits until no program call uses the channel.
+ * Waits, without limit, until no program call uses the channel.
  *
  * Errors: ECI_ERR_NULLCHANNELPTR, ECI_ERR_INVALID_CHANNEL, ECI_ERR_SYSTEM_ERROR.
  */
 QPX_API int ECI_deleteChannel(ECI_ChannelToken_t* tokPtr);
 
 /*
- * Deletes every channel of the process, as ECI_deleteChannel does but without waiting: no other
- * thread may be using a channel, and no program call may have one. Every handle is invalid
+ * Deletes every channel of the process, as ECI_deleteChannel does but without waiting for those
+ * who use one: no other thread may be at work on a channel, and no reply may still come for one.
+ * A call that is waiting for a channel gets ECI_ERR_INVALID_CHANNEL. Every handle is invalid
  * afterwards. Error: ECI_ERR_SYSTEM_ERROR.
  */
 QPX_API int ECI_deleteAllChannels(void);
@@ -114,8 +116,9 @@ QPX_API int ECI_deleteAllChannels(void);
  */
 QPX_API int ECI_getChannelName(ECI_ChannelToken_t chanTok, char* nameBuffer);
 
-/* Writes all channels and their containers, without their data, to the trace destination,
- * whatever the trace level. Errors: ECI_ERR_MEMORY_SHORTAGE, ECI_ERR_SYSTEM_ERROR. */
+/* Writes all channels and their containers, names, types, code pages and lengths but not their
+ * data, to the trace destination, whatever the trace level. Errors: ECI_ERR_MEMORY_SHORTAGE,
+ * ECI_ERR_SYSTEM_ERROR. */
 QPX_API int QPX_ECI_dumpChannels(void);
 
 /* ---- Containers -------------------------------------------------------------------------- */

@@ -8,14 +8,22 @@
  *     positive code tells what became of a request at the Gateway. QPX_getRcString gives its name.
  *  2. Calls may be made from any thread, and any number of threads may share one connection.
  *     What is not safe to share is said at the call.
- *  3. The library initialises itself in the first call. It ignores SIGPIPE for the process and
- *     starts one thread per open connection, none else. Channels set the locale of the process;
- *     see eci_channel.h.
+ *  3. The library initialises itself in the first call; a call that finds that this has failed
+ *     returns what it failed with, QPX_ERR_MALLOCFAIL or QPX_ERR_SYSTEM_ERROR. It ignores SIGPIPE
+ *     for the process and starts one thread per open connection, none else. Channels set the
+ *     locale of the process; see eci_channel.h.
  *  4. Texts are NUL-terminated unless their comment gives a fixed width. The library never
  *     writes into a text passed to it.
  *  5. Pointers handed out point into the library's own storage; each call says how long it
  *     lives. Never free them.
  *  6. Times are whole seconds, sizes are bytes.
+ *  7. What bounds a wait is said at the call. "Without limit" means until the other side answers
+ *     or the connection ends; neither a signal nor a cancellation of the thread ends such a wait.
+ *     docs/guide.md lists these waits and the way out of each.
+ *  8. A thread that is cancelled leaves the call first. No call may be made from a signal handler,
+ *     or left by longjmp.
+ *  9. A child of fork has the channels and no connection: a token of its parent is no token there.
+ *     Nothing of a connection, and no trace file, is inherited by a program that is executed.
  *
  * Example
  *
@@ -51,7 +59,7 @@ extern "C" {
 /* ---- Return codes of the connection and library family ---------------------------------- */
 
 #define QPX_OK                     0      /* the call succeeded */
-#define QPX_ERR_SYSTEM_ERROR       (-9)   /* a lock, event or thread of the library failed */
+#define QPX_ERR_SYSTEM_ERROR       (-9)   /* a lock, event or thread failed; or no Gateway */
 #define QPX_ERR_MORE_SYSTEMS       (-25)  /* the Gateway knows more systems than the list holds */
 #define QPX_ERR_NO_SYSTEMS         (-26)  /* the Gateway knows no system */
 #define QPX_ERR_NULLGWTOK          (-100) /* the connection token is NULL */
@@ -85,25 +93,39 @@ extern "C" {
 
 /* ---- Connections ------------------------------------------------------------------------ */
 
-/* The handle of one connection; opaque, and valid from a successful open until its close. */
+/*
+ * The handle of one connection; opaque, and valid from a successful open until its close. Calls
+ * refuse what is no handle, or none any more, with QPX_ERR_BADGWTOK. A close or purge refuses one
+ * of at least the last 64 that were closed with QPX_ERR_GWTOK_CLOSED. A handle that is kept longer
+ * may come to name another connection: set variables to NULL.
+ */
 typedef struct _QPX_ConnToken_t* QPX_ConnToken_t;
 
 /*
  * Opens a connection to the Gateway at hostname:port with no applid.
  *
- * hostname     name or address; only the first address that it resolves to is tried.
+ * hostname     name or address; only the first address that it resolves to is tried. That may be
+ *              ::1 for "localhost".
  * port         TCP port, 1 to 65535.
  * gwTokPtr     receives the connection's token on success; unchanged otherwise.
- * connTimeout  seconds allowed for the TCP connect and again for the Gateway's answer to the
- *              handshake, 0 to 3600; 0 means no limit.
+ * connTimeout  seconds allowed for the TCP connect and again until the Gateway's answer to the
+ *              handshake begins, 0 to 3600; 0 means no limit.
+ *
+ * connTimeout bounds neither the look-up of the name, which the resolver's own settings do, nor
+ * the rest of the answer: a server that sends fewer than 32 bytes and stays keeps the call until it
+ * goes, and one that says goodbye in the place of an answer keeps it for good. With a limit of 0 a
+ * signal whose handler was set without SA_RESTART ends the connect with QPX_ERR_CONNECTFAILED.
  *
  * The environment variables QPX_APPLID and QPX_APPLIDQUALIFIER, where set (even to an empty
  * value), give the connection its applid and qualifier.
  *
  * Errors: QPX_ERR_BADPORT, QPX_ERR_NULLGWTOKPTR, QPX_ERR_INVALIDTIMEOUTPARM,
- * QPX_ERR_NULLADDRESS, QPX_ERR_APPLIDTOOLONG (from the environment), QPX_ERR_BADHOST,
- * QPX_ERR_CONNECTFAILED, QPX_ERR_CONNECTTIMEOUT, QPX_ERR_MALLOCFAIL, QPX_ERR_SYSTEM_ERROR, or
- * the code with which the Gateway refused the handshake.
+ * QPX_ERR_NULLADDRESS, QPX_ERR_APPLIDTOOLONG (from the environment), QPX_ERR_BADHOST (no
+ * address, or no descriptor left), QPX_ERR_CONNECTFAILED, QPX_ERR_CONNECTTIMEOUT,
+ * QPX_ERR_LOSTGWCON (the other side ended the connection during the handshake: a proxy with nobody
+ * behind it, a server that wants TLS), QPX_ERR_SYSTEM_ERROR (no thread could be started, or what
+ * answered is no Gateway), QPX_ERR_MALLOCFAIL, or the code with which the Gateway refused the
+ * handshake.
  */
 QPX_API int QPX_openRemoteGatewayConnection(char* hostname, int port, QPX_ConnToken_t* gwTokPtr,
                                             int connTimeout);
@@ -121,28 +143,43 @@ QPX_API int QPX_openRemoteGatewayConnectionApplid(char* hostname, int port,
 
 /*
  * Closes a connection in order: refuses new calls on it, waits without limit until the calls
- * and asynchronous requests in progress are done and collected, then ends the conversation.
+ * and asynchronous requests in progress are done and collected, then ends the conversation: sends
+ * the close flow and waits, without limit too, for the Gateway's answer or the end of the
+ * connection.
  *
- * The token is invalid afterwards; the variable that held it is not changed, so set it to NULL
- * yourself. One thread closes a connection once; a second close gets QPX_ERR_GWTOK_CLOSED or
- * QPX_ERR_BADGWTOK.
+ * After QPX_OK the token is invalid and what it stood for is freed; the variable that held it is
+ * not changed, so set it to NULL yourself. One thread closes a connection once; a second close gets
+ * QPX_ERR_GWTOK_CLOSED or QPX_ERR_BADGWTOK.
+ *
+ * After QPX_ERR_LOSTGWCON, QPX_ERR_MALLOCFAIL or QPX_ERR_SYSTEM_ERROR the connection is at its end
+ * too, but its memory stays, and only QPX_closeAllGatewayConnections frees it. If the close flow
+ * could not be made at all, the call still waits until the Gateway ends the connection.
  *
  * Errors: QPX_ERR_NULLGWTOKPTR, QPX_ERR_NULLGWTOK, QPX_ERR_BADGWTOK, QPX_ERR_GWTOK_CLOSED,
- * QPX_ERR_LOSTGWCON (the connection broke while it was closed), QPX_ERR_SYSTEM_ERROR.
+ * QPX_ERR_LOSTGWCON (the connection broke while it was closed), QPX_ERR_MALLOCFAIL,
+ * QPX_ERR_SYSTEM_ERROR.
  */
 QPX_API int QPX_closeGatewayConnection(QPX_ConnToken_t* gwTokPtr);
 
 /*
- * As QPX_closeGatewayConnection, but waits at most closeTimeout seconds (0 to 3600; 0 = not at
- * all) for outstanding work. Calls still waiting then end with QPX_ERR_GWTOK_CLOSED, and replies
- * not yet collected are given up.
+ * As QPX_closeGatewayConnection, but waits at most closeTimeout seconds of the system's clock (0
+ * to 3600; 0 = not at all) for outstanding work. Calls still waiting then end with
+ * QPX_ERR_GWTOK_CLOSED, and replies not yet collected are given up.
+ *
+ * closeTimeout does not bound the waits behind it: for the Gateway's answer to the close flow, for
+ * a call that is still sending its request, and for a call that waits for a channel which a call on
+ * another connection has.
  *
  * Further errors: QPX_ERR_INVALIDTIMEOUTPARM (the connection stays open).
  */
 QPX_API int QPX_purgeGatewayConnection(QPX_ConnToken_t* gwTokPtr, int closeTimeout);
 
-/* Purges every open connection of the process, without waiting for replies. Always QPX_OK once
- * the library is initialised. */
+/*
+ * Purges every open connection of the process, one after the other, with a closeTimeout of 0, and
+ * frees what a failed close has left. A connection whose open has not returned yet is passed over.
+ * The waits that a purge does not bound are not bounded here either. Always QPX_OK once the library
+ * is initialised.
+ */
 QPX_API int QPX_closeAllGatewayConnections(void);
 
 /*
@@ -189,8 +226,12 @@ QPX_API int QPX_listSystems(QPX_ConnToken_t gwTok, unsigned short* Systems, QPX_
 QPX_API int QPX_getAPIVersion(char** apiVersPtr);
 QPX_API int QPX_getDLLVersion(char** dllVersPtr);
 
-/* Writes the library's state (trace settings, every connection and every channel) to the trace
- * destination, whatever the trace level. */
+/*
+ * Writes the library's state to the trace destination, whatever the trace level: its version, the
+ * trace level and the name of the trace file, a line for each connection, and what
+ * QPX_ECI_dumpChannels writes. No data and no password. Always QPX_OK once the library is
+ * initialised.
+ */
 QPX_API int QPX_dumpState(void);
 
 /*
@@ -207,7 +248,9 @@ QPX_API char* QPX_getRcString(int rc, char* rcString);
  *   4 values and data dumps   5 the same as 4
  * Environment variables give the settings at the first call: QPX_CLIENT_TRACE_LEVEL (0 to 5),
  * QPX_CLIENT_TRACE_FILE, QPX_CLIENT_DATA_LENGTH and QPX_CLIENT_DATA_OFFSET.
- * Passwords are never traced; other data is, from level 4.
+ * Passwords are never traced; other data is, from level 4. A line that cannot be written is lost
+ * without a word. A file that reaches the limit of file sizes raises SIGXFSZ in the thread that
+ * writes; a FIFO without a reader blocks the call that opens it.
  */
 
 /* Stores the current level in *traceStatePtr. Error: QPX_ERR_NULLPTR. */
@@ -218,7 +261,8 @@ QPX_API int QPX_setAPITraceLevel(int traceState);
 
 /*
  * Appends the trace to the named file from now on; NULL means standard error. The name has at
- * most 1023 bytes. Error: QPX_ERR_TRACEFILE (the destination is unchanged).
+ * most 1023 bytes. A file that is renamed or removed later is written on; the same name given
+ * again opens a new one. Error: QPX_ERR_TRACEFILE (the destination is unchanged).
  */
 QPX_API int QPX_setAPITraceFile(char* traceFile);
 
@@ -226,8 +270,8 @@ QPX_API int QPX_setAPITraceFile(char* traceFile);
 QPX_API void QPX_setAPITraceDataLength(size_t dataLength);
 
 /*
- * Sets how many leading bytes of each dumped block are skipped: 0 unless set. The offset must
- * not be larger than any block that is dumped: it is not compared with the block's length.
+ * Sets how many leading bytes of each dumped block are skipped: 0 unless set. Of a block that is
+ * not longer than that no bytes are shown.
  */
 QPX_API void QPX_setAPITraceDataOffset(size_t dataOffset);
 

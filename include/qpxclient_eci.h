@@ -25,8 +25,11 @@
  *
  * Units of work. A call with eci_extend_mode ECI_EXTENDED and eci_luw_token 0 opens a unit of
  * work and returns its token in eci_luw_token; calls that pass the token back run in the same
- * unit, and ECI_COMMIT or ECI_BACKOUT ends it. A call of a unit of work that fails gives up the
- * unit: its token is unknown afterwards (ECI_ERR_LUW_TOKEN).
+ * unit, and ECI_COMMIT or ECI_BACKOUT ends it. A synchronous call of a unit of work that has been
+ * sent and fails gives up the unit: its token is unknown afterwards (ECI_ERR_LUW_TOKEN). What the
+ * checks refuse changes nothing. An asynchronous call whose reply brings a code of the server's
+ * does not give up the unit: end it with ECI_BACKOUT and the token of that reply. With a token of 0
+ * nothing can name it any more, and what it takes of memory stays until the connection is closed.
  */
 #ifndef QPXCLIENT_ECI_H
 #define QPXCLIENT_ECI_H
@@ -119,23 +122,29 @@ typedef struct _QPX_ECI_PARMS {
  * Runs one call as the record says: calls a server program with a COMMAREA, or collects the
  * reply of an asynchronous call.
  *
- * ECI_SYNC      waits for the reply. eci_abend_code and eci_luw_token are results even if the
- *               server reports a failure; the reply is in the COMMAREA, zeros behind it where
- *               it is shorter.
+ * ECI_SYNC      sends the request and waits, without limit, for the reply or the end of the
+ *               connection. eci_abend_code and eci_luw_token are results even if the server
+ *               reports a failure; the reply is in the COMMAREA, zeros behind it where it is
+ *               shorter.
  * ECI_ASYNC     returns when the request is sent; eci_message_qualifier names it. The COMMAREA
  *               may be used again at once.
- * Collecting    overwrites the record with that of the request whose reply it is, but for
- *               eci_commarea and eci_commarea_length. If the COMMAREA is too small, the result
- *               is ECI_ERR_INVALID_DATA_LENGTH, eci_commarea_length has the size needed, and
- *               the reply stays for the next call.
+ * Collecting    overwrites the record with that of the request whose reply it is, eci_call_type
+ *               included, but for eci_commarea and eci_commarea_length: set eci_call_type again
+ *               before the next call. If the COMMAREA is too small, the record is overwritten
+ *               too, the result is ECI_ERR_INVALID_DATA_LENGTH, eci_commarea_length has the size
+ *               needed, and the reply stays for the next call. A call that waits does so until
+ *               there is a reply, the connection ends, or it is being closed with nothing to come.
+ *
+ * Sending waits while the Gateway does not read, without limit. A request that is answered before
+ * it is sent whole has its outcome when the sending has ended, not before.
  *
  * The record and what it points to belong to the caller, must stay unchanged during the call,
  * and serve one call at a time. Several threads may call on one connection with records of
  * their own.
  *
  * Errors: QPX_ERR_NULLGWTOK, QPX_ERR_BADGWTOK, QPX_ERR_NULLECIPOINTER, QPX_ERR_GWTOK_CLOSED,
- * QPX_ERR_LOSTGWCON, QPX_ERR_GATEWAY_CLOSED, every code of the ECI family, and every code that
- * the Gateway or the server returns.
+ * QPX_ERR_LOSTGWCON, QPX_ERR_GATEWAY_CLOSED, QPX_ERR_MALLOCFAIL, every code of the ECI family, and
+ * every code that the Gateway or the server returns.
  */
 QPX_API int QPX_ECI_Execute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms);
 
@@ -143,7 +152,8 @@ QPX_API int QPX_ECI_Execute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms);
  * As QPX_ECI_Execute, with the channel in the record's field channel instead of a COMMAREA
  * (eci_version from ECI_VERSION_4). The server's additions, deletions and changes of containers
  * have been applied to the channel when an ECI_SYNC call returns, or the reply of an ECI_ASYNC
- * call has been collected. Until then the channel is the call's: whoever else uses it waits.
+ * call has been collected. Until then the channel is the call's: whoever else uses it waits,
+ * without limit, and so does a close of the connection on which such a call waits.
  *
  * ECI_COMMIT and ECI_BACKOUT carry no data: they need a channel in the record, which must exist,
  * but neither send it nor wait for it. A channel whose code page is not known yet gets that of the
@@ -152,7 +162,9 @@ QPX_API int QPX_ECI_Execute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms);
  * The collecting calls need no channel and collect every kind of reply, as those of QPX_ECI_Execute
  * do; the record's channel is that of the request then.
  *
- * If the connection is lost during the call, some of the changes may have been applied.
+ * If the connection is lost during the call, some of the changes may have been applied, each of
+ * them whole: a container whose data did not all arrive is not there if it was to be added, and as
+ * before or empty if it was to be changed. Memory is taken as data arrives, not as it is announced.
  *
  * Further errors: ECI_ERR_INVALID_CHANNEL, ECI_ERR_COMMAREA_AND_CHANNEL.
  */

@@ -78,12 +78,13 @@ typedef struct _ESI_DETAILS {
  * esiDetailsPtr  receives what the server tells of the user, if the result is QPX_OK; may be
  *                NULL.
  *
- * The texts must stay unchanged during the call, which waits without limit for a reply or the end of
- * the connection.
+ * The texts must stay unchanged during the call, which waits without limit for a reply or the end
+ * of the connection.
  *
  * Errors: QPX_ERR_NULLGWTOK, QPX_ERR_BADGWTOK, QPX_ERR_GWTOK_CLOSED, QPX_ERR_LOSTGWCON,
- * QPX_ERR_GATEWAY_CLOSED, QPX_ERR_MALLOCFAIL, QPX_ERR_SYSTEM_ERROR, ESI_ERR_NULL_USERID, ESI_ERR_NULL_PASSWORD, every
- * other code of the ESI family, and every code that the Gateway returns.
+ * QPX_ERR_GATEWAY_CLOSED, QPX_ERR_MALLOCFAIL, QPX_ERR_SYSTEM_ERROR, ESI_ERR_NULL_USERID,
+ * ESI_ERR_NULL_PASSWORD, every other code of the ESI family, and every code that the Gateway
+ * returns.
  */
 QPX_API int QPX_ESI_verifyPassword(QPX_ConnToken_t gwTok, const char* userid, const char* password,
                                    const char* server, ESI_DETAILS* esiDetailsPtr);
@@ -99,11 +100,12 @@ QPX_API int QPX_ESI_changePassword(QPX_ConnToken_t gwTok, const char* userid,
                                    const char* server, ESI_DETAILS* esiDetailsPtr);
 
 /*
- * Converts a time of ESI_DETAILS and returns result. The time is taken as sent and not shifted. A time that is not set (year 0) gives a record of zeros; if an argument is NULL,
- * nothing is done.
+ * Converts a time of ESI_DETAILS and returns result. The time is taken as sent and not shifted. A
+ * time that is not set (year 0) gives a record of zeros; if an argument is NULL, nothing is done.
+ * The two may share storage.
  *
- * Unlike the C library's, tm_yday counts from 1, which strftime's %j and numbers of weeks show. tm_wday is right for 1900 to 2099 and 2101 to
- * 2199. tm_isdst is -1.
+ * Unlike the C library's, tm_yday counts from 1, which strftime's %j and numbers of weeks show.
+ * tm_wday is right for 1900 to 2099 and 2101 to 2199. tm_isdst is -1.
  */
 QPX_API struct tm* QPX_ESI_convertTime(const ESI_DATETIME* esiTime, struct tm* result);
 

@@ -63,7 +63,7 @@ extern "C" {
 #define QPX_ERR_MORE_SYSTEMS       (-25)  /* the Gateway knows more systems than the list holds */
 #define QPX_ERR_NO_SYSTEMS         (-26)  /* the Gateway knows no system */
 #define QPX_ERR_NULLGWTOK          (-100) /* the connection token is NULL */
-#define QPX_ERR_BADGWTOK           (-101) /* the connection token is not that of an open connection */
+#define QPX_ERR_BADGWTOK           (-101) /* the token is not that of an open connection */
 #define QPX_ERR_LOSTGWCON          (-102) /* the connection was lost */
 #define QPX_ERR_NULLPARM           (-103) /* a required text is NULL */
 #define QPX_ERR_TRACELEVEL         (-104) /* the trace level is not 0 to 5 */
@@ -125,7 +125,8 @@ typedef struct _QPX_ConnToken_t* QPX_ConnToken_t;
  * QPX_ERR_LOSTGWCON (the other side ended the connection during the handshake: a proxy with nobody
  * behind it, a server that wants TLS), QPX_ERR_SYSTEM_ERROR (no thread could be started, or what
  * answered is no Gateway), QPX_ERR_MALLOCFAIL, or the code with which the Gateway refused the
- * handshake.
+ * handshake. In a 32-bit process with stacks of 8 MiB there is room for about 500 threads and so
+ * for as many connections; with a smaller "ulimit -s" there are more.
  */
 QPX_API int QPX_openRemoteGatewayConnection(char* hostname, int port, QPX_ConnToken_t* gwTokPtr,
                                             int connTimeout);

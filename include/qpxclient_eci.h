@@ -25,11 +25,11 @@
  *
  * Units of work. A call with eci_extend_mode ECI_EXTENDED and eci_luw_token 0 opens a unit of
  * work and returns its token in eci_luw_token; calls that pass the token back run in the same
- * unit, and ECI_COMMIT or ECI_BACKOUT ends it. A synchronous call of a unit of work that has been
- * sent and fails gives up the unit: its token is unknown afterwards (ECI_ERR_LUW_TOKEN). What the
- * checks refuse changes nothing. An asynchronous call whose reply brings a code of the server's
- * does not give up the unit: end it with ECI_BACKOUT and the token of that reply. With a token of 0
- * nothing can name it any more, and what it takes of memory stays until the connection is closed.
+ * unit, and ECI_COMMIT or ECI_BACKOUT ends it. A call of a unit of work that fails, unless the
+ * checks have refused it, gives up the unit: its token is unknown afterwards (ECI_ERR_LUW_TOKEN).
+ * Not so an ECI_EXTENDED call that is asynchronous and whose reply brings a code of the server's:
+ * end its unit with ECI_BACKOUT and the token of that reply. With a token of 0 nothing can name the
+ * unit any more, and the memory that it takes is held until the connection is closed.
  */
 #ifndef QPXCLIENT_ECI_H
 #define QPXCLIENT_ECI_H

@@ -249,9 +249,10 @@ QPX_API char* QPX_getRcString(int rc, char* rcString);
  *   4 values and data dumps   5 the same as 4
  * Environment variables give the settings at the first call: QPX_CLIENT_TRACE_LEVEL (0 to 5),
  * QPX_CLIENT_TRACE_FILE, QPX_CLIENT_DATA_LENGTH and QPX_CLIENT_DATA_OFFSET.
- * Passwords are never traced; other data is, from level 4. A line that cannot be written is lost
- * without a word. A file that reaches the limit of file sizes raises SIGXFSZ in the thread that
- * writes; a FIFO without a reader blocks the call that opens it.
+ * Passwords are never traced; other data is, from level 4. A line that cannot be written is lost,
+ * and no call fails for it. A file that reaches the limit of file sizes raises SIGXFSZ in the
+ * thread that writes; a FIFO without a reader blocks the call that opens it, and a pipe that is
+ * full every call that writes to it.
  */
 
 /* Stores the current level in *traceStatePtr. Error: QPX_ERR_NULLPTR. */

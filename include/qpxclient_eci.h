@@ -135,8 +135,7 @@ typedef struct _QPX_ECI_PARMS {
  *               needed, and the reply stays for the next call. A call that waits does so until
  *               there is a reply, the connection ends, or it is being closed with nothing to come.
  *
- * Sending waits while the Gateway does not read, without limit. A request that is answered before
- * it is sent whole has its outcome when the sending has ended, not before.
+ * Sending waits while the Gateway does not read, without limit.
  *
  * The record and what it points to belong to the caller, must stay unchanged during the call,
  * and serve one call at a time. Several threads may call on one connection with records of
@@ -154,6 +153,9 @@ QPX_API int QPX_ECI_Execute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms);
  * have been applied to the channel when an ECI_SYNC call returns, or the reply of an ECI_ASYNC
  * call has been collected. Until then the channel is the call's: whoever else uses it waits,
  * without limit, and so does a close of the connection on which such a call waits.
+ *
+ * A request that is answered before its channel is sent whole has its outcome when the sending has
+ * ended, not before.
  *
  * ECI_COMMIT and ECI_BACKOUT carry no data: they need a channel in the record, which must exist,
  * but neither send it nor wait for it. A channel whose code page is not known yet gets that of the

@@ -9,6 +9,9 @@
 #ifndef CLAPI_REQUESTS_H
 #define CLAPI_REQUESTS_H
 
+#include <atomic>
+#include <cstdint>
+
 #include "clapi_channel.h"
 #include "clapi_socketbuffer.h"
 #include "qpxclient_eci.h"
@@ -115,9 +118,11 @@ typedef struct _ECIRequest {
     int limited;    // 1: commarea has room for capacity bytes, the rest is dropped
     size_t capacity;
     ArrivingBytes* section; // instead of channel: takes the reply's channel section as it comes
+    std::atomic<int32_t>* channelBeingSent; // of a request with a channel: set to 0 once it is read
 } ECIRequest;
 
-/* Sets the header's datalength and sends the request. */
+/* Sets the header's datalength and sends the request. Its channel has been read before the last
+ * bytes leave, without which the Gateway cannot answer. */
 int clapiFlowECIRequest(Socket socketDesc, GatewayRequest* header, ECIRequest* request);
 
 /*

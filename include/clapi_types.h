@@ -39,24 +39,24 @@ constexpr int SYSTEM_LIST_QUERY = 2;
  * the requester, in state 3 whoever consumes the reply.
  */
 typedef struct _RequestSlot {
-    char eyecatcher[8];                  // "QPXRSLOT", no terminator
-    std::atomic<_RequestSlot*> nextSlot; // through all tables; null in the last slot
-    _RequestSlot* nextReply;             // in the token's reply queue
-    int32_t state;                       // SLOT_...
-    std::atomic<int32_t> messageId;      // fixed for the slot's life
-    int32_t gatewayRc;                   // from the reply header, or of the connection's end
-    int32_t vornRc;                      // the server's, from the reply body
-    ClapiEvent requestEvent;             // posted when the slot is delivered
-    QPX_ECI_PARMS eciParms;              // the caller's record, with the reply's fields
-    ESI_DETAILS* esiDetails;             // where an ESI reply goes; null when not wanted
-    uint32_t allocNumber;                // names one use of the slot; 0 while it is free
-    char* asyncBuffer;                   // reply buffer of an asynchronous call, owned
-    size_t replyCapacity;                // room at eciParms.eci_commarea
-    int32_t channelHeld;                 // 1 while the request holds its channel's lock
-    int32_t channelBeingSent;            // 1 while the request's sender reads its channel
-    int32_t outcomePending;              // 1 once an outcome waits for that sender to deliver it
-    ArrivingBytes channelSection;        // of a pending reply, not applied yet; owned
-    int32_t purpose;                     // PROGRAM_CALL and the others
+    char eyecatcher[8];                    // "QPXRSLOT", no terminator
+    std::atomic<_RequestSlot*> nextSlot;   // through all tables; null in the last slot
+    _RequestSlot* nextReply;               // in the token's reply queue
+    int32_t state;                         // SLOT_...
+    std::atomic<int32_t> messageId;        // fixed for the slot's life
+    int32_t gatewayRc;                     // from the reply header, or of the connection's end
+    int32_t vornRc;                        // the server's, from the reply body
+    ClapiEvent requestEvent;               // posted when the slot is delivered
+    QPX_ECI_PARMS eciParms;                // the caller's record, with the reply's fields
+    ESI_DETAILS* esiDetails;               // where an ESI reply goes; null when not wanted
+    uint32_t allocNumber;                  // names one use of the slot; 0 while it is free
+    char* asyncBuffer;                     // reply buffer of an asynchronous call, owned
+    size_t replyCapacity;                  // room at eciParms.eci_commarea
+    int32_t channelHeld;                   // 1 while the request holds its channel's lock
+    std::atomic<int32_t> channelBeingSent; // 1 until the sender has read the request's channel
+    int32_t outcomePending;                // 1 once an outcome waits for that sender to deliver it
+    ArrivingBytes channelSection;          // of a pending reply, not applied yet; owned
+    int32_t purpose;                       // PROGRAM_CALL and the others
 } RequestSlot;
 
 /* 16 slots. The fields behind them serve a token's first table only, but for nextKept. */
@@ -194,14 +194,6 @@ bool clapiBeginSending(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
 /* As clapiBeginSending for a flow that belongs to no request. Locks: takes tableLock. */
 bool clapiBeginSendingFlow(_QPX_ConnToken_t* gwTokPtr);
 
-/*
- * Ends the part of a sending that reads the request's channel. An outcome that has overtaken the
- * request is delivered, with the changes of its reply made to the channel first; one of a request
- * that was not sent is dropped. Thread: the sender's, which still counts as one.
- * Locks: takes tableLock, and gives it up while it changes the channel.
- */
-void clapiEndSendingChannel(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, bool sent);
-
 /* Waits for the end of some sending or reading. Locks: tableLock held; given up while waiting. */
 void clapiAwaitTransfer(_QPX_ConnToken_t* gwTokPtr);
 
@@ -210,6 +202,14 @@ void clapiLeaveSenders(_QPX_ConnToken_t* gwTokPtr);
 
 /* Ends either of the above. Locks: takes tableLock. */
 void clapiEndSending(_QPX_ConnToken_t* gwTokPtr);
+
+/*
+ * As clapiEndSending for a request that has been written and may have a channel. An outcome that has
+ * overtaken it is delivered, with the changes of its reply made to the channel first. allocNumber
+ * names the sender's use of the slot, which may be another's by now.
+ * Locks: takes tableLock, and gives it up while it changes the channel.
+ */
+void clapiEndSendingRequest(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, uint32_t allocNumber);
 
 /*
  * Ends the sending of a request that could not be written, and returns when the receiver reads
@@ -233,10 +233,13 @@ void clapiWaitForSenders(_QPX_ConnToken_t* gwTokPtr);
 bool clapiAwaitsOutcome(const RequestSlot* slotP);
 
 /*
- * Makes a failure, or the code of a reply that the slot has got, the slot's outcome. It is delivered
- * at once, or, while the request's sender still reads its channel, left for the sender to deliver:
- * until then the request has no outcome for anybody. Locks: tableLock held.
+ * Leaves an outcome to the request's sender, who delivers it: a code, and the channel section of a
+ * reply, or null. Until then the request has no outcome for anybody. Locks: tableLock held.
  */
+void clapiPutAside(RequestSlot* slotP, int gatewayRc, ArrivingBytes* section);
+
+/* Makes a failure the slot's outcome: it is delivered, or put aside while the request's sender still
+ * reads its channel. Locks: tableLock held. */
 void clapiSettleSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc);
 
 /* Makes the changes of a reply's channel section to the slot's channel: 0, or why the connection

@@ -283,10 +283,12 @@ static void buildRequest(EciCall* call)
     request->xid.format = NO_XID;
     request->qpxCorrelator = getNextCorrelator();
     setCredentials(call);
-    if (sendsChannel(call))
+    if (sendsChannel(call)) {
         request->channel = EciParms->channel;
-    else if (carriesData(call->extendMode))
+        request->channelBeingSent = &call->slotP->channelBeingSent;
+    } else if (carriesData(call->extendMode)) {
         setCommarea(request, EciParms);
+    }
 }
 
 /* The reply of an asynchronous call waits in a buffer of its own until it is collected; the
@@ -368,10 +370,8 @@ static int sendCall(EciCall* call, bool* begun)
     if (*begun) SCHEDULE_POINT(beforeRequestWrite, call->slotP);
     if (rc == ECI_NO_ERROR) rc = writeCall(call);
     if (!*begun) return rc;
-    if (sendsChannel(call))
-        clapiEndSendingChannel(call->gwTok, call->slotP, rc == ECI_NO_ERROR);
     SCHEDULE_POINT(requestWritten, call->slotP);
-    if (rc == ECI_NO_ERROR) clapiEndSending(call->gwTok);
+    if (rc == ECI_NO_ERROR) clapiEndSendingRequest(call->gwTok, call->slotP, call->allocNumber);
     return rc;
 }
 

@@ -49,11 +49,11 @@ struct Receiver {
     ESIRequest esiReply;
     ArrivingBytes section; // a reply's channel section whose channel is still being sent
     RequestSlot* slotP;    // whom the flow is for; null if nobody
-    uint32_t allocNumber; // that slot's use when the flow began to be read
-    int rc;               // any non-zero value ends the thread's loop
-    int closeRc;          // for requests still waiting when the thread ends
-    bool closed;          // a close flow has come
-    int timeout;          // seconds for the next wait, 0 = no limit
+    uint32_t allocNumber;  // that slot's use when the flow began to be read
+    int rc;                // any non-zero value ends the thread's loop
+    int closeRc;           // for requests still waiting when the thread ends
+    bool closed;           // a close flow has come
+    int timeout;           // seconds for the next wait, 0 = no limit
 };
 
 static bool isOpenOrOpening(const _QPX_ConnToken_t* conn)
@@ -246,32 +246,31 @@ static void storeESIReply(RequestSlot* slotP, const ESIRequest& reply)
 /* What there is to store of a reply besides the header's code. */
 enum class ReplyKind { eci, esi, empty };
 
-/*
- * A channel section that was put aside because the channel was still being sent: if it still is, it
- * goes to the slot, for the sender; if not, the channel is changed now.
- * Locks: tableLock held; given up while the channel is changed.
- */
-static int placeSection(Receiver* r, LockGuard* table)
+/* Makes the changes of a channel section whose channel was still being sent when it came, and is no
+ * more. Locks: tableLock held; given up meanwhile. */
+static int changeChannel(Receiver* r, LockGuard* table)
 {
-    if (r->section.length == 0) return QPX_OK;
-    if (r->slotP->channelBeingSent != 0) {
-        r->slotP->channelSection = clapiTakeArrived(&r->section);
-        return QPX_OK;
-    }
     bool released = table->release() == 0;
     int rc = clapiChangeChannel(r->slotP, &r->section, r->header.gatewayRc);
     if (released) table->request();
     return rc;
 }
 
-/* Locks: tableLock held, but for what placeSection says. */
+/* Locks: tableLock held, but for what changeChannel says. */
 static int settleReply(Receiver* r, ReplyKind kind, LockGuard* table)
 {
-    int rc = placeSection(r, table);
+    // From here on, once it is 0 it stays so: it is looked at once.
+    bool overtakes = r->slotP->channelBeingSent != 0;
+    bool changesChannel = r->section.length != 0;
+    int rc = changesChannel && !overtakes ? changeChannel(r, table) : QPX_OK;
     if (rc != QPX_OK) return rc;
+
     if (kind == ReplyKind::eci) storeECIReply(r->slotP, r->eciReply);
     if (kind == ReplyKind::esi) storeESIReply(r->slotP, r->esiReply);
-    clapiSettleSlot(r->conn, r->slotP, r->header.gatewayRc);
+    if (overtakes)
+        clapiPutAside(r->slotP, r->header.gatewayRc, &r->section);
+    else
+        clapiDeliverSlot(r->conn, r->slotP, r->header.gatewayRc);
     return QPX_OK;
 }
 
@@ -298,6 +297,7 @@ static int receiveECIReply(Receiver* r)
     // A failure that the header tells may come without a body.
     bool hasBody = r->header.gatewayRc == 0 || r->header.datalength != 0;
     int rc = hasBody ? clapiReadECIResponse(&r->sockBuffer, &r->eciReply) : QPX_OK;
+    if (rc == QPX_ERR_MALLOCFAIL && r->eciReply.section != nullptr) TRACE(at::noRoomAside);
     rc = bodyResult(r, rc);
     if (rc != QPX_OK) return rc;
     if (r->eciReply.vornRc != 0)

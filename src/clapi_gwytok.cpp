@@ -331,6 +331,23 @@ bool clapiBeginSendingFlow(_QPX_ConnToken_t* gwTokPtr)
     return true;
 }
 
+void clapiAwaitTransfer(_QPX_ConnToken_t* gwTokPtr)
+{
+    pthread_cond_wait(&gwTokPtr->transferEnded, &gwTokPtr->tableLock.lock);
+}
+
+void clapiLeaveSenders(_QPX_ConnToken_t* gwTokPtr)
+{
+    gwTokPtr->senders -= 1;
+    pthread_cond_broadcast(&gwTokPtr->transferEnded);
+}
+
+void clapiEndSending(_QPX_ConnToken_t* gwTokPtr)
+{
+    LockGuard table(gwTokPtr->tableLock);
+    clapiLeaveSenders(gwTokPtr);
+}
+
 int clapiChangeChannel(const RequestSlot* slotP, const ArrivingBytes* section, int gatewayRc)
 {
     namespace at = tp::receiverThread;
@@ -361,36 +378,16 @@ static void deliverPendingOutcome(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP
         SCHEDULE_POINT(asideApplied, slotP);
         if (released) table->request();
     }
-    slotP->channelBeingSent = 0;
     slotP->outcomePending = 0;
     clapiDeliverSlot(gwTokPtr, slotP, gatewayRc);
 }
 
-void clapiEndSendingChannel(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, bool sent)
+void clapiEndSendingRequest(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, uint32_t allocNumber)
 {
     LockGuard table(gwTokPtr->tableLock);
-    if (sent && slotP->outcomePending != 0) {
+    // While an outcome is pending, nobody else gives the slot back.
+    if (slotP->allocNumber == allocNumber && slotP->outcomePending != 0)
         deliverPendingOutcome(gwTokPtr, slotP, &table);
-        return;
-    }
-    slotP->channelBeingSent = 0;
-    dropOutcome(slotP);
-}
-
-void clapiAwaitTransfer(_QPX_ConnToken_t* gwTokPtr)
-{
-    pthread_cond_wait(&gwTokPtr->transferEnded, &gwTokPtr->tableLock.lock);
-}
-
-void clapiLeaveSenders(_QPX_ConnToken_t* gwTokPtr)
-{
-    gwTokPtr->senders -= 1;
-    pthread_cond_broadcast(&gwTokPtr->transferEnded);
-}
-
-void clapiEndSending(_QPX_ConnToken_t* gwTokPtr)
-{
-    LockGuard table(gwTokPtr->tableLock);
     clapiLeaveSenders(gwTokPtr);
 }
 
@@ -453,15 +450,20 @@ bool clapiAwaitsOutcome(const RequestSlot* slotP)
     return slotP->state == SLOT_WAITING && slotP->outcomePending == 0;
 }
 
-void clapiSettleSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc)
+void clapiPutAside(RequestSlot* slotP, int gatewayRc, ArrivingBytes* section)
 {
-    if (slotP->channelBeingSent == 0) {
-        clapiDeliverSlot(gwTokPtr, slotP, gatewayRc);
-        return;
-    }
     slotP->gatewayRc = gatewayRc;
+    if (section != nullptr) slotP->channelSection = clapiTakeArrived(section);
     slotP->outcomePending = 1;
     SCHEDULE_POINT(outcomePutAside, slotP);
+}
+
+void clapiSettleSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc)
+{
+    if (slotP->channelBeingSent != 0)
+        clapiPutAside(slotP, gatewayRc, nullptr);
+    else
+        clapiDeliverSlot(gwTokPtr, slotP, gatewayRc);
 }
 
 void clapiUnlinkReply(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)

@@ -644,12 +644,17 @@ static int receiveDirect(SocketBuffer* sockBuffer, ArrivingBytes* bytes, size_t 
     return rc;
 }
 
-/* Takes bytes that the buffer holds into a field's storage, which has room for them. */
-static void takeInto(SocketBuffer* sockBuffer, ArrivingBytes* bytes, size_t dataLen)
+/* Takes what the buffer holds of a field of dataLen bytes, as far as there is memory for it. */
+static int takeBuffered(SocketBuffer* sockBuffer, ArrivingBytes* bytes, size_t dataLen)
 {
-    if (dataLen == 0) return;
-    take(sockBuffer, bytes->data + bytes->length, dataLen);
-    bytes->length += dataLen;
+    while (bytes->length < dataLen && sockBuffer->count > 0) {
+        if (!clapiProvideRoom(bytes, dataLen)) return QPX_ERR_MALLOCFAIL;
+        size_t room = std::min(dataLen, bytes->capacity) - bytes->length;
+        size_t step = std::min(room, sockBuffer->count);
+        take(sockBuffer, bytes->data + bytes->length, step);
+        bytes->length += step;
+    }
+    return QPX_OK;
 }
 
 /* Takes a field of dataLen bytes, for the first of which there is room. */
@@ -657,14 +662,11 @@ static int takeBytes(SocketBuffer* sockBuffer, ArrivingBytes* bytes, size_t data
 {
     namespace at = tp::readBytes;
 
-    if (sockBuffer->socketErr != 0 || dataLen == 0) return QPX_OK;
-    if (sockBuffer->count >= dataLen) {
-        takeInto(sockBuffer, bytes, dataLen);
-        return QPX_OK;
-    }
+    if (sockBuffer->socketErr != 0) return QPX_OK;
+    int rc = takeBuffered(sockBuffer, bytes, dataLen);
+    if (rc != QPX_OK || bytes->length == dataLen) return rc;
 
-    size_t inBuffer = sockBuffer->count;
-    takeInto(sockBuffer, bytes, inBuffer);
+    size_t inBuffer = bytes->length;
     size_t rest = dataLen - inBuffer;
     if (rest > sockBuffer->bufferSize) return receiveDirect(sockBuffer, bytes, dataLen);
 
@@ -700,8 +702,8 @@ int readRest(SocketBuffer* sockBuffer, ArrivingBytes* bytes)
     size_t announced = bytes->length + bytesLeft(sockBuffer);
     while (bytes->length < announced) {
         if (sockBuffer->count == 0 && fillBuffer(sockBuffer) != QPX_OK) return QPX_ERR_LOSTGWCON;
-        if (!clapiProvideRoom(bytes, announced)) return QPX_ERR_MALLOCFAIL;
-        takeInto(sockBuffer, bytes, std::min(sockBuffer->count, bytes->capacity - bytes->length));
+        int rc = takeBuffered(sockBuffer, bytes, announced);
+        if (rc != QPX_OK) return rc;
     }
     return QPX_OK;
 }

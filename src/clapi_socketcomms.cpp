@@ -658,6 +658,7 @@ static int sendECIRequest(Socket socketDesc, GatewayRequest* header, ECIRequest*
 
     writeHeader(&sockBuffer, header);
     writeECIBody(&sockBuffer, request);
+    if (request->channelBeingSent != nullptr) *request->channelBeingSent = 0;
 
     rc = flushBuffer(&sockBuffer);
     return firstFailure(rc, freeBuffer(&sockBuffer));

@@ -428,17 +428,13 @@ TEST_F(SlotDelivery, CountsARequestAsSentWhoseOutcomeIsCollectedBeforeItsWriteFa
 TEST_F(SlotDelivery, KeepsTheChannelUnlockedOnceThatACollectorHasUnlockedBeforeTheCallEnds)
 {
     Call work(Kind::AsyncChannel);
-    Hold waiting(SchedulePoint::beforeRequestWrite);
+    Hold written(SchedulePoint::requestWritten);
     auto call = start(work);
-    waiting.awaitArrival();
+    written.awaitArrival();
     lose();
     sendersAwaited.await(1);
     EciParms collecting = getReply(8);
-    auto collector = start(collecting); // waits until the channel is not read any more
-    Hold written(SchedulePoint::requestWritten);
-    waiting.release();
-    written.awaitArrival();
-    EXPECT_RC(QPX_ERR_LOSTGWCON, collector.get());
+    EXPECT_RC(QPX_ERR_LOSTGWCON, execute(collecting));
     EXPECT_EQ(0, work.channel->isLocked.load());
     ASSERT_EQ(0, lockChannel(work.channel)); // another call's
 

@@ -129,9 +129,13 @@ typedef struct _QPX_ConnToken_t {
     int32_t senders;              // flows being written, which keep the socket; by tableLock
     RequestSlot* slotBeingRead;   // whose reply the receiver reads; by tableLock
     pthread_cond_t transferEnded; // with tableLock's mutex: a sending or a reading has ended
-    int32_t deleters;             // threads inside a delete of the token; by gtlLock
-    int32_t quiesced;             // 1 once a delete has quiesced the token; by gtlLock
-    int32_t opening;              // 1 until the open has succeeded; by gtlLock
+    // Threads that close the token, each from its mark or from the beginning of its delete until
+    // that has ended; raised under gtlLock, and the token is freed by the last of them.
+    std::atomic<int32_t> deleters;
+    int32_t quiesced;     // 1 once a delete has quiesced the token; by gtlLock
+    int32_t opening;      // 1 until the open has succeeded; by gtlLock
+    uint64_t serial;      // counts the tokens of the process; the list is in its order; by gtlLock
+    uint64_t socketInode; // tells the socket from others with its number; 0 until there is one
 } _QPX_ConnToken_t;
 typedef _QPX_ConnToken_t Internal_ConnToken_t;
 
@@ -150,8 +154,8 @@ void clapiDumpGatewayTokens(void);
 
 /*
  * Count an API call on a token in and out. Between the two the token is not freed; after the
- * second it must not be touched. Registering does not look at closedown.
- * 0, QPX_ERR_BADGWTOK (registering, the token is not on the list) or QPX_ERR_SYSTEM_ERROR.
+ * second it must not be touched. Registering does not look at closedown. 0, QPX_ERR_BADGWTOK
+ * (registering, the token is not on the list, or its open has not ended) or QPX_ERR_SYSTEM_ERROR.
  * Locks: take gtlLock.
  */
 int clapiRegisterRequest(_QPX_ConnToken_t* gwTokPtr);
@@ -161,9 +165,17 @@ int clapiUnregisterRequest(_QPX_ConnToken_t* gwTokPtr);
 constexpr int CALLER_HOLDS_LOCK = 0;
 constexpr int LOCK_REQUIRED = 1;
 
+/* Reads the application's variable, which another thread may change at any time. Once per call. */
+inline _QPX_ConnToken_t* clapiReadToken(QPX_ConnToken_t* gwTokPtr)
+{
+    return __atomic_load_n(gwTokPtr, __ATOMIC_RELAXED);
+}
+
 /*
- * Marks a token as closing. With CALLER_HOLDS_LOCK the caller holds gtlLock.
- * 0, QPX_ERR_GWTOK_CLOSED (it is closing already), QPX_ERR_BADGWTOK or QPX_ERR_SYSTEM_ERROR.
+ * Marks a token as closing. Only after result 0 has the caller marked it; the token then stays
+ * until the caller has been through clapiDeleteClosingToken. With CALLER_HOLDS_LOCK the caller
+ * holds gtlLock. 0, QPX_ERR_GWTOK_CLOSED (it is closing, or has been closed not long ago),
+ * QPX_ERR_BADGWTOK (also for a token whose open has not ended) or QPX_ERR_SYSTEM_ERROR.
  */
 int clapiCloseGatewayToken(_QPX_ConnToken_t* gwTokPtr, int lockRequired);
 
@@ -172,14 +184,33 @@ constexpr int WAIT_WITHOUT_LIMIT = -1;
 constexpr int NO_WAIT = 0;
 
 /*
- * Quiesces a closing token and frees it. Work in progress is waited for without limit, for a
- * number of seconds, or not at all, as closeTimeout says. With CALLER_HOLDS_LOCK the caller
+ * Quiesces the token that the caller has marked as closing, and frees it if no other thread is
+ * still at that. gwTokPtr is shown in the trace and not read. Work in progress is waited for
+ * without limit, for a number of seconds, or not at all, as closeTimeout says.
+ * Locks: takes gtlLock.
+ */
+int clapiDeleteClosingToken(QPX_ConnToken_t* gwTokPtr, _QPX_ConnToken_t* token, int closeTimeout);
+
+/*
+ * The same for a thread that has not marked the token. With CALLER_HOLDS_LOCK the caller
  * vouches for the token and holds gtlLock, which is given up in every case.
  */
 int clapiDeleteGatewayToken(QPX_ConnToken_t* gwTokPtr, int closeTimeout, int lockRequired);
 
 /* Closes and deletes every token on the list that has been opened. Always 0. */
 int clapiDeleteGatewayTokens(void);
+
+/* Notes which socket the token has got. Thread: the one that has just made it. */
+void clapiNoteSocket(_QPX_ConnToken_t* gwTokPtr);
+
+/*
+ * For the child of a fork: no token is on the list any more, and the sockets that came with the
+ * fork are closed without a flow, for the connections are the parent's. The records stay, as do
+ * the locks in them that threads of the parent may have held. Writes no trace line.
+ * Locks: gtlLock held, by this thread and since before the fork, so that the list is whole; no
+ * lock of a token is taken.
+ */
+void clapiForgetTokens(void);
 
 /* ---- Sending and delivering ---- */
 

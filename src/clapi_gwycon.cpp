@@ -634,7 +634,10 @@ static int createSocket(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host)
 
     TRACE(at::creatingSocket, host->ai_family, host->ai_socktype, host->ai_protocol);
     gwTokPtr->socketDescriptor = socket(host->ai_family, host->ai_socktype, host->ai_protocol);
-    if (gwTokPtr->socketDescriptor != NO_SOCKET) return QPX_OK;
+    if (gwTokPtr->socketDescriptor != NO_SOCKET) {
+        clapiNoteSocket(gwTokPtr);
+        return QPX_OK;
+    }
 
     int error = errno;
     ErrorText text;

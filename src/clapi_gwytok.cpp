@@ -3,10 +3,12 @@
  * them, the request slots of each, the count of the calls at work on it, and its orderly end.
  * What travels on the connection is clapi_gwycon's and clapi_socketcomms' business.
  *
- * Locks: gtlLock for the list, closedown, requestCount and the last three fields of a token;
+ * Locks: gtlLock for the list, closedown, requestCount and the fields behind deleters of a token;
  * then tableLock for its slots and its reply queue. Neither is held across a wait.
  */
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstddef>
 #include <cstdlib>
@@ -18,12 +20,17 @@
 #include "trace_points/clapi_gwycon.h"
 #include "trace_points/clapi_gwytok.h"
 
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/asan_interface.h>
+#endif
+
 static const char TOKEN_EYECATCHER[] = "QPXGWTOK";
 static const char SLOT_EYECATCHER[] = "QPXRSLOT";
 
 Clapilock gtlLock;
 static _QPX_ConnToken_t* gtListHeadPtr = nullptr; // guarded by gtlLock
 static _QPX_ConnToken_t* gtListTailPtr = nullptr; // guarded by gtlLock; stale for an empty list
+static uint64_t lastSerial = 0;                   // guarded by gtlLock; that of the last token listed
 
 /* Results of findGatewayToken. */
 constexpr int TOKEN_NULL = 1002;
@@ -486,7 +493,19 @@ void clapiUnlinkReply(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
 
 /* ---- The token list ---- */
 
-static int searchTokenList(_QPX_ConnToken_t* targetToken, _QPX_ConnToken_t** parentTokenPtrPtr)
+/* Who looks for a token. */
+enum class Seeker {
+    Caller, // has nothing but an address: a token whose open has not ended is not there for it
+    Holder  // knows that the token is there, since it opens it or is one of its deleters
+};
+
+static bool showsTo(Seeker seeker, const _QPX_ConnToken_t* token)
+{
+    return seeker == Seeker::Holder || token->opening == 0;
+}
+
+static int searchTokenList(_QPX_ConnToken_t* targetToken, _QPX_ConnToken_t** parentTokenPtrPtr,
+                           Seeker seeker)
 {
     namespace at = tp::findGatewayToken;
 
@@ -503,12 +522,14 @@ static int searchTokenList(_QPX_ConnToken_t* targetToken, _QPX_ConnToken_t** par
     _QPX_ConnToken_t* parent = nullptr;
     _QPX_ConnToken_t* current = gtListHeadPtr;
     int entry = 0;
-    while (current != targetToken && current->nextGwyTokPtr != nullptr) {
+    bool found = current == targetToken && showsTo(seeker, current);
+    while (!found && current->nextGwyTokPtr != nullptr) {
         parent = current;
         current = current->nextGwyTokPtr;
         entry += 1;
+        found = current == targetToken && showsTo(seeker, current);
     }
-    if (current != targetToken) {
+    if (!found) {
         TRACE(at::notFound, entry, gtListHeadPtr, current);
         return TOKEN_NOT_FOUND;
     }
@@ -519,12 +540,13 @@ static int searchTokenList(_QPX_ConnToken_t* targetToken, _QPX_ConnToken_t** par
 
 /* Searches the list for a token; *parentTokenPtrPtr, where wanted, receives the token before it.
  * Locks: gtlLock held. */
-static int findGatewayToken(_QPX_ConnToken_t* targetToken, _QPX_ConnToken_t** parentTokenPtrPtr)
+static int findGatewayToken(_QPX_ConnToken_t* targetToken, _QPX_ConnToken_t** parentTokenPtrPtr,
+                            Seeker seeker)
 {
     namespace at = tp::findGatewayToken;
 
     TRACE(at::entry, targetToken, parentTokenPtrPtr);
-    int rc = searchTokenList(targetToken, parentTokenPtrPtr);
+    int rc = searchTokenList(targetToken, parentTokenPtrPtr, seeker);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }
@@ -551,6 +573,8 @@ static int appendToList(_QPX_ConnToken_t* newToken)
         return QPX_ERR_SYSTEM_ERROR;
     }
     gtListTailPtr = newToken;
+    lastSerial += 1;
+    newToken->serial = lastSerial;
     return QPX_OK;
 }
 
@@ -574,6 +598,77 @@ static void unlinkFromList(_QPX_ConnToken_t* token, _QPX_ConnToken_t* parent)
     }
     parent->nextGwyTokPtr = token->nextGwyTokPtr;
     if (parent->nextGwyTokPtr == nullptr) gtListTailPtr = parent;
+}
+
+/* ---- Tokens that have left the list ---- */
+
+/*
+ * A variable of the application may name a token long after its close. As long as the record rests
+ * its address is nobody else's, and who names it is told that the connection is closed. The records
+ * are known by their place here; nothing of them is read.
+ */
+constexpr size_t RESTING_RECORDS = 64;
+static _QPX_ConnToken_t* restingRecords[RESTING_RECORDS]; // guarded by gtlLock
+static size_t nextRestingPlace = 0;                       // guarded by gtlLock; holds the oldest
+
+/* Tokens off the list whose last calls are still inside. Guarded by gtlLock. */
+static _QPX_ConnToken_t* leavingHeadPtr = nullptr;
+
+/* What a child of a fork has forgotten, which belongs to threads that it does not have. */
+static _QPX_ConnToken_t* forgottenHeadPtr = nullptr;
+
+/* Whether there was a connection at the address not long ago. Locks: gtlLock held. */
+static bool hasLeft(const _QPX_ConnToken_t* gwTokPtr)
+{
+    if (gwTokPtr == nullptr) return false;
+    for (const _QPX_ConnToken_t* token = leavingHeadPtr; token != nullptr;
+         token = token->nextGwyTokPtr)
+        if (token == gwTokPtr) return true;
+    for (const _QPX_ConnToken_t* record : restingRecords)
+        if (record == gwTokPtr) return true;
+    return false;
+}
+
+/* Locks: gtlLock held. */
+static void beginLeaving(_QPX_ConnToken_t* token)
+{
+    token->nextGwyTokPtr = leavingHeadPtr;
+    leavingHeadPtr = token;
+}
+
+/* Locks: gtlLock held. */
+static void endLeaving(_QPX_ConnToken_t* token)
+{
+    _QPX_ConnToken_t** linkPtr = &leavingHeadPtr;
+    while (*linkPtr != token) linkPtr = &(*linkPtr)->nextGwyTokPtr;
+    *linkPtr = token->nextGwyTokPtr;
+}
+
+/* Lets a use of a resting record show as what it is where the address sanitizer looks on. */
+static void forbidUse(_QPX_ConnToken_t* record)
+{
+#ifdef __SANITIZE_ADDRESS__
+    ASAN_POISON_MEMORY_REGION(record, sizeof *record);
+#endif
+    static_cast<void>(record);
+}
+
+static void freeRecord(_QPX_ConnToken_t* record)
+{
+#ifdef __SANITIZE_ADDRESS__
+    if (record != nullptr) ASAN_UNPOISON_MEMORY_REGION(record, sizeof *record);
+#endif
+    free(record);
+}
+
+/* Puts a record to rest in the place of the oldest one, which is freed. Locks: gtlLock held. */
+static void putToRest(_QPX_ConnToken_t* record)
+{
+    explicit_bzero(static_cast<void*>(record), sizeof *record);
+    forbidUse(record);
+    freeRecord(restingRecords[nextRestingPlace]);
+    restingRecords[nextRestingPlace] = record;
+    nextRestingPlace = (nextRestingPlace + 1) % RESTING_RECORDS;
 }
 
 int clapiFormatGatewayToken(_QPX_ConnToken_t* gwTokPtr, char* formattedToken)
@@ -638,7 +733,7 @@ static int countRequestIn(_QPX_ConnToken_t* gwTokPtr)
         return QPX_ERR_SYSTEM_ERROR;
     }
 
-    int findRc = findGatewayToken(gwTokPtr, nullptr);
+    int findRc = findGatewayToken(gwTokPtr, nullptr, Seeker::Caller);
     if (findRc != TOKEN_FOUND) {
         TRACE(at::notFound, gwTokPtr, findRc);
         return QPX_ERR_BADGWTOK;
@@ -774,6 +869,13 @@ static void setInitialFields(_QPX_ConnToken_t* token, int port, int connTimeout,
     token->opening = 1;
 }
 
+/* How a thread that deletes a token has come to it. */
+enum class Deleter {
+    Opener, // has made it, in an open that fails
+    Marker, // has marked it as closing, and is one of its deleters since
+    Other   // has found it on the list
+};
+
 /* Makes a token that is complete but for its connection and puts it on the list. */
 static int buildToken(_QPX_ConnToken_t** newToken, int port, int connTimeout, const char* applid,
                       const char* applidQualifier)
@@ -835,12 +937,15 @@ static void traceNewToken(_QPX_ConnToken_t* token)
     TRACE(at::created, formattedToken);
 }
 
-/* From now on a close of all connections takes the token for one of them. */
+/* From now on the token is there for whoever names it, and for a close of all connections. */
 static void endOpening(_QPX_ConnToken_t* token)
 {
     LockGuard list(gtlLock);
     token->opening = 0;
 }
+
+static int deleteToken(QPX_ConnToken_t* gwTokPtr, _QPX_ConnToken_t* token, int closeTimeout,
+                       int lockRequired, Deleter deleter);
 
 static int createAndConnect(QPX_ConnToken_t* gwTokPtr, char* hostname, int port, int connTimeout,
                             char* applid, char* applidQualifier)
@@ -852,7 +957,7 @@ static int createAndConnect(QPX_ConnToken_t* gwTokPtr, char* hostname, int port,
     // From here on the token's copies of the texts count: the caller's may change meanwhile.
     rc = openClientSocket(token, hostname, port, token->applid, token->applidQualifier);
     if (rc != QPX_OK) {
-        clapiDeleteGatewayToken(&token, NO_WAIT, LOCK_REQUIRED);
+        deleteToken(&token, token, NO_WAIT, LOCK_REQUIRED, Deleter::Opener);
         return rc;
     }
     traceNewToken(token);
@@ -874,34 +979,31 @@ int clapiCreateGatewayToken(QPX_ConnToken_t* gwTokPtr, char* hostname, int port,
 
 /* ---- Closing a token ---- */
 
-/* The closedown word where a token is, or was, or never has been. A pointer that is not on the
- * list is never followed: the system reads the word, and what it cannot read counts as 0. */
-static int closedownAt(_QPX_ConnToken_t* gwTokPtr, int findRc)
+/* Whether a close of the token has begun, or has taken it off the list not long ago.
+ * Locks: gtlLock held. */
+static bool isClosing(const _QPX_ConnToken_t* gwTokPtr, int findRc)
 {
-    if (findRc == TOKEN_FOUND) return gwTokPtr->closedown;
-    if (gwTokPtr == nullptr) return 0;
-
-    int word = 0;
-    // By arithmetic: what is no token may stand at any address.
-    const char* address = reinterpret_cast<const char*>(gwTokPtr) +
-                          offsetof(_QPX_ConnToken_t, closedown);
-    return clapiReadWord(address, &word) == 0 ? word : 0;
+    return findRc == TOKEN_FOUND ? gwTokPtr->closedown != 0 : hasLeft(gwTokPtr);
 }
 
-/* Locks: gtlLock held. */
+/*
+ * Marks a token, and counts whoever has marked it among its deleters in the same hold: from here
+ * on the token stays until that thread has been through the delete. Locks: gtlLock held.
+ */
 static int markAsClosing(_QPX_ConnToken_t* gwTokPtr)
 {
     namespace at = tp::clapiCloseGatewayToken;
 
-    int findRc = findGatewayToken(gwTokPtr, nullptr);
+    int findRc = findGatewayToken(gwTokPtr, nullptr, Seeker::Caller);
     // Deliberate: a closed token is told from an unknown one before the list is asked.
-    if (closedownAt(gwTokPtr, findRc) != 0) return QPX_ERR_GWTOK_CLOSED;
+    if (isClosing(gwTokPtr, findRc)) return QPX_ERR_GWTOK_CLOSED;
     if (findRc != TOKEN_FOUND) {
         TRACE(at::notFound, gwTokPtr, findRc);
         return QPX_ERR_BADGWTOK;
     }
 
     gwTokPtr->closedown = 1;
+    gwTokPtr->deleters += 1;
     SCHEDULE_POINT(tokenMarked, gwTokPtr);
     int calls = gwTokPtr->requestCount;
     int asyncRequests = gwTokPtr->asyncCount;
@@ -911,6 +1013,7 @@ static int markAsClosing(_QPX_ConnToken_t* gwTokPtr)
     if (clapiSetEvent(&gwTokPtr->requestsEnded) != 0) {
         TRACE(at::notArmed);
         gwTokPtr->closedown = 0;
+        gwTokPtr->deleters -= 1;
         return QPX_ERR_SYSTEM_ERROR;
     }
     return QPX_OK;
@@ -1089,8 +1192,8 @@ static void freeAllSlots(_QPX_ConnToken_t* token)
     }
 }
 
-/* Frees a token that is not on the list any more and that nobody works on. Deliberate:
- * recvThreadEndedEvent is not deleted. */
+/* Ends a token that is not on the list any more and that nobody works on. Deliberate:
+ * recvThreadEndedEvent is not deleted. Locks: gtlLock held. */
 static void freeToken(_QPX_ConnToken_t* token)
 {
     namespace at = tp::clapiDeleteGatewayToken;
@@ -1104,27 +1207,45 @@ static void freeToken(_QPX_ConnToken_t* token)
     clapiDestroyLock(&token->tableLock);
     pthread_cond_destroy(&token->transferEnded);
     TRACE(at::freeing, token);
-    free(token);
+    // The address of a token that was never given out is in nobody's variable.
+    if (token->opening != 0)
+        free(token);
+    else
+        putToRest(token);
+}
+
+/* Finds the token for its delete. Locks: takes gtlLock, and keeps it on success. */
+static int lockAndFind(_QPX_ConnToken_t* token, Deleter deleter)
+{
+    namespace at = tp::clapiDeleteGatewayToken;
+
+    if (clapiRequestLock(&gtlLock) != 0) {
+        TRACE(at::noLock);
+        // Without the lock the count is all that can be put right: it is the last touch of the
+        // token, which stays for a close of all connections.
+        if (deleter == Deleter::Marker) token->deleters -= 1;
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    Seeker seeker = deleter == Deleter::Other ? Seeker::Caller : Seeker::Holder;
+    int findRc = findGatewayToken(token, nullptr, seeker);
+    if (findRc != TOKEN_FOUND) {
+        TRACE(at::notFound, token, findRc);
+        clapiReleaseLock(&gtlLock);
+        return QPX_ERR_BADGWTOK;
+    }
+    return QPX_OK;
 }
 
 /* Begins a delete and gives up gtlLock, which the caller holds unless lockRequired is set. */
-static int beginDelete(_QPX_ConnToken_t* token, int lockRequired)
+static int beginDelete(_QPX_ConnToken_t* token, int lockRequired, Deleter deleter)
 {
     namespace at = tp::clapiDeleteGatewayToken;
 
     if (lockRequired != 0) {
-        if (clapiRequestLock(&gtlLock) != 0) {
-            TRACE(at::noLock);
-            return QPX_ERR_SYSTEM_ERROR;
-        }
-        int findRc = findGatewayToken(token, nullptr);
-        if (findRc != TOKEN_FOUND) {
-            TRACE(at::notFound, token, findRc);
-            clapiReleaseLock(&gtlLock);
-            return QPX_ERR_BADGWTOK;
-        }
+        int rc = lockAndFind(token, deleter);
+        if (rc != QPX_OK) return rc;
     }
-    token->deleters += 1;
+    if (deleter != Deleter::Marker) token->deleters += 1;
     // Calls still at work on the token must be able to leave while the quiesce waits for them.
     if (clapiReleaseLock(&gtlLock) != 0) {
         TRACE(at::notReleased);
@@ -1140,20 +1261,23 @@ static int beginDelete(_QPX_ConnToken_t* token, int lockRequired)
  * was quiesced; nobody can come after them. False if the token is another delete's.
  * Locks: gtlLock held; given up while waiting, and taken again.
  */
-static bool unlinkForGood(_QPX_ConnToken_t* token)
+static bool unlinkForGood(_QPX_ConnToken_t* token, LockGuard* list)
 {
     if (token->deleters > 0 || token->quiesced == 0) return false;
     _QPX_ConnToken_t* parent = nullptr;
-    if (findGatewayToken(token, &parent) != TOKEN_FOUND) return false;
+    if (findGatewayToken(token, &parent, Seeker::Holder) != TOKEN_FOUND) return false;
 
     unlinkFromList(token, parent);
+    beginLeaving(token);
     SCHEDULE_POINT(tokenUnlisted, token);
     while (token->requestCount >= 1) {
         clapiSetEvent(&token->requestsEnded);
-        clapiReleaseLock(&gtlLock);
+        list->release();
         clapiWaitEvent(&token->requestsEnded);
-        clapiRequestLock(&gtlLock);
+        // Whether the last call is through with the token shows under the lock only.
+        if (list->request() != 0) return false;
     }
+    endLeaving(token);
     return true;
 }
 
@@ -1161,27 +1285,52 @@ static int endDelete(_QPX_ConnToken_t* token, int quiesceRc)
 {
     namespace at = tp::clapiDeleteGatewayToken;
 
-    if (clapiRequestLock(&gtlLock) != 0) {
+    LockGuard list(gtlLock);
+    if (!list.held()) {
         if (quiesceRc == QPX_OK) TRACE(at::noLockAfterwards);
+        // The last touch of the token, which stays for a close of all connections.
+        token->deleters -= 1;
         return firstFailure(quiesceRc, QPX_ERR_SYSTEM_ERROR);
     }
     token->deleters -= 1;
     if (quiesceRc == QPX_OK) token->quiesced = 1;
-    if (unlinkForGood(token)) freeToken(token);
-    clapiReleaseLock(&gtlLock);
+    if (unlinkForGood(token, &list)) freeToken(token);
     return quiesceRc;
 }
 
-static int quiesceAndFree(QPX_ConnToken_t* gwTokPtr, int closeTimeout, int lockRequired)
+static int quiesceAndFree(_QPX_ConnToken_t* token, int closeTimeout, int lockRequired,
+                          Deleter deleter)
 {
-    if (gwTokPtr == nullptr) return QPX_ERR_NULLGWTOKPTR;
-    _QPX_ConnToken_t* token = *gwTokPtr;
-    if (token == nullptr) return QPX_ERR_NULLGWTOK;
-
-    int rc = beginDelete(token, lockRequired);
+    int rc = beginDelete(token, lockRequired, deleter);
     if (rc != QPX_OK) return rc;
     rc = quiesceConnection(token, closeTimeout);
     return endDelete(token, rc);
+}
+
+/* The caller's variable is not read: it may have changed since the token was taken from it. */
+static int deleteToken(QPX_ConnToken_t* gwTokPtr, _QPX_ConnToken_t* token, int closeTimeout,
+                       int lockRequired, Deleter deleter)
+{
+    namespace at = tp::clapiDeleteGatewayToken;
+
+    TRACE(at::entry, gwTokPtr, closeTimeout, traceFlag(lockRequired));
+    int rc = quiesceAndFree(token, closeTimeout, lockRequired, deleter);
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+int clapiDeleteClosingToken(QPX_ConnToken_t* gwTokPtr, _QPX_ConnToken_t* token, int closeTimeout)
+{
+    return deleteToken(gwTokPtr, token, closeTimeout, LOCK_REQUIRED, Deleter::Marker);
+}
+
+/* Deletes the token that a variable names. */
+static int deleteNamedToken(QPX_ConnToken_t* gwTokPtr, int closeTimeout, int lockRequired)
+{
+    if (gwTokPtr == nullptr) return QPX_ERR_NULLGWTOKPTR;
+    _QPX_ConnToken_t* token = clapiReadToken(gwTokPtr);
+    if (token == nullptr) return QPX_ERR_NULLGWTOK;
+    return quiesceAndFree(token, closeTimeout, lockRequired, Deleter::Other);
 }
 
 int clapiDeleteGatewayToken(QPX_ConnToken_t* gwTokPtr, int closeTimeout, int lockRequired)
@@ -1189,7 +1338,7 @@ int clapiDeleteGatewayToken(QPX_ConnToken_t* gwTokPtr, int closeTimeout, int loc
     namespace at = tp::clapiDeleteGatewayToken;
 
     TRACE(at::entry, gwTokPtr, closeTimeout, traceFlag(lockRequired));
-    int rc = quiesceAndFree(gwTokPtr, closeTimeout, lockRequired);
+    int rc = deleteNamedToken(gwTokPtr, closeTimeout, lockRequired);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }
@@ -1198,31 +1347,35 @@ int clapiDeleteGatewayToken(QPX_ConnToken_t* gwTokPtr, int closeTimeout, int loc
 
 /* The functions of the walk below hold gtlLock. */
 
-static bool isListed(const _QPX_ConnToken_t* wanted)
-{
-    for (const _QPX_ConnToken_t* token = gtListHeadPtr; token != nullptr;
-         token = token->nextGwyTokPtr)
-        if (token == wanted) return true;
-    return false;
-}
+/*
+ * How far a close of all connections has come. A token is known by its serial number, which no
+ * other ever has; the list is in the order of the numbers.
+ */
+struct Walk {
+    uint64_t lastAtStart; // serial numbers: of the last token listed when the walk began
+    uint64_t lastToVisit;
+    uint64_t visited;
+};
 
-/* The first token from here on whose open has ended: one that is still connecting belongs to the
- * thread that opens it. */
-static _QPX_ConnToken_t* firstOpened(_QPX_ConnToken_t* token)
+/* The next token of the walk, or null. One whose open has not ended belongs to the thread that
+ * opens it. */
+static _QPX_ConnToken_t* nextToDelete(const Walk& walk)
 {
-    while (token != nullptr && token->opening != 0) token = token->nextGwyTokPtr;
-    return token;
-}
-
-/* The token to go on with: the remembered successor, or, if another thread has deleted that one
- * meanwhile, the first that nobody closes yet. */
-static _QPX_ConnToken_t* nextToDelete(_QPX_ConnToken_t* successor)
-{
-    if (successor == nullptr || isListed(successor)) return firstOpened(successor);
     _QPX_ConnToken_t* token = gtListHeadPtr;
-    while (token != nullptr && (token->closedown != 0 || token->opening != 0))
+    while (token != nullptr && (token->serial <= walk.visited || token->opening != 0))
         token = token->nextGwyTokPtr;
-    return token;
+    return token != nullptr && token->serial <= walk.lastToVisit ? token : nullptr;
+}
+
+/*
+ * Notes that a token's turn has come. As if the list was followed from token to token, the walk
+ * comes to those behind it by now; but once it is past those that it has set out for it looks for
+ * no more, lest it never ends while others go on opening.
+ */
+static void visit(Walk* walk, const _QPX_ConnToken_t* token)
+{
+    walk->visited = token->serial;
+    if (token->serial <= walk->lastAtStart) walk->lastToVisit = lastSerial;
 }
 
 static void traceTokenToDelete(_QPX_ConnToken_t* token, int entry)
@@ -1244,16 +1397,18 @@ static int deleteEveryToken()
     if (clapiRequestLock(&gtlLock) != 0) return 0;
     if (gtListHeadPtr == nullptr) TRACE(at::empty);
 
+    Walk walk = {lastSerial, lastSerial, 0};
     int entries = 0;
-    _QPX_ConnToken_t* token = firstOpened(gtListHeadPtr);
+    _QPX_ConnToken_t* token = nextToDelete(walk);
     while (token != nullptr) {
         entries += 1;
         traceTokenToDelete(token, entries);
-        _QPX_ConnToken_t* successor = token->nextGwyTokPtr;
-        clapiCloseGatewayToken(token, CALLER_HOLDS_LOCK);
-        clapiDeleteGatewayToken(&token, NO_WAIT, CALLER_HOLDS_LOCK);
+        visit(&walk, token);
+        int rc = clapiCloseGatewayToken(token, CALLER_HOLDS_LOCK);
+        deleteToken(&token, token, NO_WAIT, CALLER_HOLDS_LOCK,
+                    rc == QPX_OK ? Deleter::Marker : Deleter::Other);
         if (clapiRequestLock(&gtlLock) != 0) return entries;
-        token = nextToDelete(successor);
+        token = nextToDelete(walk);
     }
     clapiReleaseLock(&gtlLock);
     return entries;
@@ -1267,4 +1422,31 @@ int clapiDeleteGatewayTokens(void)
     int entries = deleteEveryToken();
     TRACE(at::exit, entries, QPX_OK);
     return QPX_OK;
+}
+
+/* ---- The child of a fork ---- */
+
+void clapiNoteSocket(_QPX_ConnToken_t* gwTokPtr)
+{
+    struct stat status;
+    if (fstat(gwTokPtr->socketDescriptor, &status) == 0) gwTokPtr->socketInode = status.st_ino;
+}
+
+/* The number of a socket that the connection has closed may be another file's by now. */
+static void closeInheritedSocket(const _QPX_ConnToken_t* token)
+{
+    struct stat status;
+    if (token->socketInode == 0 || fstat(token->socketDescriptor, &status) != 0) return;
+    if (S_ISSOCK(status.st_mode) && status.st_ino == token->socketInode)
+        close(token->socketDescriptor);
+}
+
+void clapiForgetTokens(void)
+{
+    for (_QPX_ConnToken_t* token = gtListHeadPtr; token != nullptr; token = token->nextGwyTokPtr)
+        closeInheritedSocket(token);
+    if (gtListHeadPtr == nullptr) return;
+    gtListTailPtr->nextGwyTokPtr = forgottenHeadPtr;
+    forgottenHeadPtr = gtListHeadPtr;
+    gtListHeadPtr = nullptr;
 }

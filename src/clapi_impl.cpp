@@ -591,14 +591,15 @@ static int closeConnection(QPX_ConnToken_t* gwTokPtr)
         TRACE(at::nullTokPtr, gwTokPtr);
         return QPX_ERR_NULLGWTOKPTR;
     }
-    if (*gwTokPtr == nullptr) {
-        TRACE(at::nullToken, *gwTokPtr);
+    _QPX_ConnToken_t* token = clapiReadToken(gwTokPtr);
+    if (token == nullptr) {
+        TRACE(at::nullToken, token);
         return QPX_ERR_NULLGWTOK;
     }
 
-    int rc = clapiCloseGatewayToken(*gwTokPtr, LOCK_REQUIRED);
+    int rc = clapiCloseGatewayToken(token, LOCK_REQUIRED);
     if (rc != QPX_OK) return rc;
-    rc = clapiDeleteGatewayToken(gwTokPtr, WAIT_WITHOUT_LIMIT, LOCK_REQUIRED);
+    rc = clapiDeleteClosingToken(gwTokPtr, token, WAIT_WITHOUT_LIMIT);
     TRACE(at::closed, gwTokPtr);
     return rc;
 }
@@ -622,8 +623,9 @@ static int purgeConnection(QPX_ConnToken_t* gwTokPtr, int closeTimeout)
         TRACE(at::nullTokPtr, gwTokPtr);
         return QPX_ERR_NULLGWTOKPTR;
     }
-    if (*gwTokPtr == nullptr) {
-        TRACE(at::nullToken, *gwTokPtr);
+    _QPX_ConnToken_t* token = clapiReadToken(gwTokPtr);
+    if (token == nullptr) {
+        TRACE(at::nullToken, token);
         return QPX_ERR_NULLGWTOK;
     }
     if (closeTimeout < 0 || closeTimeout > MAX_TIMEOUT) {
@@ -631,9 +633,9 @@ static int purgeConnection(QPX_ConnToken_t* gwTokPtr, int closeTimeout)
         return QPX_ERR_INVALIDTIMEOUTPARM;
     }
 
-    int rc = clapiCloseGatewayToken(*gwTokPtr, LOCK_REQUIRED);
+    int rc = clapiCloseGatewayToken(token, LOCK_REQUIRED);
     if (rc != QPX_OK) return rc;
-    rc = clapiDeleteGatewayToken(gwTokPtr, closeTimeout, LOCK_REQUIRED);
+    rc = clapiDeleteClosingToken(gwTokPtr, token, closeTimeout);
     TRACE(at::closed, gwTokPtr);
     return rc;
 }

@@ -68,9 +68,7 @@ TEST(CloseChecks, RefusesATokenThatIsClosedAlready)
     QPX_ConnToken_t stale = connection.token;
     connection.closeInOrder();
 
-    int rc = QPX_closeGatewayConnection(&stale);
-
-    EXPECT_TRUE(rc == QPX_ERR_BADGWTOK || rc == QPX_ERR_GWTOK_CLOSED) << support::rcName(rc);
+    EXPECT_RC(QPX_ERR_GWTOK_CLOSED, QPX_closeGatewayConnection(&stale));
 }
 
 TEST(CloseChecks, TracesAClosedConnection)

@@ -396,12 +396,13 @@ TEST_F(TeardownDelete, DoesNotWaitWithATimeOutBelowMinusOne)
     ASSERT_RC(QPX_OK, clapiCloseGatewayToken(connection.token, 1));
     TraceFile trace(2);
     auto deleting = callInThread(
-        [this] { return clapiDeleteGatewayToken(&connection.token, -2, 1); });
+        [this] { return clapiDeleteClosingToken(&connection.token, connection.token, -2); });
 
     connection.answerClose();
 
     EXPECT_RC(QPX_OK, deleting.get());
     connection.forget();
+    EXPECT_EQ(emptyList(), dumpedTokens());
     EXPECT_FALSE(trace.wroteText("quiesceConnection() Waiting"));
 }
 
@@ -670,13 +671,15 @@ TEST_F(TeardownDelete, FailsWhenTheListCannotBeReleasedBeforeTheQuiesce)
     ASSERT_RC(QPX_OK, clapiCloseGatewayToken(connection.token, 1));
     {
         Fault fault = failCall(Call::MutexUnlock, 1, EPERM, Threads::Calling);
-        EXPECT_RC(QPX_ERR_SYSTEM_ERROR, clapiDeleteGatewayToken(&connection.token, 0, 1));
+        EXPECT_RC(QPX_ERR_SYSTEM_ERROR,
+                  clapiDeleteClosingToken(&connection.token, connection.token, 0));
         EXPECT_EQ(1, fault.hits());
     }
 
     EXPECT_EQ(0, pthread_mutex_trylock(&gtlLock.lock)); // given up at the end, then
     pthread_mutex_unlock(&gtlLock.lock);
     expectListedAndClosing();
+    freeByClosingAll();
 }
 
 } // namespace

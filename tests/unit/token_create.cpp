@@ -337,7 +337,7 @@ TEST_F(TokenCreate, LeavesTheCallersVariableAsItWasWhenTheConnectFails)
     EXPECT_EQ(before, token);
 }
 
-TEST_F(TokenCreate, CanBeFoundWhileTheConnectIsInProgress)
+TEST_F(TokenCreate, IsListedButNotFoundByCallersWhileTheConnectIsInProgress)
 {
     TraceFile trace(3);
     auto open = callInThread([this] { return create(); });
@@ -345,11 +345,13 @@ TEST_F(TokenCreate, CanBeFoundWhileTheConnectIsInProgress)
     peer.read(handshakeSize);
     _QPX_ConnToken_t* record = tokenInTrace(trace);
 
-    EXPECT_RC(QPX_OK, clapiRegisterRequest(record));
-    EXPECT_RC(QPX_OK, clapiUnregisterRequest(record));
+    EXPECT_TRUE(support::contains(dumpedTokens(), "GatwayToken(" + pointerText(record) + ") "));
+    EXPECT_RC(QPX_ERR_BADGWTOK, clapiRegisterRequest(record));
 
     peer.send(handshakeAnswer());
     ASSERT_RC(QPX_OK, open.get());
+    EXPECT_RC(QPX_OK, clapiRegisterRequest(record));
+    EXPECT_RC(QPX_OK, clapiUnregisterRequest(record));
     peer.close();
     QPX_closeGatewayConnection(&token);
 }

@@ -30,7 +30,7 @@ static const char SLOT_EYECATCHER[] = "QPXRSLOT";
 Clapilock gtlLock;
 static _QPX_ConnToken_t* gtListHeadPtr = nullptr; // guarded by gtlLock
 static _QPX_ConnToken_t* gtListTailPtr = nullptr; // guarded by gtlLock; stale for an empty list
-static uint64_t lastSerial = 0;                   // guarded by gtlLock; that of the last token listed
+static uint64_t lastSerial = 0; // guarded by gtlLock; that of the last token listed
 
 /* Results of findGatewayToken. */
 constexpr int TOKEN_NULL = 1002;

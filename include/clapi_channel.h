@@ -32,6 +32,14 @@ typedef struct _ECI_Container_t {
     _ECI_Container_t* nextCont;
 } ECI_Container_t;
 
+/* Who frees the record of a channel that is deleted. While a call has a channel its record stays,
+ * so that its address cannot become another channel's. */
+enum ChannelFate : int32_t {
+    FREED_BY_DELETION = 0,
+    DELETED_WHILE_HELD, // the deletion is not through yet
+    LEFT_TO_HOLDER      // the call that has the channel frees it when it lets go
+};
+
 typedef struct _ECI_Channel_t {
     char eyecatcher[8]; // "QPXCHANN", no terminator
     char name[CHANNEL_NAME_SIZE];
@@ -45,9 +53,12 @@ typedef struct _ECI_Channel_t {
     _ECI_Channel_t* nextChan;                  // by chanListLock
     std::atomic<int32_t> waiters; // threads that wait in lockChannel; they come and go by serLock
     int32_t deleted;              // 1 once the channel is being deleted; by serLock
+    int32_t fate;                 // a ChannelFate; by chanListLock
+    _ECI_Channel_t* previousChan; // by chanListLock, as the next
+    _ECI_Channel_t* nextInSet;    // in the set of channels
 } ECI_Channel_t;
 
-/* Guards the list of channels and the cached code page. */
+/* Guards the list and the set of channels, and the cached code page. */
 extern Clapilock chanListLock;
 
 /* The name of a code of the channel and container family, or "UNKNOWN". */
@@ -57,9 +68,12 @@ const char* clapiGetRcStringChannel(int rc);
 
 /*
  * Takes a channel for the length of a call, and gives it back. lockChannel waits, without limit,
- * until no other call has it. A handle that is no channel's is refused and not followed.
+ * until no other call has it. A handle that is no channel's is refused and not followed. A channel
+ * that ECI_deleteAllChannels has deleted meanwhile stays readable for the call that has it, until
+ * its unlockChannel, which returns ECI_ERR_INVALID_CHANNEL then.
  * 0, ECI_ERR_INVALID_CHANNEL or ECI_ERR_SYSTEM_ERROR.
- * Locks: neither may be called with serLock held; unlockChannel may with a tableLock.
+ * Locks: both take chanListLock and serLock, in this order, and neither may be called with one of
+ * them held; unlockChannel may with a tableLock.
  */
 int lockChannel(ECI_ChannelToken_t chanTok);
 int unlockChannel(ECI_ChannelToken_t chanTok);

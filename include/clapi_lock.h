@@ -5,8 +5,8 @@
  * All operations return 0 for success and -1 for failure, and clapiInitializeLock also 1 for a
  * lock that is initialised already. Failures are told by the trace only.
  *
- * Lock order of the library: gtlLock, then a token's tableLock, then a channel's serLock;
- * chanListLock before serLock; sendLock never together with tableLock; traceLock innermost.
+ * Lock order of the library: gtlLock, then a token's tableLock, then chanListLock, then a channel's
+ * serLock; sendLock never together with tableLock; traceLock innermost.
  * gtlLock and tableLock are never held across a wait.
  */
 #ifndef CLAPI_LOCK_H
@@ -30,13 +30,9 @@ int clapiReleaseLock(Clapilock* lockPtr);
 int clapiIsLockInitialized(Clapilock* lockPtr); // the raw state word
 int clapiDestroyLock(Clapilock* lockPtr);
 
-/* Reads a word of memory that may not be there at all: 0, EFAULT if it is not, or another errno
- * where a process may not read itself through the system. */
-int clapiReadWord(const void* address, int* word);
-
-/* As clapiRequestLock, for an address that the application gave: where there is no memory there
- * is no initialised lock. */
-int clapiRequestLockAt(Clapilock* lockPtr);
+/* As clapiRequestLock of a lock that is not initialised, for an address at which its caller knows
+ * that there is no lock, and perhaps no memory. */
+void clapiRefuseLock(const Clapilock* lockPtr);
 
 /*
  * A manual gate for any number of waiters. Deliberate: "set" closes the gate, so that later

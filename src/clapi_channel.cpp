@@ -3,14 +3,13 @@
  * operations on containers, and the local code page. How a channel travels is
  * clapi_socketcomms', which call has it is clapi_eci's business.
  *
- * Locks: chanListLock for the list and the cached code page, a channel's serLock for a few
- * instructions of holding and letting go, never across a wait. containerListGuard is a leaf:
- * nothing that takes another lock of the library, traces or waits happens under it; a dump makes
- * its whole text under it.
+ * Locks: chanListLock for the list, the set and the cached code page, a channel's serLock for a few
+ * instructions of holding and letting go, never across a wait. A handle is known by the set of
+ * channels: chanListLock is held from the look-up until serLock is taken. containerListGuard and
+ * waitersGuard are leaves: nothing that takes another lock of the library, traces or waits for
+ * anything else happens under them; a dump makes its whole text under the former.
  */
 #include "clapi_channel.h"
-
-#include <sched.h>
 
 #include <clocale>
 #include <cstdlib>
@@ -18,6 +17,7 @@
 
 #include <algorithm>
 
+#include "channel_set.h"
 #include "clapi_diag.h"
 #include "clapi_types.h"
 #include "schedule_points.h"
@@ -28,6 +28,12 @@ static const char CONTAINER_EYECATCHER[] = "QPXCONTA";
 
 Clapilock chanListLock;
 static ECI_Channel_t* chanList = nullptr; // the newest channel; by chanListLock
+/* The channels of the list, and those of others that a call still has; by chanListLock. */
+static ChannelSet channelSet;
+
+/* For deletions, which wait for those who wait for a channel to have left. */
+static pthread_mutex_t waitersGuard = PTHREAD_MUTEX_INITIALIZER;
+static pthread_cond_t waiterLeft = PTHREAD_COND_INITIALIZER;
 
 /* Keeps a dump of the channels, which holds no channel, off a container list that is changing. */
 static pthread_mutex_t containerListGuard = PTHREAD_MUTEX_INITIALIZER;
@@ -200,6 +206,9 @@ int getCurrentCcsid(void)
 
 /* ---- Holding a channel ---- */
 
+/* What the last to hold a deleted channel does. */
+static void freeAbandoned(ECI_Channel_t* channel);
+
 /* Sleeps until no call holds the channel; serLock is given up meanwhile. */
 static int awaitUnlocked(ECI_Channel_t* channel, LockGuard* serLock)
 {
@@ -232,8 +241,17 @@ struct ChannelName {
     char text[CHANNEL_NAME_SIZE];
 };
 
-/* Waits for the channel's turn. Another thread may take it between the wake-up and the look:
- * then the wait begins anew. A deletion waits for all who are in here. */
+/* Deletions look at the number of waiters again. */
+static void leaveWaiters(ECI_Channel_t* channel)
+{
+    pthread_mutex_lock(&waitersGuard);
+    channel->waiters -= 1;
+    pthread_cond_broadcast(&waiterLeft);
+    pthread_mutex_unlock(&waitersGuard);
+}
+
+/* Waits for the channel's turn, or its deletion. Another thread may take it between the wake-up and
+ * the look: then the wait begins anew. A deletion waits for all who are in here. */
 static int awaitTurn(ECI_Channel_t* channel, LockGuard* serLock)
 {
     namespace at = tp::lockChannel;
@@ -241,8 +259,9 @@ static int awaitTurn(ECI_Channel_t* channel, LockGuard* serLock)
     TRACE(at::waiting, ChannelName(channel).text, channel);
     channel->waiters += 1;
     int rc = ECI_NO_ERROR;
-    while (rc == ECI_NO_ERROR && channel->isLocked != 0) rc = awaitUnlocked(channel, serLock);
-    channel->waiters -= 1;
+    while (rc == ECI_NO_ERROR && channel->isLocked != 0 && channel->deleted == 0)
+        rc = awaitUnlocked(channel, serLock);
+    leaveWaiters(channel);
     return rc;
 }
 
@@ -289,6 +308,19 @@ static Clapilock* serLockOf(ECI_ChannelToken_t chanTok)
     return reinterpret_cast<Clapilock*>(address + offsetof(ECI_Channel_t, serLock));
 }
 
+/* Takes the serLock of a channel that is there and not deleted: 0 or -1. */
+static int requestSerLock(ECI_ChannelToken_t chanTok)
+{
+    {
+        LockGuard list(chanListLock);
+        if (!list.held()) return -1;
+        if (channelSet.contains(chanTok) && chanTok->deleted == 0)
+            return clapiRequestLock(&chanTok->serLock);
+    }
+    clapiRefuseLock(serLockOf(chanTok));
+    return -1;
+}
+
 static int holdChannel(ECI_ChannelToken_t chanTok)
 {
     namespace at = tp::lockChannel;
@@ -297,7 +329,7 @@ static int holdChannel(ECI_ChannelToken_t chanTok)
         TRACE(at::nullChannel);
         return ECI_ERR_INVALID_CHANNEL;
     }
-    if (clapiRequestLockAt(serLockOf(chanTok)) != 0) {
+    if (requestSerLock(chanTok) != 0) {
         TRACE(at::noChannel, chanTok);
         return ECI_ERR_INVALID_CHANNEL;
     }
@@ -321,26 +353,50 @@ int lockChannel(ECI_ChannelToken_t chanTok)
     return rc;
 }
 
-static int releaseChannel(ECI_ChannelToken_t chanTok)
+/* The end of a call's hold of a channel that has been deleted under it. True if its record is left
+ * to the caller. Locks: chanListLock held. */
+static bool leaveDeleted(ECI_Channel_t* channel)
+{
+    LockGuard serLock(channel->serLock);
+    channel->isLocked = 0;
+    if (channel->fate != LEFT_TO_HOLDER) return false;
+    channelSet.remove(channel);
+    return true;
+}
+
+/* As requestSerLock, for the end of a hold, which may be that of a deleted channel. */
+static int requestHeldSerLock(ECI_ChannelToken_t chanTok)
+{
+    bool isMine = false;
+    {
+        LockGuard list(chanListLock);
+        if (!list.held()) return -1;
+        bool isKnown = channelSet.contains(chanTok);
+        if (isKnown && chanTok->deleted == 0) return clapiRequestLock(&chanTok->serLock);
+        if (isKnown) isMine = leaveDeleted(chanTok);
+    }
+    if (isMine) freeAbandoned(chanTok);
+    clapiRefuseLock(serLockOf(chanTok));
+    return -1;
+}
+
+/* Opens a channel to those who wait for it. serLockRc is the outcome of requesting its serLock. */
+static int releaseChannel(ECI_Channel_t* channel, int serLockRc)
 {
     namespace at = tp::unlockChannel;
 
-    if (chanTok == nullptr) {
-        TRACE(at::nullChannel);
+    if (serLockRc != 0) {
+        TRACE(at::noChannel, channel);
         return ECI_ERR_INVALID_CHANNEL;
     }
-    if (clapiRequestLockAt(serLockOf(chanTok)) != 0) {
-        TRACE(at::noChannel, chanTok);
-        return ECI_ERR_INVALID_CHANNEL;
-    }
-    LockGuard serLock(chanTok->serLock, ALREADY_HELD);
+    LockGuard serLock(channel->serLock, ALREADY_HELD);
     int rc = ECI_NO_ERROR;
-    if (letGo(chanTok) != 0) {
-        TRACE(at::notPosted, chanTok);
+    if (letGo(channel) != 0) {
+        TRACE(at::notPosted, channel);
         rc = ECI_ERR_SYSTEM_ERROR;
     }
     if (serLock.release() != 0) {
-        TRACE(at::notReleased, chanTok);
+        TRACE(at::notReleased, channel);
         rc = ECI_ERR_SYSTEM_ERROR;
     }
     return rc;
@@ -351,7 +407,22 @@ int unlockChannel(ECI_ChannelToken_t chanTok)
     namespace at = tp::unlockChannel;
 
     TRACE(at::entry, chanTok);
-    int rc = releaseChannel(chanTok);
+    int rc = ECI_ERR_INVALID_CHANNEL;
+    if (chanTok == nullptr)
+        TRACE(at::nullChannel);
+    else
+        rc = releaseChannel(chanTok, requestHeldSerLock(chanTok));
+    TRACE(at::exit, rc, clapiGetRcString(rc));
+    return rc;
+}
+
+/* As unlockChannel, for a deletion that holds the channel and has taken it out of the set. */
+static int unlockForgotten(ECI_Channel_t* channel)
+{
+    namespace at = tp::unlockChannel;
+
+    TRACE(at::entry, channel);
+    int rc = releaseChannel(channel, clapiRequestLock(&channel->serLock));
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }
@@ -483,6 +554,24 @@ static void dismantleChannel(ECI_Channel_t* channel)
     clapiDestroyLock(&channel->serLock);
 }
 
+/* Locks: chanListLock held, as in the function that follows. */
+static void putOnList(ECI_Channel_t* channel)
+{
+    channel->previousChan = nullptr;
+    channel->nextChan = chanList;
+    if (chanList != nullptr) chanList->previousChan = channel;
+    chanList = channel;
+}
+
+static void takeOffList(const ECI_Channel_t* channel)
+{
+    if (channel->nextChan != nullptr) channel->nextChan->previousChan = channel->previousChan;
+    if (channel->previousChan != nullptr)
+        channel->previousChan->nextChan = channel->nextChan;
+    else
+        chanList = channel->nextChan;
+}
+
 static int listChannel(ECI_Channel_t* channel)
 {
     namespace at = tp::ECI_createChannel;
@@ -492,13 +581,14 @@ static int listChannel(ECI_Channel_t* channel)
         TRACE(at::noListLock);
         return ECI_ERR_SYSTEM_ERROR;
     }
-    channel->nextChan = chanList;
-    chanList = channel;
+    putOnList(channel);
+    channelSet.add(channel);
     if (list.release() == 0) return ECI_NO_ERROR;
 
     // Still held: the channel goes off the list again.
     TRACE(at::notReleased);
-    chanList = channel->nextChan;
+    takeOffList(channel);
+    channelSet.remove(channel);
     return ECI_ERR_SYSTEM_ERROR;
 }
 
@@ -562,14 +652,7 @@ static void destroyContainers(ECI_Channel_t* channel)
     }
 }
 
-/* Locks: chanListLock held. */
-static void takeOffList(const ECI_Channel_t* channel)
-{
-    ECI_Channel_t** linkPtr = &chanList;
-    while (*linkPtr != nullptr && *linkPtr != channel) linkPtr = &(*linkPtr)->nextChan;
-    if (*linkPtr == channel) *linkPtr = channel->nextChan;
-}
-
+/* Deleting all channels may have been faster: then the channel is not this deletion's. */
 static int unlistChannel(ECI_Channel_t* channel)
 {
     namespace at = tp::ECI_deleteChannel;
@@ -579,34 +662,35 @@ static int unlistChannel(ECI_Channel_t* channel)
         TRACE(at::noListLock);
         return ECI_ERR_SYSTEM_ERROR;
     }
+    if (channel->deleted != 0) return ECI_ERR_INVALID_CHANNEL;
     takeOffList(channel);
     if (list.release() == 0) return ECI_NO_ERROR;
 
     // Still held: the channel stays, and on the list.
     TRACE(at::listNotReleased);
-    channel->nextChan = chanList;
-    chanList = channel;
+    putOnList(channel);
     return ECI_ERR_SYSTEM_ERROR;
 }
 
-/* From here on whoever waits for the channel is refused when it wakes. */
+/* From here on the handle is unknown, and whoever waits for the channel is refused when it wakes.
+ * A lock that cannot be had does not keep the deletion from ending. */
 static void refuseWaiters(ECI_Channel_t* channel)
 {
+    LockGuard list(chanListLock);
+    channelSet.remove(channel);
     LockGuard serLock(channel->serLock);
     channel->deleted = 1;
 }
 
-/* Returns when no thread waits in lockChannel any more. Each of them leaves at once: the channel is
- * not locked, and marked as deleted. Who comes only now must not: the handle is being deleted. */
+/* Returns when no thread waits in lockChannel any more. Each of them leaves at once: the event is
+ * open, and the channel marked as deleted, so that nobody else can come. */
 static void awaitWaiters(ECI_Channel_t* channel)
 {
-    for (;;) {
-        {
-            LockGuard serLock(channel->serLock);
-            if (channel->waiters == 0) return;
-        }
-        sched_yield();
-    }
+    SCHEDULE_POINT(beforeWaitersWait, channel);
+    pthread_mutex_lock(&waitersGuard);
+    while (channel->waiters != 0) pthread_cond_wait(&waiterLeft, &waitersGuard);
+    pthread_mutex_unlock(&waitersGuard);
+    LockGuard serLock(channel->serLock); // the last one to leave had it
 }
 
 static int finishDeletion(ECI_Channel_t* channel)
@@ -615,7 +699,7 @@ static int finishDeletion(ECI_Channel_t* channel)
 
     refuseWaiters(channel);
     int rc = ECI_NO_ERROR;
-    if (unlockChannel(channel) != ECI_NO_ERROR) {
+    if (unlockForgotten(channel) != ECI_NO_ERROR) {
         TRACE(at::notUnlocked);
         letGo(channel); // nobody is left asleep
         rc = ECI_ERR_SYSTEM_ERROR;
@@ -672,18 +756,115 @@ int ECI_deleteChannel(ECI_ChannelToken_t* tokPtr)
     return rc;
 }
 
-/* Locks: chanListLock held. */
-static void deleteFirstChannel()
+/* Frees a channel that was deleted while a call had it; the deletion has told of it. */
+static void freeAbandoned(ECI_Channel_t* channel)
+{
+    dismantleChannel(channel);
+    while (channel->firstCont != nullptr) {
+        ECI_Container_t* container = channel->firstCont;
+        clapiUnlinkContainer(channel, container, nullptr);
+        clapiFreeData(container->dataPtr, container->dataLength);
+        clapiFreeContainer(container);
+    }
+    freeChannel(channel);
+}
+
+/* What a deletion tells of one container. */
+struct ContainerView {
+    const ECI_Container_t* container;
+    char name[CHANNEL_NAME_SIZE];
+    const char* dataPtr;
+    size_t dataLength;
+};
+
+/* Looks at a container by its place in the list of a channel that a call may be changing; false if
+ * there are not so many. */
+static bool viewContainer(const ECI_Channel_t* channel, int place, ContainerView* view)
+{
+    ContainerListHold hold;
+    const ECI_Container_t* container = channel->firstCont;
+    while (container != nullptr && place-- > 0) container = container->nextCont;
+    if (container == nullptr) return false;
+    view->container = container;
+    memcpy(view->name, container->name, sizeof view->name);
+    view->dataPtr = container->dataPtr;
+    view->dataLength = container->dataLength;
+    return true;
+}
+
+/* The lines of a deletion for containers that the call which has the channel may still use. */
+static void tellOfContainers(const ECI_Channel_t* channel)
 {
     namespace at = tp::ECI_deleteAllChannels;
 
-    ECI_Channel_t* channel = chanList;
-    chanList = channel->nextChan;
-    TRACE(at::destroying, channel->name, channel);
+    ContainerView view;
+    for (int place = 0; clientAPITrace > 0 && viewContainer(channel, place, &view); ++place) {
+        if (view.dataPtr != nullptr)
+            TRACE(at::freeingData, traceSize(view.dataLength), view.dataPtr);
+        TRACE(at::deletedContainer, view.name, view.container);
+    }
+}
+
+/* Leaves the record to the call that has the channel, or frees it if none has it any more. */
+static void abandonChannel(ECI_Channel_t* channel)
+{
+    {
+        LockGuard list(chanListLock);
+        if (!list.held()) return; // it stays, and stays refused
+        LockGuard serLock(channel->serLock);
+        if (channel->isLocked != 0) {
+            channel->fate = LEFT_TO_HOLDER;
+            return;
+        }
+        channelSet.remove(channel);
+    }
+    freeAbandoned(channel);
+}
+
+/* Refuses those who wait for a channel that has been marked as deleted. */
+static void seeWaitersOut(ECI_Channel_t* channel)
+{
+    if (channel->waiters == 0) return;
+    {
+        LockGuard serLock(channel->serLock);
+        clapiClearEvent(&channel->unlockEvent);
+    }
+    awaitWaiters(channel);
+}
+
+static void destroyUnlisted(ECI_Channel_t* channel)
+{
+    namespace at = tp::ECI_deleteAllChannels;
+
+    seeWaitersOut(channel);
+    TRACE(at::destroying, ChannelName(channel).text, channel);
+    if (channel->fate == DELETED_WHILE_HELD) {
+        tellOfContainers(channel);
+        TRACE(at::deleted, ChannelName(channel).text, channel);
+        abandonChannel(channel);
+        return;
+    }
     dismantleChannel(channel);
     destroyContainers<at::freeingData, at::deletedContainer>(channel);
     TRACE(at::deleted, channel->name, channel);
     freeChannel(channel);
+}
+
+/* Takes all channels off the list and returns the first. Nobody can hold them from here on; those
+ * that a call has stay in the set, for its unlockChannel. Locks: chanListLock held. */
+static ECI_Channel_t* unlistAllChannels()
+{
+    ECI_Channel_t* first = chanList;
+    for (ECI_Channel_t* channel = first; channel != nullptr; channel = channel->nextChan) {
+        LockGuard serLock(channel->serLock);
+        channel->deleted = 1;
+        if (channel->isLocked != 0)
+            channel->fate = DELETED_WHILE_HELD;
+        else
+            channelSet.remove(channel);
+    }
+    chanList = nullptr;
+    return first;
 }
 
 /* Deliberate: calls in progress are not waited for. */
@@ -691,13 +872,24 @@ static int deleteAllChannels()
 {
     namespace at = tp::ECI_deleteAllChannels;
 
-    LockGuard list(chanListLock);
-    if (!list.held()) {
-        TRACE(at::noListLock);
-        return ECI_ERR_SYSTEM_ERROR;
+    ECI_Channel_t* channel;
+    int releaseRc;
+    {
+        LockGuard list(chanListLock);
+        if (!list.held()) {
+            TRACE(at::noListLock);
+            return ECI_ERR_SYSTEM_ERROR;
+        }
+        channel = unlistAllChannels();
+        releaseRc = list.release();
     }
-    while (chanList != nullptr) deleteFirstChannel();
-    if (list.release() == 0) return ECI_NO_ERROR;
+    SCHEDULE_POINT(channelsUnlisted, channel);
+    while (channel != nullptr) {
+        ECI_Channel_t* next = channel->nextChan;
+        destroyUnlisted(channel);
+        channel = next;
+    }
+    if (releaseRc == 0) return ECI_NO_ERROR;
     TRACE(at::notReleased);
     return ECI_ERR_SYSTEM_ERROR;
 }
@@ -830,19 +1022,25 @@ static int dumpChannels()
 {
     namespace at = tp::QPX_ECI_dumpChannels;
 
-    LockGuard list(chanListLock);
-    if (!list.held()) {
-        TRACE(at::noListLock);
-        return ECI_ERR_SYSTEM_ERROR;
+    char* dump;
+    int releaseRc;
+    {
+        LockGuard list(chanListLock);
+        if (!list.held()) {
+            TRACE(at::noListLock);
+            return ECI_ERR_SYSTEM_ERROR;
+        }
+        dump = makeDump();
+        releaseRc = list.release();
     }
-    char* dump = makeDump();
     if (dump == nullptr) {
         TRACE(at::noMemory);
         return ECI_ERR_MEMORY_SHORTAGE;
     }
+    // Not under the lock that every call on a channel takes: the trace may be slow.
     writeDump(dump);
     free(dump);
-    if (list.release() == 0) return ECI_NO_ERROR;
+    if (releaseRc == 0) return ECI_NO_ERROR;
     TRACE(at::notReleased);
     return ECI_ERR_SYSTEM_ERROR;
 }

@@ -6,12 +6,8 @@
 #include "clapi_lock.h"
 
 #include <sys/time.h>
-#include <sys/uio.h>
-#include <unistd.h>
 
 #include <cerrno>
-#include <cstddef>
-#include <cstdint>
 
 #include "clapi_diag.h"
 #include "schedule_points.h"
@@ -91,32 +87,11 @@ int clapiDestroyLock(Clapilock* lockPtr)
     return 0;
 }
 
-int clapiReadWord(const void* address, int* word)
-{
-    iovec local = {word, sizeof *word};
-    iovec remote = {const_cast<void*>(address), sizeof *word};
-    int errnoBefore = errno;
-    ssize_t length = process_vm_readv(getpid(), &local, 1, &remote, 1, 0);
-    int error = length < 0 ? errno : EFAULT;
-    errno = errnoBefore;
-    return length == static_cast<ssize_t>(sizeof *word) ? 0 : error;
-}
-
-int clapiRequestLockAt(Clapilock* lockPtr)
+void clapiRefuseLock(const Clapilock* lockPtr)
 {
     namespace at = tp::clapiRequestLock;
 
-    int state = LOCK_INITIALIZED;
-    // By arithmetic on numbers: what is no lock may stand at any address.
-    std::uintptr_t stateAt = reinterpret_cast<std::uintptr_t>(lockPtr) +
-                             offsetof(Clapilock, initialized);
-    int error = clapiReadWord(reinterpret_cast<const void*>(stateAt), &state);
-    // Where the system refuses to look, the application's word is taken for it.
-    if (error == EFAULT || state != LOCK_INITIALIZED) {
-        TRACE_UNLOCKED(at::notInitialized, lockPtr);
-        return -1;
-    }
-    return clapiRequestLock(lockPtr);
+    TRACE_UNLOCKED(at::notInitialized, lockPtr);
 }
 
 /* ---- Events ---- */

@@ -45,6 +45,8 @@ enum class SchedulePoint {
     tokenUnlisted,      // the token; gtlLock held
     beforeChannelWait,  // the channel
     channelWaitEnded,   // the channel; who has waited for it looks at it next
+    beforeWaitersWait,  // the channel; its deletion waits for those who wait for it
+    channelsUnlisted,   // the first of all channels; they are off the list, and destroyed next
     containerLinked,    // the channel; a container has been added
     channelDumped,      // the channel; its containers come next; containerListGuard held
 };

@@ -311,14 +311,13 @@ static Clapilock* serLockOf(ECI_ChannelToken_t chanTok)
 /* Takes the serLock of a channel that is there and not deleted: 0 or -1. */
 static int requestSerLock(ECI_ChannelToken_t chanTok)
 {
-    {
-        LockGuard list(chanListLock);
-        if (!list.held()) return -1;
-        if (channelSet.contains(chanTok) && chanTok->deleted == 0)
-            return clapiRequestLock(&chanTok->serLock);
-    }
-    clapiRefuseLock(serLockOf(chanTok));
-    return -1;
+    LockGuard list(chanListLock);
+    if (!list.held()) return -1;
+    bool isThere = channelSet.contains(chanTok) && chanTok->deleted == 0;
+    int rc = isThere ? clapiRequestLock(&chanTok->serLock) : -1;
+    list.release();
+    if (!isThere) clapiRefuseLock(serLockOf(chanTok));
+    return rc;
 }
 
 static int holdChannel(ECI_ChannelToken_t chanTok)
@@ -367,17 +366,16 @@ static bool leaveDeleted(ECI_Channel_t* channel)
 /* As requestSerLock, for the end of a hold, which may be that of a deleted channel. */
 static int requestHeldSerLock(ECI_ChannelToken_t chanTok)
 {
-    bool isMine = false;
-    {
-        LockGuard list(chanListLock);
-        if (!list.held()) return -1;
-        bool isKnown = channelSet.contains(chanTok);
-        if (isKnown && chanTok->deleted == 0) return clapiRequestLock(&chanTok->serLock);
-        if (isKnown) isMine = leaveDeleted(chanTok);
-    }
+    LockGuard list(chanListLock);
+    if (!list.held()) return -1;
+    bool isKnown = channelSet.contains(chanTok);
+    bool isThere = isKnown && chanTok->deleted == 0;
+    int rc = isThere ? clapiRequestLock(&chanTok->serLock) : -1;
+    bool isMine = isKnown && !isThere && leaveDeleted(chanTok);
+    list.release();
     if (isMine) freeAbandoned(chanTok);
-    clapiRefuseLock(serLockOf(chanTok));
-    return -1;
+    if (!isThere) clapiRefuseLock(serLockOf(chanTok));
+    return rc;
 }
 
 /* Opens a channel to those who wait for it. serLockRc is the outcome of requesting its serLock. */

@@ -166,8 +166,7 @@ TEST_F(HeldChannel, IsNotFreedBeforeThoseWhoWaitForItHaveLeft)
     Waiter waiter(*this);
     EXPECT_EQ(0, unlockChannel(channel));
     ECI_Channel_t* record = channel;
-    // Each look of the deletion for waiters gives the lock up once.
-    Hold looking(SchedulePoint::lockReleased, &record->serLock, 4);
+    Hold looking(SchedulePoint::beforeWaitersWait, record);
     auto deleting = callInThread([this] { return ECI_deleteChannel(&channel); });
     looking.awaitArrival();
 

@@ -153,7 +153,7 @@ TEST_F(ChannelListFailure, KeepsAChannelFromBeingDeleted)
 {
     {
         TraceFile trace(1);
-        Fault fault = failCallOn(Call::MutexLock, &chanListLock.lock, 1, EINVAL);
+        Fault fault = failCallOn(Call::MutexLock, &chanListLock.lock, 2, EINVAL);
         EXPECT_RC(-9, ECI_deleteChannel(&channel.token));
         EXPECT_LE(2u, trace.records().size());
     }
@@ -168,7 +168,7 @@ TEST_F(ChannelListFailure, KeepsAChannelFromBeingDeleted)
 TEST_F(ChannelListFailure, OfItsReleaseIsASystemErrorForADeletion)
 {
     {
-        Fault fault = failCallOn(Call::MutexUnlock, &chanListLock.lock, 1, EPERM);
+        Fault fault = failCallOn(Call::MutexUnlock, &chanListLock.lock, 2, EPERM);
         EXPECT_RC(-9, ECI_deleteChannel(&channel.token));
     }
     EXPECT_TRUE(isFree(chanListLock.lock));
@@ -178,7 +178,7 @@ TEST_F(ChannelListFailure, OfItsReleaseIsASystemErrorForADeletion)
 TEST_F(ChannelListFailure, OfItsReleaseLeavesAChannelOnTheListUnlessItIsDeleted)
 {
     {
-        Fault fault = failCallOn(Call::MutexUnlock, &chanListLock.lock, 1, EPERM);
+        Fault fault = failCallOn(Call::MutexUnlock, &chanListLock.lock, 2, EPERM);
         EXPECT_RC(-9, ECI_deleteChannel(&channel.token));
     }
     EXPECT_EQ(channel.token == nullptr ? 0 : 1, channelCount());

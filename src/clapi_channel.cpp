@@ -822,9 +822,9 @@ static void abandonChannel(ECI_Channel_t* channel)
 /* Refuses those who wait for a channel that has been marked as deleted. */
 static void seeWaitersOut(ECI_Channel_t* channel)
 {
-    if (channel->waiters == 0) return;
     {
-        LockGuard serLock(channel->serLock);
+        LockGuard serLock(channel->serLock); // the last one to leave may still have it
+        if (channel->waiters == 0) return;
         clapiClearEvent(&channel->unlockEvent);
     }
     awaitWaiters(channel);

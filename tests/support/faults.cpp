@@ -9,7 +9,6 @@
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/types.h>
-#include <sys/uio.h>
 
 #include <array>
 #include <atomic>
@@ -551,11 +550,6 @@ WRAP(fopen, Fopen, NullPointer, void*, (const char* path, const char* mode), (pa
 WRAP(fopen64, Fopen, NullPointer, void*, (const char* path, const char* mode), (path, mode), path,
      mode)
 WRAP(fclose, Fclose, MinusOne, int, (void* stream), (stream), stream, 0)
-
-WRAP(process_vm_readv, ReadMemory, MinusOne, ssize_t,
-     (pid_t process, const iovec* local, unsigned long localCount, const iovec* remote,
-      unsigned long remoteCount, unsigned long flags),
-     (process, local, localCount, remote, remoteCount, flags), process, local)
 
 #if __SIZEOF_POINTER__ == 4
 // The names of these functions with 64-bit time.

@@ -52,8 +52,7 @@ enum class Call {
     Time,  // time
     Fopen,
     Fclose,
-    ReadMemory, // process_vm_readv
-    Count_      // how many there are
+    Count_ // how many there are
 };
 
 // Whose calls a fault is for.

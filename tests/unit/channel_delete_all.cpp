@@ -37,15 +37,17 @@ protected:
 class ChannelWithAWaiter : public ChannelInUse {
 protected:
     ChannelWithAWaiter()
-        : waiter(waiterFor(trace, token(), [this, wanted = token()] {
-              thread = pthread_self();
-              return lockChannel(wanted);
-          })),
-          stop(beforeCall(Call::MutexLock, 0, [this, lock = &token()->serLock.lock](
-                                                  const CallInfo& info) {
-              bool isWaiter = pthread_equal(pthread_self(), thread) != 0;
-              if (isWaiter && info.first == reinterpret_cast<std::uintptr_t>(lock)) woken.pass();
-          }))
+        : waiter(waiterFor(trace, token(),
+                           [this, wanted = token()] {
+                               thread = pthread_self();
+                               return lockChannel(wanted);
+                           })),
+          stop(beforeCall(Call::MutexLock, 0,
+                          [this, lock = &token()->serLock.lock](const CallInfo& info) {
+                              bool isWaiter = pthread_equal(pthread_self(), thread) != 0;
+                              if (isWaiter && info.first == reinterpret_cast<std::uintptr_t>(lock))
+                                  woken.pass();
+                          }))
     {
     }
 
@@ -72,8 +74,8 @@ public:
 
 private:
     std::set<std::uintptr_t> given_;
-    Fault freeing_ =
-        beforeCall(Call::Free, 0, [this](const CallInfo& info) { given_.insert(info.first); });
+    Fault freeing_ = beforeCall(Call::Free, 0,
+                                [this](const CallInfo& info) { given_.insert(info.first); });
 };
 
 } // namespace
@@ -170,8 +172,8 @@ TEST_F(ChannelInUse, IsToldOfByADeletionOfAllAsAnyOther)
     TraceFile trace(4);
     std::string name = "channel \"ORDER\" (" + shown(token()) + ")";
     EXPECT_RC(0, ECI_deleteAllChannels());
-    EXPECT_TRUE(trace.wrote(
-        1426, "DEBUG", "API.ECI_deleteAllChannels() Destroying event and lock for " + name));
+    EXPECT_TRUE(trace.wrote(1426, "DEBUG",
+                            "API.ECI_deleteAllChannels() Destroying event and lock for " + name));
     EXPECT_TRUE(trace.wroteText("API.ECI_deleteAllChannels() Freeing 4 bytes of container data ("));
     EXPECT_TRUE(trace.wroteText("API.ECI_deleteAllChannels() Deleted container \"CUSTOMER\" ("));
     EXPECT_TRUE(trace.wrote(1429, "DEBUG", "API.ECI_deleteAllChannels() Deleted " + name));

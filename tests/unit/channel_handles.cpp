@@ -103,7 +103,8 @@ TEST_P(ChannelUnderFilter, ServesEveryCall)
     EXPECT_EQ(0, statusOf([this] {
                   for (const ChannelCall& call : containerCalls) {
                       int rc = call.make(channel.token);
-                      if (rc != 0 && rc != ECI_ERR_ENDOFCONTAINERS && rc != ECI_ERR_CONTAINER_NOTFOUND)
+                      if (rc != 0 && rc != ECI_ERR_ENDOFCONTAINERS &&
+                          rc != ECI_ERR_CONTAINER_NOTFOUND)
                           return 1;
                   }
                   return ECI_deleteChannel(&channel.token) == 0 ? 0 : 2;
@@ -142,9 +143,8 @@ TEST_P(ChannelHandle, OfACopyOfAChannelIsRefusedByEveryCall)
 {
     alignas(ECI_Channel_t) char copy[sizeof(ECI_Channel_t)];
     std::memcpy(copy, static_cast<const void*>(channel.token), sizeof copy);
-    EXPECT_EQ(0, statusOf([&copy] {
-                  return makeEveryCall(reinterpret_cast<ECI_ChannelToken_t>(copy));
-              }));
+    EXPECT_EQ(
+        0, statusOf([&copy] { return makeEveryCall(reinterpret_cast<ECI_ChannelToken_t>(copy)); }));
 }
 
 TEST_P(ChannelHandle, OfADeletedChannelIsRefusedByEveryCall)

@@ -11,8 +11,9 @@
  * taken, the compiler holds them against the text, and errno is left as it was.
  *
  * Locks: TRACE and TRACE_DATA take traceLock, the innermost lock, and nothing that traces may be
- * called while it is held. TRACE_UNLOCKED takes none; it is for the lock module and the one-time
- * initialisation only, and its line is lost if the destination is switched at that moment.
+ * called while it is held. TRACE_UNLOCKED takes none of the library's locks; it is for the lock
+ * module and the one-time initialisation only. Below all of them a leaf of the trace's own keeps a
+ * line with its dump whole, and every line off a destination that is being changed.
  */
 #ifndef CLAPI_DIAG_H
 #define CLAPI_DIAG_H
@@ -83,6 +84,9 @@ constexpr TracePoint tpData(int number, const char* text)
 /* Room for the destination's name and its terminator. */
 constexpr size_t TRACE_FILENAME_SIZE = 1024;
 
+/* What leaves at once: a line with its dump, or so much of it. */
+constexpr size_t TRACE_PIECE_SIZE = 65536;
+
 /* Adjacent character arrays that together read as the format of one trace line. */
 typedef struct _formatString {
     char timeStamp[3]; // "%s ", no terminator
@@ -94,8 +98,8 @@ typedef struct _formatString {
 
 extern Clapilock traceLock;
 extern std::atomic<int> clientAPITrace; // the trace level; changed under traceLock
-extern FILE* clientAPITraceHandle;      // guarded by traceLock, as all that follow
-extern char* clientAPITraceFilename;
+extern FILE* clientAPITraceHandle;      // changed under traceLock, as all that follow
+extern char* clientAPITraceFilename;    // TraceDestination gives a copy
 extern const char* const defaultTraceFilename;
 extern int traceHeaderWrite;
 extern std::atomic<size_t> clientAPIDataTrunc;
@@ -124,8 +128,34 @@ int clapiCompareTids(ThreadId tid1, ThreadId tid2); // 1 if equal
 /* Writes the two banner lines. Locks: traceLock held. */
 void clapiWriteTraceBanner(void);
 
-/* Stores the destination's name, cut to the room there is. Locks: traceLock held. */
-void clapiSetTraceFilename(const char* name);
+/* What came of a change of the destination. */
+struct TraceSwitch {
+    int openErrno; // 0 unless a file was named that cannot be opened; the destination is as before
+    bool switched;
+};
+
+/* Makes a named file the destination, or standard error for a null name, closes a file that was it,
+ * and writes the banner if that is due. Locks: traceLock held. */
+TraceSwitch clapiSwitchTrace(const char* name);
+
+/* The destination's name at the moment, for a trace line. */
+class TraceDestination {
+public:
+    TraceDestination();
+    const char* name() const { return text; }
+
+private:
+    char text[TRACE_FILENAME_SIZE];
+};
+
+/*
+ * For a fork: between the first and one of the others no other thread is inside a line or changes
+ * the trace, and both processes find the locks of the trace free afterwards. Locks: the first
+ * takes traceLock, so everything else that is held over a fork is taken before.
+ */
+void clapiTraceForkPrepare(void);
+void clapiTraceForkParent(void);
+void clapiTraceForkChild(void);
 
 /* The rule that frames a dump of the library's records. */
 #define TRACE_RULE_OF_40 "----------------------------------------"
@@ -139,9 +169,9 @@ constexpr int DUMP_WIDTH = 16;
 constexpr int DUMP_TRANSLATE = 1;
 
 /*
- * Writes a block as lines of hexadecimal digits and characters and returns the bytes dumped.
- * Deliberate: the data offset is not compared with dataLen. With a dataLen of 0 the dump ends
- * at the first aligned word that equals stopWord. Locks: traceLock held.
+ * Writes a block as lines of hexadecimal digits and characters and returns the bytes dumped: none
+ * of a block that is not longer than the data offset. With a dataLen of 0 the dump ends at the first
+ * aligned word that equals stopWord. Locks: traceLock held.
  */
 size_t clapiTraceOutStorage(void* startAddr, size_t dataLen, unsigned int stopWord, int width,
                             int translate);
@@ -170,9 +200,6 @@ constexpr DumpBlock dumpOfCopy(const void* copy, size_t length, const void* orig
 {
     return DumpBlock{copy, length, original};
 }
-
-/* Dumps the block; an empty one writes nothing. Locks: traceLock held. */
-void clapiTraceOutBlock(const DumpBlock& block);
 
 /* ---- Arguments of trace lines ---- */
 
@@ -233,8 +260,13 @@ inline bool clapiTraces(const TracePoint& point)
 /* Only seen by the compiler, which checks the arguments against the text. */
 __attribute__((format(printf, 1, 2))) inline void clapiCheckFormat(const char*, ...) {}
 
-/* Writes to the destination without the line prefix, and flushes. Locks: traceLock held. */
+/* Writes to the destination without the line prefix. Locks: traceLock held. */
 __attribute__((format(printf, 1, 2))) void clapiTracePrint(const char* format, ...);
+
+/* Writes a line that is prepared, and behind it the dump of a block, unless that is null or empty,
+ * as a whole. */
+__attribute__((format(printf, 2, 3))) void clapiWriteLine(const DumpBlock* block,
+                                                          const char* format, ...);
 
 /* Fills the shared scratch for a line and returns its format. Locks: traceLock held. */
 const char* clapiPrepareLine(const TracePoint& point);
@@ -259,43 +291,35 @@ void clapiTraceUnlocked(const TracePoint& point, Args... args)
 {
     int errnoBefore = errno;
     UnlockedLine line(point);
-    FILE* destination = clientAPITraceHandle;
-    fprintf(destination, line.format(), line.stamp, line.pid, line.tid, point.number, point.type,
-            args...);
-    fflush(destination);
+    clapiWriteLine(nullptr, line.format(), line.stamp, line.pid, line.tid, point.number, point.type,
+                   args...);
     errno = errnoBefore;
 }
 
-/* Locks: traceLock held. */
+/* The line, and behind it the dump of a block, if there is one. */
 template <typename... Args>
-void clapiPrintLine(const TracePoint& point, Args... args)
-{
-    const char* format = clapiPrepareLine(point);
-    fprintf(clientAPITraceHandle, format, timeStamp, static_cast<unsigned int>(tracePid),
-            static_cast<unsigned int>(iTid), point.number, point.type, args...);
-    fflush(clientAPITraceHandle);
-}
-
-template <typename... Args>
-void clapiTraceLine(const TracePoint& point, Args... args)
-{
-    TraceHold hold;
-    if (hold.held())
-        clapiPrintLine(point, args...);
-    else
-        clapiTraceUnlocked(point, args...);
-}
-
-template <typename... Args>
-void clapiTraceData(const TracePoint& point, const DumpBlock& block, Args... args)
+void clapiTraceWithDump(const TracePoint& point, const DumpBlock* block, Args... args)
 {
     TraceHold hold;
     if (!hold.held()) {
         clapiTraceUnlocked(point, args...);
         return;
     }
-    clapiPrintLine(point, args...);
-    clapiTraceOutBlock(block);
+    const char* format = clapiPrepareLine(point);
+    clapiWriteLine(block, format, timeStamp, static_cast<unsigned int>(tracePid),
+                   static_cast<unsigned int>(iTid), point.number, point.type, args...);
+}
+
+template <typename... Args>
+void clapiTraceLine(const TracePoint& point, Args... args)
+{
+    clapiTraceWithDump(point, nullptr, args...);
+}
+
+template <typename... Args>
+void clapiTraceData(const TracePoint& point, const DumpBlock& block, Args... args)
+{
+    clapiTraceWithDump(point, &block, args...);
 }
 
 #pragma GCC diagnostic pop

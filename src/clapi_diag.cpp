@@ -2,17 +2,23 @@
  * The trace facility: time stamps, lines, banner and data dumps. The trace's exported calls and
  * its environment variables are clapi_impl's.
  *
- * Everything here that writes is called with traceLock held, but for UnlockedLine.
+ * A line is made as a whole and leaves as a whole, under destinationLock, a leaf: whoever writes
+ * without traceLock meets neither a destination that is being changed nor another line. The lines
+ * that are written under traceLock find the shared scratch, and nothing else, guarded by it.
  */
 #include "clapi_diag.h"
 
+#include <algorithm>
 #include <cctype>
+#include <csignal>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 
+#include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include "qpxclient.h"
@@ -36,30 +42,6 @@ int iTid;
 static const char LINE_PREFIX[] = "%s [0x%8.8X,0x%8.8X] [%4.4d] %-6.6s ";
 static_assert(sizeof LINE_PREFIX - 1 == offsetof(formatStringType, msg),
               "the line format's fields must be adjacent");
-
-int clapiInitTrace(void)
-{
-    clientAPITraceHandle = stderr;
-
-    int lockRc = clapiInitializeLock(&traceLock);
-    // Deliberate: a lock that exists already is a trace that exists already, name and all.
-    if (lockRc == 1) return QPX_OK;
-    if (lockRc != 0) return QPX_ERR_SYSTEM_ERROR;
-
-    clientAPITraceFilename = static_cast<char*>(malloc(TRACE_FILENAME_SIZE));
-    if (clientAPITraceFilename == nullptr) return QPX_ERR_MALLOCFAIL;
-    clapiSetTraceFilename(defaultTraceFilename);
-    return QPX_OK;
-}
-
-void clapiSetTraceFilename(const char* name)
-{
-    // Without a buffer for it the initialisation has failed, and only failures are traced.
-    if (clientAPITraceFilename == nullptr) return;
-    size_t length = strnlen(name, TRACE_FILENAME_SIZE - 1);
-    memcpy(clientAPITraceFilename, name, length);
-    clientAPITraceFilename[length] = '\0';
-}
 
 /* ---- Time, process and thread ---- */
 
@@ -100,6 +82,529 @@ int clapiCompareTids(ThreadId tid1, ThreadId tid2)
     return pthread_equal(tid1, tid2) != 0 ? 1 : 0;
 }
 
+/* ---- The way out ---- */
+
+/*
+ * Held around each complete line with its dump, and around each change of the destination, its
+ * name and traceHeaderWrite. Nothing is traced, and no Clapilock taken, while it is held.
+ */
+static pthread_mutex_t destinationLock = PTHREAD_MUTEX_INITIALIZER;
+
+/* What is on its way out; guarded by destinationLock. A line with its dump leaves as one piece
+ * unless it is longer than this. */
+static char pending[TRACE_PIECE_SIZE];
+static size_t pendingSize = 0;
+
+/* What the destination has not taken and has not been told of yet; guarded by destinationLock. */
+static size_t lostBytes = 0;
+static bool lineIsCut = false;
+
+/* How long a destination that is full is waited for, once until it takes something again. */
+constexpr timespec FULL_LIMIT = {1, 0};
+
+/* How often it is waited for in a row, if others fill it as soon as there is room. */
+constexpr int MOST_WAITS = 100;
+
+/* Room for any line of a dump of the library. */
+constexpr size_t DUMP_LINE_ROOM = 512;
+
+namespace {
+
+class DestinationHold {
+public:
+    DestinationHold() { pthread_mutex_lock(&destinationLock); }
+    ~DestinationHold() { pthread_mutex_unlock(&destinationLock); }
+    DestinationHold(const DestinationHold&) = delete;
+    DestinationHold& operator=(const DestinationHold&) = delete;
+};
+
+/*
+ * What is written to the destination without anything else in between, neither of the library nor
+ * of others in this process that write to the same stream. Locks: destinationLock held.
+ */
+class Output {
+public:
+    Output() : file(clientAPITraceHandle != nullptr ? clientAPITraceHandle : stderr)
+    {
+        flockfile(file);
+    }
+    ~Output()
+    {
+        putOut();
+        funlockfile(file);
+    }
+    Output(const Output&) = delete;
+    Output& operator=(const Output&) = delete;
+
+    __attribute__((format(printf, 2, 3))) void print(const char* format, ...);
+    void printArgs(const char* format, va_list args);
+    void put(char character);
+    void makeRoom(size_t room); // so that so many characters leave as one piece
+
+private:
+    void putOut();
+    void printLong(const char* format, va_list args, size_t length);
+    void write(const char* bytes, size_t length);
+
+    FILE* file;
+};
+
+} // namespace
+
+/* Whether a destination that cannot be written to without waiting may be tried again. Signals stay
+ * out, lest they make the wait a longer one. */
+static bool awaitRoom(int descriptor)
+{
+    pollfd room = {descriptor, POLLOUT, 0};
+    sigset_t all;
+    sigfillset(&all);
+    return ppoll(&room, 1, &FULL_LIMIT, &all) > 0;
+}
+
+/* Returns how many of the bytes the destination has taken. */
+static size_t writeAll(int descriptor, const char* bytes, size_t length)
+{
+    size_t taken = 0;
+    int waits = 0;
+    while (taken < length) {
+        ssize_t written = write(descriptor, bytes + taken, length - taken);
+        if (written > 0) {
+            taken += static_cast<size_t>(written);
+            waits = 0;
+            continue;
+        }
+        if (written < 0 && errno == EINTR) continue;
+        bool isFull = written < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+        // One that has been waited for in vain is tried once a line only.
+        if (!isFull || lostBytes != 0 || waits == MOST_WAITS || !awaitRoom(descriptor)) break;
+        waits += 1;
+    }
+    return taken;
+}
+
+/* Tells a destination that takes bytes again how many are missing; false if it takes none. */
+static bool tellOfLoss(int descriptor)
+{
+    char text[80];
+    int length = snprintf(text, sizeof text, "%s*** %lu bytes of trace lost ***\n",
+                          lineIsCut ? "\n" : "", traceSize(lostBytes));
+    size_t size = static_cast<size_t>(length);
+    size_t taken = writeAll(descriptor, text, size);
+    if (taken != 0) lineIsCut = taken != size;
+    if (taken != size) return false;
+    lostBytes = 0;
+    return true;
+}
+
+void Output::write(const char* bytes, size_t length)
+{
+    // What others have left in the stream's buffer comes first.
+    fflush_unlocked(file);
+    int descriptor = fileno_unlocked(file);
+    if (descriptor < 0) {
+        // A stream of the application's making, with nothing but memory behind it.
+        fwrite_unlocked(bytes, 1, length, file);
+        fflush_unlocked(file);
+        return;
+    }
+    if (lostBytes != 0 && !tellOfLoss(descriptor)) {
+        lostBytes += length;
+        return;
+    }
+    size_t taken = writeAll(descriptor, bytes, length);
+    lostBytes = length - taken;
+    lineIsCut = lostBytes != 0 && taken != 0 && bytes[taken - 1] != '\n';
+}
+
+void Output::putOut()
+{
+    if (pendingSize != 0) write(pending, pendingSize);
+    pendingSize = 0;
+}
+
+void Output::makeRoom(size_t room)
+{
+    if (sizeof pending - pendingSize < room) putOut();
+}
+
+void Output::put(char character)
+{
+    if (pendingSize == sizeof pending) putOut();
+    pending[pendingSize] = character;
+    pendingSize += 1;
+}
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+
+/* Prints what is too long to wait for the rest. */
+void Output::printLong(const char* format, va_list args, size_t length)
+{
+    putOut();
+    char* text = static_cast<char*>(malloc(length + 1));
+    if (text == nullptr) {
+        // Without memory it leaves in the stream's own pieces.
+        vfprintf(file, format, args);
+        fflush_unlocked(file);
+        return;
+    }
+    vsnprintf(text, length + 1, format, args);
+    write(text, length);
+    free(text);
+}
+
+void Output::printArgs(const char* format, va_list args)
+{
+    va_list again;
+    va_copy(again, args);
+    size_t room = sizeof pending - pendingSize;
+    int printed = vsnprintf(pending + pendingSize, room, format, args);
+    size_t length = static_cast<size_t>(std::max(printed, 0));
+    if (length < room)
+        pendingSize += length;
+    else
+        printLong(format, again, length);
+    va_end(again);
+}
+
+#pragma GCC diagnostic pop
+
+void Output::print(const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    printArgs(format, args);
+    va_end(args);
+}
+
+/* ---- The destination ---- */
+
+/* Stores the destination's name, cut to the room there is. Locks: destinationLock held. */
+static void setFilename(const char* name)
+{
+    // Without a buffer for it the initialisation has failed, and only failures are traced.
+    if (clientAPITraceFilename == nullptr) return;
+    size_t length = strnlen(name, TRACE_FILENAME_SIZE - 1);
+    memcpy(clientAPITraceFilename, name, length);
+    clientAPITraceFilename[length] = '\0';
+}
+
+int clapiInitTrace(void)
+{
+    {
+        DestinationHold hold;
+        clientAPITraceHandle = stderr;
+    }
+    int lockRc = clapiInitializeLock(&traceLock);
+    // Deliberate: a lock that exists already is a trace that exists already, name and all.
+    if (lockRc == 1) return QPX_OK;
+    if (lockRc != 0) return QPX_ERR_SYSTEM_ERROR;
+
+    DestinationHold hold;
+    clientAPITraceFilename = static_cast<char*>(malloc(TRACE_FILENAME_SIZE));
+    if (clientAPITraceFilename == nullptr) return QPX_ERR_MALLOCFAIL;
+    setFilename(defaultTraceFilename);
+    return QPX_OK;
+}
+
+TraceDestination::TraceDestination()
+{
+    DestinationHold hold;
+    const char* name = traceText(clientAPITraceFilename);
+    memcpy(text, name, strlen(name) + 1);
+}
+
+/* The two lines of the banner. Locks: traceLock and destinationLock held. */
+static void writeBanner()
+{
+    clapiGetDate(dateBuf);
+    Output output;
+    output.print("*** %s ZAVO Quorvex QPXClient DLL trace V%s API Version %s Build Level %s ***\n",
+                 dateBuf, QPX_DLL_VERSION_TEXT, QPX_API_VERSION_TEXT, QPX_BUILD_LEVEL_TEXT);
+    output.print("*** Trace Level = %d, Trace File = %s, %d-bit ***\n", clientAPITrace.load(),
+                 traceText(clientAPITraceFilename), static_cast<int>(8 * sizeof(void*)));
+}
+
+void clapiWriteTraceBanner(void)
+{
+    DestinationHold hold;
+    writeBanner();
+}
+
+/* Gives a stream that took the number of a standard one, which was closed, another number. What is
+ * written to standard error then does not land in the trace, nor the trace in what is opened as
+ * standard output next. Returns null and errno if there is none. */
+static FILE* awayFromStandardNumbers(FILE* file)
+{
+    if (fileno(file) > STDERR_FILENO) return file;
+
+    int descriptor = fcntl(fileno(file), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    FILE* moved = descriptor < 0 ? nullptr : fdopen(descriptor, "ae");
+    int error = errno;
+    fclose(file);
+    if (moved == nullptr && descriptor >= 0) close(descriptor);
+    errno = error;
+    return moved;
+}
+
+static FILE* openTraceFile(const char* name)
+{
+    FILE* file = fopen(name, "ae");
+    return file == nullptr ? nullptr : awayFromStandardNumbers(file);
+}
+
+/* Makes a stream the destination and returns what the caller has to close of the one before, or
+ * null. Locks: traceLock and destinationLock held. */
+static FILE* replaceDestination(FILE* file, const char* name)
+{
+    FILE* before = clientAPITraceHandle;
+    clientAPITraceHandle = file;
+    setFilename(name);
+    traceHeaderWrite = 0;
+    lostBytes = 0;
+    lineIsCut = false;
+    return before != stderr ? before : nullptr;
+}
+
+/* Locks: destinationLock held. */
+static bool traceGoesToFile()
+{
+    return clientAPITraceHandle != nullptr && clientAPITraceHandle != stderr;
+}
+
+TraceSwitch clapiSwitchTrace(const char* name)
+{
+    TraceSwitch result = {0, false};
+    FILE* file = nullptr;
+    if (name != nullptr) {
+        file = openTraceFile(name);
+        if (file == nullptr) result.openErrno = errno;
+    }
+    FILE* before = nullptr;
+    {
+        DestinationHold hold;
+        result.switched = file != nullptr || (name == nullptr && traceGoesToFile());
+        if (file != nullptr)
+            before = replaceDestination(file, name);
+        else if (result.switched)
+            before = replaceDestination(stderr, defaultTraceFilename);
+        if (clientAPITrace != TRACE_OFF && traceHeaderWrite == 0) {
+            writeBanner();
+            traceHeaderWrite = 1;
+        }
+    }
+    // Nobody can be writing to it any more.
+    if (before != nullptr) fclose(before);
+    return result;
+}
+
+/* ---- Fork ---- */
+
+/* Whether traceLock exists and is held over a fork; guarded by destinationLock. */
+static bool forkHoldsTraceLock = false;
+
+void clapiTraceForkPrepare(void)
+{
+    bool holdsTraceLock = clapiIsLockInitialized(&traceLock) == LOCK_INITIALIZED &&
+                          pthread_mutex_lock(&traceLock.lock) == 0;
+    pthread_mutex_lock(&destinationLock);
+    forkHoldsTraceLock = holdsTraceLock;
+}
+
+void clapiTraceForkParent(void)
+{
+    bool holdsTraceLock = forkHoldsTraceLock;
+    pthread_mutex_unlock(&destinationLock);
+    if (holdsTraceLock) pthread_mutex_unlock(&traceLock.lock);
+}
+
+void clapiTraceForkChild(void)
+{
+    clapiTraceForkParent();
+}
+
+/* ---- Data dumps ---- */
+
+/* Blanks stand behind every fourth byte of a line, and one more behind every sixteenth. */
+constexpr size_t BYTES_PER_GROUP = 4;
+constexpr size_t BYTES_PER_COLUMN = 16;
+
+namespace {
+
+/* What a line of a dump shows: the bytes, and how they end. */
+struct DumpedBytes {
+    const unsigned char* bytes;
+    size_t dataLen; // 0: up to the stop word
+    unsigned int stopWord;
+};
+
+/* How much of its block a dump shows, read once for the whole of it. */
+struct DumpLimits {
+    DumpLimits() : truncation(clientAPIDataTrunc), offset(clientAPIDataOffset) {}
+
+    size_t truncation;
+    size_t offset;
+};
+
+} // namespace
+
+/* Whether the block ends before this byte: by its length, or, for one of unknown length, by an
+ * aligned word that equals the stop word. */
+static bool endsBefore(const DumpedBytes& dumped, size_t position)
+{
+    if (dumped.dataLen != 0) return position >= dumped.dataLen;
+    const unsigned char* byte = dumped.bytes + position;
+    if (reinterpret_cast<uintptr_t>(byte) % sizeof dumped.stopWord != 0) return false;
+    unsigned int word;
+    memcpy(&word, byte, sizeof word);
+    return word == dumped.stopWord;
+}
+
+static void putHexGap(Output& output, size_t position, size_t width)
+{
+    if (position == width) return;
+    if (position % BYTES_PER_GROUP == 0) output.put(' ');
+    if (position % BYTES_PER_COLUMN == 0) output.put(' ');
+}
+
+static size_t putHexPart(Output& output, const DumpedBytes& dumped, size_t width)
+{
+    static const char DIGITS[] = "0123456789ABCDEF";
+
+    size_t written = 0;
+    while (written < width && !endsBefore(dumped, written)) {
+        output.put(DIGITS[dumped.bytes[written] >> 4]);
+        output.put(DIGITS[dumped.bytes[written] & 0x0F]);
+        written += 1;
+        putHexGap(output, written, width);
+    }
+    for (size_t position = written; position < width; ++position) {
+        output.put(' ');
+        output.put(' ');
+        putHexGap(output, position + 1, width);
+    }
+    return written;
+}
+
+static size_t putCharPart(Output& output, const DumpedBytes& dumped, size_t width, int translate)
+{
+    size_t written = 0;
+    while (written < width && !endsBefore(dumped, written)) {
+        unsigned char byte = dumped.bytes[written];
+        bool shown = translate == 0 || isprint(byte);
+        output.put(shown ? static_cast<char>(byte) : '.');
+        written += 1;
+        if (written % BYTES_PER_COLUMN == 0) output.put(' ');
+    }
+    return written;
+}
+
+static size_t putDualLine(Output& output, const DumpedBytes& dumped, size_t width, int translate)
+{
+    size_t written = putHexPart(output, dumped, width);
+    output.put(' ');
+    output.put(':');
+    output.put(' ');
+    putCharPart(output, dumped, width, translate);
+    output.put('\n');
+    return written;
+}
+
+size_t clapiWriteStorageLineHex(void* startAddr, int width, size_t dataLen, unsigned int stopWord)
+{
+    DumpedBytes dumped = {static_cast<const unsigned char*>(startAddr), dataLen, stopWord};
+    DestinationHold hold;
+    Output output;
+    return putHexPart(output, dumped, static_cast<size_t>(width));
+}
+
+size_t clapiWriteStorageLineChar(void* startAddr, int width, size_t dataLen, unsigned int stopWord,
+                                 int translate)
+{
+    DumpedBytes dumped = {static_cast<const unsigned char*>(startAddr), dataLen, stopWord};
+    DestinationHold hold;
+    Output output;
+    return putCharPart(output, dumped, static_cast<size_t>(width), translate);
+}
+
+size_t clapiWriteStorageLineDual(void* startAddr, int width, size_t dataLen, unsigned int stopWord,
+                                 int translate)
+{
+    DumpedBytes dumped = {static_cast<const unsigned char*>(startAddr), dataLen, stopWord};
+    DestinationHold hold;
+    Output output;
+    return putDualLine(output, dumped, static_cast<size_t>(width), translate);
+}
+
+/* How many bytes of a block a dump shows: none of one that is not longer than the offset. */
+static size_t shownLength(size_t dataLen, const DumpLimits& limits)
+{
+    if (dataLen <= limits.offset) return 0;
+    size_t length = dataLen - limits.offset;
+    return limits.truncation != 0 ? std::min(length, limits.truncation) : length;
+}
+
+static void putDumpHead(Output& output, const DumpLimits& limits)
+{
+    output.print("Data truncation size=%lu, offset=%lu\n", traceSize(limits.truncation),
+                 traceSize(limits.offset));
+}
+
+static void putAddress(Output& output, const void* address)
+{
+    output.makeRoom(DUMP_LINE_ROOM);
+    output.print("%p: ", address);
+}
+
+/* Dumps what is shown of a block, each line under the address that shownAt gives it. */
+static size_t putDump(Output& output, const DumpBlock& block, unsigned int stopWord, size_t width,
+                      int translate)
+{
+    DumpLimits limits;
+    putDumpHead(output, limits);
+    size_t length = shownLength(block.length, limits);
+    if (length == 0) return 0;
+
+    const unsigned char* bytes = static_cast<const unsigned char*>(block.bytes) + limits.offset;
+    const char* shownAt = static_cast<const char*>(block.shownAt) + limits.offset;
+    size_t dumped = 0;
+    while (dumped < length) {
+        putAddress(output, shownAt + dumped);
+        DumpedBytes rest = {bytes + dumped, length - dumped, stopWord};
+        dumped += putDualLine(output, rest, width, translate);
+    }
+    return dumped;
+}
+
+/* Dumps up to the stop word. */
+static size_t putDumpToStopWord(Output& output, const void* startAddr, unsigned int stopWord,
+                                size_t width, int translate)
+{
+    DumpLimits limits;
+    putDumpHead(output, limits);
+    const unsigned char* bytes = static_cast<const unsigned char*>(startAddr) + limits.offset;
+    size_t dumped = 0;
+    size_t written = 0;
+    do {
+        DumpedBytes rest = {bytes + dumped, 0, stopWord};
+        if (endsBefore(rest, 0)) break;
+        putAddress(output, rest.bytes);
+        written = putDualLine(output, rest, width, translate);
+        dumped += written;
+    } while (written == width);
+    return dumped;
+}
+
+size_t clapiTraceOutStorage(void* startAddr, size_t dataLen, unsigned int stopWord, int width,
+                            int translate)
+{
+    const size_t columns = static_cast<size_t>(width);
+    DestinationHold hold;
+    Output output;
+    if (dataLen == 0) return putDumpToStopWord(output, startAddr, stopWord, columns, translate);
+    return putDump(output, dumpOf(startAddr, dataLen), stopWord, columns, translate);
+}
+
 /* ---- Lines ---- */
 
 static void fillFormat(formatStringType* format, const TracePoint& point)
@@ -130,155 +635,23 @@ UnlockedLine::UnlockedLine(const TracePoint& point)
     tid = static_cast<unsigned int>(thread);
 }
 
+void clapiWriteLine(const DumpBlock* block, const char* format, ...)
+{
+    va_list args;
+    va_start(args, format);
+    DestinationHold hold;
+    Output output;
+    output.printArgs(format, args);
+    if (block != nullptr && block->length != 0)
+        putDump(output, *block, STOPWORD, DUMP_WIDTH, DUMP_TRANSLATE);
+    va_end(args);
+}
+
 void clapiTracePrint(const char* format, ...)
 {
     va_list args;
     va_start(args, format);
-    vfprintf(clientAPITraceHandle, format, args);
+    DestinationHold hold;
+    Output().printArgs(format, args);
     va_end(args);
-    fflush(clientAPITraceHandle);
-}
-
-void clapiWriteTraceBanner(void)
-{
-    clapiGetDate(dateBuf);
-    clapiTracePrint(
-        "*** %s ZAVO Quorvex QPXClient DLL trace V%s API Version %s Build Level %s ***\n", dateBuf,
-        QPX_DLL_VERSION_TEXT, QPX_API_VERSION_TEXT, QPX_BUILD_LEVEL_TEXT);
-    clapiTracePrint("*** Trace Level = %d, Trace File = %s, %d-bit ***\n", clientAPITrace.load(),
-                    traceText(clientAPITraceFilename), static_cast<int>(8 * sizeof(void*)));
-}
-
-/* ---- Data dumps ---- */
-
-/* Blanks stand behind every fourth byte of a line, and one more behind every sixteenth. */
-constexpr size_t BYTES_PER_GROUP = 4;
-constexpr size_t BYTES_PER_COLUMN = 16;
-
-/* Whether the block ends before this byte: by its length, or, for one of unknown length, by an
- * aligned word that equals the stop word. */
-static bool endsBefore(const unsigned char* byte, size_t position, size_t dataLen,
-                       unsigned int stopWord)
-{
-    if (dataLen != 0) return position >= dataLen;
-    if (reinterpret_cast<uintptr_t>(byte) % sizeof stopWord != 0) return false;
-    unsigned int word;
-    memcpy(&word, byte, sizeof word);
-    return word == stopWord;
-}
-
-static void writeHexGap(size_t position, size_t width)
-{
-    if (position == width) return;
-    if (position % BYTES_PER_GROUP == 0) fputc(' ', clientAPITraceHandle);
-    if (position % BYTES_PER_COLUMN == 0) fputc(' ', clientAPITraceHandle);
-}
-
-size_t clapiWriteStorageLineHex(void* startAddr, int width, size_t dataLen, unsigned int stopWord)
-{
-    static const char DIGITS[] = "0123456789ABCDEF";
-    const unsigned char* bytes = static_cast<const unsigned char*>(startAddr);
-    const size_t columns = static_cast<size_t>(width);
-
-    size_t written = 0;
-    while (written < columns && !endsBefore(bytes + written, written, dataLen, stopWord)) {
-        fputc(DIGITS[bytes[written] >> 4], clientAPITraceHandle);
-        fputc(DIGITS[bytes[written] & 0x0F], clientAPITraceHandle);
-        written += 1;
-        writeHexGap(written, columns);
-    }
-    for (size_t position = written; position < columns; ++position) {
-        fputs("  ", clientAPITraceHandle);
-        writeHexGap(position + 1, columns);
-    }
-    return written;
-}
-
-size_t clapiWriteStorageLineChar(void* startAddr, int width, size_t dataLen, unsigned int stopWord,
-                                 int translate)
-{
-    const unsigned char* bytes = static_cast<const unsigned char*>(startAddr);
-
-    size_t written = 0;
-    while (written < static_cast<size_t>(width) &&
-           !endsBefore(bytes + written, written, dataLen, stopWord)) {
-        bool shown = translate == 0 || isprint(bytes[written]);
-        fputc(shown ? bytes[written] : '.', clientAPITraceHandle);
-        written += 1;
-        if (written % BYTES_PER_COLUMN == 0) fputc(' ', clientAPITraceHandle);
-    }
-    return written;
-}
-
-size_t clapiWriteStorageLineDual(void* startAddr, int width, size_t dataLen, unsigned int stopWord,
-                                 int translate)
-{
-    size_t written = clapiWriteStorageLineHex(startAddr, width, dataLen, stopWord);
-    fputs(" : ", clientAPITraceHandle);
-    clapiWriteStorageLineChar(startAddr, width, dataLen, stopWord, translate);
-    fputc('\n', clientAPITraceHandle);
-    return written;
-}
-
-/* How many bytes of a block a dump shows. Deliberate: an offset beyond the block is the
- * caller's mistake and is not caught. */
-static size_t shownLength(size_t dataLen)
-{
-    size_t length = dataLen - clientAPIDataOffset;
-    size_t limit = clientAPIDataTrunc;
-    return limit != 0 && length > limit ? limit : length;
-}
-
-static void writeDumpHead()
-{
-    fprintf(clientAPITraceHandle, "Data truncation size=%lu, offset=%lu\n",
-            traceSize(clientAPIDataTrunc), traceSize(clientAPIDataOffset));
-}
-
-/* Dumps length bytes, each line under the address that shownAt gives it. */
-static size_t dumpLines(char* bytes, size_t length, const char* shownAt, unsigned int stopWord,
-                        int width, int translate)
-{
-    size_t dumped = 0;
-    while (dumped < length) {
-        fprintf(clientAPITraceHandle, "%p: ", static_cast<const void*>(shownAt + dumped));
-        dumped += clapiWriteStorageLineDual(bytes + dumped, width, length - dumped, stopWord,
-                                            translate);
-    }
-    fflush(clientAPITraceHandle);
-    return dumped;
-}
-
-/* Dumps up to the stop word. */
-static size_t dumpLinesToStopWord(char* bytes, unsigned int stopWord, int width, int translate)
-{
-    size_t dumped = 0;
-    size_t written = 0;
-    do {
-        if (endsBefore(reinterpret_cast<unsigned char*>(bytes) + dumped, dumped, 0, stopWord))
-            break;
-        fprintf(clientAPITraceHandle, "%p: ", static_cast<void*>(bytes + dumped));
-        written = clapiWriteStorageLineDual(bytes + dumped, width, 0, stopWord, translate);
-        dumped += written;
-    } while (written == static_cast<size_t>(width));
-    fflush(clientAPITraceHandle);
-    return dumped;
-}
-
-size_t clapiTraceOutStorage(void* startAddr, size_t dataLen, unsigned int stopWord, int width,
-                            int translate)
-{
-    char* bytes = static_cast<char*>(startAddr) + clientAPIDataOffset;
-    writeDumpHead();
-    if (dataLen == 0) return dumpLinesToStopWord(bytes, stopWord, width, translate);
-    return dumpLines(bytes, shownLength(dataLen), bytes, stopWord, width, translate);
-}
-
-void clapiTraceOutBlock(const DumpBlock& block)
-{
-    if (block.length == 0) return;
-    writeDumpHead();
-    char* bytes = static_cast<char*>(const_cast<void*>(block.bytes)) + clientAPIDataOffset;
-    const char* shownAt = static_cast<const char*>(block.shownAt) + clientAPIDataOffset;
-    dumpLines(bytes, shownLength(block.length), shownAt, STOPWORD, DUMP_WIDTH, DUMP_TRANSLATE);
 }

@@ -47,7 +47,7 @@ static void clapiSetAPITraceLevelFromEnv()
 {
     namespace at = tp::clapiSetAPITraceLevelFromEnv;
 
-    const char* value = getenv(TRACE_LEVEL_VARIABLE);
+    const char* value = secure_getenv(TRACE_LEVEL_VARIABLE);
     if (value == nullptr) return;
 
     bool isLevel = value[0] >= '0' && value[0] <= '0' + TRACE_MAX && value[1] == '\0';
@@ -60,52 +60,26 @@ static void clapiSetAPITraceLevelFromEnv()
     setTraceLevel(TRACE_OFF);
 }
 
-/* Writes the banner to a destination that has none yet. Locks: traceLock held. */
-static void writeBannerOnce()
+static TraceSwitch switchTrace(const char* name)
 {
-    if (clientAPITrace == TRACE_OFF || traceHeaderWrite != 0) return;
-    clapiWriteTraceBanner();
-    traceHeaderWrite = 1;
-}
-
-static bool traceGoesToFile()
-{
-    return clientAPITraceHandle != nullptr && clientAPITraceHandle != stderr;
-}
-
-/* Makes a named file the destination; what was the destination is closed if it is a file.
- * Returns 0 or errno. Locks: traceLock held. */
-static int switchToFile(const char* name)
-{
-    FILE* file = fopen(name, "a");
-    if (file == nullptr) return errno;
-
-    if (traceGoesToFile()) fclose(clientAPITraceHandle);
-    clapiSetTraceFilename(name);
-    clientAPITraceHandle = file;
-    traceHeaderWrite = 0;
-    return 0;
+    TraceHold hold;
+    return clapiSwitchTrace(name);
 }
 
 static void clapiSetAPITraceFileFromEnv()
 {
     namespace at = tp::clapiSetAPITraceFileFromEnv;
 
-    const char* name = getenv(TRACE_FILE_VARIABLE);
+    const char* name = secure_getenv(TRACE_FILE_VARIABLE);
     // Deliberate: a variable that is set and empty brings no banner either.
     if (name != nullptr && name[0] == '\0') return;
 
-    int openErrno = 0;
-    {
-        TraceHold hold;
-        if (name != nullptr) openErrno = switchToFile(name);
-        writeBannerOnce();
-    }
+    TraceSwitch change = switchTrace(name);
     if (name == nullptr) return;
-    if (openErrno != 0)
-        TRACE(at::failed, name, openErrno, traceText(clientAPITraceFilename));
+    if (change.openErrno != 0)
+        TRACE(at::failed, name, change.openErrno, TraceDestination().name());
     else
-        TRACE(at::switched, traceText(clientAPITraceFilename));
+        TRACE(at::switched, TraceDestination().name());
 }
 
 /* Whether a variable's value begins with a digit; if so, its number. */
@@ -134,7 +108,7 @@ static void clapiSetAPITraceParamsFromEnv()
 
     TRACE(at::entry);
     size_t number;
-    const char* length = getenv(DATA_LENGTH_VARIABLE);
+    const char* length = secure_getenv(DATA_LENGTH_VARIABLE);
     if (length != nullptr) {
         TRACE(at::length, DATA_LENGTH_VARIABLE, length);
         if (numberFromText(length, &number)) {
@@ -142,7 +116,7 @@ static void clapiSetAPITraceParamsFromEnv()
             TRACE(at::lengthSet, traceInt(number));
         }
     }
-    const char* offset = getenv(DATA_OFFSET_VARIABLE);
+    const char* offset = secure_getenv(DATA_OFFSET_VARIABLE);
     if (offset != nullptr) {
         TRACE(at::offset, DATA_OFFSET_VARIABLE, offset);
         if (numberFromText(offset, &number)) {
@@ -276,7 +250,7 @@ static void dumpState()
         TraceHold hold;
         clapiTracePrint(
             "qpxclient state dump: DLL Version=%s Trace Level=%d clientAPITraceFile=%s\n",
-            QPX_DLL_VERSION_TEXT, clientAPITrace.load(), traceText(clientAPITraceFilename));
+            QPX_DLL_VERSION_TEXT, clientAPITrace.load(), TraceDestination().name());
     }
     clapiDumpGatewayTokens();
     QPX_ECI_dumpChannels();
@@ -362,41 +336,19 @@ int QPX_setAPITraceLevel(int traceState)
     return rc;
 }
 
-/* Makes standard error the destination; false if it was already. Locks: traceLock held. */
-static bool switchToStandardError()
-{
-    if (!traceGoesToFile()) return false;
-    fclose(clientAPITraceHandle);
-    clientAPITraceHandle = stderr;
-    clapiSetTraceFilename(defaultTraceFilename);
-    traceHeaderWrite = 0;
-    return true;
-}
-
 static int changeTraceFile(const char* traceFile)
 {
     namespace at = tp::QPX_setAPITraceFile;
 
-    int openErrno = 0;
-    bool switched;
-    {
-        TraceHold hold;
-        if (traceFile != nullptr) {
-            openErrno = switchToFile(traceFile);
-            switched = openErrno == 0;
-        } else {
-            switched = switchToStandardError();
-        }
-        writeBannerOnce();
-    }
-    if (openErrno != 0) {
-        TRACE(at::failed, traceText(traceFile), openErrno, traceText(clientAPITraceFilename));
+    TraceSwitch change = switchTrace(traceFile);
+    if (change.openErrno != 0) {
+        TRACE(at::failed, traceText(traceFile), change.openErrno, TraceDestination().name());
         return QPX_ERR_TRACEFILE;
     }
-    if (switched)
-        TRACE(at::switched, traceText(clientAPITraceFilename));
+    if (change.switched)
+        TRACE(at::switched, TraceDestination().name());
     else
-        TRACE(at::unchanged, traceText(clientAPITraceFilename));
+        TRACE(at::unchanged, TraceDestination().name());
     return QPX_OK;
 }
 
@@ -405,9 +357,9 @@ int QPX_setAPITraceFile(char* traceFile)
     namespace at = tp::QPX_setAPITraceFile;
 
     int rc = clapiInit();
-    TRACE(at::entry, traceText(traceFile), traceText(clientAPITraceFilename));
+    TRACE(at::entry, traceText(traceFile), TraceDestination().name());
     if (rc == QPX_OK) rc = changeTraceFile(traceFile);
-    TRACE(at::exit, rc, clapiGetRcString(rc), traceText(clientAPITraceFilename));
+    TRACE(at::exit, rc, clapiGetRcString(rc), TraceDestination().name());
     return rc;
 }
 
@@ -494,7 +446,7 @@ char* QPX_getRcString(int rc, char* rcString)
 struct ApplidFromEnv {
     explicit ApplidFromEnv(const char* variable) : isSet(false), text()
     {
-        const char* value = getenv(variable);
+        const char* value = secure_getenv(variable);
         if (value == nullptr) return;
         isSet = true;
         memcpy(text, value, strnlen(value, sizeof text - 1));

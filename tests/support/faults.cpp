@@ -551,6 +551,11 @@ WRAP(fopen64, Fopen, NullPointer, void*, (const char* path, const char* mode), (
      mode)
 WRAP(fclose, Fclose, MinusOne, int, (void* stream), (stream), stream, 0)
 
+WRAP(write, Write, MinusOne, ssize_t, (int descriptor, const void* data, std::size_t length),
+     (descriptor, data, passage.limited(length)), descriptor, length)
+
+WRAP(secure_getenv, Environment, NullPointer, char*, (const char* name), (name), name, 0)
+
 #if __SIZEOF_POINTER__ == 4
 // The names of these functions with 64-bit time.
 WRAP(__pthread_cond_timedwait64, CondTimedWait, Number, int,

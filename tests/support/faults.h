@@ -52,7 +52,9 @@ enum class Call {
     Time,  // time
     Fopen,
     Fclose,
-    Count_ // how many there are
+    Write,
+    Environment, // secure_getenv
+    Count_       // how many there are
 };
 
 // Whose calls a fault is for.
@@ -114,7 +116,7 @@ Fault failCallsFrom(Call call, int nth, int errnoValue = EIO, Threads threads = 
 // result; output arguments stay as they are.
 Fault fakeCall(Call call, int nth, long result, Threads threads = Threads::Any);
 
-// The nth Send or Recv, or every one for nth 0, is made with at most so many bytes.
+// The nth Send, Recv or Write, or every one for nth 0, is made with at most so many bytes.
 Fault limitLength(Call call, std::size_t bytes, int nth = 0, Threads threads = Threads::Any);
 
 // Runs a function before or after the nth call, or every one for nth 0, on the calling thread,

@@ -17,7 +17,7 @@ set(QPX_WRAPPED_CALLS
   send recv __recv_chk
   getaddrinfo
   gettimeofday __gettimeofday64 clock_gettime __clock_gettime64 time __time64
-  fopen fopen64 fclose)
+  fopen fopen64 fclose write secure_getenv)
 
 # The linker script gathers the library's code in one place, which tells its calls from others.
 set(QPX_WRAP_OPTIONS "-Wl,-T,${CMAKE_CURRENT_LIST_DIR}/library_text.ld")

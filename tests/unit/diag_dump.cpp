@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -195,6 +196,35 @@ TEST_F(Dump, ShowsNothingWhenTheOffsetIsItsWholeLength)
     setOffset(16);
     EXPECT_EQ(0u, dump(letters_, 16));
     EXPECT_EQ("Data truncation size=128, offset=16\n", trace_.text());
+}
+
+TEST_F(Dump, ShowsNothingOfABlockThatIsShorterThanTheOffset)
+{
+    const std::size_t offsets[] = {11, 20, 111, 400, SIZE_MAX / 2, SIZE_MAX - 10, SIZE_MAX};
+    for (std::size_t offset : offsets) {
+        setOffset(offset);
+        EXPECT_EQ(0u, dump(letters_, 10));
+        EXPECT_EQ("Data truncation size=128, offset=" + std::to_string(offset) + "\n",
+                  trace_.text());
+    }
+}
+
+TEST_F(Dump, ShowsNothingOfADataLineThatIsShorterThanTheOffset)
+{
+    setOffset(20);
+    TRACE_DATA(tpData(7, "ten bytes\n"), dumpOf(letters_, 10));
+    ASSERT_EQ(1u, trace_.records().size());
+    EXPECT_EQ("ten bytes", trace_.records()[0].message);
+    EXPECT_EQ("Data truncation size=128, offset=20\n", trace_.records()[0].body);
+}
+
+TEST_F(Dump, HasNoLimitBehindTheOffsetEither)
+{
+    setLength(0);
+    setOffset(SIZE_MAX);
+    EXPECT_EQ(0u, dump(letters_, 1000));
+    setOffset(999);
+    EXPECT_EQ(1u, dump(letters_, 1000));
 }
 
 TEST_F(Dump, IsCutToItsLimitFromTheOffsetOn)

@@ -494,3 +494,36 @@ TEST_F(Environment, TracesTheFirstCallItself)
     EXPECT_LT(text.find("[1071]"), text.find("[1029]"));
     EXPECT_TRUE(wroteIn(text, 1031, "EXIT", "API.QPX_getAPIVersion() rc=0 (QPX_OK)"));
 }
+
+// ---- A program with more rights than its user --------------------------------------------------
+
+TEST_F(Environment, CountsForNothingInAProgramWithMoreRightsThanItsUser)
+{
+    CapturedStderr output;
+    level("4");
+    file(path());
+    length("64");
+    offset("8");
+    Fault hidden = fakeCall(Call::Environment, 0, 0); // as the system answers such a program
+    EXPECT_RC(0, clapiInit());
+    EXPECT_GE(hidden.hits(), 4);
+    EXPECT_EQ(0, clientAPITrace);
+    EXPECT_EQ(stderr, clientAPITraceHandle);
+    EXPECT_EQ(128u, clientAPIDataTrunc);
+    EXPECT_EQ(0u, clientAPIDataOffset);
+    EXPECT_EQ("", output.text());
+    EXPECT_EQ("", fileText());
+}
+
+TEST_F(Environment, NamesNoApplidInAProgramWithMoreRightsThanItsUser)
+{
+    setenv("QPX_APPLID", "MUCHTOOLONG", 1);
+    Fault hidden = fakeCall(Call::Environment, 0, 0);
+    char host[] = "127.0.0.1";
+    char applid[] = "ALSOTOOLONG";
+    char qualifier[] = "";
+    QPX_ConnToken_t token = nullptr;
+    TraceFile trace(4);
+    EXPECT_RC(-139, QPX_openRemoteGatewayConnectionApplid(host, 1, &token, 1, applid, qualifier));
+    EXPECT_FALSE(trace.wroteText("MUCHTOOLONG"));
+}

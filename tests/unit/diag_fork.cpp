@@ -1,0 +1,81 @@
+// The trace over a fork: both processes go on tracing, whatever other threads were about.
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <string>
+#include <vector>
+
+#include "clapi_diag.h"
+#include "clapi_types.h"
+#include "support/call_in_thread.h"
+#include "support/expect_rc.h"
+#include "support/faults.h"
+#include "support/trace_file.h"
+
+using namespace support;
+
+namespace {
+
+// Writes line 3104, without the trace lock.
+void useBadLock()
+{
+    Clapilock lock = {};
+    EXPECT_EQ(-1, clapiRequestLock(&lock));
+}
+
+} // namespace
+
+TEST(TraceFork, LeavesTheTraceFreeInTheChildWhileAnotherThreadIsInsideALine)
+{
+    EXPECT_RC(0, clapiInit());
+    TemporaryDirectory directory;
+    std::string other = directory.file("other");
+    TraceFile trace(1);
+    Gate gate;
+    Fault writing = beforeCall(
+        Call::Write, 1, [&](const CallInfo&) { gate.pass(); }, Threads::Others);
+    auto line = callInThread([] { TRACE(tpExc(6, "another's\n")); });
+    ASSERT_TRUE(gate.awaitArrival()); // it has both locks
+
+    int locks = callCount(Call::MutexLock);
+    auto forked = callInThread([&] {
+        clapiTraceForkPrepare();
+        pid_t child = fork();
+        if (child == 0) {
+            alarm(30); // ends a child that hangs
+            clapiTraceForkChild();
+            TRACE(tpExc(7, "of the child\n"));
+            useBadLock();
+            _exit(QPX_setAPITraceFile(other.data()));
+        }
+        clapiTraceForkParent();
+        return child;
+    });
+    ASSERT_TRUE(awaitCallCount(Call::MutexLock, locks + 1));
+    EXPECT_FALSE(forked.hasEnded());
+    gate.open();
+    line.get();
+    pid_t child = forked.get();
+    ASSERT_GT(child, 0);
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+
+    TRACE(tpExc(8, "of the parent\n"));
+    EXPECT_EQ((std::vector<std::string>{"another's"}), trace.messages(6));
+    EXPECT_EQ((std::vector<std::string>{"of the child"}), trace.messages(7));
+    EXPECT_EQ((std::vector<std::string>{"of the parent"}), trace.messages(8));
+    EXPECT_EQ(1, trace.timesWrote(3104));
+    EXPECT_EQ(std::size_t{4}, trace.records().size());
+}
+
+TEST(TraceFork, HasNothingToHoldBeforeTheFirstCall)
+{
+    clapiTraceForkPrepare();
+    clapiTraceForkParent();
+    EXPECT_RC(0, clapiInit());
+    EXPECT_EQ(0, clapiRequestLock(&traceLock));
+    EXPECT_EQ(0, clapiReleaseLock(&traceLock));
+}

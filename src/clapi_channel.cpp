@@ -17,6 +17,7 @@
 
 #include <algorithm>
 
+#include "api_call.h"
 #include "channel_set.h"
 #include "clapi_diag.h"
 #include "clapi_types.h"
@@ -618,6 +619,7 @@ int ECI_createChannel(const char* name, ECI_ChannelToken_t* tokPtr)
 {
     namespace at = tp::ECI_createChannel;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, traceText(name), tokPtr);
     if (rc == QPX_OK) rc = createChannel(name, tokPtr);
@@ -747,6 +749,7 @@ int ECI_deleteChannel(ECI_ChannelToken_t* tokPtr)
 {
     namespace at = tp::ECI_deleteChannel;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, tokPtr);
     if (rc == QPX_OK) rc = deleteChannel(tokPtr);
@@ -896,6 +899,7 @@ int ECI_deleteAllChannels(void)
 {
     namespace at = tp::ECI_deleteAllChannels;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry);
     if (rc == QPX_OK) rc = deleteAllChannels();
@@ -942,6 +946,7 @@ int ECI_getChannelName(ECI_ChannelToken_t chanTok, char* nameBuffer)
 {
     namespace at = tp::ECI_getChannelName;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, chanTok, nameBuffer);
     if (rc == QPX_OK) rc = copyChannelName(chanTok, nameBuffer);
@@ -1047,6 +1052,7 @@ int QPX_ECI_dumpChannels(void)
 {
     namespace at = tp::QPX_ECI_dumpChannels;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry);
     if (rc == QPX_OK) rc = dumpChannels();
@@ -1182,6 +1188,7 @@ int ECI_createContainer(ECI_ChannelToken_t chanTok, const char* name, ECI_CONTAI
 {
     namespace at = tp::ECI_createContainer;
 
+    ApiCall apiCall;
     // A C caller may pass any integer, which is read as such.
     int32_t typeValue;
     static_assert(sizeof typeValue == sizeof type);
@@ -1232,6 +1239,7 @@ int ECI_deleteContainer(ECI_ChannelToken_t chanTok, const char* name)
 {
     namespace at = tp::ECI_deleteContainer;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, chanTok, traceText(name));
     if (rc == QPX_OK) rc = deleteContainer(chanTok, name);
@@ -1295,6 +1303,7 @@ int ECI_getFirstContainer(ECI_ChannelToken_t chanTok, ECI_CONTAINER_INFO* infoPt
 {
     namespace at = tp::ECI_getFirstContainer;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, chanTok, infoPtr);
     if (rc == QPX_OK) rc = getFirstContainer(chanTok, infoPtr);
@@ -1345,6 +1354,7 @@ int ECI_getNextContainer(ECI_ChannelToken_t chanTok, ECI_CONTAINER_INFO* infoPtr
 {
     namespace at = tp::ECI_getNextContainer;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, chanTok, infoPtr);
     if (rc == QPX_OK) rc = getNextContainer(chanTok, infoPtr);
@@ -1378,6 +1388,7 @@ int ECI_getContainerInfo(ECI_ChannelToken_t chanTok, const char* name, ECI_CONTA
 {
     namespace at = tp::ECI_getContainerInfo;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, chanTok, traceText(name), infoPtr);
     if (rc == QPX_OK) rc = getContainerInfo(chanTok, name, infoPtr);
@@ -1435,6 +1446,7 @@ int ECI_getContainerData(ECI_ChannelToken_t chanTok, const char* name, void* buf
 {
     namespace at = tp::ECI_getContainerData;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, chanTok, traceText(name), buffer, traceSize(length), traceSize(offset),
           bytesReadPtr);
@@ -1505,6 +1517,7 @@ int ECI_setContainerData(ECI_ChannelToken_t chanTok, const char* name, const voi
 {
     namespace at = tp::ECI_setContainerData;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, chanTok, traceText(name), data, traceSize(dataLength));
     if (rc == QPX_OK) rc = setContainerData(chanTok, name, data, dataLength);

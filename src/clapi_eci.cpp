@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "api_call.h"
 #include "clapi_diag.h"
 #include "clapi_types.h"
 #include "request_steps.h"
@@ -885,6 +886,7 @@ int QPX_ECI_Execute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
 {
     namespace at = tp::QPX_ECI_Execute;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, gwTok, EciParms);
     if (rc == QPX_OK) rc = executeRegistered(gwTok, EciParms);
@@ -982,6 +984,7 @@ int QPX_ECI_Execute_Channel(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
 {
     namespace at = tp::QPX_ECI_Execute_Channel;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, gwTok, EciParms);
     if (rc == QPX_OK) rc = getCurrentCcsid();

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "api_call.h"
 #include "clapi_diag.h"
 #include "clapi_types.h"
 #include "request_steps.h"
@@ -197,6 +198,7 @@ int QPX_ESI_verifyPassword(QPX_ConnToken_t gwTok, const char* userid, const char
 {
     namespace at = tp::QPX_ESI_verifyPassword;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, gwTok, traceText(userid), traceText(server), esiDetailsPtr);
     ESIRequest request = {};
@@ -234,6 +236,7 @@ int QPX_ESI_changePassword(QPX_ConnToken_t gwTok, const char* userid, const char
 {
     namespace at = tp::QPX_ESI_changePassword;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, gwTok, traceText(userid), traceText(server), esiDetailsPtr);
     ESIRequest request = {};
@@ -318,6 +321,7 @@ struct tm* QPX_ESI_convertTime(const ESI_DATETIME* esiTime, struct tm* result)
 {
     namespace at = tp::QPX_ESI_convertTime;
 
+    ApiCall apiCall;
     TRACE(at::entry, esiTime, result);
     if (esiTime != nullptr && result != nullptr) fillTime(*esiTime, result);
     TRACE(at::exit);

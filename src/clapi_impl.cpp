@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "api_call.h"
 #include "clapi_diag.h"
 #include "clapi_types.h"
 #include "request_steps.h"
@@ -214,6 +215,7 @@ int QPX_getAPIVersion(char** apiVersPtr)
 {
     namespace at = tp::QPX_getAPIVersion;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, apiVersPtr);
     if (rc == QPX_OK) rc = lendAPIVersion(apiVersPtr);
@@ -237,6 +239,7 @@ int QPX_getDLLVersion(char** dllVersPtr)
 {
     namespace at = tp::QPX_getDLLVersion;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, dllVersPtr);
     if (rc == QPX_OK) rc = lendDLLVersion(dllVersPtr);
@@ -260,6 +263,7 @@ int QPX_dumpState(void)
 {
     namespace at = tp::QPX_dumpState;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry);
     if (rc == QPX_OK) dumpState();
@@ -302,6 +306,7 @@ int QPX_getAPITraceLevel(int* traceStatePtr)
 {
     namespace at = tp::QPX_getAPITraceLevel;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, traceStatePtr);
     if (rc == QPX_OK) rc = tellTraceLevel(traceStatePtr);
@@ -329,6 +334,7 @@ int QPX_setAPITraceLevel(int traceState)
 {
     namespace at = tp::QPX_setAPITraceLevel;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, traceState, clientAPITrace.load());
     if (rc == QPX_OK) rc = changeTraceLevel(traceState);
@@ -356,6 +362,7 @@ int QPX_setAPITraceFile(char* traceFile)
 {
     namespace at = tp::QPX_setAPITraceFile;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, traceText(traceFile), TraceDestination().name());
     if (rc == QPX_OK) rc = changeTraceFile(traceFile);
@@ -367,6 +374,7 @@ void QPX_setAPITraceDataLength(size_t dataLength)
 {
     namespace at = tp::QPX_setAPITraceDataLength;
 
+    ApiCall apiCall;
     clapiInit();
     TRACE(at::entry, traceSize(dataLength));
     size_t before = clientAPIDataTrunc;
@@ -379,6 +387,7 @@ void QPX_setAPITraceDataOffset(size_t dataOffset)
 {
     namespace at = tp::QPX_setAPITraceDataOffset;
 
+    ApiCall apiCall;
     clapiInit();
     TRACE(at::entry, traceSize(dataOffset));
     size_t before = clientAPIDataOffset;
@@ -434,6 +443,7 @@ char* QPX_getRcString(int rc, char* rcString)
 {
     namespace at = tp::QPX_getRcString;
 
+    ApiCall apiCall;
     TRACE(at::entry, rc, rcString);
     if (rcString != nullptr) strncpy(rcString, clapiGetRcString(rc), QPX_RC_STRING_SIZE);
     TRACE(at::exit, traceText(rcString));
@@ -517,6 +527,7 @@ int QPX_openRemoteGatewayConnectionApplid(char* hostname, int port, QPX_ConnToke
 {
     namespace at = tp::QPX_openRemoteGatewayConnectionApplid;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, traceText(hostname), port, gwTokPtr, connTimeout, traceText(applid),
           traceText(applidQualifier));
@@ -529,6 +540,7 @@ int QPX_openRemoteGatewayConnectionApplid(char* hostname, int port, QPX_ConnToke
 int QPX_openRemoteGatewayConnection(char* hostname, int port, QPX_ConnToken_t* gwTokPtr,
                                     int connTimeout)
 {
+    ApiCall apiCall;
     char none[] = "";
     return QPX_openRemoteGatewayConnectionApplid(hostname, port, gwTokPtr, connTimeout, none, none);
 }
@@ -560,6 +572,7 @@ int QPX_closeGatewayConnection(QPX_ConnToken_t* gwTokPtr)
 {
     namespace at = tp::QPX_closeGatewayConnection;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, gwTokPtr);
     if (rc == QPX_OK) rc = closeConnection(gwTokPtr);
@@ -596,6 +609,7 @@ int QPX_purgeGatewayConnection(QPX_ConnToken_t* gwTokPtr, int closeTimeout)
 {
     namespace at = tp::QPX_purgeGatewayConnection;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, gwTokPtr, closeTimeout);
     if (rc == QPX_OK) rc = purgeConnection(gwTokPtr, closeTimeout);
@@ -607,6 +621,7 @@ int QPX_closeAllGatewayConnections(void)
 {
     namespace at = tp::QPX_closeAllGatewayConnections;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry);
     if (rc == QPX_OK) {
@@ -643,6 +658,7 @@ int QPX_getApplid(QPX_ConnToken_t gwTok, char** applid)
 {
     namespace at = tp::QPX_getApplid;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, gwTok, applid);
     if (rc == QPX_OK) rc = lendApplid(gwTok, applid);
@@ -674,6 +690,7 @@ int QPX_getApplidQualifier(QPX_ConnToken_t gwTok, char** applidQualifier)
 {
     namespace at = tp::QPX_getApplidQualifier;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, gwTok, applidQualifier);
     if (rc == QPX_OK) rc = lendApplidQualifier(gwTok, applidQualifier);
@@ -821,6 +838,7 @@ int QPX_listSystems(QPX_ConnToken_t gwTok, unsigned short* Systems, QPX_listSyst
 {
     namespace at = tp::QPX_listSystems;
 
+    ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, gwTok, Systems, List);
     ListQuery query = {};

@@ -298,7 +298,8 @@ static int dayOfYear(const ESI_DATETIME& time)
     return static_cast<int>(days);
 }
 
-static void fillTime(const ESI_DATETIME& time, struct tm* result)
+/* The time comes as a copy: the application's may lie in the storage of the result. */
+static void fillTime(ESI_DATETIME time, struct tm* result)
 {
     namespace at = tp::QPX_ESI_convertTime;
 

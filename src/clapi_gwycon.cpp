@@ -8,6 +8,7 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -39,6 +40,9 @@ static void closeSocket(Socket socket)
 }
 
 /* ---- The receiver thread ---- */
+
+/* What tools show for the thread. */
+static const char RECEIVER_NAME[] = "qpx-recv";
 
 /* What one receiver thread works with. */
 struct Receiver {
@@ -526,6 +530,7 @@ static void* receiverThread(void* argument)
 
     SCHEDULE_POINT(receiverStarted, conn);
     TRACE(at::entry, conn);
+    pthread_setname_np(pthread_self(), RECEIVER_NAME);
     pthread_detach(pthread_self());
     startReceiving(&receiver);
     receiveFlows(&receiver);
@@ -692,6 +697,31 @@ static int connectSocket(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host, const
     return QPX_OK;
 }
 
+/* Blocks every signal for this thread and those that it starts: the application's handlers run in
+ * the application's threads. The destructor puts the mask back. */
+class SignalsBlocked {
+public:
+    SignalsBlocked()
+    {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &before);
+    }
+    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
+    SignalsBlocked(const SignalsBlocked&) = delete;
+    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
+
+private:
+    sigset_t before;
+};
+
+static int createReceiverThread(_QPX_ConnToken_t* gwTokPtr)
+{
+    SignalsBlocked signals;
+    pthread_t thread;
+    return pthread_create(&thread, nullptr, receiverThread, gwTokPtr);
+}
+
 /*
  * Starts the receiver thread. The event for its end is armed and this thread counted as a sender
  * before it exists: whatever it meets first, nobody takes it for ended, and the socket stays
@@ -704,8 +734,7 @@ static int startReceiverThread(_QPX_ConnToken_t* gwTokPtr)
     TRACE(at::creatingThread);
     clapiSetEvent(&gwTokPtr->recvThreadEndedEvent);
     gwTokPtr->senders = 1;
-    pthread_t thread;
-    int threadRc = pthread_create(&thread, nullptr, receiverThread, gwTokPtr);
+    int threadRc = createReceiverThread(gwTokPtr);
     if (threadRc == 0) return QPX_OK;
 
     TRACE(at::noThread, threadRc);

@@ -175,8 +175,9 @@ static bool sendAll(SocketBuffer* sockBuffer, const char* data, size_t dataLen)
 {
     size_t sent = 0;
     while (sent < dataLen) {
-        ssize_t result = uninterrupted(
-            [&] { return send(sockBuffer->socketDesc, data + sent, dataLen - sent, 0); });
+        ssize_t result = uninterrupted([&] {
+            return send(sockBuffer->socketDesc, data + sent, dataLen - sent, MSG_NOSIGNAL);
+        });
         if (result < 1) {
             keepSendError(sockBuffer);
             return false;

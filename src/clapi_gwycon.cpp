@@ -22,7 +22,7 @@
 
 #include "clapi_diag.h"
 #include "clapi_types.h"
-#include "descriptor_set.h"
+#include "descriptor_wait.h"
 #include "schedule_points.h"
 #include "trace_points/clapi_gwycon.h"
 
@@ -563,32 +563,34 @@ static int getHostInfo(const char* address, int port, addrinfo** hostInfo)
     return QPX_ERR_BADHOST;
 }
 
+/* Whole seconds of a clock that nobody sets. */
+static time_t secondsOfClock()
+{
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec;
+}
+
 /* How many seconds to wait again after a signal: what is left of the limit, or 1. */
 static int secondsToWaitAgain(time_t start, int connTimeout)
 {
-    double elapsed = difftime(time(nullptr), start);
+    time_t elapsed = secondsOfClock() - start;
     if (elapsed > 0 && elapsed < connTimeout) return connTimeout - static_cast<int>(elapsed);
     return 1;
 }
 
-/* Waits until select finds the socket connected or failed; its result, with errno. */
-static int selectConnection(Socket socketDescriptor, DescriptorSet* writable,
-                            DescriptorSet* failing, int connTimeout)
+/* Waits until the socket is connected or has failed; the result of the last wait, with errno. */
+static int selectConnection(Socket socketDescriptor, bool* writable, int connTimeout)
 {
     namespace at = tp::waitForConnection;
 
-    if (!writable->valid() || !failing->valid()) {
-        errno = ENOMEM;
-        return -1;
-    }
-    timeval limit = {connTimeout, 0};
-    time_t start = time(nullptr);
+    int limit = connTimeout;
+    time_t start = secondsOfClock();
     for (;;) {
         TRACE(at::selecting, traceSocket(socketDescriptor));
-        int ready = select(writable->range(), nullptr, writable->set(), failing->set(), &limit);
+        int ready = waitForWritable(socketDescriptor, limit, writable);
         if (ready >= 0 || errno != EINTR) return ready;
-        limit.tv_sec = secondsToWaitAgain(start, connTimeout);
-        limit.tv_usec = 0;
+        limit = secondsToWaitAgain(start, connTimeout);
     }
 }
 
@@ -597,9 +599,8 @@ static int awaitConnected(Socket socketDescriptor, int* sockError, int connTimeo
     namespace at = tp::waitForConnection;
 
     ErrorText text;
-    DescriptorSet writable(socketDescriptor);
-    DescriptorSet failing(socketDescriptor);
-    int ready = selectConnection(socketDescriptor, &writable, &failing, connTimeout);
+    bool writable = false;
+    int ready = selectConnection(socketDescriptor, &writable, connTimeout);
     if (ready < 0) {
         *sockError = errno;
         TRACE(at::selectFailed, traceSocket(socketDescriptor), traceError(*sockError, text),
@@ -612,7 +613,7 @@ static int awaitConnected(Socket socketDescriptor, int* sockError, int connTimeo
         return QPX_ERR_CONNECTTIMEOUT;
     }
     // Deliberate: a socket that shows in the exception set alone counts as connected.
-    if (!writable.contains()) return QPX_OK;
+    if (!writable) return QPX_OK;
 
     int error = 0;
     socklen_t errorSize = sizeof error;

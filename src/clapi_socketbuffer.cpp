@@ -17,7 +17,7 @@
 
 #include "clapi_diag.h"
 #include "clapi_types.h"
-#include "descriptor_set.h"
+#include "descriptor_wait.h"
 #include "trace_points/clapi_socketbuffer.h"
 
 static const char EYECATCHER[] = "QPXSCKBF";
@@ -192,18 +192,7 @@ static int waitUntilReadable(SocketBuffer* sockBuffer, int timeout)
 {
     namespace at = tp::waitForResponse;
 
-    DescriptorSet readable(sockBuffer->socketDesc);
-    timeval limit = {timeout, 0};
-    int ready = -1;
-    if (readable.valid()) {
-        ready = static_cast<int>(uninterrupted([&] {
-            return static_cast<ssize_t>(select(readable.range(), readable.set(), nullptr, nullptr,
-                                               timeout == 0 ? nullptr : &limit));
-        }));
-    } else {
-        errno = sockBuffer->socketDesc < 0 ? EBADF : ENOMEM;
-    }
-
+    int ready = waitForReadable(sockBuffer->socketDesc, timeout);
     if (ready < 0) {
         int error = errno;
         ErrorText text;

@@ -30,6 +30,16 @@ protected:
         sigaction(SIGUSR1, &action, nullptr);
     }
 
+    // The calling thread, a receiver, which takes signals from now on.
+    static pthread_t interruptible()
+    {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGUSR1);
+        pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+        return pthread_self();
+    }
+
     // Interrupts the thread until its call has been made again.
     static void interrupt(const std::atomic<pthread_t>& thread, const Fault& repeated, int before)
     {
@@ -44,7 +54,7 @@ protected:
 TEST_F(ReceiverSignal, DoesNotEndTheWaitForAFlow)
 {
     static std::atomic<pthread_t> receiver; // a hook may still run when the test has ended
-    Fault waits = beforeCall(Call::Select, 0, [&](const CallInfo&) { receiver = pthread_self(); });
+    Fault waits = beforeCall(Call::Select, 0, [&](const CallInfo&) { receiver = interruptible(); });
     asked = syncCall("PROG", text("question"));
     auto call = connection.start(asked);
     connection.awaitRequest();
@@ -61,7 +71,7 @@ TEST_F(ReceiverSignal, DoesNotEndTheWaitForAFlow)
 TEST_F(ReceiverSignal, DoesNotEndTheReadingOfAFlow)
 {
     static std::atomic<pthread_t> receiver; // a hook may still run when the test has ended
-    Fault reads = beforeCall(Call::Recv, 0, [&](const CallInfo&) { receiver = pthread_self(); });
+    Fault reads = beforeCall(Call::Recv, 0, [&](const CallInfo&) { receiver = interruptible(); });
     asked = syncCall("PROG", text("question"));
     auto call = connection.start(asked);
     connection.awaitRequest();
@@ -100,7 +110,7 @@ TEST_F(ReceiverSignal, DoesNotEndTheWaitForTheHandshakeAnswer)
 {
     static std::atomic<pthread_t> receiver; // a hook may still run when the test has ended
     Fault waits = beforeCall(
-        Call::Select, 0, [&](const CallInfo&) { receiver = pthread_self(); }, Threads::Others);
+        Call::Select, 0, [&](const CallInfo&) { receiver = interruptible(); }, Threads::Others);
     ScriptedGateway gateway;
     QPX_ConnToken_t token = nullptr;
     auto opening = callInThread(

@@ -770,8 +770,11 @@ static int awaitHandshakeAnswer(_QPX_ConnToken_t* gwTokPtr)
 
     TRACE(at::awaitingAnswer);
     int rc = clapiWaitEvent(&gwTokPtr->connEvent);
-    if (gwTokPtr->connStatus == CONN_CONNECTED) return rc;
-    TRACE(at::refused, gwTokPtr->handshakeRc);
+    SCHEDULE_POINT(handshakeAnswered, gwTokPtr);
+    int status = gwTokPtr->connStatus;
+    if (status == CONN_CONNECTED) return rc;
+    // A close flow releases nobody from the wait: it has come behind a good answer.
+    if (status != CONN_CLOSED) TRACE(at::refused, gwTokPtr->handshakeRc);
     return gwTokPtr->handshakeRc;
 }
 

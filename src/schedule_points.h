@@ -21,6 +21,7 @@ enum class SchedulePoint {
     beforeQueueWait,    // the token; a collector goes to sleep
     beforeReadingWait,  // the slot; the receiver still reads into it; tableLock held
     beforeHandshake,    // the token; its receiver thread runs
+    handshakeAnswered,  // the token; the open has not looked at its state yet
     receiverStarted,    // the token; nothing has been done yet
     replyFound,         // the slot; its reply is about to be read
     replyRead,          // the slot; its reply is about to be delivered

@@ -135,7 +135,7 @@ typedef struct _QPX_ConnToken_t {
     int32_t quiesced;     // 1 once a delete has quiesced the token; by gtlLock
     int32_t opening;      // 1 until the open has succeeded; by gtlLock
     uint64_t serial;      // counts the tokens of the process; the list is in its order; by gtlLock
-    uint64_t socketInode; // tells the socket from others with its number; 0 until there is one
+    _QPX_ConnToken_t* nextOpenSocket; // among the tokens whose socket is open; by their own lock
 } _QPX_ConnToken_t;
 typedef _QPX_ConnToken_t Internal_ConnToken_t;
 
@@ -295,6 +295,12 @@ int clapiConnectToGateway(int port, char* hostname, _QPX_ConnToken_t* gwTokPtr, 
 
 /* Sends the close flow. Locks: takes sendLock. */
 int clapiCloseConnection(_QPX_ConnToken_t* conn);
+
+/* Around a fork: no socket is made or closed meanwhile, and the child closes those that it has
+ * inherited, without a flow. Locks: held from the first to one of the others. */
+void clapiConnectionsForkPrepare(void);
+void clapiConnectionsForkParent(void);
+void clapiConnectionsForkChild(void);
 
 /* ---- Frame and return codes ---- */
 

@@ -5,6 +5,7 @@
  * Locks: the receiver takes tableLock only, the close flow sendLock only; connecting takes none
  * but tableLock for the moment in which it stops being a sender.
  */
+#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -29,14 +30,72 @@
 static int sockOptOn = 1;
 static int sockOptOff = 0;
 
-/* Closes a descriptor; a failure shows in the EXIT line only. */
-static void closeSocket(Socket socket)
+/* ---- Sockets ---- */
+
+/*
+ * The tokens whose socket is open. The lock is a leaf: it is held for the making or the closing of a
+ * socket together with the note of it, so that a process that is forked finds each socket that it
+ * inherits, and no number that is another's by now.
+ */
+static pthread_mutex_t openSocketsGuard = PTHREAD_MUTEX_INITIALIZER;
+static _QPX_ConnToken_t* firstOpenSocket = nullptr; // by openSocketsGuard
+
+class OpenSocketsHold {
+public:
+    OpenSocketsHold() { pthread_mutex_lock(&openSocketsGuard); }
+    ~OpenSocketsHold() { pthread_mutex_unlock(&openSocketsGuard); }
+    OpenSocketsHold(const OpenSocketsHold&) = delete;
+    OpenSocketsHold& operator=(const OpenSocketsHold&) = delete;
+};
+
+/* Locks: openSocketsGuard held, as in the function that follows. */
+static void noteOpen(_QPX_ConnToken_t* gwTokPtr)
+{
+    gwTokPtr->nextOpenSocket = firstOpenSocket;
+    firstOpenSocket = gwTokPtr;
+}
+
+static void noteClosing(const _QPX_ConnToken_t* gwTokPtr)
+{
+    _QPX_ConnToken_t** linkPtr = &firstOpenSocket;
+    while (*linkPtr != nullptr && *linkPtr != gwTokPtr) linkPtr = &(*linkPtr)->nextOpenSocket;
+    if (*linkPtr == gwTokPtr) *linkPtr = gwTokPtr->nextOpenSocket;
+}
+
+/* Closes a connection's socket; a failure shows in the EXIT line only. */
+static void closeSocket(_QPX_ConnToken_t* gwTokPtr)
 {
     namespace at = tp::closeSocket;
 
-    TRACE(at::entry, traceSocket(socket));
-    int closeErrno = close(socket) == 0 ? 0 : errno;
+    Socket socketDescriptor = gwTokPtr->socketDescriptor;
+    TRACE(at::entry, traceSocket(socketDescriptor));
+    int closeErrno;
+    {
+        OpenSocketsHold hold;
+        noteClosing(gwTokPtr);
+        closeErrno = close(socketDescriptor) == 0 ? 0 : errno;
+    }
     TRACE(at::exit, closeErrno);
+}
+
+void clapiConnectionsForkPrepare(void)
+{
+    pthread_mutex_lock(&openSocketsGuard);
+}
+
+void clapiConnectionsForkParent(void)
+{
+    pthread_mutex_unlock(&openSocketsGuard);
+}
+
+void clapiConnectionsForkChild(void)
+{
+    for (_QPX_ConnToken_t* token = firstOpenSocket; token != nullptr; token = token->nextOpenSocket) {
+        close(token->socketDescriptor);
+        token->socketDescriptor = NO_SOCKET;
+    }
+    firstOpenSocket = nullptr;
+    pthread_mutex_unlock(&openSocketsGuard);
 }
 
 /* ---- The receiver thread ---- */
@@ -515,7 +574,7 @@ static void closeConnectionSocket(_QPX_ConnToken_t* conn)
     if (conn->connStatus != CONN_FAILED) shutdown(conn->socketDescriptor, SHUT_RDWR);
     clapiWaitForSenders(conn);
     SCHEDULE_POINT(beforeSocketClose, conn);
-    closeSocket(conn->socketDescriptor);
+    closeSocket(conn);
 }
 
 /* The only reader of a connection's socket, from the connect to the end of the connection. */
@@ -634,18 +693,38 @@ static int waitForConnection(Socket* socketDescriptorPtr, int* sockError, int co
     return rc;
 }
 
+/* A socket that no program gets that the application executes. A number that the standard streams
+ * have is not for it: an application that has closed them may open them anew, or write to them. */
+static Socket newSocket(const addrinfo* host)
+{
+    Socket made = socket(host->ai_family, host->ai_socktype | SOCK_CLOEXEC, host->ai_protocol);
+    if (made == NO_SOCKET || made > STDERR_FILENO) return made;
+
+    Socket moved = fcntl(made, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    int error = errno;
+    close(made);
+    errno = error;
+    return moved;
+}
+
+/* Gives the token a socket: 0 or errno. */
+static int makeSocket(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host)
+{
+    OpenSocketsHold hold;
+    gwTokPtr->socketDescriptor = newSocket(host);
+    if (gwTokPtr->socketDescriptor == NO_SOCKET) return errno;
+    noteOpen(gwTokPtr);
+    return 0;
+}
+
 static int createSocket(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host)
 {
     namespace at = tp::clapiConnectToGateway;
 
     TRACE(at::creatingSocket, host->ai_family, host->ai_socktype, host->ai_protocol);
-    gwTokPtr->socketDescriptor = socket(host->ai_family, host->ai_socktype, host->ai_protocol);
-    if (gwTokPtr->socketDescriptor != NO_SOCKET) {
-        clapiNoteSocket(gwTokPtr);
-        return QPX_OK;
-    }
+    int error = makeSocket(gwTokPtr, host);
+    if (error == 0) return QPX_OK;
 
-    int error = errno;
     ErrorText text;
     TRACE(at::noSocket, traceError(error, text), error);
     // Deliberate: not a failed connect.
@@ -788,7 +867,7 @@ static int openSocket(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host, const ch
     if (rc == QPX_OK) rc = connectSocket(gwTokPtr, host, hostname);
     if (rc == QPX_OK) rc = startReceiverThread(gwTokPtr);
     // Once there is a receiver, closing is its business.
-    if (rc != QPX_OK) closeSocket(gwTokPtr->socketDescriptor);
+    if (rc != QPX_OK) closeSocket(gwTokPtr);
     return rc;
 }
 

@@ -200,13 +200,10 @@ int clapiDeleteGatewayToken(QPX_ConnToken_t* gwTokPtr, int closeTimeout, int loc
 /* Closes and deletes every token on the list that has been opened. Always 0. */
 int clapiDeleteGatewayTokens(void);
 
-/* Notes which socket the token has got. Thread: the one that has just made it. */
-void clapiNoteSocket(_QPX_ConnToken_t* gwTokPtr);
-
 /*
- * For the child of a fork: no token is on the list any more, and the sockets that came with the
- * fork are closed without a flow, for the connections are the parent's. The records stay, as do
- * the locks in them that threads of the parent may have held. Writes no trace line.
+ * For the child of a fork: no token is on the list any more, for the connections are the parent's,
+ * and what names one is refused. The records stay, as do the locks in them that threads of the
+ * parent may have held. Writes no trace line.
  * Locks: gtlLock held, by this thread and since before the fork, so that the list is whole; no
  * lock of a token is taken.
  */

@@ -7,7 +7,6 @@
  * then tableLock for its slots and its reply queue. Neither is held across a wait.
  */
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -1426,25 +1425,8 @@ int clapiDeleteGatewayTokens(void)
 
 /* ---- The child of a fork ---- */
 
-void clapiNoteSocket(_QPX_ConnToken_t* gwTokPtr)
-{
-    struct stat status;
-    if (fstat(gwTokPtr->socketDescriptor, &status) == 0) gwTokPtr->socketInode = status.st_ino;
-}
-
-/* The number of a socket that the connection has closed may be another file's by now. */
-static void closeInheritedSocket(const _QPX_ConnToken_t* token)
-{
-    struct stat status;
-    if (token->socketInode == 0 || fstat(token->socketDescriptor, &status) != 0) return;
-    if (S_ISSOCK(status.st_mode) && status.st_ino == token->socketInode)
-        close(token->socketDescriptor);
-}
-
 void clapiForgetTokens(void)
 {
-    for (_QPX_ConnToken_t* token = gtListHeadPtr; token != nullptr; token = token->nextGwyTokPtr)
-        closeInheritedSocket(token);
     if (gtListHeadPtr == nullptr) return;
     gtListTailPtr->nextGwyTokPtr = forgottenHeadPtr;
     forgottenHeadPtr = gtListHeadPtr;

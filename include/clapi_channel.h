@@ -78,6 +78,15 @@ const char* clapiGetRcStringChannel(int rc);
 int lockChannel(ECI_ChannelToken_t chanTok);
 int unlockChannel(ECI_ChannelToken_t chanTok);
 
+/*
+ * Around a fork: no list of channels or containers is being changed meanwhile. The child has the
+ * channels, and none of the calls that held them or waited for them: it can use them all.
+ * Locks: held from the first to one of the others.
+ */
+void clapiChannelsForkPrepare(void);
+void clapiChannelsForkParent(void);
+void clapiChannelsForkChild(void);
+
 /* Checks the name of a channel or container: 0 or ECI_ERR_INVALID_NAME. */
 int validateName(const char* name);
 

@@ -426,6 +426,40 @@ static int unlockForgotten(ECI_Channel_t* channel)
     return rc;
 }
 
+/* ---- Forks ---- */
+
+void clapiChannelsForkPrepare(void)
+{
+    pthread_mutex_lock(&chanListLock.lock);
+    pthread_mutex_lock(&containerListGuard);
+}
+
+void clapiChannelsForkParent(void)
+{
+    pthread_mutex_unlock(&containerListGuard);
+    pthread_mutex_unlock(&chanListLock.lock);
+}
+
+/* A channel that no thread of this process holds or waits for. Its lock and its event are made
+ * anew: a thread that does not exist here may have been at work on them. */
+static void startAnew(ECI_Channel_t* channel)
+{
+    pthread_mutex_init(&channel->serLock.lock, nullptr);
+    pthread_mutex_init(&channel->unlockEvent.mutex, nullptr);
+    pthread_cond_init(&channel->unlockEvent.cond, nullptr);
+    channel->unlockEvent.eflag = 1;
+    channel->isLocked = 0;
+    channel->waiters = 0;
+}
+
+void clapiChannelsForkChild(void)
+{
+    for (ECI_Channel_t* channel = chanList; channel != nullptr; channel = channel->nextChan)
+        startAnew(channel);
+    pthread_mutex_unlock(&containerListGuard);
+    pthread_mutex_unlock(&chanListLock.lock);
+}
+
 /* ---- Containers of a channel that is held ---- */
 
 void clapiInitializeContainer(ECI_Container_t* container)

@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "api_call.h"
+#include "clapi_channel.h"
 #include "clapi_diag.h"
 #include "clapi_types.h"
 #include "request_steps.h"
@@ -21,6 +22,11 @@
 int clapiState = 0;
 static int clapiInitRc = QPX_OK;
 static pthread_once_t initState = PTHREAD_ONCE_INIT;
+
+/* Held by the initialisation and across a fork: a child that is forked meanwhile inherits either
+ * nothing of it or the whole. */
+static pthread_mutex_t initGuard = PTHREAD_MUTEX_INITIALIZER;
+static bool initHasRun = false; // by initGuard
 
 static char clapiVersion[sizeof QPX_API_VERSION_TEXT];
 static char cldllVersion[sizeof QPX_DLL_VERSION_TEXT];
@@ -180,10 +186,8 @@ static int initializeLibrary()
     return QPX_OK;
 }
 
-static void clapiInitFunc(void)
+static void initializeOnce()
 {
-    if (clapiState != 0) return;
-
     clapiInitRc = initializeLibrary();
     // The level comes first, so that the banner goes to the file only when tracing is on.
     clapiSetAPITraceLevelFromEnv();
@@ -191,10 +195,70 @@ static void clapiInitFunc(void)
     clapiSetAPITraceParamsFromEnv();
 }
 
+/* Where a fork has come between the end of this and the note that pthread_once makes of it, the
+ * child's first call comes here again. */
+static void clapiInitFunc(void)
+{
+    pthread_mutex_lock(&initGuard);
+    if (!initHasRun) initializeOnce();
+    initHasRun = true;
+    pthread_mutex_unlock(&initGuard);
+}
+
 int clapiInit(void)
 {
     if (pthread_once(&initState, clapiInitFunc) != 0) return QPX_ERR_SYSTEM_ERROR;
     return clapiInitRc;
+}
+
+/* ---- Forks ---- */
+
+/*
+ * Every lock that the whole process shares is held across a fork, in the order in which they are
+ * taken anywhere, so that the child finds none of them taken by a thread that it does not have, and
+ * nothing half changed that they guard. None of the three writes a line or needs memory.
+ */
+static void prepareFork(void)
+{
+    pthread_mutex_lock(&initGuard);
+    if (clapiState == 0) return; // the locks do not exist
+    pthread_mutex_lock(&gtlLock.lock);
+    clapiChannelsForkPrepare();
+    clapiConnectionsForkPrepare();
+    pthread_mutex_lock(&correlatorLock.lock);
+    clapiTraceForkPrepare();
+}
+
+static void endForkInParent(void)
+{
+    if (clapiState != 0) {
+        clapiTraceForkParent();
+        pthread_mutex_unlock(&correlatorLock.lock);
+        clapiConnectionsForkParent();
+        clapiChannelsForkParent();
+        pthread_mutex_unlock(&gtlLock.lock);
+    }
+    pthread_mutex_unlock(&initGuard);
+}
+
+/* The connections are the parent's: the child has none of their threads, and forgets them. */
+static void endForkInChild(void)
+{
+    if (clapiState != 0) {
+        clapiTraceForkChild();
+        pthread_mutex_unlock(&correlatorLock.lock);
+        clapiConnectionsForkChild();
+        clapiForgetTokens();
+        clapiChannelsForkChild();
+        pthread_mutex_unlock(&gtlLock.lock);
+    }
+    pthread_mutex_unlock(&initGuard);
+}
+
+/* Before any call: the first one may be made by another thread than the one that forks. */
+__attribute__((constructor)) static void registerForkHandlers()
+{
+    pthread_atfork(prepareFork, endForkInParent, endForkInChild);
 }
 
 /* ---- Versions, state and correlator ---- */

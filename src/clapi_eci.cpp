@@ -92,6 +92,35 @@ static bool carriesData(int extendMode)
     return extendMode != ECI_COMMIT && extendMode != ECI_BACKOUT;
 }
 
+/* Checks what says where the data is and how much. The record may be a copy, which lines show under
+ * the address of its original. */
+static int checkLengths(const QPX_ECI_PARMS* record, const QPX_ECI_PARMS* shownAs)
+{
+    namespace at = tp::verifyEciParms;
+
+    if (record->eci_commarea_length < 0) {
+        TRACE(at::badLength, shownAs, record->eci_commarea_length);
+        return ECI_ERR_INVALID_DATA_LENGTH;
+    }
+    if (record->commarea_inbound_length < 0) {
+        TRACE(at::badInboundLength, shownAs, record->commarea_inbound_length);
+        return ECI_ERR_INVALID_DATA_LENGTH;
+    }
+    if (record->commarea_outbound_length < 0) {
+        TRACE(at::badOutboundLength, shownAs, record->commarea_outbound_length);
+        return ECI_ERR_INVALID_DATA_LENGTH;
+    }
+    if (record->eci_commarea == nullptr && record->eci_commarea_length != 0) {
+        TRACE(at::noCommarea, shownAs, record->eci_commarea_length);
+        return ECI_ERR_INVALID_DATA_AREA;
+    }
+    if (record->eci_commarea != nullptr && record->eci_commarea_length == 0) {
+        TRACE(at::unusedCommarea, shownAs);
+        return ECI_ERR_INVALID_DATA_AREA;
+    }
+    return ECI_NO_ERROR;
+}
+
 static int checkEciParms(const QPX_ECI_PARMS* EciParms, int minVersion)
 {
     namespace at = tp::verifyEciParms;
@@ -118,26 +147,8 @@ static int checkEciParms(const QPX_ECI_PARMS* EciParms, int minVersion)
         TRACE(at::badExtendMode, EciParms, EciParms->eci_extend_mode);
         return ECI_ERR_INVALID_EXTEND_MODE;
     }
-    if (EciParms->eci_commarea_length < 0) {
-        TRACE(at::badLength, EciParms, EciParms->eci_commarea_length);
-        return ECI_ERR_INVALID_DATA_LENGTH;
-    }
-    if (EciParms->commarea_inbound_length < 0) {
-        TRACE(at::badInboundLength, EciParms, EciParms->commarea_inbound_length);
-        return ECI_ERR_INVALID_DATA_LENGTH;
-    }
-    if (EciParms->commarea_outbound_length < 0) {
-        TRACE(at::badOutboundLength, EciParms, EciParms->commarea_outbound_length);
-        return ECI_ERR_INVALID_DATA_LENGTH;
-    }
-    if (EciParms->eci_commarea == nullptr && EciParms->eci_commarea_length != 0) {
-        TRACE(at::noCommarea, EciParms, EciParms->eci_commarea_length);
-        return ECI_ERR_INVALID_DATA_AREA;
-    }
-    if (EciParms->eci_commarea != nullptr && EciParms->eci_commarea_length == 0) {
-        TRACE(at::unusedCommarea, EciParms);
-        return ECI_ERR_INVALID_DATA_AREA;
-    }
+    int rc = checkLengths(EciParms, EciParms);
+    if (rc != ECI_NO_ERROR) return rc;
     if (EciParms->eci_timeout < 0) {
         TRACE(at::badTimeout, EciParms, EciParms->eci_timeout);
         return ECI_ERR_REQUEST_TIMEOUT;
@@ -533,7 +544,9 @@ int performEciExecute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms, int useCha
     call.isAsync = call.record.eci_call_type == ECI_ASYNC;
     call.useChannel = useChannel != 0;
     call.extendMode = call.record.eci_extend_mode;
-    int rc = performCall(&call);
+    // The application's record may have changed since it was checked.
+    int rc = checkLengths(&call.record, EciParms);
+    if (rc == ECI_NO_ERROR) rc = performCall(&call);
     explicit_bzero(call.record.eci_password, sizeof call.record.eci_password);
     explicit_bzero(call.password, sizeof call.password);
     TRACE(at::exit, rc, clapiGetRcString(rc));
@@ -551,6 +564,8 @@ struct Collection {
     bool isSpecific;
     bool waits;
     int qualifier;
+    char* commarea;       // where the data goes
+    short commareaLength; // and the room there; 0 if there is none
 };
 
 /* Whether the wanted reply can come at all. */
@@ -664,31 +679,32 @@ static void copyRecord(QPX_ECI_PARMS* EciParms, const RequestSlot* slotP)
 }
 
 /* Deliberate: only the bytes that came back are copied, the rest stays as it is. */
-static void copyCommarea(const QPX_ECI_PARMS* EciParms, RequestSlot* slotP)
+static void copyCommarea(const Collection& wanted, RequestSlot* slotP)
 {
     namespace at = tp::getAsyncReply;
 
-    size_t length = std::min(static_cast<size_t>(EciParms->commarea_inbound_length),
+    size_t length = std::min(static_cast<size_t>(slotP->eciParms.commarea_inbound_length),
                              slotP->replyCapacity);
-    if (length > 0) memcpy(EciParms->eci_commarea, slotP->asyncBuffer, length);
+    if (length > 0) memcpy(wanted.commarea, slotP->asyncBuffer, length);
     TRACE(at::freeing, slotP->asyncBuffer);
     clapiFreeReplyBuffer(slotP);
 }
 
-/* Hands the reply's data over; ECI_ERR_INVALID_DATA_LENGTH if the caller has no room for it. */
-static int takeData(QPX_ECI_PARMS* EciParms, RequestSlot* slotP)
+/* Hands the reply's data over; ECI_ERR_INVALID_DATA_LENGTH if the caller has no room for it. The
+ * lengths are those of the slot and of the call's start: the caller's record may be changing. */
+static int takeData(const Collection& wanted, RequestSlot* slotP)
 {
     namespace at = tp::getAsyncReply;
 
     if (slotP->gatewayRc != QPX_OK || slotP->vornRc != 0) return ECI_NO_ERROR;
-    short inbound = EciParms->commarea_inbound_length;
-    if (inbound > EciParms->eci_commarea_length) {
-        TRACE(at::tooSmall, EciParms->eci_commarea_length, inbound);
-        EciParms->eci_commarea_length = inbound;
+    short inbound = slotP->eciParms.commarea_inbound_length;
+    if (inbound > wanted.commareaLength) {
+        TRACE(at::tooSmall, wanted.commareaLength, inbound);
+        wanted.EciParms->eci_commarea_length = inbound;
         return ECI_ERR_INVALID_DATA_LENGTH;
     }
-    if (carriesData(EciParms->eci_extend_mode) && slotP->asyncBuffer != nullptr)
-        copyCommarea(EciParms, slotP);
+    if (carriesData(slotP->eciParms.eci_extend_mode) && slotP->asyncBuffer != nullptr)
+        copyCommarea(wanted, slotP);
     return ECI_NO_ERROR;
 }
 
@@ -745,7 +761,7 @@ static int takeReply(const Collection& wanted, RequestSlot* slotP)
 
     TRACE(at::found, slotP->eciParms.eci_message_qualifier);
     copyRecord(wanted.EciParms, slotP);
-    int rc = takeData(wanted.EciParms, slotP);
+    int rc = takeData(wanted, slotP);
     if (rc != ECI_NO_ERROR) return rc; // the reply stays queued
 
     countOut(wanted.gwTok);
@@ -783,6 +799,8 @@ int getAsyncReply(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
                         callType == ECI_GET_SPECIFIC_REPLY_WAIT;
     wanted.waits = callType == ECI_GET_REPLY_WAIT || callType == ECI_GET_SPECIFIC_REPLY_WAIT;
     wanted.qualifier = EciParms->eci_message_qualifier;
+    wanted.commarea = EciParms->eci_commarea;
+    wanted.commareaLength = wanted.commarea != nullptr ? EciParms->eci_commarea_length : short{0};
     int rc = collectReply(wanted);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;

@@ -1,0 +1,64 @@
+// A part of a test that runs in a forked child, and how it ended.
+//
+//     EXPECT_EQ(0, inChild([&] { return QPX_closeAllGatewayConnections(); }));
+//
+// A child that hangs is ended after a limit and gives no exit code. None is left behind.
+#ifndef SUPPORT_FORKED_H
+#define SUPPORT_FORKED_H
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace support {
+
+// Seconds that a child may take.
+constexpr unsigned int childLimit = 20;
+
+// What inChild gives for a child that did not exit by itself.
+constexpr int childDied = -1;
+
+// The exit code of a child that runs the function, whose result, below 256, it is.
+template <typename Function>
+int inChild(Function function)
+{
+    std::fflush(nullptr);
+    pid_t child = fork();
+    if (child == 0) {
+        alarm(childLimit);
+        _exit(function());
+    }
+    int status = 0;
+    if (child < 0 || waitpid(child, &status, 0) != child) return childDied;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : childDied;
+}
+
+// A child that does nothing, for as long as this lives.
+class IdleChild {
+public:
+    IdleChild()
+    {
+        child_ = fork();
+        if (child_ != 0) return;
+        for (;;) pause();
+    }
+    ~IdleChild()
+    {
+        if (child_ <= 0) return;
+        kill(child_, SIGKILL);
+        waitpid(child_, nullptr, 0);
+    }
+    IdleChild(const IdleChild&) = delete;
+    IdleChild& operator=(const IdleChild&) = delete;
+
+    bool exists() const { return child_ > 0; }
+
+private:
+    pid_t child_;
+};
+
+} // namespace support
+
+#endif

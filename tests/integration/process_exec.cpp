@@ -1,34 +1,19 @@
 // The descriptors of connections: not for programs that the application executes, and never those of
 // the standard streams.
 #include <fcntl.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <string>
 
 #include "integration/connection_script.h"
+#include "support/connected_descriptor.h"
 
 using namespace script;
+using support::descriptorTo;
+using support::highestLookedAt;
 
 namespace {
-
-constexpr int highestLookedAt = 255;
-
-// The descriptor that is connected to the port, or -1.
-int descriptorTo(int port)
-{
-    for (int descriptor = 0; descriptor <= highestLookedAt; ++descriptor) {
-        sockaddr_in address = {};
-        socklen_t size = sizeof address;
-        auto* general = reinterpret_cast<sockaddr*>(&address);
-        if (getpeername(descriptor, general, &size) == 0 && address.sin_family == AF_INET &&
-            ntohs(address.sin_port) == port)
-            return descriptor;
-    }
-    return -1;
-}
 
 std::string nameOf(int descriptor)
 {

@@ -1,12 +1,16 @@
 // Applications that fork: the child has the library, but none of the parent's connections.
+#include <fcntl.h>
+#include <sched.h>
+
 #include "integration/connection_script.h"
 #include "qpxclient_eci.h"
+#include "support/connected_descriptor.h"
 #include "support/forked.h"
 #include "support/trace_file.h"
 
 using namespace script;
+using support::descriptorTo;
 using support::EciParms;
-using support::IdleChild;
 using support::inChild;
 using support::syncCall;
 using support::TraceFile;
@@ -60,17 +64,29 @@ TEST_F(ForkedChild, IsRefusedTheTokensOfTheParent)
     expectServing();
 }
 
-TEST_F(ForkedChild, DoesNotKeepAConnectionThatTheParentCloses)
+TEST_F(ForkedChild, HasNoneOfTheParentsSockets)
 {
-    IdleChild child;
-    ASSERT_TRUE(child.exists());
+    int port = connection.gateway.port();
+    ASSERT_LE(0, descriptorTo(port));
 
-    auto closing = connection.startClose();
-    connection.answerClose();
-    EXPECT_RC(QPX_OK, closing.get());
-    connection.forget();
+    EXPECT_EQ(0, inChild([&] { return descriptorTo(port) == -1 ? 0 : 1; }));
 
-    EXPECT_TRUE(connection.peer.awaitEof());
+    EXPECT_LE(0, descriptorTo(port));
+    expectServing();
+}
+
+// The socket has been closed when the connection was lost, and its number is another's by now.
+TEST_F(ForkedChild, KeepsADescriptorThatWasASocketOfTheParents)
+{
+    int number = descriptorTo(connection.gateway.port());
+    connection.peer.close();
+    while (fcntl(number, F_GETFD) != -1) sched_yield();
+    int other = fcntl(STDERR_FILENO, F_DUPFD, number);
+    ASSERT_EQ(number, other);
+
+    EXPECT_EQ(0, inChild([&] { return fcntl(other, F_GETFD) != -1 ? 0 : 1; }));
+
+    close(other);
 }
 
 TEST_F(ForkedChild, OpensConnectionsOfItsOwn)

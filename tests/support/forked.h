@@ -6,7 +6,6 @@
 #ifndef SUPPORT_FORKED_H
 #define SUPPORT_FORKED_H
 
-#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,30 +33,6 @@ int inChild(Function function)
     if (child < 0 || waitpid(child, &status, 0) != child) return childDied;
     return WIFEXITED(status) ? WEXITSTATUS(status) : childDied;
 }
-
-// A child that does nothing, for as long as this lives.
-class IdleChild {
-public:
-    IdleChild()
-    {
-        child_ = fork();
-        if (child_ != 0) return;
-        for (;;) pause();
-    }
-    ~IdleChild()
-    {
-        if (child_ <= 0) return;
-        kill(child_, SIGKILL);
-        waitpid(child_, nullptr, 0);
-    }
-    IdleChild(const IdleChild&) = delete;
-    IdleChild& operator=(const IdleChild&) = delete;
-
-    bool exists() const { return child_ > 0; }
-
-private:
-    pid_t child_;
-};
 
 } // namespace support
 

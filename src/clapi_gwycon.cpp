@@ -90,7 +90,8 @@ void clapiConnectionsForkParent(void)
 
 void clapiConnectionsForkChild(void)
 {
-    for (_QPX_ConnToken_t* token = firstOpenSocket; token != nullptr; token = token->nextOpenSocket) {
+    for (_QPX_ConnToken_t* token = firstOpenSocket; token != nullptr;
+         token = token->nextOpenSocket) {
         close(token->socketDescriptor);
         token->socketDescriptor = NO_SOCKET;
     }

@@ -29,9 +29,9 @@ inline int millisecondsUntil(const timespec& deadline)
 {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    long long left =
-        static_cast<long long>(deadline.tv_sec - now.tv_sec) * MILLISECONDS_PER_SECOND +
-        (deadline.tv_nsec - now.tv_nsec) / 1000000;
+    long long left = static_cast<long long>(deadline.tv_sec - now.tv_sec) *
+                         MILLISECONDS_PER_SECOND +
+                     (deadline.tv_nsec - now.tv_nsec) / 1000000;
     return left > 0 ? static_cast<int>(left) : 0;
 }
 
@@ -43,8 +43,8 @@ inline int pollReadable(int descriptor, int timeout)
     deadline.tv_sec += timeout;
     int ready;
     do {
-        ready = pollDescriptor(&polled, timeout == 0 ? POLL_WITHOUT_LIMIT
-                                                     : millisecondsUntil(deadline));
+        ready = pollDescriptor(&polled,
+                               timeout == 0 ? POLL_WITHOUT_LIMIT : millisecondsUntil(deadline));
     } while (ready < 0 && errno == EINTR);
     return ready;
 }
@@ -58,7 +58,8 @@ inline int selectReadable(int descriptor, int timeout)
     int ready;
     do {
         // What a signal has left of the limit is in it.
-        ready = select(descriptor + 1, &readable, nullptr, nullptr, timeout == 0 ? nullptr : &limit);
+        ready = select(descriptor + 1, &readable, nullptr, nullptr,
+                       timeout == 0 ? nullptr : &limit);
     } while (ready < 0 && errno == EINTR);
     return ready;
 }

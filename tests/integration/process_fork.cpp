@@ -121,11 +121,12 @@ TEST_F(ForkedChild, HasTheChannelsThatCallsOfTheParentHold)
     int messageId = connection.awaitRequest().messageId();
 
     EXPECT_EQ(0, inChild([&] {
-        char name[17] = {};
-        if (ECI_getChannelName(channel, name) != 0) return 1;
-        if (ECI_createContainer(channel, "CONTAINER", ECI_BIT, 0, "data", 4) != 0) return 2;
-        return ECI_deleteChannel(&channel) == 0 ? 0 : 3;
-    }));
+                  char name[17] = {};
+                  if (ECI_getChannelName(channel, name) != 0) return 1;
+                  if (ECI_createContainer(channel, "CONTAINER", ECI_BIT, 0, "data", 4) != 0)
+                      return 2;
+                  return ECI_deleteChannel(&channel) == 0 ? 0 : 3;
+              }));
 
     connection.peer.send(errorFlow(messageId, QPX_ERR_WORK_WAS_REFUSED));
     EXPECT_RC(QPX_ERR_WORK_WAS_REFUSED, call.get());
@@ -138,9 +139,9 @@ TEST_F(ForkedChild, WritesToTheTraceOfTheParent)
     TraceFile trace(3);
 
     EXPECT_EQ(0, inChild([] {
-        char* version = nullptr;
-        return QPX_getAPIVersion(&version);
-    }));
+                  char* version = nullptr;
+                  return QPX_getAPIVersion(&version);
+              }));
 
     EXPECT_EQ(1, trace.timesWroteText("API.QPX_getAPIVersion() rc=0 (QPX_OK)"));
     EXPECT_FALSE(trace.wroteText("closeSocket"));
@@ -148,9 +149,7 @@ TEST_F(ForkedChild, WritesToTheTraceOfTheParent)
 
 TEST_F(ForkedChild, ForksAChildThatIsLikeIt)
 {
-    EXPECT_EQ(0, inChild([] {
-        return inChild([] { return QPX_closeAllGatewayConnections(); });
-    }));
+    EXPECT_EQ(0, inChild([] { return inChild([] { return QPX_closeAllGatewayConnections(); }); }));
 
     expectServing();
 }

@@ -56,7 +56,8 @@ private:
     {
         if (info.first != CLOCK_MONOTONIC) return;
         auto look = static_cast<std::size_t>(looks_++);
-        if (look < seconds_.size()) reinterpret_cast<timespec*>(info.second)->tv_sec = seconds_[look];
+        if (look < seconds_.size())
+            reinterpret_cast<timespec*>(info.second)->tv_sec = seconds_[look];
     }
 
     std::vector<time_t> seconds_;

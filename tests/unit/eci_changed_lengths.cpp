@@ -57,8 +57,7 @@ TEST_F(ChangedRecord, IsRefusedWithANegativeInboundOrOutboundLength)
 {
     EciParms inbound = syncCall("PROG", filled(8, 'a'));
     inbound.record.commarea_inbound_length = -1;
-    EXPECT_RC(ECI_ERR_INVALID_DATA_LENGTH,
-              performEciExecute(connection.token, &inbound.record, 0));
+    EXPECT_RC(ECI_ERR_INVALID_DATA_LENGTH, performEciExecute(connection.token, &inbound.record, 0));
 
     EciParms outbound = syncCall("PROG", filled(8, 'a'));
     outbound.record.commarea_outbound_length = -1;

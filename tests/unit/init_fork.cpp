@@ -52,18 +52,17 @@ class ForkedInTheFirstCall : public ::testing::TestWithParam<int> {};
 TEST_P(ForkedInTheFirstCall, GivesAChildThatCanMakeItsOwn)
 {
     Gate gate;
-    Fault stop = beforeCall(Call::MutexInit, GetParam(), [gate](const CallInfo&) mutable {
-        gate.pass();
-    });
+    Fault stop = beforeCall(Call::MutexInit, GetParam(),
+                            [gate](const CallInfo&) mutable { gate.pass(); });
     auto first = callInThread([] { return clapiInit(); });
     ASSERT_TRUE(gate.awaitArrival());
     Fault forkWaits = beforeCall(
         Call::MutexLock, 1, [gate](const CallInfo&) mutable { gate.open(); }, Threads::Calling);
 
     EXPECT_EQ(0, inChild([] {
-        char* version = nullptr;
-        return QPX_getAPIVersion(&version) == 0 ? 0 : 1;
-    }));
+                  char* version = nullptr;
+                  return QPX_getAPIVersion(&version) == 0 ? 0 : 1;
+              }));
 
     gate.open();
     EXPECT_RC(0, first.get());
@@ -75,9 +74,9 @@ INSTANTIATE_TEST_SUITE_P(AtEachLock, ForkedInTheFirstCall, ::testing::Values(1, 
 TEST(ForkedBeforeTheFirstCall, GivesAChildThatCanMakeItsOwn)
 {
     EXPECT_EQ(0, inChild([] {
-        char* version = nullptr;
-        return QPX_getAPIVersion(&version) == 0 ? 0 : 1;
-    }));
+                  char* version = nullptr;
+                  return QPX_getAPIVersion(&version) == 0 ? 0 : 1;
+              }));
     EXPECT_EQ(0, clapiState);
     EXPECT_RC(0, clapiInit());
 }

@@ -157,7 +157,6 @@ void clapiTraceForkPrepare(void);
 void clapiTraceForkParent(void);
 void clapiTraceForkChild(void);
 
-
 /* The rule that frames a dump of the library's records. */
 #define TRACE_RULE_OF_40 "----------------------------------------"
 #define TRACE_DUMP_RULE  TRACE_RULE_OF_40 TRACE_RULE_OF_40 "\n"

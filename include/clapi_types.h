@@ -132,9 +132,9 @@ typedef struct _QPX_ConnToken_t {
     // Threads that close the token, each from its mark or from the beginning of its delete until
     // that has ended; raised under gtlLock, and the token is freed by the last of them.
     std::atomic<int32_t> deleters;
-    int32_t quiesced;     // 1 once a delete has quiesced the token; by gtlLock
-    int32_t opening;      // 1 until the open has succeeded; by gtlLock
-    uint64_t serial;      // counts the tokens of the process; the list is in its order; by gtlLock
+    int32_t quiesced; // 1 once a delete has quiesced the token; by gtlLock
+    int32_t opening;  // 1 until the open has succeeded; by gtlLock
+    uint64_t serial;  // counts the tokens of the process; the list is in its order; by gtlLock
     _QPX_ConnToken_t* nextOpenSocket; // among the tokens whose socket is open; by their own lock
 } _QPX_ConnToken_t;
 typedef _QPX_ConnToken_t Internal_ConnToken_t;

@@ -148,12 +148,17 @@ TEST_P(SecretOfVersion, IsGoneAfterACallWithoutAUnitOfWork)
     EXPECT_EQ(0, memory.findings());
 }
 
-TEST_P(SecretOfVersion, IsGoneAfterACallThatFailed)
+TEST_P(SecretOfVersion, IsGoneAfterACallThatTheServerRefused)
 {
     EXPECT_RC(0, call(GetParam(), ECI_EXTENDED, 0, ProgramReply().luwToken(7)));
     EXPECT_RC(-7, call(GetParam(), ECI_EXTENDED, 7,
                        ProgramReply().luwToken(7).serverCode(-7).abend("AEI0")));
     EXPECT_EQ(0, memory.findings());
+}
+
+TEST_P(SecretOfVersion, IsGoneAfterACallThatTheGatewayRefused)
+{
+    EXPECT_RC(0, call(GetParam(), ECI_EXTENDED, 0, ProgramReply().luwToken(7)));
     EXPECT_RC(61445, call(GetParam(), ECI_EXTENDED, 7, ProgramReply(), 61445));
     EXPECT_EQ(0, memory.findings());
 }

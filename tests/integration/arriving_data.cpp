@@ -185,7 +185,7 @@ TEST_P(DataCutOff, LeavesNoAddedContainerOfAnAsynchronousCall)
     ASSERT_EQ((Names{"A:2", "B:2"}), names());
 }
 
-TEST_P(DataCutOff, LeavesWhatHadArrivedWholeBefore)
+TEST_P(DataCutOff, LeavesNothingInPart)
 {
     auto running = startSync();
     Bytes whole = added("WHOLE", 1, 0, text("w"));
@@ -195,7 +195,10 @@ TEST_P(DataCutOff, LeavesWhatHadArrivedWholeBefore)
                          body + filled(arrived, 'n'));
     connection.peer.close(); // a reset might overtake what has been sent
     EXPECT_RC(-102, running.get());
-    ASSERT_EQ((Names{"WHOLE:1", "A:2"}), names());
+    // None of it, if the sender had not yet noticed that its request was through.
+    Names left = names();
+    ASSERT_TRUE(left == (Names{"WHOLE:1", "A:2"}) || left == (Names{"A:2", "B:2"}))
+        << ::testing::PrintToString(left);
 }
 
 // Neither the reply nor the deletion afterwards touches memory for what has not come.

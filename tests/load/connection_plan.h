@@ -35,10 +35,7 @@ struct ConnectionPlan {
     Greeting greeting = Greeting::AtOnce;
     Farewell farewell = Farewell::Answer;
 
-    std::string text() const
-    {
-        return {static_cast<char>(greeting), static_cast<char>(farewell)};
-    }
+    std::string text() const { return {static_cast<char>(greeting), static_cast<char>(farewell)}; }
     static ConnectionPlan of(const std::string& text)
     {
         ConnectionPlan plan;

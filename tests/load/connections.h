@@ -36,20 +36,20 @@ struct Connection {
     QPX_ConnToken_t token = nullptr;
     ECI_ChannelToken_t shared = nullptr; // for calls that several threads make with one channel
 
-    std::atomic<bool> endAsked{false}; // a peer has been asked to end it
-    std::atomic<bool> closeBegun{false};   // by name
+    std::atomic<bool> endAsked{false};      // a peer has been asked to end it
+    std::atomic<bool> closeBegun{false};    // by name
     std::atomic<bool> closeReturned{false}; // by name: it is being closed, or gone
-    std::atomic<bool> gone{false};         // a close by name has succeeded
+    std::atomic<bool> gone{false};          // a close by name has succeeded
 
     std::mutex mutex;
     std::map<int, Pending> pending; // by number of the call; guarded by mutex
 
     // Of the Connections object, guarded by its mutex.
-    long opened = 0;       // when its open returned, in closes of all that have begun
-    long openBegan = 0;    // when its open began, in closes of all that have ended
+    long opened = 0;    // when its open returned, in closes of all that have begun
+    long openBegan = 0; // when its open began, in closes of all that have ended
     bool maybeFree = false;
-    long freeFrom = 0;     // with maybeFree: when, in opens, its token may have been freed at first
-    long buried = 0;       // when it left the list, in closes of all that have begun
+    long freeFrom = 0; // with maybeFree: when, in opens, its token may have been freed at first
+    long buried = 0;   // when it left the list, in closes of all that have begun
 };
 
 using ConnectionPtr = std::shared_ptr<Connection>;

@@ -59,11 +59,22 @@ enum class Did {
     Count
 };
 constexpr std::size_t didCount = static_cast<std::size_t>(Did::Count);
-constexpr const char* didNames[didCount] = {
-    "opens",           "opens that failed",     "calls",     "calls refused", "asynchronous calls",
-    "collected",       "units of work",         "password calls", "queries",  "container calls",
-    "closes",          "purges",                "closes of what was closed", "closes of all",
-    "dumps",           "tokens that never were"};
+constexpr const char* didNames[didCount] = {"opens",
+                                            "opens that failed",
+                                            "calls",
+                                            "calls refused",
+                                            "asynchronous calls",
+                                            "collected",
+                                            "units of work",
+                                            "password calls",
+                                            "queries",
+                                            "container calls",
+                                            "closes",
+                                            "purges",
+                                            "closes of what was closed",
+                                            "closes of all",
+                                            "dumps",
+                                            "tokens that never were"};
 
 int codeOf(Program program)
 {
@@ -191,7 +202,8 @@ private:
         std::vector<ECI_ChannelToken_t> channels{connection.shared};
         for (auto& call : connection.pending)
             if (call.second.channel != nullptr) channels.push_back(call.second.channel);
-        for (ECI_ChannelToken_t& channel : channels) deleteChannel(thread, connection.number, channel);
+        for (ECI_ChannelToken_t& channel : channels)
+            deleteChannel(thread, connection.number, channel);
     }
 
     void deleteChannel(int thread, int connection, ECI_ChannelToken_t& channel)
@@ -255,7 +267,8 @@ private:
     public:
         Use(Thread& thread, bool mine) : thread_(thread)
         {
-            connection_ = thread.load_.connections_.beginUse(thread.number_, thread.random_(), mine);
+            connection_ = thread.load_.connections_.beginUse(thread.number_, thread.random_(),
+                                                             mine);
         }
         ~Use()
         {
@@ -288,6 +301,7 @@ private:
         Use use(*this, false);
         const ConnectionPtr& connection = use.connection();
         if (connection == nullptr) return;
+        if (connection->endAsked && oneIn(4)) return closeByName(connection, Ways::Purge);
         if (choice < 400) return callWithCommarea(connection, anyProgram());
         if (choice < 480) return callWithChannel(connection, anyProgram());
         if (choice < 530) return callWithSharedChannel(connection);
@@ -330,12 +344,20 @@ private:
         } else if (before.refuses) {
             problem("returned " + rcName(rc) + " after a close has returned");
         } else if (saysEnded(rc)) {
-            if (!after.ending && !isIn(rc, due))
+            if (!mayHaveEnded(*connection, after) && !isIn(rc, due))
                 problem("returned " + rcName(rc) + ", but nobody has ended it");
         } else if (!isIn(rc, due)) {
             problem("returned " + rcName(rc) + ", which was not due");
         }
         return rc;
+    }
+
+    // Its peer has been asked to end it, or has no other answer to a goodbye.
+    static bool mayHaveEnded(const Connection& connection, const Knowledge& after)
+    {
+        bool breaks = connection.plan.farewell == Farewell::Drop ||
+                      connection.plan.farewell == Farewell::Reset;
+        return after.ending || (after.closing && breaks);
     }
 
     void expectText(const std::string& expected, const std::string& got)
@@ -349,16 +371,25 @@ private:
     {
         ConnectionPlan plan;
         unsigned greeting = random_() % 200;
-        if (greeting < 30) plan.greeting = Greeting::Late;
-        else if (greeting < 36) plan.greeting = Greeting::Refusal;
-        else if (greeting < 40) plan.greeting = Greeting::Drop;
-        else if (greeting < 44) plan.greeting = Greeting::Reset;
-        else if (greeting < 50) plan.greeting = Greeting::Goodbye;
-        else if (greeting < 51) plan.greeting = Greeting::Never;
+        if (greeting < 30)
+            plan.greeting = Greeting::Late;
+        else if (greeting < 36)
+            plan.greeting = Greeting::Refusal;
+        else if (greeting < 40)
+            plan.greeting = Greeting::Drop;
+        else if (greeting < 44)
+            plan.greeting = Greeting::Reset;
+        else if (greeting < 50)
+            plan.greeting = Greeting::Goodbye;
+        else if (greeting < 51)
+            plan.greeting = Greeting::Never;
         unsigned farewell = random_() % 20;
-        if (farewell < 3) plan.farewell = Farewell::Late;
-        else if (farewell < 4) plan.farewell = Farewell::Drop;
-        else if (farewell < 5) plan.farewell = Farewell::Reset;
+        if (farewell < 3)
+            plan.farewell = Farewell::Late;
+        else if (farewell < 4)
+            plan.farewell = Farewell::Drop;
+        else if (farewell < 5)
+            plan.farewell = Farewell::Reset;
         return plan;
     }
 
@@ -385,9 +416,8 @@ private:
         int limit = plan.greeting == Greeting::Never ? 1 : (oneIn(2) ? 0 : limitOfOpen);
         Doing doing(load_.watch_, number_, "QPX_openRemoteGatewayConnectionApplid",
                     connection->number);
-        int rc = QPX_openRemoteGatewayConnectionApplid(localHost(), load_.port_,
-                                                       &connection->token, limit, &applid[0],
-                                                       &qualifier[0]);
+        int rc = QPX_openRemoteGatewayConnectionApplid(localHost(), load_.port_, &connection->token,
+                                                       limit, &applid[0], &qualifier[0]);
         checkOpen(*connection, rc);
         if (rc != QPX_OK) {
             load_.did(Did::OpenThatFails);
@@ -411,8 +441,7 @@ private:
         case Greeting::Reset: due = rc == QPX_ERR_LOSTGWCON; break;
         case Greeting::Never: due = rc == QPX_ERR_CONNECTTIMEOUT; break;
         }
-        if (!due)
-            problem("returned " + rcName(rc) + " with greeting " + connection.plan.text());
+        if (!due) problem("returned " + rcName(rc) + " with greeting " + connection.plan.text());
         if (rc != QPX_OK && connection.token != nullptr) problem("failed and gave a token");
     }
 
@@ -452,8 +481,8 @@ private:
 
     void closeByName(const ConnectionPtr& connection, Ways way)
     {
-        const char* name =
-            way == Ways::Close ? "QPX_closeGatewayConnection" : "QPX_purgeGatewayConnection";
+        const char* name = way == Ways::Close ? "QPX_closeGatewayConnection"
+                                              : "QPX_purgeGatewayConnection";
         Doing doing(load_.watch_, number_, name, connection->number);
         if (oneIn(20)) purgeWithBadLimit(connection);
         Knowledge before = load_.connections_.know(connection);
@@ -480,8 +509,6 @@ private:
 
     void checkClose(const ConnectionPtr& connection, int rc, bool first, const Knowledge& before)
     {
-        bool mayBreak = connection->endAsked || connection->plan.farewell == Farewell::Drop ||
-                        connection->plan.farewell == Farewell::Reset;
         if (saysClosed(rc)) {
             // Between the look and the call another may have begun.
             if (first && !load_.connections_.know(connection).closing)
@@ -489,7 +516,8 @@ private:
         } else if (before.refuses) {
             problem("returned " + rcName(rc) + " after a close has returned");
         } else if (rc == QPX_ERR_LOSTGWCON) {
-            if (!mayBreak) problem("returned " + rcName(rc) + ", but nobody has ended it");
+            if (!mayHaveEnded(*connection, load_.connections_.know(connection)))
+                problem("returned " + rcName(rc) + ", but nobody has ended it");
         } else if (rc != QPX_OK) {
             problem("returned " + rcName(rc));
         }
@@ -604,8 +632,7 @@ private:
         parms.record.channel = channelWith(questionOf(number));
         int rc = executeChannel(connection, parms, {codeOf(program)});
         if (rc == 0)
-            expectText(expectedAnswer(connection, number),
-                       contentsOf(parms.record.channel, "OUT"));
+            expectText(expectedAnswer(connection, number), contentsOf(parms.record.channel, "OUT"));
         expectText(questionOf(number), contentsOf(parms.record.channel, "IN"));
         ECI_ChannelToken_t channel = parms.record.channel;
         load_.deleteChannel(number_, connection->number, channel);
@@ -766,15 +793,20 @@ private:
                                const Knowledge& before)
     {
         Knowledge after = load_.connections_.know(connection);
-        bool specific =
-            callType == ECI_GET_SPECIFIC_REPLY || callType == ECI_GET_SPECIFIC_REPLY_WAIT;
+        bool specific = callType == ECI_GET_SPECIFIC_REPLY ||
+                        callType == ECI_GET_SPECIFIC_REPLY_WAIT;
         bool waits = callType == ECI_GET_REPLY_WAIT || callType == ECI_GET_SPECIFIC_REPLY_WAIT;
         bool due = false;
-        if (saysClosed(rc)) due = after.closing;
-        else if (before.gone) due = false;
-        else if (rc == ECI_ERR_NO_REPLY) due = specific || !waits;
-        else if (rc == ECI_ERR_INVALID_MSG_QUAL) due = specific;
-        else if (saysEnded(rc)) due = waits && (after.ending || after.closing);
+        if (saysClosed(rc))
+            due = after.closing;
+        else if (before.gone)
+            due = false;
+        else if (rc == ECI_ERR_NO_REPLY)
+            due = specific || !waits;
+        else if (rc == ECI_ERR_INVALID_MSG_QUAL)
+            due = specific;
+        else if (saysEnded(rc))
+            due = waits && mayHaveEnded(*connection, after);
         if (!due) problem("returned " + rcName(rc) + " and no reply");
     }
 
@@ -788,7 +820,8 @@ private:
             return;
         }
         Knowledge after = load_.connections_.know(connection);
-        bool due = rc == codeOf(pending.program) || (saysEnded(rc) && after.ending) ||
+        bool due = rc == codeOf(pending.program) ||
+                   (saysEnded(rc) && mayHaveEnded(*connection, after)) ||
                    (rc == QPX_ERR_GWTOK_CLOSED && after.closing);
         if (!due)
             problem("brought " + rcName(rc) + " for call " + std::to_string(number) + " of " +

@@ -50,8 +50,8 @@ struct Session {
     standin::Bytes arrived;
     bool hasPlan = false;
     bool greeted = false;
-    bool saidGoodbye = false;     // the peer
-    bool heardGoodbye = false;    // from the client
+    bool saidGoodbye = false;  // the peer
+    bool heardGoodbye = false; // from the client
     bool over = false;
     ConnectionPlan plan;
     int connection = 0;
@@ -228,8 +228,7 @@ private:
     void takeHandshake(Session& session, const standin::SplitFlow& split)
     {
         if (session.hasPlan) throw std::runtime_error("a second handshake");
-        standin::Handshake handshake =
-            standin::decodeHandshake(split.flow.body, split.headerSize);
+        standin::Handshake handshake = standin::decodeHandshake(split.flow.body, split.headerSize);
         session.hasPlan = true;
         session.plan = ConnectionPlan::of(handshake.applidQualifier);
         session.connection = std::atoi(handshake.applid.c_str());
@@ -290,8 +289,7 @@ private:
                            standin::decodeEsiRequest(split.flow.body, split.headerSize));
             return;
         }
-        standin::EciRequest request =
-            standin::decodeEciRequest(split.flow.body, split.headerSize);
+        standin::EciRequest request = standin::decodeEciRequest(split.flow.body, split.headerSize);
         if (request.callType == standin::kCallListSystems)
             answerQuery(session, header.messageId, request);
         else if (request.endsUnitOfWork())

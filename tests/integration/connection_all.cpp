@@ -98,14 +98,17 @@ TEST_F(ConnectionAll, EndsTheirCallsInProgress)
     for (auto& call : calls) EXPECT_RC(QPX_ERR_GWTOK_CLOSED, call.get());
 }
 
-TEST_F(ConnectionAll, IsClosedWhileOthersOpenAndClose)
-{
+// A thread that opens and closes until it is told to end, and how often it has done so.
+struct OpensAndCloses {
+    int port = 0;
     std::atomic<bool> finished{false};
-    auto openAndClose = [this, &finished] {
-        int rounds = 0;
+    std::atomic<int> rounds{0};
+
+    int run()
+    {
         while (!finished) {
             QPX_ConnToken_t token = nullptr;
-            int rc = QPX_openRemoteGatewayConnection(localHost(), gateway.port(), &token, 30);
+            int rc = QPX_openRemoteGatewayConnection(localHost(), port, &token, 30);
             if (rc != QPX_OK) return -1;
             rc = QPX_closeGatewayConnection(&token);
             if (rc != QPX_OK && rc != QPX_ERR_GWTOK_CLOSED && rc != QPX_ERR_BADGWTOK &&
@@ -114,14 +117,26 @@ TEST_F(ConnectionAll, IsClosedWhileOthersOpenAndClose)
             rounds += 1;
         }
         return rounds > 0 ? QPX_OK : -1;
-    };
-    auto one = callInThread(openAndClose);
-    auto two = callInThread(openAndClose);
+    }
+};
+
+TEST_F(ConnectionAll, IsClosedWhileOthersOpenAndClose)
+{
+    OpensAndCloses first;
+    OpensAndCloses second;
+    first.port = second.port = gateway.port();
+    auto one = callInThread([&first] { return first.run(); });
+    auto two = callInThread([&second] { return second.run(); });
     ASSERT_TRUE(gateway.awaitConnections(4));
 
-    for (int time = 0; time < 50; ++time) EXPECT_RC(QPX_OK, QPX_closeAllGatewayConnections());
+    // Each of them has done so while all were closed.
+    auto goesOn = [](const auto& call, const OpensAndCloses& thread) {
+        return thread.rounds == 0 && !call.hasEnded();
+    };
+    for (int time = 0; time < 50 || goesOn(one, first) || goesOn(two, second); ++time)
+        EXPECT_RC(QPX_OK, QPX_closeAllGatewayConnections());
 
-    finished = true;
+    first.finished = second.finished = true;
     EXPECT_RC(QPX_OK, one.get());
     EXPECT_RC(QPX_OK, two.get());
     EXPECT_RC(QPX_OK, QPX_closeAllGatewayConnections());

@@ -156,7 +156,9 @@ public:
     ~ScriptedConnection()
     {
         peer.close();
-        if (token != nullptr) QPX_purgeGatewayConnection(&token, 0);
+        if (token == nullptr || QPX_purgeGatewayConnection(&token, 0) == QPX_OK) return;
+        // The token of a connection whose close flow cannot be written goes with all others only.
+        QPX_closeAllGatewayConnections();
     }
     ScriptedConnection(const ScriptedConnection&) = delete;
     ScriptedConnection& operator=(const ScriptedConnection&) = delete;

@@ -344,7 +344,7 @@ private:
         } else if (before.refuses) {
             problem("returned " + rcName(rc) + " after a close has returned");
         } else if (saysEnded(rc)) {
-            if (!mayHaveEnded(*connection, after) && !isIn(rc, due))
+            if (!mayHaveEnded(after) && !isIn(rc, due))
                 problem("returned " + rcName(rc) + ", but nobody has ended it");
         } else if (!isIn(rc, due)) {
             problem("returned " + rcName(rc) + ", which was not due");
@@ -352,13 +352,8 @@ private:
         return rc;
     }
 
-    // Its peer has been asked to end it, or has no other answer to a goodbye.
-    static bool mayHaveEnded(const Connection& connection, const Knowledge& after)
-    {
-        bool breaks = connection.plan.farewell == Farewell::Drop ||
-                      connection.plan.farewell == Farewell::Reset;
-        return after.ending || (after.closing && breaks);
-    }
+    // Its peer has been asked to end it, or answers a goodbye by that.
+    static bool mayHaveEnded(const Knowledge& after) { return after.ending || after.closing; }
 
     void expectText(const std::string& expected, const std::string& got)
     {
@@ -516,7 +511,7 @@ private:
         } else if (before.refuses) {
             problem("returned " + rcName(rc) + " after a close has returned");
         } else if (rc == QPX_ERR_LOSTGWCON) {
-            if (!mayHaveEnded(*connection, load_.connections_.know(connection)))
+            if (!mayHaveEnded(load_.connections_.know(connection)))
                 problem("returned " + rcName(rc) + ", but nobody has ended it");
         } else if (rc != QPX_OK) {
             problem("returned " + rcName(rc));
@@ -806,7 +801,7 @@ private:
         else if (rc == ECI_ERR_INVALID_MSG_QUAL)
             due = specific;
         else if (saysEnded(rc))
-            due = waits && mayHaveEnded(*connection, after);
+            due = waits && mayHaveEnded(after);
         if (!due) problem("returned " + rcName(rc) + " and no reply");
     }
 
@@ -820,8 +815,7 @@ private:
             return;
         }
         Knowledge after = load_.connections_.know(connection);
-        bool due = rc == codeOf(pending.program) ||
-                   (saysEnded(rc) && mayHaveEnded(*connection, after)) ||
+        bool due = rc == codeOf(pending.program) || (saysEnded(rc) && mayHaveEnded(after)) ||
                    (rc == QPX_ERR_GWTOK_CLOSED && after.closing);
         if (!due)
             problem("brought " + rcName(rc) + " for call " + std::to_string(number) + " of " +

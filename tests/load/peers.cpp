@@ -216,7 +216,6 @@ private:
 
     void takeFlow(Session& session, const standin::SplitFlow& split)
     {
-        if (session.heardGoodbye) throw std::runtime_error("a flow behind the goodbye");
         switch (static_cast<standin::FlowType>(split.flow.header.flowType)) {
         case standin::FlowType::Handshake: takeHandshake(session, split); return;
         case standin::FlowType::Request: takeRequest(session, split); return;
@@ -258,6 +257,7 @@ private:
 
     void takeGoodbye(Session& session)
     {
+        if (session.heardGoodbye) throw std::runtime_error("a second goodbye");
         session.heardGoodbye = true;
         switch (session.plan.farewell) {
         case Farewell::Answer: send(session, 0, standin::encodeCloseFlow(), Ending::Close); return;
@@ -282,7 +282,8 @@ private:
     void takeRequest(Session& session, const standin::SplitFlow& split)
     {
         if (!session.greeted) throw std::runtime_error("a request before the handshake");
-        if (session.saidGoodbye) return;
+        // The request of a call that was on its way when the goodbye went out gets no answer.
+        if (session.heardGoodbye || session.saidGoodbye) return;
         const standin::FlowHeader& header = split.flow.header;
         if (header.requestType == "ESI") {
             answerPassword(session, header.messageId,

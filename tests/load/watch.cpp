@@ -80,9 +80,13 @@ std::string Watch::nameOf(int thread) const
 {
     const Doings& doings = doings_[static_cast<std::size_t>(thread)];
     const char* operation = doings.operation;
-    return "thread " + std::to_string(thread) + ", " +
-           (operation != nullptr ? operation : "between two calls") + ", connection " +
-           std::to_string(doings.connection) + ":";
+    const char* last = doings.last;
+    std::string name = "thread " + std::to_string(thread) + ", ";
+    if (operation != nullptr)
+        name += operation;
+    else
+        name += last != nullptr ? std::string("after ") + last : "before its first call";
+    return name + ", connection " + std::to_string(doings.connection) + ":";
 }
 
 void Watch::look()
@@ -127,6 +131,7 @@ Doing::Doing(Watch& watch, int thread, const char* operation, int connection)
     doings_.since = Watch::Clock::now().time_since_epoch().count();
     doings_.connection = connection;
     doings_.operation = operation;
+    doings_.last = operation;
     ownThread = thread;
     ownOperation = &doings_.operation;
 }

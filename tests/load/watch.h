@@ -40,6 +40,7 @@ private:
     // What a thread does; read by others at any time.
     struct Doings {
         std::atomic<const char*> operation{nullptr};
+        std::atomic<const char*> last{nullptr};
         std::atomic<int> connection{0};
         std::atomic<Clock::rep> since{0};
     };

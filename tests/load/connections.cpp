@@ -49,7 +49,8 @@ Knowledge Connections::know(const ConnectionPtr& connection) const
     Knowledge known;
     bool allBegunSince = allBegun_ > connection->openBegan;
     bool allEndedSince = lastBegunOfEnded_ > connection->opened;
-    known.closing = connection->closeBegun || allBegunSince;
+    known.closing = connection->closesBegun > 0 || allBegunSince;
+    known.closingTwice = connection->closesBegun + (allBegunSince ? 1 : 0) > 1;
     known.refuses = connection->closeReturned || allEndedSince;
     known.gone = connection->gone;
     known.ending = connection->endAsked;
@@ -81,7 +82,7 @@ void Connections::add(const ConnectionPtr& connection)
 void Connections::noteClose(const ConnectionPtr& connection)
 {
     std::lock_guard<std::mutex> guard(mutex_);
-    connection->closeBegun = true;
+    connection->closesBegun += 1;
     if (connection->maybeFree) return;
     connection->maybeFree = true;
     connection->freeFrom = opens_;

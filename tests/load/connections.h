@@ -37,7 +37,7 @@ struct Connection {
     ECI_ChannelToken_t shared = nullptr; // for calls that several threads make with one channel
 
     std::atomic<bool> endAsked{false};      // a peer has been asked to end it
-    std::atomic<bool> closeBegun{false};    // by name
+    std::atomic<int> closesBegun{0};        // by name
     std::atomic<bool> closeReturned{false}; // by name: it is being closed, or gone
     std::atomic<bool> gone{false};          // a close by name has succeeded
 
@@ -56,10 +56,11 @@ using ConnectionPtr = std::shared_ptr<Connection>;
 
 // What is known about a connection at one moment.
 struct Knowledge {
-    bool closing = false; // somebody may have begun to close it
-    bool refuses = false; // a close has certainly marked it: it takes no new calls
-    bool gone = false;    // it has certainly been freed
-    bool ending = false;  // its peer may have ended it
+    bool closing = false;      // somebody may have begun to close it
+    bool closingTwice = false; // more than one may have
+    bool refuses = false;      // a close has certainly marked it: it takes no new calls
+    bool gone = false;         // it has certainly been freed
+    bool ending = false;       // its peer may have ended it
 };
 
 class Connections {

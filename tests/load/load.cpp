@@ -119,7 +119,7 @@ public:
 
     void warmUp();
 
-    void run(std::chrono::seconds length, const std::function<void(const std::string&)>& progress)
+    void run(std::chrono::seconds length, const Progress& progress)
     {
         std::vector<std::thread> threads;
         running_ = threadCount_;
@@ -164,8 +164,7 @@ private:
 
     void did(Did what) { counts_[static_cast<std::size_t>(what)] += 1; }
 
-    void awaitEnd(std::chrono::seconds length,
-                  const std::function<void(const std::string&)>& progress)
+    void awaitEnd(std::chrono::seconds length, const Progress& progress)
     {
         auto begin = std::chrono::steady_clock::now();
         auto end = begin + length;
@@ -173,7 +172,8 @@ private:
         while (std::chrono::steady_clock::now() < end && !watch_.hasSeenEnough()) {
             auto next = std::min(end, std::chrono::steady_clock::now() + std::chrono::seconds(10));
             changed_.wait_until(lock, next, [this] { return watch_.hasSeenEnough(); });
-            progress(counts());
+            auto passed = std::chrono::steady_clock::now() - begin;
+            progress(std::chrono::duration_cast<std::chrono::seconds>(passed), counts());
         }
     }
 
@@ -456,13 +456,13 @@ private:
     {
         Use use(*this, !oneIn(4));
         if (use.connection() == nullptr) return;
-        unsigned choice = random_() % 8;
-        if (choice < 3 && beginLongWait()) {
+        unsigned choice = random_() % 20;
+        if (choice < 8 && beginLongWait()) {
             closeByName(use.connection(), Ways::Close);
             endLongWait();
             return;
         }
-        closeByName(use.connection(), choice < 6 ? Ways::Purge : Ways::PurgeWithLimit);
+        closeByName(use.connection(), choice < 19 ? Ways::Purge : Ways::PurgeWithLimit);
     }
 
     bool beginLongWait()
@@ -511,11 +511,18 @@ private:
         } else if (before.refuses) {
             problem("returned " + rcName(rc) + " after a close has returned");
         } else if (rc == QPX_ERR_LOSTGWCON) {
-            if (!mayHaveEnded(load_.connections_.know(connection)))
+            if (!mayBreakInClose(*connection, load_.connections_.know(connection)))
                 problem("returned " + rcName(rc) + ", but nobody has ended it");
         } else if (rc != QPX_OK) {
             problem("returned " + rcName(rc));
         }
+    }
+
+    // Its peer ends it instead of an answer, or answers another close while this one says goodbye.
+    static bool mayBreakInClose(const Connection& connection, const Knowledge& after)
+    {
+        return after.ending || after.closingTwice || connection.plan.farewell == Farewell::Drop ||
+               connection.plan.farewell == Farewell::Reset;
     }
 
     // Tokens that never were any.
@@ -961,7 +968,7 @@ void Load::warmUp()
     impl_->warmUp();
 }
 
-void Load::run(std::chrono::seconds length, const std::function<void(const std::string&)>& progress)
+void Load::run(std::chrono::seconds length, const Progress& progress)
 {
     impl_->run(length, progress);
 }

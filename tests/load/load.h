@@ -21,6 +21,9 @@
 
 namespace load {
 
+// Is told how long it has been, and what has been done.
+using Progress = std::function<void(std::chrono::seconds passed, const std::string& counts)>;
+
 class Load {
 public:
     Load(unsigned seed, int threads, int port, Watch& watch);
@@ -32,7 +35,7 @@ public:
     void warmUp();
 
     // Tells of its progress now and then.
-    void run(std::chrono::seconds length, const std::function<void(const std::string&)>& progress);
+    void run(std::chrono::seconds length, const Progress& progress);
 
     // Closes all connections and deletes all channels.
     void settle();

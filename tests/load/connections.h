@@ -39,7 +39,7 @@ struct Connection {
     std::atomic<bool> endAsked{false};      // a peer has been asked to end it
     std::atomic<int> closesBegun{0};        // by name
     std::atomic<bool> closeReturned{false}; // by name: it is being closed, or gone
-    std::atomic<bool> gone{false};          // a close by name has succeeded
+    std::atomic<bool> gone{false};          // a close by name has succeeded, and was alone
 
     std::mutex mutex;
     std::map<int, Pending> pending; // by number of the call; guarded by mutex

@@ -365,18 +365,18 @@ private:
     ConnectionPlan anyPlan()
     {
         ConnectionPlan plan;
-        unsigned greeting = random_() % 200;
-        if (greeting < 30)
+        unsigned greeting = random_() % 2000;
+        if (greeting < 300)
             plan.greeting = Greeting::Late;
-        else if (greeting < 36)
+        else if (greeting < 360)
             plan.greeting = Greeting::Refusal;
-        else if (greeting < 40)
+        else if (greeting < 400)
             plan.greeting = Greeting::Drop;
-        else if (greeting < 44)
+        else if (greeting < 440)
             plan.greeting = Greeting::Reset;
-        else if (greeting < 50)
+        else if (greeting < 500)
             plan.greeting = Greeting::Goodbye;
-        else if (greeting < 51)
+        else if (greeting < 501)
             plan.greeting = Greeting::Never;
         unsigned farewell = random_() % 20;
         if (farewell < 3)
@@ -456,13 +456,13 @@ private:
     {
         Use use(*this, !oneIn(4));
         if (use.connection() == nullptr) return;
-        unsigned choice = random_() % 20;
-        if (choice < 8 && beginLongWait()) {
+        unsigned choice = random_() % 40;
+        if (choice < 16 && beginLongWait()) {
             closeByName(use.connection(), Ways::Close);
             endLongWait();
             return;
         }
-        closeByName(use.connection(), choice < 19 ? Ways::Purge : Ways::PurgeWithLimit);
+        closeByName(use.connection(), choice < 39 ? Ways::Purge : Ways::PurgeWithLimit);
     }
 
     bool beginLongWait()
@@ -489,7 +489,9 @@ private:
                      : QPX_purgeGatewayConnection(&token, way == Ways::Purge ? 0 : 1);
         checkClose(connection, rc, first, before);
         load_.did(saysClosed(rc) ? Did::StaleClose : way == Ways::Close ? Did::Close : Did::Purge);
-        if (rc == QPX_OK) connection->gone = true;
+        // Of two closes the last frees the token, which may be the other one.
+        if (rc == QPX_OK && !load_.connections_.know(connection).closingTwice)
+            connection->gone = true;
         connection->closeReturned = true;
         if (rc == QPX_OK || oneIn(2)) load_.connections_.remove(connection);
     }

@@ -6,6 +6,7 @@
  *   SYNC, ASYNC      threads that make a synchronous call, or an asynchronous one
  *   UNITS            the synchronous callers make two calls, in one unit of work
  *   CHANNEL          all callers use one channel, each holding it for its call
+ *   PLAIN            so many of the synchronous callers do not use it after all
  *   ANY, POLL        threads that collect any reply: waiting, until they are refused; once, at once
  *   SPECIFIC         threads that wait for the reply of one asynchronous call
  *   GRACEFUL, TIMED, PURGE, ALL
@@ -16,10 +17,13 @@
  *   DIES, CLOSES     the Gateway may break the connection at any time, or say goodbye
  *   SILENT, DEAF     it may leave requests without an answer; it does not answer the close flow
  *   FULL             it does not read: a writer is stuck until the library shuts the socket down
+ *   HALF_READ        it reads of a request with a channel just enough to answer it
+ *   REFUSES          it may refuse a request
  *   UNASKED          so many replies or errors come from it that nobody has asked for
  *   PINGS            it sends pings for ever
  *   LAST             it ends the connection when nothing else happens any more
  *   WRITE_FAILS      a request may fail to be written although the connection stands
+ *   CHANGE_FAILS     what a reply changes may fail to be applied to the channel
  *   NOTHING_WRITTEN  every request fails to be written
  *   QUIET            nobody closes, and some wait for ever; but not for what is there
  *   BREAK_...        undoes one precaution of the code; the model must then find what it is for
@@ -57,6 +61,17 @@
 #endif
 #ifndef UNASKED
 #define UNASKED 0
+#endif
+#ifndef PLAIN
+#define PLAIN 0
+#endif
+#ifdef CHANNEL
+#define sendsChannel(c) (c >= PLAIN)
+#else
+#define sendsChannel(c) false
+#endif
+#if defined(BREAK_DELIVERED_WHILE_BEING_SENT) || defined(BREAK_COLLECTOR_WAITS_FOR_SENDER)
+#define DELIVERED_WHILE_BEING_SENT
 #endif
 #ifdef OPENING
 #define OPENERS 1
@@ -106,6 +121,8 @@ typedef Slot {
     bool isAsync;
 #ifdef CHANNEL
     bool channelHeld;  /* by an asynchronous call, until its reply is collected */
+    bool channelBeingSent;
+    mtype outcomePending; /* put aside until the channel has been sent; 0 if there is none */
 #endif
     mtype result;
     Event requestEvent;
@@ -134,7 +151,9 @@ Event connEvent;
 #endif
 
 #ifdef CHANNEL
-bool channelLocked; /* isLocked of the channel, under its serLock */
+byte channelHolder = NO_CALL; /* isLocked of the channel, under its serLock, and for which call */
+bool channelRead;             /* by a sender, with no lock at all */
+bool changed[SLOTS];          /* by call: its reply's changes have been applied */
 #endif
 
 byte gtlLock = NOBODY;
@@ -222,24 +241,48 @@ inline waitEventSince(e)
 /* ---- Slots and sending: clapi_gwytok ---- */
 
 /* lockChannel, unlockChannel */
-inline lockChannel()
+inline lockChannel(whose)
 {
 #ifdef CHANNEL
-    atomic { !channelLocked -> channelLocked = true }
+    if
+    :: atomic { sendsChannel(whose) && channelHolder == NO_CALL -> channelHolder = whose }
+    :: !sendsChannel(whose)
+    fi
 #else
     skip
 #endif
 }
 
-inline unlockChannel()
+inline unlockChannel(whose)
 {
 #ifdef CHANNEL
-    assert(channelLocked);
-    channelLocked = false
+    if
+    :: sendsChannel(whose) ->
+       assert(channelHolder == whose && !channelRead);
+       channelHolder = NO_CALL
+    :: else
+    fi
 #else
     skip
 #endif
 }
+
+#ifdef CHANNEL
+/* clapiChangeChannel: applies what a reply changes, without a lock, once. */
+inline changeChannel(whose)
+{
+    if
+    :: atomic { true -> TOUCH; assert(channelHolder == whose && !channelRead && !changed[whose]);
+                changed[whose] = true }
+#ifdef CHANGE_FAILS
+    :: atomic { true -> TOUCH; assert(channelHolder == whose && !channelRead && !changed[whose]);
+                assert(descriptorOpen);
+                shutDown = true;
+                changeFailed = true }
+#endif
+    fi
+}
+#endif
 
 /* unlockChannels: not those of calls that are still being made. Under tableLock. */
 inline unlockChannels()
@@ -252,8 +295,9 @@ inline unlockChannels()
            TOUCH;
            if
            :: slot[calls].channelHeld && slot[calls].state != ALLOCATED ->
+              assert(!slot[calls].channelBeingSent);
               slot[calls].channelHeld = false;
-              unlockChannel()
+              unlockChannel(slot[calls].call)
            :: else
            fi;
            calls++
@@ -275,6 +319,8 @@ inline slotFree(s)
     slot[s].isAsync = false;
 #ifdef CHANNEL
     slot[s].channelHeld = false;
+    slot[s].channelBeingSent = false;
+    slot[s].outcomePending = 0;
 #endif
     slot[s].result = 0;
     slot[s].requestEvent.open = false;
@@ -282,12 +328,18 @@ inline slotFree(s)
 }
 
 /* clapiDeliverSlot, queueReply. Under tableLock. */
-inline deliverSlot(s, outcome)
+inline deliverSlot(s, what)
 {
 #ifndef BREAK_DELIVERS_TO_ANY_STATE
     assert(slot[s].state == WAITING);
 #endif
-    slot[s].result = outcome;
+#ifdef CHANNEL
+#ifndef DELIVERED_WHILE_BEING_SENT
+    assert(!slot[s].channelBeingSent);
+#endif
+    assert(what != OK || !sendsChannel(slot[s].call) || changed[slot[s].call]);
+#endif
+    slot[s].result = what;
     slot[s].state = DELIVERED;
     if
     :: slot[s].isAsync ->
@@ -297,6 +349,35 @@ inline deliverSlot(s, outcome)
     :: else
     fi;
     post(slot[s].requestEvent)
+}
+
+#ifdef CHANNEL
+#ifdef DELIVERED_WHILE_BEING_SENT
+#define isBeingSent(s) false
+#else
+#define isBeingSent(s) (slot[s].channelBeingSent)
+#endif
+
+/* putOutcomeAside: the first stays. Under tableLock. */
+inline putOutcomeAside(s, what)
+{
+    if
+    :: slot[s].outcomePending == 0 -> slot[s].outcomePending = what
+    :: else
+    fi
+}
+#else
+#define isBeingSent(s) false
+#define putOutcomeAside(s, what) skip
+#endif
+
+/* A request that waits gets its outcome, or will get it from its sender. Under tableLock. */
+inline deliverOrPutAside(s, what)
+{
+    if
+    :: isBeingSent(s) -> putOutcomeAside(s, what)
+    :: else -> deliverSlot(s, what)
+    fi
 }
 
 /* clapiRegisterRequest */
@@ -369,7 +450,8 @@ inline obtainSlot(me, async, unit)
            slot[s].call = me;
            slot[s].isAsync = async;
 #ifdef CHANNEL
-           slot[s].channelHeld = async;
+           slot[s].channelHeld = async && sendsChannel(me);
+           changed[me] = false;
 #endif
            slot[s].result = 0
         fi
@@ -383,7 +465,7 @@ inline armRequestEvent()
 }
 
 /* beginSending: clapiBeginSending under tableLock. */
-inline beginSending(async)
+inline beginSending(me, async)
 {
     atomic {
         tableLock == NOBODY -> TOUCH;
@@ -409,6 +491,9 @@ inline beginSending(async)
 #ifndef BREAK_STATE_AFTER_SEND
            slot[s].state = WAITING;
 #endif
+#ifdef CHANNEL
+           slot[s].channelBeingSent = sendsChannel(me);
+#endif
            senders++
         :: else -> rc = REFUSED
         fi;
@@ -416,14 +501,34 @@ inline beginSending(async)
     }
 }
 
-/* writeRequest. The descriptor must be open for as long as the writing takes. */
+/* writeRequest. The descriptor must be open for as long as the writing takes. With a channel that
+ * may be long; the Gateway can answer before its end. What fails half sent shuts the socket down. */
 inline writeRequest(me)
 {
     atomic { sendLock == NOBODY -> TOUCH; assert(tableLock != _pid); sendLock = _pid;
              assert(descriptorOpen) };
+#ifdef CHANNEL
+    if
+    :: atomic {
+           sendsChannel(me) -> TOUCH;
+           assert(descriptorOpen && channelHolder == me);
+           channelRead = true;
+           if
+#ifndef NOTHING_WRITTEN
+           :: !shutDown && !gatewayGone -> putOnTheWire(me); halfSent = true
+#endif
+           :: true
+           fi
+       }
+    :: !sendsChannel(me)
+    fi;
+#endif
     atomic {
 #ifdef FULL
         shutDown ->
+#endif
+#ifdef HALF_READ
+        shutDown || !sendsChannel(me) ->
 #endif
         TOUCH;
         assert(descriptorOpen);
@@ -431,28 +536,103 @@ inline writeRequest(me)
 #ifndef NOTHING_WRITTEN
         :: !shutDown ->
            if
-           :: !gatewayGone -> assert(asked[s] == NO_CALL || UNASKED > 0); asked[s] = me
+#ifdef CHANNEL
+           :: !gatewayGone && !halfSent -> putOnTheWire(me)
+#else
+           :: !gatewayGone -> putOnTheWire(me)
+#endif
            :: else /* a first write to an end that is closed succeeds */
            fi
 #endif
-        :: writeMayFail -> rc = FAILED
+        :: writeMayFail ->
+           rc = FAILED;
+#ifdef CHANNEL
+           shutDown = shutDown || halfSent
+#endif
         fi;
+#ifdef CHANNEL
+        halfSent = false;
+        channelRead = false;
+#endif
         sendLock = NOBODY
     }
 }
 
-/* sendRequest. */
+inline putOnTheWire(me)
+{
+    assert(asked[s] == NO_CALL || UNASKED > 0);
+    asked[s] = me
+}
+
+#ifdef CHANNEL
+/* clapiEndSendingChannel, of a request that has been written: the sender delivers what was put
+ * aside. Until then the mark stays, so that nobody else does; that of a request that could not be
+ * written stays until its slot goes, and so does what was put aside. */
+inline endSendingChannel(me)
+{
+    lock(tableLock);
+    if
+    :: atomic { slot[s].outcomePending == OK -> TOUCH; tableLock = NOBODY };
+#ifdef BREAK_MARK_GIVEN_UP_FIRST
+       atomic { tableLock == NOBODY -> TOUCH; slot[s].channelBeingSent = false };
+#endif
+       changeChannel(me);
+       lock(tableLock)
+    :: atomic { slot[s].outcomePending != OK -> TOUCH }
+    fi;
+    atomic {
+        TOUCH;
+        slot[s].channelBeingSent = false;
+        if
+#ifndef BREAK_ASIDE_DROPPED
+        :: slot[s].outcomePending != 0 && !changeFailed -> deliverSlot(s, slot[s].outcomePending)
+        :: slot[s].outcomePending != 0 && changeFailed -> deliverSlot(s, REFUSED)
+        :: slot[s].outcomePending == 0
+#else
+        :: true
+#endif
+        fi;
+        slot[s].outcomePending = 0;
+        changeFailed = false;
+        tableLock = NOBODY
+    }
+}
+#endif
+
+/* sendRequest, sendCall. */
 inline sendRequest(me, async)
 {
-    beginSending(async);
+    beginSending(me, async);
     if
     :: begun ->
        writeRequest(me);
 #ifdef BREAK_STATE_AFTER_SEND
        atomic { tableLock == NOBODY -> slot[s].state = WAITING };
 #endif
+#ifdef BREAK_LEAVES_BEFORE_DELIVERING
        if
+       :: rc == OK -> endSending()
+       :: else
+       fi;
+#endif
+#ifdef CHANNEL
+       if
+#ifdef BREAK_MARK_GIVEN_UP_BY_A_FAILURE
+       :: rc != OK && sendsChannel(me) ->
+          atomic { tableLock == NOBODY -> TOUCH;
+                   slot[s].channelBeingSent = false; slot[s].outcomePending = 0 }
+#endif
+       :: rc == OK && sendsChannel(me) -> endSendingChannel(me)
+       :: else
+       fi;
+#endif
+       if
+#ifdef BREAK_LEAVES_BEFORE_DELIVERING
+       :: rc == OK
+       :: rc != OK && !async -> endSending()
+#else
        :: rc == OK || !async -> endSending() /* clapiEndSending, clapiEndFailedSending */
+#endif
 #ifdef BREAK_FAILED_SENDER_LEAVES_EARLY
        :: rc != OK && async -> endSending()
 #else
@@ -601,23 +781,26 @@ inline syncCall(me, unit, keepsUnit)
     checkClosing();
     if
     :: rc == OK ->
-       lockChannel();
+       lockChannel(me);
        obtainSlot(me, false, unit);
        if
        :: rc == OK -> performSyncCall(me, keepsUnit)
        :: else
        fi;
-       unlockChannel()
+       unlockChannel(me)
     :: else
     fi;
     leave()
 }
 
-#if SYNC > 0
+#if SYNC > PLAIN
 proctype SyncCaller(byte me)
 {
     byte s, generation;
     bool begun, registered;
+#ifdef CHANNEL
+    bool halfSent, changeFailed;
+#endif
     mtype rc;
 
 #ifdef UNITS
@@ -633,18 +816,37 @@ proctype SyncCaller(byte me)
 }
 #endif
 
+#if PLAIN > 0
+/* A call with a COMMAREA where the others use the channel. */
+proctype PlainCaller(byte me)
+{
+    byte s, generation;
+    bool begun, registered;
+#ifdef CHANNEL
+    bool halfSent, changeFailed;
+#endif
+    mtype rc;
+
+    syncCall(me, false, false);
+    atomic { tellOutcome(me); threadsOut++ }
+}
+#endif
+
 #if ASYNC > 0
 proctype AsyncCaller(byte me)
 {
     byte s;
     bool begun, registered;
+#ifdef CHANNEL
+    bool halfSent, changeFailed;
+#endif
     mtype rc;
 
     enter();
     checkClosing();
     if
     :: rc == OK ->
-       lockChannel();
+       lockChannel(me);
        obtainSlot(me, true, false);
        if
        :: rc == OK -> performAsyncCall(me)
@@ -652,7 +854,7 @@ proctype AsyncCaller(byte me)
        fi;
        if
        :: rc == OK /* the request keeps the channel */
-       :: else -> unlockChannel()
+       :: else -> unlockChannel(me)
        fi
     :: else
     fi;
@@ -694,7 +896,13 @@ inline chooseReply(specific, wanted)
     :: specific && !isQueued(wanted)
     :: !specific && nempty(replies) -> replies?<s>
     :: !specific && empty(replies)
+    fi;
+#ifdef BREAK_COLLECTOR_WAITS_FOR_SENDER
+    if
+    :: s != NO_SLOT && slot[s].channelBeingSent -> waitsForSender = s; s = NO_SLOT
+    :: else
     fi
+#endif
 }
 
 /* sleepUntilReply */
@@ -749,13 +957,16 @@ inline takeReply()
         tellOutcome(slot[s].call);
         replies??eval(s);
 #ifdef CHANNEL
-        hadChannel = slot[s].channelHeld;
+        if
+        :: slot[s].channelHeld -> heldFor = slot[s].call
+        :: else
+        fi;
 #endif
         slotFree(s)
     };
 #ifdef CHANNEL
     if
-    :: hadChannel -> atomic { unlockChannel(); hadChannel = false }
+    :: heldFor != NO_CALL -> atomic { unlockChannel(heldFor); heldFor = NO_CALL }
     :: else
     fi;
 #endif
@@ -785,6 +996,16 @@ inline collectReply(specific, waits, wanted)
            rc == OK && s == NO_SLOT && !(closedown && asyncCount == 0) -> TOUCH;
            chooseReply(specific, wanted)
        };
+#ifdef BREAK_COLLECTOR_WAITS_FOR_SENDER
+       if
+       :: waitsForSender != NO_SLOT ->
+          unlock(tableLock);
+          atomic { tableLock == NOBODY && !slot[waitsForSender].channelBeingSent -> TOUCH;
+                   tableLock = _pid; waitsForSender = NO_SLOT;
+                   chooseReply(specific, wanted) }
+       :: else
+       fi;
+#endif
        if
        :: s == NO_SLOT -> awaitAsyncReply(specific, waits, wanted)
        :: else
@@ -812,7 +1033,11 @@ inline collect(specific, waits, wanted)
 proctype AnyCollector()
 {
     byte s, generation;
-    bool registered, hadChannel;
+    byte heldFor = NO_CALL;
+#ifdef BREAK_COLLECTOR_WAITS_FOR_SENDER
+    byte waitsForSender = NO_SLOT;
+#endif
+    bool registered;
     mtype rc = OK;
 
     do
@@ -828,7 +1053,11 @@ proctype AnyCollector()
 proctype Poller()
 {
     byte s, generation;
-    bool registered, hadChannel;
+    byte heldFor = NO_CALL;
+#ifdef BREAK_COLLECTOR_WAITS_FOR_SENDER
+    byte waitsForSender = NO_SLOT;
+#endif
+    bool registered;
     mtype rc;
 
     collect(false, false, NO_SLOT);
@@ -841,7 +1070,11 @@ proctype Poller()
 proctype SpecificCollector(byte call)
 {
     byte s, generation;
-    bool registered, hadChannel;
+    byte heldFor = NO_CALL;
+#ifdef BREAK_COLLECTOR_WAITS_FOR_SENDER
+    byte waitsForSender = NO_SLOT;
+#endif
+    bool registered;
     mtype rc;
 
     if
@@ -875,7 +1108,55 @@ inline deliverReply()
     }
 }
 
-/* receiveReply: findReplySlot, clapiReadECIResponse into the caller's storage, deliverReply. */
+/* The body of a reply that is not put aside, as it is read or once it has been. */
+inline receiveBody()
+{
+#ifdef CHANNEL
+    if
+    :: sendsChannel(call) -> changeChannel(call)
+    :: else
+    fi;
+    if
+    :: changeFailed -> atomic { changeFailed = false; s = NO_SLOT; over = true }
+    :: else -> deliverReply()
+    fi
+#else
+    deliverReply()
+#endif
+}
+
+#ifdef CHANNEL
+/* The end of a reply that was found while its channel was being sent. If the sender has left since,
+ * it is the receiver's to deliver: this is decided in the hold in which it is put aside. */
+inline putReplyAside()
+{
+    atomic {
+        tableLock == NOBODY -> TOUCH;
+        if
+        :: slot[s].state == WAITING && slot[s].call == call &&
+#ifdef BREAK_ASIDE_DECIDED_WHEN_FOUND
+           true ->
+#else
+           slot[s].channelBeingSent ->
+#endif
+           /* what answers an earlier request, sent by half, is dropped: this one cannot be sent */
+           assert(UNASKED > 0 || answered == call || shutDown);
+           putOutcomeAside(s, OK);
+           slotBeingRead = NO_SLOT;
+           s = NO_SLOT
+#ifndef BREAK_ASIDE_DECIDED_WHEN_FOUND
+        :: slot[s].state == WAITING && slot[s].call == call && !slot[s].channelBeingSent
+#endif
+        :: slot[s].state != WAITING || slot[s].call != call ->
+           slotBeingRead = NO_SLOT;
+           s = NO_SLOT
+        fi
+    }
+}
+#endif
+
+/* receiveReply: findReplySlot, clapiReadECIResponse into the caller's storage, deliverReply; or
+ * into storage of the receiver's own, if the channel that it changes is still being sent. */
 inline receiveReply()
 {
     atomic {
@@ -884,17 +1165,33 @@ inline receiveReply()
         :: slot[id].state == WAITING ->
            s = id;
            call = slot[id].call;
+           aside = isBeingSent(id);
            slotBeingRead = id
         :: else
         fi
     };
+#ifdef BREAK_RECEIVER_WAITS_FOR_SENDER
+    atomic { s == NO_SLOT || !slot[s].channelBeingSent -> aside = false };
+#endif
     if
-    :: atomic { s != NO_SLOT -> TOUCH; assert(slot[s].call == call) };
+    :: atomic { s != NO_SLOT && !aside -> TOUCH; assert(slot[s].call == call) };
        if
        :: atomic { true -> TOUCH; assert(slot[s].call == call) };
-          deliverReply()
+          receiveBody()
        :: atomic { reset || shutDown -> TOUCH; s = NO_SLOT; over = true }
        fi
+#ifdef CHANNEL
+    :: s != NO_SLOT && aside ->
+       if
+       :: putReplyAside();
+          if
+          :: s != NO_SLOT -> receiveBody()
+          :: else
+          fi
+       :: atomic { reset || shutDown -> TOUCH; s = NO_SLOT; over = true }
+       fi;
+       aside = false
+#endif
     :: s == NO_SLOT ->
 #ifdef BREAK_DELIVERS_TO_ANY_STATE
        deliverReply()
@@ -918,7 +1215,7 @@ end_waiting:
           atomic {
               tableLock == NOBODY -> TOUCH;
               if
-              :: slot[id].state == WAITING -> deliverSlot(id, FAILED)
+              :: slot[id].state == WAITING -> deliverOrPutAside(id, FAILED)
               :: else
               fi
           }
@@ -972,7 +1269,7 @@ inline sweep()
        atomic {
            TOUCH;
            if
-           :: slot[s].state == WAITING -> deliverSlot(s, REFUSED)
+           :: slot[s].state == WAITING -> deliverOrPutAside(s, REFUSED)
            :: else
            fi;
            s++
@@ -1006,7 +1303,10 @@ proctype Receiver()
 {
     byte id, answered, call;
     byte s = NO_SLOT;
-    bool over, saidGoodbye;
+    bool over, saidGoodbye, aside;
+#ifdef CHANNEL
+    bool changeFailed;
+#endif
 
 #ifdef BREAK_END_ARMED_BY_THE_RECEIVER
     atomic { TOUCH; arm(recvThreadEnded) };
@@ -1214,30 +1514,29 @@ inline endDelete()
     unlock(gtlLock)
 }
 
-/* clapiDeleteGatewayToken: beginDelete, quiesceConnection, endDelete. Gives up gtlLock. */
+/* Counts a closer and gives up gtlLock, under which the token was found. */
+inline countCloser()
+{
+    atomic { TOUCH; deleters++; gtlLock = NOBODY }
+}
+
+/* clapiDeleteGatewayToken: quiesceConnection, endDelete. The closer is counted. */
 inline deleteToken(limit)
 {
-    atomic { TOUCH; deleters++; gtlLock = NOBODY };
     quiesceConnection(limit);
     endDelete()
 }
 
-/* QPX_closeGatewayConnection, QPX_purgeGatewayConnection: clapiCloseGatewayToken, then
- * clapiDeleteGatewayToken, each of which takes gtlLock. */
+/* QPX_closeGatewayConnection, QPX_purgeGatewayConnection: clapiCloseGatewayToken, which marks the
+ * token and counts the closer in one hold of gtlLock, then clapiDeleteGatewayToken. */
 inline closeConnection(limit)
 {
     rc = OK;
     atomic { gtlLock == NOBODY -> gtlLock = _pid };
     markAsClosing();
-    unlock(gtlLock);
     if
-    :: rc == OK ->
-       atomic { gtlLock == NOBODY -> gtlLock = _pid };
-       if
-       :: listed -> deleteToken(limit)
-       :: else -> unlock(gtlLock)
-       fi
-    :: else
+    :: rc == OK -> countCloser(); deleteToken(limit)
+    :: else -> unlock(gtlLock)
     fi
 }
 
@@ -1269,6 +1568,7 @@ proctype AllCloser()
     :: listed && !opening ->
        markAsClosing();
        rc = OK; /* the result of the close is not looked at */
+       countCloser();
        deleteToken(AT_ONCE)
     :: else -> unlock(gtlLock)
     fi;
@@ -1321,6 +1621,9 @@ proctype Opener(byte me)
 {
     byte s, generation, calls;
     bool begun, registered;
+#ifdef CHANNEL
+    bool halfSent, changeFailed;
+#endif
     mtype rc = OK;
 
     connect();
@@ -1333,6 +1636,7 @@ proctype Opener(byte me)
        rc = OK;
        atomic { gtlLock == NOBODY -> gtlLock = _pid };
        assert(listed);
+       countCloser();
        deleteToken(AT_ONCE)
     fi;
     atomic { tellOutcome(me); threadsOut++ }
@@ -1363,6 +1667,12 @@ end_waiting:
     :: atomic {
            asked[2] != NO_CALL -> fromGateway!REPLY, 2, asked[2]; asked[2] = NO_CALL
        }
+#endif
+#ifdef REFUSES
+    :: atomic { asked[0] != NO_CALL -> fromGateway!ERROR, 0, asked[0]; asked[0] = NO_CALL }
+#if SLOTS > 1
+    :: atomic { asked[1] != NO_CALL -> fromGateway!ERROR, 1, asked[1]; asked[1] = NO_CALL }
+#endif
 #endif
 #ifdef SILENT
     :: atomic { asked[0] != NO_CALL -> asked[0] = NO_CALL }
@@ -1430,7 +1740,12 @@ init
         run Pinger();
 #endif
 #if SYNC > 0
-        for (i : 0 .. SYNC - 1) { run SyncCaller(i) }
+#if PLAIN > 0
+        for (i : 0 .. PLAIN - 1) { run PlainCaller(i) }
+#endif
+#if SYNC > PLAIN
+        for (i : PLAIN .. SYNC - 1) { run SyncCaller(i) }
+#endif
 #endif
 #if ASYNC > 0
         for (i : SYNC .. SYNC + ASYNC - 1) { run AsyncCaller(i) }
@@ -1461,7 +1776,7 @@ init
 #ifdef QUIET
     /* Whoever still waits, waits for a reply that is not there. */
     timeout;
-    assert(empty(replies));
+    assert(empty(replies) && empty(fromGateway));
 #else
     /* Every thread of the application gets out of the library. */
     threadsOut == THREADS;

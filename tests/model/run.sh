@@ -1,14 +1,14 @@
 #!/usr/bin/env bash
-# Runs one configuration of the model of a connection with Spin, and judges what Spin says.
+# Runs one configuration of a model with Spin, and judges what Spin says.
 set -euo pipefail
 
 HERE=$(cd "$(dirname "$0")" && pwd)
 readonly HERE
-readonly MODEL=$HERE/connection.pml
-readonly MEGABYTES=1000
+readonly MEGABYTES=500
 readonly DEPTH=100000
 
-# NAME | KIND | SWITCHES | EXPECTED. Kinds:
+# NAME | KIND | SWITCHES | EXPECTED, the model being tokens.pml where the name begins with "list_",
+# otherwise connection.pml. Kinds:
 #   holds      in every run no assertion fails and every thread gets out of the library
 #   fair       the same while a Gateway pings for ever, if no thread is left aside for ever
 #   acyclic    nothing goes round in circles, with or without fairness
@@ -32,6 +32,16 @@ calls_of_both_kinds    | holds   | SYNC=1 ASYNC=1 SPECIFIC=1 PURGE=1
 channel_calls          | holds   | SYNC=1 ASYNC=1 SPECIFIC=1 GRACEFUL=1 CHANNEL
 channel_reply_given_up | holds   | SYNC=1 ASYNC=1 PURGE=1 CHANNEL
 channel_sending_fails  | holds   | ASYNC=1 PURGE=1 DIES CLOSES CHANNEL
+channel_overtaken       | holds  | SYNC=1 PURGE=1 REFUSES DIES CLOSES CHANNEL CHANGE_FAILS WRITE_FAILS
+channel_overtaken_twice | holds  | SYNC=1 GRACEFUL=1 UNASKED=1 WRITE_FAILS CHANNEL
+channel_async_overtaken | holds  | ASYNC=1 ANY=1 PURGE=1 REFUSES CHANNEL
+channel_async_lost      | holds  | ASYNC=1 ANY=1 DIES CLOSES LAST REFUSES CHANNEL
+channel_reply_refused   | holds  | ASYNC=1 ANY=2 GRACEFUL=1 REFUSES CHANNEL CLOSE_AFTER_CALLS
+channel_reply_polled    | holds  | ASYNC=1 POLL=1 PURGE=1 WRITE_FAILS CHANGE_FAILS CHANNEL
+channel_two_closers     | holds  | ASYNC=1 PURGE=1 ALL=1 REFUSES CHANNEL
+channel_unit_of_work    | holds  | SYNC=1 UNITS TIMED=1 REFUSES CHANNEL DIES
+channel_and_plain_call  | holds  | SYNC=2 PLAIN=1 REFUSES CHANNEL LAST
+channel_stuck_sender    | holds  | SYNC=2 PLAIN=1 REFUSES CHANNEL HALF_READ QUIET
 channel_calls_withdrawn | holds  | SYNC=1 ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN CHANNEL
 withdrawn_calls        | holds   | ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN
 unasked_replies        | holds   | SYNC=2 PURGE=1 UNASKED=1 WRITE_FAILS
@@ -45,6 +55,15 @@ close_meets_late_call  | holds   | ASYNC=1 ANY=1 GRACEFUL=1
 goodbye_meets_collector | holds  | ASYNC=1 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS CLOSES
 no_circles             | acyclic | ASYNC=1 SPECIFIC=1 PURGE=1 DIES
 
+list_stale_variables    | holds  | SAME OPEN=1 OWNERS=1 ROUNDS=2 NAMERS=2
+list_stale_calls        | holds  | SAME OPEN=1 OWNERS=1 ROUNDS=2 NAMERS=1 CALLERS=1
+list_stale_after_all    | holds  | SAME OPEN=2 OWNERS=1 NAMERS=1 ALL=1 CLOSE_FAILS
+list_opens_fail         | holds  | OPEN=2 OWNERS=1 OPENERS=1 ALL=1 OPEN_FAILS
+list_reused_at_once     | holds  | OPEN=3 OWNERS=1 NAMERS=1 ALL=1 RESTING=0 ADDRESSES=4
+list_failed_closes      | holds  | OPEN=3 NAMERS=2 ALL=1 CLOSE_FAILS
+list_two_walks          | holds  | OPEN=2 ALL=2 CALLERS=1 OPENERS=1
+list_late_calls         | holds  | SAME OPEN=1 NAMERS=2 CALLERS=1 ALL=1
+
 hang_close_flow_unanswered   | hangs | SYNC=1 PURGE=1 DEAF | Closer
 hang_call_unanswered         | hangs | SYNC=1 GRACEFUL=1 SILENT | Closer SyncCaller
 hang_reply_uncollected       | hangs | ASYNC=1 GRACEFUL=1 | Closer
@@ -54,7 +73,7 @@ hang_gateway_stops_reading   | hangs | SYNC=1 PURGE=1 FULL | Closer SyncCaller
 break_state_after_send       | fails | SYNC=1 GRACEFUL=1 BREAK_STATE_AFTER_SEND | invalid end state
 break_armed_after_waiting    | fails | SYNC=1 GRACEFUL=1 BREAK_ARMED_AFTER_WAITING | invalid end state
 break_status_and_state_apart | fails | SYNC=1 GRACEFUL=1 DIES BREAK_STATUS_AND_STATE_APART | invalid end state
-break_generation_read_late   | fails | ASYNC=2 SPECIFIC=2 SILENT QUIET BREAK_GENERATION_READ_LATE | assertion violated (q_len(replies)==0)
+break_generation_read_late   | fails | ASYNC=2 SPECIFIC=2 SILENT QUIET BREAK_GENERATION_READ_LATE | assertion violated ((q_len(replies)==0)&&
 break_not_checked_again      | fails | ASYNC=1 SPECIFIC=1 POLL=1 BREAK_SPECIFIC_NOT_CHECKED_AGAIN | invalid end state
 break_end_not_told           | fails | ASYNC=1 ANY=1 DIES LAST BREAK_END_NOT_TOLD_TO_COLLECTORS | invalid end state
 break_withdrawal_not_told    | fails | ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN BREAK_WITHDRAWAL_NOT_TOLD | invalid end state
@@ -69,19 +88,34 @@ break_deleters_not_counted   | fails | SYNC=1 GRACEFUL=1 ALL=1 BREAK_DELETERS_NO
 break_gives_up_silently      | fails | ASYNC=1 GRACEFUL=1 ALL=1 BREAK_GIVES_UP_SILENTLY | invalid end state
 break_end_armed_late         | fails | OPENING DIES BREAK_END_ARMED_BY_THE_RECEIVER | assertion violated ( !(descriptorOpen)
 break_channels_given_back_late | fails | SYNC=1 ASYNC=1 PURGE=1 CHANNEL BREAK_CHANNELS_GIVEN_BACK_LATE | invalid end state
-break_failed_sender_leaves | fails | ASYNC=1 PURGE=1 DIES CHANNEL BREAK_FAILED_SENDER_LEAVES_EARLY | assertion violated channelLocked
+break_failed_sender_leaves | fails | ASYNC=1 PURGE=1 DIES CHANNEL BREAK_FAILED_SENDER_LEAVES_EARLY | assertion violated  !(slot[calls].channelBeingSent)
 break_sent_while_closing     | fails | ASYNC=1 ANY=1 GRACEFUL=1 BREAK_SENT_WHILE_CLOSING | invalid end state
 break_closed_before_sweep    | fails | ASYNC=1 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS CLOSES BREAK_CLOSED_BEFORE_SWEEP | invalid end state
+break_delivered_while_sent   | fails | ASYNC=1 POLL=1 REFUSES CHANNEL BREAK_DELIVERED_WHILE_BEING_SENT | assertion violated (((channelHolder==
+break_receiver_waits         | fails | SYNC=2 PLAIN=1 REFUSES CHANNEL HALF_READ QUIET BREAK_RECEIVER_WAITS_FOR_SENDER | assertion violated ((q_len(replies)==0)&&
+break_collector_waits        | fails | ASYNC=1 ANY=2 GRACEFUL=1 REFUSES CHANNEL BREAK_COLLECTOR_WAITS_FOR_SENDER | invalid end state
+break_aside_dropped          | fails | SYNC=1 GRACEFUL=1 CHANNEL BREAK_ASIDE_DROPPED | invalid end state
+break_aside_decided_early    | fails | SYNC=1 GRACEFUL=1 CHANNEL BREAK_ASIDE_DECIDED_WHEN_FOUND | invalid end state
+break_aside_delivered_twice  | fails | SYNC=1 PURGE=1 CHANNEL DIES BREAK_MARK_GIVEN_UP_FIRST | assertion violated (slot[s].state==2)
+break_leaves_before_delivery | fails | ASYNC=1 PURGE=1 CHANNEL BREAK_LEAVES_BEFORE_DELIVERING | assertion violated  !(slot[calls].channelBeingSent)
+list_break_opening_visible   | fails | SAME OPEN=1 OWNERS=1 ROUNDS=2 NAMERS=1 BREAK_OPENING_VISIBLE | assertion violated ((record[token].memory==
+list_break_mark_and_count    | fails | OPEN=1 OPENERS=1 NAMERS=1 ALL=1 RESTING=0 BREAK_MARK_AND_COUNT_APART | assertion violated ((record[token].memory==
+list_break_read_twice        | fails | SAME OPEN=1 OWNERS=1 NAMERS=1 BREAK_VARIABLE_READ_TWICE | assertion violated ((record[token].memory==
+list_break_walk_skips        | fails | OPEN=3 OWNERS=2 ALL=1 RESTING=0 BREAK_WALK_BY_ADDRESS | assertion violated ((((record[i].memory!=
+list_break_walk_leaves_failed | fails | OPEN=3 NAMERS=2 ALL=1 CLOSE_FAILS BREAK_WALK_BY_ADDRESS | assertion violated ((((record[i].memory!=
+list_break_walk_without_end  | fails | OPEN=1 OPENERS=1 ALL=1 BREAK_WALK_WITHOUT_END | assertion violated (serial<=last)
+list_break_no_rest           | fails | SAME OPEN=1 OPENERS=1 CALLERS=1 NAMERS=1 BREAK_NO_REST | assertion violated ((record[token].serial==meant)
+list_break_known_at_rest     | fails | SAME OPEN=1 NAMERS=2 CALLERS=1 BREAK_KNOWN_AT_REST_ONLY | assertion violated ((token==255)
 break_fairness               | fails | ASYNC=1 SPECIFIC=1 PURGE=1 PINGS UNFAIR | acceptance cycle
 TABLE
 }
 
 usage() {
     cat <<'TEXT'
-Runs one configuration of the model of a connection with Spin, and judges what Spin says.
+Runs one configuration of a model with Spin, and judges what Spin says.
 
 Usage: run.sh NAME [FOLDER]     FOLDER keeps what is made (a temporary one that goes)
-       run.sh --reached FOLDER  tells what of the model no configuration of the kinds that hold
+       run.sh --reached FOLDER  tells what of the models no configuration of the kinds that hold
                                 comes to; each must have run with FOLDER/NAME
        run.sh --list [KIND]     the names of the configurations, or of those of one kind
        run.sh --trail NAME FOLDER
@@ -103,12 +137,14 @@ names() {
     configurations | awk -F' *[|] *' -v kind="${1:-}" 'NF > 1 && (kind == "" || $2 == kind) { print $1 }'
 }
 
-# Reads a configuration into KIND, SWITCHES and EXPECTED.
+# Reads a configuration into MODEL, KIND, SWITCHES and EXPECTED.
 look_up() {
     local name row
 
     while IFS='|' read -r name row; do
         [[ ${name%% *} == "$1" ]] || continue
+        MODEL=connection.pml
+        [[ $1 != list_* ]] || MODEL=tokens.pml
         IFS='|' read -r KIND SWITCHES EXPECTED <<<"$row"
         KIND=${KIND//[[:blank:]]/}
         EXPECTED=${EXPECTED:-}
@@ -145,7 +181,7 @@ verify() {
     # Those who may wait for ever do so in no proper place to end.
     ! is_on QUIET || search+=(-E)
 
-    spin -a "${SWITCHES[@]}" "$MODEL" >spin.log || fail "Spin does not take the model: $(cat spin.log)"
+    spin -a "${SWITCHES[@]}" "$HERE/$MODEL" >spin.log || fail "Spin does not take the model: $(cat spin.log)"
     gcc "${compile[@]}" -w -o pan pan.c
     ./pan "${search[@]}" >pan.log 2>&1 || fail "the verifier ends with $?: $(cat pan.log)"
     print_figures
@@ -172,7 +208,7 @@ judge_holds() {
 
 judge_error() {
     grep -qF "pan:1: $1" pan.log || fail "Spin does not say \"$1\": $(cat pan.log)"
-    [[ -f connection.pml.trail ]] || fail "no counter-example was written"
+    [[ -f $MODEL.trail ]] || fail "no counter-example was written"
 }
 
 judge_hang() {
@@ -185,7 +221,7 @@ judge_hang() {
 }
 
 replay() {
-    spin -k connection.pml.trail "$@" "${SWITCHES[@]}" "$MODEL"
+    spin -k "$MODEL.trail" "$@" "${SWITCHES[@]}" "$HERE/$MODEL"
 }
 
 # Who has come to no proper end in the counter-example, without init, which waits for all of them.
@@ -204,7 +240,7 @@ note_steps() {
              /^proctype / { thread = $2 }
              /^unreached in proctype/ { thread = $4 }
              !judging && /=> / && !/=> (-end-|\.\(goto\))/ {
-                 match($0, /connection\.pml:[0-9]+/)
+                 match($0, /[a-z]+\.pml:[0-9]+/)
                  line[thread, $2] = substr($0, RSTART, RLENGTH)
              }
              judging && match($0, /state [0-9]+,/) {
@@ -226,7 +262,7 @@ judge_reached() {
     unreached=$(awk '{ seen[$1] = 1 } $2 == "reached" { reached[$1] = 1 }
                      END { for (l in seen) if (!(l in reached)) print l }' "${files[@]}" | sort)
     [[ -z $unreached ]] || fail "nothing comes to $unreached"
-    printf 'Every step is reached: those of %d lines of the model\n' \
+    printf 'Every step is reached: those of %d lines of the models\n' \
         "$(awk '{ print $1 }' "${files[@]}" | sort -u | wc -l)"
 }
 
@@ -242,7 +278,7 @@ run_configuration() {
         trap 'rm -rf "$FOLDER"' EXIT
         cd "$FOLDER"
     fi
-    rm -f connection.pml.trail steps.txt
+    rm -f "$MODEL.trail" steps.txt
     verify
     case $KIND in
     holds | fair | acyclic) judge_holds ;;
@@ -255,7 +291,7 @@ run_configuration() {
 show_trail() {
     look_up "$1"
     cd "$2"
-    [[ -f connection.pml.trail ]] || fail "no counter-example in $2; run the configuration there first"
+    [[ -f $MODEL.trail ]] || fail "no counter-example in $2; run the configuration there first"
     replay -p -g -l
 }
 

@@ -97,6 +97,7 @@ break_collector_waits        | fails | ASYNC=1 ANY=2 GRACEFUL=1 REFUSES CHANNEL 
 break_aside_dropped          | fails | SYNC=1 GRACEFUL=1 CHANNEL BREAK_ASIDE_DROPPED | invalid end state
 break_aside_decided_early    | fails | SYNC=1 GRACEFUL=1 CHANNEL BREAK_ASIDE_DECIDED_WHEN_FOUND | invalid end state
 break_aside_delivered_twice  | fails | SYNC=1 PURGE=1 CHANNEL DIES BREAK_MARK_GIVEN_UP_FIRST | assertion violated (slot[s].state==2)
+break_mark_of_a_failure      | fails | SYNC=2 GRACEFUL=1 WRITE_FAILS CHANNEL BREAK_MARK_GIVEN_UP_BY_A_FAILURE | assertion violated ((0>0)||(answered==call))
 break_leaves_before_delivery | fails | ASYNC=1 PURGE=1 CHANNEL BREAK_LEAVES_BEFORE_DELIVERING | assertion violated  !(slot[calls].channelBeingSent)
 list_break_opening_visible   | fails | SAME OPEN=1 OWNERS=1 ROUNDS=2 NAMERS=1 BREAK_OPENING_VISIBLE | assertion violated ((record[token].memory==
 list_break_mark_and_count    | fails | OPEN=1 OPENERS=1 NAMERS=1 ALL=1 RESTING=0 BREAK_MARK_AND_COUNT_APART | assertion violated ((record[token].memory==

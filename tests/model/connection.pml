@@ -502,7 +502,7 @@ inline beginSending(me, async)
 }
 
 /* writeRequest. The descriptor must be open for as long as the writing takes. With a channel that
- * may be long; the Gateway can answer before its end. What fails half sent shuts the socket down. */
+ * may be long; the Gateway may answer before its end. What fails half sent ends the connection. */
 inline writeRequest(me)
 {
     atomic { sendLock == NOBODY -> TOUCH; assert(tableLock != _pid); sendLock = _pid;

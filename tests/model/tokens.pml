@@ -5,7 +5,7 @@
  * run.sh holds the configurations, which say by -D who takes part:
  *
  *   ADDRESSES        how many records there is memory for
- *   OPEN             so many connections are open at the beginning, the variables 1, 2, ... name them
+ *   OPEN             so many connections are open at the beginning, each named by a variable
  *   OWNERS           threads that close variable 1, 2, ... and open it again; ROUNDS times
  *   OPENERS          threads that open one more connection, into a variable of their own
  *   NAMERS           threads that close the last variable that was open, the last but one, ...
@@ -215,7 +215,8 @@ inline quiesceConnection()
     atomic {
         TOUCH;
         if
-        :: record[token].receiver == RUNNING && !record[token].mayEnd -> record[token].mayEnd = true
+        :: record[token].receiver == RUNNING && !record[token].mayEnd ->
+           record[token].mayEnd = true
         :: record[token].receiver == RUNNING && closeMayFail ->
            record[token].mayEnd = true;
            closeMayFail = false;
@@ -223,7 +224,8 @@ inline quiesceConnection()
         :: record[token].receiver != RUNNING || record[token].mayEnd
         fi
     };
-    atomic { record[token].receiver != RUNNING -> TOUCH }; /* one that has not begun is no obstacle */
+    /* one that has not begun is no obstacle */
+    atomic { record[token].receiver != RUNNING -> TOUCH };
     if
     :: rc == OK -> atomic { record[token].requestCount == 0 -> TOUCH }
     :: else
@@ -288,7 +290,11 @@ inline closeConnection(v)
 /* connectAndShakeHands, as far as it matters here. */
 inline connect()
 {
-    atomic { TOUCH; assert(record[token].receiver == NOT_STARTED); record[token].receiver = RUNNING };
+    atomic {
+        TOUCH;
+        assert(record[token].receiver == NOT_STARTED);
+        record[token].receiver = RUNNING
+    };
     if
     :: atomic { TOUCH; rc = OK }
 #ifdef OPEN_FAILS
@@ -348,7 +354,8 @@ inline openConnection(v)
 #ifndef BREAK_WALK_BY_ADDRESS
 #ifdef BREAK_WALK_WITHOUT_END
 #define isNext(a) \
-    (record[a].memory == TOKEN && record[a].listed && !record[a].opening && record[a].serial > visited)
+    (record[a].memory == TOKEN && record[a].listed && !record[a].opening && \
+     record[a].serial > visited)
 #else
 #define isNext(a) \
     (record[a].memory == TOKEN && record[a].listed && !record[a].opening && \

@@ -51,6 +51,7 @@ typedef struct _GatewayRequest {
     char requestType[REQUEST_TYPE_SIZE]; // zero-filled behind the name, no terminator
     char security;                       // 0
     int datalength;                      // bytes of the body
+    int brokenOff;                       // of a request: 1 if a part of it alone has left
 } GatewayRequest;
 
 /* The request type names and their lengths on the wire. */

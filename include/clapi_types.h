@@ -129,6 +129,7 @@ typedef struct _QPX_ConnToken_t {
     int32_t senders;              // flows being written, which keep the socket; by tableLock
     RequestSlot* slotBeingRead;   // whose reply the receiver reads; by tableLock
     pthread_cond_t transferEnded; // with tableLock's mutex: a sending or a reading has ended
+    int32_t brokenOff;            // 1 once a flow has left in part; by tableLock
     // Threads that close the token, each from its mark or from the beginning of its delete until
     // that has ended; raised under gtlLock, and the token is freed by the last of them.
     std::atomic<int32_t> deleters;
@@ -241,9 +242,14 @@ void clapiEndSendingRequest(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, uint
 
 /*
  * Ends the sending of a request that could not be written, and returns when the receiver reads
- * no reply into its slot's storage any more. Locks: takes tableLock.
+ * no reply into its slot's storage any more. brokenOff tells that a part of it has left.
+ * Locks: takes tableLock.
  */
-void clapiEndFailedSending(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP);
+void clapiEndFailedSending(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP, int brokenOff);
+
+/* Keeps further requests off a connection that ends because of a flow that broke off: a reply to
+ * that one may still come, and must not find its message id in use again. Locks: tableLock held. */
+void clapiNoteBrokenFlow(_QPX_ConnToken_t* gwTokPtr, int brokenOff);
 
 /* Returns when the receiver reads no reply into the slot's storage any more; a receiver that
  * waits for the rest of one is woken by ending the connection. Locks: tableLock held; given up

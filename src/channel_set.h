@@ -46,6 +46,13 @@ public:
         if (count == 0) shrink();
     }
 
+    /* Takes all channels out. */
+    void clear()
+    {
+        count = 0;
+        for (size_t i = 0; i < size(); ++i) buckets[i] = nullptr;
+    }
+
 private:
     static constexpr unsigned int FIRST_BITS = 8;
     static constexpr unsigned int MOST_BITS = 24;

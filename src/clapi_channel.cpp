@@ -432,10 +432,12 @@ void clapiChannelsForkPrepare(void)
 {
     pthread_mutex_lock(&chanListLock.lock);
     pthread_mutex_lock(&containerListGuard);
+    pthread_mutex_lock(&waitersGuard);
 }
 
 void clapiChannelsForkParent(void)
 {
+    pthread_mutex_unlock(&waitersGuard);
     pthread_mutex_unlock(&containerListGuard);
     pthread_mutex_unlock(&chanListLock.lock);
 }
@@ -454,8 +456,14 @@ static void startAnew(ECI_Channel_t* channel)
 
 void clapiChannelsForkChild(void)
 {
-    for (ECI_Channel_t* channel = chanList; channel != nullptr; channel = channel->nextChan)
+    // A channel that is off the list is being deleted by a thread that does not exist here.
+    channelSet.clear();
+    for (ECI_Channel_t* channel = chanList; channel != nullptr; channel = channel->nextChan) {
         startAnew(channel);
+        channelSet.add(channel);
+    }
+    pthread_cond_init(&waiterLeft, nullptr);
+    pthread_mutex_unlock(&waitersGuard);
     pthread_mutex_unlock(&containerListGuard);
     pthread_mutex_unlock(&chanListLock.lock);
 }

@@ -193,11 +193,13 @@ struct EciLines {
     static constexpr const TracePoint& sendLockStays = tp::performEciExecute::sendLockStays;
 };
 
-/* What a call gets on a connection that does not stand (any more), or that is being closed. */
+/* What a call gets on a connection that does not stand (any more), or that is being closed.
+ * Locks: tableLock held. */
 static int refusalOf(const _QPX_ConnToken_t* gwTok)
 {
-    if (gwTok->connStatus == CONN_CONNECTED) return QPX_ERR_GWTOK_CLOSED;
-    return gwTok->connStatus == CONN_LOST ? QPX_ERR_LOSTGWCON : QPX_ERR_GATEWAY_CLOSED;
+    bool stands = gwTok->connStatus == CONN_CONNECTED;
+    if (stands && gwTok->brokenOff == 0) return QPX_ERR_GWTOK_CLOSED;
+    return stands || gwTok->connStatus == CONN_LOST ? QPX_ERR_LOSTGWCON : QPX_ERR_GATEWAY_CLOSED;
 }
 
 /* Whether the call's channel travels. Then it is locked for the call: the slot is marked, and
@@ -442,9 +444,11 @@ static int failAsyncCall(EciCall* call, int rc)
     LockGuard table(call->gwTok->tableLock);
     if (!table.held()) {
         TRACE(at::noLockToUncount);
+        clapiNoteBrokenFlow(call->gwTok, call->header.brokenOff);
         clapiLeaveSenders(call->gwTok);
         return rc;
     }
+    clapiNoteBrokenFlow(call->gwTok, call->header.brokenOff);
     clapiAwaitEndOfReading(call->gwTok, call->slotP);
     if (isStillOurs(call))
         withdraw(call);
@@ -514,7 +518,8 @@ static int performSyncCall(EciCall* call)
     bool begun = false;
     int rc = armRequestEvent<EciLines>(call->slotP);
     if (rc == ECI_NO_ERROR) rc = sendCall(call, &begun);
-    if (rc != ECI_NO_ERROR && begun) clapiEndFailedSending(call->gwTok, call->slotP);
+    if (rc != ECI_NO_ERROR && begun)
+        clapiEndFailedSending(call->gwTok, call->slotP, call->header.brokenOff);
     if (rc == ECI_NO_ERROR) rc = awaitResults(call);
     if (rc == ECI_NO_ERROR) rc = releaseSlot(call);
     if (rc != ECI_NO_ERROR && call->slotP != nullptr) clapiDropSlot(call->gwTok, call->slotP);

@@ -89,7 +89,7 @@ static int sendEsiRequest(_QPX_ConnToken_t* gwTok, RequestSlot* slotP, ESIReques
 {
     GatewayRequest header;
     clapiBuildRequestHeader(&header, slotP->messageId, ESI_REQUEST_NAME);
-    return sendRequest<EsiLines>(gwTok, slotP, [&](Socket socketDescriptor) {
+    return sendRequest<EsiLines>(gwTok, slotP, header, [&](Socket socketDescriptor) {
         return clapiFlowESIRequest(socketDescriptor, &header, esiRequest);
     });
 }

@@ -314,7 +314,7 @@ bool clapiBeginSending(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
 {
     // The receiver ends a connection by changing its state first and sweeping the slots under
     // this lock afterwards: either the change is seen here, or the slot is seen there.
-    if (gwTokPtr->connStatus != CONN_CONNECTED) return false;
+    if (gwTokPtr->connStatus != CONN_CONNECTED || gwTokPtr->brokenOff != 0) return false;
 
     if (slotP->eciParms.eci_call_type == ECI_ASYNC) {
         // Whoever collects on a closing connection is told that nothing can come any more.
@@ -415,9 +415,15 @@ void clapiDropSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
     slotFree(&gwTokPtr->table, slotP);
 }
 
-void clapiEndFailedSending(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP)
+void clapiNoteBrokenFlow(_QPX_ConnToken_t* gwTokPtr, int brokenOff)
+{
+    if (brokenOff != 0) gwTokPtr->brokenOff = 1;
+}
+
+void clapiEndFailedSending(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP, int brokenOff)
 {
     LockGuard table(gwTokPtr->tableLock);
+    clapiNoteBrokenFlow(gwTokPtr, brokenOff);
     clapiLeaveSenders(gwTokPtr);
     if (table.held()) clapiAwaitEndOfReading(gwTokPtr, slotP);
 }

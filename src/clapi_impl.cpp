@@ -221,18 +221,19 @@ int clapiInit(void)
 static void prepareFork(void)
 {
     pthread_mutex_lock(&initGuard);
-    if (clapiState == 0) return; // the locks do not exist
-    pthread_mutex_lock(&gtlLock.lock);
-    clapiChannelsForkPrepare();
-    clapiConnectionsForkPrepare();
-    pthread_mutex_lock(&correlatorLock.lock);
+    if (clapiState != 0) { // the locks exist
+        pthread_mutex_lock(&gtlLock.lock);
+        clapiChannelsForkPrepare();
+        clapiConnectionsForkPrepare();
+        pthread_mutex_lock(&correlatorLock.lock);
+    }
     clapiTraceForkPrepare();
 }
 
 static void endForkInParent(void)
 {
+    clapiTraceForkParent();
     if (clapiState != 0) {
-        clapiTraceForkParent();
         pthread_mutex_unlock(&correlatorLock.lock);
         clapiConnectionsForkParent();
         clapiChannelsForkParent();
@@ -244,8 +245,8 @@ static void endForkInParent(void)
 /* The connections are the parent's: the child has none of their threads, and forgets them. */
 static void endForkInChild(void)
 {
+    clapiTraceForkChild();
     if (clapiState != 0) {
-        clapiTraceForkChild();
         pthread_mutex_unlock(&correlatorLock.lock);
         clapiConnectionsForkChild();
         clapiForgetTokens();
@@ -810,7 +811,7 @@ static void buildListRequest(const ListQuery& query, int messageId, ListRequest*
 
 static int sendListRequest(_QPX_ConnToken_t* gwTok, RequestSlot* slotP, ListRequest* request)
 {
-    return sendRequest<ListLines>(gwTok, slotP, [&](Socket socketDescriptor) {
+    return sendRequest<ListLines>(gwTok, slotP, request->header, [&](Socket socketDescriptor) {
         return clapiFlowECIRequest(socketDescriptor, &request->header, &request->body);
     });
 }

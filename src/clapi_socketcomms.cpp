@@ -647,6 +647,12 @@ static void writeECIBody(SocketBuffer* sockBuffer, const ECIRequest* request)
     writeInt(sockBuffer, request->qpxCorrelator);
 }
 
+/* Notes whether a part of the flow has left, and the rest has not. */
+static void noteBreak(GatewayRequest* header, const SocketBuffer& sockBuffer)
+{
+    header->brokenOff = sockBuffer.socketErr != 0 && sockBuffer.sentCount != 0 ? 1 : 0;
+}
+
 static int sendECIRequest(Socket socketDesc, GatewayRequest* header, ECIRequest* request)
 {
     header->datalength = calculateECIRequestSize(request);
@@ -658,9 +664,11 @@ static int sendECIRequest(Socket socketDesc, GatewayRequest* header, ECIRequest*
 
     writeHeader(&sockBuffer, header);
     writeECIBody(&sockBuffer, request);
-    if (request->channelBeingSent != nullptr) *request->channelBeingSent = 0;
+    bool channelIsRead = request->channelBeingSent != nullptr && sockBuffer.socketErr == 0;
+    if (channelIsRead) *request->channelBeingSent = 0;
 
     rc = flushBuffer(&sockBuffer);
+    noteBreak(header, sockBuffer);
     return firstFailure(rc, freeBuffer(&sockBuffer));
 }
 
@@ -844,6 +852,7 @@ static int sendESIRequest(Socket socketDesc, GatewayRequest* header, ESIRequest*
     writeESIBody(&sockBuffer, request);
 
     rc = flushBuffer(&sockBuffer);
+    noteBreak(header, sockBuffer);
     // Deliberate: unlike other flows, this one frees its buffer without a trace.
     wipeBuffer(&sockBuffer);
     return rc;

@@ -77,11 +77,12 @@ int writeRequest(_QPX_ConnToken_t* gwTok, Socket socketDescriptor, WriteFlow wri
     return rc;
 }
 
-/* Has writeFlow(socket) send the request. The socket of a connection that has ended may be
+/* Has writeFlow(socket) send the request with that header. The socket of a connection that has ended may be
  * another's by now, and that one shall see nothing of it: the flow then goes to no socket, with
  * the same result as on a closed one. */
 template <typename Lines, typename WriteFlow>
-int sendRequest(_QPX_ConnToken_t* gwTok, RequestSlot* slotP, WriteFlow writeFlow)
+int sendRequest(_QPX_ConnToken_t* gwTok, RequestSlot* slotP, const GatewayRequest& header,
+                WriteFlow writeFlow)
 {
     bool begun = false;
     int rc = beginRequest<Lines>(gwTok, slotP, &begun);
@@ -93,7 +94,7 @@ int sendRequest(_QPX_ConnToken_t* gwTok, RequestSlot* slotP, WriteFlow writeFlow
     if (rc == QPX_OK)
         clapiEndSending(gwTok);
     else
-        clapiEndFailedSending(gwTok, slotP);
+        clapiEndFailedSending(gwTok, slotP, header.brokenOff);
     return rc;
 }
 

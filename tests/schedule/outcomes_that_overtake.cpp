@@ -150,8 +150,8 @@ TEST_F(OvertakenSender, IsToldOfALossThatComesBehindTheReplyButBeforeItsWrite)
     lose();
     EXPECT_EQ(1, aside.times());
     EXPECT_EQ(SLOT_WAITING, slot(1).state);
+    sendersAwaited.await(1); // the connection is shut down: nothing can be written any more
 
-    // The receiver has shut the connection down; this request cannot be written any more.
     beforeWrite.release();
 
     EXPECT_RC(QPX_ERR_LOSTGWCON, call.get());
@@ -163,6 +163,7 @@ TEST_F(OvertakenSender, IsWaitedForByACollectorOnceTheConnectionIsLost)
 {
     holdSender();
     lose();
+    sendersAwaited.await(1);
     EXPECT_EQ(1, aside.times());
     EciParms collecting = getReplyWait(8);
     auto collector = start(collecting);
@@ -273,7 +274,7 @@ TEST_F(OvertakenSender, HasNoOutcomeWhileItChangesItsChannel)
     beforeWrite.release();
     applied.awaitArrival();
     expectNoOutcomeYet();
-    EXPECT_EQ(1, slot(1).channelBeingSent);
+    EXPECT_EQ(1, slot(1).outcomePending);
     lose(); // the end leaves it alone, too
     EXPECT_EQ(SLOT_WAITING, slot(1).state);
 

@@ -39,21 +39,26 @@ TEST(TraceFork, LeavesTheTraceFreeInTheChildWhileAnotherThreadIsInsideALine)
     auto line = callInThread([] { TRACE(tpExc(6, "another's\n")); });
     ASSERT_TRUE(gate.awaitArrival()); // it has both locks
 
-    int locks = callCount(Call::MutexLock);
+    auto lockOfTheTrace = reinterpret_cast<std::uintptr_t>(&traceLock.lock);
+    Gate asking;
+    Fault requested = beforeCall(
+        Call::MutexLock, 0,
+        [&](const CallInfo& info) {
+            if (info.first == lockOfTheTrace) asking.pass();
+        },
+        Threads::Others);
     auto forked = callInThread([&] {
-        clapiTraceForkPrepare();
         pid_t child = fork();
         if (child == 0) {
             alarm(30); // ends a child that hangs
-            clapiTraceForkChild();
             TRACE(tpExc(7, "of the child\n"));
             useBadLock();
             _exit(QPX_setAPITraceFile(other.data()));
         }
-        clapiTraceForkParent();
         return child;
     });
-    ASSERT_TRUE(awaitCallCount(Call::MutexLock, locks + 1));
+    ASSERT_TRUE(asking.awaitArrival()); // everything else is held for the fork
+    asking.open();
     EXPECT_FALSE(forked.hasEnded());
     gate.open();
     line.get();

@@ -7,6 +7,7 @@
 #include <string>
 #include <tuple>
 
+#include "clapi_types.h"
 #include "integration/channel_script.h"
 #include "qpxclient_esi.h"
 #include "support/faults.h"
@@ -233,3 +234,39 @@ TEST_P(HalfSentClose, EndsAndLeavesATokenThatAllOfThemFree)
 }
 
 } // namespace
+
+namespace {
+
+class AnsweredBeforeItBroke : public ::testing::Test {
+protected:
+    ScriptedConnection connection;
+    Channel channel;
+};
+
+} // namespace
+
+// A Gateway has answered a request of which the end never left; the answer lies unread when its
+// message id is free again.
+TEST_F(AnsweredBeforeItBroke, LeavesItsAnswerToNobody)
+{
+    channel.with("LARGE", std::string(70'000, 'd'));
+    support::Gate reading;
+    Fault held = support::beforeCall(
+        Call::Recv, 1, [&](const support::CallInfo&) { reading.pass(); }, Threads::Others);
+    connection.peer.send(eciReply(1, text("strange!")));
+    ASSERT_TRUE(reading.awaitArrival());
+    EciParms broken = channelCall(ECI_SYNC, channel);
+    {
+        Fault failing = failCall(Call::Send, 2, ENOBUFS, Threads::Calling);
+        EXPECT_RC(-102, executeChannel(connection, broken));
+        EXPECT_EQ(1, failing.hits());
+    }
+    EciParms next = asyncCall("NEXT", filled(8, 'n'));
+
+    EXPECT_RC(-102, QPX_ECI_Execute(connection.token, &next.record));
+
+    reading.open();
+    EXPECT_EQ(0, clapiWaitEvent(&connection.token->recvThreadEndedEvent));
+    EciParms collecting = support::getReply(8);
+    EXPECT_RC(ECI_ERR_NO_REPLY, QPX_ECI_Execute(connection.token, &collecting.record));
+}

@@ -1165,6 +1165,13 @@ static int endWork(_QPX_ConnToken_t* gwToken)
     return calls >= 1 ? seeCallsOut(gwToken, calls, &table) : QPX_OK;
 }
 
+/* Whether a close flow can be sent. A connection on which a flow has broken off has ended, whether
+ * the receiver knows it yet or not. */
+static bool takesCloseFlow(const _QPX_ConnToken_t* gwToken)
+{
+    return gwToken->connStatus == CONN_CONNECTED && gwToken->brokenOff == 0;
+}
+
 static int quiesceConnection(_QPX_ConnToken_t* gwToken, int closeTimeout)
 {
     namespace at = tp::quiesceConnection;
@@ -1172,7 +1179,7 @@ static int quiesceConnection(_QPX_ConnToken_t* gwToken, int closeTimeout)
     TRACE(at::entry, gwToken, closeTimeout);
     int rc = releaseReplyWaiters(gwToken);
     if (rc == QPX_OK) rc = waitForWork(gwToken, closeTimeout);
-    if (rc == QPX_OK && gwToken->connStatus == CONN_CONNECTED) rc = clapiCloseConnection(gwToken);
+    if (rc == QPX_OK && takesCloseFlow(gwToken)) rc = clapiCloseConnection(gwToken);
     waitForReceiver(gwToken);
     if (rc == QPX_OK) rc = endWork(gwToken);
     SCHEDULE_POINT(tokenQuiesced, gwToken);

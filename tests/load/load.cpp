@@ -38,6 +38,9 @@ constexpr int warmUps = 300;
 
 constexpr int limitOfOpen = 30;
 
+constexpr std::chrono::seconds timeBetweenLines{10};
+constexpr std::chrono::seconds mostExtraTime{60};
+
 // What is counted.
 enum class Did {
     Open,
@@ -55,6 +58,7 @@ enum class Did {
     StaleClose,
     CloseAll,
     Dump,
+    Trace,
     Stray,
     Count
 };
@@ -74,6 +78,7 @@ constexpr const char* didNames[didCount] = {"opens",
                                             "closes of what was closed",
                                             "closes of all",
                                             "dumps",
+                                            "changes of the trace",
                                             "tokens that never were"};
 
 int codeOf(Program program)
@@ -164,16 +169,21 @@ private:
 
     void did(Did what) { counts_[static_cast<std::size_t>(what)] += 1; }
 
+    // A slow machine gets some more time to come to the rare things.
     void awaitEnd(std::chrono::seconds length, const Progress& progress)
     {
-        auto begin = std::chrono::steady_clock::now();
-        auto end = begin + length;
+        using Clock = std::chrono::steady_clock;
+        Clock::time_point begin = Clock::now();
+        auto isOver = [&](Clock::time_point now) {
+            if (watch_.hasSeenEnough() || now >= begin + length + mostExtraTime) return true;
+            return now >= begin + length && hasDoneEverything();
+        };
         std::unique_lock<std::mutex> lock(mutex_);
-        while (std::chrono::steady_clock::now() < end && !watch_.hasSeenEnough()) {
-            auto next = std::min(end, std::chrono::steady_clock::now() + std::chrono::seconds(10));
-            changed_.wait_until(lock, next, [this] { return watch_.hasSeenEnough(); });
-            auto passed = std::chrono::steady_clock::now() - begin;
-            progress(std::chrono::duration_cast<std::chrono::seconds>(passed), counts());
+        for (auto shown = begin; !isOver(Clock::now());) {
+            changed_.wait_for(lock, std::chrono::seconds(1));
+            if (Clock::now() < shown + timeBetweenLines) continue;
+            shown = Clock::now();
+            progress(std::chrono::duration_cast<std::chrono::seconds>(shown - begin), counts());
         }
     }
 
@@ -267,7 +277,7 @@ private:
     public:
         Use(Thread& thread, bool mine) : thread_(thread)
         {
-            connection_ = thread.load_.connections_.beginUse(thread.number_, thread.random_(),
+            connection_ = thread.load_.connections_.beginUse(thread.number_, thread.choose(1000),
                                                              mine);
         }
         ~Use()
@@ -286,13 +296,16 @@ private:
 
     // ---- What to do next ----
 
-    bool oneIn(unsigned times) { return random_() % times == 0; }
+    unsigned choose(unsigned choices) { return static_cast<unsigned>(random_() % choices); }
+
+    bool oneIn(unsigned times) { return choose(times) == 0; }
 
     void step()
     {
-        unsigned choice = random_() % 1000;
+        unsigned choice = choose(1000);
         if (choice < 4) return load_.closeAll(number_);
         if (choice < 6) return dump();
+        if (choice < 8) return traceForAMoment();
         if (choice < 16) return useStrayToken();
         if (choice < 40) return workOnOwnChannel();
         if (choice < 140) return openOne();
@@ -316,12 +329,12 @@ private:
 
     Program anyProgram()
     {
-        unsigned choice = random_() % 100;
+        unsigned choice = choose(100);
         if (choice < 80) return Program::Plain;
         if (choice < 87) return Program::Abends;
         if (choice < 93) return Program::Refused;
         if (choice < 97) return Program::Throws;
-        return static_cast<Program>(static_cast<int>(Program::Drops) + random_() % 3);
+        return static_cast<Program>(static_cast<int>(Program::Drops) + static_cast<int>(choose(3)));
     }
 
     // ---- Problems ----
@@ -365,7 +378,7 @@ private:
     ConnectionPlan anyPlan()
     {
         ConnectionPlan plan;
-        unsigned greeting = random_() % 2000;
+        unsigned greeting = choose(2000);
         if (greeting < 300)
             plan.greeting = Greeting::Late;
         else if (greeting < 360)
@@ -378,7 +391,7 @@ private:
             plan.greeting = Greeting::Goodbye;
         else if (greeting < 501)
             plan.greeting = Greeting::Never;
-        unsigned farewell = random_() % 20;
+        unsigned farewell = choose(20);
         if (farewell < 3)
             plan.farewell = Farewell::Late;
         else if (farewell < 4)
@@ -456,7 +469,7 @@ private:
     {
         Use use(*this, !oneIn(4));
         if (use.connection() == nullptr) return;
-        unsigned choice = random_() % 40;
+        unsigned choice = choose(40);
         if (choice < 16 && beginLongWait()) {
             closeByName(use.connection(), Ways::Close);
             endLongWait();
@@ -531,11 +544,11 @@ private:
     void useStrayToken()
     {
         static char elsewhere[4096];
-        auto stray = reinterpret_cast<QPX_ConnToken_t>(elsewhere + 8 * (random_() % 500));
-        if (oneIn(2)) stray = reinterpret_cast<QPX_ConnToken_t>(8 * (1 + random_() % 500));
+        auto stray = reinterpret_cast<QPX_ConnToken_t>(elsewhere + 8 * (choose(500)));
+        if (oneIn(2)) stray = reinterpret_cast<QPX_ConnToken_t>(8 * (1 + choose(500)));
         Doing doing(load_.watch_, number_, "a token that never was", 0);
         int rc = QPX_OK;
-        switch (random_() % 4) {
+        switch (choose(4)) {
         case 0: rc = QPX_closeGatewayConnection(&stray); break;
         case 1: rc = QPX_purgeGatewayConnection(&stray, 0); break;
         case 2: {
@@ -658,7 +671,7 @@ private:
         ECI_ChannelToken_t channel = connection->shared;
         std::string data = questionOf(load_.nextCall_++);
         ECI_CONTAINER_INFO info;
-        switch (random_() % 5) {
+        switch (choose(5)) {
         case 0: {
             int rc = ECI_createContainer(channel, "IN", ECI_BIT, 0, data.data(), data.size());
             if (!isIn(rc, {0, ECI_ERR_CONTAINER_EXISTS})) problem("creating: " + rcName(rc));
@@ -753,8 +766,8 @@ private:
     void collectOne(const ConnectionPtr& connection)
     {
         std::size_t room = oneIn(8) ? littleRoom : enoughRoom;
-        int qualifier = 1 + static_cast<int>(random_() % 20);
-        switch (random_() % 4) {
+        int qualifier = 1 + static_cast<int>(choose(20));
+        switch (choose(4)) {
         case 0: return collect(connection, ECI_GET_REPLY, 0, room);
         case 1: return collect(connection, ECI_GET_SPECIFIC_REPLY, qualifier, room);
         case 2: return collect(connection, ECI_GET_SPECIFIC_REPLY_WAIT, qualifier, room);
@@ -847,11 +860,12 @@ private:
         if (!callInUnit(connection, Program::Plain, &luwToken)) return;
         if (connectionOfUnit(luwToken) != connection->number)
             problem("opened a unit of work " + std::to_string(luwToken));
-        unsigned more = random_() % 3;
+        unsigned more = choose(3);
         for (unsigned time = 0; time < more; ++time) {
             Program program = oneIn(5) ? Program::Abends : Program::Plain;
             if (!callInUnit(connection, program, &luwToken)) return;
         }
+        if (oneIn(3)) continueLater(connection, luwToken);
         if (oneIn(6)) return; // the unit stays open
         endUnit(connection, luwToken);
         load_.did(Did::Unit);
@@ -876,6 +890,23 @@ private:
             execute(connection, again, {ECI_ERR_LUW_TOKEN});
         }
         return false;
+    }
+
+    // An asynchronous call of the unit, which is over when its reply has been collected, by whom
+    // ever.
+    void continueLater(const ConnectionPtr& connection, int luwToken)
+    {
+        int number = load_.nextCall_++;
+        EciParms parms = withQuestion(ECI_ASYNC, Program::Plain, number);
+        parms.withExtendMode(ECI_EXTENDED, luwToken);
+        remember(connection, number, {Program::Plain, nullptr});
+        load_.did(Did::Async);
+        if (execute(connection, parms, {0}) != 0) {
+            if (!forget(connection, number, nullptr)) problem("was collected, and has failed");
+            return;
+        }
+        collect(connection, ECI_GET_SPECIFIC_REPLY_WAIT, parms.record.eci_message_qualifier,
+                enoughRoom);
     }
 
     void endUnit(const ConnectionPtr& connection, int luwToken)
@@ -914,7 +945,7 @@ private:
     void askForSystems(const ConnectionPtr& connection)
     {
         QPX_listSystem_t list[3] = {};
-        auto room = static_cast<unsigned short>(1 + random_() % 3);
+        auto room = static_cast<unsigned short>(1 + choose(3));
         int due = room < 2 ? QPX_ERR_MORE_SYSTEMS : QPX_OK;
         int rc = call("QPX_listSystems", connection, {due},
                       [&] { return QPX_listSystems(connection->token, &room, list); });
@@ -933,6 +964,21 @@ private:
         Knowledge after = load_.connections_.know(connection);
         bool due = saysClosed(rc) ? after.closing : rc == QPX_OK && !before.gone;
         if (!due) problem("returned " + rcName(rc));
+    }
+
+    // Everything that happens meanwhile is traced, at a level of every kind.
+    void traceForAMoment()
+    {
+        {
+            Doing doing(load_.watch_, number_, "QPX_setAPITraceLevel", 0);
+            char nowhere[] = "/dev/null";
+            int rc = QPX_setAPITraceLevel(1 + static_cast<int>(choose(5)));
+            if (rc == QPX_OK && oneIn(2)) rc = QPX_setAPITraceFile(nowhere);
+            if (rc != QPX_OK) problem("returned " + rcName(rc));
+        }
+        for (int more = 0; more < 5; ++more) openOne();
+        QPX_setAPITraceLevel(0);
+        load_.did(Did::Trace);
     }
 
     void dump()

@@ -79,7 +79,7 @@ private:
         if (bits >= MOST_BITS) return;
         ECI_Channel_t** before = buckets;
         size_t sizeBefore = size();
-        void* longer = calloc(sizeBefore * 2, sizeof *buckets);
+        void* longer = calloc(sizeBefore * 2, sizeof(void*));
         if (longer == nullptr) return;
         buckets = static_cast<ECI_Channel_t**>(longer);
         bits += 1;

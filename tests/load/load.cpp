@@ -865,7 +865,7 @@ private:
             Program program = oneIn(5) ? Program::Abends : Program::Plain;
             if (!callInUnit(connection, program, &luwToken)) return;
         }
-        if (oneIn(3)) continueLater(connection, luwToken);
+        if (oneIn(3) && !continueLater(connection, luwToken)) return;
         if (oneIn(6)) return; // the unit stays open
         endUnit(connection, luwToken);
         load_.did(Did::Unit);
@@ -893,8 +893,8 @@ private:
     }
 
     // An asynchronous call of the unit, which is over when its reply has been collected, by whom
-    // ever.
-    void continueLater(const ConnectionPtr& connection, int luwToken)
+    // ever. False if it could not be made, which has ended the unit.
+    bool continueLater(const ConnectionPtr& connection, int luwToken)
     {
         int number = load_.nextCall_++;
         EciParms parms = withQuestion(ECI_ASYNC, Program::Plain, number);
@@ -903,10 +903,11 @@ private:
         load_.did(Did::Async);
         if (execute(connection, parms, {0}) != 0) {
             if (!forget(connection, number, nullptr)) problem("was collected, and has failed");
-            return;
+            return false;
         }
         collect(connection, ECI_GET_SPECIFIC_REPLY_WAIT, parms.record.eci_message_qualifier,
                 enoughRoom);
+        return true;
     }
 
     void endUnit(const ConnectionPtr& connection, int luwToken)

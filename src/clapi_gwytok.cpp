@@ -354,6 +354,14 @@ void clapiEndSending(_QPX_ConnToken_t* gwTokPtr)
     clapiLeaveSenders(gwTokPtr);
 }
 
+/* Makes the receiver end the connection, to which nothing is written any more: what begins from here
+ * on finds it as good as ended. Thread: one for which the socket stays open. */
+static void endStream(_QPX_ConnToken_t* gwTokPtr)
+{
+    gwTokPtr->brokenOff = 1;
+    shutdown(gwTokPtr->socketDescriptor, SHUT_RDWR);
+}
+
 int clapiChangeChannel(const RequestSlot* slotP, const ArrivingBytes* section, int gatewayRc)
 {
     namespace at = tp::receiverThread;
@@ -377,7 +385,7 @@ static void deliverPendingOutcome(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP
     if (section.length != 0) {
         bool released = table->held() && table->release() == 0;
         if (clapiChangeChannel(slotP, &section, gatewayRc) != QPX_OK) {
-            shutdown(gwTokPtr->socketDescriptor, SHUT_RDWR);
+            endStream(gwTokPtr);
             gatewayRc = QPX_ERR_LOSTGWCON;
         }
         clapiFreeArrived(&section);
@@ -400,7 +408,7 @@ void clapiEndSendingRequest(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, uint
 void clapiAwaitEndOfReading(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP)
 {
     // While it reads, the receiver has not closed the socket.
-    if (gwTokPtr->slotBeingRead == slotP) shutdown(gwTokPtr->socketDescriptor, SHUT_RDWR);
+    if (gwTokPtr->slotBeingRead == slotP) endStream(gwTokPtr);
     while (gwTokPtr->slotBeingRead == slotP) {
         SCHEDULE_POINT(beforeReadingWait, slotP);
         clapiAwaitTransfer(gwTokPtr);
@@ -1165,8 +1173,8 @@ static int endWork(_QPX_ConnToken_t* gwToken)
     return calls >= 1 ? seeCallsOut(gwToken, calls, &table) : QPX_OK;
 }
 
-/* Whether a close flow can be sent. A connection on which a flow has broken off has ended, whether
- * the receiver knows it yet or not. */
+/* Whether a close flow can be sent. A connection whose stream the library has ended is no more,
+ * whether the receiver knows it yet or not. */
 static bool takesCloseFlow(const _QPX_ConnToken_t* gwToken)
 {
     return gwToken->connStatus == CONN_CONNECTED && gwToken->brokenOff == 0;

@@ -182,15 +182,19 @@ TEST_F(OvertakenSender, IsWaitedForByACollectorOnceTheConnectionIsLost)
     expectClosable();
 }
 
+// A reply that deletes a container which is not there.
+Bytes unfitReply()
+{
+    return flow(replyType, 1, 0, "ECI",
+                be32(1) + be32(0) + be32(0) + be32(0) + text("    ") + be32(0) + hex("00") +
+                    hex("FF") + text("CHANNEL         ") + be32(819) + be32(1) +
+                    text("UNKNOWN         ") + hex("02 0000 01") + be32(0) + be32(0));
+}
+
 TEST_F(OvertakenSender, EndsTheConnectionWhenTheReplyCannotBeApplied)
 {
     holdSender();
-    Bytes deletesWhatIsNotThere = flow(
-        replyType, 1, 0, "ECI",
-        be32(1) + be32(0) + be32(0) + be32(0) + text("    ") + be32(0) + hex("00") + hex("FF") +
-            text("CHANNEL         ") + be32(819) + be32(1) + text("UNKNOWN         ") +
-            hex("02 0000 01") + be32(0) + be32(0));
-    putAside(deletesWhatIsNotThere);
+    putAside(unfitReply());
 
     beforeWrite.release();
 
@@ -198,6 +202,27 @@ TEST_F(OvertakenSender, EndsTheConnectionWhenTheReplyCannotBeApplied)
     awaitSweep();
     expectCollected(QPX_ERR_LOSTGWCON);
     expectClosable();
+}
+
+// The receiver has not noticed yet that the connection has been ended.
+TEST_F(OvertakenSender, LeavesAConnectionThatClosesWhenTheReplyCannotBeApplied)
+{
+    Hold ending(SchedulePoint::connectionEnding, token());
+    holdSender();
+    putAside(unfitReply());
+    beforeWrite.release();
+    EXPECT_RC(0, call.get());
+    ending.awaitArrival();
+    expectCollected(QPX_ERR_LOSTGWCON);
+    EciParms next = syncCall("NEXT", filled(8, 'n'));
+    EXPECT_RC(QPX_ERR_LOSTGWCON, execute(next));
+
+    auto close = startClose(Close::InOrder, &connection.token);
+    receiverAwaited.await(1);
+    ending.release();
+
+    EXPECT_RC(0, close.get());
+    expectClosed();
 }
 
 TEST_F(OvertakenSender, DeliversACodeOfTheGatewayWhoseBodyIsCut)

@@ -90,7 +90,11 @@ private:
                 channel = next;
             }
         }
-        if (before != ownBuckets) free(before);
+        if (before != ownBuckets) {
+            free(before);
+            return;
+        }
+        for (ECI_Channel_t*& bucket : ownBuckets) bucket = nullptr; // for when it is in use again
     }
 
     /* An empty set has no memory of its own. */

@@ -364,8 +364,8 @@ TEST_F(ChannelChecks, TracesItsArgumentsAndItsCode)
                                 "API.QPX_ECI_Execute_Channel(gwTok=" + address(connection.token) +
                                     ", EciParms=" + address(&call.parms.record) + ")"));
         EXPECT_TRUE(trace.wrote(1516, "EXIT", "API.QPX_ECI_Execute_Channel() rc=" + call.shown));
-        EXPECT_EQ(1507, trace.records().front().point);
-        EXPECT_EQ(1516, trace.records().back().point);
+        EXPECT_EQ(1507, trace.ownRecords().front().point);
+        EXPECT_EQ(1516, trace.ownRecords().back().point);
     }
 }
 
@@ -374,7 +374,7 @@ TEST_F(ChannelChecks, TracesItsFrameWithoutAToken)
     TraceFile trace(3);
     EXPECT_RC(-100, QPX_ECI_Execute_Channel(nullptr, nullptr));
     std::vector<int> points;
-    for (const support::TraceRecord& record : trace.records()) points.push_back(record.point);
+    for (const support::TraceRecord& record : trace.ownRecords()) points.push_back(record.point);
     EXPECT_EQ((std::vector<int>{1507, 1435, 1441, 1508, 1516}), points);
     EXPECT_TRUE(
         trace.wrote(1507, "ENTRY", "API.QPX_ECI_Execute_Channel(gwTok=(nil), EciParms=(nil))"));
@@ -389,8 +389,8 @@ TEST_F(ChannelChecks, LooksForTheCodePageOfACollectingCall)
     TraceFile trace(3);
     EciParms parms = support::getReply(0);
     EXPECT_RC(-32, executeChannel(connection, parms));
-    EXPECT_EQ(1435, trace.records()[1].point);
-    EXPECT_EQ(1441, trace.records()[2].point);
+    EXPECT_EQ(1435, trace.ownRecords()[1].point);
+    EXPECT_EQ(1441, trace.ownRecords()[2].point);
 }
 
 // ---- Dumps of the record ----

@@ -1,8 +1,6 @@
 // Reading the applid of a connection and its qualifier.
-#include <algorithm>
 #include <cstdio>
 #include <memory>
-#include <vector>
 
 #include "integration/connection_script.h"
 #include "support/trace_file.h"
@@ -17,20 +15,6 @@ std::string shown(const void* address)
     char text[32];
     std::snprintf(text, sizeof text, "%p", address);
     return text;
-}
-
-// How many lines the thread of the exported call has written. The receiver may still be writing its
-// own about the handshake.
-int linesOfTheCall(const TraceFile& trace)
-{
-    std::vector<support::TraceRecord> records = trace.records();
-    auto entry = std::find_if(records.begin(), records.end(), [](const auto& record) {
-        return record.message.compare(0, 7, "API.QPX") == 0;
-    });
-    if (entry == records.end()) return 0;
-    return static_cast<int>(
-        std::count_if(records.begin(), records.end(),
-                      [&entry](const auto& record) { return record.thread == entry->thread; }));
 }
 
 class ConnectionApplid : public ::testing::Test {
@@ -93,7 +77,7 @@ TEST_F(ConnectionApplid, NeedsAToken)
                             "API.QPX_getApplid(gwTok=(nil), applid=" + shown(&applid) + ")"));
     EXPECT_TRUE(trace.wrote(1055, "*EXC*", "API.QPX_getApplid() NULL gateway token, gwTok=(nil)"));
     EXPECT_TRUE(trace.wrote(1057, "EXIT", "API.QPX_getApplid() rc=-100 (QPX_ERR_NULLGWTOK)"));
-    EXPECT_EQ(3, linesOfTheCall(trace));
+    EXPECT_EQ(3U, trace.ownRecords().size());
     EXPECT_EQ(nullptr, applid);
 }
 
@@ -106,7 +90,7 @@ TEST_F(ConnectionApplid, NeedsAPlaceToStoreIt)
     EXPECT_TRUE(
         trace.wrote(1056, "*EXC*", "API.QPX_getApplid() Supplied pointer is NULL, applid=(nil)"));
     EXPECT_TRUE(trace.wrote(1057, "EXIT", "API.QPX_getApplid() rc=-109 (QPX_ERR_NULLPTR)"));
-    EXPECT_EQ(3, linesOfTheCall(trace));
+    EXPECT_EQ(3U, trace.ownRecords().size());
 }
 
 TEST_F(ConnectionApplid, NeedsATokenBeforeAPlaceToStoreIt)
@@ -199,7 +183,7 @@ TEST_F(ConnectionApplid, HasAQualifierThatNeedsAToken)
         trace.wrote(1059, "*EXC*", "API.QPX_getApplidQualifier() NULL gateway token, gwTok=(nil)"));
     EXPECT_TRUE(
         trace.wrote(1061, "EXIT", "API.QPX_getApplidQualifier() rc=-100 (QPX_ERR_NULLGWTOK)"));
-    EXPECT_EQ(3, linesOfTheCall(trace));
+    EXPECT_EQ(3U, trace.ownRecords().size());
 }
 
 TEST_F(ConnectionApplid, HasAQualifierThatNeedsAPlaceToStoreIt)
@@ -213,7 +197,7 @@ TEST_F(ConnectionApplid, HasAQualifierThatNeedsAPlaceToStoreIt)
                             "applidQualifier=(nil)"));
     EXPECT_TRUE(
         trace.wrote(1061, "EXIT", "API.QPX_getApplidQualifier() rc=-109 (QPX_ERR_NULLPTR)"));
-    EXPECT_EQ(3, linesOfTheCall(trace));
+    EXPECT_EQ(3U, trace.ownRecords().size());
 }
 
 } // namespace

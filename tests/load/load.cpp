@@ -893,7 +893,7 @@ private:
     }
 
     // An asynchronous call of the unit, which is over when its reply has been collected, by whom
-    // ever. False if it could not be made, which has ended the unit.
+    // ever. False when it could not be sent, and has ended the unit.
     bool continueLater(const ConnectionPtr& connection, int luwToken)
     {
         int number = load_.nextCall_++;

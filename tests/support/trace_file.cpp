@@ -295,6 +295,16 @@ std::vector<TraceRecord> TraceFile::records() const
     return parseTrace(text());
 }
 
+std::vector<TraceRecord> TraceFile::ownRecords() const
+{
+    char thread[16];
+    std::snprintf(thread, sizeof thread, "0x%8.8X", static_cast<unsigned int>(pthread_self()));
+    std::vector<TraceRecord> own;
+    for (const TraceRecord& record : records())
+        if (record.thread == thread) own.push_back(record);
+    return own;
+}
+
 std::vector<std::string> TraceFile::messages() const
 {
     std::vector<std::string> all;

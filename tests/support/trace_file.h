@@ -79,6 +79,9 @@ public:
     std::string text() const;
     std::vector<std::string> lines() const;    // as split by line ends
     std::vector<TraceRecord> records() const;  // as split by prefixes
+
+    // Those of the calling thread: a receiver may still be writing about what was before.
+    std::vector<TraceRecord> ownRecords() const;
     std::vector<std::string> messages() const; // of the records
     std::vector<std::string> messages(int point) const;
 

@@ -15,20 +15,6 @@
 
 using namespace support;
 
-// For builds with sanitizers: a length that no allocator can serve is an answer, not the end.
-extern "C" __attribute__((visibility("default"))) const char* __asan_default_options();
-extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options();
-
-extern "C" const char* __asan_default_options()
-{
-    return "allocator_may_return_null=1";
-}
-
-extern "C" const char* __tsan_default_options()
-{
-    return "allocator_may_return_null=1";
-}
-
 namespace {
 
 const std::size_t most = SIZE_MAX;

@@ -15,15 +15,6 @@ using support::inChild;
 using support::syncCall;
 using support::TraceFile;
 
-#if defined(__SANITIZE_THREAD__)
-// The child of a process with threads starts one, which the sanitizer does not like by itself.
-extern "C" const char* __tsan_default_options();
-extern "C" const char* __tsan_default_options()
-{
-    return "die_after_fork=0";
-}
-#endif
-
 namespace {
 
 class ForkedChild : public ::testing::Test {

@@ -77,8 +77,8 @@ public:
 
     std::string wholeText() const;
     std::string text() const;
-    std::vector<std::string> lines() const;    // as split by line ends
-    std::vector<TraceRecord> records() const;  // as split by prefixes
+    std::vector<std::string> lines() const;   // as split by line ends
+    std::vector<TraceRecord> records() const; // as split by prefixes
 
     // Those of the calling thread: a receiver may still be writing about what was before.
     std::vector<TraceRecord> ownRecords() const;

@@ -116,7 +116,7 @@ protected:
     {
         ECI_CONTAINER_INFO info{};
         EXPECT_RC(0, ECI_getContainerInfo(channel.token, name.c_str(), &info));
-        EXPECT_EQ(length, info.dataLength);
+        EXPECT_EQ(length, std::size_t{info.dataLength});
         if (length != info.dataLength) return false;
         Bytes part(pattern().size());
         for (std::size_t at = 0; at < length; at += part.size()) {

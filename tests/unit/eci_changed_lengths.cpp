@@ -85,7 +85,7 @@ TEST_F(ChangedRecord, CollectsNothingIntoALengthWithoutData)
 
     EXPECT_RC(ECI_ERR_INVALID_DATA_LENGTH, getAsyncReply(connection.token, &parms.record));
 
-    EXPECT_EQ(8, parms.record.eci_commarea_length);
+    EXPECT_EQ(8, int{parms.record.eci_commarea_length});
 }
 
 TEST_F(ChangedRecord, CollectsNothingIntoANegativeLength)

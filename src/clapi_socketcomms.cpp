@@ -378,9 +378,11 @@ static int readDataOfOtherLength(SocketBuffer* sockBuffer, ECI_Container_t* cont
     return rc;
 }
 
-/* Reads over the data that is there; if it does not come whole, neither the old nor the new stays. */
+/* Reads over the data that is there, if any; if it does not come whole, neither the old nor the new
+ * stays. */
 static void readDataInPlace(SocketBuffer* sockBuffer, ECI_Container_t* container)
 {
+    if (container->dataLength == 0) return;
     readBytes(sockBuffer, container->dataPtr, container->dataLength);
     if (sockBuffer->socketErr != 0) dropData(container);
 }

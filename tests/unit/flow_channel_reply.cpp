@@ -886,6 +886,18 @@ TEST_F(FlowChannelReplyTrace, DumpsNothingOfEmptyContainers)
     EXPECT_EQ(2, lines);
 }
 
+// The name of the channel and that of the record are read, and nothing where there is no data.
+TEST_F(FlowChannelReplyTrace, ReadsNoDataOfARecordWithoutAny)
+{
+    ASSERT_RC(0, ECI_setContainerData(channel.token, "B", nullptr, 0));
+    for (const char* name : {"A", "B"}) { // one with data so far, and one without
+        SCOPED_TRACE(name);
+        TraceFile trace(3);
+        EXPECT_RC(0, read(modified(name, 1, 0, Bytes()), 1));
+        EXPECT_EQ(4, trace.timesWrote(2530)); // before them the abend code and the COMMAREA
+    }
+}
+
 TEST_F(FlowChannelReplyTrace, ShowsNamesAsTheyAre)
 {
     TraceFile trace(4);

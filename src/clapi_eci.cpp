@@ -733,7 +733,7 @@ static int releaseChannel(ECI_Channel_t* channel)
 /* Frees the slot, or keeps it for its unit of work. Deliberate: it is kept for token 0 too. */
 static int consumeSlot(const Collection& wanted, RequestSlot* slotP)
 {
-    const QPX_ECI_PARMS* EciParms = wanted.EciParms;
+    const QPX_ECI_PARMS* EciParms = &slotP->eciParms; // the caller's may be changing
     ECI_Channel_t* channel = takeHeldChannel(slotP);
     int rc = firstFailure(slotP->gatewayRc, slotP->vornRc);
     bool keepsUnitOfWork = slotP->gatewayRc == QPX_OK &&

@@ -170,8 +170,8 @@ constexpr int DUMP_TRANSLATE = 1;
 
 /*
  * Writes a block as lines of hexadecimal digits and characters and returns the bytes dumped: none
- * of a block that is not longer than the data offset. With a dataLen of 0 the dump ends at the first
- * aligned word that equals stopWord. Locks: traceLock held.
+ * of a block that is not longer than the data offset. With a dataLen of 0 the dump ends at the
+ * first aligned word that equals stopWord. Locks: traceLock held.
  */
 size_t clapiTraceOutStorage(void* startAddr, size_t dataLen, unsigned int stopWord, int width,
                             int translate);

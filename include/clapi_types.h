@@ -214,9 +214,10 @@ void clapiForgetTokens(void);
 
 /*
  * The last step before a request is written. If the connection stands, and for an asynchronous
- * request is not closing, the slot becomes SLOT_WAITING, an asynchronous one is counted and gets its message qualifier, the socket stays
- * open until the sending has ended, and the result is true. The slot's requestEvent is armed
- * already: from here on the receiver may deliver the slot. Locks: tableLock held.
+ * request is not closing, the slot becomes SLOT_WAITING, an asynchronous one is counted and gets
+ * its message qualifier, the socket stays open until the sending has ended, and the result is true.
+ * The slot's requestEvent is armed already: from here on the receiver may deliver the slot.
+ * Locks: tableLock held.
  */
 bool clapiBeginSending(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
 
@@ -233,9 +234,9 @@ void clapiLeaveSenders(_QPX_ConnToken_t* gwTokPtr);
 void clapiEndSending(_QPX_ConnToken_t* gwTokPtr);
 
 /*
- * As clapiEndSending for a request that has been written and may have a channel. An outcome that has
- * overtaken it is delivered, with the changes of its reply made to the channel first. allocNumber
- * names the sender's use of the slot, which may be another's by now.
+ * As clapiEndSending for a request that has been written and may have a channel. An outcome that
+ * has overtaken it is delivered, with the changes of its reply made to the channel first.
+ * allocNumber names the sender's use of the slot, which may be another's by now.
  * Locks: takes tableLock, and gives it up while it changes the channel.
  */
 void clapiEndSendingRequest(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, uint32_t allocNumber);
@@ -272,8 +273,8 @@ bool clapiAwaitsOutcome(const RequestSlot* slotP);
  */
 void clapiPutAside(RequestSlot* slotP, int gatewayRc, ArrivingBytes* section);
 
-/* Makes a failure the slot's outcome: it is delivered, or put aside while the request's sender still
- * reads its channel. Locks: tableLock held. */
+/* Makes a failure the slot's outcome: it is delivered, or put aside while the request's sender
+ * still reads its channel. Locks: tableLock held. */
 void clapiSettleSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc);
 
 /* Makes the changes of a reply's channel section to the slot's channel: 0, or why the connection

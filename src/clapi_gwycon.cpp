@@ -33,9 +33,9 @@ static int sockOptOff = 0;
 /* ---- Sockets ---- */
 
 /*
- * The tokens whose socket is open. The lock is a leaf: it is held for the making or the closing of a
- * socket together with the note of it, so that a process that is forked finds each socket that it
- * inherits, and no number that is another's by now.
+ * The tokens whose socket is open. The lock is a leaf: it is held for the making or the closing of
+ * a socket together with the note of it, so that a process that is forked finds each socket that
+ * it inherits, and no number that is another's by now.
  */
 static pthread_mutex_t openSocketsGuard = PTHREAD_MUTEX_INITIALIZER;
 static _QPX_ConnToken_t* firstOpenSocket = nullptr; // by openSocketsGuard
@@ -188,8 +188,8 @@ static int drainBody(Receiver* r)
 
 /*
  * The result of reading a body, of which rc is what the reader says. One that ends before its last
- * field breaks the connection, unless the header tells of a failure: then nothing needs to be there,
- * and what is missing counts as 0.
+ * field breaks the connection, unless the header tells of a failure: then nothing needs to be
+ * there, and what is missing counts as 0.
  */
 static int bodyResult(Receiver* r, int rc)
 {

@@ -354,8 +354,9 @@ void clapiEndSending(_QPX_ConnToken_t* gwTokPtr)
     clapiLeaveSenders(gwTokPtr);
 }
 
-/* Makes the receiver end the connection, to which nothing is written any more: what begins from here
- * on finds it as good as ended. Thread: one for which the socket stays open. */
+/* Makes the receiver end the connection, to which nothing is written any more: what begins from
+ * here on finds it as good as ended. Thread: one for which the socket stays open.
+ * Locks: tableLock held, unless it could not be had. */
 static void endStream(_QPX_ConnToken_t* gwTokPtr)
 {
     gwTokPtr->brokenOff = 1;

@@ -1,6 +1,6 @@
 /*
- * descriptor_wait.h - waiting for one descriptor of any number. A set that select takes has room for
- * the numbers below FD_SETSIZE only; the others are polled. Neither needs memory of the heap.
+ * descriptor_wait.h - waiting for one descriptor of any number. A set that select takes has room
+ * for the numbers below FD_SETSIZE only; the others are polled. Neither needs memory of the heap.
  */
 #ifndef DESCRIPTOR_WAIT_H
 #define DESCRIPTOR_WAIT_H
@@ -14,8 +14,8 @@
 constexpr int MILLISECONDS_PER_SECOND = 1000;
 constexpr int POLL_WITHOUT_LIMIT = -1;
 
-/* Polls one descriptor: what poll returns, but that a descriptor that is not open is a failure as it
- * is one of select's. */
+/* Polls one descriptor: what poll returns, but that a descriptor that is not open is a failure as
+ * it is one of select's. */
 inline int pollDescriptor(pollfd* polled, int milliseconds)
 {
     int ready = poll(polled, 1, milliseconds);

@@ -77,9 +77,9 @@ int writeRequest(_QPX_ConnToken_t* gwTok, Socket socketDescriptor, WriteFlow wri
     return rc;
 }
 
-/* Has writeFlow(socket) send the request with that header. The socket of a connection that has ended may be
- * another's by now, and that one shall see nothing of it: the flow then goes to no socket, with
- * the same result as on a closed one. */
+/* Has writeFlow(socket) send the request with that header. The socket of a connection that has
+ * ended may be another's by now, and that one shall see nothing of it: the flow then goes to no
+ * socket, with the same result as on a closed one. */
 template <typename Lines, typename WriteFlow>
 int sendRequest(_QPX_ConnToken_t* gwTok, RequestSlot* slotP, const GatewayRequest& header,
                 WriteFlow writeFlow)

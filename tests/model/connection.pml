@@ -9,6 +9,7 @@
  *   PLAIN            so many of the synchronous callers do not use it after all
  *   ANY, POLL        threads that collect any reply: waiting, until they are refused; once, at once
  *   SPECIFIC         threads that wait for the reply of one asynchronous call
+ *   GUESSING         threads that wait for the reply with message id 0, whether it was asked for or not
  *   GRACEFUL, TIMED, PURGE, ALL
  *                    threads that close: without limit, with a limit, at once, all connections
  *   CLOSE_AFTER_CALLS
@@ -17,12 +18,14 @@
  *   DIES, CLOSES     the Gateway may break the connection at any time, or say goodbye
  *   SILENT, DEAF     it may leave requests without an answer; it does not answer the close flow
  *   FULL             it does not read: a writer is stuck until the library shuts the socket down
- *   HALF_READ        it reads of a request with a channel just enough to answer it
+ *   HALF_READ        it reads of a request with a channel just enough to answer it; the writer is
+ *                    stuck before it has staged the last of the channel, or behind that
  *   REFUSES          it may refuse a request
  *   UNASKED          so many replies or errors come from it that nobody has asked for
  *   PINGS            it sends pings for ever
  *   LAST             it ends the connection when nothing else happens any more
- *   WRITE_FAILS      a request may fail to be written although the connection stands
+ *   WRITE_FAILS      a request may fail to be written although the connection stands, also when a
+ *                    part of it that is enough to answer it has left
  *   CHANGE_FAILS     what a reply changes may fail to be applied to the channel
  *   NOTHING_WRITTEN  every request fails to be written
  *   QUIET            nobody closes, and some wait for ever; but not for what is there
@@ -47,6 +50,9 @@
 #ifndef SPECIFIC
 #define SPECIFIC 0
 #endif
+#ifndef GUESSING
+#define GUESSING 0
+#endif
 #ifndef GRACEFUL
 #define GRACEFUL 0
 #endif
@@ -70,9 +76,6 @@
 #else
 #define sendsChannel(c) false
 #endif
-#if defined(BREAK_DELIVERED_WHILE_BEING_SENT) || defined(BREAK_COLLECTOR_WAITS_FOR_SENDER)
-#define DELIVERED_WHILE_BEING_SENT
-#endif
 #ifdef OPENING
 #define OPENERS 1
 #else
@@ -86,7 +89,7 @@
 
 #define CALLERS (SYNC + ASYNC + OPENERS)
 #define CLOSERS (GRACEFUL + TIMED + PURGE + ALL)
-#define THREADS (CALLERS + ANY + POLL + SPECIFIC + CLOSERS)
+#define THREADS (CALLERS + ANY + POLL + SPECIFIC + GUESSING + CLOSERS)
 #define SLOTS CALLERS
 
 #define NOBODY 255
@@ -121,7 +124,7 @@ typedef Slot {
     bool isAsync;
 #ifdef CHANNEL
     bool channelHeld;  /* by an asynchronous call, until its reply is collected */
-    bool channelBeingSent;
+    bool channelBeingSent; /* the one field that its sender changes without a lock */
     mtype outcomePending; /* put aside until the channel has been sent; 0 if there is none */
 #endif
     mtype result;
@@ -138,6 +141,7 @@ bool closedown;
 byte requestCount;
 byte asyncCount;
 byte senders;
+bool brokenOff;
 byte slotBeingRead = NO_SLOT;
 byte deleters;
 bool quiesced;
@@ -276,8 +280,6 @@ inline changeChannel(whose)
                 changed[whose] = true }
 #ifdef CHANGE_FAILS
     :: atomic { true -> TOUCH; assert(channelHolder == whose && !channelRead && !changed[whose]);
-                assert(descriptorOpen);
-                shutDown = true;
                 changeFailed = true }
 #endif
     fi
@@ -295,7 +297,7 @@ inline unlockChannels()
            TOUCH;
            if
            :: slot[calls].channelHeld && slot[calls].state != ALLOCATED ->
-              assert(!slot[calls].channelBeingSent);
+              assert(!slot[calls].channelBeingSent && slot[calls].outcomePending == 0);
               slot[calls].channelHeld = false;
               unlockChannel(slot[calls].call)
            :: else
@@ -334,7 +336,7 @@ inline deliverSlot(s, what)
     assert(slot[s].state == WAITING);
 #endif
 #ifdef CHANNEL
-#ifndef DELIVERED_WHILE_BEING_SENT
+#ifndef BREAK_DELIVERED_WHILE_BEING_SENT
     assert(!slot[s].channelBeingSent);
 #endif
     assert(what != OK || !sendsChannel(slot[s].call) || changed[slot[s].call]);
@@ -352,30 +354,37 @@ inline deliverSlot(s, what)
 }
 
 #ifdef CHANNEL
-#ifdef DELIVERED_WHILE_BEING_SENT
+#ifdef BREAK_DELIVERED_WHILE_BEING_SENT
 #define isBeingSent(s) false
 #else
 #define isBeingSent(s) (slot[s].channelBeingSent)
 #endif
+/* clapiAwaitsOutcome. Under tableLock. */
+#ifdef BREAK_PENDING_TAKES_ANOTHER
+#define awaitsOutcome(s) (slot[s].state == WAITING)
+#else
+#define awaitsOutcome(s) (slot[s].state == WAITING && slot[s].outcomePending == 0)
+#endif
 
-/* putOutcomeAside: the first stays. Under tableLock. */
-inline putOutcomeAside(s, what)
+/* clapiPutAside. Under tableLock. */
+inline putAside(s, what)
 {
-    if
-    :: slot[s].outcomePending == 0 -> slot[s].outcomePending = what
-    :: else
-    fi
+#ifndef BREAK_PENDING_TAKES_ANOTHER
+    assert(slot[s].outcomePending == 0);
+#endif
+    slot[s].outcomePending = what
 }
 #else
 #define isBeingSent(s) false
-#define putOutcomeAside(s, what) skip
+#define awaitsOutcome(s) (slot[s].state == WAITING)
+#define putAside(s, what) skip
 #endif
 
-/* A request that waits gets its outcome, or will get it from its sender. Under tableLock. */
-inline deliverOrPutAside(s, what)
+/* clapiSettleSlot, which looks at the mark once. Under tableLock. */
+inline settleSlot(s, what)
 {
     if
-    :: isBeingSent(s) -> putOutcomeAside(s, what)
+    :: isBeingSent(s) -> putAside(s, what)
     :: else -> deliverSlot(s, what)
     fi
 }
@@ -409,21 +418,48 @@ inline endSending()
     atomic { tableLock == NOBODY -> TOUCH; senders-- }
 }
 
-/* clapiAwaitEndOfReading, with tableLock taken before and after it; it is free meanwhile. */
+/* clapiNoteBrokenFlow. Under tableLock. */
+inline noteBrokenFlow()
+{
+#ifndef BREAK_BROKEN_FLOW_NOT_NOTED
+    if
+    :: flowBroke -> brokenOff = true; flowBroke = false
+    :: else
+    fi
+#else
+    flowBroke = false
+#endif
+}
+
+/* The beginning of clapiAwaitEndOfReading. Under tableLock. */
+inline wakeReader(s)
+{
+#ifndef BREAK_STORAGE_GIVEN_UP_WHILE_READ
+    if
+    :: slotBeingRead == s -> shutDown = true
+    :: else
+    fi
+#else
+    skip
+#endif
+}
+
+/* ... and its end: tableLock is free during the wait, and held behind it. */
 inline lockWhenNotRead(s)
 {
 #ifdef BREAK_STORAGE_GIVEN_UP_WHILE_READ
     lock(tableLock)
 #else
-    atomic {
-        tableLock == NOBODY -> TOUCH;
-        if
-        :: slotBeingRead == s -> shutDown = true
-        :: else
-        fi
-    };
     atomic { tableLock == NOBODY && slotBeingRead != s -> TOUCH; tableLock = _pid }
 #endif
+}
+
+/* clapiEndFailedSending */
+inline endFailedSending(s)
+{
+    atomic { tableLock == NOBODY -> TOUCH; noteBrokenFlow(); senders--; wakeReader(s) };
+    lockWhenNotRead(s);
+    unlock(tableLock)
 }
 
 /* ---- Calls of server programs: clapi_eci ---- */
@@ -471,9 +507,9 @@ inline beginSending(me, async)
         tableLock == NOBODY -> TOUCH;
         tableLock = _pid;
 #ifdef BREAK_SENT_WHILE_CLOSING
-        begun = (connStatus == CONNECTED)
+        begun = (connStatus == CONNECTED && !brokenOff)
 #else
-        begun = (connStatus == CONNECTED && !(async && closedown))
+        begun = (connStatus == CONNECTED && !brokenOff && !(async && closedown))
 #endif
     };
 #ifdef BREAK_STATUS_AND_STATE_APART
@@ -501,28 +537,77 @@ inline beginSending(me, async)
     }
 }
 
-/* writeRequest. The descriptor must be open for as long as the writing takes. With a channel that
- * may be long; the Gateway may answer before its end. What fails half sent ends the connection. */
+/* writeRequest, clapiFlowECIRequest. The descriptor must be open for as long as the writing takes.
+ * A part of the request that has left may be enough for the Gateway to answer it; what fails behind
+ * it ends the connection. */
 inline writeRequest(me)
 {
     atomic { sendLock == NOBODY -> TOUCH; assert(tableLock != _pid); sendLock = _pid;
              assert(descriptorOpen) };
 #ifdef CHANNEL
     if
-    :: atomic {
-           sendsChannel(me) -> TOUCH;
-           assert(descriptorOpen && channelHolder == me);
-           channelRead = true;
-           if
-#ifndef NOTHING_WRITTEN
-           :: !shutDown && !gatewayGone -> putOnTheWire(me); halfSent = true
-#endif
-           :: true
-           fi
-       }
-    :: !sendsChannel(me)
+    :: sendsChannel(me) -> stageChannel(me)
+    :: else
     fi;
 #endif
+    if
+    :: rc == OK -> sendLast(me)
+    :: else -> unlock(sendLock)
+    fi;
+    partSent = false
+}
+
+inline putOnTheWire(me)
+{
+    assert(asked[s] == NO_CALL || UNASKED > 0);
+    asked[s] = me;
+    partSent = true
+}
+
+/* keepSendError, noteBreak */
+inline sendFails()
+{
+    rc = FAILED;
+    flowBroke = partSent;
+    shutDown = shutDown || partSent
+}
+
+#ifdef CHANNEL
+/* writeECIBody. The mark goes when the last of the channel has been staged, unless a send has failed
+ * by then: of a request that has failed it stays until its slot goes, and with it what was put
+ * aside. */
+inline stageChannel(me)
+{
+    atomic {
+        TOUCH;
+        assert(descriptorOpen && channelHolder == me);
+        channelRead = true;
+        if
+#ifndef NOTHING_WRITTEN
+        :: !shutDown && !gatewayGone -> putOnTheWire(me)
+#endif
+        :: true
+        fi
+    };
+    if
+    :: atomic { true -> TOUCH; assert(descriptorOpen); channelRead = false;
+#ifndef BREAK_MARK_STAYS
+                slot[s].channelBeingSent = false
+#endif
+       }
+#ifdef HALF_READ
+    :: true ->
+       atomic { shutDown -> TOUCH; assert(descriptorOpen); channelRead = false; sendFails() }
+#else
+    :: atomic { writeMayFail -> TOUCH; assert(descriptorOpen); channelRead = false; sendFails() }
+#endif
+    fi
+}
+#endif
+
+/* The last send of a request. */
+inline sendLast(me)
+{
     atomic {
 #ifdef FULL
         shutDown ->
@@ -536,70 +621,65 @@ inline writeRequest(me)
 #ifndef NOTHING_WRITTEN
         :: !shutDown ->
            if
-#ifdef CHANNEL
-           :: !gatewayGone && !halfSent -> putOnTheWire(me)
-#else
-           :: !gatewayGone -> putOnTheWire(me)
-#endif
+           :: !gatewayGone && !partSent -> putOnTheWire(me)
            :: else /* a first write to an end that is closed succeeds */
            fi
 #endif
-        :: writeMayFail ->
-           rc = FAILED;
-#ifdef CHANNEL
-           shutDown = shutDown || halfSent
+#ifdef WRITE_FAILS
+        :: !shutDown && !gatewayGone && !partSent -> putOnTheWire(me); sendFails()
 #endif
+        :: writeMayFail -> sendFails()
         fi;
-#ifdef CHANNEL
-        halfSent = false;
-        channelRead = false;
-#endif
         sendLock = NOBODY
     }
 }
 
-inline putOnTheWire(me)
+/* clapiEndSendingRequest, of a request that has been written: deliverPendingOutcome, with tableLock
+ * free while the channel is changed, and clapiLeaveSenders. */
+inline endSendingRequest(me)
 {
-    assert(asked[s] == NO_CALL || UNASKED > 0);
-    asked[s] = me
-}
-
 #ifdef CHANNEL
-/* clapiEndSendingChannel, of a request that has been written: the sender delivers what was put
- * aside. Until then the mark stays, so that nobody else does; that of a request that could not be
- * written stays until its slot goes, and so does what was put aside. */
-inline endSendingChannel(me)
-{
     lock(tableLock);
     if
-    :: atomic { slot[s].outcomePending == OK -> TOUCH; tableLock = NOBODY };
-#ifdef BREAK_MARK_GIVEN_UP_FIRST
-       atomic { tableLock == NOBODY -> TOUCH; slot[s].channelBeingSent = false };
+    :: atomic { slot[s].call == me && slot[s].outcomePending == OK -> TOUCH; tableLock = NOBODY };
+#ifdef BREAK_LEAVES_BEFORE_DELIVERING
+       endSending();
 #endif
        changeChannel(me);
        lock(tableLock)
-    :: atomic { slot[s].outcomePending != OK -> TOUCH }
+    :: atomic { slot[s].call != me || slot[s].outcomePending != OK -> TOUCH }
+#ifdef BREAK_LEAVES_BEFORE_DELIVERING
+       ; senders--
+#endif
     fi;
     atomic {
         TOUCH;
-        slot[s].channelBeingSent = false;
         if
 #ifndef BREAK_ASIDE_DROPPED
-        :: slot[s].outcomePending != 0 && !changeFailed -> deliverSlot(s, slot[s].outcomePending)
-        :: slot[s].outcomePending != 0 && changeFailed -> deliverSlot(s, REFUSED)
-        :: slot[s].outcomePending == 0
-#else
-        :: true
+        :: slot[s].call == me && slot[s].outcomePending != 0 ->
+           if
+           :: changeFailed ->
+              assert(descriptorOpen);
+              shutDown = true;
+              changeFailed = false;
+              deliverSlot(s, REFUSED)
+           :: else -> deliverSlot(s, slot[s].outcomePending)
+           fi;
+           slot[s].outcomePending = 0
 #endif
+        :: else
         fi;
-        slot[s].outcomePending = 0;
-        changeFailed = false;
+#ifndef BREAK_LEAVES_BEFORE_DELIVERING
+        senders--;
+#endif
         tableLock = NOBODY
     }
-}
+#else
+    endSending()
 #endif
+}
 
-/* sendRequest, sendCall. */
+/* sendRequest, sendCall; failAsyncCall ends the sending of an asynchronous call that has failed. */
 inline sendRequest(me, async)
 {
     beginSending(me, async);
@@ -609,34 +689,13 @@ inline sendRequest(me, async)
 #ifdef BREAK_STATE_AFTER_SEND
        atomic { tableLock == NOBODY -> slot[s].state = WAITING };
 #endif
-#ifdef BREAK_LEAVES_BEFORE_DELIVERING
        if
-       :: rc == OK -> endSending()
-       :: else
-       fi;
-#endif
-#ifdef CHANNEL
-       if
-#ifdef BREAK_MARK_GIVEN_UP_BY_A_FAILURE
-       :: rc != OK && sendsChannel(me) ->
-          atomic { tableLock == NOBODY -> TOUCH;
-                   slot[s].channelBeingSent = false; slot[s].outcomePending = 0 }
-#endif
-       :: rc == OK && sendsChannel(me) -> endSendingChannel(me)
-       :: else
-       fi;
-#endif
-       if
-#ifdef BREAK_LEAVES_BEFORE_DELIVERING
-       :: rc == OK
-       :: rc != OK && !async -> endSending()
-#else
-       :: rc == OK || !async -> endSending() /* clapiEndSending, clapiEndFailedSending */
-#endif
+       :: rc == OK -> endSendingRequest(me)
+       :: rc != OK && !async -> endFailedSending(s)
 #ifdef BREAK_FAILED_SENDER_LEAVES_EARLY
        :: rc != OK && async -> endSending()
 #else
-       :: rc != OK && async /* failAsyncCall does it */
+       :: rc != OK && async
 #endif
        fi
     :: else
@@ -646,6 +705,7 @@ inline sendRequest(me, async)
 /* clapiDropSlot */
 inline dropSlot()
 {
+    atomic { tableLock == NOBODY -> TOUCH; wakeReader(s) };
     lockWhenNotRead(s);
     atomic { TOUCH; slotFree(s); tableLock = NOBODY }
 }
@@ -698,9 +758,17 @@ inline leaveFailed()
     tableLock = NOBODY
 }
 
+/* Who waits is told if nothing can come any more. */
+#ifdef BREAK_WITHDRAWAL_BEHIND_THE_END_NOT_TOLD
+#define withdrawalIsTold (closedown && asyncCount == 0)
+#else
+#define withdrawalIsTold ((closedown && asyncCount == 0) || connStatus != CONNECTED)
+#endif
+
 /* failAsyncCall: isStillOurs, withdraw. */
 inline failAsyncCall(me)
 {
+    atomic { tableLock == NOBODY -> TOUCH; noteBrokenFlow(); wakeReader(s) };
     lockWhenNotRead(s);
     if
 #ifdef BREAK_WITHDRAWS_WHAT_IS_NOT_OURS
@@ -718,11 +786,11 @@ inline failAsyncCall(me)
            tellOutcome(me)
        };
        if
-#ifndef BREAK_WITHDRAWAL_NOT_TOLD
-       :: atomic { closedown && asyncCount == 0 -> TOUCH; post(asyncReplyEvent) }
-       :: atomic { !(closedown && asyncCount == 0) -> TOUCH }
-#else
+#ifdef BREAK_WITHDRAWAL_NOT_TOLD
        :: true
+#else
+       :: atomic { withdrawalIsTold -> TOUCH; post(asyncReplyEvent) }
+       :: atomic { !withdrawalIsTold -> TOUCH }
 #endif
        fi;
        atomic { TOUCH; slotFree(s); leaveFailed() }
@@ -797,9 +865,9 @@ inline syncCall(me, unit, keepsUnit)
 proctype SyncCaller(byte me)
 {
     byte s, generation;
-    bool begun, registered;
+    bool begun, registered, partSent, flowBroke;
 #ifdef CHANNEL
-    bool halfSent, changeFailed;
+    bool changeFailed;
 #endif
     mtype rc;
 
@@ -821,9 +889,9 @@ proctype SyncCaller(byte me)
 proctype PlainCaller(byte me)
 {
     byte s, generation;
-    bool begun, registered;
+    bool begun, registered, partSent, flowBroke;
 #ifdef CHANNEL
-    bool halfSent, changeFailed;
+    bool changeFailed;
 #endif
     mtype rc;
 
@@ -836,9 +904,9 @@ proctype PlainCaller(byte me)
 proctype AsyncCaller(byte me)
 {
     byte s;
-    bool begun, registered;
+    bool begun, registered, partSent, flowBroke;
 #ifdef CHANNEL
-    bool halfSent, changeFailed;
+    bool changeFailed;
 #endif
     mtype rc;
 
@@ -896,13 +964,7 @@ inline chooseReply(specific, wanted)
     :: specific && !isQueued(wanted)
     :: !specific && nempty(replies) -> replies?<s>
     :: !specific && empty(replies)
-    fi;
-#ifdef BREAK_COLLECTOR_WAITS_FOR_SENDER
-    if
-    :: s != NO_SLOT && slot[s].channelBeingSent -> waitsForSender = s; s = NO_SLOT
-    :: else
     fi
-#endif
 }
 
 /* sleepUntilReply */
@@ -922,14 +984,31 @@ inline sleepUntilReply()
     lock(tableLock)
 }
 
+/* outcomeIsPending. Under tableLock. */
+#if defined(CHANNEL) && !defined(BREAK_PENDING_NOT_AWAITED)
+#define isPending(s) (slot[s].outcomePending != 0 && slot[s].isAsync)
+#if SLOTS > 2
+#define anyIsPending (isPending(0) || isPending(1) || isPending(2))
+#elif SLOTS > 1
+#define anyIsPending (isPending(0) || isPending(1))
+#else
+#define anyIsPending isPending(0)
+#endif
+#define outcomeIsPending(specific, wanted) (specific -> isPending(wanted) : anyIsPending)
+#else
+#define outcomeIsPending(specific, wanted) false
+#endif
+#define mayStillCome(specific, wanted) \
+    (connStatus == CONNECTED || outcomeIsPending(specific, wanted))
+
 /* awaitAsyncReply */
 inline awaitAsyncReply(specific, waits, wanted)
 {
     if
     :: !waits -> rc = NO_REPLY
-    :: atomic { waits && connStatus != CONNECTED -> TOUCH; rc = REFUSED }
+    :: atomic { waits && !mayStillCome(specific, wanted) -> TOUCH; rc = REFUSED }
     :: atomic {
-           waits && connStatus == CONNECTED -> TOUCH;
+           waits && mayStillCome(specific, wanted) -> TOUCH;
            if
 #ifdef BREAK_SPECIFIC_NOT_CHECKED_AGAIN
            :: false
@@ -996,16 +1075,6 @@ inline collectReply(specific, waits, wanted)
            rc == OK && s == NO_SLOT && !(closedown && asyncCount == 0) -> TOUCH;
            chooseReply(specific, wanted)
        };
-#ifdef BREAK_COLLECTOR_WAITS_FOR_SENDER
-       if
-       :: waitsForSender != NO_SLOT ->
-          unlock(tableLock);
-          atomic { tableLock == NOBODY && !slot[waitsForSender].channelBeingSent -> TOUCH;
-                   tableLock = _pid; waitsForSender = NO_SLOT;
-                   chooseReply(specific, wanted) }
-       :: else
-       fi;
-#endif
        if
        :: s == NO_SLOT -> awaitAsyncReply(specific, waits, wanted)
        :: else
@@ -1034,9 +1103,6 @@ proctype AnyCollector()
 {
     byte s, generation;
     byte heldFor = NO_CALL;
-#ifdef BREAK_COLLECTOR_WAITS_FOR_SENDER
-    byte waitsForSender = NO_SLOT;
-#endif
     bool registered;
     mtype rc = OK;
 
@@ -1054,9 +1120,6 @@ proctype Poller()
 {
     byte s, generation;
     byte heldFor = NO_CALL;
-#ifdef BREAK_COLLECTOR_WAITS_FOR_SENDER
-    byte waitsForSender = NO_SLOT;
-#endif
     bool registered;
     mtype rc;
 
@@ -1071,9 +1134,6 @@ proctype SpecificCollector(byte call)
 {
     byte s, generation;
     byte heldFor = NO_CALL;
-#ifdef BREAK_COLLECTOR_WAITS_FOR_SENDER
-    byte waitsForSender = NO_SLOT;
-#endif
     bool registered;
     mtype rc;
 
@@ -1086,9 +1146,35 @@ proctype SpecificCollector(byte call)
 }
 #endif
 
+#if GUESSING > 0
+/* An application that cannot know yet, or any more, what it asks for. */
+proctype Guesser()
+{
+    byte s, generation;
+    byte heldFor = NO_CALL;
+    bool registered;
+    mtype rc;
+
+    collect(true, true, 0);
+    threadsOut++
+}
+#endif
+
 /* ---- The receiver thread: clapi_gwycon ---- */
 
-/* deliverReply: stillWaits, clapiDeliverSlot, endReading. */
+#ifdef BREAK_ASIDE_DECIDED_WHEN_FOUND
+#define overtakes aside
+#else
+#define overtakes isBeingSent(s)
+#endif
+
+#define stillWaits (s != NO_SLOT && awaitsOutcome(s) && slot[s].call == call)
+
+/* What an answer is for is what it answers, but for those that nobody has asked for. */
+#define JUDGE_ANSWER assert(UNASKED > 0 || answered == call)
+
+/* deliverReply: settleReply, endReading. Whether the reply has overtaken its request is looked at
+ * once: if it has, the sender will deliver it, whatever becomes of the mark meanwhile. */
 inline deliverReply()
 {
     atomic {
@@ -1097,23 +1183,45 @@ inline deliverReply()
         deliverSlot(id, OK);
 #else
         if
-        :: s != NO_SLOT && slot[s].state == WAITING && slot[s].call == call ->
-           assert(UNASKED > 0 || answered == call);
-           deliverSlot(s, OK)
+        :: stillWaits && overtakes -> JUDGE_ANSWER; putAside(s, OK)
+        :: stillWaits && !overtakes && !aside -> JUDGE_ANSWER; deliverSlot(s, OK)
+        :: stillWaits && !overtakes && aside -> JUDGE_ANSWER; changes = true
         :: else
         fi;
 #endif
-        slotBeingRead = NO_SLOT;
-        s = NO_SLOT
-    }
+        if
+        :: !changes -> slotBeingRead = NO_SLOT; s = NO_SLOT
+        :: else
+        fi;
+        aside = false
+    };
+#ifdef CHANNEL
+    if
+    :: changes ->
+       changeChannel(call);
+       atomic {
+           tableLock == NOBODY -> TOUCH;
+           assert(stillWaits);
+           if
+           :: changeFailed -> changeFailed = false; over = true
+           :: else -> deliverSlot(s, OK)
+           fi;
+           changes = false;
+           slotBeingRead = NO_SLOT;
+           s = NO_SLOT
+       }
+    :: else
+    fi
+#endif
 }
 
-/* The body of a reply that is not put aside, as it is read or once it has been. */
+/* receiveECIReply: clapiReadECIResponse into the caller's storage and the channel, deliverReply; or
+ * with what changes the channel kept apart, if that was being sent when the slot was found. */
 inline receiveBody()
 {
 #ifdef CHANNEL
     if
-    :: sendsChannel(call) -> changeChannel(call)
+    :: sendsChannel(call) && !aside -> changeChannel(call)
     :: else
     fi;
     if
@@ -1125,44 +1233,13 @@ inline receiveBody()
 #endif
 }
 
-#ifdef CHANNEL
-/* The end of a reply that was found while its channel was being sent. If the sender has left since,
- * it is the receiver's to deliver: this is decided in the hold in which it is put aside. */
-inline putReplyAside()
-{
-    atomic {
-        tableLock == NOBODY -> TOUCH;
-        if
-        :: slot[s].state == WAITING && slot[s].call == call &&
-#ifdef BREAK_ASIDE_DECIDED_WHEN_FOUND
-           true ->
-#else
-           slot[s].channelBeingSent ->
-#endif
-           /* what answers an earlier request, sent by half, is dropped: this one cannot be sent */
-           assert(UNASKED > 0 || answered == call || shutDown);
-           putOutcomeAside(s, OK);
-           slotBeingRead = NO_SLOT;
-           s = NO_SLOT
-#ifndef BREAK_ASIDE_DECIDED_WHEN_FOUND
-        :: slot[s].state == WAITING && slot[s].call == call && !slot[s].channelBeingSent
-#endif
-        :: slot[s].state != WAITING || slot[s].call != call ->
-           slotBeingRead = NO_SLOT;
-           s = NO_SLOT
-        fi
-    }
-}
-#endif
-
-/* receiveReply: findReplySlot, clapiReadECIResponse into the caller's storage, deliverReply; or
- * into storage of the receiver's own, if the channel that it changes is still being sent. */
+/* receiveReply: findReplySlot, receiveECIReply. */
 inline receiveReply()
 {
     atomic {
         tableLock == NOBODY -> TOUCH;
         if
-        :: slot[id].state == WAITING ->
+        :: awaitsOutcome(id) ->
            s = id;
            call = slot[id].call;
            aside = isBeingSent(id);
@@ -1174,24 +1251,12 @@ inline receiveReply()
     atomic { s == NO_SLOT || !slot[s].channelBeingSent -> aside = false };
 #endif
     if
-    :: atomic { s != NO_SLOT && !aside -> TOUCH; assert(slot[s].call == call) };
+    :: atomic { s != NO_SLOT -> TOUCH; assert(slot[s].call == call) };
        if
        :: atomic { true -> TOUCH; assert(slot[s].call == call) };
           receiveBody()
-       :: atomic { reset || shutDown -> TOUCH; s = NO_SLOT; over = true }
+       :: atomic { reset || shutDown -> TOUCH; s = NO_SLOT; aside = false; over = true }
        fi
-#ifdef CHANNEL
-    :: s != NO_SLOT && aside ->
-       if
-       :: putReplyAside();
-          if
-          :: s != NO_SLOT -> receiveBody()
-          :: else
-          fi
-       :: atomic { reset || shutDown -> TOUCH; s = NO_SLOT; over = true }
-       fi;
-       aside = false
-#endif
     :: s == NO_SLOT ->
 #ifdef BREAK_DELIVERS_TO_ANY_STATE
        deliverReply()
@@ -1215,7 +1280,7 @@ end_waiting:
           atomic {
               tableLock == NOBODY -> TOUCH;
               if
-              :: slot[id].state == WAITING -> deliverOrPutAside(id, FAILED)
+              :: awaitsOutcome(id) -> settleSlot(id, FAILED)
               :: else
               fi
           }
@@ -1269,7 +1334,7 @@ inline sweep()
        atomic {
            TOUCH;
            if
-           :: slot[s].state == WAITING -> deliverOrPutAside(s, REFUSED)
+           :: awaitsOutcome(s) -> settleSlot(s, REFUSED)
            :: else
            fi;
            s++
@@ -1303,7 +1368,7 @@ proctype Receiver()
 {
     byte id, answered, call;
     byte s = NO_SLOT;
-    bool over, saidGoodbye, aside;
+    bool over, saidGoodbye, aside, changes;
 #ifdef CHANNEL
     bool changeFailed;
 #endif
@@ -1436,9 +1501,14 @@ inline quiesceConnection(limit)
         fi
     };
     waitForWork(limit);
+    /* takesCloseFlow */
     if
     :: atomic { connStatus == CONNECTED -> TOUCH };
-       sendCloseFlow()
+       if
+       :: atomic { !brokenOff -> TOUCH };
+          sendCloseFlow()
+       :: atomic { brokenOff -> TOUCH }
+       fi
     :: atomic { connStatus != CONNECTED -> TOUCH }
     fi;
     waitEvent(recvThreadEnded); /* waitForReceiver */
@@ -1620,9 +1690,9 @@ bool handshakeAsked;
 proctype Opener(byte me)
 {
     byte s, generation, calls;
-    bool begun, registered;
+    bool begun, registered, partSent, flowBroke;
 #ifdef CHANNEL
-    bool halfSent, changeFailed;
+    bool changeFailed;
 #endif
     mtype rc = OK;
 
@@ -1753,6 +1823,9 @@ init
 #if SPECIFIC > 0
         for (i : SYNC .. SYNC + SPECIFIC - 1) { run SpecificCollector(i) }
 #endif
+#if GUESSING > 0
+        for (i : 1 .. GUESSING) { run Guesser() }
+#endif
 #if ANY > 0
         for (i : 1 .. ANY) { run AnyCollector() }
 #endif
@@ -1780,6 +1853,9 @@ init
 #else
     /* Every thread of the application gets out of the library. */
     threadsOut == THREADS;
+#if ANY > 0 && CLOSERS == 0
+    assert(empty(replies)); /* whoever is refused leaves nothing behind */
+#endif
 #if CLOSERS + OPENERS > 0
     assert(!descriptorOpen);
     assert(tokenFreed || deleteFailed);

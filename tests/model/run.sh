@@ -44,6 +44,20 @@ channel_and_plain_call  | holds  | SYNC=2 PLAIN=1 REFUSES CHANNEL LAST
 channel_stuck_sender    | holds  | SYNC=2 PLAIN=1 REFUSES CHANNEL HALF_READ QUIET
 channel_calls_withdrawn | holds  | SYNC=1 ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN CHANNEL
 withdrawn_calls        | holds   | ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN
+broken_flow_of_a_channel | holds | SYNC=2 PLAIN=1 CHANNEL WRITE_FAILS LAST
+broken_flow_withdrawn    | holds | SYNC=1 PLAIN=1 ASYNC=1 CHANNEL WRITE_FAILS PURGE=1
+broken_flow_of_a_call    | holds | SYNC=1 ASYNC=1 WRITE_FAILS PURGE=1
+broken_flow_and_end      | holds | SYNC=2 PLAIN=1 CHANNEL REFUSES DIES CLOSES LAST
+pending_any              | holds | ASYNC=1 ANY=1 CHANNEL WRITE_FAILS DIES CLOSES LAST
+pending_any_two          | holds | ASYNC=1 ANY=2 CHANNEL WRITE_FAILS DIES LAST
+pending_any_purged       | holds | ASYNC=1 ANY=1 CHANNEL WRITE_FAILS CLOSES PURGE=1
+pending_any_graceful     | holds | ASYNC=1 ANY=1 CHANNEL WRITE_FAILS CLOSES GRACEFUL=1
+pending_any_all          | holds | ASYNC=1 ANY=1 CHANNEL WRITE_FAILS DIES ALL=1
+pending_one              | holds | ASYNC=1 GUESSING=1 CHANNEL WRITE_FAILS DIES CLOSES LAST
+pending_one_purged       | holds | ASYNC=1 GUESSING=1 CHANNEL WRITE_FAILS CLOSES PURGE=1
+pending_one_all          | holds | ASYNC=1 GUESSING=1 CHANNEL WRITE_FAILS DIES ALL=1
+pending_known_one        | holds | ASYNC=1 SPECIFIC=1 CHANNEL WRITE_FAILS DIES PURGE=1
+pending_two_calls        | holds | ASYNC=2 PLAIN=1 ANY=1 CHANNEL DIES LAST
 unasked_replies        | holds   | SYNC=2 PURGE=1 UNASKED=1 WRITE_FAILS
 unasked_async_replies  | holds   | ASYNC=1 ANY=1 PURGE=1 UNASKED=1 WRITE_FAILS
 three_closers          | holds   | SYNC=1 GRACEFUL=1 PURGE=1 ALL=1
@@ -93,11 +107,14 @@ break_sent_while_closing     | fails | ASYNC=1 ANY=1 GRACEFUL=1 BREAK_SENT_WHILE
 break_closed_before_sweep    | fails | ASYNC=1 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS CLOSES BREAK_CLOSED_BEFORE_SWEEP | invalid end state
 break_delivered_while_sent   | fails | ASYNC=1 POLL=1 REFUSES CHANNEL BREAK_DELIVERED_WHILE_BEING_SENT | assertion violated (((channelHolder==
 break_receiver_waits         | fails | SYNC=2 PLAIN=1 REFUSES CHANNEL HALF_READ QUIET BREAK_RECEIVER_WAITS_FOR_SENDER | assertion violated ((q_len(replies)==0)&&
-break_collector_waits        | fails | ASYNC=1 ANY=2 GRACEFUL=1 REFUSES CHANNEL BREAK_COLLECTOR_WAITS_FOR_SENDER | invalid end state
 break_aside_dropped          | fails | SYNC=1 GRACEFUL=1 CHANNEL BREAK_ASIDE_DROPPED | invalid end state
 break_aside_decided_early    | fails | SYNC=1 GRACEFUL=1 CHANNEL BREAK_ASIDE_DECIDED_WHEN_FOUND | invalid end state
-break_aside_delivered_twice  | fails | SYNC=1 PURGE=1 CHANNEL DIES BREAK_MARK_GIVEN_UP_FIRST | assertion violated (slot[s].state==2)
-break_mark_of_a_failure      | fails | SYNC=2 GRACEFUL=1 WRITE_FAILS CHANNEL BREAK_MARK_GIVEN_UP_BY_A_FAILURE | assertion violated ((0>0)||(answered==call))
+break_broken_flow_not_noted  | fails | SYNC=2 PLAIN=1 CHANNEL WRITE_FAILS LAST BREAK_BROKEN_FLOW_NOT_NOTED | assertion violated ((0>0)||(answered==call))
+break_broken_flow_of_async   | fails | SYNC=1 PLAIN=1 ASYNC=1 CHANNEL WRITE_FAILS PURGE=1 BREAK_BROKEN_FLOW_NOT_NOTED | assertion violated ((0>0)||(answered==call))
+break_end_of_withdrawn       | fails | ASYNC=1 ANY=1 CHANNEL WRITE_FAILS DIES LAST BREAK_WITHDRAWAL_BEHIND_THE_END_NOT_TOLD | invalid end state
+break_pending_not_awaited    | fails | ASYNC=1 ANY=1 CHANNEL DIES LAST BREAK_PENDING_NOT_AWAITED | assertion violated (q_len(replies)==0)
+break_pending_takes_another  | fails | SYNC=1 PURGE=1 CHANNEL DIES BREAK_PENDING_TAKES_ANOTHER | assertion violated (slot[s].state==2)
+break_mark_stays             | fails | SYNC=1 PURGE=1 CHANNEL BREAK_MARK_STAYS | invalid end state
 break_leaves_before_delivery | fails | ASYNC=1 PURGE=1 CHANNEL BREAK_LEAVES_BEFORE_DELIVERING | assertion violated  !(slot[calls].channelBeingSent)
 list_break_opening_visible   | fails | SAME OPEN=1 OWNERS=1 ROUNDS=2 NAMERS=1 BREAK_OPENING_VISIBLE | assertion violated ((record[token].memory==
 list_break_mark_and_count    | fails | OPEN=1 OPENERS=1 NAMERS=1 ALL=1 RESTING=0 BREAK_MARK_AND_COUNT_APART | assertion violated ((record[token].memory==

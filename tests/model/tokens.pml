@@ -119,11 +119,12 @@ byte threadsOut;
     (a != NOWHERE && record[a].memory == TOKEN && record[a].listed && !record[a].opening)
 #endif
 
-/* A token that is off the list, waiting for its last calls or at rest. */
+/* hasLeft: a token that is on the list of those that are leaving, which is where it is from
+ * beginLeaving to endLeaving, or at rest. */
 #ifdef BREAK_KNOWN_AT_REST_ONLY
-#define isKnownAsClosed(a) (a != NOWHERE && record[a].memory == REST)
+#define hasLeft(a) (a != NOWHERE && record[a].memory == REST)
 #else
-#define isKnownAsClosed(a) \
+#define hasLeft(a) \
     (a != NOWHERE && (record[a].memory == REST || (record[a].memory == TOKEN && !record[a].listed)))
 #endif
 
@@ -131,27 +132,38 @@ byte threadsOut;
 #define JUDGE_FOUND assert(record[token].serial == meant || restIsOver(meant))
 #define JUDGE_UNKNOWN assert(token == NOWHERE || restIsOver(meant))
 
-/* freeToken: the record rests, and the one that has rested longest may serve again. */
+inline freeRecord()
+{
+    record[token].memory = FREE;
+    record[token].serial = NONE;
+    record[token].opening = false;
+    record[token].closedown = false;
+    record[token].quiesced = false;
+    record[token].receiver = 0;
+    record[token].mayEnd = false
+}
+
+/* freeToken, putToRest: the record rests, and the one that has rested longest may serve again. That of
+ * a token which was never given out may do so at once. */
 inline freeToken()
 {
     assert(!record[token].listed);
     assert(record[token].deleters == 0 && record[token].requestCount == 0);
     assert(record[token].receiver != RUNNING);
     assert(freedAt[serial] == 0);
-    frees++;
-    freedAt[serial] = frees;
-    record[token].memory = REST;
-    resting!token;
     if
-    :: len(resting) > QUEUED ->
-       resting?token;
-       record[token].memory = FREE;
-       record[token].serial = NONE;
-       record[token].closedown = false;
-       record[token].quiesced = false;
-       record[token].receiver = 0;
-       record[token].mayEnd = false
-    :: else
+    :: record[token].opening -> freeRecord()
+    :: else ->
+       frees++;
+       freedAt[serial] = frees;
+       record[token].memory = REST;
+       resting!token;
+       if
+       :: len(resting) > QUEUED ->
+          resting?token;
+          freeRecord()
+       :: else
+       fi
     fi
 }
 
@@ -194,8 +206,8 @@ inline closeGatewayToken()
            record[token].deleters++;
 #endif
            rc = OK
-        :: !isFound(token) && isKnownAsClosed(token) -> rc = CLOSED
-        :: !isFound(token) && !isKnownAsClosed(token) -> JUDGE_UNKNOWN; rc = UNKNOWN
+        :: !isFound(token) && hasLeft(token) -> rc = CLOSED
+        :: !isFound(token) && !hasLeft(token) -> JUDGE_UNKNOWN; rc = UNKNOWN
         fi
     };
 #ifdef BREAK_MARK_AND_COUNT_APART
@@ -232,7 +244,7 @@ inline quiesceConnection()
     fi
 }
 
-/* endDelete: unlinkForGood, freeToken. */
+/* endDelete: unlinkForGood with beginLeaving and endLeaving, freeToken. */
 inline endDelete()
 {
     atomic {
@@ -352,15 +364,9 @@ inline openConnection(v)
 
 /* nextToDelete: the token to go on with, or NOWHERE. */
 #ifndef BREAK_WALK_BY_ADDRESS
-#ifdef BREAK_WALK_WITHOUT_END
 #define isNext(a) \
     (record[a].memory == TOKEN && record[a].listed && !record[a].opening && \
-     record[a].serial > visited)
-#else
-#define isNext(a) \
-    (record[a].memory == TOKEN && record[a].listed && !record[a].opening && \
-     record[a].serial > visited && record[a].serial <= last)
-#endif
+     record[a].serial > visited && record[a].serial <= lastToVisit)
 #else
 /* The remembered successor, if something is listed there; or the first that nobody closes. */
 #define successorIsListed \
@@ -407,18 +413,41 @@ inline rememberSuccessor()
 }
 #endif
 
-/* One hold of gtlLock: the look for the next token, its marking, and the counting. */
+/* visit: the walk comes to what is behind a token that it has set out for, as of now; behind others
+ * it looks for no more. */
+#ifdef BREAK_WALK_WITHOUT_END
+#define looksOn true
+#elif defined(BREAK_WALK_ENDS_EARLY)
+#define looksOn false
+#else
+#define looksOn (serial <= lastAtStart)
+#endif
+inline visit()
+{
+    visited = serial;
+    if
+    :: looksOn -> lastToVisit = lastSerial
+    :: else
+    fi;
+    if
+    :: serial <= lastAtStart -> lastMeant = lastSerial; noteOpen()
+    :: else
+    fi
+}
+
+/* One hold of gtlLock: the look for the next token, the visit, its marking, and the counting. */
 inline visitNext()
 {
     nextToDelete();
     if
     :: token != NOWHERE ->
        serial = record[token].serial;
-       visited = serial;
+#ifndef BREAK_WALK_BY_ADDRESS
+       assert(serial <= lastMeant); /* what is opened later is not this walk's to close */
+#endif
+       visit();
 #ifdef BREAK_WALK_BY_ADDRESS
        rememberSuccessor();
-#else
-       assert(serial <= last); /* what is opened later is not this walk's to close */
 #endif
        record[token].closedown = true; /* the result of the close is not looked at */
        record[token].deleters++
@@ -427,8 +456,8 @@ inline visitNext()
     rc = OK
 }
 
-/* What was open when the walk began is freed now, or somebody else is about to free it, or could
- * not be closed by this walk. */
+/* What was open when the walk began, or by the visit of the last of those, is freed now, or somebody
+ * else is about to free it, or could not be closed by this walk. */
 inline judgeWalk()
 {
     i = 0;
@@ -441,10 +470,26 @@ inline judgeWalk()
     od
 }
 
+/* What is open now and not closed by a walk that could not. */
+inline noteOpen()
+{
+    i = 0;
+    do
+    :: i < ADDRESSES ->
+       if
+       :: record[i].memory == TOKEN && record[i].listed && !record[i].opening &&
+          record[i].serial > visited -> wasOpen[record[i].serial] = true
+       :: else
+       fi;
+       i++
+    :: else -> i = 0; break
+    od
+}
+
 /* QPX_closeAllGatewayConnections: deleteEveryToken. */
 proctype AllCloser()
 {
-    byte token, serial, visited, last, i;
+    byte token, serial, visited, lastAtStart, lastToVisit, lastMeant, i;
 #ifdef BREAK_WALK_BY_ADDRESS
     byte successor = NOWHERE;
 #endif
@@ -453,15 +498,10 @@ proctype AllCloser()
     mtype rc;
 
     atomic {
-        last = lastSerial;
-        do
-        :: i < ADDRESSES ->
-           wasOpen[record[i].serial] =
-               record[i].memory == TOKEN && record[i].listed && !record[i].opening;
-           i++
-        :: else -> i = 0; break
-        od;
-        wasOpen[NONE] = false;
+        lastAtStart = lastSerial;
+        lastToVisit = lastSerial;
+        lastMeant = lastSerial;
+        noteOpen();
         visitNext()
     };
     do

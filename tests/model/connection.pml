@@ -9,7 +9,7 @@
  *   PLAIN            so many of the synchronous callers do not use it after all
  *   ANY, POLL        threads that collect any reply: waiting, until they are refused; once, at once
  *   SPECIFIC         threads that wait for the reply of one asynchronous call
- *   GUESSING         threads that wait for the reply with message id 0, whether it was asked for or not
+ *   GUESSING         threads that wait for the reply with message id 0, whoever has asked for it
  *   GRACEFUL, TIMED, PURGE, ALL
  *                    threads that close: without limit, with a limit, at once, all connections
  *   CLOSE_AFTER_CALLS
@@ -573,9 +573,9 @@ inline sendFails()
 }
 
 #ifdef CHANNEL
-/* writeECIBody. The mark goes when the last of the channel has been staged, unless a send has failed
- * by then: of a request that has failed it stays until its slot goes, and with it what was put
- * aside. */
+/* writeECIBody. The mark goes when the last of the channel has been staged, unless a send has
+ * failed by then: of a request that has failed it stays until its slot goes, and with it what was
+ * put aside. */
 inline stageChannel(me)
 {
     atomic {

@@ -143,8 +143,8 @@ inline freeRecord()
     record[token].mayEnd = false
 }
 
-/* freeToken, putToRest: the record rests, and the one that has rested longest may serve again. That of
- * a token which was never given out may do so at once. */
+/* freeToken, putToRest: the record rests, and the one that has rested longest may serve again. That
+ * of a token which was never given out may do so at once. */
 inline freeToken()
 {
     assert(!record[token].listed);
@@ -456,7 +456,7 @@ inline visitNext()
     rc = OK
 }
 
-/* What was open when the walk began, or by the visit of the last of those, is freed now, or somebody
+/* What was open when the walk began, or when it came to the last of those, is freed now, or somebody
  * else is about to free it, or could not be closed by this walk. */
 inline judgeWalk()
 {

@@ -456,7 +456,7 @@ inline visitNext()
     rc = OK
 }
 
-/* What was open when the walk began, or when it came to the last of those, is freed now, or somebody
+/* What was open when the walk began or came to the last of those is freed now, or somebody
  * else is about to free it, or could not be closed by this walk. */
 inline judgeWalk()
 {

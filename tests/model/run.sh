@@ -45,8 +45,8 @@ channel_stuck_sender    | holds  | SYNC=2 PLAIN=1 REFUSES CHANNEL HALF_READ QUIE
 channel_calls_withdrawn | holds  | SYNC=1 ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN CHANNEL
 withdrawn_calls        | holds   | ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN
 broken_flow_of_a_channel | holds | SYNC=2 PLAIN=1 CHANNEL WRITE_FAILS LAST
-broken_flow_withdrawn    | holds | SYNC=1 PLAIN=1 ASYNC=1 CHANNEL WRITE_FAILS PURGE=1
-broken_flow_of_a_call    | holds | SYNC=1 ASYNC=1 WRITE_FAILS PURGE=1
+broken_flow_withdrawn    | holds | SYNC=1 PLAIN=1 ASYNC=1 CHANNEL WRITE_FAILS LAST
+broken_flow_of_a_call    | holds | SYNC=1 ASYNC=1 WRITE_FAILS LAST
 broken_flow_and_end      | holds | SYNC=2 PLAIN=1 CHANNEL REFUSES DIES CLOSES LAST
 pending_any              | holds | ASYNC=1 ANY=1 CHANNEL WRITE_FAILS DIES CLOSES LAST
 pending_any_two          | holds | ASYNC=1 ANY=2 CHANNEL WRITE_FAILS DIES LAST
@@ -111,7 +111,7 @@ break_receiver_waits         | fails | SYNC=2 PLAIN=1 REFUSES CHANNEL HALF_READ 
 break_aside_dropped          | fails | SYNC=1 GRACEFUL=1 CHANNEL BREAK_ASIDE_DROPPED | invalid end state
 break_aside_decided_early    | fails | SYNC=1 GRACEFUL=1 CHANNEL BREAK_ASIDE_DECIDED_WHEN_FOUND | invalid end state
 break_broken_flow_not_noted  | fails | SYNC=2 PLAIN=1 CHANNEL WRITE_FAILS LAST BREAK_BROKEN_FLOW_NOT_NOTED | assertion violated ((0>0)||(answered==call))
-break_broken_flow_of_async   | fails | SYNC=1 PLAIN=1 ASYNC=1 CHANNEL WRITE_FAILS PURGE=1 BREAK_BROKEN_FLOW_NOT_NOTED | assertion violated ((0>0)||(answered==call))
+break_broken_flow_of_async   | fails | SYNC=1 PLAIN=1 ASYNC=1 CHANNEL WRITE_FAILS LAST BREAK_BROKEN_FLOW_NOT_NOTED | assertion violated ((0>0)||(answered==call))
 break_end_of_withdrawn       | fails | ASYNC=1 ANY=1 CHANNEL WRITE_FAILS DIES LAST BREAK_WITHDRAWAL_BEHIND_THE_END_NOT_TOLD | invalid end state
 break_pending_not_awaited    | fails | ASYNC=1 ANY=1 CHANNEL DIES LAST BREAK_PENDING_NOT_AWAITED | assertion violated (q_len(replies)==0)
 break_pending_takes_another  | fails | SYNC=1 PURGE=1 CHANNEL DIES BREAK_PENDING_TAKES_ANOTHER | assertion violated (slot[s].state==2)

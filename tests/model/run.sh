@@ -57,7 +57,7 @@ pending_one              | holds | ASYNC=1 GUESSING=1 CHANNEL WRITE_FAILS DIES C
 pending_one_purged       | holds | ASYNC=1 GUESSING=1 CHANNEL WRITE_FAILS PURGE=1
 pending_one_all          | holds | ASYNC=1 GUESSING=1 CHANNEL WRITE_FAILS ALL=1
 pending_known_one        | holds | ASYNC=1 SPECIFIC=1 CHANNEL WRITE_FAILS PURGE=1
-unasked_replies        | holds   | SYNC=2 PURGE=1 UNASKED=1 WRITE_FAILS
+unasked_replies        | holds   | SYNC=2 UNASKED=1 WRITE_FAILS LAST
 unasked_async_replies  | holds   | ASYNC=1 ANY=1 PURGE=1 UNASKED=1 WRITE_FAILS
 three_closers          | holds   | SYNC=1 GRACEFUL=1 PURGE=1 ALL=1
 two_closers_lost       | holds   | SYNC=1 GRACEFUL=1 ALL=1 DIES

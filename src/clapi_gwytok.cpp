@@ -675,10 +675,14 @@ static void freeRecord(_QPX_ConnToken_t* record)
     free(record);
 }
 
-/* Puts a record to rest in the place of the oldest one, which is freed. Locks: gtlLock held. */
+/*
+ * Puts a record to rest in the place of the oldest one, which is freed. Only its slots hold secrets;
+ * its receiver may still be inside the unlock of recvThreadEndedEvent. Locks: gtlLock held.
+ */
 static void putToRest(_QPX_ConnToken_t* record)
 {
-    explicit_bzero(static_cast<void*>(record), sizeof *record);
+    void* slots = record->table.slot;
+    explicit_bzero(slots, sizeof record->table.slot);
     forbidUse(record);
     freeRecord(restingRecords[nextRestingPlace]);
     restingRecords[nextRestingPlace] = record;

@@ -675,14 +675,22 @@ static void freeRecord(_QPX_ConnToken_t* record)
     free(record);
 }
 
-/*
- * Puts a record to rest in the place of the oldest one, which is freed. Only its slots hold secrets;
- * its receiver may still be inside the unlock of recvThreadEndedEvent. Locks: gtlLock held.
- */
+/* Overwrites all of a record but the event that its receiver may still be leaving: what wakes the
+ * closer is the unlock of that event, which has not returned then. */
+static void eraseRecord(_QPX_ConnToken_t* record)
+{
+    constexpr size_t event = offsetof(_QPX_ConnToken_t, recvThreadEndedEvent);
+    constexpr size_t behind = event + sizeof record->recvThreadEndedEvent;
+
+    char* bytes = reinterpret_cast<char*>(record);
+    explicit_bzero(bytes, event);
+    explicit_bzero(bytes + behind, sizeof *record - behind);
+}
+
+/* Puts a record to rest in the place of the oldest one, which is freed. Locks: gtlLock held. */
 static void putToRest(_QPX_ConnToken_t* record)
 {
-    void* slots = record->table.slot;
-    explicit_bzero(slots, sizeof record->table.slot);
+    eraseRecord(record);
     forbidUse(record);
     freeRecord(restingRecords[nextRestingPlace]);
     restingRecords[nextRestingPlace] = record;

@@ -61,9 +61,6 @@ typedef struct _ECI_Channel_t {
 /* Guards the list and the set of channels, and the cached code page. */
 extern Clapilock chanListLock;
 
-/* The name of a code of the channel and container family, or "UNKNOWN". */
-const char* clapiGetRcStringChannel(int rc);
-
 /* ---- Holding a channel ---- */
 
 /*

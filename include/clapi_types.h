@@ -11,6 +11,7 @@
 #include <ctime>
 
 #include "clapi_lock.h"
+#include "clapi_rc.h"
 #include "clapi_requests.h"
 #include "clapi_socketbuffer.h"
 #include "qpxclient.h"
@@ -306,7 +307,7 @@ void clapiConnectionsForkPrepare(void);
 void clapiConnectionsForkParent(void);
 void clapiConnectionsForkChild(void);
 
-/* ---- Frame and return codes ---- */
+/* ---- Frame ---- */
 
 /* Initialises the library once per process; the result is the same for every caller. */
 int clapiInit(void);
@@ -318,36 +319,10 @@ extern int clapiState;
 extern int nextCorrelator; // guarded by correlatorLock
 extern Clapilock correlatorLock;
 
-/* Names of return codes; never null. The first knows every family, in its fixed order. */
-extern const char* const UNKNOWN_RC_STR;
-const char* clapiGetRcString(int rc);
-const char* clapiGetRcStringECI(int rc);
-const char* clapiGetRcStringESI(int rc); // ESI values and the Gateway's own
 const char* getCallTypeString(int callType);
 
 /* Turns the Gateway's code of an ESI reply into the ESI family's. */
 int mapGwyRc(int rc);
-
-/* One row of a table of return code names. */
-struct RcName {
-    int rc;
-    const char* name;
-};
-
-/* The name of rc in a table, or null. */
-template <size_t rows>
-const char* nameOfRc(const RcName (&table)[rows], int rc)
-{
-    for (const RcName& row : table)
-        if (row.rc == rc) return row.name;
-    return nullptr;
-}
-
-/* The code of the earlier step, unless it succeeded. */
-inline int firstFailure(int earlier, int later)
-{
-    return earlier != QPX_OK ? earlier : later;
-}
 
 /* ---- ECI calls (clapi_eci) ---- */
 

@@ -1,8 +1,8 @@
 /*
  * The library's frame: its one-time initialisation, versions and state dump, the trace calls and
- * their environment variables, the names of return codes, the connection calls, which check
- * their arguments and leave the work on tokens to clapi_gwytok, and the query for the list of
- * systems.
+ * their environment variables, the call for names of return codes, the connection calls, which
+ * check their arguments and leave the work on tokens to clapi_gwytok, and the query for the list
+ * of systems.
  *
  * Locks: takes traceLock to change trace settings, correlatorLock for the correlator, tableLock
  * and sendLock, never together, for a query.
@@ -462,47 +462,6 @@ void QPX_setAPITraceDataOffset(size_t dataOffset)
 }
 
 /* ---- Names of return codes ---- */
-
-const char* const UNKNOWN_RC_STR = "UNKNOWN";
-
-static const RcName QPX_RC_NAMES[] = {
-    {QPX_OK, "QPX_OK"},
-    {QPX_ERR_SYSTEM_ERROR, "QPX_ERR_SYSTEM_ERROR"},
-    {QPX_ERR_MORE_SYSTEMS, "QPX_ERR_MORE_SYSTEMS"},
-    {QPX_ERR_NO_SYSTEMS, "QPX_ERR_NO_SYSTEMS"},
-    {QPX_ERR_NULLGWTOK, "QPX_ERR_NULLGWTOK"},
-    {QPX_ERR_BADGWTOK, "QPX_ERR_BADGWTOK"},
-    {QPX_ERR_LOSTGWCON, "QPX_ERR_LOSTGWCON"},
-    {QPX_ERR_NULLPARM, "QPX_ERR_NULLPARM"},
-    {QPX_ERR_TRACELEVEL, "QPX_ERR_TRACELEVEL"},
-    {QPX_ERR_BADPORT, "QPX_ERR_BADPORT"},
-    {QPX_ERR_NULLGWTOKPTR, "QPX_ERR_NULLGWTOKPTR"},
-    {QPX_ERR_NULLPTR, "QPX_ERR_NULLPTR"},
-    {QPX_ERR_MALLOCFAIL, "QPX_ERR_MALLOCFAIL"},
-    {QPX_ERR_CONNECTFAILED, "QPX_ERR_CONNECTFAILED"},
-    {QPX_ERR_TRACEFILE, "QPX_ERR_TRACEFILE"},
-    {QPX_ERR_BADHOST, "QPX_ERR_BADHOST"},
-    {QPX_ERR_NULLADDRESS, "QPX_ERR_NULLADDRESS"},
-    {QPX_ERR_CONNECTTIMEOUT, "QPX_ERR_CONNECTTIMEOUT"},
-    {QPX_ERR_NULLECIPOINTER, "QPX_ERR_NULLECIPOINTER"},
-    {QPX_ERR_INVALIDTIMEOUTPARM, "QPX_ERR_INVALIDTIMEOUTPARM"},
-    {QPX_ERR_APPLIDTOOLONG, "QPX_ERR_APPLIDTOOLONG"},
-    {QPX_ERR_GWTOK_CLOSED, "QPX_ERR_GWTOK_CLOSED"},
-    {QPX_ERR_GATEWAY_CLOSED, "QPX_ERR_GATEWAY_CLOSED"},
-    {QPX_ERR_WORK_WAS_REFUSED, "QPX_ERR_WORK_WAS_REFUSED"},
-    {QPX_ERR_GATEWAY_EXCEPTION, "QPX_ERR_GATEWAY_EXCEPTION"},
-    {QPX_ERR_GATEWAY_BACK_LEVEL, "QPX_ERR_GATEWAY_BACK_LEVEL"},
-    {QPX_ERR_INVALID_REQUEST_TYPE, "QPX_ERR_INVALID_REQUEST_TYPE"},
-};
-
-const char* clapiGetRcString(int rc)
-{
-    const char* name = nameOfRc(QPX_RC_NAMES, rc);
-    if (name != nullptr) return name;
-    name = clapiGetRcStringECI(rc);
-    if (name != UNKNOWN_RC_STR) return name;
-    return clapiGetRcStringESI(rc);
-}
 
 char* QPX_getRcString(int rc, char* rcString)
 {

@@ -68,6 +68,8 @@ typedef struct _RequestTable {
     _RequestTable* nextKept;
 } RequestTable;
 
+typedef struct _QPX_ConnToken_t _QPX_ConnToken_t;
+
 /* Fills a table's slots as a chain with the message ids firstId to firstId + 15. */
 void clapiInitializeTable(RequestTable* tableP, int firstId);
 
@@ -85,6 +87,10 @@ int slotFind(RequestTable* requestTableP, int luwToken, RequestSlot** requestSlo
 /* Gives a slot back, with its reply buffer, and trailing tables that are empty now.
  * Locks: tableLock held. */
 void slotFree(RequestTable* requestTableP, RequestSlot* slotP);
+
+/* Frees the slot of a request that has failed; one whose table cannot be locked stays allocated.
+ * Locks: takes tableLock. */
+void clapiDropSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
 
 /* Finds the slot with a message id, whatever its state: 0 or QPX_ERR_SYSTEM_ERROR.
  * Locks: tableLock held for a reply; error and exception flows look without it. */
@@ -211,92 +217,19 @@ int clapiDeleteGatewayTokens(void);
  */
 void clapiForgetTokens(void);
 
-/* ---- Sending and delivering ---- */
-
-/*
- * The last step before a request is written. If the connection stands, and for an asynchronous
- * request is not closing, the slot becomes SLOT_WAITING, an asynchronous one is counted and gets
- * its message qualifier, the socket stays open until the sending has ended, and the result is true.
- * The slot's requestEvent is armed already: from here on the receiver may deliver the slot.
- * Locks: tableLock held.
- */
-bool clapiBeginSending(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
-
-/* As clapiBeginSending for a flow that belongs to no request. Locks: takes tableLock. */
-bool clapiBeginSendingFlow(_QPX_ConnToken_t* gwTokPtr);
-
-/* Waits for the end of some sending or reading. Locks: tableLock held; given up while waiting. */
-void clapiAwaitTransfer(_QPX_ConnToken_t* gwTokPtr);
-
-/* Takes a sender off the count of those who keep the socket. Locks: tableLock held. */
-void clapiLeaveSenders(_QPX_ConnToken_t* gwTokPtr);
-
-/* Ends either of the above. Locks: takes tableLock. */
-void clapiEndSending(_QPX_ConnToken_t* gwTokPtr);
-
-/*
- * As clapiEndSending for a request that has been written and may have a channel. An outcome that
- * has overtaken it is delivered, with the changes of its reply made to the channel first.
- * allocNumber names the sender's use of the slot, which may be another's by now.
- * Locks: takes tableLock, and gives it up while it changes the channel.
- */
-void clapiEndSendingRequest(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, uint32_t allocNumber);
-
-/*
- * Ends the sending of a request that could not be written, and returns when the receiver reads
- * no reply into its slot's storage any more. brokenOff tells that a part of it has left.
- * Locks: takes tableLock.
- */
-void clapiEndFailedSending(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP, int brokenOff);
-
-/* Keeps further requests off a connection that ends because of a flow that broke off: a reply to
- * that one may still come, and must not find its message id in use again. Locks: tableLock held. */
-void clapiNoteBrokenFlow(_QPX_ConnToken_t* gwTokPtr, int brokenOff);
-
-/* Returns when the receiver reads no reply into the slot's storage any more; a receiver that
- * waits for the rest of one is woken by ending the connection. Locks: tableLock held; given up
- * while waiting. */
-void clapiAwaitEndOfReading(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP);
-
-/* Frees the slot of a request that has failed; one whose table cannot be locked stays allocated.
- * Locks: takes tableLock. */
-void clapiDropSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
-
-/* Returns when no flow is being written. Thread: the receiver. Locks: takes tableLock. */
-void clapiWaitForSenders(_QPX_ConnToken_t* gwTokPtr);
-
-/* Whether a slot takes an outcome: it waits, and has none yet. Locks: tableLock held. */
-bool clapiAwaitsOutcome(const RequestSlot* slotP);
-
-/*
- * Leaves an outcome to the request's sender, who delivers it: a code, and the channel section of a
- * reply, or null. Until then the request has no outcome for anybody. Locks: tableLock held.
- */
-void clapiPutAside(RequestSlot* slotP, int gatewayRc, ArrivingBytes* section);
-
-/* Makes a failure the slot's outcome: it is delivered, or put aside while the request's sender
- * still reads its channel. Locks: tableLock held. */
-void clapiSettleSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc);
-
-/* Makes the changes of a reply's channel section to the slot's channel: 0, or why the connection
- * has to end. Thread: whoever settles the slot, which waits meanwhile. */
-int clapiChangeChannel(const RequestSlot* slotP, const ArrivingBytes* section, int gatewayRc);
-
-/* Puts a result into a waiting slot and wakes whoever waits for it. Locks: tableLock held. */
-void clapiDeliverSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc);
-
-/* Takes a slot out of the reply queue. Locks: tableLock held. */
-void clapiUnlinkReply(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
-
-/* Frees the reply buffer of an asynchronous request, if it has one. Locks: tableLock held, or
- * the slot is the caller's. */
-void clapiFreeReplyBuffer(RequestSlot* slotP);
-
 /* ---- Connections (clapi_gwycon) ---- */
 
 /* Resolves, connects, starts the receiver thread and shakes hands. */
 int clapiConnectToGateway(int port, char* hostname, _QPX_ConnToken_t* gwTokPtr, char* applid,
                           char* applidQualifier);
+
+/*
+ * Ends the sending of a request that has been written and may have a channel. An outcome that has
+ * overtaken it is delivered, with the changes of its reply made to the channel first. allocNumber
+ * names the sender's use of the slot, which may be another's by now.
+ * Locks: takes tableLock, and gives it up while it changes the channel.
+ */
+void clapiEndSendingRequest(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, uint32_t allocNumber);
 
 /* Sends the close flow. Locks: takes sendLock. */
 int clapiCloseConnection(_QPX_ConnToken_t* conn);

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "api_call.h"
+#include "clapi_delivery.h"
 #include "clapi_diag.h"
 #include "clapi_types.h"
 #include "request_steps.h"

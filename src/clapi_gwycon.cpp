@@ -1,6 +1,7 @@
 /*
  * Connections: reaching the Gateway, shaking hands, the receiver thread of each connection, and
- * the close flow. Tokens and slots are clapi_gwytok's, the bytes of flows clapi_socketcomms'.
+ * the close flow. Tokens and slots are clapi_gwytok's, the bytes of flows clapi_socketcomms', what
+ * waits for whom clapi_delivery's.
  *
  * Locks: the receiver takes tableLock only, the close flow sendLock only; connecting takes none
  * but tableLock for the moment in which it stops being a sender.
@@ -21,6 +22,7 @@
 #include <cstring>
 #include <ctime>
 
+#include "clapi_delivery.h"
 #include "clapi_diag.h"
 #include "clapi_types.h"
 #include "descriptor_wait.h"
@@ -258,7 +260,7 @@ static int findReplySlot(Receiver* r)
     if (rc == QPX_OK && clapiAwaitsOutcome(slotP)) {
         r->slotP = slotP;
         r->allocNumber = slotP->allocNumber;
-        r->conn->slotBeingRead = slotP;
+        clapiBeginReading(r->conn, slotP);
         loadReplyRecord(r, slotP);
     }
     if (table.release() != 0) {
@@ -274,14 +276,6 @@ static bool stillWaits(const Receiver* r)
 {
     return r->slotP != nullptr && clapiAwaitsOutcome(r->slotP) &&
            r->slotP->allocNumber == r->allocNumber;
-}
-
-/* The caller's storage is not written to any more. Locks: tableLock held. */
-static void endReading(Receiver* r)
-{
-    if (r->conn->slotBeingRead == nullptr) return;
-    r->conn->slotBeingRead = nullptr;
-    pthread_cond_broadcast(&r->conn->transferEnded);
 }
 
 static short inboundLengthFor(const RequestSlot* slotP, int inboundLength)
@@ -310,12 +304,27 @@ static void storeESIReply(RequestSlot* slotP, const ESIRequest& reply)
 /* What there is to store of a reply besides the header's code. */
 enum class ReplyKind { eci, esi, empty };
 
+/* Makes the changes of a reply's channel section to the slot's channel: 0, or why the connection
+ * has to end. Thread: whoever settles the slot, which waits meanwhile. */
+static int applySection(const RequestSlot* slotP, const ArrivingBytes* section, int gatewayRc)
+{
+    namespace at = tp::receiverThread;
+
+    bool broken = false;
+    int rc = clapiApplyChannelSection(section, slotP->eciParms.channel, &broken);
+    if (!broken) return rc;
+    // A failure that the header tells may come with a body that is cut.
+    if (gatewayRc != QPX_OK) return QPX_OK;
+    TRACE(at::brokenBody);
+    return firstFailure(rc, QPX_ERR_LOSTGWCON);
+}
+
 /* Makes the changes of a channel section whose channel was still being sent when it came, and is no
  * more. Locks: tableLock held; given up meanwhile. */
 static int changeChannel(Receiver* r, LockGuard* table)
 {
     bool released = table->release() == 0;
-    int rc = clapiChangeChannel(r->slotP, &r->section, r->header.gatewayRc);
+    int rc = applySection(r->slotP, &r->section, r->header.gatewayRc);
     if (released) table->request();
     return rc;
 }
@@ -350,7 +359,7 @@ static int deliverReply(Receiver* r, ReplyKind kind)
         return QPX_ERR_SYSTEM_ERROR;
     }
     int rc = stillWaits(r) ? settleReply(r, kind, &table) : QPX_OK;
-    endReading(r);
+    clapiEndReading(r->conn);
     return rc;
 }
 
@@ -410,6 +419,38 @@ static int receiveReply(Receiver* r)
     if (strncmp(requestType, "ECI", length) == 0) return receiveECIReply(r);
     if (strncmp(requestType, "ESI", length) == 0) return receiveESIReply(r);
     return receiveUnknownReply(r, requestType);
+}
+
+/* ---- A reply that has overtaken its request ---- */
+
+/* Delivers the outcome that has overtaken its request. A channel that cannot be changed as the
+ * reply says ends the connection, and the request with it.
+ * Locks: tableLock held; given up while the channel is changed. */
+static void deliverPendingOutcome(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, LockGuard* table)
+{
+    int gatewayRc = slotP->gatewayRc;
+    ArrivingBytes section = clapiTakeArrived(&slotP->channelSection);
+    if (section.length != 0) {
+        bool released = table->held() && table->release() == 0;
+        if (applySection(slotP, &section, gatewayRc) != QPX_OK) {
+            clapiEndStream(gwTokPtr);
+            gatewayRc = QPX_ERR_LOSTGWCON;
+        }
+        clapiFreeArrived(&section);
+        SCHEDULE_POINT(asideApplied, slotP);
+        if (released) table->request();
+    }
+    slotP->outcomePending = 0;
+    clapiDeliverSlot(gwTokPtr, slotP, gatewayRc);
+}
+
+void clapiEndSendingRequest(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, uint32_t allocNumber)
+{
+    LockGuard table(gwTokPtr->tableLock);
+    // While an outcome is pending, nobody else gives the slot back.
+    if (slotP->allocNumber == allocNumber && slotP->outcomePending != 0)
+        deliverPendingOutcome(gwTokPtr, slotP, &table);
+    clapiLeaveSenders(gwTokPtr);
 }
 
 /* ---- Other flows ---- */
@@ -560,7 +601,7 @@ static void endConnection(Receiver* r)
     clapiFreeArrived(&r->section);
     SCHEDULE_POINT(connectionEnding, r->conn);
     LockGuard table(r->conn->tableLock);
-    endReading(r);
+    clapiEndReading(r->conn);
     noteEnd(r);
     if (r->conn->connStatus != CONN_FAILED) completeWaitingRequests(r);
     SCHEDULE_POINT(connectionEnded, r->conn);

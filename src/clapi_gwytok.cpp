@@ -1,22 +1,22 @@
 /*
  * Gateway tokens: the record of one connection from its creation to its end, the list of all of
  * them, the request slots of each, the count of the calls at work on it, and its orderly end.
- * What travels on the connection is clapi_gwycon's and clapi_socketcomms' business.
+ * What travels on the connection is clapi_gwycon's and clapi_socketcomms' business, how a request
+ * gets its outcome clapi_delivery's.
  *
  * Locks: gtlLock for the list, closedown, requestCount and the fields behind deleters of a token;
  * then tableLock for its slots and its reply queue. Neither is held across a wait.
  */
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
+#include "clapi_delivery.h"
 #include "clapi_diag.h"
 #include "clapi_types.h"
 #include "schedule_points.h"
-#include "trace_points/clapi_gwycon.h"
 #include "trace_points/clapi_gwytok.h"
 
 #ifdef __SANITIZE_ADDRESS__
@@ -177,27 +177,11 @@ static int prepareEvent(RequestSlot* slotP)
     return QPX_OK;
 }
 
-void clapiFreeReplyBuffer(RequestSlot* slotP)
-{
-    if (slotP->asyncBuffer == nullptr) return;
-    explicit_bzero(slotP->asyncBuffer, slotP->replyCapacity);
-    free(slotP->asyncBuffer);
-    slotP->asyncBuffer = nullptr;
-    slotP->eciParms.eci_commarea = nullptr;
-}
-
-/* Forgets an outcome that has not been delivered. */
-static void dropOutcome(RequestSlot* slotP)
-{
-    slotP->outcomePending = 0;
-    clapiFreeArrived(&slotP->channelSection);
-}
-
 /* Nothing of an earlier request may show in this one. */
 static void clearResults(RequestSlot* slotP)
 {
     clapiFreeReplyBuffer(slotP);
-    dropOutcome(slotP);
+    clapiDropOutcome(slotP);
     slotP->nextReply = nullptr;
     slotP->gatewayRc = 0;
     slotP->vornRc = 0;
@@ -283,6 +267,14 @@ void slotFree(RequestTable* requestTableP, RequestSlot* slotP)
     TRACE(at::exit);
 }
 
+void clapiDropSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
+{
+    LockGuard table(gwTokPtr->tableLock);
+    if (!table.held()) return;
+    clapiAwaitEndOfReading(gwTokPtr, slotP);
+    slotFree(&gwTokPtr->table, slotP);
+}
+
 static int findSlotById(RequestTable* requestTableP, int messageId, RequestSlot** slotPP)
 {
     namespace at = tp::slotLookup;
@@ -306,203 +298,6 @@ int slotLookup(RequestTable* requestTableP, int messageId, RequestSlot** slotPP)
     int rc = findSlotById(requestTableP, messageId, slotPP);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
-}
-
-/* ---- Sending and delivering ---- */
-
-bool clapiBeginSending(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
-{
-    // The receiver ends a connection by changing its state first and sweeping the slots under
-    // this lock afterwards: either the change is seen here, or the slot is seen there.
-    if (gwTokPtr->connStatus != CONN_CONNECTED || gwTokPtr->brokenOff != 0) return false;
-
-    if (slotP->eciParms.eci_call_type == ECI_ASYNC) {
-        // Whoever collects on a closing connection is told that nothing can come any more.
-        if (gwTokPtr->closedown != 0) return false;
-        slotP->eciParms.eci_message_qualifier = slotP->messageId;
-        gwTokPtr->asyncCount += 1;
-    }
-    slotP->state = SLOT_WAITING;
-    slotP->channelBeingSent = slotP->channelHeld;
-    gwTokPtr->senders += 1;
-    SCHEDULE_POINT(requestWaiting, slotP);
-    return true;
-}
-
-bool clapiBeginSendingFlow(_QPX_ConnToken_t* gwTokPtr)
-{
-    LockGuard table(gwTokPtr->tableLock);
-    if (!table.held() || gwTokPtr->connStatus != CONN_CONNECTED) return false;
-    gwTokPtr->senders += 1;
-    return true;
-}
-
-void clapiAwaitTransfer(_QPX_ConnToken_t* gwTokPtr)
-{
-    pthread_cond_wait(&gwTokPtr->transferEnded, &gwTokPtr->tableLock.lock);
-}
-
-void clapiLeaveSenders(_QPX_ConnToken_t* gwTokPtr)
-{
-    gwTokPtr->senders -= 1;
-    pthread_cond_broadcast(&gwTokPtr->transferEnded);
-}
-
-void clapiEndSending(_QPX_ConnToken_t* gwTokPtr)
-{
-    LockGuard table(gwTokPtr->tableLock);
-    clapiLeaveSenders(gwTokPtr);
-}
-
-/* Makes the receiver end the connection, to which nothing is written any more: what begins from
- * here on finds it as good as ended. Thread: one for which the socket stays open.
- * Locks: tableLock held, unless it could not be had. */
-static void endStream(_QPX_ConnToken_t* gwTokPtr)
-{
-    gwTokPtr->brokenOff = 1;
-    shutdown(gwTokPtr->socketDescriptor, SHUT_RDWR);
-}
-
-int clapiChangeChannel(const RequestSlot* slotP, const ArrivingBytes* section, int gatewayRc)
-{
-    namespace at = tp::receiverThread;
-
-    bool broken = false;
-    int rc = clapiApplyChannelSection(section, slotP->eciParms.channel, &broken);
-    if (!broken) return rc;
-    // A failure that the header tells may come with a body that is cut.
-    if (gatewayRc != QPX_OK) return QPX_OK;
-    TRACE(at::brokenBody);
-    return firstFailure(rc, QPX_ERR_LOSTGWCON);
-}
-
-/* Delivers the outcome that has overtaken its request. A channel that cannot be changed as the
- * reply says ends the connection, and the request with it.
- * Locks: tableLock held; given up while the channel is changed. */
-static void deliverPendingOutcome(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, LockGuard* table)
-{
-    int gatewayRc = slotP->gatewayRc;
-    ArrivingBytes section = clapiTakeArrived(&slotP->channelSection);
-    if (section.length != 0) {
-        bool released = table->held() && table->release() == 0;
-        if (clapiChangeChannel(slotP, &section, gatewayRc) != QPX_OK) {
-            endStream(gwTokPtr);
-            gatewayRc = QPX_ERR_LOSTGWCON;
-        }
-        clapiFreeArrived(&section);
-        SCHEDULE_POINT(asideApplied, slotP);
-        if (released) table->request();
-    }
-    slotP->outcomePending = 0;
-    clapiDeliverSlot(gwTokPtr, slotP, gatewayRc);
-}
-
-void clapiEndSendingRequest(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, uint32_t allocNumber)
-{
-    LockGuard table(gwTokPtr->tableLock);
-    // While an outcome is pending, nobody else gives the slot back.
-    if (slotP->allocNumber == allocNumber && slotP->outcomePending != 0)
-        deliverPendingOutcome(gwTokPtr, slotP, &table);
-    clapiLeaveSenders(gwTokPtr);
-}
-
-void clapiAwaitEndOfReading(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP)
-{
-    // While it reads, the receiver has not closed the socket.
-    if (gwTokPtr->slotBeingRead == slotP) endStream(gwTokPtr);
-    while (gwTokPtr->slotBeingRead == slotP) {
-        SCHEDULE_POINT(beforeReadingWait, slotP);
-        clapiAwaitTransfer(gwTokPtr);
-    }
-}
-
-void clapiDropSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
-{
-    LockGuard table(gwTokPtr->tableLock);
-    if (!table.held()) return;
-    clapiAwaitEndOfReading(gwTokPtr, slotP);
-    slotFree(&gwTokPtr->table, slotP);
-}
-
-void clapiNoteBrokenFlow(_QPX_ConnToken_t* gwTokPtr, int brokenOff)
-{
-    if (brokenOff != 0) gwTokPtr->brokenOff = 1;
-}
-
-void clapiEndFailedSending(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP, int brokenOff)
-{
-    LockGuard table(gwTokPtr->tableLock);
-    clapiNoteBrokenFlow(gwTokPtr, brokenOff);
-    clapiLeaveSenders(gwTokPtr);
-    if (table.held()) clapiAwaitEndOfReading(gwTokPtr, slotP);
-}
-
-void clapiWaitForSenders(_QPX_ConnToken_t* gwTokPtr)
-{
-    LockGuard table(gwTokPtr->tableLock);
-    while (table.held() && gwTokPtr->senders > 0) {
-        SCHEDULE_POINT(beforeSendersWait, gwTokPtr);
-        clapiAwaitTransfer(gwTokPtr);
-    }
-}
-
-static void queueReply(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
-{
-    slotP->nextReply = nullptr;
-    if (gwTokPtr->firstReply == nullptr)
-        gwTokPtr->firstReply = slotP;
-    else
-        gwTokPtr->lastReply->nextReply = slotP;
-    gwTokPtr->lastReply = slotP;
-    clapiClearEvent(&gwTokPtr->asyncReplyEvent);
-}
-
-void clapiDeliverSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc)
-{
-    slotP->gatewayRc = gatewayRc;
-    slotP->state = SLOT_DELIVERED;
-    if (slotP->eciParms.eci_call_type == ECI_ASYNC) queueReply(gwTokPtr, slotP);
-    clapiClearEvent(&slotP->requestEvent);
-    SCHEDULE_POINT(slotDelivered, slotP);
-}
-
-bool clapiAwaitsOutcome(const RequestSlot* slotP)
-{
-    return slotP->state == SLOT_WAITING && slotP->outcomePending == 0;
-}
-
-void clapiPutAside(RequestSlot* slotP, int gatewayRc, ArrivingBytes* section)
-{
-    slotP->gatewayRc = gatewayRc;
-    if (section != nullptr) slotP->channelSection = clapiTakeArrived(section);
-    slotP->outcomePending = 1;
-    SCHEDULE_POINT(outcomePutAside, slotP);
-}
-
-void clapiSettleSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc)
-{
-    if (slotP->channelBeingSent != 0)
-        clapiPutAside(slotP, gatewayRc, nullptr);
-    else
-        clapiDeliverSlot(gwTokPtr, slotP, gatewayRc);
-}
-
-void clapiUnlinkReply(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
-{
-    RequestSlot* beforeP = nullptr;
-    RequestSlot* currentP = gwTokPtr->firstReply;
-    while (currentP != nullptr && currentP != slotP) {
-        beforeP = currentP;
-        currentP = currentP->nextReply;
-    }
-    if (currentP == nullptr) return;
-
-    if (beforeP != nullptr)
-        beforeP->nextReply = slotP->nextReply;
-    else
-        gwTokPtr->firstReply = slotP->nextReply;
-    if (gwTokPtr->lastReply == slotP) gwTokPtr->lastReply = beforeP;
-    slotP->nextReply = nullptr;
 }
 
 /* ---- The token list ---- */

@@ -8,6 +8,7 @@
 #ifndef REQUEST_STEPS_H
 #define REQUEST_STEPS_H
 
+#include "clapi_delivery.h"
 #include "clapi_diag.h"
 #include "clapi_types.h"
 #include "schedule_points.h"

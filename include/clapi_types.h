@@ -60,12 +60,18 @@ typedef struct _RequestSlot {
     int32_t purpose;                       // PROGRAM_CALL and the others
 } RequestSlot;
 
+struct _RequestTable;
+
+/* Finds the slot with a message id, as slotLookup does. */
+typedef int SlotLookup(_RequestTable* requestTableP, int messageId, RequestSlot** slotPP);
+
 /* 16 slots. The fields behind them serve a token's first table only, but for nextKept. */
 typedef struct _RequestTable {
     RequestSlot slot[SLOTS_PER_TABLE];
     uint32_t lastAllocNumber; // counts up with every slot taken
     _RequestTable* keptTable; // added tables that are empty, kept for the next growth
     _RequestTable* nextKept;
+    SlotLookup* lookUp; // for the receiver, which knows the records of slots and not their rules
 } RequestTable;
 
 typedef struct _QPX_ConnToken_t _QPX_ConnToken_t;

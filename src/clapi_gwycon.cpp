@@ -240,6 +240,13 @@ static void loadReplyRecord(Receiver* r, RequestSlot* slotP)
         r->eciReply.channel = slotP->eciParms.channel;
 }
 
+/* Finds the slot that a flow names, whatever its state: 0 or QPX_ERR_SYSTEM_ERROR. */
+static int lookUpSlot(const Receiver* r, RequestSlot** slotPP)
+{
+    RequestTable* table = &r->conn->table;
+    return table->lookUp(table, r->header.messageId, slotPP);
+}
+
 /* Finds the slot that a reply is for. Only a slot that waits takes it; an id that no slot has
  * ends the connection. */
 static int findReplySlot(Receiver* r)
@@ -256,7 +263,7 @@ static int findReplySlot(Receiver* r)
         return QPX_ERR_SYSTEM_ERROR;
     }
     RequestSlot* slotP = nullptr;
-    int rc = slotLookup(&r->conn->table, r->header.messageId, &slotP);
+    int rc = lookUpSlot(r, &slotP);
     if (rc == QPX_OK && clapiAwaitsOutcome(slotP)) {
         r->slotP = slotP;
         r->allocNumber = slotP->allocNumber;
@@ -460,7 +467,7 @@ void clapiEndSendingRequest(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, uint
 static RequestSlot* lookUpWithoutLock(const Receiver* r)
 {
     RequestSlot* slotP = nullptr;
-    slotLookup(&r->conn->table, r->header.messageId, &slotP);
+    lookUpSlot(r, &slotP);
     return slotP;
 }
 

@@ -711,6 +711,7 @@ static int buildToken(_QPX_ConnToken_t** newToken, int port, int connTimeout, co
     }
     setInitialFields(token, port, connTimeout, applid, applidQualifier);
     clapiInitializeTable(&token->table, 1);
+    token->table.lookUp = slotLookup;
     TRACE(at::slotTable, token->table.slot[0].messageId.load(),
           lastSlotOf(&token->table)->messageId.load());
 

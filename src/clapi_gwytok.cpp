@@ -7,21 +7,16 @@
  * Locks: gtlLock for the list, closedown, requestCount and the fields behind deleters of a token;
  * then tableLock for its slots and its reply queue. Neither is held across a wait.
  */
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
 #include "clapi_delivery.h"
+#include "clapi_departed.h"
 #include "clapi_diag.h"
 #include "clapi_types.h"
 #include "schedule_points.h"
 #include "trace_points/clapi_gwytok.h"
-
-#ifdef __SANITIZE_ADDRESS__
-#include <sanitizer/asan_interface.h>
-#endif
 
 static const char TOKEN_EYECATCHER[] = "QPXGWTOK";
 static const char SLOT_EYECATCHER[] = "QPXRSLOT";
@@ -409,88 +404,7 @@ static void unlinkFromList(_QPX_ConnToken_t* token, _QPX_ConnToken_t* parent)
     if (parent->nextGwyTokPtr == nullptr) gtListTailPtr = parent;
 }
 
-/* ---- Tokens that have left the list ---- */
-
-/*
- * A variable of the application may name a token long after its close. As long as the record rests
- * its address is nobody else's, and who names it is told that the connection is closed. The records
- * are known by their place here; nothing of them is read.
- */
-constexpr size_t RESTING_RECORDS = 64;
-static _QPX_ConnToken_t* restingRecords[RESTING_RECORDS]; // guarded by gtlLock
-static size_t nextRestingPlace = 0;                       // guarded by gtlLock; holds the oldest
-
-/* Tokens off the list whose last calls are still inside. Guarded by gtlLock. */
-static _QPX_ConnToken_t* leavingHeadPtr = nullptr;
-
-/* What a child of a fork has forgotten, which belongs to threads that it does not have. */
-static _QPX_ConnToken_t* forgottenHeadPtr = nullptr;
-
-/* Whether there was a connection at the address not long ago. Locks: gtlLock held. */
-static bool hasLeft(const _QPX_ConnToken_t* gwTokPtr)
-{
-    if (gwTokPtr == nullptr) return false;
-    for (const _QPX_ConnToken_t* token = leavingHeadPtr; token != nullptr;
-         token = token->nextGwyTokPtr)
-        if (token == gwTokPtr) return true;
-    for (const _QPX_ConnToken_t* record : restingRecords)
-        if (record == gwTokPtr) return true;
-    return false;
-}
-
-/* Locks: gtlLock held. */
-static void beginLeaving(_QPX_ConnToken_t* token)
-{
-    token->nextGwyTokPtr = leavingHeadPtr;
-    leavingHeadPtr = token;
-}
-
-/* Locks: gtlLock held. */
-static void endLeaving(_QPX_ConnToken_t* token)
-{
-    _QPX_ConnToken_t** linkPtr = &leavingHeadPtr;
-    while (*linkPtr != token) linkPtr = &(*linkPtr)->nextGwyTokPtr;
-    *linkPtr = token->nextGwyTokPtr;
-}
-
-/* Lets a use of a resting record show as what it is where the address sanitizer looks on. */
-static void forbidUse(_QPX_ConnToken_t* record)
-{
-#ifdef __SANITIZE_ADDRESS__
-    ASAN_POISON_MEMORY_REGION(record, sizeof *record);
-#endif
-    static_cast<void>(record);
-}
-
-static void freeRecord(_QPX_ConnToken_t* record)
-{
-#ifdef __SANITIZE_ADDRESS__
-    if (record != nullptr) ASAN_UNPOISON_MEMORY_REGION(record, sizeof *record);
-#endif
-    free(record);
-}
-
-/* Overwrites all of a record but the event that its receiver may still be leaving: what wakes the
- * closer is the unlock of that event, which has not returned then. */
-static void eraseRecord(_QPX_ConnToken_t* record)
-{
-    constexpr size_t event = offsetof(_QPX_ConnToken_t, recvThreadEndedEvent);
-    constexpr size_t behind = event + sizeof record->recvThreadEndedEvent;
-
-    char* bytes = reinterpret_cast<char*>(record);
-    explicit_bzero(bytes, event);
-    explicit_bzero(bytes + behind, sizeof *record - behind);
-}
-
-/* Puts a record to rest in the place of the oldest one, which is freed. Locks: gtlLock held. */
-static void putToRest(_QPX_ConnToken_t* record)
-{
-    eraseRecord(record);
-    forbidUse(record);
-    freeRecord(restingRecords[nextRestingPlace]);
-    restingRecords[nextRestingPlace] = record;
-    nextRestingPlace = (nextRestingPlace + 1) % RESTING_RECORDS;
-}
+/* ---- Showing tokens ---- */
 
 int clapiFormatGatewayToken(_QPX_ConnToken_t* gwTokPtr, char* formattedToken)
 {
@@ -805,7 +719,7 @@ int clapiCreateGatewayToken(QPX_ConnToken_t* gwTokPtr, char* hostname, int port,
  * Locks: gtlLock held. */
 static bool isClosing(const _QPX_ConnToken_t* gwTokPtr, int findRc)
 {
-    return findRc == TOKEN_FOUND ? gwTokPtr->closedown != 0 : hasLeft(gwTokPtr);
+    return findRc == TOKEN_FOUND ? gwTokPtr->closedown != 0 : clapiHasLeft(gwTokPtr);
 }
 
 /*
@@ -1040,7 +954,7 @@ static void freeToken(_QPX_ConnToken_t* token)
     if (token->opening != 0)
         free(token);
     else
-        putToRest(token);
+        clapiPutToRest(token);
 }
 
 /* Finds the token for its delete. Locks: takes gtlLock, and keeps it on success. */
@@ -1097,7 +1011,7 @@ static bool unlinkForGood(_QPX_ConnToken_t* token, LockGuard* list)
     if (findGatewayToken(token, &parent, Seeker::Holder) != TOKEN_FOUND) return false;
 
     unlinkFromList(token, parent);
-    beginLeaving(token);
+    clapiBeginLeaving(token);
     SCHEDULE_POINT(tokenUnlisted, token);
     while (token->requestCount >= 1) {
         clapiSetEvent(&token->requestsEnded);
@@ -1106,7 +1020,7 @@ static bool unlinkForGood(_QPX_ConnToken_t* token, LockGuard* list)
         // Whether the last call is through with the token shows under the lock only.
         if (list->request() != 0) return false;
     }
-    endLeaving(token);
+    clapiEndLeaving(token);
     return true;
 }
 
@@ -1258,7 +1172,6 @@ int clapiDeleteGatewayTokens(void)
 void clapiForgetTokens(void)
 {
     if (gtListHeadPtr == nullptr) return;
-    gtListTailPtr->nextGwyTokPtr = forgottenHeadPtr;
-    forgottenHeadPtr = gtListHeadPtr;
+    clapiKeepForgotten(gtListHeadPtr, gtListTailPtr);
     gtListHeadPtr = nullptr;
 }

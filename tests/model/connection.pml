@@ -242,7 +242,7 @@ inline waitEventSince(e)
     fi
 }
 
-/* ---- Slots and sending: clapi_gwytok ---- */
+/* ---- Slots and sending: clapi_gwytok and clapi_delivery ---- */
 
 /* lockChannel, unlockChannel */
 inline lockChannel(whose)
@@ -1173,8 +1173,8 @@ proctype Guesser()
 /* What an answer is for is what it answers, but for those that nobody has asked for. */
 #define JUDGE_ANSWER assert(UNASKED > 0 || answered == call)
 
-/* deliverReply: settleReply, endReading. Whether the reply has overtaken its request is looked at
- * once: if it has, the sender will deliver it, whatever becomes of the mark meanwhile. */
+/* deliverReply: settleReply, clapiEndReading. Whether the reply has overtaken its request is looked
+ * at once: if it has, the sender will deliver it, whatever becomes of the mark meanwhile. */
 inline deliverReply()
 {
     atomic {
@@ -1308,7 +1308,7 @@ end_waiting:
     od
 }
 
-/* endConnection: endReading, noteEnd, completeWaitingRequests, under one hold of tableLock. */
+/* endConnection: clapiEndReading, noteEnd, completeWaitingRequests, under one hold of tableLock. */
 inline endConnection()
 {
     atomic { tableLock == NOBODY -> TOUCH; tableLock = _pid; slotBeingRead = NO_SLOT };

@@ -119,8 +119,8 @@ byte threadsOut;
     (a != NOWHERE && record[a].memory == TOKEN && record[a].listed && !record[a].opening)
 #endif
 
-/* hasLeft: a token that is on the list of those that are leaving, which is where it is from
- * beginLeaving to endLeaving, or at rest. */
+/* clapiHasLeft: a token that is on the list of those that are leaving, which is where it is from
+ * clapiBeginLeaving to clapiEndLeaving, or at rest. */
 #ifdef BREAK_KNOWN_AT_REST_ONLY
 #define hasLeft(a) (a != NOWHERE && record[a].memory == REST)
 #else
@@ -143,8 +143,8 @@ inline freeRecord()
     record[token].mayEnd = false
 }
 
-/* freeToken, putToRest: the record rests, and the one that has rested longest may serve again. That
- * of a token which was never given out may do so at once. */
+/* freeToken, clapiPutToRest: the record rests, and the one that has rested longest may serve again.
+ * That of a token which was never given out may do so at once. */
 inline freeToken()
 {
     assert(!record[token].listed);
@@ -244,7 +244,7 @@ inline quiesceConnection()
     fi
 }
 
-/* endDelete: unlinkForGood with beginLeaving and endLeaving, freeToken. */
+/* endDelete: unlinkForGood with clapiBeginLeaving and clapiEndLeaving, freeToken. */
 inline endDelete()
 {
     atomic {

@@ -10,9 +10,9 @@
 extern const char* const UNKNOWN_RC_STR;
 
 /*
- * Names of return codes; never null. The first knows every family, in its fixed order: the library's,
- * then ECI's with that of channels and containers, then ESI's. Each of the others knows its own, and
- * clapiGetRcStringECI that of channels too.
+ * Names of return codes; never null. The first knows every family, in its fixed order: the
+ * library's, then ECI's with that of channels and containers, then ESI's. Each of the others knows
+ * its own, and clapiGetRcStringECI that of channels too.
  */
 const char* clapiGetRcString(int rc);
 const char* clapiGetRcStringECI(int rc);

@@ -14,10 +14,8 @@
 
 #include <cstddef>
 
+#include "clapi_socket.h"
 #include "data_storage.h"
-
-typedef int Socket;
-constexpr Socket NO_SOCKET = -1;
 
 /* The most that a buffer holds, whatever the length of the message. */
 constexpr size_t SOCKET_BUFFER_CAPACITY = 33000;

@@ -1,6 +1,5 @@
 /*
- * clapi_types.h - the record of one connection, its request slots, and the functions that the
- * modules offer one another.
+ * clapi_types.h - the records that modules share: that of one connection, and its request slots.
  */
 #ifndef CLAPI_TYPES_H
 #define CLAPI_TYPES_H
@@ -8,12 +7,10 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <ctime>
 
 #include "clapi_lock.h"
-#include "clapi_rc.h"
-#include "clapi_requests.h"
-#include "clapi_socketbuffer.h"
+#include "clapi_socket.h"
+#include "data_storage.h"
 #include "qpxclient.h"
 #include "qpxclient_eci.h"
 #include "qpxclient_esi.h"
@@ -74,34 +71,6 @@ typedef struct _RequestTable {
     SlotLookup* lookUp; // for the receiver, which knows the records of slots and not their rules
 } RequestTable;
 
-typedef struct _QPX_ConnToken_t _QPX_ConnToken_t;
-
-/* Fills a table's slots as a chain with the message ids firstId to firstId + 15. */
-void clapiInitializeTable(RequestTable* tableP, int firstId);
-
-/* Frees the tables that slotFree kept. Locks: tableLock held, or the token is unknown to all. */
-void clapiFreeKeptTables(RequestTable* requestTableP);
-
-/*
- * Takes a slot for a new request: a free one for luwToken 0, else the idle one of that unit of
- * work. *requestSlotPP is stored on failure too; only result 0 means that the slot was taken.
- * 0, ECI_ERR_LUW_TOKEN, ECI_ERR_ALREADY_ACTIVE, QPX_ERR_MALLOCFAIL or QPX_ERR_SYSTEM_ERROR.
- * Locks: tableLock held.
- */
-int slotFind(RequestTable* requestTableP, int luwToken, RequestSlot** requestSlotPP);
-
-/* Gives a slot back, with its reply buffer, and trailing tables that are empty now.
- * Locks: tableLock held. */
-void slotFree(RequestTable* requestTableP, RequestSlot* slotP);
-
-/* Frees the slot of a request that has failed; one whose table cannot be locked stays allocated.
- * Locks: takes tableLock. */
-void clapiDropSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
-
-/* Finds the slot with a message id, whatever its state: 0 or QPX_ERR_SYSTEM_ERROR.
- * Locks: tableLock held for a reply; error and exception flows look without it. */
-int slotLookup(RequestTable* requestTableP, int messageId, RequestSlot** slotPP);
-
 /* ---- Gateway tokens ---- */
 
 /* Connection states; written by the receiver thread only. */
@@ -112,9 +81,6 @@ constexpr int CONN_LOST = 3;
 constexpr int CONN_CLOSED = 4;
 
 constexpr size_t APPLID_SIZE = 8;
-
-/* Room for a token as clapiFormatGatewayToken writes it. */
-constexpr size_t FORMATTED_TOKEN_SIZE = 512;
 
 /* One connection, from clapiCreateGatewayToken to clapiDeleteGatewayToken. */
 typedef struct _QPX_ConnToken_t {
@@ -152,121 +118,5 @@ typedef struct _QPX_ConnToken_t {
     _QPX_ConnToken_t* nextOpenSocket; // among the tokens whose socket is open; by their own lock
 } _QPX_ConnToken_t;
 typedef _QPX_ConnToken_t Internal_ConnToken_t;
-
-/* Guards the list of tokens, and of each token what says so above. */
-extern Clapilock gtlLock;
-
-/* Creates a connection and stores it in *gwTokPtr on success only. Arguments are checked. */
-int clapiCreateGatewayToken(QPX_ConnToken_t* gwTokPtr, char* hostname, int port, int connTimeout,
-                            char* applid, char* applidQualifier);
-
-/* Writes one line about a token to FORMATTED_TOKEN_SIZE bytes: 0 or QPX_ERR_NULLPARM. */
-int clapiFormatGatewayToken(_QPX_ConnToken_t* gwTokPtr, char* formattedToken);
-
-/* Writes the list of tokens to the trace destination. Locks: takes gtlLock. */
-void clapiDumpGatewayTokens(void);
-
-/*
- * Count an API call on a token in and out. Between the two the token is not freed; after the
- * second it must not be touched. Registering does not look at closedown. 0, QPX_ERR_BADGWTOK
- * (registering, the token is not on the list, or its open has not ended) or QPX_ERR_SYSTEM_ERROR.
- * Locks: take gtlLock.
- */
-int clapiRegisterRequest(_QPX_ConnToken_t* gwTokPtr);
-int clapiUnregisterRequest(_QPX_ConnToken_t* gwTokPtr);
-
-/* Values of lockRequired below: whether the function takes gtlLock, or its caller holds it. */
-constexpr int CALLER_HOLDS_LOCK = 0;
-constexpr int LOCK_REQUIRED = 1;
-
-/* Reads the application's variable, which another thread may change at any time. Once per call. */
-inline _QPX_ConnToken_t* clapiReadToken(QPX_ConnToken_t* gwTokPtr)
-{
-    return __atomic_load_n(gwTokPtr, __ATOMIC_RELAXED);
-}
-
-/*
- * Marks a token as closing. Only after result 0 has the caller marked it; the token then stays
- * until the caller has been through clapiDeleteClosingToken. With CALLER_HOLDS_LOCK the caller
- * holds gtlLock. 0, QPX_ERR_GWTOK_CLOSED (it is closing, or has been closed not long ago),
- * QPX_ERR_BADGWTOK (also for a token whose open has not ended) or QPX_ERR_SYSTEM_ERROR.
- */
-int clapiCloseGatewayToken(_QPX_ConnToken_t* gwTokPtr, int lockRequired);
-
-/* Close time-outs that are no number of seconds. */
-constexpr int WAIT_WITHOUT_LIMIT = -1;
-constexpr int NO_WAIT = 0;
-
-/*
- * Quiesces the token that the caller has marked as closing, and frees it if no other thread is
- * still at that. gwTokPtr is shown in the trace and not read. Work in progress is waited for
- * without limit, for a number of seconds, or not at all, as closeTimeout says.
- * Locks: takes gtlLock.
- */
-int clapiDeleteClosingToken(QPX_ConnToken_t* gwTokPtr, _QPX_ConnToken_t* token, int closeTimeout);
-
-/*
- * The same for a thread that has not marked the token. With CALLER_HOLDS_LOCK the caller
- * vouches for the token and holds gtlLock, which is given up in every case.
- */
-int clapiDeleteGatewayToken(QPX_ConnToken_t* gwTokPtr, int closeTimeout, int lockRequired);
-
-/* Closes and deletes every token on the list that has been opened. Always 0. */
-int clapiDeleteGatewayTokens(void);
-
-/*
- * For the child of a fork: no token is on the list any more, for the connections are the parent's,
- * and what names one is refused. The records stay, as do the locks in them that threads of the
- * parent may have held. Writes no trace line.
- * Locks: gtlLock held, by this thread and since before the fork, so that the list is whole; no
- * lock of a token is taken.
- */
-void clapiForgetTokens(void);
-
-/* ---- Connections (clapi_gwycon) ---- */
-
-/* Resolves, connects, starts the receiver thread and shakes hands. */
-int clapiConnectToGateway(int port, char* hostname, _QPX_ConnToken_t* gwTokPtr, char* applid,
-                          char* applidQualifier);
-
-/*
- * Ends the sending of a request that has been written and may have a channel. An outcome that has
- * overtaken it is delivered, with the changes of its reply made to the channel first. allocNumber
- * names the sender's use of the slot, which may be another's by now.
- * Locks: takes tableLock, and gives it up while it changes the channel.
- */
-void clapiEndSendingRequest(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, uint32_t allocNumber);
-
-/* Sends the close flow. Locks: takes sendLock. */
-int clapiCloseConnection(_QPX_ConnToken_t* conn);
-
-/* Around a fork: no socket is made or closed meanwhile, and the child closes those that it has
- * inherited, without a flow. Locks: held from the first to one of the others. */
-void clapiConnectionsForkPrepare(void);
-void clapiConnectionsForkParent(void);
-void clapiConnectionsForkChild(void);
-
-/* ---- Frame ---- */
-
-/* Initialises the library once per process; the result is the same for every caller. */
-int clapiInit(void);
-
-/* A tag for a request: 1, 2, 3 and so on, never 0. Locks: takes correlatorLock. */
-int getNextCorrelator(void);
-
-extern int clapiState;
-extern int nextCorrelator; // guarded by correlatorLock
-extern Clapilock correlatorLock;
-
-const char* getCallTypeString(int callType);
-
-/* Turns the Gateway's code of an ESI reply into the ESI family's. */
-int mapGwyRc(int rc);
-
-/* ---- ECI calls (clapi_eci) ---- */
-
-int verifyEciParms(QPX_ECI_PARMS* EciParms, int minVersion);
-int performEciExecute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms, int useChannel);
-int getAsyncReply(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms);
 
 #endif

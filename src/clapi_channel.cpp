@@ -20,7 +20,9 @@
 #include "api_call.h"
 #include "channel_set.h"
 #include "clapi_diag.h"
-#include "clapi_types.h"
+#include "clapi_impl.h"
+#include "clapi_rc.h"
+#include "qpxclient_eci.h"
 #include "schedule_points.h"
 #include "trace_points/clapi_channel.h"
 

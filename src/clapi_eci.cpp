@@ -6,14 +6,21 @@
  * Locks: tableLock for slots, reply queue and asyncCount, sendLock for one flow; never both, and
  * neither across a wait.
  */
+#include "clapi_eci.h"
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
 #include "api_call.h"
+#include "clapi_channel.h"
 #include "clapi_delivery.h"
 #include "clapi_diag.h"
-#include "clapi_types.h"
+#include "clapi_gwycon.h"
+#include "clapi_gwytok.h"
+#include "clapi_impl.h"
+#include "clapi_rc.h"
+#include "clapi_socketcomms.h"
 #include "request_steps.h"
 #include "schedule_points.h"
 #include "trace_points/clapi_eci.h"

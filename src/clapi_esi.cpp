@@ -4,12 +4,17 @@
  * Locks: tableLock for slots, sendLock for one flow; never both, and neither across a wait.
  * Passwords stay where the application has them; nothing here copies or traces one.
  */
+#include "clapi_esi.h"
+
 #include <algorithm>
 #include <cstring>
 
 #include "api_call.h"
 #include "clapi_diag.h"
-#include "clapi_types.h"
+#include "clapi_gwytok.h"
+#include "clapi_impl.h"
+#include "clapi_rc.h"
+#include "clapi_socketcomms.h"
 #include "request_steps.h"
 #include "trace_points/clapi_esi.h"
 

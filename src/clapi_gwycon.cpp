@@ -6,6 +6,8 @@
  * Locks: the receiver takes tableLock only, the close flow sendLock only; connecting takes none
  * but tableLock for the moment in which it stops being a sender.
  */
+#include "clapi_gwycon.h"
+
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -24,7 +26,9 @@
 
 #include "clapi_delivery.h"
 #include "clapi_diag.h"
-#include "clapi_types.h"
+#include "clapi_rc.h"
+#include "clapi_socketbuffer.h"
+#include "clapi_socketcomms.h"
 #include "descriptor_wait.h"
 #include "schedule_points.h"
 #include "trace_points/clapi_gwycon.h"

@@ -2,19 +2,23 @@
  * Gateway tokens: the record of one connection from its creation to its end, the list of all of
  * them, the request slots of each, the count of the calls at work on it, and its orderly end.
  * What travels on the connection is clapi_gwycon's and clapi_socketcomms' business, how a request
- * gets its outcome clapi_delivery's.
+ * gets its outcome clapi_delivery's, what is known of tokens off the list clapi_departed's.
  *
  * Locks: gtlLock for the list, closedown, requestCount and the fields behind deleters of a token;
  * then tableLock for its slots and its reply queue. Neither is held across a wait.
  */
+#include "clapi_gwytok.h"
+
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
+#include "clapi_channel.h"
 #include "clapi_delivery.h"
 #include "clapi_departed.h"
 #include "clapi_diag.h"
-#include "clapi_types.h"
+#include "clapi_gwycon.h"
+#include "clapi_rc.h"
 #include "schedule_points.h"
 #include "trace_points/clapi_gwytok.h"
 

@@ -7,6 +7,8 @@
  * Locks: takes traceLock to change trace settings, correlatorLock for the correlator, tableLock
  * and sendLock, never together, for a query.
  */
+#include "clapi_impl.h"
+
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
@@ -15,7 +17,10 @@
 #include "api_call.h"
 #include "clapi_channel.h"
 #include "clapi_diag.h"
-#include "clapi_types.h"
+#include "clapi_gwycon.h"
+#include "clapi_gwytok.h"
+#include "clapi_rc.h"
+#include "clapi_socketcomms.h"
 #include "request_steps.h"
 #include "trace_points/clapi_impl.h"
 

@@ -16,7 +16,7 @@
 #include <cstring>
 
 #include "clapi_diag.h"
-#include "clapi_types.h"
+#include "clapi_rc.h"
 #include "descriptor_wait.h"
 #include "trace_points/clapi_socketbuffer.h"
 

@@ -5,6 +5,8 @@
  *
  * Locks: none taken; the writers' callers hold the connection's sendLock.
  */
+#include "clapi_socketcomms.h"
+
 #include <arpa/inet.h>
 
 #include <cerrno>
@@ -16,7 +18,8 @@
 
 #include "clapi_channel.h"
 #include "clapi_diag.h"
-#include "clapi_requests.h"
+#include "clapi_rc.h"
+#include "clapi_socketbuffer.h"
 #include "clapi_types.h"
 #include "trace_points/clapi_socketcomms.h"
 

@@ -10,7 +10,9 @@
 
 #include "clapi_delivery.h"
 #include "clapi_diag.h"
-#include "clapi_types.h"
+#include "clapi_gwytok.h"
+#include "clapi_rc.h"
+#include "clapi_socketcomms.h"
 #include "schedule_points.h"
 
 /* Takes a slot and has prepare(slot) put into it where the reply goes. *slotPP stays null if no

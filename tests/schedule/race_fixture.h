@@ -13,7 +13,7 @@
 
 #include "clapi_channel.h"
 #include "clapi_diag.h"
-#include "clapi_types.h"
+#include "clapi_gwytok.h"
 #include "integration/eci_script.h"
 #include "qpxclient_esi.h"
 #include "schedule/scheduler.h"

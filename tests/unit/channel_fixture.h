@@ -11,7 +11,7 @@
 
 #include "clapi_channel.h"
 #include "clapi_diag.h"
-#include "clapi_types.h"
+#include "clapi_impl.h"
 #include "qpxclient.h"
 #include "support/call_in_thread.h"
 #include "support/channels.h"

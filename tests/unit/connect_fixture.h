@@ -17,7 +17,9 @@
 #include <utility>
 
 #include "clapi_diag.h"
-#include "clapi_types.h"
+#include "clapi_gwycon.h"
+#include "clapi_gwytok.h"
+#include "clapi_impl.h"
 #include "integration/connection_script.h"
 #include "support/faults.h"
 #include "support/trace_file.h"

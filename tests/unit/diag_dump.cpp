@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "clapi_diag.h"
-#include "clapi_types.h"
+#include "clapi_lock.h"
 #include "support/expect_rc.h"
 #include "support/trace_file.h"
 

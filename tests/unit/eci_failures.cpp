@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "clapi_types.h"
+#include "clapi_gwytok.h"
 #include "integration/eci_script.h"
 #include "support/faults.h"
 

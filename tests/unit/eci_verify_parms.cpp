@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "clapi_types.h"
+#include "clapi_eci.h"
 #include "support/eci_parms.h"
 #include "support/expect_rc.h"
 #include "support/trace_file.h"

@@ -3,7 +3,7 @@
 
 #include <climits>
 
-#include "clapi_types.h"
+#include "clapi_esi.h"
 #include "qpxclient_esi.h"
 #include "support/trace_file.h"
 

@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <string>
 
-#include "clapi_types.h"
+#include "clapi_gwytok.h"
 #include "integration/esi_script.h"
 #include "support/faults.h"
 

@@ -12,7 +12,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "clapi_types.h"
+#include "clapi_socketbuffer.h"
 #include "integration/esi_script.h"
 #include "standin/gateway.h"
 #include "support/faults.h"

@@ -1,7 +1,8 @@
 // Converting a time needs no library that is initialised.
 #include <gtest/gtest.h>
 
-#include "clapi_types.h"
+#include "clapi_impl.h"
+#include "qpxclient_esi.h"
 
 namespace {
 

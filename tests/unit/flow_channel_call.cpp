@@ -12,7 +12,6 @@
 #include <vector>
 
 #include "clapi_channel.h"
-#include "clapi_types.h"
 #include "integration/channel_script.h"
 #include "unit/connect_fixture.h"
 

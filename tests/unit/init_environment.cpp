@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "clapi_diag.h"
-#include "clapi_types.h"
+#include "clapi_impl.h"
 #include "support/expect_rc.h"
 #include "support/faults.h"
 #include "support/trace_file.h"

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "clapi_diag.h"
-#include "clapi_types.h"
+#include "clapi_impl.h"
 #include "support/call_in_thread.h"
 #include "support/expect_rc.h"
 #include "support/faults.h"

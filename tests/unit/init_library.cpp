@@ -10,8 +10,10 @@
 #include <string>
 #include <vector>
 
+#include "clapi_channel.h"
 #include "clapi_diag.h"
-#include "clapi_types.h"
+#include "clapi_gwytok.h"
+#include "clapi_impl.h"
 #include "support/call_in_thread.h"
 #include "support/expect_rc.h"
 #include "support/faults.h"

@@ -6,8 +6,13 @@
 #include <map>
 #include <string>
 
-#include "clapi_channel.h"
-#include "clapi_types.h"
+#include "clapi_eci.h"
+#include "clapi_esi.h"
+#include "clapi_impl.h"
+#include "clapi_rc.h"
+#include "eci_channel.h"
+#include "qpxclient_eci.h"
+#include "qpxclient_esi.h"
 #include "support/expect_rc.h"
 #include "support/trace_file.h"
 

@@ -16,8 +16,9 @@
 #include <utility>
 #include <vector>
 
+#include "clapi_impl.h"
 #include "clapi_socketbuffer.h"
-#include "clapi_types.h"
+#include "clapi_socketcomms.h"
 #include "support/bytes.h"
 #include "support/call_in_thread.h"
 #include "support/expect_rc.h"

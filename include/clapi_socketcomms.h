@@ -1,21 +1,24 @@
 /*
- * clapi_requests.h - the records of the flows between library and Gateway, and the functions
+ * clapi_socketcomms.h - the records of the flows between library and Gateway, and the functions
  * that write and read them.
  *
  * Writers return 0, QPX_ERR_MALLOCFAIL or QPX_ERR_LOSTGWCON. Thread: the caller's, holding the
  * connection's sendLock (the handshake alone is written without it, while no other thread writes
  * to the connection). Readers run on the receiver thread, unless they say otherwise.
  */
-#ifndef CLAPI_REQUESTS_H
-#define CLAPI_REQUESTS_H
+#ifndef CLAPI_SOCKETCOMMS_H
+#define CLAPI_SOCKETCOMMS_H
 
 #include <atomic>
 #include <cstdint>
 
-#include "clapi_channel.h"
-#include "clapi_socketbuffer.h"
+#include "clapi_socket.h"
+#include "data_storage.h"
 #include "qpxclient_eci.h"
 #include "qpxclient_esi.h"
+
+typedef struct _ECI_Channel_t ECI_Channel_t;
+typedef struct _SocketBuffer SocketBuffer;
 
 /* ---- The header of every flow ---- */
 

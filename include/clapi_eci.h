@@ -1,0 +1,17 @@
+/*
+ * clapi_eci.h - the steps of a program call and of a collection.
+ */
+#ifndef CLAPI_ECI_H
+#define CLAPI_ECI_H
+
+#include "qpxclient.h"
+#include "qpxclient_eci.h"
+
+/* The name of a call type, or UNKNOWN_RC_STR. */
+const char* getCallTypeString(int callType);
+
+int verifyEciParms(QPX_ECI_PARMS* EciParms, int minVersion);
+int performEciExecute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms, int useChannel);
+int getAsyncReply(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms);
+
+#endif

@@ -142,31 +142,6 @@ int verifyEciParms(QPX_ECI_PARMS* EciParms, int minVersion)
 
 /* ---- One program call ---- */
 
-/* A call on its way. The application's record is read once, at the call's start: whatever
- * happens to it afterwards, the call is of one piece. */
-struct EciCall {
-    _QPX_ConnToken_t* gwTok;
-    QPX_ECI_PARMS* results; // the application's record, which takes the results
-    QPX_ECI_PARMS record;   // as it was at the start; its password is overwritten at the end
-    bool isAsync;
-    bool useChannel;
-    int extendMode;
-    RequestSlot* slotP;   // null while no slot has been taken
-    uint32_t allocNumber; // names this call's use of the slot
-    int messageId;
-    GatewayRequest header;
-    ECIRequest request;
-    char userid[sizeof(QPX_ECI_PARMS::eci_userid) + 1];     // outlive the sending
-    char password[sizeof(QPX_ECI_PARMS::eci_password) + 1]; // overwritten at the call's end
-};
-
-/* The trace lines of the steps that a call shares with other requests. */
-struct EciLines {
-    static constexpr const TracePoint& notArmed = tp::performEciExecute::notArmed;
-    static constexpr const TracePoint& noSendLock = tp::performEciExecute::noSendLock;
-    static constexpr const TracePoint& sendLockStays = tp::performEciExecute::sendLockStays;
-};
-
 /* What a call gets on a connection that does not stand (any more), or that is being closed.
  * Locks: tableLock held. */
 static int refusalOf(const _QPX_ConnToken_t* gwTok)
@@ -176,65 +151,92 @@ static int refusalOf(const _QPX_ConnToken_t* gwTok)
     return stands || gwTok->connStatus == CONN_LOST ? QPX_ERR_LOSTGWCON : QPX_ERR_GATEWAY_CLOSED;
 }
 
+namespace {
+
+/* A call on its way. */
+struct EciCall : OutgoingRequest {
+    struct Lines {
+        static constexpr const TracePoint& noLock = tp::performEciExecute::noLock;
+        static constexpr const TracePoint& notUnlocked = tp::performEciExecute::notUnlocked;
+        static constexpr const TracePoint& notArmed = tp::performEciExecute::notArmed;
+        static constexpr const TracePoint& noLockToBegin = noLock;
+        static constexpr const TracePoint& notUnlockedToBegin = notUnlocked;
+        static constexpr const TracePoint& noSendLock = tp::performEciExecute::noSendLock;
+        static constexpr const TracePoint& sendLockStays = tp::performEciExecute::sendLockStays;
+        static constexpr const TracePoint& noLockToFree = tp::performEciExecute::noLockToFree;
+        static constexpr const TracePoint& notUnlockedAfterFree =
+            tp::performEciExecute::notUnlockedAfterFree;
+    };
+
+    QPX_ECI_PARMS* results;      // the application's record, which takes the results
+    const QPX_ECI_PARMS* record; // a copy of it as it was at the call's start
+    bool useChannel;
+    ECIRequest body;
+    char userid[sizeof(QPX_ECI_PARMS::eci_userid) + 1];     // outlive the sending
+    char password[sizeof(QPX_ECI_PARMS::eci_password) + 1]; // overwritten at the call's end
+
+    int refusal() const { return refusalOf(gwTok); }
+    void prepareSlot();
+    int build();
+    int write(Socket socketDescriptor)
+    {
+        return clapiFlowECIRequest(socketDescriptor, &header, &body);
+    }
+};
+
+/* A call that waits for its reply. */
+struct SyncCall : EciCall {
+    void giveSlotBack();
+    int conclude();
+};
+
+/* A call whose reply is collected by another. */
+struct AsyncCall : EciCall {
+    struct Lines : EciCall::Lines {
+        static constexpr const TracePoint& noLockToBegin = tp::performEciExecute::noLockToCount;
+        static constexpr const TracePoint& notUnlockedToBegin =
+            tp::performEciExecute::notUnlockedAfterCount;
+    };
+
+    int build();
+    void traceBegun() const;
+    int endFailedSending(int rc);
+    int awaitReply() { return ECI_NO_ERROR; } // whoever collects it does
+    int conclude();
+};
+
+} // namespace
+
 /* Whether the call's channel travels. Then it is locked for the call: the slot is marked, and
  * whoever ends an asynchronous call unlocks it. */
 static bool sendsChannel(const EciCall* call)
 {
-    return call->useChannel && carriesData(call->extendMode);
+    return call->useChannel && carriesData(call->record->eci_extend_mode);
 }
 
-/* Takes a slot and puts the caller's record into it. Locks: tableLock held. */
-static int takeSlot(EciCall* call)
+void EciCall::prepareSlot()
 {
-    _QPX_ConnToken_t* gwTok = call->gwTok;
-    if (gwTok->connStatus != CONN_CONNECTED) return refusalOf(gwTok);
-
-    RequestSlot* slotP = nullptr;
-    int rc = slotFind(&gwTok->table, call->record.eci_luw_token, &slotP);
-    if (rc != QPX_OK) return rc;
-
-    slotP->eciParms = call->record;
-    slotP->replyCapacity = static_cast<size_t>(call->record.eci_commarea_length);
-    slotP->channelHeld = sendsChannel(call) ? 1 : 0;
-    call->slotP = slotP;
-    call->allocNumber = slotP->allocNumber;
-    call->messageId = slotP->messageId;
-    return QPX_OK;
-}
-
-static int obtainSlot(EciCall* call)
-{
-    namespace at = tp::performEciExecute;
-
-    LockGuard table(call->gwTok->tableLock);
-    if (!table.held()) {
-        TRACE(at::noLock);
-        return ECI_ERR_SYSTEM_ERROR;
-    }
-    int rc = takeSlot(call);
-    if (table.release() != 0) {
-        TRACE(at::notUnlocked);
-        rc = firstFailure(rc, ECI_ERR_SYSTEM_ERROR);
-    }
-    return rc;
+    slotP->eciParms = *record;
+    slotP->replyCapacity = static_cast<size_t>(record->eci_commarea_length);
+    slotP->channelHeld = sendsChannel(this) ? 1 : 0;
 }
 
 static void setCredentials(EciCall* call)
 {
     namespace at = tp::performEciExecute;
 
-    const QPX_ECI_PARMS* EciParms = &call->record;
+    const QPX_ECI_PARMS* EciParms = call->record;
     if (EciParms->eci_version > LAST_VERSION_WITH_FIELDS) {
         TRACE(at::usingPointers, EciParms->eci_version);
-        call->request.userID = EciParms->eci_userid_ptr;
-        call->request.password = EciParms->eci_password_ptr;
+        call->body.userID = EciParms->eci_userid_ptr;
+        call->body.password = EciParms->eci_password_ptr;
         return;
     }
     TRACE(at::usingFields, EciParms->eci_version);
     memcpy(call->userid, EciParms->eci_userid, sizeof EciParms->eci_userid);
     memcpy(call->password, EciParms->eci_password, sizeof EciParms->eci_password);
-    call->request.userID = call->userid;
-    call->request.password = call->password;
+    call->body.userID = call->userid;
+    call->body.password = call->password;
 }
 
 /* A length that the caller may give, at most that of the COMMAREA; 0 if not given. */
@@ -252,41 +254,73 @@ static void setCommarea(ECIRequest* request, const QPX_ECI_PARMS* EciParms)
     request->commareaOutboundLength = givenLength(EciParms->commarea_outbound_length, length);
 }
 
-static void buildRequest(EciCall* call)
+int EciCall::build()
 {
     static const char noTpn[sizeof(QPX_ECI_PARMS::eci_tpn)] = {};
-    const QPX_ECI_PARMS* EciParms = &call->record;
-    ECIRequest* request = &call->request;
-    bool hasTpn = memcmp(EciParms->eci_tpn, noTpn, sizeof noTpn) != 0;
+    bool hasTpn = memcmp(record->eci_tpn, noTpn, sizeof noTpn) != 0;
 
-    clapiBuildRequestHeader(&call->header, call->messageId, ECI_REQUEST_NAME);
-    request->callType = hasTpn ? WIRE_CALL_TPN : WIRE_CALL_PROGRAM;
-    memcpy(request->transid, hasTpn ? EciParms->eci_tpn : EciParms->eci_transid,
-           sizeof request->transid);
-    request->extendedMode = call->extendMode;
-    request->luwToken = EciParms->eci_luw_token;
-    request->eciTimeout = EciParms->eci_timeout;
-    memcpy(request->server, EciParms->eci_system_name, sizeof request->server);
-    memcpy(request->program, EciParms->eci_program_name, sizeof request->program);
-    request->xid.format = NO_XID;
-    request->qpxCorrelator = getNextCorrelator();
-    setCredentials(call);
-    if (sendsChannel(call)) {
-        request->channel = EciParms->channel;
-        request->channelBeingSent = &call->slotP->channelBeingSent;
-    } else if (carriesData(call->extendMode)) {
-        setCommarea(request, EciParms);
+    clapiBuildRequestHeader(&header, messageId, ECI_REQUEST_NAME);
+    body.callType = hasTpn ? WIRE_CALL_TPN : WIRE_CALL_PROGRAM;
+    memcpy(body.transid, hasTpn ? record->eci_tpn : record->eci_transid, sizeof body.transid);
+    body.extendedMode = record->eci_extend_mode;
+    body.luwToken = record->eci_luw_token;
+    body.eciTimeout = record->eci_timeout;
+    memcpy(body.server, record->eci_system_name, sizeof body.server);
+    memcpy(body.program, record->eci_program_name, sizeof body.program);
+    body.xid.format = NO_XID;
+    body.qpxCorrelator = getNextCorrelator();
+    setCredentials(this);
+    if (sendsChannel(this)) {
+        body.channel = record->channel;
+        body.channelBeingSent = &slotP->channelBeingSent;
+    } else if (carriesData(record->eci_extend_mode)) {
+        setCommarea(&body, record);
     }
+    return ECI_NO_ERROR;
 }
 
-/* The reply of an asynchronous call waits in a buffer of its own until it is collected; the
- * request still goes out of the caller's. */
-static int provideReplyBuffer(EciCall* call)
+/* Keeps a slot for the next call of its unit of work. That one brings its password with it.
+ * Locks: tableLock held. */
+static void keepForUnitOfWork(RequestSlot* slotP)
+{
+    explicit_bzero(slotP->eciParms.eci_password, sizeof slotP->eciParms.eci_password);
+    slotP->state = SLOT_LUW_IDLE;
+}
+
+/* ---- Synchronous calls ---- */
+
+/* Keeps the slot for the next call of its unit of work, or frees it. */
+void SyncCall::giveSlotBack()
+{
+    slotP->channelHeld = 0; // the entry point unlocks the channel
+    if (record->eci_extend_mode == ECI_EXTENDED && slotP->eciParms.eci_luw_token != 0)
+        keepForUnitOfWork(slotP);
+    else
+        slotFree(&gwTok->table, slotP);
+}
+
+int SyncCall::conclude()
+{
+    // These two are results whatever the codes say.
+    memcpy(results->eci_abend_code, slotP->eciParms.eci_abend_code, sizeof results->eci_abend_code);
+    results->eci_luw_token = slotP->eciParms.eci_luw_token;
+
+    int rc = firstFailure(slotP->gatewayRc, slotP->vornRc);
+    if (rc == ECI_NO_ERROR) rc = releaseRequestSlot(this);
+    if (slotP != nullptr) clapiDropSlot(gwTok, slotP);
+    return rc;
+}
+
+/* ---- Asynchronous calls ---- */
+
+/* The reply waits in a buffer of its own until it is collected; the request still goes out of the
+ * caller's. */
+static int provideReplyBuffer(AsyncCall* call)
 {
     namespace at = tp::performEciExecute;
 
-    int size = call->request.commareaInboundLength;
-    if (size == 0) size = call->record.eci_commarea_length;
+    int size = call->body.commareaInboundLength;
+    if (size == 0) size = call->record->eci_commarea_length;
     char* buffer = static_cast<char*>(calloc(static_cast<size_t>(std::max(size, 1)), 1));
     if (buffer == nullptr) {
         TRACE(at::noReplyBuffer, size);
@@ -299,79 +333,18 @@ static int provideReplyBuffer(EciCall* call)
     return ECI_NO_ERROR;
 }
 
-/* ---- Sending ---- */
+int AsyncCall::build()
+{
+    int rc = EciCall::build();
+    return rc == ECI_NO_ERROR && !useChannel ? provideReplyBuffer(this) : rc;
+}
 
-static void traceNoLockToSend(const EciCall* call)
+void AsyncCall::traceBegun() const
 {
     namespace at = tp::performEciExecute;
 
-    if (call->isAsync)
-        TRACE(at::noLockToCount);
-    else
-        TRACE(at::noLock);
+    TRACE(at::counted, gwTok->asyncCount.load(), gwTok);
 }
-
-static void traceNotUnlockedToSend(const EciCall* call)
-{
-    namespace at = tp::performEciExecute;
-
-    if (call->isAsync)
-        TRACE(at::notUnlockedAfterCount);
-    else
-        TRACE(at::notUnlocked);
-}
-
-/* Hands the slot over to the receiver, if the connection still stands. *begun tells whether
- * that has happened; the sending must then be ended. */
-static int beginSending(EciCall* call, bool* begun)
-{
-    namespace at = tp::performEciExecute;
-
-    LockGuard table(call->gwTok->tableLock);
-    if (!table.held()) {
-        traceNoLockToSend(call);
-        return ECI_ERR_SYSTEM_ERROR;
-    }
-    *begun = clapiBeginSending(call->gwTok, call->slotP);
-    int rc = *begun ? ECI_NO_ERROR : refusalOf(call->gwTok);
-    if (*begun && call->isAsync) TRACE(at::counted, call->gwTok->asyncCount.load(), call->gwTok);
-    if (table.release() != 0) {
-        traceNotUnlockedToSend(call);
-        rc = firstFailure(rc, ECI_ERR_SYSTEM_ERROR);
-    }
-    return rc;
-}
-
-static int writeCall(EciCall* call)
-{
-    return writeRequest<EciLines>(
-        call->gwTok, call->gwTok->socketDescriptor, [&](Socket socketDescriptor) {
-            return clapiFlowECIRequest(socketDescriptor, &call->header, &call->request);
-        });
-}
-
-/* From here on the slot is also the receiver's, and an asynchronous one any collector's. If the
- * request has begun and failed, its sending is still to be ended. */
-static int sendCall(EciCall* call, bool* begun)
-{
-    int rc = beginSending(call, begun);
-    if (*begun) SCHEDULE_POINT(beforeRequestWrite, call->slotP);
-    if (rc == ECI_NO_ERROR) rc = writeCall(call);
-    if (!*begun) return rc;
-    SCHEDULE_POINT(requestWritten, call->slotP);
-    if (rc == ECI_NO_ERROR) clapiEndSendingRequest(call->gwTok, call->slotP, call->allocNumber);
-    return rc;
-}
-
-/* Keeps a slot for the next call of its unit of work. That one brings its password with it.
- * Locks: tableLock held. */
-static void keepForUnitOfWork(RequestSlot* slotP)
-{
-    explicit_bzero(slotP->eciParms.eci_password, sizeof slotP->eciParms.eci_password);
-    slotP->state = SLOT_LUW_IDLE;
-}
-
-/* ---- Asynchronous calls ---- */
 
 /* Lowers the count of asynchronous requests; it may have been set to 0 by a close.
  * Locks: tableLock held. */
@@ -381,7 +354,7 @@ static void countOut(_QPX_ConnToken_t* gwTok)
 }
 
 /* Whether nobody has collected the request's outcome yet. Locks: tableLock held. */
-static bool isStillOurs(const EciCall* call)
+static bool isStillOurs(const AsyncCall* call)
 {
     const RequestSlot* slotP = call->slotP;
     return slotP->allocNumber == call->allocNumber &&
@@ -389,7 +362,7 @@ static bool isStillOurs(const EciCall* call)
 }
 
 /* Takes back a request that was not sent whole. Locks: tableLock held. */
-static void withdraw(EciCall* call)
+static void withdraw(AsyncCall* call)
 {
     namespace at = tp::performEciExecute;
 
@@ -406,23 +379,22 @@ static void withdraw(EciCall* call)
 }
 
 /*
- * Ends an asynchronous call that could not be written. The connection's end may have delivered
- * the slot meanwhile, and another thread may have collected it: then the request's outcome is
- * known to the application already, and the request counts as sent. Until the slot is given back
- * its sender counts as one, so that no close of the connection comes between.
+ * Takes back a request that could not be written. The connection's end may have delivered the
+ * slot meanwhile, and another thread may have collected it: then the request's outcome is known
+ * to the application already, and the request counts as sent. Until the slot is given back its
+ * sender counts as one, so that no close of the connection comes between.
  */
-static int failAsyncCall(EciCall* call, int rc)
+static int takeBack(AsyncCall* call, int rc)
 {
     namespace at = tp::performEciExecute;
 
     LockGuard table(call->gwTok->tableLock);
+    clapiNoteBrokenFlow(call->gwTok, call->header.brokenOff);
     if (!table.held()) {
         TRACE(at::noLockToUncount);
-        clapiNoteBrokenFlow(call->gwTok, call->header.brokenOff);
         clapiLeaveSenders(call->gwTok);
         return rc;
     }
-    clapiNoteBrokenFlow(call->gwTok, call->header.brokenOff);
     clapiAwaitEndOfReading(call->gwTok, call->slotP);
     if (isStillOurs(call))
         withdraw(call);
@@ -433,101 +405,51 @@ static int failAsyncCall(EciCall* call, int rc)
     return rc;
 }
 
-static int performAsyncCall(EciCall* call)
+int AsyncCall::endFailedSending(int rc)
 {
-    bool begun = false;
-    int rc = call->useChannel ? ECI_NO_ERROR : provideReplyBuffer(call);
-    if (rc == ECI_NO_ERROR) rc = armRequestEvent<EciLines>(call->slotP);
-    if (rc == ECI_NO_ERROR) rc = sendCall(call, &begun);
-    if (rc != ECI_NO_ERROR && begun)
-        rc = failAsyncCall(call, rc);
-    else if (rc != ECI_NO_ERROR)
-        clapiDropSlot(call->gwTok, call->slotP);
-
-    if (rc == ECI_NO_ERROR) call->results->eci_message_qualifier = call->messageId;
+    rc = takeBack(this, rc);
+    slotP = nullptr; // given back, or left where it is
     return rc;
 }
 
-/* ---- Synchronous calls ---- */
-
-static int awaitResults(EciCall* call)
+int AsyncCall::conclude()
 {
-    RequestSlot* slotP = call->slotP;
-    int rc = awaitReply(slotP);
-    if (rc != QPX_OK) return rc;
-
-    // These two are results whatever the codes say.
-    memcpy(call->results->eci_abend_code, slotP->eciParms.eci_abend_code,
-           sizeof call->results->eci_abend_code);
-    call->results->eci_luw_token = slotP->eciParms.eci_luw_token;
-    return firstFailure(slotP->gatewayRc, slotP->vornRc);
-}
-
-/* Keeps the slot for the next call of its unit of work, or frees it. */
-static int releaseSlot(EciCall* call)
-{
-    namespace at = tp::performEciExecute;
-
-    LockGuard table(call->gwTok->tableLock);
-    if (!table.held()) {
-        TRACE(at::noLockToFree);
-        return ECI_ERR_SYSTEM_ERROR;
-    }
-    RequestSlot* slotP = call->slotP;
-    call->slotP = nullptr;
-    slotP->channelHeld = 0; // the entry point unlocks the channel
-    if (call->extendMode == ECI_EXTENDED && slotP->eciParms.eci_luw_token != 0)
-        keepForUnitOfWork(slotP);
-    else
-        slotFree(&call->gwTok->table, slotP);
-    if (table.release() != 0) {
-        TRACE(at::notUnlockedAfterFree);
-        return ECI_ERR_SYSTEM_ERROR;
-    }
+    results->eci_message_qualifier = messageId;
     return ECI_NO_ERROR;
 }
 
-static int performSyncCall(EciCall* call)
+/* ---- A call of either kind ---- */
+
+template <typename Call>
+static int performProgramCall(_QPX_ConnToken_t* gwTok, QPX_ECI_PARMS* EciParms,
+                              const QPX_ECI_PARMS* record, bool useChannel)
 {
-    bool begun = false;
-    int rc = armRequestEvent<EciLines>(call->slotP);
-    if (rc == ECI_NO_ERROR) rc = sendCall(call, &begun);
-    if (rc != ECI_NO_ERROR && begun)
-        clapiEndFailedSending(call->gwTok, call->slotP, call->header.brokenOff);
-    if (rc == ECI_NO_ERROR) rc = awaitResults(call);
-    if (rc == ECI_NO_ERROR) rc = releaseSlot(call);
-    if (rc != ECI_NO_ERROR && call->slotP != nullptr) clapiDropSlot(call->gwTok, call->slotP);
+    Call call = {};
+    call.gwTok = gwTok;
+    call.luwToken = record->eci_luw_token;
+    call.results = EciParms;
+    call.record = record;
+    call.useChannel = useChannel;
+    int rc = performRequest(&call);
+    explicit_bzero(call.password, sizeof call.password);
     return rc;
 }
 
-static int performCall(EciCall* call)
-{
-    int rc = obtainSlot(call);
-    if (rc != ECI_NO_ERROR) {
-        if (call->slotP != nullptr) clapiDropSlot(call->gwTok, call->slotP);
-        return rc;
-    }
-    buildRequest(call);
-    return call->isAsync ? performAsyncCall(call) : performSyncCall(call);
-}
-
+/* The application's record is read once: whatever happens to it afterwards, the call is of one
+ * piece. */
 int performEciExecute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms, int useChannel)
 {
     namespace at = tp::performEciExecute;
 
     TRACE(at::entry, gwTok, EciParms, useChannel != 0 ? "TRUE" : "FALSE");
-    EciCall call = {};
-    call.gwTok = gwTok;
-    call.results = EciParms;
-    call.record = *EciParms;
-    call.isAsync = call.record.eci_call_type == ECI_ASYNC;
-    call.useChannel = useChannel != 0;
-    call.extendMode = call.record.eci_extend_mode;
+    QPX_ECI_PARMS record = *EciParms;
+    bool isAsync = record.eci_call_type == ECI_ASYNC;
     // The application's record may have changed since it was checked.
-    int rc = checkLengths(&call.record, EciParms);
-    if (rc == ECI_NO_ERROR) rc = performCall(&call);
-    explicit_bzero(call.record.eci_password, sizeof call.record.eci_password);
-    explicit_bzero(call.password, sizeof call.password);
+    int rc = checkLengths(&record, EciParms);
+    if (rc == ECI_NO_ERROR)
+        rc = (isAsync ? performProgramCall<AsyncCall>
+                      : performProgramCall<SyncCall>)(gwTok, EciParms, &record, useChannel != 0);
+    explicit_bzero(record.eci_password, sizeof record.eci_password);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }

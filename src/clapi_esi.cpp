@@ -31,51 +31,49 @@ int mapGwyRc(int rc)
 
 /* ---- One request ---- */
 
-/* The trace lines of the steps of a request. */
-struct EsiLines {
-    static constexpr const TracePoint& noLock = tp::performEsiFlow::noLock;
-    static constexpr const TracePoint& notUnlocked = tp::performEsiFlow::notUnlocked;
-    static constexpr const TracePoint& notArmed = tp::performEsiFlow::notArmed;
-    static constexpr const TracePoint& noSendLock = tp::performEsiFlow::noSendLock;
-    static constexpr const TracePoint& sendLockStays = tp::performEsiFlow::sendLockStays;
-    static constexpr const TracePoint& noLockToFree = tp::performEsiFlow::noLockToFree;
-    static constexpr const TracePoint& notUnlockedAfterFree =
-        tp::performEsiFlow::notUnlockedAfterFree;
+namespace {
+
+/* A password request on its way. */
+struct PasswordRequest : OutgoingRequest {
+    struct Lines {
+        static constexpr const TracePoint& noLock = tp::performEsiFlow::noLock;
+        static constexpr const TracePoint& notUnlocked = tp::performEsiFlow::notUnlocked;
+        static constexpr const TracePoint& notArmed = tp::performEsiFlow::notArmed;
+        static constexpr const TracePoint& noLockToBegin = noLock;
+        static constexpr const TracePoint& notUnlockedToBegin = notUnlocked;
+        static constexpr const TracePoint& noSendLock = tp::performEsiFlow::noSendLock;
+        static constexpr const TracePoint& sendLockStays = tp::performEsiFlow::sendLockStays;
+        static constexpr const TracePoint& noLockToFree = tp::performEsiFlow::noLockToFree;
+        static constexpr const TracePoint& notUnlockedAfterFree =
+            tp::performEsiFlow::notUnlockedAfterFree;
+    };
+
+    ESIRequest* body;
+    ESI_DETAILS* esiDetails; // the application's; takes the times of the reply
+
+    void prepareSlot()
+    {
+        slotP->purpose = PASSWORD_REQUEST;
+        slotP->esiDetails = esiDetails;
+    }
+    int build()
+    {
+        clapiBuildRequestHeader(&header, messageId, ESI_REQUEST_NAME);
+        return QPX_OK;
+    }
+    int write(Socket socketDescriptor)
+    {
+        return clapiFlowESIRequest(socketDescriptor, &header, body);
+    }
+    int conclude();
 };
 
-static int sendEsiRequest(_QPX_ConnToken_t* gwTok, RequestSlot* slotP, ESIRequest* esiRequest)
-{
-    GatewayRequest header;
-    clapiBuildRequestHeader(&header, slotP->messageId, ESI_REQUEST_NAME);
-    return sendRequest<EsiLines>(gwTok, slotP, header, [&](Socket socketDescriptor) {
-        return clapiFlowESIRequest(socketDescriptor, &header, esiRequest);
-    });
-}
+} // namespace
 
-/* The outcome of a request that has been waited for. */
-static int esiResult(const RequestSlot* slotP)
+int PasswordRequest::conclude()
 {
-    return slotP->gatewayRc != QPX_OK ? slotP->gatewayRc : mapGwyRc(slotP->vornRc);
-}
-
-static int exchange(_QPX_ConnToken_t* gwTok, ESIRequest* esiRequest, ESI_DETAILS* esiDetails)
-{
-    RequestSlot* slotP = nullptr;
-    int rc = obtainRequestSlot<EsiLines>(gwTok, &slotP, [&](RequestSlot* taken) {
-        taken->purpose = PASSWORD_REQUEST;
-        taken->esiDetails = esiDetails;
-    });
-    if (slotP == nullptr) return rc;
-
-    if (rc == QPX_OK) rc = armRequestEvent<EsiLines>(slotP);
-    if (rc == QPX_OK) rc = sendEsiRequest(gwTok, slotP, esiRequest);
-    if (rc == QPX_OK) rc = awaitReply(slotP);
-    if (rc != QPX_OK) {
-        clapiDropSlot(gwTok, slotP);
-        return rc;
-    }
-    rc = esiResult(slotP);
-    bool released = releaseRequestSlot<EsiLines>(gwTok, slotP) == QPX_OK;
+    int rc = slotP->gatewayRc != QPX_OK ? slotP->gatewayRc : mapGwyRc(slotP->vornRc);
+    bool released = releaseRequestSlot(this) == QPX_OK;
     return firstFailure(rc, released ? QPX_OK : ESI_ERR_SYSTEM_ERROR);
 }
 
@@ -84,7 +82,11 @@ static int performEsiFlow(QPX_ConnToken_t gwTok, ESIRequest* esiRequest, ESI_DET
     namespace at = tp::performEsiFlow;
 
     TRACE(at::entry, gwTok, esiRequest, esiDetails);
-    int rc = exchange(gwTok, esiRequest, esiDetails);
+    PasswordRequest request = {};
+    request.gwTok = gwTok;
+    request.body = esiRequest;
+    request.esiDetails = esiDetails;
+    int rc = performRequest(&request);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }

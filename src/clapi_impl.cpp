@@ -729,55 +729,56 @@ int QPX_getApplidQualifier(QPX_ConnToken_t gwTok, char** applidQualifier)
 
 /* ---- The list of systems ---- */
 
-/* A query and what the application gave for it. */
-struct ListQuery {
-    _QPX_ConnToken_t* gwTok;
+namespace {
+
+/* A query on its way, and what the application gave for it. */
+struct ListQuery : OutgoingRequest {
+    struct Lines {
+        static constexpr const TracePoint& noLock = tp::QPX_listSystems::noLock;
+        static constexpr const TracePoint& notUnlocked = tp::QPX_listSystems::notUnlocked;
+        static constexpr const TracePoint& notArmed = tp::QPX_listSystems::notArmed;
+        static constexpr const TracePoint& noLockToBegin = noLock;
+        static constexpr const TracePoint& notUnlockedToBegin = notUnlocked;
+        static constexpr const TracePoint& noSendLock = tp::QPX_listSystems::noSendLock;
+        static constexpr const TracePoint& sendLockStays = tp::QPX_listSystems::sendLockStays;
+        static constexpr const TracePoint& noLockToFree = tp::QPX_listSystems::noLockToFree;
+        static constexpr const TracePoint& notUnlockedAfterFree =
+            tp::QPX_listSystems::notUnlockedAfterFree;
+    };
+
     unsigned short* Systems;
     QPX_listSystem_t* List;
     unsigned short capacity; // entries that List has room for
+    ECIRequest body;
+
+    void prepareSlot();
+    int build();
+    int write(Socket socketDescriptor)
+    {
+        return clapiFlowECIRequest(socketDescriptor, &header, &body);
+    }
+    int conclude();
 };
 
-/* The trace lines of the steps of a query. */
-struct ListLines {
-    static constexpr const TracePoint& noLock = tp::QPX_listSystems::noLock;
-    static constexpr const TracePoint& notUnlocked = tp::QPX_listSystems::notUnlocked;
-    static constexpr const TracePoint& notArmed = tp::QPX_listSystems::notArmed;
-    static constexpr const TracePoint& noSendLock = tp::QPX_listSystems::noSendLock;
-    static constexpr const TracePoint& sendLockStays = tp::QPX_listSystems::sendLockStays;
-    static constexpr const TracePoint& noLockToFree = tp::QPX_listSystems::noLockToFree;
-    static constexpr const TracePoint& notUnlockedAfterFree =
-        tp::QPX_listSystems::notUnlockedAfterFree;
-};
+} // namespace
 
 /* Tells the receiver where the reply goes. */
-static void prepareListSlot(const ListQuery& query, RequestSlot* slotP)
+void ListQuery::prepareSlot()
 {
     slotP->purpose = SYSTEM_LIST_QUERY;
-    slotP->eciParms.eci_commarea = reinterpret_cast<char*>(query.List);
-    slotP->replyCapacity = query.capacity * sizeof(QPX_listSystem_t);
+    slotP->eciParms.eci_commarea = reinterpret_cast<char*>(List);
+    slotP->replyCapacity = capacity * sizeof(QPX_listSystem_t);
 }
 
-/* The query as it goes out. */
-struct ListRequest {
-    GatewayRequest header;
-    ECIRequest body;
-};
-
-static void buildListRequest(const ListQuery& query, int messageId, ListRequest* request)
+int ListQuery::build()
 {
-    clapiBuildRequestHeader(&request->header, messageId, ECI_REQUEST_NAME);
-    request->body.callType = WIRE_CALL_LIST_SYSTEMS;
-    request->body.commarea = reinterpret_cast<char*>(query.List);
-    request->body.server_num = query.capacity;
-    request->body.xid.format = NO_XID;
-    request->body.qpxCorrelator = getNextCorrelator();
-}
-
-static int sendListRequest(_QPX_ConnToken_t* gwTok, RequestSlot* slotP, ListRequest* request)
-{
-    return sendRequest<ListLines>(gwTok, slotP, request->header, [&](Socket socketDescriptor) {
-        return clapiFlowECIRequest(socketDescriptor, &request->header, &request->body);
-    });
+    clapiBuildRequestHeader(&header, messageId, ECI_REQUEST_NAME);
+    body.callType = WIRE_CALL_LIST_SYSTEMS;
+    body.commarea = reinterpret_cast<char*>(List);
+    body.server_num = capacity;
+    body.xid.format = NO_XID;
+    body.qpxCorrelator = getNextCorrelator();
+    return QPX_OK;
 }
 
 /* Turns blanks behind a name into NULs. Deliberate: a first character that is one stays. */
@@ -791,8 +792,9 @@ static void trimSystemName(QPX_listSystem_t* system)
 }
 
 /* The outcome of a query that has been waited for; the reply is in the application's list. */
-static int listResult(const ListQuery& query, const RequestSlot* slotP)
+static int listResult(const ListQuery& query)
 {
+    const RequestSlot* slotP = query.slotP;
     if (slotP->gatewayRc != QPX_OK) return slotP->gatewayRc;
 
     unsigned short reported = static_cast<unsigned short>(slotP->eciParms.eci_luw_token);
@@ -803,25 +805,11 @@ static int listResult(const ListQuery& query, const RequestSlot* slotP)
     return slotP->vornRc;
 }
 
-static int performListQuery(const ListQuery& query)
+int ListQuery::conclude()
 {
-    RequestSlot* slotP = nullptr;
-    int rc = obtainRequestSlot<ListLines>(
-        query.gwTok, &slotP, [&](RequestSlot* taken) { prepareListSlot(query, taken); });
-    if (slotP == nullptr) return rc;
-
-    ListRequest request = {};
-    if (rc == QPX_OK) buildListRequest(query, slotP->messageId, &request);
-    if (rc == QPX_OK) rc = armRequestEvent<ListLines>(slotP);
-    if (rc == QPX_OK) rc = sendListRequest(query.gwTok, slotP, &request);
-    if (rc == QPX_OK) rc = awaitReply(slotP);
-    if (rc != QPX_OK) {
-        clapiDropSlot(query.gwTok, slotP);
-        return rc;
-    }
-    rc = listResult(query, slotP);
+    int rc = listResult(*this);
     // Deliberate: a failure here takes the place of whatever the Gateway said.
-    return firstFailure(releaseRequestSlot<ListLines>(query.gwTok, slotP), rc);
+    return firstFailure(releaseRequestSlot(this), rc);
 }
 
 static int checkListQuery(const ListQuery& query)
@@ -854,7 +842,7 @@ static int listSystems(ListQuery* query)
     rc = checkListQuery(*query);
     if (rc == QPX_OK) {
         query->capacity = *query->Systems;
-        rc = performListQuery(*query);
+        rc = performRequest(query);
     }
     if (clapiUnregisterRequest(query->gwTok) != QPX_OK) {
         TRACE(at::notUnregistered);

@@ -1,36 +1,93 @@
 /*
- * request_steps.h - the steps of a request that is sent and waited for. A password request and the
- * query for the list of systems consist of them, a program call shares some.
+ * request_steps.h - the way of a request from its slot to its outcome. Program calls, password
+ * requests and the query for the list of systems all go it, and each names what it does otherwise.
  *
- * Lines names the trace lines of whoever makes the request: noLock, notUnlocked, notArmed,
- * noSendLock, sendLockStays, noLockToFree, notUnlockedAfterFree; those of the steps that it takes.
+ * A request is a class that extends OutgoingRequest, whose functions it may replace, and has
+ *
+ *   Lines           its trace lines: noLock, notUnlocked (taking the slot), notArmed, noLockToBegin,
+ *                   notUnlockedToBegin, noSendLock, sendLockStays; noLockToFree and
+ *                   notUnlockedAfterFree, if it gives its slot back with releaseRequestSlot
+ *   prepareSlot()   puts into the slot where the reply goes. Locks: tableLock held
+ *   build()         makes header and body: 0, or why there is nothing to send
+ *   write(socket)   sends the flow, with sendLock held
+ *   conclude()      takes the outcome and gives the slot back
+ *
+ * Locks: tableLock for slots, sendLock for one flow; never both, and neither across a wait.
  */
 #ifndef REQUEST_STEPS_H
 #define REQUEST_STEPS_H
 
 #include "clapi_delivery.h"
 #include "clapi_diag.h"
+#include "clapi_gwycon.h"
 #include "clapi_gwytok.h"
 #include "clapi_rc.h"
 #include "clapi_socketcomms.h"
 #include "schedule_points.h"
 
-/* Takes a slot and has prepare(slot) put into it where the reply goes. *slotPP stays null if no
- * slot has been taken. */
-template <typename Lines, typename Prepare>
-int obtainRequestSlot(_QPX_ConnToken_t* gwTok, RequestSlot** slotPP, Prepare prepare)
+/* What every request has, and does unless it has its own way. */
+struct OutgoingRequest {
+    _QPX_ConnToken_t* gwTok;
+    int luwToken;         // the unit of work whose slot it takes; 0 for a free one
+    RequestSlot* slotP;   // null while it has none
+    uint32_t allocNumber; // names its use of the slot
+    int messageId;
+    GatewayRequest header;
+
+    /* What it gets on a connection that does not stand. With 0 it goes on, to no socket: that has
+     * the same result as a closed one. Locks: tableLock held. */
+    int refusal() const { return QPX_OK; }
+
+    /* It waits now. Locks: tableLock held. */
+    void traceBegun() const {}
+
+    /* Ends a sending that has failed with rc, and returns what the request gets. */
+    int endFailedSending(int rc)
+    {
+        clapiEndFailedSending(gwTok, slotP, header.brokenOff);
+        return rc;
+    }
+
+    int awaitReply()
+    {
+        SCHEDULE_POINT(beforeReplyWait, slotP);
+        return clapiWaitEvent(&slotP->requestEvent) == 0 ? QPX_OK : QPX_ERR_SYSTEM_ERROR;
+    }
+
+    /* Locks: tableLock held. */
+    void giveSlotBack() { slotFree(&gwTok->table, slotP); }
+};
+
+/* Locks: tableLock held. */
+template <typename Request>
+int takeRequestSlot(Request* request)
 {
-    LockGuard table(gwTok->tableLock);
+    _QPX_ConnToken_t* gwTok = request->gwTok;
+    int rc = gwTok->connStatus == CONN_CONNECTED ? QPX_OK : request->refusal();
+    if (rc != QPX_OK) return rc;
+
+    RequestSlot* slotP = nullptr;
+    rc = slotFind(&gwTok->table, request->luwToken, &slotP);
+    if (rc != QPX_OK) return rc;
+
+    request->slotP = slotP;
+    request->allocNumber = slotP->allocNumber;
+    request->messageId = slotP->messageId;
+    request->prepareSlot();
+    return QPX_OK;
+}
+
+template <typename Request>
+int obtainRequestSlot(Request* request)
+{
+    using Lines = typename Request::Lines;
+
+    LockGuard table(request->gwTok->tableLock);
     if (!table.held()) {
         TRACE(Lines::noLock);
         return QPX_ERR_SYSTEM_ERROR;
     }
-    RequestSlot* slotP = nullptr;
-    int rc = slotFind(&gwTok->table, 0, &slotP);
-    if (rc == QPX_OK) {
-        prepare(slotP);
-        *slotPP = slotP;
-    }
+    int rc = takeRequestSlot(request);
     if (table.release() != 0) {
         TRACE(Lines::notUnlocked);
         rc = firstFailure(rc, QPX_ERR_SYSTEM_ERROR);
@@ -38,41 +95,55 @@ int obtainRequestSlot(_QPX_ConnToken_t* gwTok, RequestSlot** slotPP, Prepare pre
     return rc;
 }
 
-template <typename Lines>
-int armRequestEvent(RequestSlot* slotP)
+template <typename Request>
+int armRequestEvent(Request* request)
 {
-    if (clapiSetEvent(&slotP->requestEvent) != 0) {
+    using Lines = typename Request::Lines;
+
+    if (clapiSetEvent(&request->slotP->requestEvent) != 0) {
         TRACE(Lines::notArmed);
         return QPX_ERR_SYSTEM_ERROR;
     }
-    SCHEDULE_POINT(requestArmed, slotP);
+    SCHEDULE_POINT(requestArmed, request->slotP);
     return QPX_OK;
 }
 
-/* Hands the slot over to the receiver, if the connection still stands; *begun tells. */
-template <typename Lines>
-int beginRequest(_QPX_ConnToken_t* gwTok, RequestSlot* slotP, bool* begun)
+/* Hands the slot over to the receiver, if the connection still stands. *begun tells whether that
+ * has happened; the sending must then be ended. */
+template <typename Request>
+int beginRequest(Request* request, bool* begun)
 {
-    LockGuard table(gwTok->tableLock);
+    using Lines = typename Request::Lines;
+
+    LockGuard table(request->gwTok->tableLock);
     if (!table.held()) {
-        TRACE(Lines::noLock);
+        TRACE(Lines::noLockToBegin);
         return QPX_ERR_SYSTEM_ERROR;
     }
-    *begun = clapiBeginSending(gwTok, slotP);
-    if (table.release() == 0) return QPX_OK;
-    TRACE(Lines::notUnlocked);
-    return QPX_ERR_SYSTEM_ERROR;
+    *begun = clapiBeginSending(request->gwTok, request->slotP);
+    int rc = *begun ? QPX_OK : request->refusal();
+    if (*begun) request->traceBegun();
+    if (table.release() != 0) {
+        TRACE(Lines::notUnlockedToBegin);
+        rc = firstFailure(rc, QPX_ERR_SYSTEM_ERROR);
+    }
+    return rc;
 }
 
-template <typename Lines, typename WriteFlow>
-int writeRequest(_QPX_ConnToken_t* gwTok, Socket socketDescriptor, WriteFlow writeFlow)
+/* Sends the flow. The socket of a connection that has ended may be another's by now, and that one
+ * shall see nothing of it: only a request that has begun gets the socket. */
+template <typename Request>
+int writeRequest(Request* request, bool begun)
 {
-    LockGuard sending(gwTok->sendLock);
+    using Lines = typename Request::Lines;
+
+    Socket socketDescriptor = begun ? request->gwTok->socketDescriptor.load() : NO_SOCKET;
+    LockGuard sending(request->gwTok->sendLock);
     if (!sending.held()) {
         TRACE(Lines::noSendLock);
         return QPX_ERR_SYSTEM_ERROR;
     }
-    int rc = writeFlow(socketDescriptor);
+    int rc = request->write(socketDescriptor);
     if (sending.release() != 0) {
         TRACE(Lines::sendLockStays);
         rc = firstFailure(rc, QPX_ERR_SYSTEM_ERROR);
@@ -80,43 +151,49 @@ int writeRequest(_QPX_ConnToken_t* gwTok, Socket socketDescriptor, WriteFlow wri
     return rc;
 }
 
-/* Has writeFlow(socket) send the request with that header. The socket of a connection that has
- * ended may be another's by now, and that one shall see nothing of it: the flow then goes to no
- * socket, with the same result as on a closed one. */
-template <typename Lines, typename WriteFlow>
-int sendRequest(_QPX_ConnToken_t* gwTok, RequestSlot* slotP, const GatewayRequest& header,
-                WriteFlow writeFlow)
+/* From its beginning on the slot is also the receiver's, and an asynchronous one any collector's. */
+template <typename Request>
+int sendRequest(Request* request)
 {
     bool begun = false;
-    int rc = beginRequest<Lines>(gwTok, slotP, &begun);
-    if (begun) SCHEDULE_POINT(beforeRequestWrite, slotP);
-    Socket socketDescriptor = begun ? gwTok->socketDescriptor.load() : NO_SOCKET;
-    if (rc == QPX_OK) rc = writeRequest<Lines>(gwTok, socketDescriptor, writeFlow);
+    int rc = beginRequest(request, &begun);
+    if (begun) SCHEDULE_POINT(beforeRequestWrite, request->slotP);
+    if (rc == QPX_OK) rc = writeRequest(request, begun);
     if (!begun) return rc;
-    SCHEDULE_POINT(requestWritten, slotP);
-    if (rc == QPX_OK)
-        clapiEndSending(gwTok);
-    else
-        clapiEndFailedSending(gwTok, slotP, header.brokenOff);
+    SCHEDULE_POINT(requestWritten, request->slotP);
+    if (rc != QPX_OK) return request->endFailedSending(rc);
+    clapiEndSendingRequest(request->gwTok, request->slotP, request->allocNumber);
+    return QPX_OK;
+}
+
+/* The whole way. The event is armed before the slot waits, and the slot waits before the flow is
+ * written: neither a reply nor the connection's end can come too early to be noticed. */
+template <typename Request>
+int performRequest(Request* request)
+{
+    int rc = obtainRequestSlot(request);
+    if (rc == QPX_OK) rc = request->build();
+    if (rc == QPX_OK) rc = armRequestEvent(request);
+    if (rc == QPX_OK) rc = sendRequest(request);
+    if (rc == QPX_OK) rc = request->awaitReply();
+    if (rc == QPX_OK) return request->conclude();
+    if (request->slotP != nullptr) clapiDropSlot(request->gwTok, request->slotP);
     return rc;
 }
 
-inline int awaitReply(RequestSlot* slotP)
+/* Gives the slot back after the reply. Without the lock the request keeps it. */
+template <typename Request>
+int releaseRequestSlot(Request* request)
 {
-    SCHEDULE_POINT(beforeReplyWait, slotP);
-    return clapiWaitEvent(&slotP->requestEvent) == 0 ? QPX_OK : QPX_ERR_SYSTEM_ERROR;
-}
+    using Lines = typename Request::Lines;
 
-/* Frees the slot after the reply. Deliberate: without the lock the slot stays allocated. */
-template <typename Lines>
-int releaseRequestSlot(_QPX_ConnToken_t* gwTok, RequestSlot* slotP)
-{
-    LockGuard table(gwTok->tableLock);
+    LockGuard table(request->gwTok->tableLock);
     if (!table.held()) {
         TRACE(Lines::noLockToFree);
         return QPX_ERR_SYSTEM_ERROR;
     }
-    slotFree(&gwTok->table, slotP);
+    request->giveSlotBack();
+    request->slotP = nullptr;
     if (table.release() == 0) return QPX_OK;
     TRACE(Lines::notUnlockedAfterFree);
     return QPX_ERR_SYSTEM_ERROR;

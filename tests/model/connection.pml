@@ -464,7 +464,7 @@ inline endFailedSending(s)
 
 /* ---- Calls of server programs: clapi_eci ---- */
 
-/* performEciExecute: obtainSlot, takeSlot, slotFind. A unit of work's slot is found again. */
+/* obtainRequestSlot: takeRequestSlot, slotFind. A unit of work's slot is found again. */
 inline obtainSlot(me, async, unit)
 {
     atomic {
@@ -500,7 +500,7 @@ inline armRequestEvent()
     atomic { TOUCH; arm(slot[s].requestEvent) }
 }
 
-/* beginSending: clapiBeginSending under tableLock. */
+/* beginRequest: clapiBeginSending under tableLock. */
 inline beginSending(me, async)
 {
     atomic {
@@ -679,7 +679,7 @@ inline endSendingRequest(me)
 #endif
 }
 
-/* sendRequest, sendCall; failAsyncCall ends the sending of an asynchronous call that has failed. */
+/* sendRequest; takeBack ends the sending of an asynchronous call that has failed. */
 inline sendRequest(me, async)
 {
     beginSending(me, async);
@@ -710,7 +710,7 @@ inline dropSlot()
     atomic { TOUCH; slotFree(s); tableLock = NOBODY }
 }
 
-/* performSyncCall: armRequestEvent, sendRequest, awaitReply, releaseSlot. */
+/* performRequest of a synchronous call: armRequestEvent, sendRequest, awaitReply, conclude. */
 inline performSyncCall(me, keepsUnit)
 {
 #ifndef BREAK_ARMED_AFTER_WAITING
@@ -749,7 +749,7 @@ inline countOut()
     fi
 }
 
-/* clapiLeaveSenders, at the end of failAsyncCall */
+/* clapiLeaveSenders, at the end of takeBack */
 inline leaveFailed()
 {
 #ifndef BREAK_FAILED_SENDER_LEAVES_EARLY
@@ -765,7 +765,7 @@ inline leaveFailed()
 #define withdrawalIsTold ((closedown && asyncCount == 0) || connStatus != CONNECTED)
 #endif
 
-/* failAsyncCall: isStillOurs, withdraw. */
+/* takeBack: isStillOurs, withdraw. */
 inline failAsyncCall(me)
 {
     atomic { tableLock == NOBODY -> TOUCH; noteBrokenFlow(); wakeReader(s) };
@@ -799,7 +799,7 @@ inline failAsyncCall(me)
     fi
 }
 
-/* performAsyncCall: armRequestEvent, sendRequest, and what follows a failure. */
+/* performRequest of an asynchronous call: armRequestEvent, sendRequest, what follows a failure. */
 inline performAsyncCall(me)
 {
     armRequestEvent();
@@ -1026,7 +1026,7 @@ inline awaitAsyncReply(specific, waits, wanted)
 }
 
 /* takeReply: countOut, clapiUnlinkReply, consumeSlot, armForNextReply; in consumeSlot
- * takeHeldChannel and releaseChannel. */
+ * takeHeldChannel and unlockChannel. */
 inline takeReply()
 {
     atomic {

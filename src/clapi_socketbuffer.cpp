@@ -64,24 +64,28 @@ static void bindToMessage(SocketBuffer* sockBuffer, Socket socketDesc, size_t da
     sockBuffer->totalCount = dataLen;
 }
 
+/* Gives a record storage and binds it to a message. The parameters are the lines that it writes. */
+template <const TracePoint& reused, const TracePoint& allocated, const TracePoint& noMemory>
+static int initBuffer(SocketBuffer* sockBuffer, Socket socketDesc, size_t dataLen)
+{
+    switch (ensureStorage(sockBuffer, dataLen)) {
+    case Storage::reused: TRACE(reused, traceSize(sockBuffer->bufferSize)); break;
+    case Storage::allocated: TRACE(allocated, traceSize(sockBuffer->bufferSize)); break;
+    case Storage::missing:
+        TRACE(noMemory, traceSize(std::min(dataLen, SOCKET_BUFFER_CAPACITY)));
+        return QPX_ERR_MALLOCFAIL;
+    }
+    bindToMessage(sockBuffer, socketDesc, dataLen);
+    return QPX_OK;
+}
+
 int initWriteBuffer(SocketBuffer* sockBuffer, Socket socketDesc, size_t dataLen)
 {
     namespace at = tp::initWriteBuffer;
 
     TRACE(at::entry, sockBuffer, traceSocket(socketDesc), traceSize(dataLen));
-    int rc = QPX_OK;
-    switch (ensureStorage(sockBuffer, dataLen)) {
-    case Storage::reused: TRACE(at::reused, traceSize(sockBuffer->bufferSize)); break;
-    case Storage::allocated: TRACE(at::allocated, traceSize(sockBuffer->bufferSize)); break;
-    case Storage::missing:
-        TRACE(at::noMemory, traceSize(std::min(dataLen, SOCKET_BUFFER_CAPACITY)));
-        rc = QPX_ERR_MALLOCFAIL;
-        break;
-    }
-    if (rc == QPX_OK) {
-        bindToMessage(sockBuffer, socketDesc, dataLen);
-        sockBuffer->ptr = sockBuffer->buffer;
-    }
+    int rc = initBuffer<at::reused, at::allocated, at::noMemory>(sockBuffer, socketDesc, dataLen);
+    if (rc == QPX_OK) sockBuffer->ptr = sockBuffer->buffer;
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }
@@ -91,16 +95,7 @@ int initReadBuffer(SocketBuffer* sockBuffer, Socket socketDesc, size_t dataLen)
     namespace at = tp::initReadBuffer;
 
     TRACE(at::entry, sockBuffer, traceSocket(socketDesc), traceSize(dataLen));
-    int rc = QPX_OK;
-    switch (ensureStorage(sockBuffer, dataLen)) {
-    case Storage::reused: TRACE(at::reused, traceSize(sockBuffer->bufferSize)); break;
-    case Storage::allocated: TRACE(at::allocated, traceSize(sockBuffer->bufferSize)); break;
-    case Storage::missing:
-        TRACE(at::noMemory, traceSize(std::min(dataLen, SOCKET_BUFFER_CAPACITY)));
-        rc = QPX_ERR_MALLOCFAIL;
-        break;
-    }
-    if (rc == QPX_OK) bindToMessage(sockBuffer, socketDesc, dataLen);
+    int rc = initBuffer<at::reused, at::allocated, at::noMemory>(sockBuffer, socketDesc, dataLen);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }

@@ -720,11 +720,58 @@ static void readSystemList(SocketBuffer* sockBuffer, ECIRequest* request)
     readIntoCommarea(sockBuffer, request, replyLength(request->commarealength));
 }
 
-static int readInboundLength(SocketBuffer* sockBuffer, const ECIRequest* request)
+/* Bytes that are looked at and stay where they are. Behind their end every field is 0. */
+struct UnreadBytes {
+    const char* next;
+    size_t count;
+    bool ranOut;
+};
+
+static void readBytes(UnreadBytes* unread, char* data, size_t length)
 {
-    if (readByte(sockBuffer) == NO_FIELD) return request->commarealength;
-    readByte(sockBuffer); // consumed, its value is of no use
-    return readInt(sockBuffer);
+    memset(data, 0, length);
+    if (unread->count < length) unread->ranOut = true;
+    if (unread->ranOut) return;
+    memcpy(data, unread->next, length);
+    unread->next += length;
+    unread->count -= length;
+}
+
+static char readByte(UnreadBytes* unread)
+{
+    char byte;
+    readBytes(unread, &byte, sizeof byte);
+    return byte;
+}
+
+static int readInt(UnreadBytes* unread)
+{
+    char bytes[sizeof(uint32_t)];
+    uint32_t wireValue;
+    readBytes(unread, bytes, sizeof bytes);
+    memcpy(&wireValue, bytes, sizeof wireValue);
+    return static_cast<int>(ntohl(wireValue));
+}
+
+template <typename Source>
+static int readInboundLength(Source* source, const ECIRequest* request)
+{
+    if (readByte(source) == NO_FIELD) return request->commarealength;
+    readByte(source); // consumed, its value is of no use
+    return readInt(source);
+}
+
+/* The fields of a program call's reply behind the call type, as far as its COMMAREA. They come
+ * from a buffer, or from the bytes in it that are not read yet. */
+template <typename Source>
+static void readReplyFields(Source* source, ECIRequest* request)
+{
+    request->luwToken = readInt(source);
+    request->messageQualifier = readInt(source);
+    request->vornRc = readInt(source);
+    readBytes(source, request->abendCode, sizeof request->abendCode);
+    request->commarealength = readInt(source);
+    request->commareaInboundLength = readInboundLength(source, request);
 }
 
 /* Reads the returned COMMAREA and zeroes what the server did not fill. */
@@ -751,12 +798,7 @@ static int readChannelSection(SocketBuffer* sockBuffer, ECIRequest* request)
 
 static int readProgramReply(SocketBuffer* sockBuffer, ECIRequest* request)
 {
-    request->luwToken = readInt(sockBuffer);
-    request->messageQualifier = readInt(sockBuffer);
-    request->vornRc = readInt(sockBuffer);
-    readBytes(sockBuffer, request->abendCode, sizeof request->abendCode);
-    request->commarealength = readInt(sockBuffer);
-    request->commareaInboundLength = readInboundLength(sockBuffer, request);
+    readReplyFields(sockBuffer, request);
     if (carriesData(request)) readCommarea(sockBuffer, request);
     return readChannelSection(sockBuffer, request);
 }
@@ -789,28 +831,14 @@ int clapiApplyChannelSection(const ArrivingBytes* section, ECI_Channel_t* channe
     return rc;
 }
 
-/* A big-endian integer at an offset of the unread bytes. */
-static int peekInt(const SocketBuffer* sockBuffer, size_t offset)
-{
-    uint32_t wireValue;
-    memcpy(&wireValue, sockBuffer->ptr + offset, sizeof wireValue);
-    return static_cast<int>(ntohl(wireValue));
-}
-
 int clapiPeekInboundLength(const SocketBuffer* sockBuffer)
 {
-    // Where a program call's reply has its lengths: behind five fields of 4 bytes the size of
-    // the COMMAREA, then a flag, and if that is set one more byte and the inbound length.
-    constexpr size_t COMMAREA_LENGTH_AT = 20;
-    constexpr size_t FLAG_AT = 24;
-    constexpr size_t INBOUND_LENGTH_AT = 26;
-
-    if (sockBuffer->count <= FLAG_AT) return 0;
-    int callType = peekInt(sockBuffer, 0);
-    if (callType != WIRE_CALL_PROGRAM && callType != WIRE_CALL_TPN) return 0;
-    if (sockBuffer->ptr[FLAG_AT] == NO_FIELD) return peekInt(sockBuffer, COMMAREA_LENGTH_AT);
-    if (sockBuffer->count < INBOUND_LENGTH_AT + sizeof(uint32_t)) return 0;
-    return peekInt(sockBuffer, INBOUND_LENGTH_AT);
+    UnreadBytes unread = {sockBuffer->ptr, sockBuffer->count, false};
+    ECIRequest reply = {};
+    reply.callType = readInt(&unread);
+    if (!isProgramCall(&reply)) return 0;
+    readReplyFields(&unread, &reply);
+    return unread.ranOut ? 0 : reply.commareaInboundLength;
 }
 
 /* ---- ESI requests ---- */

@@ -1239,7 +1239,7 @@ static int removeContainer(ECI_Channel_t* channel, const char* name)
     return ECI_NO_ERROR;
 }
 
-static int deleteContainer(ECI_ChannelToken_t chanTok, const char* name)
+static int deleteNamedContainer(ECI_ChannelToken_t chanTok, const char* name)
 {
     namespace at = tp::ECI_deleteContainer;
 
@@ -1259,7 +1259,7 @@ int ECI_deleteContainer(ECI_ChannelToken_t chanTok, const char* name)
     ApiCall apiCall;
     int rc = clapiInit();
     TRACE(at::entry, chanTok, traceText(name));
-    if (rc == QPX_OK) rc = deleteContainer(chanTok, name);
+    if (rc == QPX_OK) rc = deleteNamedContainer(chanTok, name);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }

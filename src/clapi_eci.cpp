@@ -617,7 +617,7 @@ static ECI_Channel_t* takeHeldChannel(RequestSlot* slotP)
     return channel;
 }
 
-static int releaseChannel(ECI_Channel_t* channel)
+static int giveChannelBack(ECI_Channel_t* channel)
 {
     namespace at = tp::getAsyncReply;
 
@@ -641,7 +641,7 @@ static int consumeSlot(const Collection& wanted, RequestSlot* slotP)
     } else {
         slotFree(&wanted.gwTok->table, slotP);
     }
-    return firstFailure(rc, releaseChannel(channel));
+    return firstFailure(rc, giveChannelBack(channel));
 }
 
 /* With nothing queued, later waiters must wait, unless nothing can come any more. */

@@ -142,7 +142,7 @@ static void makeUtf8(const char* in, char* out)
     }
 }
 
-static int sendHandshake(Socket socketDesc, const char* applid, const char* applidQualifier)
+static int sendHandshakeFlow(Socket socketDesc, const char* applid, const char* applidQualifier)
 {
     char utf8Applid[UTF8_APPLID_SIZE] = {};
     char utf8Qualifier[UTF8_APPLID_SIZE] = {};
@@ -177,7 +177,7 @@ int clapiFlowHandshakeRequest(Socket socketDesc, char* applid, char* applidQuali
     namespace at = tp::clapiFlowHandshakeRequest;
 
     TRACE(at::entry, traceSocket(socketDesc), applid, applidQualifier);
-    int rc = sendHandshake(socketDesc, applid, applidQualifier);
+    int rc = sendHandshakeFlow(socketDesc, applid, applidQualifier);
     TRACE(at::exit, rc);
     return rc;
 }
@@ -328,7 +328,7 @@ static int addContainer(SocketBuffer* sockBuffer, ECI_Channel_t* channel, ECI_Co
     return rc;
 }
 
-static int removeContainer(ECI_Channel_t* channel, const char* name)
+static int unlinkAndFreeContainer(ECI_Channel_t* channel, const char* name)
 {
     namespace at = tp::deleteContainer;
 
@@ -353,7 +353,7 @@ static int deleteContainer(ECI_Channel_t* channel, const char* name)
     namespace at = tp::deleteContainer;
 
     TRACE(at::entry, channel, name);
-    int rc = removeContainer(channel, name);
+    int rc = unlinkAndFreeContainer(channel, name);
     TRACE(at::exit, rc);
     return rc;
 }

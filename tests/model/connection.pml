@@ -1026,7 +1026,7 @@ inline awaitAsyncReply(specific, waits, wanted)
 }
 
 /* takeReply: countOut, clapiUnlinkReply, consumeSlot, armForNextReply; in consumeSlot
- * takeHeldChannel and unlockChannel. */
+ * takeHeldChannel and giveChannelBack. */
 inline takeReply()
 {
     atomic {

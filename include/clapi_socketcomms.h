@@ -125,6 +125,12 @@ typedef struct _ECIRequest {
     std::atomic<int32_t>* channelBeingSent; // of a request with a channel: set to 0 once it is read
 } ECIRequest;
 
+/* Whether a call has data: one that ends a unit of work carries none, in either direction. */
+inline bool clapiCarriesData(int extendMode)
+{
+    return extendMode != ECI_COMMIT && extendMode != ECI_BACKOUT;
+}
+
 /* Sets the header's datalength and sends the request. Its channel has been read before the last
  * bytes leave, without which the Gateway cannot answer. */
 int clapiFlowECIRequest(Socket socketDesc, GatewayRequest* header, ECIRequest* request);

@@ -60,12 +60,6 @@ static bool isExtendMode(int mode)
            mode == ECI_BACKOUT;
 }
 
-/* A call that ends a unit of work carries no data. */
-static bool carriesData(int extendMode)
-{
-    return extendMode != ECI_COMMIT && extendMode != ECI_BACKOUT;
-}
-
 /* Checks what says where the data is and how much. The record may be a copy, which lines show under
  * the address of its original. */
 static int checkLengths(const QPX_ECI_PARMS* record, const QPX_ECI_PARMS* shownAs)
@@ -211,7 +205,7 @@ struct AsyncCall : EciCall {
  * whoever ends an asynchronous call unlocks it. */
 static bool sendsChannel(const EciCall* call)
 {
-    return call->useChannel && carriesData(call->record->eci_extend_mode);
+    return call->useChannel && clapiCarriesData(call->record->eci_extend_mode);
 }
 
 void EciCall::prepareSlot()
@@ -273,7 +267,7 @@ int EciCall::build()
     if (sendsChannel(this)) {
         body.channel = record->channel;
         body.channelBeingSent = &slotP->channelBeingSent;
-    } else if (carriesData(record->eci_extend_mode)) {
+    } else if (clapiCarriesData(record->eci_extend_mode)) {
         setCommarea(&body, record);
     }
     return ECI_NO_ERROR;
@@ -604,7 +598,7 @@ static int takeData(const Collection& wanted, RequestSlot* slotP)
         wanted.EciParms->eci_commarea_length = inbound;
         return ECI_ERR_INVALID_DATA_LENGTH;
     }
-    if (carriesData(slotP->eciParms.eci_extend_mode) && slotP->asyncBuffer != nullptr)
+    if (clapiCarriesData(slotP->eciParms.eci_extend_mode) && slotP->asyncBuffer != nullptr)
         copyCommarea(wanted, slotP);
     return ECI_NO_ERROR;
 }
@@ -876,7 +870,7 @@ static int performHoldingChannel(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
 static int executeChannelCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
 {
     if (!startsWork(EciParms->eci_call_type)) return getAsyncReply(gwTok, EciParms);
-    if (!carriesData(EciParms->eci_extend_mode)) return performChannelCall(gwTok, EciParms);
+    if (!clapiCarriesData(EciParms->eci_extend_mode)) return performChannelCall(gwTok, EciParms);
     return performHoldingChannel(gwTok, EciParms);
 }
 

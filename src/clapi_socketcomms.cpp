@@ -531,12 +531,6 @@ static bool isProgramCall(const ECIRequest* request)
     return request->callType == WIRE_CALL_PROGRAM || request->callType == WIRE_CALL_TPN;
 }
 
-/* A call that ends a unit of work carries no data in either direction. */
-static bool carriesData(const ECIRequest* request)
-{
-    return request->extendedMode != ECI_COMMIT && request->extendedMode != ECI_BACKOUT;
-}
-
 static int textLength(const char* text)
 {
     return text != nullptr ? static_cast<int>(strlen(text)) : 0;
@@ -554,7 +548,7 @@ static int64_t programCallSize(const ECIRequest* request)
     int64_t size = ECI_PROGRAM_SIZE + textLength(request->password) + request->pyxaLen;
     if (request->commareaInboundLength > 0) size += INT_SIZE;
     if (request->commareaOutboundLength > 0) size += INT_SIZE;
-    if (carriesData(request)) size += outboundLength(request);
+    if (clapiCarriesData(request->extendedMode)) size += outboundLength(request);
     if (request->channel != nullptr) size += channelSize(request->channel);
     return size;
 }
@@ -626,7 +620,7 @@ static void writeProgramCall(SocketBuffer* sockBuffer, const ECIRequest* request
     writeInt(sockBuffer, request->commarealength);
     writeOptionalLength(sockBuffer, request->commareaOutboundLength);
     writeOptionalLength(sockBuffer, request->commareaInboundLength);
-    if (carriesData(request)) writeCommarea(sockBuffer, request);
+    if (clapiCarriesData(request->extendedMode)) writeCommarea(sockBuffer, request);
     writeByte(sockBuffer, request->channel != nullptr ? FIELD_FOLLOWS : NO_FIELD);
     if (request->channel != nullptr) writeChannel(sockBuffer, request->channel);
 }
@@ -799,7 +793,7 @@ static int readChannelSection(SocketBuffer* sockBuffer, ECIRequest* request)
 static int readProgramReply(SocketBuffer* sockBuffer, ECIRequest* request)
 {
     readReplyFields(sockBuffer, request);
-    if (carriesData(request)) readCommarea(sockBuffer, request);
+    if (clapiCarriesData(request->extendedMode)) readCommarea(sockBuffer, request);
     return readChannelSection(sockBuffer, request);
 }
 

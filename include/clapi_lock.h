@@ -35,9 +35,10 @@ int clapiDestroyLock(Clapilock* lockPtr);
 void clapiRefuseLock(const Clapilock* lockPtr);
 
 /*
- * A manual gate for any number of waiters. Deliberate: "set" closes the gate, so that later
- * waits block (it arms the event), and "clear" opens it and releases every waiter (it posts
- * the event). A cleared gate stays open until the next set.
+ * A manual gate for any number of waiters. Deliberate: "set" closes the gate, so that later waits
+ * block (it arms the event), and "clear" opens it and releases every waiter (it posts the event).
+ * What is set is the wait: whoever needs something sets the event first, and who provides it clears
+ * it; trace lines say so, too. A cleared gate stays open until the next set.
  */
 typedef struct _ClapiEvent {
     int eflag;             // guarded by mutex: 0 closed, 1 open

@@ -72,7 +72,8 @@ void writeBytes(SocketBuffer* sockBuffer, const char* data, size_t dataLen);
 void writePaddedBytes(SocketBuffer* sockBuffer, const char* data, size_t dataLen, size_t totalLen);
 
 /* Stage a secret: scrambled, and shown as asterisks in the trace. Deliberate: the padded form
- * leaves the bytes behind the data as they are in the buffer. */
+ * leaves the bytes behind the data as they are in the buffer, for they are no part of the secret,
+ * and whoever stages it says where it ends. */
 void writeBytesMasked(SocketBuffer* sockBuffer, const char* data, size_t dataLen);
 void writePaddedBytesMasked(SocketBuffer* sockBuffer, const char* data, size_t dataLen,
                             size_t totalLen);

@@ -109,7 +109,8 @@ typedef struct _CodeSetEntry {
     int ccsid;
 } CodeSetEntry;
 
-/* Deliberate: the first row that matches counts, so the order is part of the table. */
+/* Deliberate: the first row whose text the value begins with counts, so that a longer text must
+ * stand before a shorter one that it begins with: the order is part of the table. */
 static const CodeSetEntry CodeSetTable[] = {
     {"C", 819},      {"ar", 1089}, {"bu", 915},   {"co", 819},         {"ca", 819},
     {"cs", 912},     {"cy", 819},  {"da", 819},   {"de", 819},         {"el", 813},
@@ -142,7 +143,8 @@ static int localCcsid()
     namespace at = tp::getCurrentCcsid;
 
     setlocale(LC_ALL, "");
-    // Deliberate: neither LC_ALL nor LC_CTYPE is asked.
+    // Deliberate: neither LC_ALL nor LC_CTYPE is asked. The code page would become another one on
+    // machines where they are set, and data that servers know would come out differently.
     const char* lang = getenv("LANG");
     if (lang != nullptr && lang[0] != '\0') return ccsidOfCodeSet(lang);
     TRACE(at::noLang, CCSID_ISO_8859_1);
@@ -885,7 +887,8 @@ static ECI_Channel_t* unlistAllChannels()
     return first;
 }
 
-/* Deliberate: calls in progress are not waited for. */
+/* Deliberate: calls in progress are not waited for, since a server may take any time to answer, or
+ * never do. */
 static int deleteAllChannels()
 {
     namespace at = tp::ECI_deleteAllChannels;

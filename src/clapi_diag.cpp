@@ -296,7 +296,8 @@ int clapiInitTrace(void)
         clientAPITraceHandle = stderr;
     }
     int lockRc = clapiInitializeLock(&traceLock);
-    // Deliberate: a lock that exists already is a trace that exists already, name and all.
+    // Deliberate: no name is made here, for a lock that exists already is a trace that exists
+    // already, name and all; a second one would lose the first.
     if (lockRc == 1) return QPX_OK;
     if (lockRc != 0) return QPX_ERR_SYSTEM_ERROR;
 

@@ -96,8 +96,8 @@ static int checkEciParms(const QPX_ECI_PARMS* EciParms, int minVersion)
     int version = EciParms->eci_version;
     int callType = EciParms->eci_call_type;
 
-    // Deliberate: the lower bound is held against the version without its sign, so that a
-    // negative one passes.
+    // Deliberate: the lower bound is held against the version without its sign, so that a negative
+    // one passes: programs that have one in the field have always got through.
     if (static_cast<unsigned short>(version) < minVersion || version > MAX_VERSION) {
         TRACE(at::badVersion, EciParms, version);
         return ECI_ERR_INVALID_VERSION;
@@ -573,7 +573,8 @@ static void copyRecord(QPX_ECI_PARMS* EciParms, const RequestSlot* slotP)
     copyFields(EciParms, &slotP->eciParms, BEHIND_COMMAREA_LENGTH, sizeof *EciParms);
 }
 
-/* Deliberate: only the bytes that came back are copied, the rest stays as it is. */
+/* Deliberate: only the bytes that came back are copied. The rest stays as it is: it may be more
+ * than the request had, and is the caller's. */
 static void copyCommarea(const Collection& wanted, RequestSlot* slotP)
 {
     namespace at = tp::getAsyncReply;
@@ -620,7 +621,9 @@ static int giveChannelBack(ECI_Channel_t* channel)
     return ECI_ERR_SYSTEM_ERROR;
 }
 
-/* Frees the slot, or keeps it for its unit of work. Deliberate: it is kept for token 0 too. */
+/* Frees the slot, or keeps it for its unit of work. Deliberate: it is kept for token 0 too, though
+ * none of its calls will find it: the message ids of later requests depend on which slots are free,
+ * and Gateways and traces show them. */
 static int consumeSlot(const Collection& wanted, RequestSlot* slotP)
 {
     const QPX_ECI_PARMS* EciParms = &slotP->eciParms; // the caller's may be changing

@@ -231,7 +231,8 @@ static int tableMonth(int month)
     return std::clamp(month, 0, MONTHS - 1);
 }
 
-/* Deliberate: 2100 counts among the 2000s, and nothing is right from 2200 on. */
+/* Deliberate: 2100 counts among the 2000s, and nothing is right from 2200 on. The formula has a key
+ * for two centuries, and programs get the results that they have always got. */
 static int weekDay(const ESI_DATETIME& time)
 {
     int month = tableMonth(time.month);
@@ -248,7 +249,7 @@ static int weekDay(const ESI_DATETIME& time)
     return static_cast<int>((year + century + year / 4 + key + time.day) % 7);
 }
 
-/* Deliberate: 1 January is day 1. */
+/* Deliberate: 1 January is day 1, unlike elsewhere in struct tm; programs count on it. */
 static int dayOfYear(const ESI_DATETIME& time)
 {
     int month = tableMonth(time.month);

@@ -395,7 +395,8 @@ static int receiveESIReply(Receiver* r)
 
     bool hasServerRc = r->header.datalength >= static_cast<int>(sizeof(int));
     clapiReadESIResponse(&r->sockBuffer, &r->esiReply);
-    // Deliberate: the reading's result is not checked; what is missing counts as 0.
+    // Deliberate: a short body does not end the connection. The message has come whole, and the
+    // next one can be read; what is missing counts as 0.
     if (r->sockBuffer.socketErr == EBADMSG) r->sockBuffer.socketErr = 0;
     // Without a server's code a success must not be read out of the missing bytes.
     if (!hasServerRc && r->header.gatewayRc == 0) r->header.gatewayRc = QPX_ERR_SYSTEM_ERROR;
@@ -466,8 +467,9 @@ void clapiEndSendingRequest(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, uint
 
 /* ---- Other flows ---- */
 
-/* The slot that a flow names, or null. Deliberate: unlike for a reply, it is looked up without
- * the table lock. */
+/* The slot that a flow names, or null. Deliberate: unlike for a reply, it is looked up without the
+ * table lock: nothing is written into the slot here, and its delivery looks at it again with the
+ * lock. Slots stay readable as long as their token. */
 static RequestSlot* lookUpWithoutLock(const Receiver* r)
 {
     RequestSlot* slotP = nullptr;
@@ -646,7 +648,8 @@ static void* receiverThread(void* argument)
     pthread_detach(pthread_self());
     startReceiving(&receiver);
     receiveFlows(&receiver);
-    // Deliberate: where no buffer could be made, nobody is told.
+    // Deliberate: where no buffer could be made, nobody is told. That is known behaviour: an open
+    // that waits for the handshake goes on waiting, and no request has begun.
     if (conn->connStatus != CONN_FAILED) endConnection(&receiver);
     closeConnectionSocket(conn);
     SCHEDULE_POINT(receiverEnding, conn);
@@ -724,7 +727,8 @@ static int awaitConnected(Socket socketDescriptor, int* sockError, int connTimeo
         TRACE(at::timedOut, traceSocket(socketDescriptor));
         return QPX_ERR_CONNECTTIMEOUT;
     }
-    // Deliberate: a socket that shows in the exception set alone counts as connected.
+    // Deliberate: a socket that shows in the exception set alone counts as connected. If it is not,
+    // the handshake that comes next fails, and tells why.
     if (!writable) return QPX_OK;
 
     int error = 0;
@@ -780,7 +784,8 @@ static int createSocket(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host)
 
     ErrorText text;
     TRACE(at::noSocket, traceError(error, text), error);
-    // Deliberate: not a failed connect.
+    // Deliberate: not a failed connect. No socket can be had for the kind of address that the host
+    // name has led to, and programs know that as a bad host.
     return QPX_ERR_BADHOST;
 }
 
@@ -931,7 +936,8 @@ static int connectAndShakeHands(int port, char* hostname, _QPX_ConnToken_t* gwTo
     int rc = getHostInfo(hostname, port, &hostInfo);
     if (rc != QPX_OK) return rc;
 
-    // Deliberate: only the first address is tried.
+    // Deliberate: only the first address is tried, so that the open takes its time-out once, and
+    // what it fails with is told of one address.
     rc = openSocket(gwTokPtr, hostInfo, hostname);
     if (rc == QPX_OK) rc = sendHandshake(gwTokPtr, applid, applidQualifier);
     if (rc == QPX_OK) rc = awaitHandshakeAnswer(gwTokPtr);

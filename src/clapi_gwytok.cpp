@@ -396,7 +396,7 @@ static int chainGatewayToken(_QPX_ConnToken_t* newToken)
     return rc;
 }
 
-/* Deliberate: when the head goes, the tail is left as it was. It is read only while there is a
+/* Deliberate: when the head goes, the tail is left as it was, for it is read only while there is a
  * head, and then it is right. Locks: gtlLock held. */
 static void unlinkFromList(_QPX_ConnToken_t* token, _QPX_ConnToken_t* parent)
 {
@@ -578,7 +578,8 @@ static int createPrimitives(_QPX_ConnToken_t* token)
         removePrimitives(token, RECV_THREAD_ENDED_EVENT);
         return QPX_ERR_SYSTEM_ERROR;
     }
-    // Deliberate: this failure alone comes back as the event's own.
+    // Deliberate: this failure alone comes back as the event's own, as the callers of an open know
+    // it.
     int eventRc = clapiCreateEvent(&token->asyncReplyEvent);
     if (eventRc != 0) {
         TRACE(at::noAsyncReplyEvent);
@@ -735,7 +736,8 @@ static int markAsClosing(_QPX_ConnToken_t* gwTokPtr)
     namespace at = tp::clapiCloseGatewayToken;
 
     int findRc = findGatewayToken(gwTokPtr, nullptr, Seeker::Caller);
-    // Deliberate: a closed token is told from an unknown one before the list is asked.
+    // Deliberate: a closed token is told from an unknown one before the list is asked, so that a
+    // second close says that it is the second, whether the first is through or not.
     if (isClosing(gwTokPtr, findRc)) return QPX_ERR_GWTOK_CLOSED;
     if (findRc != TOKEN_FOUND) {
         TRACE(at::notFound, gwTokPtr, findRc);
@@ -827,7 +829,8 @@ static int waitForWork(_QPX_ConnToken_t* gwToken, int closeTimeout)
     return QPX_OK;
 }
 
-/* Deliberate: waits whatever has happened before; the receiver must be gone. */
+/* Deliberate: waits whatever has happened before, for the receiver works on the token, which is
+ * freed next. */
 static void waitForReceiver(_QPX_ConnToken_t* gwToken)
 {
     namespace at = tp::quiesceConnection;
@@ -940,7 +943,8 @@ static void freeAllSlots(_QPX_ConnToken_t* token)
 }
 
 /* Ends a token that is not on the list any more and that nobody works on. Deliberate:
- * recvThreadEndedEvent is not deleted. Locks: gtlLock held. */
+ * recvThreadEndedEvent is not deleted, for the receiver that has posted it may not have left it
+ * yet. Locks: gtlLock held. */
 static void freeToken(_QPX_ConnToken_t* token)
 {
     namespace at = tp::clapiDeleteGatewayToken;

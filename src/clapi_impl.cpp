@@ -83,7 +83,8 @@ static void clapiSetAPITraceFileFromEnv()
     namespace at = tp::clapiSetAPITraceFileFromEnv;
 
     const char* name = secure_getenv(TRACE_FILE_VARIABLE);
-    // Deliberate: a variable that is set and empty brings no banner either.
+    // Deliberate: a variable that is set and empty names no destination, so that nothing is
+    // switched: not even the banner is written, which tells of a destination.
     if (name != nullptr && name[0] == '\0') return;
 
     TraceSwitch change = switchTrace(name);
@@ -180,7 +181,8 @@ static int initializeLibrary()
         return rc;
     }
     rc = initializeGlobalLocks();
-    // Deliberate: after a failure the trace level stays where it shows failures.
+    // Deliberate: after a failure the trace level stays where it shows failures, for every call
+    // fails from here on, and its EXIT line would not tell why.
     if (rc != QPX_OK) return rc;
 
     memcpy(clapiVersion, QPX_API_VERSION_TEXT, sizeof clapiVersion);
@@ -393,7 +395,8 @@ static int changeTraceLevel(int traceState)
         return QPX_ERR_TRACELEVEL;
     }
     TraceHold hold;
-    // Deliberate: traceHeaderWrite stays 0, so that every switch from 0 brings the banner again.
+    // Deliberate: traceHeaderWrite stays 0, so that every switch from 0 brings the banner again:
+    // until a file has been set, each stretch of lines on standard error says who writes it.
     if (traceHeaderWrite == 0 && clientAPITrace == TRACE_OFF && traceState > TRACE_OFF)
         clapiWriteTraceBanner();
     clientAPITrace = traceState;
@@ -543,7 +546,7 @@ static int openConnection(char* hostname, int port, QPX_ConnToken_t* gwTokPtr, i
     char* usedApplid = applidEnv.orElse(applid);
     char* usedQualifier = qualifierEnv.orElse(applidQualifier);
 
-    // Deliberate: this failure shows in the EXIT line only.
+    // Deliberate: this failure shows in the EXIT line only, whose code has no other cause.
     if (strlen(usedApplid) > APPLID_SIZE || strlen(usedQualifier) > APPLID_SIZE)
         return QPX_ERR_APPLIDTOOLONG;
 
@@ -781,7 +784,8 @@ int ListQuery::build()
     return QPX_OK;
 }
 
-/* Turns blanks behind a name into NULs. Deliberate: a first character that is one stays. */
+/* Turns blanks behind a name into NULs. Deliberate: a first character that is one stays, so that a
+ * name of blanks alone still is one, and not an empty entry. */
 static void trimSystemName(QPX_listSystem_t* system)
 {
     size_t last = sizeof system->SystemName - 1;
@@ -808,7 +812,8 @@ static int listResult(const ListQuery& query)
 int ListQuery::conclude()
 {
     int rc = listResult(*this);
-    // Deliberate: a failure here takes the place of whatever the Gateway said.
+    // Deliberate: a failure here takes the place of whatever the Gateway said. Codes of the Gateway
+    // say that there are more systems, or none; a table that fails is worse news than both.
     return firstFailure(releaseRequestSlot(this), rc);
 }
 

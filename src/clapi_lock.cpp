@@ -208,7 +208,8 @@ static void sleepUntil(ClapiEvent* eventPtr, const timespec& deadline, int* expi
     int rc = 0;
     while (rc == 0 && eventPtr->postCount == waitCount)
         rc = pthread_cond_timedwait(&eventPtr->cond, &eventPtr->mutex, &deadline);
-    // Deliberate: any other failure ends the wait silently.
+    // Deliberate: any other failure ends the wait silently. Who waits with a limit goes on behind
+    // the wait whatever has ended it.
     if (rc == ETIMEDOUT) *expired = 1;
 }
 
@@ -248,7 +249,8 @@ int clapiClearEvent(ClapiEvent* eventPtr)
     pthread_mutex_lock(&eventPtr->mutex);
     eventPtr->eflag = 1;
     eventPtr->postCount = static_cast<int>(static_cast<unsigned int>(eventPtr->postCount) + 1u);
-    // Deliberate: only -1 counts as a failure.
+    // Deliberate: only -1 counts as a failure, not an error number. The gate is open by now, and
+    // who finds it open does not wait: nothing that the broadcast says undoes that.
     bool failed = pthread_cond_broadcast(&eventPtr->cond) == -1;
     int broadcastErrno = errno;
     pthread_mutex_unlock(&eventPtr->mutex);

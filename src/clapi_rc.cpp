@@ -121,7 +121,7 @@ static const EsiRc ESI_RCS[] = {
 };
 
 /* Deliberate: the lookup by name ends here, so that the last two codes of the family are named
- * by the Gateway's codes only. */
+ * by the Gateway's codes only. Their own show as unknown in every trace and program there is. */
 constexpr int LAST_NAMED_ESI_RC = ESI_ERR_PASSWORD_REJECTED;
 
 const char* clapiGetRcStringESI(int rc)

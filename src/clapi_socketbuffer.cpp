@@ -247,7 +247,8 @@ static void hideSecrets(SocketBuffer* sockBuffer)
     }
 }
 
-/* Deliberate: of the save area only the first bytes are overwritten. */
+/* Deliberate: of the save area only the first bytes are overwritten. What lies there is scrambled,
+ * shows in no trace, and is overwritten whole when it is freed. */
 static void restoreSecrets(SocketBuffer* sockBuffer)
 {
     for (MaskArea* item = sockBuffer->maskArea; item != nullptr;
@@ -370,7 +371,8 @@ static void stageOrSend(SocketBuffer* sockBuffer, const char* data, size_t dataL
         if (flushBuffer(sockBuffer) != QPX_OK) return;
     }
     if (dataLen == 0) return;
-    // Deliberate: where no flush was needed, an earlier error is not looked at.
+    // Deliberate: where no flush was needed, an earlier error is not looked at. What is staged
+    // behind one is never sent: the flush looks.
     if (hasRoom(sockBuffer, dataLen))
         stage(sockBuffer, data, dataLen);
     else

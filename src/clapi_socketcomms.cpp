@@ -185,7 +185,8 @@ int clapiFlowHandshakeRequest(Socket socketDesc, char* applid, char* applidQuali
 static int sendClose(Socket socketDesc)
 {
     GatewayRequest header;
-    // Deliberate: the close flow carries the handshake's name.
+    // Deliberate: the close flow carries the handshake's name: it is about the connection, as that
+    // is, and there is no other name for such a flow.
     buildHeader(&header, FLOW_CLOSE, MESSAGE_ID_CLOSE, HANDSHAKE_REQUEST_NAME,
                 sizeof HANDSHAKE_REQUEST_NAME);
 
@@ -317,7 +318,8 @@ static int readAndLinkContainer(SocketBuffer* sockBuffer, ECI_Channel_t* channel
     return QPX_OK;
 }
 
-/* Deliberate: a name that the channel has already is added again. */
+/* Deliberate: a name that the channel has already is added again. The server says what it has done,
+ * and has another word for a change; which of the two is meant is not for the reader to guess. */
 static int addContainer(SocketBuffer* sockBuffer, ECI_Channel_t* channel, ECI_Container_t* tempCont)
 {
     namespace at = tp::addContainer;
@@ -880,7 +882,8 @@ static int sendESIRequest(Socket socketDesc, GatewayRequest* header, ESIRequest*
 
     rc = flushBuffer(&sockBuffer);
     noteBreak(header, sockBuffer);
-    // Deliberate: unlike other flows, this one frees its buffer without a trace.
+    // Deliberate: unlike other flows, this one frees its buffer without a trace: traces of password
+    // calls never had the line.
     wipeBuffer(&sockBuffer);
     return rc;
 }

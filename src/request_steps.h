@@ -4,9 +4,9 @@
  *
  * A request is a class that extends OutgoingRequest, whose functions it may replace, and has
  *
- *   Lines           its trace lines: noLock, notUnlocked (taking the slot), notArmed, noLockToBegin,
- *                   notUnlockedToBegin, noSendLock, sendLockStays; noLockToFree and
- *                   notUnlockedAfterFree, if it gives its slot back with releaseRequestSlot
+ *   Lines           its trace lines: noLock and notUnlocked (taking the slot), notArmed,
+ *                   noLockToBegin, notUnlockedToBegin, noSendLock, sendLockStays, and if it gives
+ *                   its slot back with releaseRequestSlot noLockToFree, notUnlockedAfterFree
  *   prepareSlot()   puts into the slot where the reply goes. Locks: tableLock held
  *   build()         makes header and body: 0, or why there is nothing to send
  *   write(socket)   sends the flow, with sendLock held
@@ -151,7 +151,8 @@ int writeRequest(Request* request, bool begun)
     return rc;
 }
 
-/* From its beginning on the slot is also the receiver's, and an asynchronous one any collector's. */
+/* Once it has begun, the slot is also the receiver's, and that of an asynchronous request any
+ * collector's. */
 template <typename Request>
 int sendRequest(Request* request)
 {

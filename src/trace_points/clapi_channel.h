@@ -62,7 +62,7 @@ constexpr TracePoint containerCcsid     = tpDebug(1333, "API.ECI_createContainer
 constexpr TracePoint noDataMemory       = tpExc  (1334, "API.ECI_createContainer() Failed to allocate %lu bytes for container data\n");
 constexpr TracePoint data               = tpData (1335, "API.ECI_createContainer() data=%p len=%lu stopword=%8.8X\n");
 constexpr TracePoint created            = tpDebug(1336, "API.ECI_createContainer() Created container \"%.16s\" (%p) in channel \"%.16s\" (%p)\n");
-// Deliberate: three n.
+// Deliberate: three n. Scripts that read traces know the line so.
 constexpr TracePoint notUnlocked        = tpExc  (1337, "API.ECI_createContainer() Failed to unlock channnel\n");
 constexpr TracePoint exit               = tpExit (1338, "API.ECI_createContainer() rc=%d (%s)\n");
 }
@@ -154,7 +154,7 @@ namespace tp::getCurrentCcsid {
 constexpr TracePoint resultCcsid = tpDebug(1348, "clapi_channel.getCurrentCcsid() default local CCSID is %d\n");
 constexpr TracePoint noListLock  = tpExc  (1356, "clapi_channel.getCurrentCcsid() Failed to lock channel list for CCSID check\n");
 constexpr TracePoint notReleased = tpExc  (1357, "clapi_channel.getCurrentCcsid() Failed to release lock for channel (%p)\n");
-// Deliberate: no parentheses behind the function's name.
+// Deliberate: no parentheses behind the function's name. Scripts that read traces know the line so.
 constexpr TracePoint entry       = tpEntry(1435, "clapi_channel.getCurrentCcsid\n");
 constexpr TracePoint noLang      = tpDebug(1437, "clapi_channel.getCurrentCcsid() LANG environment variable not set, defaulting to CCSID %d\n");
 constexpr TracePoint mapped      = tpDebug(1438, "clapi_channel.getCurrentCcsid() Mapped codeset %s to CCSID %d\n");

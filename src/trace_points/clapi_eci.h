@@ -10,7 +10,7 @@ constexpr TracePoint nullToken       = tpExc  (1501, "API.QPX_ECI_Execute() NULL
 constexpr TracePoint nullParms       = tpExc  (1502, "API.QPX_ECI_Execute() NULL Eci Parameter, EciParms=%p\n");
 constexpr TracePoint closing         = tpExc  (1503, "API.QPX_ECI_Execute() %s call attempted while connection is closing\n");
 constexpr TracePoint recordBefore    = tpDebug(1504, "API.QPX_ECI_Execute() EciParms=%p len=%d stopword=%8.8X\n");
-// Deliberate: no parentheses behind the function's name.
+// Deliberate: no parentheses behind the function's name. Scripts that read traces know the line so.
 constexpr TracePoint recordAfter     = tpDebug(1505, "API.QPX_ECI_Execute EciParms=%p len=%d stopword=%8.8X\n");
 constexpr TracePoint exit            = tpExit (1506, "API.QPX_ECI_Execute() rc=%d (%s)\n");
 constexpr TracePoint commarea        = tpDebug(1561, "API.QPX_ECI_Execute() Commarea=%p len=%d stopword=%8.8X\n");
@@ -25,7 +25,7 @@ constexpr TracePoint nullChannel        = tpExc  (1510, "API.QPX_ECI_Execute_Cha
 constexpr TracePoint channelAndCommarea = tpExc  (1511, "API.QPX_ECI_Execute_Channel() EciParms contains a channel and a COMMAREA, channel=%p, eci_commarea=%p\n");
 constexpr TracePoint closing            = tpExc  (1512, "API.QPX_ECI_Execute_Channel() %s call attempted while connection is closing\n");
 constexpr TracePoint recordBefore       = tpDebug(1513, "API.QPX_ECI_Execute_Channel() EciParms=%p len=%d stopword=%8.8X\n");
-// Deliberate: no parentheses behind the function's name.
+// Deliberate: no parentheses behind the function's name. Scripts that read traces know the line so.
 constexpr TracePoint recordAfter        = tpDebug(1515, "API.QPX_ECI_Execute_Channel EciParms=%p len=%d stopword=%8.8X\n");
 constexpr TracePoint exit               = tpExit (1516, "API.QPX_ECI_Execute_Channel() rc=%d (%s)\n");
 constexpr TracePoint channelStays       = tpExc  (1564, "API.QPX_ECI_Execute_Channel() Unlock channel failed\n");
@@ -81,7 +81,7 @@ constexpr TracePoint badExtendMode      = tpExc  (1553, "clapi_eci.verifyEciParm
 constexpr TracePoint badLength          = tpExc  (1554, "clapi_eci.verifyEciParms() Invalid Data Length, EciParms=%p, eci_commarea_length=%d\n");
 constexpr TracePoint badInboundLength   = tpExc  (1555, "clapi_eci.verifyEciParms() Invalid Data Length, EciParms=%p, commarea_inbound_length=%d\n");
 constexpr TracePoint badOutboundLength  = tpExc  (1556, "clapi_eci.verifyEciParms() Invalid Data Length, EciParms=%p, commarea_outbound_length=%d\n");
-// Deliberate: a blank before the newline.
+// Deliberate: a blank before the newline. Scripts that read traces know the line with it.
 constexpr TracePoint noCommarea         = tpExc  (1557, "clapi_eci.verifyEciParms() Invalid Data Area, EciParms=%p, Commarea NULL but eci_commarea_length=%d \n");
 constexpr TracePoint unusedCommarea     = tpExc  (1558, "clapi_eci.verifyEciParms() Invalid Data Area, EciParms=%p, Commarea not NULL but eci_commarea_length=0\n");
 constexpr TracePoint badTimeout         = tpExc  (1559, "clapi_eci.verifyEciParms() Invalid Timeout, EciParms=%p, eci_timeout=%d\n");

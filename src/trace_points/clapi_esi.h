@@ -26,7 +26,7 @@ constexpr TracePoint notUnregistered = tpExc  (1827, "API.QPX_ESI_changePassword
 }
 
 namespace tp::QPX_ESI_convertTime {
-// Deliberate: entry and exit end without a newline.
+// Deliberate: entry and exit end without a newline. Scripts that read traces know them so.
 constexpr TracePoint entry   = tpEntry(1813, "API.QPX_ESI_convertTime(esiTime=%p, result=%p)");
 constexpr TracePoint members = tpDebug(1814, "API.QPX_ESI_convertTime() tm members year=%d, month=%d, day=%d, hour=%d, min=%d, sec=%d, wday=%d, yday=%d\n");
 constexpr TracePoint exit    = tpExit (1815, "API.QPX_ESI_convertTime()");

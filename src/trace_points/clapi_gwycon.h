@@ -34,7 +34,7 @@ constexpr TracePoint exit         = tpExit (3020, "clapi_gwycon.waitForConnectio
 }
 
 namespace tp::closeSocket {
-// Deliberate, both: no newline.
+// Deliberate, both: no newline. Scripts that read traces know the lines without.
 constexpr TracePoint entry = tpEntry(3021, "clapi_gwycon.closeSocket(socket=%lu)");
 constexpr TracePoint exit  = tpExit (3022, "clapi_gwycon.closeSocket() rc=%d");
 }

@@ -63,7 +63,8 @@ constexpr TracePoint noLockAfterwards = tpExc (2081, "clapi_gwytok.clapiDeleteGa
 namespace tp::clapiDeleteGatewayTokens {
 constexpr TracePoint entry = tpEntry(2034, "clapi_gwytok.clapiDeleteGatewayTokens()\n");
 constexpr TracePoint token = tpEvent(2035, "clapi_gwytok.clapiDeleteGatewayTokens(indexToken=%p) GTL entry %4.4d: %s\n");
-// Deliberate, here and below: no newline, the next line continues this one.
+// Deliberate, here and below: no newline, the next line continues this one. Scripts that read
+// traces know the lines so.
 constexpr TracePoint empty = tpEvent(2036, "clapi_gwytok.clapiDeleteGatewayTokens() GTL is EMPTY");
 constexpr TracePoint exit  = tpExit (2037, "clapi_gwytok.clapiDeleteGatewayTokens() Entries deleted=%d, rc=%d\n");
 }
@@ -76,7 +77,8 @@ constexpr TracePoint exit  = tpExit (2039, "clapi_gwytok.clapiDumpGatewayTokens(
 namespace tp::chainGatewayToken {
 constexpr TracePoint entry     = tpEntry(2040, "clapi_gwytok.chainGatewayToken(newToken=%p)\n");
 constexpr TracePoint nullToken = tpExc  (2041, "clapi_gwytok.chainGatewayToken() Chain request was for null token\n");
-// Deliberate: the text names the release, although it is the request that has failed.
+// Deliberate: the text names the release, although it is the request that has failed: scripts that
+// read traces know the line so, and its number tells which it was.
 constexpr TracePoint noLock    = tpExc  (2042, "clapi_gwytok.chainGatewayToken() Release lock failed");
 constexpr TracePoint exit      = tpExit (2043, "clapi_gwytok.chainGatewayToken() rc=%d (%s)\n");
 constexpr TracePoint corrupt   = tpExc  (2051, "clapi_gwytok.chainGatewayToken() GTL state corrupt - head(%p) tail (%p)\n");

@@ -6,7 +6,7 @@
 #include "clapi_diag.h"
 
 namespace tp::QPX_openRemoteGatewayConnectionApplid {
-// Deliberate: no closing parenthesis.
+// Deliberate: no closing parenthesis. Scripts that read traces know the line without one.
 constexpr TracePoint entry       = tpEntry(1000, "API.QPX_openRemoteGatewayConnectionApplid(hostname=%s, port=%d, &gwTokPtr=%p, connTimeout=%d, applid=%s, applidQualifier=%s\n");
 constexpr TracePoint badPort     = tpExc  (1001, "API.QPX_openRemoteGatewayConnectionApplid() Port value out of range, port=%d\n");
 constexpr TracePoint nullTokPtr  = tpExc  (1002, "API.QPX_openRemoteGatewayConnectionApplid() NULL gateway token pointer, gwTokPtr=%p\n");
@@ -45,7 +45,7 @@ constexpr TracePoint sendLockStays        = tpExc  (1025, "API.QPX_listSystems()
 constexpr TracePoint noLockToFree         = tpExc  (1026, "API.QPX_listSystems() Failed to lock slot table to free slot\n");
 constexpr TracePoint notUnlockedAfterFree = tpExc  (1027, "API.QPX_listSystems() Failed to unlock slot table after freeing slot\n");
 constexpr TracePoint exit                 = tpExit (1028, "API.QPX_listSystems() rc=%d (%s)\n");
-// Deliberate: another call's ENTRY line has the same number.
+// Deliberate: the number of another call's ENTRY line, for none is left; the type tells which.
 constexpr TracePoint notUnregistered      = tpExc  (1080, "API.QPX_listSystems() Unregister request failed\n");
 }
 
@@ -143,7 +143,7 @@ constexpr TracePoint badLevel = tpExc(1075, "clapi_impl.clapiSetAPITraceLevelFro
 namespace tp::clapiInitFunc {
 constexpr TracePoint noTokenListLock   = tpExc(1076, "clapi_impl.clapiInitFunc() Init of Gateway Token List lock failed rc=%d\n");
 constexpr TracePoint noChannelListLock = tpExc(1078, "clapi_impl.clapiInitFunc() Init of channel list lock failed rc=%d\n");
-// Deliberate: two blanks before "failed".
+// Deliberate: two blanks before "failed". Scripts that read traces know the line with both.
 constexpr TracePoint noCorrelatorLock  = tpExc(1079, "clapi_impl.clapiInitFunc() Init of correlator lock  failed rc=%d\n");
 }
 

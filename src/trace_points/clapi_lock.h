@@ -5,7 +5,7 @@
 #include "clapi_diag.h"
 
 namespace tp::clapiInitializeLock {
-// Deliberate: no blank behind the function's name.
+// Deliberate: no blank behind the function's name. Scripts that read traces know the line so.
 constexpr TracePoint failed = tpExc(3101, "clapi_lock.clapiInitializeLockLock initialization failed &(lockPtr->lock)=%p mutexRc=%d errno=%d\n");
 }
 

@@ -71,7 +71,7 @@ constexpr TracePoint data         = tpData (3248, "clapi_socketcomms.addContaine
 namespace tp::deleteContainer {
 constexpr TracePoint entry     = tpEntry(3227, "clapi_socketcomms.deleteContainer(channel=%p, name=%.16s)\n");
 constexpr TracePoint notFound  = tpExc  (3228, "clapi_socketcomms.deleteContainer() Container \"%.16s\" not found in channel \"%.16s\"\n");
-// Deliberate: no parentheses behind the function's name.
+// Deliberate: no parentheses behind the function's name. Scripts that read traces know the line so.
 constexpr TracePoint noCurrent = tpDebug(3229, "clapi_socketcomms.deleteContainer Current container is now NULL\n");
 constexpr TracePoint current   = tpDebug(3230, "clapi_socketcomms.deleteContainer Current container is now \"%.16s\"\n");
 constexpr TracePoint exit      = tpExit (3231, "clapi_socketcomms.deleteContainer() rc=%d\n");

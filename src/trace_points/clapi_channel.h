@@ -30,17 +30,6 @@ constexpr TracePoint deletedContainer = tpDebug(1423, "API.ECI_deleteChannel() D
 constexpr TracePoint listNotReleased  = tpExc  (1424, "API.ECI_deleteChannel() Failed to release channel list lock\n");
 }
 
-namespace tp::ECI_deleteAllChannels {
-constexpr TracePoint entry            = tpEntry(1425, "API.ECI_deleteAllChannels()\n");
-constexpr TracePoint destroying       = tpDebug(1426, "API.ECI_deleteAllChannels() Destroying event and lock for channel \"%.16s\" (%p)\n");
-constexpr TracePoint freeingData      = tpDebug(1427, "API.ECI_deleteAllChannels() Freeing %lu bytes of container data (%p)\n");
-constexpr TracePoint deletedContainer = tpDebug(1428, "API.ECI_deleteAllChannels() Deleted container \"%.16s\" (%p)\n").fromLevel(TRACE_EVENTS);
-constexpr TracePoint deleted          = tpDebug(1429, "API.ECI_deleteAllChannels() Deleted channel \"%.16s\" (%p)\n");
-constexpr TracePoint exit             = tpExit (1430, "API.ECI_deleteAllChannels() rc=%d (%s)\n");
-constexpr TracePoint noListLock       = tpExc  (1431, "API.ECI_deleteAllChannels() Failed to lock channel list\n");
-constexpr TracePoint notReleased      = tpExc  (1432, "API.ECI_deleteAllChannels() Failed to release channel list lock\n");
-}
-
 namespace tp::ECI_getChannelName {
 constexpr TracePoint entry       = tpEntry(1320, "API.ECI_getChannelName(chanTok=%p, nameBuffer=%p)\n");
 constexpr TracePoint nullChannel = tpExc  (1321, "API.ECI_getChannelName() chanTok is NULL\n");
@@ -77,6 +66,18 @@ constexpr TracePoint freeingData = tpDebug(1344, "API.ECI_deleteContainer() Free
 constexpr TracePoint deleted     = tpDebug(1345, "API.ECI_deleteContainer() Deleted container \"%.16s\" (%p)\n");
 constexpr TracePoint notUnlocked = tpExc  (1346, "API.ECI_deleteContainer() Failed to unlock channel\n");
 constexpr TracePoint exit        = tpExit (1347, "API.ECI_deleteContainer() rc=%d (%s)\n");
+}
+
+namespace tp::getCurrentCcsid {
+constexpr TracePoint resultCcsid = tpDebug(1348, "clapi_channel.getCurrentCcsid() default local CCSID is %d\n");
+constexpr TracePoint noListLock  = tpExc  (1356, "clapi_channel.getCurrentCcsid() Failed to lock channel list for CCSID check\n");
+constexpr TracePoint notReleased = tpExc  (1357, "clapi_channel.getCurrentCcsid() Failed to release lock for channel (%p)\n");
+// Deliberate: no parentheses behind the function's name. Scripts that read traces know the line so.
+constexpr TracePoint entry       = tpEntry(1435, "clapi_channel.getCurrentCcsid\n");
+constexpr TracePoint noLang      = tpDebug(1437, "clapi_channel.getCurrentCcsid() LANG environment variable not set, defaulting to CCSID %d\n");
+constexpr TracePoint mapped      = tpDebug(1438, "clapi_channel.getCurrentCcsid() Mapped codeset %s to CCSID %d\n");
+constexpr TracePoint notMapped   = tpExc  (1439, "clapi_channel.getCurrentCcsid() Unable to find a CCSID for codeset %s\n");
+constexpr TracePoint exit        = tpExit (1441, "clapi_channel.getCurrentCcsid() rc=%d\n");
 }
 
 namespace tp::ECI_getFirstContainer {
@@ -150,16 +151,15 @@ constexpr TracePoint noMemory    = tpExc  (1413, "API.QPX_ECI_dumpChannels() Fai
 constexpr TracePoint exit        = tpExit (1419, "API.QPX_ECI_dumpChannels() rc=%d (%s)\n");
 }
 
-namespace tp::getCurrentCcsid {
-constexpr TracePoint resultCcsid = tpDebug(1348, "clapi_channel.getCurrentCcsid() default local CCSID is %d\n");
-constexpr TracePoint noListLock  = tpExc  (1356, "clapi_channel.getCurrentCcsid() Failed to lock channel list for CCSID check\n");
-constexpr TracePoint notReleased = tpExc  (1357, "clapi_channel.getCurrentCcsid() Failed to release lock for channel (%p)\n");
-// Deliberate: no parentheses behind the function's name. Scripts that read traces know the line so.
-constexpr TracePoint entry       = tpEntry(1435, "clapi_channel.getCurrentCcsid\n");
-constexpr TracePoint noLang      = tpDebug(1437, "clapi_channel.getCurrentCcsid() LANG environment variable not set, defaulting to CCSID %d\n");
-constexpr TracePoint mapped      = tpDebug(1438, "clapi_channel.getCurrentCcsid() Mapped codeset %s to CCSID %d\n");
-constexpr TracePoint notMapped   = tpExc  (1439, "clapi_channel.getCurrentCcsid() Unable to find a CCSID for codeset %s\n");
-constexpr TracePoint exit        = tpExit (1441, "clapi_channel.getCurrentCcsid() rc=%d\n");
+namespace tp::ECI_deleteAllChannels {
+constexpr TracePoint entry            = tpEntry(1425, "API.ECI_deleteAllChannels()\n");
+constexpr TracePoint destroying       = tpDebug(1426, "API.ECI_deleteAllChannels() Destroying event and lock for channel \"%.16s\" (%p)\n");
+constexpr TracePoint freeingData      = tpDebug(1427, "API.ECI_deleteAllChannels() Freeing %lu bytes of container data (%p)\n");
+constexpr TracePoint deletedContainer = tpDebug(1428, "API.ECI_deleteAllChannels() Deleted container \"%.16s\" (%p)\n").fromLevel(TRACE_EVENTS);
+constexpr TracePoint deleted          = tpDebug(1429, "API.ECI_deleteAllChannels() Deleted channel \"%.16s\" (%p)\n");
+constexpr TracePoint exit             = tpExit (1430, "API.ECI_deleteAllChannels() rc=%d (%s)\n");
+constexpr TracePoint noListLock       = tpExc  (1431, "API.ECI_deleteAllChannels() Failed to lock channel list\n");
+constexpr TracePoint notReleased      = tpExc  (1432, "API.ECI_deleteAllChannels() Failed to release channel list lock\n");
 }
 
 namespace tp::lockChannel {

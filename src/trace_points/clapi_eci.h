@@ -67,8 +67,8 @@ constexpr TracePoint freeing          = tpDebug(1544, "clapi_eci.getAsyncReply()
 constexpr TracePoint counted          = tpDebug(1545, "clapi_eci.getAsyncReply() Async requests=%d on gwTok=%p\n");
 constexpr TracePoint notArmedAfterwards = tpExc(1546, "clapi_eci.getAsyncReply() Failed to set asyncReplyEvent\n");
 constexpr TracePoint exit             = tpExit (1547, "clapi_eci.getAsyncReply() rc=%d (%s)\n");
-constexpr TracePoint channelStays     = tpExc  (1566, "clapi_eci.getAsyncReply() Unlock channel failed\n");
 constexpr TracePoint notOpen          = tpExc  (1562, "clapi_eci.getAsyncReply() Connection status not open\n");
+constexpr TracePoint channelStays     = tpExc  (1566, "clapi_eci.getAsyncReply() Unlock channel failed\n");
 }
 
 namespace tp::verifyEciParms {

@@ -50,8 +50,8 @@ namespace tp::receiverThread {
 // Input outside of the protocol, which ends the connection.
 constexpr TracePoint badTypeLength  = tpExc  (3027, "clapi_gwycon.receiverThread() Invalid request type length %d in a header\n");
 constexpr TracePoint badDataLength  = tpExc  (3028, "clapi_gwycon.receiverThread() Invalid data length %d in a header\n");
-constexpr TracePoint noRoomAside    = tpExc  (3030, "clapi_gwycon.receiverThread() Failed to allocate memory for a reply that came before its request was sent\n");
 constexpr TracePoint brokenBody     = tpExc  (3029, "clapi_gwycon.receiverThread() A field or record of a reply goes beyond its message\n");
+constexpr TracePoint noRoomAside    = tpExc  (3030, "clapi_gwycon.receiverThread() Failed to allocate memory for a reply that came before its request was sent\n");
 constexpr TracePoint entry          = tpEntry(3031, "clapi_gwycon.receiverThread(conn=%p)\n");
 constexpr TracePoint waiting        = tpDebug(3032, "clapi_gwycon.receiverThread() Waiting for a reply\n");
 constexpr TracePoint reply          = tpDebug(3033, "clapi_gwycon.receiverThread() Flow type is FLOW_REPLY, request type %s\n");

@@ -12,6 +12,13 @@ constexpr TracePoint noMemory  = tpExc  (2503, "clapi_socketbuffer.initWriteBuff
 constexpr TracePoint exit      = tpExit (2509, "clapi_socketbuffer.initWriteBuffer() rc=%d (%s)\n");
 }
 
+namespace tp::waitForResponse {
+constexpr TracePoint timedOut = tpExc  (2504, "clapi_socketbuffer.waitForResponse() Timed out waiting for handshake response\n");
+constexpr TracePoint entry    = tpEntry(2522, "clapi_socketbuffer.waitForResponse(sockBuffer=%p, timeout=%d)\n");
+constexpr TracePoint failed   = tpExc  (2523, "clapi_socketbuffer.waitForResponse() select failed: %s (%d)\n");
+constexpr TracePoint exit     = tpExit (2524, "clapi_socketbuffer.waitForResponse() rc=%d (%s)\n");
+}
+
 namespace tp::initReadBuffer {
 constexpr TracePoint entry     = tpEntry(2510, "clapi_socketbuffer.initReadBuffer(sockBuffer=%p, socketDesc=%lu, dataLen=%lu)\n");
 constexpr TracePoint reused    = tpDebug(2511, "clapi_socketbuffer.initReadBuffer() Reusing existing buffer of %lu bytes\n");
@@ -24,13 +31,6 @@ namespace tp::freeBuffer {
 constexpr TracePoint entry          = tpEntry(2516, "clapi_socketbuffer.freeBuffer(sockBuffer=%p)\n");
 constexpr TracePoint notInitialized = tpExc  (2517, "clapi_socketbuffer.freeBuffer() Buffer not initialized: %p\n");
 constexpr TracePoint exit           = tpExit (2518, "clapi_socketbuffer.freeBuffer() rc=%d (%s)\n");
-}
-
-namespace tp::waitForResponse {
-constexpr TracePoint timedOut = tpExc  (2504, "clapi_socketbuffer.waitForResponse() Timed out waiting for handshake response\n");
-constexpr TracePoint entry    = tpEntry(2522, "clapi_socketbuffer.waitForResponse(sockBuffer=%p, timeout=%d)\n");
-constexpr TracePoint failed   = tpExc  (2523, "clapi_socketbuffer.waitForResponse() select failed: %s (%d)\n");
-constexpr TracePoint exit     = tpExit (2524, "clapi_socketbuffer.waitForResponse() rc=%d (%s)\n");
 }
 
 namespace tp::flushBuffer {

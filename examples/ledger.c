@@ -500,7 +500,7 @@ static enum outcome post_transfer(struct session* session, const struct transfer
     if (outcome == POSTED) outcome = post_side(session, transfer, LEDGER_CREDIT, &luw_token);
 
     if (outcome == POSTED) return commit(session, transfer, luw_token);
-    /* After a call that fails its unit of work cannot be named; only a refusal leaves one to end. */
+    /* After a failed call its unit of work cannot be named; only a refusal leaves one to end. */
     if (outcome == CALL_FAILED) return CALL_FAILED;
     return back_out(session, transfer, luw_token, outcome);
 }

@@ -338,7 +338,7 @@ TEST_F(OrdersProgram, TellsOfADatabaseThatFails)
     EXPECT_NE(std::string::npos, logged().find("ORDERS: the database has failed: "));
 }
 
-// ---------------------------------------------------------------------- a channel that is used again
+// -------------------------------------------------------------------- a channel that is used again
 
 TEST_F(OrdersProgram, ReplacesTheAnswerToAnEarlierOrder)
 {

@@ -1,5 +1,5 @@
-// QPX_ECI_Execute_Channel: its checks in their order with their lines, its frame, its dumps, and the
-// code page that a channel goes out with.
+// QPX_ECI_Execute_Channel: its checks in their order with their lines, its frame, its dumps, and
+// the code page that a channel goes out with.
 #include <gtest/gtest.h>
 
 #include <cstdlib>

@@ -1,5 +1,6 @@
-// The record of a collecting call as another thread sees it, which may look at any time: its COMMAREA
-// stays where the caller has put it. The collecting thread is stopped behind each of its instructions.
+// The record of a collecting call as another thread sees it, which may look at any time: its
+// COMMAREA stays where the caller has put it. The collecting thread is stopped behind each of its
+// instructions.
 #include <gtest/gtest.h>
 
 // The sanitizers' own code would be stepped through as well.

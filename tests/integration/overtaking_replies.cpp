@@ -1,5 +1,6 @@
-// Replies that come before their own requests have been sent whole: a Gateway that answers early and
-// reads on late. Nobody but the sender has to wait for that, and the channel goes out as it was.
+// Replies that come before their own requests have been sent whole: a Gateway that answers early
+// and reads on late. Nobody but the sender has to wait for that, and the channel goes out as it
+// was.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 

@@ -1,5 +1,5 @@
-// The descriptors of connections: not for programs that the application executes, and never those of
-// the standard streams.
+// The descriptors of connections: not for programs that the application executes, and never those
+// of the standard streams.
 #include <fcntl.h>
 #include <unistd.h>
 

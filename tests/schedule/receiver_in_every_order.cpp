@@ -1,5 +1,6 @@
-// The receiver is held while it reads a reply or delivers a failure, or while it ends the connection; something else
-// happens from beginning to end, or as far as it comes, and the receiver goes on.
+// The receiver is held while it reads a reply or delivers a failure, or while it ends the
+// connection; something else happens from beginning to end, or as far as it comes, and the receiver
+// goes on.
 #include <memory>
 #include <string>
 #include <vector>

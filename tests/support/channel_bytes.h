@@ -1,4 +1,5 @@
-// The channel of a reply as tests write it out by hand: change records, and the section around them.
+// The channel of a reply as tests write it out by hand: change records, and the section around
+// them.
 #ifndef SUPPORT_CHANNEL_BYTES_H
 #define SUPPORT_CHANNEL_BYTES_H
 

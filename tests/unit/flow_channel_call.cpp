@@ -1,5 +1,5 @@
-// Channel calls when sending, memory, locks or the reply fail them: the code, the line, and that the
-// channel is given back once and is in order.
+// Channel calls when sending, memory, locks or the reply fail them: the code, the line, and that
+// the channel is given back once and is in order.
 #include <gtest/gtest.h>
 
 #include <atomic>

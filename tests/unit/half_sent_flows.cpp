@@ -1,5 +1,5 @@
-// Flows that cannot be sent whole. As long as nothing of one has left, the connection is in step and
-// stands; once a byte has left, it is lost, and whatever comes next ends at once.
+// Flows that cannot be sent whole. As long as nothing of one has left, the connection is in step
+// and stands; once a byte has left, it is lost, and whatever comes next ends at once.
 #include <gtest/gtest.h>
 
 #include <cerrno>

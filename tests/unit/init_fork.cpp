@@ -1,5 +1,5 @@
-// Forks while other threads are inside the library, each stopped at its worst moment. The fork waits
-// for them; its child finds every lock free.
+// Forks while other threads are inside the library, each stopped at its worst moment. The fork
+// waits for them; its child finds every lock free.
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -1,8 +1,8 @@
 // An application that opens a connection, closes it and unloads the library while the receiver
 // thread has told that it ends, but has not returned yet.
 //
-// The program puts its own functions before those of the C library: the receiver is held in the last
-// of them that it calls, until the library has been unloaded.
+// The program puts its own functions before those of the C library: the receiver is held in the
+// last of them that it calls, until the library has been unloaded.
 #include <dlfcn.h>
 #include <pthread.h>
 #include <unistd.h>

@@ -85,5 +85,30 @@ WordsFailsWhenAFileCannotBeRead() {
     expect_no_text "nothing found"
 }
 
+# ---- Selections of tests -------------------------------------------------------------------------
+
+EveryTestPresetFailsWhenItsSelectionFitsNoTest() {
+    local preset presets
+
+    mkdir -p "$TREE"
+    cp "$SOURCE/CMakePresets.json" "$TREE"
+    cat >"$TREE/CMakeLists.txt" <<'PROJECT'
+cmake_minimum_required(VERSION 3.25)
+project(one_test LANGUAGES NONE)
+enable_testing()
+add_test(NAME one COMMAND ${CMAKE_COMMAND} -E true)
+PROJECT
+    mapfile -t presets < <(cd "$TREE" && ctest --list-presets | sed -n 's/^ *"\(.*\)".*/\1/p')
+    ((${#presets[@]} > 0)) || fail "there is no test preset"
+    for preset in "${presets[@]}"; do
+        run cmake --preset "$preset"
+        expect_code 0
+        run ctest --preset "$preset" -R one
+        expect_code 0
+        run ctest --preset "$preset" -R another
+        [[ $CODE != 0 ]] || fail "$preset takes no test for a success"
+    done
+}
+
 declare -F "$CASE" >/dev/null || fail "there is no such case"
 "$CASE"

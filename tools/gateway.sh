@@ -5,7 +5,8 @@
 #   stop_gateway
 #
 # The folder receives the database ledger.db and the log gateway.log. Call stop_gateway on the
-# way out as well (trap stop_gateway EXIT); it does nothing where nothing runs.
+# way out as well (trap stop_gateway EXIT); it does nothing where nothing runs. The turn of a script
+# (turns.sh) is not the daemon's.
 # shellcheck shell=bash
 
 GATEWAY_PORT=
@@ -32,7 +33,7 @@ start_gateway() {
     # Empty until the daemon puts its own in its place: of a file that is there tail learns at once.
     : >"$folder/port"
     "$daemon" --port-file "$folder/port" --database "$folder/ledger.db" "$@" \
-        >"$folder/gateway.log" 2>&1 </dev/null &
+        >"$folder/gateway.log" 2>&1 </dev/null 9>&- &
     GATEWAY_PID=$!
     if ! await_port "$folder/port"; then
         stop_gateway || true

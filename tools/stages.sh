@@ -4,7 +4,8 @@
 #   stage build "building the library" cmake --build build/demo
 #
 # writes the output of the command to $LOG_FOLDER/build.log. A stage that fails returns the exit
-# code of its command, after the end of its log and the log's name have been shown.
+# code of its command, after the end of its log and the log's name have been shown. Descriptor 9, by
+# which the script has its turn (turns.sh), is the script's alone.
 # shellcheck shell=bash
 
 : "${LOG_FOLDER:?}"
@@ -29,7 +30,7 @@ stage() {
     mkdir -p "$LOG_FOLDER"
     begin=$(seconds_now)
     printf '  %-46s ' "$text"
-    "$@" >"$log" 2>&1 </dev/null || code=$?
+    "$@" >"$log" 2>&1 </dev/null 9>&- || code=$?
     if ((code == 0)); then
         printf 'done, %d s\n' $(($(seconds_now) - begin))
     else

@@ -8,9 +8,21 @@ readonly CASE SOURCE
 
 FOLDER=$(mktemp -d)
 readonly TREE=$FOLDER/tree
-trap 'rm -rf "$FOLDER"' EXIT
+PROCESSES=()
+trap clean_up EXIT
 
 # ---- Verbs ---------------------------------------------------------------------------------------
+
+clean_up() {
+    local process
+
+    for process in "${PROCESSES[@]}"; do
+        kill "$process" 2>/dev/null || true
+    done
+    [[ -z ${GO:-} ]] || printf '\n\n\n\n' >&"$GO"
+    wait
+    rm -rf "$FOLDER"
+}
 
 fail() {
     printf '%s: %s\n' "$CASE" "$1" >&2
@@ -108,6 +120,81 @@ PROJECT
         run ctest --preset "$preset" -R another
         [[ $CODE != 0 ]] || fail "$preset takes no test for a success"
     done
+}
+
+# ---- One after the other -------------------------------------------------------------------------
+
+# Puts a program into the tree that tells of its start, does not end before it is let go, and fails.
+holding_program() {
+    mkdir -p "$(dirname "$1")"
+    cat >"$1" <<PROGRAM
+#!/bin/sh
+printf '\nstarted\n' >"$FOLDER/events"
+read -r _ <"$FOLDER/go"
+exit 1
+PROGRAM
+    chmod +x "$1"
+}
+
+scratch_tree_that_holds() {
+    scratch_tree
+    mkfifo "$FOLDER/events" "$FOLDER/go"
+    exec {EVENTS}<>"$FOLDER/events" {GO}<>"$FOLDER/go"
+    holding_program "$TREE/tools/install-packages"
+    holding_program "$FOLDER/bin/cmake"
+}
+
+# Starts a script of the tree, whose lines are events like the starts of what holds it.
+start() {
+    (cd "$TREE" && exec env PATH="$FOLDER/bin:$PATH" "$@" </dev/null >"$FOLDER/events" 2>&1) &
+    PROCESSES+=($!)
+}
+
+# Passes over events until one begins as told; none of the others may be a start.
+expect_event() {
+    local event
+
+    while read -r -u "$EVENTS" event; do
+        [[ $event != "$1"* ]] || return 0
+        [[ $event != started ]] || fail "a start, and not \"$1\""
+    done
+}
+
+let_go() {
+    local code=0
+
+    printf '\n' >&"$GO"
+    wait "$1" || code=$?
+    [[ $code == 1 ]] || fail "a script ends with $code and not with 1"
+}
+
+# The first is in the middle of its work when the second begins.
+expect_turns() {
+    local first=$1 second=$2 name=$3
+
+    scratch_tree_that_holds
+    # shellcheck disable=SC2086 # a command and its arguments
+    start $first
+    expect_event started
+    # shellcheck disable=SC2086
+    start $second
+    expect_event "Waiting for $name (process ${PROCESSES[0]}) to end"
+    let_go "${PROCESSES[0]}"
+    expect_event started
+    let_go "${PROCESSES[1]}"
+    PROCESSES=()
+}
+
+ASecondDemoWaitsForTheFirst() {
+    expect_turns ./demo ./demo ./demo
+}
+
+ASecondCheckWaitsForTheFirst() {
+    expect_turns ./check "./check --quick" ./check
+}
+
+ALoadWaitsForACheckBeforeItBuilds() {
+    expect_turns ./check "tools/load 1" ./check
 }
 
 declare -F "$CASE" >/dev/null || fail "there is no such case"

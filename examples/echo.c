@@ -22,5 +22,7 @@ int main(int argc, char** argv)
         QPX_closeGatewayConnection(&gateway);
     }
     if (rc != QPX_OK) fprintf(stderr, "%d %s\n", rc, QPX_getRcString(rc, name));
-    return rc != QPX_OK;
+    if (fflush(stdout) == 0 && !ferror(stdout)) return rc != QPX_OK;
+    fprintf(stderr, "cannot write to standard output\n");
+    return 1;
 }

@@ -558,6 +558,14 @@ static int parse_arguments(int argc, char** argv, struct options* options)
     return -1;
 }
 
+/* What cannot be written is a failure, however well everything else went. */
+static int end_with(int result)
+{
+    if (fflush(stdout) == 0 && !ferror(stdout)) return result;
+    complain("cannot write to standard output");
+    return result == EXIT_OK ? EXIT_FAILED : result;
+}
+
 int main(int argc, char** argv)
 {
     struct options options = {0};
@@ -571,5 +579,5 @@ int main(int argc, char** argv)
     options.password = getenv("ORDERS_PASSWORD");
 
     result = parse_arguments(argc, argv, &options);
-    return result != -1 ? result : run(&options);
+    return end_with(result != -1 ? result : run(&options));
 }

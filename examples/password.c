@@ -377,6 +377,14 @@ static int parse_arguments(int argc, char** argv, struct options* options)
     return parse_words(argc - optind, argv + optind, options);
 }
 
+/* What cannot be written is a failure, however well everything else went. */
+static int end_with(int result)
+{
+    if (fflush(stdout) == 0 && !ferror(stdout)) return result;
+    complain("cannot write to standard output");
+    return result == EXIT_OK ? EXIT_FAILED : result;
+}
+
 int main(int argc, char** argv)
 {
     struct options options = {0};
@@ -387,5 +395,5 @@ int main(int argc, char** argv)
     options.timeout = 30;
 
     result = parse_arguments(argc, argv, &options);
-    return result != -1 ? result : run(&options);
+    return end_with(result != -1 ? result : run(&options));
 }

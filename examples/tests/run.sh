@@ -65,6 +65,12 @@ password() {
     run "$PASSWORD" --port "$GATEWAY_PORT" --passwords "$FOLDER/passwords" "$@"
 }
 
+# The same with standard output on a disk that is full.
+run_on_a_full_disk() {
+    # shellcheck disable=SC2016 # for the inner shell
+    run bash -c 'exec "$@" >/dev/full' - "$@"
+}
+
 expect_code() {
     [[ $CODE == "$1" ]] || fail "exit code $CODE, not $1"
 }
@@ -98,6 +104,15 @@ expect_usage_of() {
     expect_nothing out
 }
 
+# That a program which has done all its work fails because nobody will ever read what it writes.
+expect_failure_on_a_full_disk() {
+    run_on_a_full_disk "$@"
+    expect_code 1
+    expect_line err "${1##*/}: cannot write to standard output"
+    run_on_a_full_disk "$1" --help
+    expect_code 1
+}
+
 expect_same() {
     diff -u "$1" "$2" >&2 || fail "the output differs"
 }
@@ -127,6 +142,13 @@ EchoNamesTheErrorWithoutAGateway() {
     run "$ECHO" 127.0.0.1 "$GATEWAY_PORT"
     expect_code 1
     expect_line err "-118 QPX_ERR_CONNECTFAILED"
+}
+
+EchoFailsOnAFullDisk() {
+    gateway
+    run_on_a_full_disk "$ECHO" 127.0.0.1 "$GATEWAY_PORT"
+    expect_code 1
+    expect_line err "cannot write to standard output"
 }
 
 LedgerPostsEveryTransferOnce() {
@@ -265,6 +287,11 @@ LedgerRefusesWrongArguments() {
 
 expect_usage() {
     expect_usage_of "$LEDGER" "$@"
+}
+
+LedgerFailsOnAFullDisk() {
+    gateway
+    expect_failure_on_a_full_disk "$LEDGER" --port "$GATEWAY_PORT" transfers.txt
 }
 
 LedgerShowsHelp() {
@@ -427,6 +454,11 @@ expect_orders_usage() {
     expect_usage_of "$ORDERS" "$@"
 }
 
+OrdersFailsOnAFullDisk() {
+    gateway
+    expect_failure_on_a_full_disk "$ORDERS" --port "$GATEWAY_PORT" --ccsid 819 order.txt
+}
+
 OrdersShowsHelp() {
     run "$ORDERS" --help
     expect_code 0
@@ -555,6 +587,13 @@ PasswordRefusesWrongArguments() {
     expect_usage_of "$PASSWORD" "unknown or incomplete option --nonsense" --nonsense
 }
 
+PasswordFailsOnAFullDisk() {
+    gateway_with_registry
+    printf 'Blue7sky\n' >"$FOLDER/passwords"
+    expect_failure_on_a_full_disk "$PASSWORD" --port "$GATEWAY_PORT" \
+        --passwords "$FOLDER/passwords" verify FRED
+}
+
 PasswordShowsHelp() {
     run "$PASSWORD" --help
     expect_code 0
@@ -617,6 +656,11 @@ SystemsRefusesWrongArguments() {
     expect_usage_of "$SYSTEMS" "room is a number from 1 to 65535, not 0" --port 5770 --room 0
     expect_usage_of "$SYSTEMS" "an argument too many: all" --port 5770 all
     expect_usage_of "$SYSTEMS" "unknown or incomplete option --nonsense" --nonsense
+}
+
+SystemsFailsOnAFullDisk() {
+    gateway
+    expect_failure_on_a_full_disk "$SYSTEMS" --port "$GATEWAY_PORT"
 }
 
 SystemsShowsHelp() {
@@ -755,6 +799,11 @@ FanoutRefusesWrongArguments() {
     expect_usage_of "$FANOUT" "longer than 8 characters: NINECHARS" --port 1 --count 1 --program NINECHARS
     expect_usage_of "$FANOUT" "unknown or incomplete option --nonsense" --nonsense
     expect_usage_of "$FANOUT" "unknown or incomplete option --port" --port
+}
+
+FanoutFailsOnAFullDisk() {
+    gateway
+    expect_failure_on_a_full_disk "$FANOUT" --port "$GATEWAY_PORT" --count 3
 }
 
 FanoutShowsHelp() {

@@ -47,8 +47,10 @@
 
 /* ---- The file -------------------------------------------------------------------------------- */
 
-/* Room for a line, its end and the terminator. */
-#define LINE_SIZE 1024
+#define LONGEST_LINE 1022
+
+/* Room for a line that is too long, for a CR behind it and for the terminator. */
+#define LINE_SIZE (LONGEST_LINE + 3)
 
 #define ITEM "item "
 
@@ -196,20 +198,37 @@ static int add_line(struct order* order, const char* line)
     return 1;
 }
 
+/* Reads one line without its end, LF or CR LF; a longer one is cut at the end of the room. 0 at the
+ * end of the file. */
+static int read_line(FILE* file, char line[LINE_SIZE], size_t* length)
+{
+    int c = getc(file);
+
+    if (c == EOF) return 0;
+    *length = 0;
+    for (; c != EOF && c != '\n'; c = getc(file))
+        if (*length + 1 < LINE_SIZE) line[(*length)++] = (char)c;
+    if (c == '\n' && *length > 0 && line[*length - 1] == '\r') *length -= 1;
+    line[*length] = '\0';
+    return 1;
+}
+
 static int read_lines(FILE* file, const char* name, struct order* order)
 {
     char line[LINE_SIZE];
+    size_t length;
     int number = 0;
 
-    while (fgets(line, sizeof line, file) != NULL) {
-        size_t length = strcspn(line, "\r\n");
-
+    while (read_line(file, line, &length)) {
         number += 1;
-        if (length + 1 == sizeof line) {
-            complain("%s, line %d: longer than %d characters", name, number, LINE_SIZE - 2);
+        if (length > LONGEST_LINE) {
+            complain("%s, line %d: longer than %d characters", name, number, LONGEST_LINE);
             return 0;
         }
-        line[length] = '\0';
+        if (strlen(line) < length) {
+            complain("%s, line %d: holds a NUL, so this is no text", name, number);
+            return 0;
+        }
         if (!add_line(order, line)) {
             complain("%s, line %d: not \"item ARTICLE QUANTITY [DISCOUNT]\"", name, number);
             return 0;

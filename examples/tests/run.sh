@@ -459,6 +459,30 @@ OrdersFailsOnAFullDisk() {
     expect_failure_on_a_full_disk "$ORDERS" --port "$GATEWAY_PORT" --ccsid 819 order.txt
 }
 
+OrdersRefusesANulInItsFile() {
+    gateway
+    printf 'order=1\nitem 1001 2\0 3\n' >"$FOLDER/order.txt"
+    orders "$FOLDER/order.txt"
+    expect_code 1
+    expect_line err "orders: $FOLDER/order.txt, line 2: holds a NUL, so this is no text"
+    printf 'order=1\0\n' >"$FOLDER/order.txt"
+    orders "$FOLDER/order.txt"
+    expect_code 1
+    expect_line err "orders: $FOLDER/order.txt, line 1: holds a NUL, so this is no text"
+    expect_no_text gateway.log "request"
+}
+
+OrdersTakesAFileWithLinesThatEndInCrLf() {
+    gateway
+    sed 's/$/\r/' "$HERE/../data/order.txt" >"$FOLDER/order.txt"
+    orders --ccsid 819 order.txt
+    expect_code 0
+    cp "$FOLDER/out" "$FOLDER/invoice.txt"
+    orders --ccsid 819 "$FOLDER/order.txt"
+    expect_code 0
+    expect_same "$FOLDER/invoice.txt" "$FOLDER/out"
+}
+
 OrdersShowsHelp() {
     run "$ORDERS" --help
     expect_code 0

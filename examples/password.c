@@ -6,10 +6,11 @@
  * change the new one behind it. At a terminal they are asked for, and do not show. They are never
  * taken from the command line, where other users of the machine could see them, and never written.
  */
-#define _POSIX_C_SOURCE 200809L /* fileno, termios */
+#define _POSIX_C_SOURCE 200809L /* fileno, sigaction, termios */
 
 #include <getopt.h>
 #include <locale.h>
+#include <signal.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -27,10 +28,12 @@
 #define EXIT_USAGE   2 /* the arguments are wrong */
 #define EXIT_REFUSED 3 /* the server refused the user, the password or the new password */
 
-/* Room for a password, for the line end and for the terminator. */
-#define PASSWORD_SIZE 514
-#define LONGEST_USER  10
-#define LONGEST_NAME  8 /* of a server */
+#define LONGEST_PASSWORD 512
+#define LONGEST_USER     10
+#define LONGEST_NAME     8 /* of a server */
+
+/* Room for a password that is too long, for a CR behind it and for the terminator. */
+#define PASSWORD_SIZE (LONGEST_PASSWORD + 3)
 
 struct options {
     char* host;
@@ -114,43 +117,84 @@ static void wipe(void* secret, size_t size)
     }
 }
 
-/* Reads one line without its end; 0 if there is none, or none that can be a password. */
+/* Reads one line without its end, LF or CR LF; a longer one is cut at the end of the room. 0 at the
+ * end of the file. */
+static int read_line(FILE* file, char line[PASSWORD_SIZE], size_t* length)
+{
+    int c = getc(file);
+
+    if (c == EOF) return 0;
+    *length = 0;
+    for (; c != EOF && c != '\n'; c = getc(file))
+        if (*length + 1 < PASSWORD_SIZE) line[(*length)++] = (char)c;
+    if (c == '\n' && *length > 0 && line[*length - 1] == '\r') *length -= 1;
+    line[*length] = '\0';
+    return 1;
+}
+
+/* Reads a password; 0 if there is none, or none that can be one. */
 static int read_password(FILE* file, char password[PASSWORD_SIZE], const char* which)
 {
-    size_t length;
+    const char* problem = NULL;
+    size_t length = 0;
 
-    if (fgets(password, PASSWORD_SIZE, file) == NULL) {
-        complain("the %s password is missing", which);
-        return 0;
-    }
-    length = strlen(password);
-    if (length + 1 == PASSWORD_SIZE && password[length - 1] != '\n') {
-        complain("the %s password is too long", which);
-        return 0;
-    }
-    if (length > 0 && password[length - 1] == '\n') password[length - 1] = '\0';
-    if (password[0] != '\0') return 1;
-    complain("the %s password is empty", which);
+    if (!read_line(file, password, &length))
+        problem = "is missing";
+    else if (length > LONGEST_PASSWORD)
+        problem = "is too long";
+    else if (length == 0)
+        problem = "is empty";
+    else if (strlen(password) < length)
+        problem = "holds a NUL";
+    if (problem == NULL) return 1;
+    complain("the %s password %s", which, problem);
     return 0;
 }
 
-/* Asks at the terminal. What is typed does not show, nor does it interrupt. */
+/* How the terminal was before passwords were asked for. */
+static struct termios terminal_before;
+
+/* Leaves the terminal as it was, and lets the signal do what it does otherwise. */
+static void leave_terminal(int signal_number)
+{
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &terminal_before);
+    raise(signal_number); /* is delivered when this returns */
+}
+
+/* Ctrl-C and its like end the program, but not with a terminal that stays silent. */
+static void on_interruption(void (*handler)(int))
+{
+    static const int interruptions[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM};
+    struct sigaction action;
+    struct sigaction before;
+    size_t i;
+
+    memset(&action, 0, sizeof action);
+    action.sa_handler = handler;
+    action.sa_flags = (int)SA_RESETHAND;
+    for (i = 0; i < sizeof interruptions / sizeof interruptions[0]; ++i)
+        if (sigaction(interruptions[i], NULL, &before) == 0 && before.sa_handler != SIG_IGN)
+            sigaction(interruptions[i], &action, NULL);
+}
+
+/* Asks at the terminal. What is typed does not show. */
 static int ask_password(char password[PASSWORD_SIZE], const char* which)
 {
-    struct termios before;
     struct termios silent;
     int result;
 
-    if (tcgetattr(fileno(stdin), &before) != 0) {
+    if (tcgetattr(STDIN_FILENO, &terminal_before) != 0) {
         complain("the terminal cannot be told to keep passwords to itself");
         return 0;
     }
+    silent = terminal_before;
+    silent.c_lflag &= ~(tcflag_t)ECHO;
+    on_interruption(leave_terminal);
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &silent);
     fprintf(stderr, "Password (the %s): ", which);
-    silent = before;
-    silent.c_lflag &= ~(tcflag_t)(ECHO | ISIG);
-    tcsetattr(fileno(stdin), TCSAFLUSH, &silent);
     result = read_password(stdin, password, which);
-    tcsetattr(fileno(stdin), TCSAFLUSH, &before);
+    tcsetattr(STDIN_FILENO, TCSAFLUSH, &terminal_before);
+    on_interruption(SIG_DFL);
     fputc('\n', stderr);
     return result;
 }

@@ -618,6 +618,66 @@ PasswordFailsOnAFullDisk() {
         --passwords "$FOLDER/passwords" verify FRED
 }
 
+PasswordTakesAFileWithLinesThatEndInCrLf() {
+    gateway_with_registry
+    password $'Winter5\r\nSpring6\r' change OLGA
+    expect_code 0
+    password Spring6 verify OLGA
+    expect_code 0
+    expect_line out "  wrong attempts   0"
+}
+
+PasswordRefusesANul() {
+    gateway_with_registry
+    printf 'Blue7sky\0green\n' >"$FOLDER/passwords"
+    run "$PASSWORD" --port "$GATEWAY_PORT" --passwords "$FOLDER/passwords" verify FRED
+    expect_code 1
+    expect_line err "password: the current password holds a NUL"
+    expect_no_text gateway.log "request"
+}
+
+# Runs the program at a terminal, waits for its question, and types.
+type_at_a_terminal() {
+    local typed=$1 command question
+    shift
+    local keyboard screen
+
+    printf -v command '%q ' "$@"
+    mkfifo "$FOLDER/keyboard" "$FOLDER/screen"
+    exec {keyboard}<>"$FOLDER/keyboard" {screen}<>"$FOLDER/screen"
+    # A shell starts what is to run beside it with Ctrl-C ignored.
+    env --default-signal=INT script --quiet --return --command "exec $command" /dev/null \
+        <"$FOLDER/keyboard" >"$FOLDER/screen" 2>&1 &
+    IFS= read -r -d : -u "$screen" question
+    [[ $question == "Password (the current)" ]] || fail "asks: $question"
+    # shellcheck disable=SC2059 # what is typed is a format
+    printf "$typed" >&"$keyboard"
+    CODE=0
+    wait $! || CODE=$?
+    exec {keyboard}>&- {screen}>&-
+}
+
+PasswordAsksAtATerminal() {
+    gateway_with_registry
+    type_at_a_terminal 'Blue7sky\n' "$PASSWORD" --port "$GATEWAY_PORT" verify FRED
+    expect_code 0
+}
+
+PasswordIsInterruptedAtATerminal() {
+    gateway_with_registry
+    type_at_a_terminal '\003\n' "$PASSWORD" --port "$GATEWAY_PORT" verify FRED
+    expect_code 130
+    expect_no_text gateway.log "request"
+}
+
+PasswordLeavesATerminalThatShowsWhatIsTyped() {
+    gateway_with_registry
+    # shellcheck disable=SC2016 # for the inner shell
+    type_at_a_terminal '\003' bash -c 'trap : INT; "${@:2}"; stty -a >"$1"' - "$FOLDER/stty" \
+        "$PASSWORD" --port "$GATEWAY_PORT" verify FRED
+    expect_text stty " echo "
+}
+
 PasswordShowsHelp() {
     run "$PASSWORD" --help
     expect_code 0

@@ -12,7 +12,7 @@ if(NOT EXISTS ${QPX_GOOGLETEST_SOURCE}/googletest/src/gtest-all.cc)
 endif()
 include(GoogleTest)
 
-foreach(variant client_side strict)
+foreach(variant client_side common)
   set(library qpx_gtest_${variant})
   add_library(${library} STATIC EXCLUDE_FROM_ALL
     ${QPX_GOOGLETEST_SOURCE}/googletest/src/gtest-all.cc
@@ -30,7 +30,7 @@ function(qpx_gtest name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "NATIVE" "" "SOURCES;LIBRARIES")
   set(variant client_side)
   if(arg_NATIVE)
-    set(variant strict)
+    set(variant common)
   endif()
   add_executable(${name} ${arg_SOURCES})
   # Test cases need no speed, and compile in half the time without optimisation.

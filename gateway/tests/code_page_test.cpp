@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "code_page.h"
+#include "orders/code_page.h"
 
 using namespace orders;
 using standin::Bytes;

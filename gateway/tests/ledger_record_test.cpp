@@ -4,7 +4,7 @@
 
 #include <stdexcept>
 
-#include "ledger_record.h"
+#include "ledger/ledger_record.h"
 
 using namespace ledger;
 using standin::Bytes;

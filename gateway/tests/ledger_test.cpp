@@ -8,7 +8,7 @@
 #include <mutex>
 
 #include "client.h"
-#include "ledger.h"
+#include "ledger/ledger.h"
 #include "standin/gateway.h"
 #include "temporary_directory.h"
 

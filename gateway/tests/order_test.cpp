@@ -5,7 +5,7 @@
 #include <functional>
 
 #include "client.h"
-#include "order.h"
+#include "orders/order.h"
 
 using namespace orders;
 using standin::Bytes;

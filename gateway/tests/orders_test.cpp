@@ -7,8 +7,8 @@
 #include <mutex>
 
 #include "client.h"
-#include "ledger.h"
-#include "orders.h"
+#include "ledger/ledger.h"
+#include "orders/orders.h"
 #include "standin/gateway.h"
 #include "temporary_directory.h"
 

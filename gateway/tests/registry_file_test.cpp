@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "registry_file.h"
+#include "registry/registry_file.h"
 #include "temporary_directory.h"
 
 using registry::Content;

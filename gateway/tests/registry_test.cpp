@@ -8,8 +8,8 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "ledger.h"
-#include "registry.h"
+#include "ledger/ledger.h"
+#include "registry/registry.h"
 #include "temporary_directory.h"
 
 using namespace standin;

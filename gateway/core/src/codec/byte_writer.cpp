@@ -1,0 +1,35 @@
+#include "codec/byte_writer.h"
+
+namespace standin {
+
+void ByteWriter::putShort(std::uint16_t value)
+{
+    putByte(static_cast<std::uint8_t>(value >> 8));
+    putByte(static_cast<std::uint8_t>(value & 0xFFU));
+}
+
+void ByteWriter::putInt(std::int32_t value)
+{
+    const auto bits = static_cast<std::uint32_t>(value);
+    putShort(static_cast<std::uint16_t>(bits >> 16));
+    putShort(static_cast<std::uint16_t>(bits & 0xFFFFU));
+}
+
+void ByteWriter::putText(std::string_view text)
+{
+    bytes_.insert(bytes_.end(), text.begin(), text.end());
+}
+
+void ByteWriter::putBytes(const Bytes& bytes)
+{
+    bytes_.insert(bytes_.end(), bytes.begin(), bytes.end());
+}
+
+void ByteWriter::putPadded(std::string_view text, std::size_t width)
+{
+    const std::string_view kept = text.substr(0, width);
+    putText(kept);
+    bytes_.insert(bytes_.end(), width - kept.size(), 0x00);
+}
+
+} // namespace standin

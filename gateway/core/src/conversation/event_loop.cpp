@@ -1,0 +1,68 @@
+#include "conversation/event_loop.h"
+
+#include <csignal>
+#include <future>
+#include <utility>
+
+#include <asio/post.hpp>
+
+namespace standin {
+
+EventLoop::EventLoop() : work_(asio::make_work_guard(context_)) {}
+
+EventLoop::~EventLoop()
+{
+    stop([] {});
+}
+
+void EventLoop::start()
+{
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    thread_ = std::thread([this] { context_.run(); });
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+
+    const std::lock_guard<std::mutex> guard(lock_);
+    threadId_ = thread_.get_id();
+    running_ = true;
+}
+
+bool EventLoop::post(Task task)
+{
+    // Posting under the lock keeps every task in front of the last one of stop().
+    const std::lock_guard<std::mutex> guard(lock_);
+    if (!running_) return false;
+    asio::post(context_, std::move(task));
+    return true;
+}
+
+bool EventLoop::runAndWait(const Task& task)
+{
+    if (std::this_thread::get_id() == threadId_) {
+        task();
+        return true;
+    }
+    std::promise<void> done;
+    const bool posted = post([&task, &done] {
+        task();
+        done.set_value();
+    });
+    if (posted) done.get_future().wait();
+    return posted;
+}
+
+void EventLoop::stop(Task last)
+{
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        if (!running_) return;
+        running_ = false;
+        asio::post(context_, std::move(last));
+        work_.reset();
+    }
+    thread_.join();
+}
+
+} // namespace standin

@@ -1,0 +1,500 @@
+#include "conversation/server.h"
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <utility>
+
+#include "codec/printable.h"
+
+namespace standin {
+
+namespace {
+
+constexpr auto kAcceptRetry = std::chrono::milliseconds(200);
+
+std::string inQuotes(const std::string& text)
+{
+    return "\"" + printable(text) + "\"";
+}
+
+// The Gateway's code for a malformed header; anything without a code of its own is a system error.
+std::int32_t codeFor(const FlowHeader& header)
+{
+    return header.flowVersion != kFlowVersion ? kGatewayBackLevel : kGatewaySystemError;
+}
+
+std::string describe(const EciRequest& request)
+{
+    if (request.callType == kCallListSystems)
+        return "ECI system list for " + std::to_string(request.serverNum);
+    std::string text = "ECI program=" + inQuotes(request.program) +
+                       " mode=" + std::to_string(request.extendMode) +
+                       " token=" + std::to_string(request.luwToken);
+    if (!request.userId.empty()) text += " user=" + inQuotes(request.userId);
+    text += " commarea=" + std::to_string(request.commarea.size()) + "/" +
+            std::to_string(request.commareaLength);
+    if (request.inboundLength) text += " wanted=" + std::to_string(*request.inboundLength);
+    if (request.channel) {
+        text += " channel=" + inQuotes(request.channel->name) +
+                " containers=" + std::to_string(request.channel->containers.size());
+    }
+    return text;
+}
+
+std::string describe(const EsiRequest& request)
+{
+    return std::string("ESI ") + (request.callType == kEsiVerify ? "verify" : "change") +
+           " user=" + inQuotes(request.userId) + " server=" + inQuotes(request.server);
+}
+
+std::string describe(const EciReply& reply)
+{
+    std::string text = "vornRc=" + std::to_string(reply.vornRc) +
+                       " token=" + std::to_string(reply.luwToken) +
+                       " commarea=" + std::to_string(reply.commarea.size());
+    if (reply.channel) text += " containers=" + std::to_string(reply.channel->containers.size());
+    if (reply.gatewayRc != 0) text += " gatewayRc=" + std::to_string(reply.gatewayRc);
+    if (reply.vornRc == kServerAbend) {
+        text += " abend=" + inQuotes(std::string(reply.abendCode.data(), reply.abendCode.size()));
+    }
+    return text;
+}
+
+std::string describe(const EsiReply& reply)
+{
+    std::string text = "ESI vornRc=" + std::to_string(reply.vornRc);
+    if (reply.gatewayRc != 0) text += " gatewayRc=" + std::to_string(reply.gatewayRc);
+    return text;
+}
+
+const char* describe(Ending ending)
+{
+    switch (ending) {
+    case Ending::ClosedByClient: return "closed by the client";
+    case Ending::ClosedByGateway: return "closed";
+    case Ending::Reset: return "reset";
+    case Ending::Open: break;
+    }
+    return "open";
+}
+
+} // namespace
+
+Server::Server(const GatewayOptions& options, std::shared_ptr<EventLoop> loop, Recorder& recorder)
+    : log_(options.log), loop_(std::move(loop)), recorder_(recorder), acceptor_(loop_->context()),
+      acceptTimer_(loop_->context()), runner_(options.log)
+{
+    runner_.setListReply([systems = options.systems](const EciRequest& request) {
+        return EciReply::systemList(request, systems);
+    });
+}
+
+// ------------------------------------------------------------------------------------- connections
+
+std::uint16_t Server::listen(const std::string& host, std::uint16_t port)
+{
+    asio::ip::tcp::resolver resolver(loop_->context());
+    const auto found = resolver.resolve(host, std::to_string(port),
+                                        asio::ip::tcp::resolver::passive);
+    const asio::ip::tcp::endpoint endpoint = *found.begin();
+    acceptor_.open(endpoint.protocol());
+    acceptor_.set_option(asio::ip::tcp::acceptor::reuse_address(true));
+    acceptor_.bind(endpoint);
+    acceptor_.listen();
+    return acceptor_.local_endpoint().port();
+}
+
+void Server::startAccepting()
+{
+    const asio::ip::tcp::endpoint endpoint = acceptor_.local_endpoint();
+    log(LogLevel::Info,
+        "listening on " + endpoint.address().to_string() + ":" + std::to_string(endpoint.port()));
+    acceptNext();
+}
+
+void Server::acceptNext()
+{
+    acceptor_.async_accept([this](const asio::error_code& error, asio::ip::tcp::socket socket) {
+        if (!acceptor_.is_open()) return;
+        if (error) return retryAccepting(error);
+        onAccepted(std::move(socket));
+        acceptNext();
+    });
+}
+
+// Running out of descriptors ends by itself when connections close; until then accepting has to
+// pause.
+void Server::retryAccepting(const asio::error_code& error)
+{
+    log(LogLevel::Error, "cannot accept a connection: " + error.message());
+    acceptTimer_.expires_after(kAcceptRetry);
+    acceptTimer_.async_wait([this](const asio::error_code& stopped) {
+        if (!stopped && acceptor_.is_open()) acceptNext();
+    });
+}
+
+void Server::onAccepted(asio::ip::tcp::socket socket)
+{
+    asio::error_code gone;
+    const asio::ip::tcp::endpoint endpoint = socket.remote_endpoint(gone);
+    const std::string peer = gone ? "unknown"
+                                  : endpoint.address().to_string() + ":" +
+                                        std::to_string(endpoint.port());
+
+    const int number = ++lastNumber_;
+    const auto session = std::make_shared<Session>(std::move(socket), number, *this);
+    sessions_[number] = session;
+    recorder_.connected(number, peer);
+    log(LogLevel::Info, number, "accepted from " + peer);
+
+    const std::vector<Strike> strikes = plan_.strike({Moment::Connect, number, 0, {}});
+    if (findStrike(strikes, Fault::ResetAtConnect) != nullptr) return session->reset();
+    if (findStrike(strikes, Fault::DropAtConnect) != nullptr) return session->drop();
+    session->setReading(reading_);
+    session->start();
+}
+
+std::vector<std::shared_ptr<Session>> Server::openSessions(int number) const
+{
+    std::vector<std::shared_ptr<Session>> found;
+    for (const auto& [key, session] : sessions_) {
+        if ((number == 0 || number == key) && session->isOpen()) found.push_back(session);
+    }
+    return found;
+}
+
+void Server::send(Session& session, Bytes bytes)
+{
+    const std::vector<Strike> strikes = plan_.strike({Moment::Sending, session.number(), 0, {}});
+    const Strike* pieces = findStrike(strikes, Fault::Pieces);
+    session.send(std::move(bytes),
+                 pieces == nullptr ? 0 : static_cast<std::size_t>(pieces->misbehaviour.number),
+                 false);
+}
+
+void Server::setReading(bool reading)
+{
+    reading_ = reading;
+    for (const auto& session : openSessions(0)) session->setReading(reading);
+}
+
+void Server::close()
+{
+    asio::error_code ignored;
+    acceptor_.close(ignored);
+    acceptTimer_.cancel();
+    const std::map<int, std::shared_ptr<Session>> sessions = sessions_;
+    for (const auto& [number, session] : sessions) session->abandon();
+    log(LogLevel::Info, "stopped");
+}
+
+void Server::onBytesReceived(Session& session, const std::uint8_t* bytes, std::size_t count)
+{
+    recorder_.receivedBytes(session.number(), bytes, count);
+}
+
+void Server::onBytesSending(Session& session, const std::uint8_t* bytes, std::size_t count)
+{
+    recorder_.sentBytes(session.number(), bytes, count);
+}
+
+void Server::onAnswerSent(Session&)
+{
+    recorder_.answered();
+}
+
+void Server::onEnded(Session& session, Ending ending)
+{
+    const int number = session.number();
+    const bool untimely = ending != Ending::ClosedByGateway &&
+                          session.stage() != Session::Stage::Closing;
+    log(untimely ? LogLevel::Warning : LogLevel::Info, number,
+        std::string(describe(ending)) + (untimely ? " without a close flow" : ""));
+    runner_.connectionLost(number);
+    held_.forgetConnection(number);
+    sessions_.erase(number);
+    updateHeldCount();
+    recorder_.ended(number, ending);
+}
+
+// ------------------------------------------------------------------------------------------- flows
+
+void Server::onFlow(Session& session, const SplitFlow& split, const Bytes& raw)
+{
+    switch (static_cast<FlowType>(split.flow.header.flowType)) {
+    case FlowType::Handshake: return takeHandshake(session, split, raw);
+    case FlowType::Close: return takeCloseFlow(session, split, raw);
+    case FlowType::Request: return takeRequest(session, split, raw);
+    default: break;
+    }
+    try {
+        checkClientHeader(split.flow.header);
+    } catch (const MalformedFlow& malformed) {
+        report(session, malformed, raw);
+    }
+    session.drop();
+}
+
+void Server::onUnreadable(Session& session, const MalformedFlow& malformed, const Bytes& raw)
+{
+    report(session, malformed, raw);
+    session.drop();
+}
+
+void Server::onCutShort(Session& session, const Bytes& raw)
+{
+    report(session, MalformedFlow(raw.size(), "the connection ends within a flow"), raw);
+}
+
+void Server::report(const Session& session, const MalformedFlow& malformed, const Bytes& raw)
+{
+    log(LogLevel::Error, session.number(), std::string("malformed flow: ") + malformed.what());
+    recorder_.found({session.number(), malformed.offset(), malformed.problem(), raw});
+}
+
+void Server::takeHandshake(Session& session, const SplitFlow& split, const Bytes& raw)
+{
+    const FlowHeader& header = split.flow.header;
+    try {
+        checkClientHeader(header);
+        const Handshake handshake = decodeHandshake(split.flow.body, split.headerSize);
+        if (session.stage() != Session::Stage::Connected)
+            throw MalformedFlow(8, "a second handshake");
+        log(LogLevel::Info, session.number(),
+            "handshake applid=" + inQuotes(handshake.applid) +
+                " qualifier=" + inQuotes(handshake.applidQualifier));
+        recorder_.receivedHandshake(session.number(), handshake);
+    } catch (const MalformedFlow& malformed) {
+        report(session, malformed, raw);
+        send(session, encodeErrorFlow(kHandshakeMessageId, codeFor(header), "BASE"));
+        return session.drop();
+    }
+    answerHandshake(session);
+}
+
+void Server::answerHandshake(Session& session)
+{
+    const std::vector<Strike> strikes = plan_.strike({Moment::Handshake, session.number(), 0, {}});
+    if (strikes.empty()) {
+        session.setStage(Session::Stage::Ready);
+        recorder_.acceptedHandshake(session.number());
+        return send(session, encodeHandshakeAccepted());
+    }
+
+    const Misbehaviour& misbehaviour = strikes.front().misbehaviour;
+    log(LogLevel::Warning, session.number(),
+        "misbehaving: " + std::string(nameOf(misbehaviour.fault)));
+    switch (misbehaviour.fault) {
+    case Fault::RefuseHandshake:
+        return send(session, encodeErrorFlow(kHandshakeMessageId, misbehaviour.number, "BASE"));
+    case Fault::CloseAtHandshake: return send(session, encodeCloseFlow());
+    case Fault::DropAtHandshake: return session.drop();
+    case Fault::ResetAtHandshake: return session.reset();
+    default: return; // no answer at all
+    }
+}
+
+void Server::takeCloseFlow(Session& session, const SplitFlow& split, const Bytes& raw)
+{
+    try {
+        checkClientHeader(split.flow.header);
+    } catch (const MalformedFlow& malformed) {
+        report(session, malformed, raw);
+    }
+    log(LogLevel::Info, session.number(), "close flow");
+    recorder_.receivedCloseFlow(session.number());
+    session.setStage(Session::Stage::Closing);
+    const std::vector<Strike> strikes = plan_.strike({Moment::CloseFlow, session.number(), 0, {}});
+    if (strikes.empty()) {
+        send(session, encodeCloseFlow());
+    } else {
+        log(LogLevel::Warning, session.number(),
+            "misbehaving: " + std::string(nameOf(Fault::NoCloseAnswer)));
+    }
+}
+
+// ---------------------------------------------------------------------------------------- requests
+
+void Server::takeRequest(Session& session, const SplitFlow& split, const Bytes& raw)
+{
+    ReceivedRequest request;
+    request.connection = session.number();
+    request.header = split.flow.header;
+    request.raw = raw;
+    try {
+        checkClientHeader(request.header);
+        decodeBody(session, split, request);
+    } catch (const MalformedFlow& malformed) {
+        report(session, malformed, raw);
+        recorder_.receivedRequest(request);
+        return answerMalformed(session, request.header, malformed);
+    }
+    // Recorded first, so that a client which has its answer finds its request recorded.
+    recorder_.receivedRequest(request);
+    answerRequest(session, request);
+}
+
+void Server::answerMalformed(Session& session, const FlowHeader& header,
+                             const MalformedFlow& malformed)
+{
+    const std::int32_t id = header.messageId;
+    if (id < 1) return session.drop();
+    if (header.flowVersion != kFlowVersion)
+        return send(session, encodeErrorFlow(id, kGatewayBackLevel, "BASE"));
+    if (header.requestType != "ECI" && header.requestType != "ESI") {
+        return send(session, encodeErrorFlow(id, kGatewayInvalidRequestType, "BASE"));
+    }
+    send(session, encodeExceptionFlow(id, malformed.what(), header.requestType));
+}
+
+void Server::decodeBody(Session& session, const SplitFlow& split, ReceivedRequest& request)
+{
+    std::string text;
+    if (request.header.requestType == "ECI") {
+        request.eci = decodeEciRequest(split.flow.body, split.headerSize);
+        text = describe(*request.eci);
+    } else {
+        request.esi = decodeEsiRequest(split.flow.body, split.headerSize);
+        text = describe(*request.esi);
+    }
+    log(LogLevel::Info, session.number(),
+        "request " + std::to_string(request.header.messageId) + " " + text);
+}
+
+void Server::answerRequest(Session& session, const ReceivedRequest& request)
+{
+    const FlowHeader& header = request.header;
+    if (session.stage() != Session::Stage::Ready) {
+        const bool early = session.stage() == Session::Stage::Connected;
+        log(LogLevel::Warning, session.number(),
+            "request " + std::to_string(header.messageId) +
+                (early ? " before the handshake" : " behind the close flow"));
+        if (early)
+            send(session, encodeErrorFlow(header.messageId, kGatewayRefused, header.requestType));
+        return;
+    }
+
+    const std::string program = request.eci ? request.eci->program : std::string();
+    const std::vector<Strike> strikes = plan_.strike(
+        {Moment::Request, session.number(), header.messageId, program});
+    for (const Strike& strike : strikes) {
+        log(LogLevel::Warning, session.number(),
+            "request " + std::to_string(header.messageId) +
+                " misbehaving: " + std::string(nameOf(strike.misbehaviour.fault)));
+    }
+    if (std::optional<Answer> replaced = replacedAnswer(strikes, header)) {
+        answer(session.number(), header.messageId, strikes, std::move(*replaced));
+    } else {
+        answerInEarnest(request, strikes);
+    }
+}
+
+void Server::answerInEarnest(const ReceivedRequest& request, const std::vector<Strike>& strikes)
+{
+    const FlowHeader& header = request.header;
+    const auto give = [&](Answer given) {
+        answer(request.connection, header.messageId, strikes, std::move(given));
+    };
+    try {
+        if (rawReply_) {
+            give(spoiledAnswer(strikes, rawReply_(request)));
+        } else if (request.eci) {
+            runEci(request, strikes);
+        } else if (esiReply_) {
+            runEsi(request, strikes);
+        } else {
+            give(spoiledAnswer(strikes, makeErrorFlow(header.messageId, kGatewayInvalidRequestType,
+                                                      header.requestType)));
+        }
+    } catch (const std::exception& failure) {
+        log(LogLevel::Error, request.connection,
+            "request " + std::to_string(header.messageId) +
+                " has failed: " + printable(failure.what()));
+        give(spoiledAnswer(
+            strikes, makeExceptionFlow(header.messageId, failure.what(), header.requestType)));
+    }
+}
+
+void Server::runEci(const ReceivedRequest& request, const std::vector<Strike>& strikes)
+{
+    const int connection = request.connection;
+    const std::int32_t messageId = request.header.messageId;
+    const auto deliverReply = [this, connection, messageId, strikes](const EciReply& reply) {
+        log(LogLevel::Info, connection,
+            "answer " + std::to_string(messageId) + " " + describe(reply));
+        answer(connection, messageId, strikes,
+               spoiledAnswer(strikes, makeEciReply(messageId, reply)));
+    };
+    const std::weak_ptr<EventLoop> loop = loop_;
+    const auto later = [loop](std::function<void()> task) {
+        if (const auto alive = loop.lock()) alive->post(std::move(task));
+    };
+    runner_.run(*request.eci, messageId, connection, deliverReply, later);
+}
+
+void Server::runEsi(const ReceivedRequest& request, const std::vector<Strike>& strikes)
+{
+    const std::int32_t messageId = request.header.messageId;
+    const EsiReply reply = esiReply_(*request.esi);
+    log(LogLevel::Info, request.connection,
+        "answer " + std::to_string(messageId) + " " + describe(reply));
+    answer(request.connection, messageId, strikes,
+           spoiledAnswer(strikes, makeEsiReply(messageId, reply)));
+}
+
+// ----------------------------------------------------------------------------------------- answers
+
+void Server::answer(int connection, std::int32_t messageId, const std::vector<Strike>& strikes,
+                    Answer answer)
+{
+    if (sessions_.count(connection) == 0) return; // the answer comes too late
+    HeldAnswer held{connection, messageId, std::move(answer)};
+    if (findStrike(strikes, Fault::Hold) != nullptr) {
+        held_.hold(std::move(held));
+        return updateHeldCount();
+    }
+    if (const Strike* reverse = findStrike(strikes, Fault::Reverse)) {
+        const auto wanted = static_cast<std::size_t>(reverse->misbehaviour.number);
+        return deliver(held_.collect(reverse->entry, wanted, std::move(held)));
+    }
+    deliverOne(std::move(held));
+}
+
+void Server::deliver(std::vector<HeldAnswer> answers)
+{
+    for (HeldAnswer& held : answers) deliverOne(std::move(held));
+    updateHeldCount();
+}
+
+void Server::deliverOne(HeldAnswer held)
+{
+    const auto found = sessions_.find(held.connection);
+    if (found == sessions_.end()) return;
+    const std::shared_ptr<Session> session = found->second;
+
+    const std::vector<Strike> strikes = plan_.strike({Moment::Sending, held.connection, 0, {}});
+    const Strike* pieces = findStrike(strikes, Fault::Pieces);
+    const std::size_t pieceSize = pieces == nullptr
+                                      ? 0
+                                      : static_cast<std::size_t>(pieces->misbehaviour.number);
+    std::vector<Bytes>& flows = held.answer.flows;
+    for (Bytes& flow : flows) session->send(std::move(flow), pieceSize, &flow == &flows.back());
+
+    if (held.answer.then == Answer::Then::Drop) session->drop();
+    if (held.answer.then == Answer::Then::Reset) session->reset();
+}
+
+// --------------------------------------------------------------------------------------------- log
+
+void Server::log(LogLevel level, const std::string& line) const
+{
+    if (log_) log_(level, line);
+}
+
+void Server::log(LogLevel level, int connection, const std::string& line) const
+{
+    log(level, "connection " + std::to_string(connection) + ": " + line);
+}
+
+} // namespace standin

@@ -1,0 +1,168 @@
+#include "conversation/session.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <asio/buffer.hpp>
+#include <asio/error.hpp>
+#include <asio/write.hpp>
+
+namespace standin {
+
+Session::Session(asio::ip::tcp::socket socket, int number, SessionOwner& owner)
+    : socket_(std::move(socket)), number_(number), owner_(owner)
+{
+    // Every piece is to travel by itself.
+    asio::error_code ignored;
+    socket_.set_option(asio::ip::tcp::no_delay(true), ignored);
+}
+
+void Session::start()
+{
+    readMore();
+}
+
+// ----------------------------------------------------------------------------------------- reading
+
+void Session::setReading(bool reading)
+{
+    reading_ = reading;
+    if (!reading_ || !isOpen()) return;
+    takeFlows();
+    readMore();
+}
+
+void Session::readMore()
+{
+    if (ended_ || dropping_ || !reading_ || readUnderWay_) return;
+    readUnderWay_ = true;
+    socket_.async_read_some(
+        asio::buffer(arrived_),
+        [self = shared_from_this()](const asio::error_code& error, std::size_t count) {
+            self->readUnderWay_ = false;
+            if (self->ended_ || self->dropping_) return;
+            if (error) return self->onReadFailed(error);
+            self->owner_.onBytesReceived(*self, self->arrived_.data(), count);
+            self->unread_.insert(self->unread_.end(), self->arrived_.begin(),
+                                 self->arrived_.begin() + static_cast<std::ptrdiff_t>(count));
+            self->takeFlows();
+            self->readMore();
+        });
+}
+
+void Session::takeFlows()
+{
+    while (isOpen() && reading_ && !unread_.empty() && takeOneFlow()) {}
+}
+
+bool Session::takeOneFlow()
+{
+    std::optional<SplitFlow> split;
+    try {
+        split = splitFlow(unread_);
+    } catch (const MalformedFlow& malformed) {
+        owner_.onUnreadable(*this, malformed, std::exchange(unread_, {}));
+        return false;
+    }
+    if (!split) return false;
+    const auto end = unread_.begin() + static_cast<std::ptrdiff_t>(split->size);
+    const Bytes raw(unread_.begin(), end);
+    unread_.erase(unread_.begin(), end);
+    owner_.onFlow(*this, *split, raw);
+    return true;
+}
+
+void Session::onReadFailed(const asio::error_code& error)
+{
+    if (!unread_.empty()) owner_.onCutShort(*this, unread_);
+    end(error == asio::error::eof ? Ending::ClosedByClient : Ending::Reset);
+}
+
+// ----------------------------------------------------------------------------------------- sending
+
+void Session::send(Bytes bytes, std::size_t pieceSize, bool isAnswer)
+{
+    if (!isOpen()) return;
+    outgoing_.push_back({std::move(bytes), pieceSize, isAnswer});
+    if (outgoing_.size() == 1) sendNextPiece();
+}
+
+void Session::sendNextPiece()
+{
+    const Outgoing& flow = outgoing_.front();
+    const std::size_t rest = flow.bytes.size() - flow.done;
+    const std::size_t size = flow.pieceSize == 0 ? rest : std::min(flow.pieceSize, rest);
+    // Told first, so that a client which has the bytes finds them told.
+    owner_.onBytesSending(*this, flow.bytes.data() + flow.done, size);
+    asio::async_write(
+        socket_, asio::buffer(flow.bytes.data() + flow.done, size),
+        [self = shared_from_this()](const asio::error_code& error, std::size_t count) {
+            if (self->ended_) return;
+            if (error) return self->end(Ending::Reset);
+            self->onPieceSent(count);
+        });
+}
+
+void Session::onPieceSent(std::size_t count)
+{
+    Outgoing& flow = outgoing_.front();
+    flow.done += count;
+    if (flow.done == flow.bytes.size()) {
+        const bool wasAnswer = flow.isAnswer;
+        outgoing_.pop_front();
+        if (wasAnswer) owner_.onAnswerSent(*this);
+    }
+    if (ended_) return;
+    if (!outgoing_.empty()) return sendNextPiece();
+    if (dropping_) finishDrop();
+}
+
+// ------------------------------------------------------------------------------------------ ending
+
+void Session::drop()
+{
+    if (!isOpen()) return;
+    dropping_ = true;
+    if (outgoing_.empty()) finishDrop();
+}
+
+void Session::finishDrop()
+{
+    asio::error_code ignored;
+    socket_.shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
+    discardUnread();
+    end(Ending::ClosedByGateway);
+}
+
+// Closing a socket with unread bytes makes the system send a reset, which could overtake the
+// orderly end.
+void Session::discardUnread()
+{
+    asio::error_code error;
+    socket_.non_blocking(true, error);
+    while (!error) socket_.read_some(asio::buffer(arrived_), error);
+}
+
+void Session::reset()
+{
+    if (ended_) return;
+    asio::error_code ignored;
+    socket_.set_option(asio::socket_base::linger(true, 0), ignored);
+    end(Ending::Reset);
+}
+
+void Session::abandon()
+{
+    if (!ended_) end(Ending::ClosedByGateway);
+}
+
+void Session::end(Ending ending)
+{
+    const auto self = shared_from_this(); // the owner may let go of it
+    ended_ = true;
+    asio::error_code ignored;
+    socket_.close(ignored);
+    owner_.onEnded(*this, ending);
+}
+
+} // namespace standin

@@ -1,0 +1,218 @@
+#include "programs/call_runner.h"
+
+#include <algorithm>
+#include <limits>
+#include <utility>
+
+#include "codec/printable.h"
+
+namespace standin {
+
+namespace {
+
+const char* const kProgramNotFound = "AEI0";
+
+std::string unitText(std::int32_t token)
+{
+    return "unit of work " + std::to_string(token);
+}
+
+} // namespace
+
+CallRunner::CallRunner(LogSink log) : log_(std::move(log))
+{
+    programs_["ECHO"] = makeEcho();
+    programs_["ABEND"] = makeAbend();
+    programs_["CHANECHO"] = makeChannelEcho();
+    programs_["CHANEDIT"] = makeChannelEdit();
+}
+
+void CallRunner::setProgram(const std::string& name, std::shared_ptr<Program> program)
+{
+    programs_[name] = std::move(program);
+}
+
+void CallRunner::setListReply(ReplyFunction reply)
+{
+    listReply_ = std::move(reply);
+}
+
+// ------------------------------------------------------------------------------------------- calls
+
+void CallRunner::run(const EciRequest& request, std::int32_t messageId, int connection,
+                     const Deliver& deliver,
+                     const std::function<void(std::function<void()>)>& later)
+{
+    if (request.callType == kCallListSystems) {
+        deliver(listReply_(request));
+    } else if (request.endsUnitOfWork()) {
+        deliver(endUnit(request, connection));
+    } else if (request.extendMode == kModeSingle) {
+        runProgram(request, messageId, connection, nullptr, deliver, later);
+    } else if (request.luwToken == 0) {
+        runProgram(request, messageId, connection, &openUnit(connection), deliver, later);
+    } else if (OpenUnit* unit = findUnit(request.luwToken, connection)) {
+        runProgram(request, messageId, connection, unit, deliver, later);
+    } else {
+        log(LogLevel::Warning, unitText(request.luwToken) + " is not open on connection " +
+                                   std::to_string(connection));
+        deliver(EciReply::serverError(request, kServerUnknownToken));
+    }
+}
+
+void CallRunner::runProgram(const EciRequest& request, std::int32_t messageId, int connection,
+                            OpenUnit* unit, const Deliver& deliver,
+                            const std::function<void(std::function<void()>)>& later)
+{
+    const std::int32_t unitToken = unit != nullptr ? unit->id.token : 0;
+    const auto finish = [this, deliver, unitToken,
+                         requestToken = request.luwToken](EciReply reply) {
+        deliver(settle(std::move(reply), requestToken, unitToken));
+    };
+
+    const std::shared_ptr<Program> program = findProgram(request.program);
+    if (program == nullptr) {
+        log(LogLevel::Warning, "program \"" + printable(request.program) + "\" is not there");
+        return finish(EciReply::abend(request, kProgramNotFound));
+    }
+
+    ProgramCall call{request, messageId, connection, std::nullopt, nullptr};
+    if (unit != nullptr) {
+        const std::int32_t refused = enlist(*unit, request.program, program);
+        if (refused != kServerOk) return finish(EciReply::serverError(request, refused));
+        call.unitOfWork = unit->id;
+    }
+    call.answerLater = [finish, later] {
+        return PendingReply([finish, later](EciReply reply) {
+            later([finish, answer = std::move(reply)] { finish(answer); });
+        });
+    };
+
+    try {
+        std::optional<EciReply> reply = program->call(call);
+        if (reply) finish(std::move(*reply));
+    } catch (...) {
+        // The call's outcome is unknown, so its unit of work cannot stand.
+        if (unit != nullptr) backOut(unitToken);
+        throw;
+    }
+}
+
+EciReply CallRunner::settle(EciReply reply, std::int32_t requestToken, std::int32_t unitToken)
+{
+    if (unitToken == 0) return reply;
+    const bool failed = reply.vornRc != kServerOk || reply.gatewayRc != kGatewayOk;
+    if (failed) backOut(unitToken);
+    if (reply.luwToken == requestToken)
+        reply.luwToken = units_.count(unitToken) != 0 ? unitToken : 0;
+    return reply;
+}
+
+EciReply CallRunner::endUnit(const EciRequest& request, int connection)
+{
+    OpenUnit* unit = findUnit(request.luwToken, connection);
+    if (unit == nullptr) {
+        log(LogLevel::Warning, unitText(request.luwToken) + " is not open on connection " +
+                                   std::to_string(connection));
+        return EciReply::serverError(request, kServerUnknownToken);
+    }
+
+    EciReply reply = EciReply::to(request);
+    reply.luwToken = 0;
+    if (request.extendMode == kModeBackout) {
+        backOut(request.luwToken);
+        return reply;
+    }
+    reply.vornRc = commitMembers(*unit);
+    if (reply.vornRc == kServerOk)
+        log(LogLevel::Info, unitText(request.luwToken) + " is committed");
+    forgetUnit(request.luwToken);
+    return reply;
+}
+
+std::shared_ptr<Program> CallRunner::findProgram(const std::string& name) const
+{
+    const auto found = programs_.find(name);
+    return found == programs_.end() ? nullptr : found->second;
+}
+
+// ----------------------------------------------------------------------------------- units of work
+
+CallRunner::OpenUnit* CallRunner::findUnit(std::int32_t token, int connection)
+{
+    const auto found = units_.find(token);
+    if (found == units_.end() || found->second.id.connection != connection) return nullptr;
+    return &found->second;
+}
+
+CallRunner::OpenUnit& CallRunner::openUnit(int connection)
+{
+    do {
+        lastToken_ = lastToken_ == std::numeric_limits<std::int32_t>::max() ? 1 : lastToken_ + 1;
+    } while (units_.count(lastToken_) != 0);
+
+    OpenUnit& unit = units_[lastToken_];
+    unit.id = UnitOfWork{lastToken_, connection};
+    openCount_ = units_.size();
+    log(LogLevel::Info,
+        unitText(lastToken_) + " is opened by connection " + std::to_string(connection));
+    return unit;
+}
+
+std::int32_t CallRunner::enlist(OpenUnit& unit, const std::string& name,
+                                const std::shared_ptr<Program>& program)
+{
+    for (const auto& [memberName, member] : unit.members) {
+        if (memberName == name && member == program) return program->resume(unit.id);
+    }
+    const std::int32_t rc = program->begin(unit.id);
+    if (rc == kServerOk) unit.members.emplace_back(name, program);
+    return rc;
+}
+
+// The first program that cannot commit decides: what has not been committed by then is backed out.
+std::int32_t CallRunner::commitMembers(OpenUnit& unit)
+{
+    std::int32_t rc = kServerOk;
+    for (const auto& [name, program] : unit.members) {
+        if (rc == kServerOk) {
+            rc = program->commit(unit.id);
+            if (rc == kServerOk) continue;
+            log(LogLevel::Error, unitText(unit.id.token) + ": program " + name +
+                                     " cannot commit, vornRc=" + std::to_string(rc));
+        }
+        program->backout(unit.id);
+    }
+    return rc;
+}
+
+void CallRunner::backOut(std::int32_t token)
+{
+    const auto found = units_.find(token);
+    if (found == units_.end()) return;
+    for (const auto& [name, program] : found->second.members) program->backout(found->second.id);
+    log(LogLevel::Info, unitText(token) + " is backed out");
+    forgetUnit(token);
+}
+
+void CallRunner::forgetUnit(std::int32_t token)
+{
+    units_.erase(token);
+    openCount_ = units_.size();
+}
+
+void CallRunner::connectionLost(int connection)
+{
+    std::vector<std::int32_t> tokens;
+    for (const auto& [token, unit] : units_) {
+        if (unit.id.connection == connection) tokens.push_back(token);
+    }
+    for (const std::int32_t token : tokens) backOut(token);
+}
+
+void CallRunner::log(LogLevel level, const std::string& line) const
+{
+    if (log_) log_(level, line);
+}
+
+} // namespace standin

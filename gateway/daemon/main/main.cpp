@@ -1,0 +1,260 @@
+// The daemon qpxgatewayd: a Gateway with its programs, until a signal ends it.
+
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <system_error>
+#include <variant>
+
+#include <spdlog/sinks/stdout_color_sinks.h>
+#include <spdlog/spdlog.h>
+
+#include "ledger/ledger.h"
+#include "main/options.h"
+#include "orders/orders.h"
+#include "registry/registry.h"
+#include "standin/gateway.h"
+
+namespace {
+
+using daemon_options::Options;
+using Log = std::shared_ptr<spdlog::logger>;
+using Registry = std::shared_ptr<registry::Registry>;
+
+spdlog::level::level_enum levelOf(standin::LogLevel level)
+{
+    switch (level) {
+    case standin::LogLevel::Debug: return spdlog::level::debug;
+    case standin::LogLevel::Info: return spdlog::level::info;
+    case standin::LogLevel::Warning: return spdlog::level::warn;
+    case standin::LogLevel::Error: break;
+    }
+    return spdlog::level::err;
+}
+
+Log openLog(standin::LogLevel level)
+{
+    Log log = spdlog::stderr_color_mt("qpxgatewayd");
+    log->set_pattern("%Y-%m-%d %H:%M:%S.%e %^%-7l%$ %v");
+    log->set_level(levelOf(level));
+    log->flush_on(spdlog::level::trace);
+    return log;
+}
+
+standin::LogSink sinkInto(const Log& log)
+{
+    return [log](standin::LogLevel level, const std::string& line) {
+        log->log(levelOf(level), "{}", line);
+    };
+}
+
+// The signals that the daemon understands. Blocked in every thread, they wait until they are asked
+// for.
+class Signals {
+public:
+    Signals()
+    {
+        sigemptyset(&signals_);
+        sigaddset(&signals_, SIGINT);
+        sigaddset(&signals_, SIGTERM);
+        sigaddset(&signals_, SIGUSR1);
+        pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
+    }
+
+    int wait() const
+    {
+        int signal = 0;
+        sigwait(&signals_, &signal);
+        return signal;
+    }
+
+private:
+    sigset_t signals_;
+};
+
+// A file with the port's number, there for as long as the daemon listens. It appears with its
+// content complete, so that a script may wait for it.
+class PortFile {
+public:
+    explicit PortFile(std::string name) : name_(std::move(name)) {}
+
+    ~PortFile()
+    {
+        if (written_) std::remove(name_.c_str());
+    }
+
+    PortFile(const PortFile&) = delete;
+    PortFile& operator=(const PortFile&) = delete;
+
+    bool write(std::uint16_t port)
+    {
+        const std::string unfinished = name_ + ".new";
+        std::ofstream file(unfinished);
+        file << port << '\n';
+        file.close();
+        if (file.fail()) return false;
+        written_ = std::rename(unfinished.c_str(), name_.c_str()) == 0;
+        if (!written_) std::remove(unfinished.c_str());
+        return written_;
+    }
+
+private:
+    const std::string name_;
+    bool written_ = false;
+};
+
+// The programs that keep their data in the database.
+struct DatabasePrograms {
+    std::shared_ptr<standin::Program> ledger;
+    std::shared_ptr<standin::Program> orders;
+};
+
+std::optional<DatabasePrograms> openDatabase(const Options& options, const Log& log)
+{
+    try {
+        return DatabasePrograms{std::make_shared<ledger::Ledger>(options.database, sinkInto(log)),
+                                std::make_shared<orders::Orders>(options.database, sinkInto(log))};
+    } catch (const ledger::DatabaseError& error) {
+        log->error("cannot use the database {}: {}. Give a ledger, or a new file in a directory "
+                   "that may be "
+                   "written to, with --database.",
+                   options.database, error.what());
+        return std::nullopt;
+    }
+}
+
+// Adds a system, or gives the one of that name another description.
+void put(std::vector<registry::System>& systems, const standin::SystemEntry& system)
+{
+    for (registry::System& known : systems) {
+        if (known.name != system.name) continue;
+        known.description = system.description;
+        return;
+    }
+    systems.push_back({system.name, system.description, "available"});
+}
+
+// What the registry is filled with: the file's, and the systems of the options behind its own.
+registry::Content contentFor(const Options& options)
+{
+    registry::Content content;
+    if (!options.registry.empty()) content = registry::readContent(options.registry);
+    for (const standin::SystemEntry& system : options.systems) put(content.systems, system);
+    return content;
+}
+
+// The ledger has been opened by now, so the file is one. An int is the exit code to end with.
+std::variant<Registry, int> openRegistry(const Options& options, const Log& log)
+{
+    try {
+        auto opened = std::make_shared<registry::Registry>(options.database, sinkInto(log));
+        opened->load(contentFor(options));
+        return opened;
+    } catch (const registry::BadContent& error) {
+        log->error("cannot use the registry file {}: {}. docs/gateway.md describes it.",
+                   options.registry, error.what());
+        return daemon_options::kBadRegistry;
+    } catch (const registry::DatabaseError& error) {
+        log->error("cannot fill the registry in {}: {}.", options.database, error.what());
+        return daemon_options::kBadDatabase;
+    }
+}
+
+void serveFrom(const Registry& users, standin::Gateway& gateway)
+{
+    gateway.setEsiReply(
+        [users](const standin::EsiRequest& request) { return users->answer(request); });
+    gateway.setListReply(
+        [users](const standin::EciRequest& request) { return users->list(request); });
+}
+
+std::unique_ptr<standin::Gateway> openGateway(const Options& options, const Log& log)
+{
+    standin::GatewayOptions gatewayOptions;
+    gatewayOptions.host = options.host;
+    gatewayOptions.port = options.port;
+    gatewayOptions.log = sinkInto(log);
+    gatewayOptions.recording = false;
+    gatewayOptions.systems = options.systems;
+    try {
+        return std::make_unique<standin::Gateway>(gatewayOptions);
+    } catch (const std::system_error& error) {
+        log->error("cannot listen on {}:{}: {}. Choose another port with --port (0 for any free "
+                   "one), or an "
+                   "address of this machine with --host.",
+                   options.host, options.port, error.code().message());
+        return nullptr;
+    }
+}
+
+// Returns when SIGINT or SIGTERM has come.
+void serveUntilStopped(standin::Gateway& gateway, const Log& log, const Signals& signals)
+{
+    int signal = signals.wait();
+    while (signal == SIGUSR1) {
+        log->info("releasing {} held answers", gateway.heldCount());
+        gateway.release();
+        signal = signals.wait();
+    }
+    log->info("ending by signal {}", signal);
+    gateway.stop();
+}
+
+int serve(const Options& options, const Log& log, const Signals& signals)
+{
+    std::optional<DatabasePrograms> programs;
+    Registry users;
+    if (!options.database.empty()) {
+        programs = openDatabase(options, log);
+        if (!programs) return daemon_options::kBadDatabase;
+        const std::variant<Registry, int> opened = openRegistry(options, log);
+        if (const int* const code = std::get_if<int>(&opened)) return *code;
+        users = std::get<Registry>(opened);
+    }
+
+    const std::unique_ptr<standin::Gateway> gateway = openGateway(options, log);
+    if (gateway == nullptr) return daemon_options::kCannotListen;
+    if (programs) {
+        gateway->setProgram("LEDGER", programs->ledger);
+        gateway->setProgram("ORDERS", programs->orders);
+    }
+    if (users != nullptr) serveFrom(users, *gateway);
+    log->info("programs: ECHO, ABEND, CHANECHO, CHANEDIT{}",
+              programs ? ", LEDGER and ORDERS on " + options.database
+                       : "; no LEDGER and ORDERS without --database");
+    for (const standin::SelectedMisbehaviour& selected : options.misbehaviours) {
+        gateway->misbehave(selected.misbehaviour, selected.selector);
+        log->warn("misbehaving on purpose: {}", standin::nameOf(selected.misbehaviour.fault));
+    }
+
+    PortFile portFile(options.portFile);
+    if (!options.portFile.empty() && !portFile.write(gateway->port())) {
+        log->error("cannot write the port file {}. Give a file in a directory that may be written "
+                   "to, with "
+                   "--port-file.",
+                   options.portFile);
+        return daemon_options::kBadPortFile;
+    }
+
+    log->info("ready");
+    serveUntilStopped(*gateway, log, signals);
+    return daemon_options::kStopped;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        const std::variant<Options, int> read = daemon_options::readOptions(argc, argv);
+        if (const int* const code = std::get_if<int>(&read)) return *code;
+        const Signals signals;
+        const Options& options = std::get<Options>(read);
+        return serve(options, openLog(options.logLevel), signals);
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "qpxgatewayd: %s\n", failure.what());
+        return daemon_options::kFailed;
+    }
+}

@@ -1,0 +1,166 @@
+#include "main/options.h"
+
+#include <iomanip>
+#include <iostream>
+#include <map>
+#include <stdexcept>
+
+#include <CLI/CLI.hpp>
+
+namespace daemon_options {
+
+using standin::LogLevel;
+
+namespace {
+
+const char* const kFooter = R"(
+Examples:
+  qpxgatewayd --port 5770 --database ledger.db
+      Serves all programs on 127.0.0.1, port 5770.
+  qpxgatewayd --port 5770 --database ledger.db --registry registry.toml
+      Also verifies and changes the passwords of the users in registry.toml.
+  qpxgatewayd --port-file port.txt
+      Serves those that need no database on a free port, and writes its number
+      to port.txt.
+  qpxgatewayd --misbehave pieces=7 --misbehave drop@program:ECHO,nth:3
+      Sends everything in pieces of 7 bytes, and drops the connection instead of
+      answering the third call of ECHO.
+  qpxgatewayd --config gateway.conf
+      Takes options from a file with lines like: port=5770
+
+SIGUSR1 releases all answers that are held and ends the misbehaviour "hold".
+
+Exit codes:
+  0  stopped by SIGINT or SIGTERM       3  cannot listen on the address
+  1  unforeseen failure                 4  cannot use the database file
+  2  wrong option or configuration      5  cannot write the port file
+                                        6  cannot use the registry file)";
+
+const std::map<std::string, LogLevel> kLogLevels = {
+    {"debug", LogLevel::Debug},
+    {"info", LogLevel::Info},
+    {"warning", LogLevel::Warning},
+    {"error", LogLevel::Error},
+};
+
+// The options as text, before they are understood.
+struct RawOptions {
+    std::vector<std::string> misbehaviours;
+    std::vector<std::string> systems;
+    std::string logLevel = "info";
+    bool listMisbehaviours = false;
+};
+
+// "" when the text is good, else what is wrong with it: the way CLI11 wants to be told.
+std::string complaintAboutMisbehaviour(const std::string& text)
+{
+    try {
+        standin::parseMisbehaviour(text);
+        return "";
+    } catch (const std::invalid_argument& refusal) {
+        return refusal.what();
+    }
+}
+
+std::string complaintAboutLogLevel(const std::string& text)
+{
+    return kLogLevels.count(text) != 0 ? ""
+                                       : "\"" + text + "\" is not debug, info, warning or error";
+}
+
+std::string complaintAboutSystem(const std::string& text)
+{
+    const std::size_t mark = text.find('=');
+    if (mark == std::string::npos) return "\"" + text + "\" is not NAME=DESCRIPTION";
+    if (mark < 1 || mark > 8) return "the name in \"" + text + "\" does not have 1 to 8 characters";
+    if (text.size() - mark - 1 > 60)
+        return "the description in \"" + text + "\" has more than 60 characters";
+    return "";
+}
+
+standin::SystemEntry systemFrom(const std::string& text)
+{
+    const std::size_t mark = text.find('=');
+    return {text.substr(0, mark), text.substr(mark + 1)};
+}
+
+void printMisbehaviours()
+{
+    for (const standin::MisbehaviourInfo& info : standin::misbehaviours()) {
+        std::string form(info.name);
+        if (!info.argument.empty()) {
+            const bool optional = info.argument.front() == '[';
+            form += optional ? "[=" + std::string(info.argument.substr(1))
+                             : "=" + std::string(info.argument);
+        }
+        std::cout << "  " << std::left << std::setw(26) << form << info.effect << '\n';
+    }
+    std::cout << "\nEach may have selectors behind it, as in hold@connection:1,program:ECHO :\n"
+                 "  connection:N  message:ID  program:NAME  skip:N  times:N  nth:N  once\n";
+}
+
+void declare(CLI::App& app, Options& options, RawOptions& raw)
+{
+    app.footer(kFooter);
+    app.set_version_flag("--version", std::string("qpxgatewayd ") + GATEWAY_VERSION);
+    app.set_config("--config", "", "Read options from FILE (lines of name=value)")
+        ->option_text("FILE");
+
+    app.add_option("--host", options.host, "Address to listen on (default 127.0.0.1)")
+        ->option_text("ADDRESS");
+    app.add_option("--port", options.port, "Port to listen on, 0 for any free one (default 0)")
+        ->option_text("PORT");
+    app.add_option("--port-file", options.portFile, "Write the port to FILE once it is open")
+        ->option_text("FILE");
+    CLI::Option* const database =
+        app.add_option("--database", options.database,
+                       "SQLite file of the programs LEDGER and ORDERS and of the registry of users "
+                       "and systems, made when it is not there; without it there is none of them")
+            ->option_text("FILE");
+    app.add_option("--registry", options.registry,
+                   "Fill the registry from FILE (TOML with rules, systems, and users with their "
+                   "passwords in clear, which are hashed); needs --database")
+        ->option_text("FILE")
+        ->needs(database);
+    app.add_option("--system", raw.systems,
+                   "A server for the system list, behind those of the registry file; may be "
+                   "given several times")
+        ->option_text("NAME=DESCRIPTION")
+        ->allow_extra_args(false)
+        ->check(CLI::Validator(complaintAboutSystem, ""));
+    app.add_option("--misbehave", raw.misbehaviours, "Misbehave; may be given several times")
+        ->option_text("NAME[=ARG][@SELECTOR]")
+        ->allow_extra_args(false)
+        ->check(CLI::Validator(complaintAboutMisbehaviour, ""));
+    app.add_flag("--list-misbehaviours", raw.listMisbehaviours, "Print all misbehaviours and end");
+    app.add_option("--log-level", raw.logLevel, "debug, info, warning or error (default info)")
+        ->option_text("LEVEL")
+        ->check(CLI::Validator(complaintAboutLogLevel, ""));
+}
+
+} // namespace
+
+std::variant<Options, int> readOptions(int argc, const char* const* argv)
+{
+    Options options;
+    RawOptions raw;
+    CLI::App app("A stand-in for a Gateway: speaks its protocol and runs a few programs behind it.",
+                 "qpxgatewayd");
+    declare(app, options, raw);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& reason) {
+        return app.exit(reason) == 0 ? kStopped : kBadOptions;
+    }
+    if (raw.listMisbehaviours) {
+        printMisbehaviours();
+        return kStopped;
+    }
+    options.logLevel = kLogLevels.at(raw.logLevel);
+    for (const std::string& text : raw.misbehaviours)
+        options.misbehaviours.push_back(standin::parseMisbehaviour(text));
+    for (const std::string& text : raw.systems) options.systems.push_back(systemFrom(text));
+    return options;
+}
+
+} // namespace daemon_options

@@ -16,7 +16,7 @@
 #include <optional>
 #include <string>
 
-#include "standin/wire.h"
+#include "standin/messages.h"
 
 namespace ledger {
 

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "standin/log.h"
+#include "standin/messages.h"
 #include "standin/misbehaviour.h"
-#include "standin/wire.h"
 
 namespace daemon_options {
 

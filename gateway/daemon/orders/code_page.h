@@ -11,7 +11,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "standin/wire.h"
+#include "standin/messages.h"
 
 namespace orders {
 

@@ -25,7 +25,7 @@
 #include <string>
 #include <vector>
 
-#include "standin/wire.h"
+#include "standin/messages.h"
 
 namespace orders {
 

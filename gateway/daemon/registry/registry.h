@@ -20,7 +20,7 @@
 #include "registry/registry_file.h"
 #include "registry/registry_store.h"
 #include "standin/log.h"
-#include "standin/wire.h"
+#include "standin/messages.h"
 
 namespace registry {
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "database/database.h"
-#include "standin/wire.h"
+#include "standin/messages.h"
 
 namespace registry {
 

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "standin/wire.h"
+#include "standin/messages.h"
 
 namespace standin {
 

@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-#include "standin/wire.h"
+#include "standin/messages.h"
 
 namespace standin {
 

@@ -15,7 +15,7 @@
 #include <memory>
 #include <optional>
 
-#include "standin/wire.h"
+#include "standin/messages.h"
 
 namespace standin {
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "standin/wire.h"
+#include "standin/messages.h"
 
 namespace standin {
 

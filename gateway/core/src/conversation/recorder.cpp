@@ -124,7 +124,7 @@ void Recorder::forget()
     });
 }
 
-bool Recorder::await(Counter counter, std::size_t count, Gateway::Limit limit) const
+bool Recorder::await(Counter counter, std::size_t count, std::chrono::milliseconds limit) const
 {
     std::unique_lock<std::mutex> guard(lock_);
     return changed_.wait_for(guard, limit, [&] { return totals_.*counter >= count; });

@@ -4,13 +4,14 @@
 #ifndef STANDIN_RECORDER_H
 #define STANDIN_RECORDER_H
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "standin/gateway.h"
+#include "standin/records.h"
 
 namespace standin {
 
@@ -46,7 +47,7 @@ public:
     void setHeld(std::size_t held);
     void forget();
 
-    bool await(Counter counter, std::size_t count, Gateway::Limit limit) const;
+    bool await(Counter counter, std::size_t count, std::chrono::milliseconds limit) const;
     std::size_t total(Counter counter) const;
 
     std::vector<ConnectionRecord> connections() const;

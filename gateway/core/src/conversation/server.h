@@ -21,6 +21,7 @@
 #include "conversation/session.h"
 #include "faults/fault_plan.h"
 #include "programs/call_runner.h"
+#include "standin/gateway.h"
 
 namespace standin {
 

@@ -16,7 +16,8 @@
 
 #include <asio/ip/tcp.hpp>
 
-#include "standin/gateway.h"
+#include "standin/records.h"
+#include "standin/wire.h"
 
 namespace standin {
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "standin/wire.h"
+
 namespace standin {
 
 namespace {

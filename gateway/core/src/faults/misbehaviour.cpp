@@ -8,6 +8,8 @@
 #include <optional>
 #include <stdexcept>
 
+#include "standin/wire.h"
+
 namespace standin {
 
 namespace {

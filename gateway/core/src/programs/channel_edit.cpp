@@ -9,6 +9,7 @@
 
 #include "codec/printable.h"
 #include "standin/channel_changes.h"
+#include "standin/wire.h"
 
 namespace standin {
 

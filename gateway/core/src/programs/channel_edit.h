@@ -13,7 +13,7 @@
 #ifndef STANDIN_CHANNEL_EDIT_H
 #define STANDIN_CHANNEL_EDIT_H
 
-#include "standin/wire.h"
+#include "standin/messages.h"
 
 namespace standin {
 

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <set>
 
 #include "standin/misbehaviour.h"
@@ -18,6 +19,40 @@ std::string complaint(const std::string& text)
         return refusal.what();
     }
     return "accepted";
+}
+
+// The rows of the table in the document's chapter on misbehaviours, without its two head lines.
+std::vector<std::string> documentedRows()
+{
+    std::ifstream document(GATEWAY_DOCUMENT);
+    std::string line;
+    while (std::getline(document, line) && line != "## Misbehaviours") {}
+    std::vector<std::string> rows;
+    while (std::getline(document, line) && (rows.empty() || !line.empty())) {
+        if (!line.empty()) rows.push_back(line);
+    }
+    if (rows.size() > 2) rows.erase(rows.begin(), rows.begin() + 2);
+    return rows;
+}
+
+// The same rows as the table of faults has them: a heading in front of those that belong to it.
+std::vector<std::string> rowsOfTheFaults()
+{
+    std::vector<std::string> rows;
+    std::string_view heading;
+    for (const MisbehaviourInfo& info : misbehaviours()) {
+        if (info.heading != heading) rows.push_back("| | **" + std::string(info.heading) + "** |");
+        heading = info.heading;
+        rows.push_back("| `" + info.form + "` | " + std::string(info.sentence) + " |");
+    }
+    return rows;
+}
+
+std::string asText(const std::vector<std::string>& lines)
+{
+    std::string text;
+    for (const std::string& line : lines) text += line + "\n";
+    return text;
 }
 
 } // namespace
@@ -86,11 +121,28 @@ TEST(Misbehaviours, HaveNamesOfTheirOwnAndCanBeReadBack)
     std::set<std::string> names;
     for (const MisbehaviourInfo& info : misbehaviours()) {
         EXPECT_TRUE(names.emplace(info.name).second) << info.name;
-        EXPECT_FALSE(info.effect.empty()) << info.name;
+        EXPECT_FALSE(info.sentence.empty()) << info.name;
         std::string text(info.name);
-        if (!info.argument.empty()) text += info.argument == "TEXT" ? "=oops" : "=12";
+        if (info.form != info.name) text += info.form == "flow-exception=TEXT" ? "=oops" : "=12";
         EXPECT_EQ(info.fault, parseMisbehaviour(text).misbehaviour.fault) << text;
         EXPECT_EQ(info.name, nameOf(info.fault));
     }
     EXPECT_EQ(28U, names.size());
+}
+
+TEST(Misbehaviours, AreDocumentedWordForWord)
+{
+    EXPECT_EQ(asText(rowsOfTheFaults()), asText(documentedRows()));
+}
+
+TEST(Misbehaviours, HaveTheirHeadingsOnceEach)
+{
+    std::vector<std::string_view> headings;
+    for (const MisbehaviourInfo& info : misbehaviours()) {
+        if (headings.empty() || headings.back() != info.heading) headings.push_back(info.heading);
+    }
+    EXPECT_EQ((std::vector<std::string_view>{
+                  "while a connection opens", "while it closes", "however it sends",
+                  "instead of the answer to a request", "before the answer", "in the answer"}),
+              headings);
 }

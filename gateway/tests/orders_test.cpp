@@ -211,7 +211,9 @@ TEST_F(OrdersProgram, PricesTheLongestOrder)
 
 TEST_F(OrdersProgram, PostsNothing)
 {
-    order(kHeader, kLines);
+    const Bytes priced = answer(kHeader, kLines, 819,
+                                {text("INVOICE", kInvoice), text("STATUS", kStatus)});
+    EXPECT_EQ(priced, order(kHeader, kLines).channel);
     ledger::Database database(file);
     ledger::Statement journal(database, "SELECT count(*) FROM journal");
     ASSERT_TRUE(journal.step());

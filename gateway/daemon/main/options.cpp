@@ -87,13 +87,7 @@ standin::SystemEntry systemFrom(const std::string& text)
 void printMisbehaviours()
 {
     for (const standin::MisbehaviourInfo& info : standin::misbehaviours()) {
-        std::string form(info.name);
-        if (!info.argument.empty()) {
-            const bool optional = info.argument.front() == '[';
-            form += optional ? "[=" + std::string(info.argument.substr(1))
-                             : "=" + std::string(info.argument);
-        }
-        std::cout << "  " << std::left << std::setw(26) << form << info.effect << '\n';
+        std::cout << "  " << std::left << std::setw(26) << info.form << info.sentence << '\n';
     }
     std::cout << "\nEach may have selectors behind it, as in hold@connection:1,program:ECHO :\n"
                  "  connection:N  message:ID  program:NAME  skip:N  times:N  nth:N  once\n";

@@ -10,6 +10,7 @@
 #ifndef STANDIN_MISBEHAVIOUR_H
 #define STANDIN_MISBEHAVIOUR_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -19,47 +20,52 @@
 
 namespace standin {
 
+// What each does, stands in its row of src/faults/fault_table.cpp, from which --list-misbehaviours
+// and docs/gateway.md have it too. A fault without a row does not compile.
 enum class Fault {
     // While a connection opens; these match by connection.
-    DropAtConnect,     // "drop-at-connect": the connection is closed as soon as it is accepted
-    ResetAtConnect,    // "reset-at-connect": the same with a reset
-    NoHandshakeAnswer, // "no-handshake-answer": the handshake is read and never answered
-    RefuseHandshake,   // "refuse-handshake=CODE": FLOW_ERROR with message id -2 and the code
-    CloseAtHandshake,  // "close-at-handshake": a close flow instead of the handshake answer
-    DropAtHandshake,   // "drop-at-handshake": the connection is closed instead of the answer
-    ResetAtHandshake,  // "reset-at-handshake": the same with a reset
+    DropAtConnect,
+    ResetAtConnect,
+    NoHandshakeAnswer,
+    RefuseHandshake,
+    CloseAtHandshake,
+    DropAtHandshake,
+    ResetAtHandshake,
 
     // While a connection ends; matches by connection.
-    NoCloseAnswer, // "no-close-answer": the client's close flow is read and never answered
+    NoCloseAnswer,
 
     // How everything is sent on a connection; matches by connection.
-    Pieces, // "pieces=N": every flow is sent in pieces of N bytes
+    Pieces,
 
     // Instead of the answer to a request.
-    Hold,            // "hold": the answer is kept until it is released
-    NoAnswer,        // "no-answer": the request is dropped without an answer
-    Reverse,         // "reverse=N": N answers are collected, then sent last one first
-    FlowError,       // "flow-error=CODE": FLOW_ERROR for the request
-    FlowException,   // "flow-exception=TEXT": FLOW_EXCEPTION for the request
-    ConnectionError, // "connection-error=CODE": FLOW_ERROR with message id -2
-    Close,           // "close": a close flow (message id -1), nothing else
-    Drop,            // "drop": the connection is closed
-    Reset,           // "reset": the connection is reset
-    Raw,             // "raw=HEX": these bytes as they are
+    Hold,
+    NoAnswer,
+    Reverse,
+    FlowError,
+    FlowException,
+    ConnectionError,
+    Close,
+    Drop,
+    Reset,
+    Raw,
 
     // Before the answer.
-    Ping,        // "ping": a FLOW_PING first
-    UnknownFlow, // "unknown-flow=TYPE": an empty flow of that type first, 99 when none is given
+    Ping,
+    UnknownFlow,
 
     // In the answer itself.
-    BadEyecatcher,    // "bad-eyecatcher": its first four bytes are "Etag"
-    UnknownMessageId, // "unknown-message-id=ID": another message id, 999999 when none is given
-    Duplicate,        // "duplicate": it is sent twice
-    EsiType,          // "esi-type": its request type is "ESI"
-    RequestType,      // "request-type=NAME": its request type is NAME, "XYZ" when none is given
-    GatewayRc,        // "gateway-rc=CODE": its header carries the code
-    Truncate,         // "truncate=N": only its first N bytes, then the connection is closed
+    BadEyecatcher,
+    UnknownMessageId,
+    Duplicate,
+    EsiType,
+    RequestType,
+    GatewayRc,
+    Truncate,
+
+    End // no fault: stays behind all of them
 };
+constexpr std::size_t kFaultCount = static_cast<std::size_t>(Fault::End);
 
 // Which connections and requests a misbehaviour applies to; the members narrow it down together.
 struct Selector {
@@ -98,13 +104,16 @@ struct SelectedMisbehaviour {
 // std::invalid_argument with a text that says what is wrong and what is possible.
 SelectedMisbehaviour parseMisbehaviour(std::string_view text);
 
-// One row for every name, for help texts.
+// Each fault for help texts and documents.
 struct MisbehaviourInfo {
     Fault fault;
     std::string_view name;
-    std::string_view argument; // "", "CODE", "[TYPE]" ...
-    std::string_view effect;
+    std::string form;          // the name with what it takes: "pieces=N", "unknown-flow[=TYPE]"
+    std::string_view heading;  // when it strikes
+    std::string_view sentence; // what it does
 };
+
+// In an order in which those of one heading stand together.
 const std::vector<MisbehaviourInfo>& misbehaviours();
 std::string_view nameOf(Fault fault);
 

@@ -1,5 +1,5 @@
-// What a Gateway has seen, for tests to look at: its connections, the requests on them, and what was
-// wrong with them. They are handed out as copies.
+// What a Gateway has seen, for tests to look at: its connections, the requests on them, and what
+// was wrong with them. They are handed out as copies.
 #ifndef STANDIN_RECORDS_H
 #define STANDIN_RECORDS_H
 

@@ -1,5 +1,5 @@
-// The wire protocol between a client and a Gateway, seen from the Gateway's side: the functions that
-// turn the records of messages.h into bytes and back.
+// The wire protocol between a client and a Gateway, seen from the Gateway's side: the functions
+// that turn the records of messages.h into bytes and back.
 //
 // All integers on the wire are big-endian. Decoding is strict: the first byte that a correct client
 // would not have sent ends it with a MalformedFlow, which names what is wrong and at which offset.

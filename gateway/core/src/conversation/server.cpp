@@ -149,8 +149,8 @@ void Server::onAccepted(asio::ip::tcp::socket socket)
     log(LogLevel::Info, number, "accepted from " + peer);
 
     const std::vector<Strike> strikes = plan_.strike({Moment::Connect, number, 0, {}});
-    if (findStrike(strikes, Fault::ResetAtConnect) != nullptr) return session->reset();
-    if (findStrike(strikes, Fault::DropAtConnect) != nullptr) return session->drop();
+    const Answer::Then then = endingAtConnect(strikes);
+    if (then != Answer::Then::GoOn) return end(*session, then);
     session->setReading(reading_);
     session->start();
 }
@@ -282,17 +282,7 @@ void Server::answerHandshake(Session& session)
         return send(session, encodeHandshakeAccepted());
     }
 
-    const Misbehaviour& misbehaviour = strikes.front().misbehaviour;
-    log(LogLevel::Warning, session.number(),
-        "misbehaving: " + std::string(nameOf(misbehaviour.fault)));
-    switch (misbehaviour.fault) {
-    case Fault::RefuseHandshake:
-        return send(session, encodeErrorFlow(kHandshakeMessageId, misbehaviour.number, "BASE"));
-    case Fault::CloseAtHandshake: return send(session, encodeCloseFlow());
-    case Fault::DropAtHandshake: return session.drop();
-    case Fault::ResetAtHandshake: return session.reset();
-    default: return; // no answer at all
-    }
+    sendInstead(session, strikes);
 }
 
 void Server::takeCloseFlow(Session& session, const SplitFlow& split, const Bytes& raw)
@@ -306,12 +296,24 @@ void Server::takeCloseFlow(Session& session, const SplitFlow& split, const Bytes
     recorder_.receivedCloseFlow(session.number());
     session.setStage(Session::Stage::Closing);
     const std::vector<Strike> strikes = plan_.strike({Moment::CloseFlow, session.number(), 0, {}});
-    if (strikes.empty()) {
-        send(session, encodeCloseFlow());
-    } else {
-        log(LogLevel::Warning, session.number(),
-            "misbehaving: " + std::string(nameOf(Fault::NoCloseAnswer)));
-    }
+    if (strikes.empty()) return send(session, encodeCloseFlow());
+    sendInstead(session, strikes);
+}
+
+void Server::sendInstead(Session& session, const std::vector<Strike>& strikes)
+{
+    log(LogLevel::Warning, session.number(),
+        "misbehaving: " + std::string(nameOf(strikes.front().misbehaviour.fault)));
+    std::optional<Answer> answer = replacedAnswer(strikes, {});
+    if (!answer) return;
+    for (Bytes& flow : answer->flows) send(session, std::move(flow));
+    end(session, answer->then);
+}
+
+void Server::end(Session& session, Answer::Then then)
+{
+    if (then == Answer::Then::Drop) session.drop();
+    if (then == Answer::Then::Reset) session.reset();
 }
 
 // ---------------------------------------------------------------------------------------- requests
@@ -481,8 +483,7 @@ void Server::deliverOne(HeldAnswer held)
     std::vector<Bytes>& flows = held.answer.flows;
     for (Bytes& flow : flows) session->send(std::move(flow), pieceSize, &flow == &flows.back());
 
-    if (held.answer.then == Answer::Then::Drop) session->drop();
-    if (held.answer.then == Answer::Then::Reset) session->reset();
+    end(*session, held.answer.then);
 }
 
 // --------------------------------------------------------------------------------------------- log

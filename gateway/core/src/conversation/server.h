@@ -77,6 +77,10 @@ private:
     void answerHandshake(Session& session);
     void takeCloseFlow(Session& session, const SplitFlow& split, const Bytes& raw);
 
+    // Does what the strikes put in the place of the answer to a handshake or a close flow.
+    void sendInstead(Session& session, const std::vector<Strike>& strikes);
+    static void end(Session& session, Answer::Then then);
+
     void takeRequest(Session& session, const SplitFlow& split, const Bytes& raw);
     void answerMalformed(Session& session, const FlowHeader& header,
                          const MalformedFlow& malformed);

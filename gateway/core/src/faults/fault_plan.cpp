@@ -9,27 +9,6 @@ namespace standin {
 
 namespace {
 
-constexpr std::int32_t kWrongEyecatcher = 0x45746167; // "Etag"
-constexpr std::int32_t kDefaultUnknownFlow = 99;
-constexpr std::int32_t kDefaultUnknownMessage = 999999;
-const char* const kDefaultRequestType = "XYZ";
-
-Moment momentOf(Fault fault)
-{
-    switch (fault) {
-    case Fault::DropAtConnect:
-    case Fault::ResetAtConnect: return Moment::Connect;
-    case Fault::NoHandshakeAnswer:
-    case Fault::RefuseHandshake:
-    case Fault::CloseAtHandshake:
-    case Fault::DropAtHandshake:
-    case Fault::ResetAtHandshake: return Moment::Handshake;
-    case Fault::NoCloseAnswer: return Moment::CloseFlow;
-    case Fault::Pieces: return Moment::Sending;
-    default: return Moment::Request;
-    }
-}
-
 bool matches(const Selector& selector, const Event& event)
 {
     if (selector.connection != 0 && selector.connection != event.connection) return false;
@@ -38,38 +17,16 @@ bool matches(const Selector& selector, const Event& event)
     return selector.program.empty() || selector.program == event.program;
 }
 
-std::int32_t numberOr(const Strike& strike, std::int32_t fallback)
+// Of several strikes with the same fault the first one.
+bool isFirstOfItsFault(const Strike& strike, const std::vector<Strike>& strikes)
 {
-    return strike.misbehaviour.number != 0 ? strike.misbehaviour.number : fallback;
+    return &strike == findStrike(strikes, strike.misbehaviour.fault);
 }
 
-Answer only(const Flow& flow)
+template <typename Kind>
+const Kind* effectOf(const Strike& strike)
 {
-    return {{encodeFlow(flow)}, Answer::Then::GoOn};
-}
-
-void spoilHeader(const Strike& strike, FlowHeader& header)
-{
-    const Misbehaviour& misbehaviour = strike.misbehaviour;
-    switch (misbehaviour.fault) {
-    case Fault::BadEyecatcher: header.eyecatcher = kWrongEyecatcher; break;
-    case Fault::UnknownMessageId:
-        header.messageId = numberOr(strike, kDefaultUnknownMessage);
-        break;
-    case Fault::EsiType: header.requestType = "ESI"; break;
-    case Fault::RequestType:
-        header.requestType = misbehaviour.text.empty() ? kDefaultRequestType : misbehaviour.text;
-        break;
-    case Fault::GatewayRc: header.gatewayRc = misbehaviour.number; break;
-    default: break;
-    }
-}
-
-Flow unknownFlow(const Strike& strike)
-{
-    Flow flow = makePing();
-    flow.header.flowType = numberOr(strike, kDefaultUnknownFlow);
-    return flow;
+    return std::get_if<Kind>(&rowOf(strike.misbehaviour.fault).effect);
 }
 
 } // namespace
@@ -91,7 +48,8 @@ std::vector<Strike> FaultPlan::strike(const Event& event)
 {
     std::vector<Strike> strikes;
     for (Entry& entry : entries_) {
-        if (momentOf(entry.misbehaviour.fault) != event.moment || !matches(entry.selector, event))
+        if (rowOf(entry.misbehaviour.fault).moment != event.moment ||
+            !matches(entry.selector, event))
             continue;
         const int position = entry.seen - entry.selector.skip;
         const bool over = entry.selector.times != 0 && position >= entry.selector.times;
@@ -114,48 +72,47 @@ const Strike* findStrike(const std::vector<Strike>& strikes, Fault fault)
 
 std::optional<Answer> replacedAnswer(const std::vector<Strike>& strikes, const FlowHeader& request)
 {
-    const std::int32_t id = request.messageId;
     for (const Strike& strike : strikes) {
-        const Misbehaviour& misbehaviour = strike.misbehaviour;
-        switch (misbehaviour.fault) {
-        case Fault::NoAnswer: return Answer{};
-        case Fault::FlowError:
-            return only(makeErrorFlow(id, misbehaviour.number, request.requestType));
-        case Fault::FlowException:
-            return only(makeExceptionFlow(id, misbehaviour.text, request.requestType));
-        case Fault::ConnectionError:
-            return only(makeErrorFlow(kHandshakeMessageId, misbehaviour.number, "BASE"));
-        case Fault::Close: return only(makeCloseFlow());
-        case Fault::Drop: return Answer{{}, Answer::Then::Drop};
-        case Fault::Reset: return Answer{{}, Answer::Then::Reset};
-        case Fault::Raw: return Answer{{misbehaviour.bytes}, Answer::Then::GoOn};
-        default: break;
-        }
+        if (const Instead* const instead = effectOf<Instead>(strike))
+            return instead->answer(strike.misbehaviour, request);
     }
     return std::nullopt;
 }
 
+Answer::Then endingAtConnect(const std::vector<Strike>& strikes)
+{
+    Answer::Then then = Answer::Then::GoOn;
+    for (const Strike& strike : strikes) {
+        const std::optional<Answer> answer = replacedAnswer({strike}, {});
+        if (answer) then = std::max(then, answer->then);
+    }
+    return then;
+}
+
 Answer spoiledAnswer(const std::vector<Strike>& strikes, Flow answer)
 {
-    for (const Strike& strike : strikes) spoilHeader(strike, answer.header);
+    for (const Strike& strike : strikes) {
+        if (const InHeader* const inHeader = effectOf<InHeader>(strike))
+            inHeader->change(strike.misbehaviour, answer.header);
+    }
     return spoiledAnswer(strikes, encodeFlow(answer));
 }
 
 Answer spoiledAnswer(const std::vector<Strike>& strikes, Bytes bytes)
 {
     Answer answer;
+    AnswerBytes changed{std::move(bytes)};
     for (const Strike& strike : strikes) {
-        if (strike.misbehaviour.fault == Fault::Ping) answer.flows.push_back(encodePing());
-        if (strike.misbehaviour.fault == Fault::UnknownFlow)
-            answer.flows.push_back(encodeFlow(unknownFlow(strike)));
+        const Misbehaviour& misbehaviour = strike.misbehaviour;
+        if (const Before* const before = effectOf<Before>(strike))
+            answer.flows.push_back(encodeFlow(before->flow(misbehaviour)));
+        const InBytes* const inBytes = effectOf<InBytes>(strike);
+        if (inBytes != nullptr && isFirstOfItsFault(strike, strikes))
+            inBytes->change(misbehaviour, changed);
     }
-    if (const Strike* truncate = findStrike(strikes, Fault::Truncate)) {
-        bytes.resize(
-            std::min(bytes.size(), static_cast<std::size_t>(truncate->misbehaviour.number)));
-        answer.then = Answer::Then::Drop;
-    }
-    if (findStrike(strikes, Fault::Duplicate) != nullptr) answer.flows.push_back(bytes);
-    answer.flows.push_back(std::move(bytes));
+    for (int copy = 1; copy < changed.copies; ++copy) answer.flows.push_back(changed.bytes);
+    answer.flows.push_back(std::move(changed.bytes));
+    answer.then = changed.then;
     return answer;
 }
 

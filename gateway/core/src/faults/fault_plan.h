@@ -9,12 +9,11 @@
 #include <string>
 #include <vector>
 
+#include "faults/answer.h"
+#include "faults/fault_table.h"
 #include "standin/misbehaviour.h"
 
 namespace standin {
-
-// The moments at which a misbehaviour can strike; every fault belongs to exactly one.
-enum class Moment { Connect, Handshake, CloseFlow, Sending, Request };
 
 struct Event {
     Moment moment = Moment::Request;
@@ -50,19 +49,14 @@ private:
     std::uint64_t lastNumber_ = 0;
 };
 
-// What goes out for one request.
-struct Answer {
-    enum class Then { GoOn, Drop, Reset };
-
-    std::vector<Bytes> flows; // sent one behind the other
-    Then then = Then::GoOn;   // what happens to the connection afterwards
-};
-
 // The first strike with this fault, or null.
 const Strike* findStrike(const std::vector<Strike>& strikes, Fault fault);
 
-// The answer that takes the place of a program's answer, when one of the strikes asks for that.
+// What the first strike that asks for it puts in the place of the good answer.
 std::optional<Answer> replacedAnswer(const std::vector<Strike>& strikes, const FlowHeader& request);
+
+// What becomes of a connection that is struck as it is accepted: a reset goes before a drop.
+Answer::Then endingAtConnect(const std::vector<Strike>& strikes);
 
 // A program's answer with everything that the strikes do to it.
 Answer spoiledAnswer(const std::vector<Strike>& strikes, Flow answer);

@@ -1,37 +1,17 @@
-// Names, arguments and selectors of misbehaviours, and their reading from text.
+// Misbehaviours and selectors as text.
 
 #include "standin/misbehaviour.h"
 
-#include <algorithm>
 #include <charconv>
-#include <map>
 #include <optional>
 #include <stdexcept>
 
+#include "faults/fault_table.h"
 #include "standin/wire.h"
 
 namespace standin {
 
 namespace {
-
-// What stands behind the "=" of a name.
-enum class Argument { None, Number, OptionalNumber, Count, Text, OptionalText, Hex };
-
-// How the argument of a misbehaviour is read, told by the word that stands for it in the table.
-Argument argumentOf(const MisbehaviourInfo& info)
-{
-    static const std::map<std::string_view, Argument> kinds = {
-        {"", Argument::None},
-        {"CODE", Argument::Number},
-        {"[TYPE]", Argument::OptionalNumber},
-        {"[ID]", Argument::OptionalNumber},
-        {"N", Argument::Count},
-        {"TEXT", Argument::Text},
-        {"[NAME]", Argument::OptionalText},
-        {"HEX", Argument::Hex},
-    };
-    return kinds.at(info.argument);
-}
 
 [[noreturn]] void refuse(const std::string& text)
 {
@@ -108,36 +88,38 @@ Selector selectorFrom(std::string_view text)
     return selector;
 }
 
-const MisbehaviourInfo& infoNamed(std::string_view name)
+const FaultRow& rowNamed(std::string_view name)
 {
-    for (const MisbehaviourInfo& info : misbehaviours()) {
-        if (info.name == name) return info;
+    for (const FaultRow& row : faultRows()) {
+        if (row.name == name) return row;
     }
     refuse(inQuotes(name) + " is no misbehaviour; --list-misbehaviours shows them all");
 }
 
-Misbehaviour withArgument(const MisbehaviourInfo& info, std::string_view argument)
+Misbehaviour withArgument(const FaultRow& row, std::string_view argument)
 {
-    switch (argumentOf(info)) {
-    case Argument::Number:
-    case Argument::OptionalNumber: return {info.fault, numberFrom(argument, info.name)};
-    case Argument::Count: return {info.fault, countFrom(argument, info.name)};
-    case Argument::Hex: return {info.fault, fromHex(argument)};
-    case Argument::Text:
-    case Argument::OptionalText: return {info.fault, std::string(argument)};
-    case Argument::None: break;
+    switch (row.argument.kind) {
+    case Argument::Kind::Number: return {row.fault, numberFrom(argument, row.name)};
+    case Argument::Kind::Count: return {row.fault, countFrom(argument, row.name)};
+    case Argument::Kind::Hex: return {row.fault, fromHex(argument)};
+    case Argument::Kind::Text: return {row.fault, std::string(argument)};
+    case Argument::Kind::None: break;
     }
-    refuse(std::string(info.name) + " takes no argument");
+    refuse(std::string(row.name) + " takes no argument");
 }
 
-Misbehaviour withoutArgument(const MisbehaviourInfo& info)
+Misbehaviour withoutArgument(const FaultRow& row)
 {
-    const Argument kind = argumentOf(info);
-    const bool needsNone = kind == Argument::None || kind == Argument::OptionalNumber ||
-                           kind == Argument::OptionalText;
-    if (needsNone) return {info.fault};
-    const std::string name(info.name);
-    refuse(name + " needs an argument: " + name + "=" + std::string(info.argument));
+    if (row.argument.kind == Argument::Kind::None || row.argument.optional) return {row.fault};
+    refuse(std::string(row.name) + " needs an argument: " + formOf(row));
+}
+
+std::vector<MisbehaviourInfo> infosOfAllRows()
+{
+    std::vector<MisbehaviourInfo> infos;
+    for (const FaultRow& row : faultRows())
+        infos.push_back({row.fault, row.name, formOf(row), headingOf(row), row.sentence});
+    return infos;
 }
 
 } // namespace
@@ -186,59 +168,20 @@ SelectedMisbehaviour parseMisbehaviour(std::string_view text)
     // The argument may be any text, so the selector begins at the last "@".
     const auto [front, selector] = cut(text, text.rfind('@'));
     const auto [name, argument] = cut(front, front.find('='));
-    const MisbehaviourInfo& info = infoNamed(name);
-    return {argument ? withArgument(info, *argument) : withoutArgument(info),
+    const FaultRow& row = rowNamed(name);
+    return {argument ? withArgument(row, *argument) : withoutArgument(row),
             selector ? selectorFrom(*selector) : everything()};
 }
 
 const std::vector<MisbehaviourInfo>& misbehaviours()
 {
-    static const std::vector<MisbehaviourInfo> table = {
-        {Fault::DropAtConnect, "drop-at-connect", "", "closes the connection once it is accepted"},
-        {Fault::ResetAtConnect, "reset-at-connect", "",
-         "resets the connection once it is accepted"},
-        {Fault::NoHandshakeAnswer, "no-handshake-answer", "", "never answers the handshake"},
-        {Fault::RefuseHandshake, "refuse-handshake", "CODE", "refuses the handshake with the code"},
-        {Fault::CloseAtHandshake, "close-at-handshake", "", "sends a close flow at the handshake"},
-        {Fault::DropAtHandshake, "drop-at-handshake", "", "closes the connection at the handshake"},
-        {Fault::ResetAtHandshake, "reset-at-handshake", "",
-         "resets the connection at the handshake"},
-        {Fault::NoCloseAnswer, "no-close-answer", "", "never answers the client's close flow"},
-        {Fault::Pieces, "pieces", "N", "sends every flow in pieces of N bytes"},
-        {Fault::Hold, "hold", "", "keeps the answer until it is released"},
-        {Fault::NoAnswer, "no-answer", "", "drops the request without an answer"},
-        {Fault::Reverse, "reverse", "N", "collects N answers and sends them last one first"},
-        {Fault::FlowError, "flow-error", "CODE", "answers with FLOW_ERROR and the code"},
-        {Fault::FlowException, "flow-exception", "TEXT",
-         "answers with FLOW_EXCEPTION and the text"},
-        {Fault::ConnectionError, "connection-error", "CODE",
-         "answers with FLOW_ERROR for message -2"},
-        {Fault::Close, "close", "", "answers with a close flow"},
-        {Fault::Drop, "drop", "", "closes the connection instead of answering"},
-        {Fault::Reset, "reset", "", "resets the connection instead of answering"},
-        {Fault::Raw, "raw", "HEX", "answers with these bytes"},
-        {Fault::Ping, "ping", "", "sends a FLOW_PING before the answer"},
-        {Fault::UnknownFlow, "unknown-flow", "[TYPE]",
-         "sends a flow of type TYPE (99) before the answer"},
-        {Fault::BadEyecatcher, "bad-eyecatcher", "", "begins the answer with \"Etag\""},
-        {Fault::UnknownMessageId, "unknown-message-id", "[ID]",
-         "answers under the message id ID (999999)"},
-        {Fault::Duplicate, "duplicate", "", "sends the answer twice"},
-        {Fault::EsiType, "esi-type", "", "gives the answer the request type \"ESI\""},
-        {Fault::RequestType, "request-type", "[NAME]",
-         "gives the answer the request type NAME (XYZ)"},
-        {Fault::GatewayRc, "gateway-rc", "CODE", "puts the code into the header of the answer"},
-        {Fault::Truncate, "truncate", "N", "sends N bytes of the answer and closes the connection"},
-    };
-    return table;
+    static const std::vector<MisbehaviourInfo> infos = infosOfAllRows();
+    return infos;
 }
 
 std::string_view nameOf(Fault fault)
 {
-    const auto& all = misbehaviours();
-    return std::find_if(all.begin(), all.end(),
-                        [fault](const auto& info) { return info.fault == fault; })
-        ->name;
+    return rowOf(fault).name;
 }
 
 } // namespace standin

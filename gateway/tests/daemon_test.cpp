@@ -148,38 +148,39 @@ TEST(DaemonOptions, MisbehavioursAreListed)
 {
     Daemon daemon({"--list-misbehaviours"});
     EXPECT_EQ(0, daemon.end());
-    EXPECT_EQ("  drop-at-connect           closes the connection once it is accepted\n"
-              "  reset-at-connect          resets the connection once it is accepted\n"
-              "  no-handshake-answer       never answers the handshake\n"
-              "  refuse-handshake=CODE     refuses the handshake: FLOW_ERROR, message -2, the code\n"
-              "  close-at-handshake        sends a close flow at the handshake\n"
-              "  drop-at-handshake         closes the connection at the handshake\n"
-              "  reset-at-handshake        resets the connection at the handshake\n"
-              "  no-close-answer           never answers the client's close flow\n"
-              "  pieces=N                  sends every flow in pieces of N bytes\n"
-              "  hold                      keeps the answer until it is released\n"
-              "  no-answer                 drops the request without an answer\n"
-              "  reverse=N                 collects N answers and sends them last one first\n"
-              "  flow-error=CODE           answers with FLOW_ERROR and the code\n"
-              "  flow-exception=TEXT       answers with FLOW_EXCEPTION and the text\n"
-              "  connection-error=CODE     answers with FLOW_ERROR, message -2, the code\n"
-              "  close                     answers with a close flow\n"
-              "  drop                      closes the connection instead of answering\n"
-              "  reset                     resets the connection instead of answering\n"
-              "  raw=HEX                   answers with these bytes\n"
-              "  ping                      sends a FLOW_PING before the answer\n"
-              "  unknown-flow[=TYPE]       sends a flow of type TYPE (99) before the answer\n"
-              "  bad-eyecatcher            begins the answer with \"Etag\"\n"
-              "  unknown-message-id[=ID]   answers under the message id ID (999999)\n"
-              "  duplicate                 sends the answer twice\n"
-              "  esi-type                  gives the answer the request type \"ESI\"\n"
-              "  request-type[=NAME]       gives the answer the request type NAME (XYZ)\n"
-              "  gateway-rc=CODE           puts the code into the header of the answer\n"
-              "  truncate=N                sends N bytes of the answer and closes the connection\n"
-              "\n"
-              "Each may have selectors behind it, as in hold@connection:1,program:ECHO :\n"
-              "  connection:N  message:ID  program:NAME  skip:N  times:N  nth:N  once\n",
-              daemon.output());
+    EXPECT_EQ(
+        "  drop-at-connect           closes the connection once it is accepted\n"
+        "  reset-at-connect          resets the connection once it is accepted\n"
+        "  no-handshake-answer       never answers the handshake\n"
+        "  refuse-handshake=CODE     refuses the handshake: FLOW_ERROR, message -2, the code\n"
+        "  close-at-handshake        sends a close flow at the handshake\n"
+        "  drop-at-handshake         closes the connection at the handshake\n"
+        "  reset-at-handshake        resets the connection at the handshake\n"
+        "  no-close-answer           never answers the client's close flow\n"
+        "  pieces=N                  sends every flow in pieces of N bytes\n"
+        "  hold                      keeps the answer until it is released\n"
+        "  no-answer                 drops the request without an answer\n"
+        "  reverse=N                 collects N answers and sends them last one first\n"
+        "  flow-error=CODE           answers with FLOW_ERROR and the code\n"
+        "  flow-exception=TEXT       answers with FLOW_EXCEPTION and the text\n"
+        "  connection-error=CODE     answers with FLOW_ERROR, message -2, the code\n"
+        "  close                     answers with a close flow\n"
+        "  drop                      closes the connection instead of answering\n"
+        "  reset                     resets the connection instead of answering\n"
+        "  raw=HEX                   answers with these bytes\n"
+        "  ping                      sends a FLOW_PING before the answer\n"
+        "  unknown-flow[=TYPE]       sends a flow of type TYPE (99) before the answer\n"
+        "  bad-eyecatcher            begins the answer with \"Etag\"\n"
+        "  unknown-message-id[=ID]   answers under the message id ID (999999)\n"
+        "  duplicate                 sends the answer twice\n"
+        "  esi-type                  gives the answer the request type \"ESI\"\n"
+        "  request-type[=NAME]       gives the answer the request type NAME (XYZ)\n"
+        "  gateway-rc=CODE           puts the code into the header of the answer\n"
+        "  truncate=N                sends N bytes of the answer and closes the connection\n"
+        "\n"
+        "Each may have selectors behind it, as in hold@connection:1,program:ECHO :\n"
+        "  connection:N  message:ID  program:NAME  skip:N  times:N  nth:N  once\n",
+        daemon.output());
 }
 
 TEST(DaemonOptions, WrongOnesEndWithCode2AndSayWhy)
@@ -267,6 +268,98 @@ TEST(DaemonOptions, ComeFromAFileToo)
     EXPECT_EQ(0, daemon.stop());
     EXPECT_TRUE(daemon.wrote("misbehaving on purpose: ping"));
     EXPECT_FALSE(daemon.wrote("listening")) << "info lines in spite of the log level";
+}
+
+namespace {
+
+const char* const kKeysOfTheConfiguration =
+    "host, port, port-file, database, registry, system, misbehave, list-misbehaviours and "
+    "log-level";
+
+// That a configuration file with this text is refused for the key in this line.
+void expectUnknownKey(const std::string& text, int line, const std::string& key)
+{
+    const TemporaryDirectory directory;
+    const std::string file = directory.file("gateway.conf");
+    std::ofstream(file) << text;
+    Daemon daemon({"--config", file, "--list-misbehaviours"}); // ends whatever the file says
+    EXPECT_EQ(2, daemon.end()) << text;
+    EXPECT_TRUE(daemon.wrote(file + ", line " + std::to_string(line) + ": there is no key \"" +
+                             key + "\" here; there are " + kKeysOfTheConfiguration + "\n"))
+        << text << daemon.output();
+}
+
+} // namespace
+
+TEST(DaemonConfiguration, WithAnUnknownKeyEndsWithCode2AndNamesFileLineKeyAndWhatThereIs)
+{
+    expectUnknownKey("port=0\n\n# the port\nprot=5770\n", 4, "prot");
+    expectUnknownKey("prot\n", 1, "prot");
+    expectUnknownKey("x\n", 1, "x");
+    expectUnknownKey("\"prot\" = 1\n", 1, "prot");
+    expectUnknownKey("port=0 # any\r\n  Port = 0\r\n", 2, "Port");
+    expectUnknownKey("po\x1Brt=0\n", 1, "po?rt");
+}
+
+TEST(DaemonConfiguration, MayNotHoldWhatOnlyTheCommandLineHas)
+{
+    expectUnknownKey("config=other.conf\n", 1, "config");
+    expectUnknownKey("help=true\n", 1, "help");
+    expectUnknownKey("version=true\n", 1, "version");
+}
+
+TEST(DaemonConfiguration, WithAnUnknownTableEndsWithCode2)
+{
+    expectUnknownKey("port=0\n[gateway]\n", 2, "gateway");
+    expectUnknownKey("port=0\n[gateway]\nport=0\n", 2, "gateway");
+    expectUnknownKey("[gateway.listen]\nport=0\n", 1, "gateway.listen");
+    expectUnknownKey("[[gateway]]\nport=0\n", 1, "gateway");
+    expectUnknownKey("gateway.port=0\n", 1, "gateway.port");
+    expectUnknownKey("[default]\nport=0\nprot=0\n", 3, "prot");
+}
+
+TEST(DaemonConfiguration, WithAnUnknownKeyBehindAListNamesItsLine)
+{
+    expectUnknownKey("misbehave=[\"ping\",\n  \"pieces=7\",\n  \"hold\"\n]\nprot=0\n", 5, "prot");
+}
+
+TEST(DaemonConfiguration, MayHoldEveryOption)
+{
+    const TemporaryDirectory directory;
+    std::ofstream(directory.file("registry.toml")) << "[rules]\nshortest = 6\n";
+    std::ofstream(directory.file("gateway.conf"))
+        << "; all there is\n[default]\n\"host\" = 127.0.0.1\n--port=0\nport-file="
+        << directory.file("port") << "\ndatabase=" << directory.file("ledger.db")
+        << "\nregistry=" << directory.file("registry.toml")
+        << "\nsystem=[\"ONE=The first\",\n\"TWO=The second\"\n]\n\n# of two lines\nmisbehave=ping\n"
+           "list-misbehaviours=false\nlog-level=info\n";
+    Daemon daemon({"--config", directory.file("gateway.conf")});
+    ASSERT_TRUE(daemon.awaitOutput("ready\n")) << daemon.output();
+    EXPECT_TRUE(std::filesystem::exists(directory.file("port")));
+    EXPECT_EQ(0, daemon.stop());
+    EXPECT_TRUE(daemon.wrote("misbehaving on purpose: ping")) << daemon.output();
+}
+
+TEST(DaemonOptions, ARegistryFileWithAnUnknownKeyEndsWithCode2AndNamesFileLineKeyAndWhatThereIs)
+{
+    const TemporaryDirectory directory;
+    const std::string file = directory.file("registry.toml");
+    const std::string fred = "[[user]]\nid = \"FRED\"\npassword = \"Blue7sky\"\n";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"rule = 3\n", "line 1: there is no key \"rule\" here; there are rules, system and user."},
+        {fred + "[user.rules]\natempts = 5\n",
+         "line 5: there is no key \"atempts\" here; there are shortest, longest, digit, history, "
+         "lifetime and attempts."},
+    };
+    for (const auto& [text, complaint] : cases) {
+        std::ofstream(file) << text;
+        // The port file would end it with another code, were the registry's accepted.
+        Daemon daemon({"--database", directory.file("ledger.db"), "--registry", file, "--port-file",
+                       directory.file("missing/port")});
+        EXPECT_EQ(2, daemon.end()) << text;
+        EXPECT_TRUE(daemon.wrote("cannot use the registry file " + file + ": " + complaint))
+            << daemon.output();
+    }
 }
 
 // ----------------------------------------------------------------------------------------- service

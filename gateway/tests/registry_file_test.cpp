@@ -98,9 +98,6 @@ TEST(RegistryFile, IsRefusedWithTheLineAndTheReason)
     EXPECT_EQ("line 2: history is not a number from 0 to 1000",
               complaint("[rules]\nhistory = \"3\""));
     EXPECT_EQ("line 2: digit is neither true nor false", complaint("[rules]\ndigit = 1"));
-    EXPECT_EQ("line 3: there is no key \"lifetimes\" here",
-              complaint("[rules]\ndigit = true\nlifetimes = 3"));
-    EXPECT_EQ("line 1: there is no key \"users\" here", complaint("[[users]]\nid = \"FRED\"\n"));
     EXPECT_EQ("line 1: each user begins with [[user]]", complaint("[user]\nid = \"FRED\"\n"));
     EXPECT_EQ("line 1: rules is no table", complaint("rules = 3"));
     EXPECT_EQ("line 2: name is not a text of 1 to 8 printable characters in quotes",
@@ -120,6 +117,42 @@ TEST(RegistryFile, IsRefusedWithTheLineAndTheReason)
     EXPECT_EQ("line 4: FRED is there twice", complaint(fred + fred));
     EXPECT_EQ("line 3: ONE is there twice",
               complaint("[[system]]\nname = \"ONE\"\n[[system]]\nname = \"ONE\"\n"));
+}
+
+TEST(RegistryFile, IsRefusedForAnUnknownKeyWithThoseThatThereAre)
+{
+    const std::string ofTheFile = " here; there are rules, system and user";
+    const std::string ofRules =
+        " here; there are shortest, longest, digit, history, lifetime and attempts";
+    const std::string ofASystem = " here; there are name, description and state";
+    const std::string ofAUser = " here; there are id, password, expires, verified, accessed, "
+                                "invalid, revoked and rules";
+    const std::string one = "[[system]]\nname = \"ONE\"\n";
+    const std::string fred = "[[user]]\nid = \"FRED\"\npassword = \"Blue7sky\"\n";
+
+    EXPECT_EQ("line 1: there is no key \"users\"" + ofTheFile,
+              complaint("[[users]]\nid = \"FRED\"\n"));
+    EXPECT_EQ("line 1: there is no key \"ru?le\"" + ofTheFile, complaint("\"ru\\u001Ble\" = 3\n"));
+    EXPECT_EQ("line 3: there is no key \"lifetimes\"" + ofRules,
+              complaint("[rules]\ndigit = true\nlifetimes = 3"));
+    EXPECT_EQ("line 1: there is no key \"lifetimes\"" + ofRules, complaint("rules.lifetimes = 3"));
+    EXPECT_EQ("line 1: there is no key \"new\"" + ofRules, complaint("[rules.new]\ndigit = true"));
+    EXPECT_EQ("line 3: there is no key \"status\"" + ofASystem,
+              complaint(one + "status = \"died\"\n"));
+    EXPECT_EQ("line 3: there is no key \"site\"" + ofASystem,
+              complaint(one + "[system.site]\nname = \"ONE\"\n"));
+    EXPECT_EQ("line 4: there is no key \"invald\"" + ofAUser, complaint(fred + "invald = 2\n"));
+    EXPECT_EQ("line 4: there is no key \"atempts\"" + ofRules,
+              complaint(fred + "rules = { digit = true, atempts = 5 }\n"));
+    EXPECT_EQ("line 5: there is no key \"atempts\"" + ofRules,
+              complaint(fred + "[user.rules]\natempts = 5\n"));
+}
+
+TEST(RegistryFile, WithAMisspelledKeyIsNotSaidToLackTheKey)
+{
+    EXPECT_EQ("line 3: there is no key \"pasword\" here; there are id, password, expires, "
+              "verified, accessed, invalid, revoked and rules",
+              complaint("[[user]]\nid = \"FRED\"\npasword = \"Blue7sky\"\n"));
 }
 
 TEST(RegistryFile, IsRefusedWithoutShowingWhatMayBeAPassword)

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace log_text {
 
@@ -12,6 +13,9 @@ std::string inUnits(std::int64_t cents);
 
 // Fit for one line of a log: '?' for every character that is not printable ASCII.
 std::string printable(std::string text);
+
+// "one, two and three".
+std::string listed(const std::vector<std::string>& names);
 
 } // namespace log_text
 

@@ -145,6 +145,15 @@ registry::Content contentFor(const Options& options)
     return content;
 }
 
+// The code to end with.
+int complainAboutRegistry(const Options& options, const Log& log, const registry::BadContent& error,
+                          int code)
+{
+    log->error("cannot use the registry file {}: {}. docs/gateway.md describes it.",
+               options.registry, error.what());
+    return code;
+}
+
 // The ledger has been opened by now, so the file is one. An int is the exit code to end with.
 std::variant<Registry, int> openRegistry(const Options& options, const Log& log)
 {
@@ -152,10 +161,10 @@ std::variant<Registry, int> openRegistry(const Options& options, const Log& log)
         auto opened = std::make_shared<registry::Registry>(options.database, sinkInto(log));
         opened->load(contentFor(options));
         return opened;
+    } catch (const registry::UnknownKey& error) {
+        return complainAboutRegistry(options, log, error, daemon_options::kBadOptions);
     } catch (const registry::BadContent& error) {
-        log->error("cannot use the registry file {}: {}. docs/gateway.md describes it.",
-                   options.registry, error.what());
-        return daemon_options::kBadRegistry;
+        return complainAboutRegistry(options, log, error, daemon_options::kBadRegistry);
     } catch (const registry::DatabaseError& error) {
         log->error("cannot fill the registry in {}: {}.", options.database, error.what());
         return daemon_options::kBadDatabase;

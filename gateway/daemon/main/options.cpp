@@ -3,9 +3,12 @@
 #include <iomanip>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <stdexcept>
 
 #include <CLI/CLI.hpp>
+
+#include "main/config_file.h"
 
 namespace daemon_options {
 
@@ -33,8 +36,8 @@ SIGUSR1 releases all answers that are held and ends the misbehaviour "hold".
 Exit codes:
   0  stopped by SIGINT or SIGTERM       3  cannot listen on the address
   1  unforeseen failure                 4  cannot use the database file
-  2  wrong option or configuration      5  cannot write the port file
-                                        6  cannot use the registry file)";
+  2  wrong option, or unknown key       5  cannot write the port file
+     in a file                          6  cannot use the registry file)";
 
 const std::map<std::string, LogLevel> kLogLevels = {
     {"debug", LogLevel::Debug},
@@ -99,6 +102,8 @@ void declare(CLI::App& app, Options& options, RawOptions& raw)
     app.set_version_flag("--version", std::string("qpxgatewayd ") + GATEWAY_VERSION);
     app.set_config("--config", "", "Read options from FILE (lines of name=value)")
         ->option_text("FILE");
+    app.config_formatter(std::make_shared<ConfigFile>(app));
+    app.allow_config_extras(CLI::config_extras_mode::error);
 
     app.add_option("--host", options.host, "Address to listen on (default 127.0.0.1)")
         ->option_text("ADDRESS");

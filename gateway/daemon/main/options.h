@@ -17,11 +17,12 @@ namespace daemon_options {
 enum ExitCode {
     kStopped = 0,      // stopped by SIGINT or SIGTERM, or only asked for a text
     kFailed = 1,       // something unforeseen
-    kBadOptions = 2,   // the command line or the configuration file is wrong
+    kBadOptions = 2,   // the command line or the configuration file is wrong, or the registry file
+                       // has a key that nobody knows
     kCannotListen = 3, // the address or port cannot be had
     kBadDatabase = 4,  // the database file cannot be used
     kBadPortFile = 5,  // the port file cannot be written
-    kBadRegistry = 6,  // the registry file cannot be used
+    kBadRegistry = 6,  // the registry file cannot be used for another reason
 };
 
 struct Options {

@@ -1,11 +1,13 @@
 #include "registry/registry_file.h"
 
+#include <algorithm>
 #include <ctime>
 #include <fstream>
 #include <set>
 
 #include <toml++/toml.h>
 
+#include "log/log_text.h"
 #include "registry/password_hash.h"
 
 namespace registry {
@@ -18,9 +20,14 @@ constexpr std::size_t kLongestDescription = 60;
 constexpr std::int64_t kLongestLifetime = 36500; // days
 constexpr std::int64_t kLargestCount = 1000;
 
+std::string inLine(const toml::source_region& place, const std::string& problem)
+{
+    return "line " + std::to_string(place.begin.line) + ": " + problem;
+}
+
 [[noreturn]] void complain(const toml::source_region& place, const std::string& problem)
 {
-    throw BadContent("line " + std::to_string(place.begin.line) + ": " + problem);
+    throw BadContent(inLine(place, problem));
 }
 
 bool isPrintable(const std::string& text)
@@ -47,10 +54,22 @@ Time timeOf(const toml::date& date, const toml::time& time)
            std::chrono::milliseconds(time.nanosecond / 1000000);
 }
 
-// A table of the file, taken apart key by key. What nobody has asked for is a mistake.
+// A table of the file, taken apart key by key.
 class Section {
 public:
     explicit Section(const toml::table& table) : table_(table) {}
+
+    // To be called before anything is read: a key that is misspelled is no key that is missing.
+    void expectOnly(const std::vector<std::string>& keys) const
+    {
+        for (const auto& [key, node] : table_) {
+            const std::string name(key.str());
+            if (std::find(keys.begin(), keys.end(), name) != keys.end()) continue;
+            throw UnknownKey(inLine(key.source(), "there is no key \"" + log_text::printable(name) +
+                                                      "\" here; there are " +
+                                                      log_text::listed(keys)));
+        }
+    }
 
     std::optional<std::int64_t> number(const char* key, std::int64_t least, std::int64_t most)
     {
@@ -126,25 +145,12 @@ public:
         return found;
     }
 
-    void expectNothingElse() const
-    {
-        for (const auto& [key, node] : table_) {
-            if (asked_.count(std::string(key.str())) == 0)
-                complain(key.source(), "there is no key \"" + std::string(key.str()) + "\" here");
-        }
-    }
-
     const toml::source_region& place() const { return table_.source(); }
 
 private:
-    const toml::node* find(const char* key)
-    {
-        asked_.insert(key);
-        return table_.get(key);
-    }
+    const toml::node* find(const char* key) const { return table_.get(key); }
 
     const toml::table& table_;
-    std::set<std::string> asked_;
 };
 
 GivenRules readRules(std::optional<Section> section)
@@ -152,28 +158,30 @@ GivenRules readRules(std::optional<Section> section)
     constexpr auto kLongest = static_cast<std::int64_t>(kLongestPassword);
     GivenRules rules;
     if (!section) return rules;
+    section->expectOnly({"shortest", "longest", "digit", "history", "lifetime", "attempts"});
     rules.shortest = section->number("shortest", 1, kLongest);
     rules.longest = section->number("longest", 1, kLongest);
     if (const std::optional<bool> digit = section->flag("digit")) rules.digit = *digit ? 1 : 0;
     rules.history = section->number("history", 0, kLargestCount);
     rules.lifetime = section->number("lifetime", 0, kLongestLifetime);
     rules.attempts = section->number("attempts", 0, kLargestCount);
-    section->expectNothingElse();
     return rules;
 }
 
 System readSystem(Section section)
 {
+    section.expectOnly({"name", "description", "state"});
     System system;
     system.name = section.neededText("name", kLongestSystemName);
     system.description = section.text("description", 0, kLongestDescription).value_or("");
     system.state = section.text("state", 1, 40).value_or("available");
-    section.expectNothingElse();
     return system;
 }
 
 NewUser readUser(Section section)
 {
+    section.expectOnly(
+        {"id", "password", "expires", "verified", "accessed", "invalid", "revoked", "rules"});
     NewUser newUser;
     newUser.user.id = section.neededText("id", kLongestUserId);
     newUser.password = section.neededText("password", kLongestPassword);
@@ -183,7 +191,6 @@ NewUser readUser(Section section)
     newUser.user.invalidCount = section.number("invalid", 0, kLargestCount).value_or(0);
     newUser.user.revoked = section.flag("revoked").value_or(false);
     newUser.rules = readRules(section.section("rules"));
-    section.expectNothingElse();
     return newUser;
 }
 
@@ -194,6 +201,7 @@ void expectNew(std::set<std::string>& names, const std::string& name, const Sect
 
 Content readRoot(Section root)
 {
+    root.expectOnly({"rules", "system", "user"});
     Content content;
     content.rules = readRules(root.section("rules"));
     std::set<std::string> systemNames;
@@ -206,7 +214,6 @@ Content readRoot(Section root)
         content.users.push_back(readUser(section));
         expectNew(userIds, content.users.back().user.id, section);
     }
-    root.expectNothingElse();
     return content;
 }
 

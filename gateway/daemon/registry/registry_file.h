@@ -35,7 +35,13 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-// Throws BadContent.
+// A key that no file has; it comes with the keys that are there.
+class UnknownKey : public BadContent {
+public:
+    using BadContent::BadContent;
+};
+
+// Throws BadContent, and UnknownKey where it is that.
 Content readContent(const std::string& file);
 
 } // namespace registry

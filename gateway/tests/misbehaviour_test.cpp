@@ -77,6 +77,17 @@ TEST(MisbehavingAtConnect, ResetsTheConnection)
     EXPECT_EQ(Ending::Reset, gateway.connections().at(1).ending);
 }
 
+TEST(MisbehavingAtConnect, ResetsWhenItIsToDropAndToReset)
+{
+    Gateway gateway;
+    gateway.misbehave(Fault::DropAtConnect);
+    gateway.misbehave(Fault::ResetAtConnect);
+    Client client(gateway.port());
+    EXPECT_FALSE(client.endsInOrder());
+    ASSERT_TRUE(gateway.awaitClosed());
+    EXPECT_EQ(Ending::Reset, gateway.connections().at(0).ending);
+}
+
 TEST_F(Misbehaving, DoesNotAnswerTheHandshake)
 {
     gateway.misbehave(Fault::NoHandshakeAnswer);
@@ -412,6 +423,17 @@ TEST_F(Misbehaving, CutsTheAnswerShort)
     gateway.misbehave({Fault::Truncate, 40});
     request(1);
     EXPECT_EQ(40U, client.readBytes(1000).size());
+    ASSERT_TRUE(gateway.awaitClosed());
+}
+
+TEST_F(Misbehaving, SendsTwiceWhatTheFirstOfTwoTruncationsLeaves)
+{
+    connected();
+    gateway.misbehave(Fault::Duplicate);
+    gateway.misbehave({Fault::Truncate, 40});
+    gateway.misbehave({Fault::Truncate, 30});
+    request(1);
+    EXPECT_EQ(80U, client.readBytes(1000).size());
     ASSERT_TRUE(gateway.awaitClosed());
 }
 

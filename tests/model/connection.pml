@@ -4,22 +4,27 @@
  * run.sh holds the configurations, which say by -D who takes part:
  *
  *   SYNC, ASYNC      threads that make a synchronous call, or an asynchronous one
- *   UNITS            the synchronous callers make two calls, in one unit of work
+ *   UNITS            the synchronous callers make two calls, in one unit of work; that of an
+ *                    asynchronous caller is continued by whoever collects its first reply
  *   CHANNEL          all callers use one channel, each holding it for its call
  *   PLAIN            so many of the synchronous callers do not use it after all
  *   ANY, POLL        threads that collect any reply: waiting, until they are refused; once, at once
  *   SPECIFIC         threads that wait for the reply of one asynchronous call
+ *   SMALL            threads that wait for any reply and have no room for its data
  *   GUESSING         threads that wait for the reply with message id 0, whoever has asked for it
  *   GRACEFUL, TIMED, PURGE, ALL
  *                    threads that close: without limit, with a limit, at once, all connections
  *   CLOSE_AFTER_CALLS
  *                    they do not begin before the asynchronous calls have returned
  *   OPENING          the connection is not open yet: a thread opens it, makes a call and closes it
+ *   NO_THREAD        it may get no thread for the receiver
+ *   NO_BUFFER        the receiver gets no buffer
  *   DIES, CLOSES     the Gateway may break the connection at any time, or say goodbye
  *   SILENT, DEAF     it may leave requests without an answer; it does not answer the close flow
  *   FULL             it does not read: a writer is stuck until the library shuts the socket down
  *   HALF_READ        it reads of a request with a channel just enough to answer it; the writer is
  *                    stuck before it has staged the last of the channel, or behind that
+ *   HALF_REPLY       it may stop within a reply, and is deaf and silent from there on
  *   REFUSES          it may refuse a request
  *   UNASKED          so many replies or errors come from it that nobody has asked for
  *   PINGS            it sends pings for ever
@@ -27,12 +32,15 @@
  *   WRITE_FAILS      a request may fail to be written although the connection stands, also when a
  *                    part of it that is enough to answer it has left
  *   CHANGE_FAILS     what a reply changes may fail to be applied to the channel
- *   NOTHING_WRITTEN  every request fails to be written
+ *   ENDS_ITSELF      the receiver may end at any time: a flow contradicts itself, there is no
+ *                    memory for one, or the answer to the handshake takes too long
+ *   NOTHING_WRITTEN  every request, and the handshake, fails to be written
  *   QUIET            nobody closes, and some wait for ever; but not for what is there
  *   BREAK_...        undoes one precaution of the code; the model must then find what it is for
  *
  * What the code does under one hold of a lock is one step here where nobody can see a difference:
  * where at most one access of the hold is to something that others touch without the lock.
+ * A break undoes one thing in one place, and takes no assertion with it.
  */
 
 #ifndef SYNC
@@ -49,6 +57,9 @@
 #endif
 #ifndef SPECIFIC
 #define SPECIFIC 0
+#endif
+#ifndef SMALL
+#define SMALL 0
 #endif
 #ifndef GUESSING
 #define GUESSING 0
@@ -89,15 +100,24 @@
 
 #define CALLERS (SYNC + ASYNC + OPENERS)
 #define CLOSERS (GRACEFUL + TIMED + PURGE + ALL)
-#define THREADS (CALLERS + ANY + POLL + SPECIFIC + GUESSING + CLOSERS)
+#define THREADS (CALLERS + ANY + POLL + SPECIFIC + SMALL + GUESSING + CLOSERS)
 #define SLOTS CALLERS
+
+/* Calls are numbered: those of the callers, then the second ones of asynchronous units of work. */
+#ifdef UNITS
+#define CALLS (CALLERS + ASYNC)
+#define keepsUnit(s) (slot[s].call < CALLERS && slot[s].result == OK)
+#else
+#define CALLS CALLERS
+#define keepsUnit(s) false
+#endif
 
 #define NOBODY 255
 #define NO_SLOT 255
 #define NO_CALL 255
 
 /* Results of calls, as far as they matter here. */
-mtype = { OK, REFUSED, CLOSING, FAILED, NO_REPLY, INVALID_QUALIFIER };
+mtype = { OK, REFUSED, CLOSING, FAILED, NO_REPLY, INVALID_QUALIFIER, NO_ROOM };
 
 /* Flows from the Gateway. */
 mtype = { REPLY, ERROR, HANDSHAKE, CLOSE_FLOW };
@@ -157,7 +177,7 @@ Event connEvent;
 #ifdef CHANNEL
 byte channelHolder = NO_CALL; /* isLocked of the channel, under its serLock, and for which call */
 bool channelRead;             /* by a sender, with no lock at all */
-bool changed[SLOTS];          /* by call: its reply's changes have been applied */
+bool changed[CALLS];          /* by call: its reply's changes have been applied */
 #endif
 
 byte gtlLock = NOBODY;
@@ -170,6 +190,9 @@ bool descriptorOpen = true;
 bool shutDown;                     /* by the library */
 bool gatewayGone;                  /* the Gateway has closed its end */
 bool reset;                        /* ... and what it had sent before may be lost with it */
+#ifdef HALF_REPLY
+bool halfReply;                    /* the end of the last reply that it has sent does not come */
+#endif
 byte asked[SLOTS] = NO_CALL;       /* requests on their way to the Gateway, by message id */
 bool closeAsked;                   /* a close flow is on its way to the Gateway */
 chan fromGateway = [SLOTS + 2] of { mtype, byte, byte }; /* flow, message id, call */
@@ -179,15 +202,18 @@ bool ping;
 
 /* ---- What is known of the whole, and by no thread ---- */
 
+byte receiver;                     /* its thread */
 bool tokenFreed;
 bool deleteFailed;
+bool lost;                         /* the connection ends otherwise than by a close of ours */
+bool streamEnded;                  /* ... for the library has ended its stream */
 byte threadsOut;
-byte qualifier[SLOTS] = NO_SLOT;   /* by call: where its reply is to be asked for */
-bool sendingOver[SLOTS];           /* by call: its asynchronous call has returned */
+byte qualifier[CALLS] = NO_SLOT;   /* by call: where its reply is to be asked for */
+bool sendingOver[CALLS];           /* by call: its asynchronous call has returned */
 #ifdef CLOSE_AFTER_CALLS
 byte callsSent;                    /* ... and how many have */
 #endif
-bool ended[SLOTS];                 /* by call: its outcome has been told */
+bool ended[CALLS];                 /* by call: its outcome has been told */
 
 /* No field of a token is touched once it is freed. */
 #define TOUCH assert(!tokenFreed)
@@ -329,16 +355,12 @@ inline slotFree(s)
     slot[s].requestEvent.posts = 0
 }
 
-/* clapiDeliverSlot, queueReply. Under tableLock. */
-inline deliverSlot(s, what)
+/* clapiDeliverSlot but for its last step, queueReply. Under tableLock. */
+inline setOutcome(s, what)
 {
-#ifndef BREAK_DELIVERS_TO_ANY_STATE
     assert(slot[s].state == WAITING);
-#endif
 #ifdef CHANNEL
-#ifndef BREAK_DELIVERED_WHILE_BEING_SENT
     assert(!slot[s].channelBeingSent);
-#endif
     assert(what != OK || !sendsChannel(slot[s].call) || changed[slot[s].call]);
 #endif
     slot[s].result = what;
@@ -349,45 +371,65 @@ inline deliverSlot(s, what)
        replies!s;
        post(asyncReplyEvent)
     :: else
-    fi;
+    fi
+}
+
+/* clapiDeliverSlot as the receiver calls it, in two steps under tableLock: the waiter looks at the
+ * outcome without the lock, as soon as its event is posted. */
+#ifndef BREAK_POSTED_BEFORE_THE_OUTCOME
+inline deliverFirst(s, what)
+{
+    setOutcome(s, what)
+}
+
+inline deliverLast(s, what)
+{
+    post(slot[s].requestEvent)
+}
+#else
+inline deliverFirst(s, what)
+{
     post(slot[s].requestEvent)
 }
 
-#ifdef CHANNEL
-#ifdef BREAK_DELIVERED_WHILE_BEING_SENT
-#define isBeingSent(s) false
-#else
-#define isBeingSent(s) (slot[s].channelBeingSent)
+inline deliverLast(s, what)
+{
+    setOutcome(s, what)
+}
 #endif
+
+#ifdef BREAK_ANY_STATE_TAKES_AN_OUTCOME
+#define isWaiting(s) true
+#else
+#define isWaiting(s) (slot[s].state == WAITING)
+#endif
+#ifdef CHANNEL
+#define isBeingSent(s) (slot[s].channelBeingSent)
 /* clapiAwaitsOutcome. Under tableLock. */
 #ifdef BREAK_PENDING_TAKES_ANOTHER
-#define awaitsOutcome(s) (slot[s].state == WAITING)
+#define awaitsOutcome(s) isWaiting(s)
 #else
-#define awaitsOutcome(s) (slot[s].state == WAITING && slot[s].outcomePending == 0)
+#define awaitsOutcome(s) (isWaiting(s) && slot[s].outcomePending == 0)
 #endif
 
 /* clapiPutAside. Under tableLock. */
 inline putAside(s, what)
 {
-#ifndef BREAK_PENDING_TAKES_ANOTHER
-    assert(slot[s].outcomePending == 0);
-#endif
+    assert(slot[s].state == WAITING && slot[s].outcomePending == 0);
     slot[s].outcomePending = what
 }
 #else
 #define isBeingSent(s) false
-#define awaitsOutcome(s) (slot[s].state == WAITING)
+#define awaitsOutcome(s) isWaiting(s)
 #define putAside(s, what) skip
 #endif
 
-/* clapiSettleSlot, which looks at the mark once. Under tableLock. */
-inline settleSlot(s, what)
-{
-    if
-    :: isBeingSent(s) -> putAside(s, what)
-    :: else -> deliverSlot(s, what)
-    fi
-}
+/* clapiSettleSlot, which looks at the mark once. */
+#ifdef BREAK_SETTLED_WHILE_BEING_SENT
+#define isPutAside(s) false
+#else
+#define isPutAside(s) isBeingSent(s)
+#endif
 
 /* clapiRegisterRequest */
 inline registerRequest()
@@ -421,43 +463,62 @@ inline endSending()
 /* clapiNoteBrokenFlow. Under tableLock. */
 inline noteBrokenFlow()
 {
-#ifndef BREAK_BROKEN_FLOW_NOT_NOTED
     if
-    :: flowBroke -> brokenOff = true; flowBroke = false
+    :: flowBroke -> brokenOff = true
     :: else
     fi
-#else
-    flowBroke = false
-#endif
 }
 
-/* The beginning of clapiAwaitEndOfReading. Under tableLock. */
+/* clapiEndStream: the mark comes first, so that it is seen wherever the end is. */
+inline endStream()
+{
+    assert(descriptorOpen);
+#ifndef BREAK_ENDED_STREAM_NOT_MARKED
+    brokenOff = true;
+#endif
+    shutDown = true;
+    streamEnded = true;
+    lost = true
+}
+
+/* The beginning of clapiAwaitEndOfReading, as a part of the step that takes tableLock, which is
+ * given up only if there is something to wait for. */
 inline wakeReader(s)
 {
-#ifndef BREAK_STORAGE_GIVEN_UP_WHILE_READ
     if
-    :: slotBeingRead == s -> shutDown = true
-    :: else
-    fi
-#else
-    skip
+    :: slotBeingRead == s ->
+#ifndef BREAK_READER_NOT_WOKEN
+       endStream()
 #endif
+    :: else -> tableLock = _pid
+    fi
 }
 
-/* ... and its end: tableLock is free during the wait, and held behind it. */
+/* ... and its end, with tableLock held. */
 inline lockWhenNotRead(s)
 {
 #ifdef BREAK_STORAGE_GIVEN_UP_WHILE_READ
-    lock(tableLock)
+    atomic { tableLock == NOBODY || tableLock == _pid -> TOUCH; tableLock = _pid }
 #else
-    atomic { tableLock == NOBODY && slotBeingRead != s -> TOUCH; tableLock = _pid }
+    atomic {
+        tableLock == _pid || (tableLock == NOBODY && slotBeingRead != s) -> TOUCH;
+        tableLock = _pid
+    }
 #endif
 }
 
 /* clapiEndFailedSending */
 inline endFailedSending(s)
 {
-    atomic { tableLock == NOBODY -> TOUCH; noteBrokenFlow(); senders--; wakeReader(s) };
+    atomic {
+        tableLock == NOBODY -> TOUCH;
+#ifndef BREAK_BROKEN_FLOW_NOT_NOTED
+        noteBrokenFlow();
+#endif
+        flowBroke = false;
+        senders--;
+        wakeReader(s)
+    };
     lockWhenNotRead(s);
     unlock(tableLock)
 }
@@ -569,7 +630,8 @@ inline sendFails()
 {
     rc = FAILED;
     flowBroke = partSent;
-    shutDown = shutDown || partSent
+    shutDown = shutDown || partSent;
+    lost = lost || partSent
 }
 
 #ifdef CHANNEL
@@ -634,6 +696,12 @@ inline sendLast(me)
     }
 }
 
+#ifdef BREAK_PENDING_OF_ANY_USE
+#define isPendingFor(me) (slot[s].outcomePending != 0)
+#else
+#define isPendingFor(me) (slot[s].call == me && slot[s].outcomePending != 0)
+#endif
+
 /* clapiEndSendingRequest, of a request that has been written: deliverPendingOutcome, with tableLock
  * free while the channel is changed, and clapiLeaveSenders. */
 inline endSendingRequest(me)
@@ -641,13 +709,17 @@ inline endSendingRequest(me)
 #ifdef CHANNEL
     lock(tableLock);
     if
-    :: atomic { slot[s].call == me && slot[s].outcomePending == OK -> TOUCH; tableLock = NOBODY };
+    :: atomic { isPendingFor(me) && slot[s].outcomePending == OK -> TOUCH; tableLock = NOBODY };
 #ifdef BREAK_LEAVES_BEFORE_DELIVERING
        endSending();
 #endif
        changeChannel(me);
+       if
+       :: atomic { changeFailed -> TOUCH; endStream() }
+       :: !changeFailed
+       fi;
        lock(tableLock)
-    :: atomic { slot[s].call != me || slot[s].outcomePending != OK -> TOUCH }
+    :: atomic { !(isPendingFor(me) && slot[s].outcomePending == OK) -> TOUCH }
 #ifdef BREAK_LEAVES_BEFORE_DELIVERING
        ; senders--
 #endif
@@ -656,16 +728,11 @@ inline endSendingRequest(me)
         TOUCH;
         if
 #ifndef BREAK_ASIDE_DROPPED
-        :: slot[s].call == me && slot[s].outcomePending != 0 ->
-           if
-           :: changeFailed ->
-              assert(descriptorOpen);
-              shutDown = true;
-              changeFailed = false;
-              deliverSlot(s, REFUSED)
-           :: else -> deliverSlot(s, slot[s].outcomePending)
-           fi;
-           slot[s].outcomePending = 0
+        :: isPendingFor(me) ->
+           setOutcome(s, (changeFailed -> REFUSED : slot[s].outcomePending));
+           post(slot[s].requestEvent); /* which nobody waits for but this thread */
+           slot[s].outcomePending = 0;
+           changeFailed = false
 #endif
         :: else
         fi;
@@ -765,17 +832,29 @@ inline leaveFailed()
 #define withdrawalIsTold ((closedown && asyncCount == 0) || connStatus != CONNECTED)
 #endif
 
+#ifdef BREAK_WITHDRAWS_WHAT_IS_NOT_OURS
+#define isStillOurs(me) true
+#elif defined(BREAK_WITHDRAWS_IN_ANY_STATE)
+#define isStillOurs(me) (slot[s].call == me)
+#else
+#define isStillOurs(me) \
+    (slot[s].call == me && (slot[s].state == WAITING || slot[s].state == DELIVERED))
+#endif
+
 /* takeBack: isStillOurs, withdraw. */
 inline failAsyncCall(me)
 {
-    atomic { tableLock == NOBODY -> TOUCH; noteBrokenFlow(); wakeReader(s) };
+    atomic {
+        tableLock == NOBODY -> TOUCH;
+#ifndef BREAK_BROKEN_FLOW_OF_ASYNC_NOT_NOTED
+        noteBrokenFlow();
+#endif
+        flowBroke = false;
+        wakeReader(s)
+    };
     lockWhenNotRead(s);
     if
-#ifdef BREAK_WITHDRAWS_WHAT_IS_NOT_OURS
-    :: true ->
-#else
-    :: slot[s].call == me && (slot[s].state == WAITING || slot[s].state == DELIVERED) ->
-#endif
+    :: isStillOurs(me) ->
        atomic {
            TOUCH;
            if
@@ -900,6 +979,28 @@ proctype PlainCaller(byte me)
 }
 #endif
 
+/* An asynchronous request that has been sent keeps the channel. */
+inline asyncCall(me, unit)
+{
+    enter();
+    checkClosing();
+    if
+    :: rc == OK ->
+       lockChannel(me);
+       obtainSlot(me, true, unit);
+       if
+       :: rc == OK -> performAsyncCall(me)
+       :: else
+       fi;
+       if
+       :: rc == OK
+       :: else -> unlockChannel(me)
+       fi
+    :: else
+    fi;
+    leave()
+}
+
 #if ASYNC > 0
 proctype AsyncCaller(byte me)
 {
@@ -910,23 +1011,7 @@ proctype AsyncCaller(byte me)
 #endif
     mtype rc;
 
-    enter();
-    checkClosing();
-    if
-    :: rc == OK ->
-       lockChannel(me);
-       obtainSlot(me, true, false);
-       if
-       :: rc == OK -> performAsyncCall(me)
-       :: else
-       fi;
-       if
-       :: rc == OK /* the request keeps the channel */
-       :: else -> unlockChannel(me)
-       fi
-    :: else
-    fi;
-    leave();
+    asyncCall(me, false);
     atomic {
         if
         :: rc == OK -> qualifier[me] = s
@@ -1025,6 +1110,15 @@ inline awaitAsyncReply(specific, waits, wanted)
     fi
 }
 
+/* keepForUnitOfWork, and what consumeSlot and takeHeldChannel do before it. */
+inline keepForUnit(s)
+{
+    slot[s].state = UNIT_IDLE;
+#ifdef CHANNEL
+    slot[s].channelHeld = false
+#endif
+}
+
 /* takeReply: countOut, clapiUnlinkReply, consumeSlot, armForNextReply; in consumeSlot
  * takeHeldChannel and giveChannelBack. */
 inline takeReply()
@@ -1041,7 +1135,10 @@ inline takeReply()
         :: else
         fi;
 #endif
-        slotFree(s)
+        if
+        :: keepsUnit(s) -> keptFor = slot[s].call; keepForUnit(s)
+        :: else -> slotFree(s)
+        fi
     };
 #ifdef CHANNEL
     if
@@ -1057,7 +1154,7 @@ inline takeReply()
 }
 
 /* getAsyncReply: collectReply, findReply. */
-inline collectReply(specific, waits, wanted)
+inline collectReply(specific, waits, wanted, hasRoom)
 {
     atomic {
         tableLock == NOBODY -> TOUCH;
@@ -1081,36 +1178,74 @@ inline collectReply(specific, waits, wanted)
        fi
     od;
     if
-    :: rc == OK -> takeReply()
-    :: else -> unlock(tableLock)
+    :: atomic {
+           rc == OK && !hasRoom && slot[s].result == OK -> TOUCH;
+#ifdef BREAK_UNLINKED_WITHOUT_ROOM
+           replies??eval(s);
+#endif
+           rc = NO_ROOM;
+           tableLock = NOBODY /* the reply stays queued */
+       }
+    :: rc == OK && (hasRoom || slot[s].result != OK) -> takeReply()
+    :: rc != OK -> unlock(tableLock)
     fi
 }
 
 /* ECI_GET_REPLY_WAIT, ECI_GET_REPLY or ECI_GET_SPECIFIC_REPLY_WAIT through QPX_ECI_Execute. */
-inline collect(specific, waits, wanted)
+inline collect(specific, waits, wanted, hasRoom)
 {
     enter();
     if
-    :: rc == OK -> collectReply(specific, waits, wanted)
+    :: rc == OK -> collectReply(specific, waits, wanted, hasRoom)
     :: else
     fi;
     leave()
 }
 
 #if ANY > 0
-/* An application that goes on until nothing can come any more. */
+/* An application that goes on until nothing can come any more, and on with units of work. */
 proctype AnyCollector()
 {
     byte s, generation;
-    byte heldFor = NO_CALL;
+    byte heldFor = NO_CALL, keptFor = NO_CALL;
     bool registered;
+#ifdef UNITS
+    bool begun, partSent, flowBroke;
+#ifdef CHANNEL
+    bool changeFailed;
+#endif
+#endif
     mtype rc = OK;
 
     do
-    :: rc == OK -> collect(false, true, NO_SLOT)
+    :: rc == OK ->
+       collect(false, true, NO_SLOT, true);
+#ifdef UNITS
+       if
+       :: keptFor != NO_CALL ->
+          asyncCall(CALLERS + keptFor - SYNC, true);
+          keptFor = NO_CALL;
+          rc = OK
+       :: else
+       fi
+#endif
     :: else -> break
     od;
     assert(rc == REFUSED || rc == CLOSING);
+    threadsOut++
+}
+#endif
+
+#if SMALL > 0
+proctype SmallCollector()
+{
+    byte s, generation;
+    byte heldFor = NO_CALL, keptFor = NO_CALL;
+    bool registered;
+    mtype rc;
+
+    collect(false, true, NO_SLOT, false);
+    assert(rc == OK || rc == REFUSED || rc == CLOSING || rc == NO_ROOM);
     threadsOut++
 }
 #endif
@@ -1119,11 +1254,11 @@ proctype AnyCollector()
 proctype Poller()
 {
     byte s, generation;
-    byte heldFor = NO_CALL;
+    byte heldFor = NO_CALL, keptFor = NO_CALL;
     bool registered;
     mtype rc;
 
-    collect(false, false, NO_SLOT);
+    collect(false, false, NO_SLOT, true);
     assert(rc == OK || rc == REFUSED || rc == CLOSING || rc == NO_REPLY);
     threadsOut++
 }
@@ -1133,14 +1268,14 @@ proctype Poller()
 proctype SpecificCollector(byte call)
 {
     byte s, generation;
-    byte heldFor = NO_CALL;
+    byte heldFor = NO_CALL, keptFor = NO_CALL;
     bool registered;
     mtype rc;
 
     if
     :: atomic { sendingOver[call] && qualifier[call] == NO_SLOT -> rc = FAILED }
     :: atomic { sendingOver[call] && qualifier[call] != NO_SLOT -> rc = OK };
-       collect(true, true, qualifier[call])
+       collect(true, true, qualifier[call], true)
     fi;
     threadsOut++
 }
@@ -1151,11 +1286,11 @@ proctype SpecificCollector(byte call)
 proctype Guesser()
 {
     byte s, generation;
-    byte heldFor = NO_CALL;
+    byte heldFor = NO_CALL, keptFor = NO_CALL;
     bool registered;
     mtype rc;
 
-    collect(true, true, 0);
+    collect(true, true, 0, true);
     threadsOut++
 }
 #endif
@@ -1170,49 +1305,57 @@ proctype Guesser()
 
 #define stillWaits (s != NO_SLOT && awaitsOutcome(s) && slot[s].call == call)
 
-/* What an answer is for is what it answers, but for those that nobody has asked for. */
-#define JUDGE_ANSWER assert(UNASKED > 0 || answered == call)
+/* What an answer is for is what it answers, but for those that nobody has asked for. Nobody gives
+ * up or settles what is being read. */
+#define JUDGE_ANSWER assert(stillWaits); assert(UNASKED > 0 || answered == call)
+
+/* clapiEndReading */
+inline endReading()
+{
+    slotBeingRead = NO_SLOT;
+    s = NO_SLOT;
+    aside = false
+}
 
 /* deliverReply: settleReply, clapiEndReading. Whether the reply has overtaken its request is looked
  * at once: if it has, the sender will deliver it, whatever becomes of the mark meanwhile. */
 inline deliverReply()
 {
-    atomic {
-        tableLock == NOBODY -> TOUCH;
-#ifdef BREAK_DELIVERS_TO_ANY_STATE
-        deliverSlot(id, OK);
-#else
-        if
-        :: stillWaits && overtakes -> JUDGE_ANSWER; putAside(s, OK)
-        :: stillWaits && !overtakes && !aside -> JUDGE_ANSWER; deliverSlot(s, OK)
-        :: stillWaits && !overtakes && aside -> JUDGE_ANSWER; changes = true
-        :: else
-        fi;
-#endif
-        if
-        :: !changes -> slotBeingRead = NO_SLOT; s = NO_SLOT
-        :: else
-        fi;
-        aside = false
-    };
-#ifdef CHANNEL
     if
-    :: changes ->
-       changeChannel(call);
-       atomic {
-           tableLock == NOBODY -> TOUCH;
-           assert(stillWaits);
-           if
-           :: changeFailed -> changeFailed = false; over = true
-           :: else -> deliverSlot(s, OK)
-           fi;
-           changes = false;
-           slotBeingRead = NO_SLOT;
-           s = NO_SLOT
+#ifdef CHANNEL
+    :: atomic {
+           tableLock == NOBODY && overtakes -> TOUCH;
+           JUDGE_ANSWER;
+           putAside(s, OK);
+           endReading()
        }
-    :: else
-    fi
+    :: atomic { tableLock == NOBODY && !overtakes && aside -> TOUCH; JUDGE_ANSWER };
+       changeChannel(call);
+       if
+       :: atomic {
+              tableLock == NOBODY && changeFailed -> TOUCH;
+              changeFailed = false;
+              endReading();
+              over = true;
+              lost = true
+          }
+       :: atomic {
+              tableLock == NOBODY && !changeFailed -> TOUCH;
+              assert(stillWaits);
+              tableLock = _pid;
+              deliverFirst(s, OK)
+          };
+          atomic { TOUCH; deliverLast(s, OK); endReading(); tableLock = NOBODY }
+       fi
 #endif
+    :: atomic {
+           tableLock == NOBODY && !overtakes && !aside -> TOUCH;
+           JUDGE_ANSWER;
+           tableLock = _pid;
+           deliverFirst(s, OK)
+       };
+       atomic { TOUCH; deliverLast(s, OK); endReading(); tableLock = NOBODY }
+    fi
 }
 
 /* receiveECIReply: clapiReadECIResponse into the caller's storage and the channel, deliverReply; or
@@ -1225,13 +1368,21 @@ inline receiveBody()
     :: else
     fi;
     if
-    :: changeFailed -> atomic { changeFailed = false; s = NO_SLOT; over = true }
+    :: changeFailed -> atomic { changeFailed = false; s = NO_SLOT; over = true; lost = true }
     :: else -> deliverReply()
     fi
 #else
     deliverReply()
 #endif
 }
+
+#ifdef HALF_REPLY
+#define bodyIsThere (!halfReply || len(fromGateway) > 0)
+#define bodyBreaksOff (reset || shutDown || (!bodyIsThere && gatewayGone))
+#else
+#define bodyIsThere true
+#define bodyBreaksOff (reset || shutDown)
+#endif
 
 /* receiveReply: findReplySlot, receiveECIReply. */
 inline receiveReply()
@@ -1242,7 +1393,9 @@ inline receiveReply()
         :: awaitsOutcome(id) ->
            s = id;
            call = slot[id].call;
+#ifndef BREAK_CHANGED_WHILE_BEING_SENT
            aside = isBeingSent(id);
+#endif
            slotBeingRead = id
         :: else
         fi
@@ -1252,17 +1405,45 @@ inline receiveReply()
 #endif
     if
     :: atomic { s != NO_SLOT -> TOUCH; assert(slot[s].call == call) };
+end_reading:
        if
-       :: atomic { true -> TOUCH; assert(slot[s].call == call) };
+       :: atomic { bodyIsThere -> TOUCH; assert(slot[s].call == call) };
           receiveBody()
-       :: atomic { reset || shutDown -> TOUCH; s = NO_SLOT; aside = false; over = true }
+       :: atomic { bodyBreaksOff -> TOUCH; s = NO_SLOT; aside = false; over = true }
+#ifdef ENDS_ITSELF
+       :: atomic { true -> TOUCH; s = NO_SLOT; aside = false; over = true; lost = true }
+#endif
        fi
     :: s == NO_SLOT ->
-#ifdef BREAK_DELIVERS_TO_ANY_STATE
-       deliverReply()
+#ifdef HALF_REPLY
+end_dropping:
+       if
+       :: bodyIsThere
+       :: atomic { !bodyIsThere && bodyBreaksOff -> TOUCH; over = true }
+       fi
 #else
        skip /* nobody waits; the body is dropped */
 #endif
+    fi
+}
+
+/* receiveError: lookUpWithoutLock, deliverFailure */
+inline receiveError()
+{
+    if
+    :: atomic { tableLock == NOBODY && !awaitsOutcome(id) -> TOUCH }
+#ifdef CHANNEL
+    :: atomic {
+           tableLock == NOBODY && awaitsOutcome(id) && isPutAside(id) -> TOUCH;
+           putAside(id, FAILED)
+       }
+#endif
+    :: atomic {
+           tableLock == NOBODY && awaitsOutcome(id) && !isPutAside(id) -> TOUCH;
+           tableLock = _pid;
+           deliverFirst(id, FAILED)
+       };
+       atomic { TOUCH; deliverLast(id, FAILED); tableLock = NOBODY }
     fi
 }
 
@@ -1276,14 +1457,7 @@ end_waiting:
        :: atomic { fromGateway?REPLY, id, answered -> TOUCH };
           receiveReply()
        :: atomic { fromGateway?ERROR, id, answered -> TOUCH };
-          /* receiveError: lookUpWithoutLock, deliverFailure */
-          atomic {
-              tableLock == NOBODY -> TOUCH;
-              if
-              :: awaitsOutcome(id) -> settleSlot(id, FAILED)
-              :: else
-              fi
-          }
+          receiveError()
        :: atomic { fromGateway?HANDSHAKE, id, answered -> TOUCH; connStatus = CONNECTED };
 #ifdef OPENING
           atomic { TOUCH; post(connEvent) } /* receiveHandshake */
@@ -1297,6 +1471,9 @@ end_waiting:
           over = true
        :: atomic { empty(fromGateway) && gatewayGone -> TOUCH; over = true }
        :: atomic { reset || shutDown -> TOUCH; over = true }
+#ifdef ENDS_ITSELF
+       :: atomic { true -> TOUCH; over = true; lost = true }
+#endif
 #ifdef PINGS
        :: atomic { empty(fromGateway) && ping -> TOUCH; ping = false }
 #endif
@@ -1325,21 +1502,20 @@ inline endConnection()
     unlock(tableLock)
 }
 
+#define isSwept (connStatus != NEVER_CONNECTED && s < SLOTS)
+
 /* completeWaitingRequests */
 inline sweep()
 {
     s = 0;
     do
-    :: connStatus != NEVER_CONNECTED && s < SLOTS ->
-       atomic {
-           TOUCH;
-           if
-           :: awaitsOutcome(s) -> settleSlot(s, REFUSED)
-           :: else
-           fi;
-           s++
-       }
-    :: else -> break
+    :: atomic { isSwept && !awaitsOutcome(s) -> TOUCH; s++ }
+#ifdef CHANNEL
+    :: atomic { isSwept && awaitsOutcome(s) && isPutAside(s) -> TOUCH; putAside(s, REFUSED); s++ }
+#endif
+    :: atomic { isSwept && awaitsOutcome(s) && !isPutAside(s) -> TOUCH; deliverFirst(s, REFUSED) };
+       atomic { TOUCH; deliverLast(s, REFUSED); s++ }
+    :: !isSwept -> break
     od;
 #ifndef BREAK_END_NOT_TOLD_TO_COLLECTORS
     atomic { TOUCH; post(asyncReplyEvent) };
@@ -1353,7 +1529,9 @@ inline closeConnectionSocket()
     atomic {
         TOUCH;
         if
+#ifndef BREAK_SOCKET_NOT_SHUT_DOWN
         :: connStatus != NEVER_CONNECTED -> shutDown = true
+#endif
         :: else
         fi
     };
@@ -1363,21 +1541,25 @@ inline closeConnectionSocket()
     atomic { TOUCH; assert(descriptorOpen); descriptorOpen = false }
 }
 
-/* receiverThread */
+/* receiverThread: startReceiving and what follows. */
 proctype Receiver()
 {
     byte id, answered, call;
     byte s = NO_SLOT;
-    bool over, saidGoodbye, aside, changes;
+    bool over, saidGoodbye, aside;
 #ifdef CHANNEL
     bool changeFailed;
 #endif
 
-#ifdef BREAK_END_ARMED_BY_THE_RECEIVER
+#ifdef OPENING
     atomic { TOUCH; arm(recvThreadEnded) };
 #endif
+#ifdef NO_BUFFER
+    atomic { TOUCH; connStatus = NEVER_CONNECTED };
+#else
     receiveFlows();
     endConnection();
+#endif
     closeConnectionSocket();
     atomic { TOUCH; post(recvThreadEnded) }
 }
@@ -1485,6 +1667,12 @@ inline endWork()
     calls = 0
 }
 
+#ifdef BREAK_CLOSE_FLOW_IN_ANY_STATE
+#define looksOpen true
+#else
+#define looksOpen (connStatus == CONNECTED)
+#endif
+
 /* quiesceConnection */
 inline quiesceConnection(limit)
 {
@@ -1503,13 +1691,13 @@ inline quiesceConnection(limit)
     waitForWork(limit);
     /* takesCloseFlow */
     if
-    :: atomic { connStatus == CONNECTED -> TOUCH };
+    :: atomic { looksOpen -> TOUCH };
        if
-       :: atomic { !brokenOff -> TOUCH };
+       :: atomic { !brokenOff -> TOUCH; assert(!streamEnded) };
           sendCloseFlow()
        :: atomic { brokenOff -> TOUCH }
        fi
-    :: atomic { connStatus != CONNECTED -> TOUCH }
+    :: atomic { !looksOpen -> TOUCH }
     fi;
     waitEvent(recvThreadEnded); /* waitForReceiver */
     if
@@ -1549,12 +1737,7 @@ inline unlinkForGood()
           atomic { TOUCH; arm(requestsEnded); gtlLock = NOBODY };
 #endif
           waitEvent(requestsEnded);
-#ifdef BREAK_CALLS_ENDED_NOT_ARMED_AGAIN
-          lock(gtlLock);
-          break
-#else
           lock(gtlLock)
-#endif
        :: requestCount == 0 -> break
        od;
 #endif
@@ -1566,16 +1749,8 @@ inline unlinkForGood()
 /* endDelete. */
 inline endDelete()
 {
-#ifdef BREAK_DELETERS_NOT_COUNTED
-    atomic { gtlLock == NOBODY -> gtlLock = _pid };
-    if
-    :: listed -> deleters--
-    :: else
-    fi;
-#else
     lock(gtlLock);
     deleters--;
-#endif
     if
     :: rc == OK -> quiesced = true
     :: else -> deleteFailed = true
@@ -1649,24 +1824,23 @@ proctype AllCloser()
 /* ---- Opening: clapi_gwycon and clapi_gwytok ---- */
 
 #ifdef OPENING
-/* connectAndShakeHands: startReceiverThread, sendHandshake, awaitHandshakeAnswer. */
-inline connect()
+bool handshakeAsked;
+
+/* sendHandshake, awaitHandshakeAnswer */
+inline shakeHands()
 {
-#ifndef BREAK_END_ARMED_BY_THE_RECEIVER
-    arm(recvThreadEnded);
-#endif
-    senders = 1;
-    run Receiver();
     atomic {
         TOUCH;
         assert(descriptorOpen);
         if
         :: writeMayFail -> rc = FAILED
+#ifndef NOTHING_WRITTEN
         :: !shutDown ->
            if
            :: !gatewayGone -> handshakeAsked = true
            :: else
            fi
+#endif
         fi
     };
     if
@@ -1684,13 +1858,35 @@ inline connect()
     fi
 }
 
-bool handshakeAsked;
+/* connectAndShakeHands: startReceiverThread, shakeHands. */
+inline connect()
+{
+#ifndef BREAK_END_ARMED_BY_THE_RECEIVER_ALONE
+    arm(recvThreadEnded);
+#endif
+    senders = 1;
+    if
+    :: atomic { true -> receiver = run Receiver() }
+#ifdef NO_THREAD
+    :: atomic { true -> senders = 0; hasReceiver = false };
+#ifndef BREAK_NO_END_WITHOUT_A_THREAD
+       atomic { TOUCH; post(recvThreadEnded) };
+#endif
+       descriptorOpen = false /* openSocket */
+#endif
+    fi;
+    if
+    :: hasReceiver -> shakeHands()
+    :: !hasReceiver -> rc = FAILED
+    fi
+}
 
 /* clapiCreateGatewayToken: createAndConnect; then a call and a close, as any application. */
 proctype Opener(byte me)
 {
     byte s, generation, calls;
     bool begun, registered, partSent, flowBroke;
+    bool hasReceiver = true;
 #ifdef CHANNEL
     bool changeFailed;
 #endif
@@ -1744,6 +1940,22 @@ end_waiting:
     :: atomic { asked[1] != NO_CALL -> fromGateway!ERROR, 1, asked[1]; asked[1] = NO_CALL }
 #endif
 #endif
+#ifdef HALF_REPLY
+    :: atomic {
+           asked[0] != NO_CALL -> fromGateway!REPLY, 0, asked[0]; asked[0] = NO_CALL;
+           halfReply = true;
+           break
+       }
+#if UNASKED > 0
+    :: atomic {
+           unasked > 0 && nfull(fromGateway) ->
+           unasked--;
+           fromGateway!REPLY, 0, NO_CALL;
+           halfReply = true;
+           break
+       }
+#endif
+#endif
 #ifdef SILENT
     :: atomic { asked[0] != NO_CALL -> asked[0] = NO_CALL }
 #if SLOTS > 1
@@ -1766,16 +1978,30 @@ end_waiting:
     :: atomic { closeAsked -> fromGateway!CLOSE_FLOW, 0, 0; gatewayGone = true; break }
 #endif
 #ifdef CLOSES
-    :: atomic { nfull(fromGateway) -> fromGateway!CLOSE_FLOW, 0, 0; gatewayGone = true; break }
+    :: atomic {
+           nfull(fromGateway) -> fromGateway!CLOSE_FLOW, 0, 0;
+           gatewayGone = true;
+           lost = true;
+           break
+       }
 #endif
 #ifdef LAST
-    :: atomic { timeout -> gatewayGone = true; break }
+    :: atomic { timeout -> gatewayGone = true; lost = true; break }
 #endif
 #ifdef DIES
-    :: atomic { gatewayGone = true; break }
-    :: atomic { gatewayGone = true; reset = true; break }
+    :: atomic { gatewayGone = true; lost = true; break }
+    :: atomic { gatewayGone = true; lost = true; reset = true; break }
 #endif
     od
+#if defined(HALF_REPLY) && defined(LAST)
+    ;
+    if
+    :: halfReply ->
+end_stopped:
+       atomic { timeout -> gatewayGone = true; lost = true }
+    :: else
+    fi
+#endif
 }
 
 #ifdef PINGS
@@ -1803,7 +2029,7 @@ init
         recvThreadEnded.open = true; /* buildToken */
         run Opener(SLOTS - 1);
 #else
-        run Receiver();
+        receiver = run Receiver();
 #endif
         run Gateway();
 #ifdef PINGS
@@ -1829,6 +2055,9 @@ init
 #if ANY > 0
         for (i : 1 .. ANY) { run AnyCollector() }
 #endif
+#if SMALL > 0
+        for (i : 1 .. SMALL) { run SmallCollector() }
+#endif
 #if POLL > 0
         for (i : 1 .. POLL) { run Poller() }
 #endif
@@ -1850,16 +2079,25 @@ init
     /* Whoever still waits, waits for a reply that is not there. */
     timeout;
     assert(empty(replies) && empty(fromGateway));
+    assert(gtlLock == NOBODY && tableLock == NOBODY)
 #else
-    /* Every thread of the application gets out of the library. */
+    /* Every thread of the application gets out of the library, with the locks and channels that it
+     * has taken. Only the receiver may still be inside tableLock, but not for ever. */
     threadsOut == THREADS;
+    assert(gtlLock == NOBODY && sendLock == NOBODY);
+    assert(tableLock == NOBODY || tableLock == receiver);
+    tableLock == NOBODY;
+#ifdef CHANNEL
+    /* A request that nobody has collected keeps its channel until the token goes. */
+    assert(channelHolder == NO_CALL || (!tokenFreed && !ended[channelHolder]));
+#endif
 #if ANY > 0 && CLOSERS == 0
     assert(empty(replies)); /* whoever is refused leaves nothing behind */
 #endif
 #if CLOSERS + OPENERS > 0
+    /* No delete fails but for a connection that ends under it. */
     assert(!descriptorOpen);
-    assert(tokenFreed || deleteFailed);
+    assert(tokenFreed || (deleteFailed && lost))
 #endif
-    assert(gtlLock == NOBODY && sendLock == NOBODY)
 #endif
 }

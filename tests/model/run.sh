@@ -19,13 +19,21 @@ configurations() {
 answered_calls         | holds   | SYNC=2 GRACEFUL=1 DIES CLOSES
 purged_calls           | holds   | SYNC=2 PURGE=1 SILENT
 unit_of_work           | holds   | SYNC=1 UNITS TIMED=1 SILENT DIES CLOSES
-stuck_senders          | holds   | SYNC=2 FULL DIES LAST
+stuck_senders          | holds   | SYNC=2 FULL DIES LAST ENDS_ITSELF
+half_reply_given_up    | holds   | SYNC=1 ASYNC=1 UNASKED=1 NOTHING_WRITTEN HALF_REPLY
+half_reply_lost        | holds   | SYNC=1 PURGE=1 UNASKED=1 WRITE_FAILS HALF_REPLY LAST
+receiver_ends          | holds   | SYNC=1 ASYNC=1 ANY=1 ENDS_ITSELF
+receiver_ends_closing  | holds   | ASYNC=1 ANY=1 GRACEFUL=1 CHANNEL ENDS_ITSELF
 any_reply              | holds   | ASYNC=1 ANY=2 PURGE=1
 any_reply_in_order     | holds   | ASYNC=2 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS DIES
 any_reply_without_end  | holds   | ASYNC=1 ANY=1 DIES CLOSES LAST
 any_and_specific_reply | holds   | ASYNC=2 ANY=1 SPECIFIC=1 LAST
 specific_replies       | holds   | ASYNC=2 SPECIFIC=2 GRACEFUL=1
 specific_reply_lost    | holds   | ASYNC=1 SPECIFIC=1 TIMED=1 SILENT DIES CLOSES
+reply_left_queued      | holds   | ASYNC=1 SMALL=1 ANY=1 GRACEFUL=1 REFUSES
+reply_left_for_another | holds   | ASYNC=1 SMALL=1 ANY=1 SILENT QUIET
+async_unit_of_work     | holds   | ASYNC=1 UNITS ANY=1 PURGE=1
+async_unit_on_channel  | holds   | ASYNC=1 UNITS ANY=1 CHANNEL WRITE_FAILS LAST
 polled_replies         | holds   | ASYNC=2 SPECIFIC=2 POLL=1
 replies_not_overlooked | holds   | ASYNC=2 SPECIFIC=2 SILENT QUIET
 calls_of_both_kinds    | holds   | SYNC=1 ASYNC=1 SPECIFIC=1 PURGE=1
@@ -62,7 +70,8 @@ unasked_async_replies  | holds   | ASYNC=1 ANY=1 PURGE=1 UNASKED=1 WRITE_FAILS
 three_closers          | holds   | SYNC=1 GRACEFUL=1 PURGE=1 ALL=1
 two_closers_lost       | holds   | SYNC=1 GRACEFUL=1 ALL=1 DIES
 two_closers_replies    | holds   | ASYNC=1 SPECIFIC=1 PURGE=1 ALL=1
-opening                | holds   | OPENING ALL=1 DIES
+opening                | holds   | OPENING ALL=1 DIES ENDS_ITSELF NO_THREAD
+opening_fails          | holds   | OPENING ALL=1 NO_BUFFER NO_THREAD NOTHING_WRITTEN
 every_thread_gets_out  | fair    | ASYNC=1 SPECIFIC=1 PURGE=1 PINGS
 close_meets_late_call  | holds   | ASYNC=1 ANY=1 GRACEFUL=1
 goodbye_meets_collector | holds  | ASYNC=1 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS CLOSES
@@ -82,7 +91,9 @@ hang_close_flow_unanswered   | hangs | SYNC=1 PURGE=1 DEAF | Closer
 hang_call_unanswered         | hangs | SYNC=1 GRACEFUL=1 SILENT | Closer SyncCaller
 hang_reply_uncollected       | hangs | ASYNC=1 GRACEFUL=1 | Closer
 hang_goodbye_while_opening   | hangs | OPENING CLOSES | Opener
+hang_opening_without_buffer  | hangs | OPENING NO_BUFFER | Opener
 hang_gateway_stops_reading   | hangs | SYNC=1 PURGE=1 FULL | Closer SyncCaller
+hang_gateway_stops_in_reply  | hangs | SYNC=1 PURGE=1 HALF_REPLY | Closer SyncCaller
 
 break_state_after_send       | fails | SYNC=1 GRACEFUL=1 BREAK_STATE_AFTER_SEND | invalid end state
 break_armed_after_waiting    | fails | SYNC=1 GRACEFUL=1 BREAK_ARMED_AFTER_WAITING | invalid end state
@@ -93,33 +104,43 @@ break_end_not_told           | fails | ASYNC=1 ANY=1 DIES LAST BREAK_END_NOT_TOL
 break_withdrawal_not_told    | fails | ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN BREAK_WITHDRAWAL_NOT_TOLD | invalid end state
 break_collectors_not_released | fails | ASYNC=1 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS BREAK_COLLECTORS_NOT_RELEASED | invalid end state
 break_withdraws_any          | fails | ASYNC=1 ANY=1 PURGE=1 DIES BREAK_WITHDRAWS_WHAT_IS_NOT_OURS | assertion violated  !(ended[me])
-break_delivers_to_any_state  | fails | ASYNC=1 ANY=1 PURGE=1 UNASKED=1 BREAK_DELIVERS_TO_ANY_STATE | assertion violated  !(Q_has(replies
+break_withdraws_idle_unit    | fails | ASYNC=1 UNITS ANY=1 WRITE_FAILS LAST BREAK_WITHDRAWS_IN_ANY_STATE | assertion violated  !(ended[me])
+break_any_state_takes_outcome | fails | ASYNC=1 ANY=1 PURGE=1 UNASKED=1 BREAK_ANY_STATE_TAKES_AN_OUTCOME | assertion violated (slot[s].state==2)
 break_storage_given_up       | fails | SYNC=1 GRACEFUL=1 UNASKED=1 WRITE_FAILS BREAK_STORAGE_GIVEN_UP_WHILE_READ | assertion violated (slot[s].call==call)
+break_reader_not_woken       | fails | SYNC=1 UNASKED=1 NOTHING_WRITTEN HALF_REPLY BREAK_READER_NOT_WOKEN | invalid end state
+break_posted_before_outcome  | fails | SYNC=1 GRACEFUL=1 BREAK_POSTED_BEFORE_THE_OUTCOME | assertion violated ((slot[s].call==me)&&(slot[s].state==3))
+break_socket_not_shut_down   | fails | SYNC=1 FULL ENDS_ITSELF BREAK_SOCKET_NOT_SHUT_DOWN | invalid end state
 break_closes_under_senders   | fails | SYNC=1 GRACEFUL=1 DIES BREAK_CLOSES_UNDER_SENDERS | assertion violated descriptorOpen
-break_not_armed_again        | fails | SYNC=2 GRACEFUL=1 BREAK_CALLS_ENDED_NOT_ARMED_AGAIN | assertion violated (((requestCount==0)
+break_not_armed_again        | fails | SYNC=2 GRACEFUL=1 CIRCLES BREAK_CALLS_ENDED_NOT_ARMED_AGAIN | non-progress cycle
 break_late_calls_not_awaited | fails | SYNC=1 GRACEFUL=1 BREAK_LATE_CALLS_NOT_AWAITED | assertion violated (((requestCount==0)
 break_deleters_not_counted   | fails | SYNC=1 GRACEFUL=1 ALL=1 BREAK_DELETERS_NOT_COUNTED | assertion violated (((requestCount==0)
 break_gives_up_silently      | fails | ASYNC=1 GRACEFUL=1 ALL=1 BREAK_GIVES_UP_SILENTLY | invalid end state
-break_end_armed_late         | fails | OPENING DIES BREAK_END_ARMED_BY_THE_RECEIVER | assertion violated ( !(descriptorOpen)
+break_end_armed_late         | fails | OPENING DIES BREAK_END_ARMED_BY_THE_RECEIVER_ALONE | assertion violated ( !(descriptorOpen)
+break_no_end_without_thread  | fails | OPENING NO_THREAD BREAK_NO_END_WITHOUT_A_THREAD | invalid end state
+break_close_flow_anyway      | fails | OPENING NO_THREAD BREAK_CLOSE_FLOW_IN_ANY_STATE | assertion violated (tokenFreed||(deleteFailed&&lost))
+break_ended_stream_not_marked | fails | SYNC=1 PURGE=1 CHANNEL CHANGE_FAILS BREAK_ENDED_STREAM_NOT_MARKED | assertion violated  !(streamEnded)
+break_unlinked_without_room  | fails | ASYNC=1 SMALL=1 ANY=1 GRACEFUL=1 BREAK_UNLINKED_WITHOUT_ROOM | invalid end state
 break_channels_given_back_late | fails | SYNC=1 ASYNC=1 PURGE=1 CHANNEL BREAK_CHANNELS_GIVEN_BACK_LATE | invalid end state
 break_failed_sender_leaves | fails | ASYNC=1 PURGE=1 DIES CHANNEL BREAK_FAILED_SENDER_LEAVES_EARLY | assertion violated ((channelHolder==me)&&
 break_sent_while_closing     | fails | ASYNC=1 ANY=1 GRACEFUL=1 BREAK_SENT_WHILE_CLOSING | invalid end state
 break_closed_before_sweep    | fails | ASYNC=1 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS CLOSES BREAK_CLOSED_BEFORE_SWEEP | invalid end state
-break_delivered_while_sent   | fails | ASYNC=1 POLL=1 REFUSES CHANNEL BREAK_DELIVERED_WHILE_BEING_SENT | assertion violated (((channelHolder==
+break_changed_while_sent     | fails | SYNC=1 GRACEFUL=1 CHANNEL BREAK_CHANGED_WHILE_BEING_SENT | assertion violated (((channelHolder==call)
+break_settled_while_sent     | fails | ASYNC=1 POLL=1 REFUSES CHANNEL BREAK_SETTLED_WHILE_BEING_SENT | assertion violated  !(slot[id].channelBeingSent)
 break_receiver_waits         | fails | SYNC=2 PLAIN=1 REFUSES CHANNEL HALF_READ QUIET BREAK_RECEIVER_WAITS_FOR_SENDER | assertion violated ((q_len(replies)==0)&&
 break_aside_dropped          | fails | SYNC=1 GRACEFUL=1 CHANNEL BREAK_ASIDE_DROPPED | invalid end state
 break_aside_decided_early    | fails | SYNC=1 GRACEFUL=1 CHANNEL BREAK_ASIDE_DECIDED_WHEN_FOUND | invalid end state
 break_broken_flow_not_noted  | fails | SYNC=2 PLAIN=1 CHANNEL WRITE_FAILS LAST BREAK_BROKEN_FLOW_NOT_NOTED | assertion violated ((0>0)||(answered==call))
-break_broken_flow_of_async   | fails | SYNC=1 PLAIN=1 ASYNC=1 CHANNEL WRITE_FAILS LAST BREAK_BROKEN_FLOW_NOT_NOTED | assertion violated ((0>0)||(answered==call))
+break_broken_flow_of_async   | fails | SYNC=1 PLAIN=1 ASYNC=1 CHANNEL WRITE_FAILS LAST BREAK_BROKEN_FLOW_OF_ASYNC_NOT_NOTED | assertion violated ((0>0)||(answered==call))
 break_end_of_withdrawn       | fails | ASYNC=1 ANY=1 CHANNEL WRITE_FAILS DIES LAST BREAK_WITHDRAWAL_BEHIND_THE_END_NOT_TOLD | invalid end state
 break_pending_not_awaited    | fails | ASYNC=1 ANY=1 CHANNEL DIES LAST BREAK_PENDING_NOT_AWAITED | assertion violated (q_len(replies)==0)
-break_pending_takes_another  | fails | SYNC=1 PURGE=1 CHANNEL DIES BREAK_PENDING_TAKES_ANOTHER | assertion violated (slot[s].state==2)
+break_pending_takes_another  | fails | SYNC=1 PURGE=1 CHANNEL DIES BREAK_PENDING_TAKES_ANOTHER | assertion violated ((slot[s].state==2)&&(slot[s].outcomePending==0))
+break_pending_of_any_use     | fails | ASYNC=1 UNITS ANY=1 CHANNEL LAST BREAK_PENDING_OF_ANY_USE | assertion violated (((channelHolder==me)
 break_mark_stays             | fails | SYNC=1 PURGE=1 CHANNEL BREAK_MARK_STAYS | invalid end state
 break_leaves_before_delivery | fails | ASYNC=1 PURGE=1 CHANNEL BREAK_LEAVES_BEFORE_DELIVERING | assertion violated ( !(slot[calls].channelBeingSent)&&(slot[calls].outcomePending==0))
 list_break_opening_visible   | fails | SAME OPEN=1 OWNERS=1 ROUNDS=2 NAMERS=1 BREAK_OPENING_VISIBLE | assertion violated ((record[token].memory==
 list_break_mark_and_count    | fails | OPEN=1 OPENERS=1 NAMERS=1 ALL=1 RESTING=0 BREAK_MARK_AND_COUNT_APART | assertion violated ((record[token].memory==
 list_break_read_twice        | fails | SAME OPEN=1 OWNERS=1 NAMERS=1 BREAK_VARIABLE_READ_TWICE | assertion violated ((record[token].memory==
-list_break_walk_skips        | fails | OPEN=3 OWNERS=2 ALL=1 RESTING=0 BREAK_WALK_BY_ADDRESS | assertion violated ((((record[i].memory!=
+list_break_walk_by_address   | fails | OPEN=3 OWNERS=2 ALL=1 RESTING=0 BREAK_WALK_BY_ADDRESS | assertion violated (serial<=lastMeant)
 list_break_walk_leaves_failed | fails | OPEN=3 NAMERS=2 ALL=1 CLOSE_FAILS BREAK_WALK_BY_ADDRESS | assertion violated ((((record[i].memory!=
 list_break_walk_without_end  | fails | OPEN=2 OPENERS=2 ALL=1 BREAK_WALK_WITHOUT_END | assertion violated (serial<=lastMeant)
 list_break_walk_ends_early   | fails | OPEN=2 OPENERS=1 ALL=1 BREAK_WALK_ENDS_EARLY | assertion violated ((((record[i].memory!=
@@ -197,7 +218,7 @@ verify() {
         compile+=(-DNFAIR=3)
         search+=(-a)
         is_on UNFAIR || search+=(-f)
-    elif [[ $KIND == acyclic ]]; then
+    elif [[ $KIND == acyclic ]] || is_on CIRCLES; then
         compile+=(-DNP)
         search+=(-l)
     else

@@ -442,9 +442,7 @@ inline visitNext()
     if
     :: token != NOWHERE ->
        serial = record[token].serial;
-#ifndef BREAK_WALK_BY_ADDRESS
        assert(serial <= lastMeant); /* what is opened later is not this walk's to close */
-#endif
        visit();
 #ifdef BREAK_WALK_BY_ADDRESS
        rememberSuccessor();

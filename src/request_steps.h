@@ -58,6 +58,22 @@ struct OutgoingRequest {
     void giveSlotBack() { slotFree(&gwTok->table, slotP); }
 };
 
+/* Takes one step with a lock held. The parameters are the lines of a lock that cannot be taken, or
+ * not be given up. */
+template <const TracePoint& noLock, const TracePoint& notUnlocked, typename Step>
+int withLock(Clapilock& lock, Step step)
+{
+    LockGuard guard(lock);
+    if (!guard.held()) {
+        TRACE(noLock);
+        return QPX_ERR_SYSTEM_ERROR;
+    }
+    int rc = step();
+    if (guard.release() == 0) return rc;
+    TRACE(notUnlocked);
+    return firstFailure(rc, QPX_ERR_SYSTEM_ERROR);
+}
+
 /* Locks: tableLock held. */
 template <typename Request>
 int takeRequestSlot(Request* request)
@@ -82,17 +98,8 @@ int obtainRequestSlot(Request* request)
 {
     using Lines = typename Request::Lines;
 
-    LockGuard table(request->gwTok->tableLock);
-    if (!table.held()) {
-        TRACE(Lines::noLock);
-        return QPX_ERR_SYSTEM_ERROR;
-    }
-    int rc = takeRequestSlot(request);
-    if (table.release() != 0) {
-        TRACE(Lines::notUnlocked);
-        rc = firstFailure(rc, QPX_ERR_SYSTEM_ERROR);
-    }
-    return rc;
+    auto take = [&] { return takeRequestSlot(request); };
+    return withLock<Lines::noLock, Lines::notUnlocked>(request->gwTok->tableLock, take);
 }
 
 template <typename Request>
@@ -115,19 +122,14 @@ int beginRequest(Request* request, bool* begun)
 {
     using Lines = typename Request::Lines;
 
-    LockGuard table(request->gwTok->tableLock);
-    if (!table.held()) {
-        TRACE(Lines::noLockToBegin);
-        return QPX_ERR_SYSTEM_ERROR;
-    }
-    *begun = clapiBeginSending(request->gwTok, request->slotP);
-    int rc = *begun ? QPX_OK : request->refusal();
-    if (*begun) request->traceBegun();
-    if (table.release() != 0) {
-        TRACE(Lines::notUnlockedToBegin);
-        rc = firstFailure(rc, QPX_ERR_SYSTEM_ERROR);
-    }
-    return rc;
+    auto begin = [&] {
+        *begun = clapiBeginSending(request->gwTok, request->slotP);
+        if (!*begun) return request->refusal();
+        request->traceBegun();
+        return QPX_OK;
+    };
+    return withLock<Lines::noLockToBegin, Lines::notUnlockedToBegin>(request->gwTok->tableLock,
+                                                                     begin);
 }
 
 /* Sends the flow. The socket of a connection that has ended may be another's by now, and that one
@@ -138,17 +140,8 @@ int writeRequest(Request* request, bool begun)
     using Lines = typename Request::Lines;
 
     Socket socketDescriptor = begun ? request->gwTok->socketDescriptor.load() : NO_SOCKET;
-    LockGuard sending(request->gwTok->sendLock);
-    if (!sending.held()) {
-        TRACE(Lines::noSendLock);
-        return QPX_ERR_SYSTEM_ERROR;
-    }
-    int rc = request->write(socketDescriptor);
-    if (sending.release() != 0) {
-        TRACE(Lines::sendLockStays);
-        rc = firstFailure(rc, QPX_ERR_SYSTEM_ERROR);
-    }
-    return rc;
+    auto write = [&] { return request->write(socketDescriptor); };
+    return withLock<Lines::noSendLock, Lines::sendLockStays>(request->gwTok->sendLock, write);
 }
 
 /* Once it has begun, the slot is also the receiver's, and that of an asynchronous request any
@@ -188,16 +181,13 @@ int releaseRequestSlot(Request* request)
 {
     using Lines = typename Request::Lines;
 
-    LockGuard table(request->gwTok->tableLock);
-    if (!table.held()) {
-        TRACE(Lines::noLockToFree);
-        return QPX_ERR_SYSTEM_ERROR;
-    }
-    request->giveSlotBack();
-    request->slotP = nullptr;
-    if (table.release() == 0) return QPX_OK;
-    TRACE(Lines::notUnlockedAfterFree);
-    return QPX_ERR_SYSTEM_ERROR;
+    auto giveBack = [&] {
+        request->giveSlotBack();
+        request->slotP = nullptr;
+        return QPX_OK;
+    };
+    return withLock<Lines::noLockToFree, Lines::notUnlockedAfterFree>(request->gwTok->tableLock,
+                                                                      giveBack);
 }
 
 #endif

@@ -1,5 +1,5 @@
-# The table of faults compiles as it is, and does not once a row is missing: for a fault that is new,
-# for one whose row is taken out, or for one whose row has lost its name or its sentence.
+# The table of faults compiles as it is, and does not once a row is missing: for a fault that is
+# new, for one whose row is taken out, or for one whose row has lost its name or its sentence.
 
 cmake_minimum_required(VERSION 3.25)
 

@@ -31,7 +31,7 @@ using support::text;
 
 namespace {
 
-// ---- The calls -----------------------------------------------------------------------------------
+// ---- The calls ----------------------------------------------------------------------------------
 
 // Answers of a server that sells things.
 standin::EciReply answerPrice(const standin::EciRequest& request)
@@ -193,7 +193,7 @@ Flows flowsOfCalls()
     return flows;
 }
 
-// ---- The document --------------------------------------------------------------------------------
+// ---- The document -------------------------------------------------------------------------------
 
 struct Row {
     std::size_t offset;
@@ -255,7 +255,7 @@ std::map<std::string, Section> sectionsOf(const char* path)
     return sections;
 }
 
-// ---- One against the other -----------------------------------------------------------------------
+// ---- One against the other ----------------------------------------------------------------------
 
 // 16 bytes to a line: where they stand in the flow, their digits, their letters.
 std::string dumpOf(const Bytes& flow)

@@ -26,8 +26,8 @@ blocks() {
                                print heading "-" ++number, kind, ""; next }
         /^```/               { kind = ""; next }
         kind != ""           { print heading "-" number, kind, $0; next }
-        /^#/                 { heading = $0; sub(/^#+ */, "", heading); gsub(/[^A-Za-z]/, "_", heading)
-                               number = 0 }
+        /^#/                 { heading = $0; sub(/^#+ */, "", heading)
+                               gsub(/[^A-Za-z]/, "_", heading); number = 0 }
     ' "$SOURCE/README.md"
 }
 
@@ -54,8 +54,8 @@ clean_up() {
 # A copy of the tree, in which the build stands where ./demo puts its own.
 copy_tree() {
     mkdir -p "$FOLDER/tree/build" "$FOLDER/temporary"
-    cp -r "$SOURCE"/{CMakeLists.txt,CMakePresets.json,cmake,examples,gateway,include,src,tools} \
-        "$FOLDER/tree"
+    cp -r "$SOURCE"/{CMakeLists.txt,CMakePresets.json,cmake,include,src,gateway,tools} \
+        "$SOURCE"/{demo-programs,examples} "$FOLDER/tree"
     ln -s "$BUILD" "$FOLDER/tree/build/demo"
 }
 
@@ -67,8 +67,9 @@ run_commands() {
     copy_tree
     { lines_of_block && printf 'touch "%s"\n' "$FOLDER/end"; } >"$FOLDER/commands"
     set -m
-    (cd "$FOLDER/tree" && TMPDIR=$FOLDER/temporary DESTDIR=$FOLDER/installed CMAKE_BUILD_TYPE=Debug \
-        exec bash -e -o pipefail -s) <"$FOLDER/commands" &
+    (cd "$FOLDER/tree" &&
+        TMPDIR=$FOLDER/temporary DESTDIR=$FOLDER/installed CMAKE_BUILD_TYPE=Debug \
+            exec bash -e -o pipefail -s) <"$FOLDER/commands" &
     SHELL_OF_BLOCK=$!
     set +m
     wait "$SHELL_OF_BLOCK" || code=$?
@@ -102,7 +103,8 @@ check_commands() {
 
     commands=$(lines_of_block | grep -vE '^ *(#|$)')
     if grep -qE "$NOT_RUN" <<<"$commands"; then
-        ! grep -vE "$NOT_RUN" <<<"$commands" || fail "holds more than what is not run from within tests"
+        ! grep -vE "$NOT_RUN" <<<"$commands" ||
+            fail "holds more than what is not run from within tests"
         check_names <<<"$commands"
     else
         run_commands

@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Runs one case of the scripts' tests: run.sh CASE SOURCE, with the folder of the tree. CMakeLists.txt
-# names the cases; each is a function below.
+# Runs one case of the scripts' tests: run.sh CASE SOURCE, with the folder of the tree.
+# CMakeLists.txt names the cases; each is a function below.
 set -euo pipefail
 
 CASE=$1 SOURCE=$2

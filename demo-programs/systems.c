@@ -1,51 +1,23 @@
 /* systems.c - lists the servers that a Gateway knows, however many there are. */
-#include <getopt.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 
-#include "qpxclient.h"
-
-/* Exit codes. */
-#define EXIT_OK     0 /* all servers are listed, even if there are none */
-#define EXIT_FAILED 1 /* the connection or the call failed */
-#define EXIT_USAGE  2 /* the arguments are wrong */
+#include "options.h"
 
 /* What an unsigned short can count. */
 #define MOST_SYSTEMS 65535
 
+const char program_name[] = "systems";
+
 struct options {
-    char* host;
-    int port;
+    struct target target;
     int room; /* for so many servers at first */
-    int timeout;
 };
 
 struct systems {
     QPX_listSystem_t* at; /* owned */
     int count;
 };
-
-/* ---- Messages ------------------------------------------------------------------------------ */
-
-static void complain(const char* format, ...)
-{
-    va_list arguments;
-
-    fflush(stdout);
-    fputs("systems: ", stderr);
-    va_start(arguments, format);
-    vfprintf(stderr, format, arguments);
-    va_end(arguments);
-    fputc('\n', stderr);
-}
-
-static void complain_of_rc(const char* what, int rc)
-{
-    char name[QPX_RC_STRING_SIZE];
-
-    complain("%s: %s (%d)", what, QPX_getRcString(rc, name), rc);
-}
 
 /* ---- The list ------------------------------------------------------------------------------- */
 
@@ -108,25 +80,17 @@ static int show_systems(QPX_ConnToken_t gateway, int room)
 static int run(const struct options* options)
 {
     QPX_ConnToken_t gateway = NULL;
-    int rc = QPX_openRemoteGatewayConnection(options->host, options->port, &gateway,
-                                             options->timeout);
     int result;
 
-    if (rc != QPX_OK) {
-        complain("cannot connect to a Gateway at %s:%d", options->host, options->port);
-        complain_of_rc("open", rc);
-        return EXIT_FAILED;
-    }
+    if (!open_gateway(&options->target, &gateway)) return EXIT_FAILED;
     result = show_systems(gateway, options->room);
-    rc = QPX_closeGatewayConnection(&gateway);
-    if (rc == QPX_OK) return result;
-    complain_of_rc("close", rc);
-    return EXIT_FAILED;
+    if (close_gateway(&gateway)) return result;
+    return result == EXIT_OK ? EXIT_FAILED : result;
 }
 
 /* ---- Arguments ------------------------------------------------------------------------------ */
 
-static void print_help(void)
+void print_help(void)
 {
     printf("Lists the servers that a Gateway knows, with their descriptions.\n"
            "\n"
@@ -147,65 +111,34 @@ static void print_help(void)
            "  systems --port 5770\n");
 }
 
-static int usage(const char* problem, const char* what)
-{
-    complain("%s%s; \"systems --help\" shows what there is", problem, what);
-    return EXIT_USAGE;
-}
-
-/* A whole number of the range; 0 if the text is none. */
-static int parse_number(const char* text, long least, long most, int* number)
-{
-    char* end = NULL;
-    long value = strtol(text, &end, 10);
-
-    if (end == text || *end != '\0' || value < least || value > most) return 0;
-    *number = (int)value;
-    return 1;
-}
-
 /* Fills the options; -1 to go on, otherwise the exit code to end with. */
 static int parse_arguments(int argc, char** argv, struct options* options)
 {
-    enum { HOST = 1, PORT, ROOM, TIMEOUT, HELP };
+    enum { ROOM = OWN_OPTIONS };
     static const struct option known[] = {
-        {"host", required_argument, NULL, HOST}, {"port", required_argument, NULL, PORT},
-        {"room", required_argument, NULL, ROOM}, {"timeout", required_argument, NULL, TIMEOUT},
-        {"help", no_argument, NULL, HELP},       {NULL, 0, NULL, 0},
+        WHERE_OPTIONS,
+        {"room", required_argument, NULL, ROOM},
+        {NULL, 0, NULL, 0},
     };
     int choice;
+    int result;
 
     opterr = 0;
     while ((choice = getopt_long(argc, argv, "", known, NULL)) != -1) {
         switch (choice) {
-        case HOST: options->host = optarg; break;
-        case PORT:
-            if (!parse_number(optarg, 1, 65535, &options->port))
-                return usage("a port is a number from 1 to 65535, not ", optarg);
-            break;
         case ROOM:
             if (!parse_number(optarg, 1, MOST_SYSTEMS, &options->room))
                 return usage("room is a number from 1 to 65535, not ", optarg);
             break;
-        case TIMEOUT:
-            if (!parse_number(optarg, 0, 3600, &options->timeout))
-                return usage("a time-out is a number of seconds from 0 to 3600, not ", optarg);
-            break;
-        case HELP: print_help(); return EXIT_OK;
-        default: return usage("unknown or incomplete option ", argv[optind - 1]);
+        default:
+            result = take_option(choice, argv[optind - 1], &options->target);
+            if (result != -1) return result;
         }
     }
-    if (options->port == 0) return usage("--port is missing", "");
+    result = check_target(&options->target);
+    if (result != -1) return result;
     if (optind < argc) return usage("an argument too many: ", argv[optind]);
     return -1;
-}
-
-/* What cannot be written is a failure, however well everything else went. */
-static int end_with(int result)
-{
-    if (fflush(stdout) == 0 && !ferror(stdout)) return result;
-    complain("cannot write to standard output");
-    return result == EXIT_OK ? EXIT_FAILED : result;
 }
 
 int main(int argc, char** argv)
@@ -213,9 +146,9 @@ int main(int argc, char** argv)
     struct options options = {0};
     int result;
 
-    options.host = "127.0.0.1";
+    options.target.host = "127.0.0.1";
     options.room = 16;
-    options.timeout = 30;
+    options.target.timeout = 30;
 
     result = parse_arguments(argc, argv, &options);
     return end_with(result != -1 ? result : run(&options));

@@ -19,19 +19,14 @@
  *
  * Lines that begin with '#' are comments.
  */
-#include <getopt.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include "qpxclient.h"
+#include "options.h"
 #include "qpxclient_eci.h"
 
-/* Exit codes. */
-#define EXIT_OK       0 /* everything was posted or backed out, and the books agree */
-#define EXIT_FAILED   1 /* a file or a call failed; what was posted is told */
-#define EXIT_USAGE    2 /* the arguments are wrong */
+/* The exit code that only this program has. */
 #define EXIT_MISMATCH 3 /* the balances are not what was posted */
 
 /* ---- The COMMAREA of LEDGER: 80 characters ------------------------------------------------ */
@@ -119,37 +114,19 @@ struct accounts {
     size_t room;
 };
 
+const char program_name[] = "ledger";
+
 struct options {
-    char* host;
-    int port;
-    char* applid;
-    char* server;
-    const char* program;
-    char* user;
+    struct target target;
     char* password;
-    int timeout;
     int total_only;
     int verbose;
     int progress;
     const char* file;
 };
 
-/* ---- Messages ------------------------------------------------------------------------------ */
-
-static void complain(const char* format, ...)
-{
-    va_list arguments;
-
-    fflush(stdout);
-    fputs("ledger: ", stderr);
-    va_start(arguments, format);
-    vfprintf(stderr, format, arguments);
-    va_end(arguments);
-    fputc('\n', stderr);
-}
-
 /* Names a return code, with the abend code if the server program abended. */
-static void complain_of_rc(const char* what, int rc, const char* abend_code)
+static void complain_of_call(const char* what, int rc, const char* abend_code)
 {
     char name[QPX_RC_STRING_SIZE];
 
@@ -306,40 +283,6 @@ struct session {
     char abend_code[4];      /* of the last call */
 };
 
-static int open_session(struct session* session)
-{
-    const struct options* options = session->options;
-    char qualifier[] = "";
-    int rc = QPX_openRemoteGatewayConnectionApplid(options->host, options->port, &session->gateway,
-                                                   options->timeout, options->applid, qualifier);
-
-    if (rc == QPX_OK) return 1;
-    complain("cannot connect to a Gateway at %s:%d", options->host, options->port);
-    complain_of_rc("open", rc, session->abend_code);
-    return 0;
-}
-
-static int close_session(struct session* session)
-{
-    int rc;
-
-    if (session->gateway == NULL) return 1;
-    rc = QPX_closeGatewayConnection(&session->gateway);
-    session->gateway = NULL;
-    if (rc == QPX_OK) return 1;
-    complain_of_rc("close", rc, session->abend_code);
-    return 0;
-}
-
-/* Fills a field of fixed width from a text, padded with blanks. */
-static void fill(char* field, size_t width, const char* text)
-{
-    size_t length = strlen(text);
-
-    memset(field, ' ', width);
-    memcpy(field, text, length < width ? length : width);
-}
-
 /*
  * Calls LEDGER. extend_mode and *luw_token say which unit of work the call belongs to; a commit
  * and a back-out carry no data, so their area is NULL.
@@ -352,9 +295,9 @@ static int call_ledger(struct session* session, short extend_mode, int* luw_toke
     memset(&parms, 0, sizeof parms);
     parms.eci_version = ECI_VERSION_6;
     parms.eci_call_type = ECI_SYNC;
-    fill(parms.eci_program_name, sizeof parms.eci_program_name, session->options->program);
-    fill(parms.eci_system_name, sizeof parms.eci_system_name, session->options->server);
-    parms.eci_userid_ptr = session->options->user;
+    fill(parms.eci_program_name, sizeof parms.eci_program_name, session->options->target.program);
+    fill(parms.eci_system_name, sizeof parms.eci_system_name, session->options->target.server);
+    parms.eci_userid_ptr = session->options->target.user;
     parms.eci_password_ptr = session->options->password;
     parms.eci_extend_mode = extend_mode;
     parms.eci_luw_token = *luw_token;
@@ -408,7 +351,7 @@ static int query_account(struct session* session, const char* name, int* known, 
     prepare_area(area, LEDGER_QUERY, name, NULL);
     rc = call_ledger(session, ECI_NO_EXTEND, &no_unit, area);
     if (rc != ECI_NO_ERROR) {
-        complain_of_rc("query of a balance", rc, session->abend_code);
+        complain_of_call("query of a balance", rc, session->abend_code);
         return 0;
     }
     *known = outcome_of(area) == POSTED;
@@ -429,7 +372,7 @@ static int query_total(struct session* session, long long* total, long long* acc
     prepare_area(area, LEDGER_TOTAL, NULL, NULL);
     rc = call_ledger(session, ECI_NO_EXTEND, &no_unit, area);
     if (rc != ECI_NO_ERROR) {
-        complain_of_rc("query of the total", rc, session->abend_code);
+        complain_of_call("query of the total", rc, session->abend_code);
         return 0;
     }
     if (!parse_cents(area + LEDGER_BALANCE, LEDGER_BALANCE_SIZE, total) ||
@@ -450,7 +393,7 @@ static void complain_of_transfer(struct session* session, const struct transfer*
 
     snprintf(what, sizeof what, "line %d, %.*s: %s", transfer->line, REFERENCE_SIZE,
              transfer->record, step);
-    complain_of_rc(what, rc, session->abend_code);
+    complain_of_call(what, rc, session->abend_code);
 }
 
 /* Debits or credits one account within a unit of work, which the first call opens. */
@@ -537,8 +480,8 @@ static void show_progress(const struct options* options, size_t done, size_t cou
  */
 static int renew_connection(struct session* session)
 {
-    close_session(session);
-    if (!open_session(session)) return 0;
+    close_gateway(&session->gateway);
+    if (!open_gateway(&session->options->target, &session->gateway)) return 0;
     complain("going on over a new connection");
     return 1;
 }
@@ -691,8 +634,8 @@ static int show_ledger(struct session* session, long long* total)
     long long accounts = 0;
 
     if (!query_total(session, total, &accounts)) return 0;
-    printf("Ledger at %s:%d: %lld accounts, total %s\n", session->options->host,
-           session->options->port, accounts, money(*total, text));
+    printf("Ledger at %s:%d: %lld accounts, total %s\n", session->options->target.host,
+           session->options->target.port, accounts, money(*total, text));
     return 1;
 }
 
@@ -733,12 +676,12 @@ static int run_session(const struct options* options, struct transfers* transfer
     long long total = 0;
     int result;
 
-    if (!open_session(&session)) return EXIT_FAILED;
+    if (!open_gateway(&session.options->target, &session.gateway)) return EXIT_FAILED;
     if (options->total_only)
         result = show_ledger(&session, &total) ? EXIT_OK : EXIT_FAILED;
     else
         result = run_file(&session, transfers, accounts);
-    if (!close_session(&session) && result == EXIT_OK) result = EXIT_FAILED;
+    if (!close_gateway(&session.gateway) && result == EXIT_OK) result = EXIT_FAILED;
     return result;
 }
 
@@ -759,7 +702,7 @@ static int run(const struct options* options)
 
 /* ---- Arguments ------------------------------------------------------------------------------ */
 
-static void print_help(void)
+void print_help(void)
 {
     printf("Posts a file of transfers through a Gateway, each as one unit of work.\n"
            "\n"
@@ -790,69 +733,34 @@ static void print_help(void)
            "  QPX_CLIENT_TRACE_LEVEL=3 ledger --port 5770 --total\n");
 }
 
-static int usage(const char* problem, const char* what)
-{
-    complain("%s%s; \"ledger --help\" shows what there is", problem, what);
-    return EXIT_USAGE;
-}
-
-/* A whole number from 0 to the limit; 0 if the text is none. */
-static int parse_number(const char* text, long limit, int* number)
-{
-    char* end = NULL;
-    long value = strtol(text, &end, 10);
-
-    if (end == text || *end != '\0' || value < 0 || value > limit) return 0;
-    *number = (int)value;
-    return 1;
-}
-
 /* Fills the options; -1 to go on, otherwise the exit code to end with. */
 static int parse_arguments(int argc, char** argv, struct options* options)
 {
-    enum { HOST = 1, PORT, APPLID, SERVER, PROGRAM, USER, TIMEOUT, TOTAL, VERBOSE, PROGRESS, HELP };
+    enum { TOTAL = OWN_OPTIONS, VERBOSE, PROGRESS };
     static const struct option known[] = {
-        {"host", required_argument, NULL, HOST},
-        {"port", required_argument, NULL, PORT},
-        {"applid", required_argument, NULL, APPLID},
-        {"server", required_argument, NULL, SERVER},
-        {"program", required_argument, NULL, PROGRAM},
-        {"user", required_argument, NULL, USER},
-        {"timeout", required_argument, NULL, TIMEOUT},
+        WHERE_OPTIONS,
+        CALL_OPTIONS,
         {"total", no_argument, NULL, TOTAL},
         {"verbose", no_argument, NULL, VERBOSE},
         {"progress", no_argument, NULL, PROGRESS},
-        {"help", no_argument, NULL, HELP},
         {NULL, 0, NULL, 0},
     };
     int choice;
+    int result;
 
     opterr = 0;
     while ((choice = getopt_long(argc, argv, "", known, NULL)) != -1) {
         switch (choice) {
-        case HOST: options->host = optarg; break;
-        case PORT:
-            if (!parse_number(optarg, 65535, &options->port) || options->port == 0)
-                return usage("a port is a number from 1 to 65535, not ", optarg);
-            break;
-        case APPLID: options->applid = optarg; break;
-        case SERVER: options->server = optarg; break;
-        case PROGRAM: options->program = optarg; break;
-        case USER: options->user = optarg; break;
-        case TIMEOUT:
-            if (!parse_number(optarg, 3600, &options->timeout))
-                return usage("a time-out is a number of seconds from 0 to 3600, not ", optarg);
-            break;
         case TOTAL: options->total_only = 1; break;
         case VERBOSE: options->verbose = 1; break;
         case PROGRESS: options->progress = 1; break;
-        case HELP: print_help(); return EXIT_OK;
-        default: return usage("unknown or incomplete option ", argv[optind - 1]);
+        default:
+            result = take_option(choice, argv[optind - 1], &options->target);
+            if (result != -1) return result;
         }
     }
-    if (options->port == 0) return usage("--port is missing", "");
-    if (strlen(options->server) > 8) return usage("longer than 8 characters: ", options->server);
-    if (strlen(options->program) > 8) return usage("longer than 8 characters: ", options->program);
+    result = check_target(&options->target);
+    if (result != -1) return result;
     if (options->total_only) {
         if (optind < argc) return usage("--total takes no file: ", argv[optind]);
         return -1;
@@ -863,24 +771,16 @@ static int parse_arguments(int argc, char** argv, struct options* options)
     return -1;
 }
 
-/* What cannot be written is a failure, however well everything else went. */
-static int end_with(int result)
-{
-    if (fflush(stdout) == 0 && !ferror(stdout)) return result;
-    complain("cannot write to standard output");
-    return result == EXIT_OK ? EXIT_FAILED : result;
-}
-
 int main(int argc, char** argv)
 {
     struct options options = {0};
     int result;
 
-    options.host = "127.0.0.1";
-    options.applid = "";
-    options.server = "";
-    options.program = "LEDGER";
-    options.timeout = 30;
+    options.target.host = "127.0.0.1";
+    options.target.applid = "";
+    options.target.server = "";
+    options.target.program = "LEDGER";
+    options.target.timeout = 30;
     options.password = getenv("LEDGER_PASSWORD");
 
     result = parse_arguments(argc, argv, &options);

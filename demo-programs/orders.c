@@ -20,19 +20,14 @@
  *
  * Lines that begin with '#' are comments.
  */
-#include <getopt.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include "qpxclient.h"
+#include "options.h"
 #include "qpxclient_eci.h"
 
-/* Exit codes. */
-#define EXIT_OK      0 /* the order was priced */
-#define EXIT_FAILED  1 /* a file or a call failed */
-#define EXIT_USAGE   2 /* the arguments are wrong */
+/* The exit code that only this program has. */
 #define EXIT_REFUSED 3 /* the order was refused */
 
 /* ---- The channel of ORDERS ------------------------------------------------------------------ */
@@ -65,40 +60,15 @@ struct order {
     struct buffer lines;
 };
 
+const char program_name[] = "orders";
+
 struct options {
-    char* host;
-    int port;
-    char* applid;
-    char* server;
-    const char* program;
-    char* user;
+    struct target target;
     char* password;
-    int timeout;
     int ccsid;
     int verbose;
     const char* file;
 };
-
-/* ---- Messages -------------------------------------------------------------------------------- */
-
-static void complain(const char* format, ...)
-{
-    va_list arguments;
-
-    fflush(stdout);
-    fputs("orders: ", stderr);
-    va_start(arguments, format);
-    vfprintf(stderr, format, arguments);
-    va_end(arguments);
-    fputc('\n', stderr);
-}
-
-static void complain_of_rc(const char* what, int rc)
-{
-    char name[QPX_RC_STRING_SIZE];
-
-    complain("%s: %s (%d)", what, QPX_getRcString(rc, name), rc);
-}
 
 /* The same for a call that belongs to a container. */
 static void complain_of_container(const char* what, const char* container, int rc)
@@ -289,45 +259,14 @@ static int delete_channel(ECI_ChannelToken_t* channel)
     return 0;
 }
 
-/* ---- The call -------------------------------------------------------------------------------- */
-
-static int open_gateway(const struct options* options, QPX_ConnToken_t* gateway)
-{
-    char qualifier[] = "";
-    int rc = QPX_openRemoteGatewayConnectionApplid(options->host, options->port, gateway,
-                                                   options->timeout, options->applid, qualifier);
-
-    if (rc == QPX_OK) return 1;
-    complain("cannot connect to a Gateway at %s:%d", options->host, options->port);
-    complain_of_rc("open", rc);
-    return 0;
-}
-
-static int close_gateway(QPX_ConnToken_t gateway)
-{
-    int rc = QPX_closeGatewayConnection(&gateway);
-
-    if (rc == QPX_OK) return 1;
-    complain_of_rc("close", rc);
-    return 0;
-}
-
-/* Fills a field of fixed width from a text, padded with blanks. */
-static void fill(char* field, size_t width, const char* text)
-{
-    size_t length = strlen(text);
-
-    memset(field, ' ', width);
-    memcpy(field, text, length < width ? length : width);
-}
-
 /* Names what became of the call, and says what can be done about it. */
 static void complain_of_call(const struct options* options, int rc, const char* abend_code)
 {
     complain_of_rc("call", rc);
     switch (rc) {
     case ECI_ERR_TRANSACTION_ABEND:
-        complain("program %s ended abnormally, abend code %.4s", options->program, abend_code);
+        complain("program %s ended abnormally, abend code %.4s", options->target.program,
+                 abend_code);
         break;
     case ECI_ERR_SECURITY_ERROR:
         complain("give a user with --user, and the password in ORDERS_PASSWORD");
@@ -352,9 +291,9 @@ static int call_orders(const struct options* options, QPX_ConnToken_t gateway,
     memset(&parms, 0, sizeof parms);
     parms.eci_version = ECI_VERSION_6;
     parms.eci_call_type = ECI_SYNC;
-    fill(parms.eci_program_name, sizeof parms.eci_program_name, options->program);
-    fill(parms.eci_system_name, sizeof parms.eci_system_name, options->server);
-    parms.eci_userid_ptr = options->user;
+    fill(parms.eci_program_name, sizeof parms.eci_program_name, options->target.program);
+    fill(parms.eci_system_name, sizeof parms.eci_system_name, options->target.server);
+    parms.eci_userid_ptr = options->target.user;
     parms.eci_password_ptr = options->password;
     parms.channel = channel; /* in place of a COMMAREA */
 
@@ -451,10 +390,10 @@ static int send_channel(const struct options* options, ECI_ChannelToken_t channe
     QPX_ConnToken_t gateway = NULL;
     int called;
 
-    if (!open_gateway(options, &gateway)) return EXIT_FAILED;
+    if (!open_gateway(&options->target, &gateway)) return EXIT_FAILED;
     called = call_orders(options, gateway, channel);
     /* What has come back is in the channel, and needs no connection any more. */
-    if (!close_gateway(gateway) || !called) return EXIT_FAILED;
+    if (!close_gateway(&gateway) || !called) return EXIT_FAILED;
     return show_reply(channel, options->verbose);
 }
 
@@ -474,7 +413,7 @@ static int run(const struct options* options)
 
 /* ---- Arguments ------------------------------------------------------------------------------- */
 
-static void print_help(void)
+void print_help(void)
 {
     printf("Has an order priced by a server program that works on a channel.\n"
            "\n"
@@ -507,82 +446,39 @@ static void print_help(void)
            "  QPX_CLIENT_TRACE_LEVEL=2 orders --port 5770 data/order-wrong.txt\n");
 }
 
-static int usage(const char* problem, const char* what)
-{
-    complain("%s%s; \"orders --help\" shows what there is", problem, what);
-    return EXIT_USAGE;
-}
-
-/* A whole number from 0 to the limit; 0 if the text is none. */
-static int parse_number(const char* text, long limit, int* number)
-{
-    char* end = NULL;
-    long value = strtol(text, &end, 10);
-
-    if (end == text || *end != '\0' || value < 0 || value > limit) return 0;
-    *number = (int)value;
-    return 1;
-}
-
 /* Fills the options; -1 to go on, otherwise the exit code to end with. */
 static int parse_arguments(int argc, char** argv, struct options* options)
 {
-    enum { HOST = 1, PORT, APPLID, SERVER, PROGRAM, USER, TIMEOUT, CCSID, VERBOSE, HELP };
+    enum { CCSID = OWN_OPTIONS, VERBOSE };
     static const struct option known[] = {
-        {"host", required_argument, NULL, HOST},
-        {"port", required_argument, NULL, PORT},
-        {"applid", required_argument, NULL, APPLID},
-        {"server", required_argument, NULL, SERVER},
-        {"program", required_argument, NULL, PROGRAM},
-        {"user", required_argument, NULL, USER},
-        {"timeout", required_argument, NULL, TIMEOUT},
+        WHERE_OPTIONS,
+        CALL_OPTIONS,
         {"ccsid", required_argument, NULL, CCSID},
         {"verbose", no_argument, NULL, VERBOSE},
-        {"help", no_argument, NULL, HELP},
         {NULL, 0, NULL, 0},
     };
     int choice;
+    int result;
 
     opterr = 0;
     while ((choice = getopt_long(argc, argv, "", known, NULL)) != -1) {
         switch (choice) {
-        case HOST: options->host = optarg; break;
-        case PORT:
-            if (!parse_number(optarg, 65535, &options->port) || options->port == 0)
-                return usage("a port is a number from 1 to 65535, not ", optarg);
-            break;
-        case APPLID: options->applid = optarg; break;
-        case SERVER: options->server = optarg; break;
-        case PROGRAM: options->program = optarg; break;
-        case USER: options->user = optarg; break;
-        case TIMEOUT:
-            if (!parse_number(optarg, 3600, &options->timeout))
-                return usage("a time-out is a number of seconds from 0 to 3600, not ", optarg);
-            break;
         case CCSID:
-            if (!parse_number(optarg, 65535, &options->ccsid))
+            if (!parse_number(optarg, 0, 65535, &options->ccsid))
                 return usage("a CCSID is a number from 0 to 65535, not ", optarg);
             break;
         case VERBOSE: options->verbose = 1; break;
-        case HELP: print_help(); return EXIT_OK;
-        default: return usage("unknown or incomplete option ", argv[optind - 1]);
+        default:
+            result = take_option(choice, argv[optind - 1], &options->target);
+            if (result != -1) return result;
         }
     }
-    if (options->port == 0) return usage("--port is missing", "");
-    if (strlen(options->server) > 8) return usage("longer than 8 characters: ", options->server);
-    if (strlen(options->program) > 8) return usage("longer than 8 characters: ", options->program);
+    result = check_target(&options->target);
+    if (result != -1) return result;
     if (optind == argc) return usage("the file of the order is missing", "");
     if (optind + 1 < argc) return usage("more than one file: ", argv[optind + 1]);
     options->file = argv[optind];
     return -1;
-}
-
-/* What cannot be written is a failure, however well everything else went. */
-static int end_with(int result)
-{
-    if (fflush(stdout) == 0 && !ferror(stdout)) return result;
-    complain("cannot write to standard output");
-    return result == EXIT_OK ? EXIT_FAILED : result;
 }
 
 int main(int argc, char** argv)
@@ -590,11 +486,11 @@ int main(int argc, char** argv)
     struct options options = {0};
     int result;
 
-    options.host = "127.0.0.1";
-    options.applid = "";
-    options.server = "";
-    options.program = "ORDERS";
-    options.timeout = 30;
+    options.target.host = "127.0.0.1";
+    options.target.applid = "";
+    options.target.server = "";
+    options.target.program = "ORDERS";
+    options.target.timeout = 30;
     options.password = getenv("ORDERS_PASSWORD");
 
     result = parse_arguments(argc, argv, &options);

@@ -10,20 +10,15 @@
  */
 #define _POSIX_C_SOURCE 200809L /* for clock_gettime */
 
-#include <getopt.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
 
-#include "qpxclient.h"
+#include "options.h"
 #include "qpxclient_eci.h"
 
-/* Exit codes. */
-#define EXIT_OK       0 /* every request has its own reply */
-#define EXIT_FAILED   1 /* a file or a call failed; what was answered is told */
-#define EXIT_USAGE    2 /* the arguments are wrong */
+/* The exit code that only this program has. */
 #define EXIT_MISMATCH 3 /* a reply is not what was sent */
 
 #define MAX_COUNT     10000
@@ -61,15 +56,11 @@ struct requests {
     size_t room;
 };
 
+const char program_name[] = "fanout";
+
 struct options {
-    char* host;
-    int port;
-    char* applid;
-    const char* server;
-    const char* program;
-    char* user;
+    struct target target;
     char* password;
-    int timeout;
     int count;
     int at_once;
     int verbose;
@@ -90,27 +81,6 @@ struct batch {
     int connection_gone; /* nothing more can be sent */
     char* area;          /* owned; takes any reply */
 };
-
-/* ---- Messages ------------------------------------------------------------------------------ */
-
-static void complain(const char* format, ...)
-{
-    va_list arguments;
-
-    fflush(stdout);
-    fputs("fanout: ", stderr);
-    va_start(arguments, format);
-    vfprintf(stderr, format, arguments);
-    va_end(arguments);
-    fputc('\n', stderr);
-}
-
-static void complain_of_rc(const char* what, int rc)
-{
-    char name[QPX_RC_STRING_SIZE];
-
-    complain("%s: %s (%d)", what, QPX_getRcString(rc, name), rc);
-}
 
 /* Names a request's return code, with the abend code if the server program abended. */
 static void complain_of_request(size_t index, const char* what, int rc, const char* abend_code)
@@ -231,15 +201,6 @@ static void free_requests(struct requests* requests)
 
 /* ---- Sending ------------------------------------------------------------------------------- */
 
-/* Fills a field of fixed width from a text, padded with blanks. */
-static void fill(char* field, size_t width, const char* text)
-{
-    size_t length = strlen(text);
-
-    memset(field, ' ', width);
-    memcpy(field, text, length < width ? length : width);
-}
-
 /* Whether a code says that the connection takes no more requests, whosever they are. */
 static int is_end_of_connection(int rc)
 {
@@ -254,9 +215,9 @@ static int call_program(struct batch* batch, struct request* request, QPX_ECI_PA
     memset(parms, 0, sizeof *parms);
     parms->eci_version = ECI_VERSION_6;
     parms->eci_call_type = ECI_ASYNC;
-    fill(parms->eci_program_name, sizeof parms->eci_program_name, options->program);
-    fill(parms->eci_system_name, sizeof parms->eci_system_name, options->server);
-    parms->eci_userid_ptr = options->user;
+    fill(parms->eci_program_name, sizeof parms->eci_program_name, options->target.program);
+    fill(parms->eci_system_name, sizeof parms->eci_system_name, options->target.server);
+    parms->eci_userid_ptr = options->target.user;
     parms->eci_password_ptr = options->password;
     parms->eci_commarea = request->text;
     parms->eci_commarea_length = (short)request->length;
@@ -480,21 +441,6 @@ static int result_of(const struct requests* requests)
     return count_outcome(requests, ANSWERED) == requests->count ? EXIT_OK : EXIT_FAILED;
 }
 
-/* ---- The run ------------------------------------------------------------------------------- */
-
-static int open_connection(struct batch* batch)
-{
-    const struct options* options = batch->options;
-    char qualifier[] = "";
-    int rc = QPX_openRemoteGatewayConnectionApplid(options->host, options->port, &batch->gateway,
-                                                   options->timeout, options->applid, qualifier);
-
-    if (rc == QPX_OK) return 1;
-    complain("cannot connect to a Gateway at %s:%d", options->host, options->port);
-    complain_of_rc("open", rc);
-    return 0;
-}
-
 /* An orderly close would wait without limit for replies that nobody collects. */
 static int close_connection(struct batch* batch)
 {
@@ -514,11 +460,11 @@ static int run_requests(const struct options* options, struct requests* requests
 
     batch.options = options;
     batch.requests = requests;
-    if (!open_connection(&batch)) return EXIT_FAILED;
+    if (!open_gateway(&options->target, &batch.gateway)) return EXIT_FAILED;
 
     batch.area = checked(malloc(MAX_AREA_SIZE));
     printf("Sending %lu requests to %s at %s:%d\n", (unsigned long)requests->count,
-           options->program, options->host, options->port);
+           options->target.program, options->target.host, options->target.port);
     run_batch(&batch);
     print_summary(&batch);
     result = result_of(requests);
@@ -545,7 +491,7 @@ static int run(const struct options* options)
 
 /* ---- Arguments ----------------------------------------------------------------------------- */
 
-static void print_help(void)
+void print_help(void)
 {
     printf(
         "Sends many requests at once over one connection, and collects the replies as they come.\n"
@@ -580,35 +526,18 @@ static void print_help(void)
         "  fanout --host gateway.example --port 5770 --applid LOAD --progress --count 5000\n");
 }
 
-static int usage(const char* problem, const char* what)
-{
-    complain("%s%s; \"fanout --help\" shows what there is", problem, what);
-    return EXIT_USAGE;
-}
-
-/* A whole number from 0 to the limit; 0 if the text is none. */
-static int parse_number(const char* text, long limit, int* number)
-{
-    char* end = NULL;
-    long value = strtol(text, &end, 10);
-
-    if (end == text || *end != '\0' || value < 0 || value > limit) return 0;
-    *number = (int)value;
-    return 1;
-}
-
 /* A number of requests. */
 static int parse_count(const char* text, int* count)
 {
-    return parse_number(text, MAX_COUNT, count) && *count > 0;
+    return parse_number(text, 1, MAX_COUNT, count);
 }
 
 /* What the options together must be; -1 if they are right. */
 static int check_options(const struct options* options, int files, char** file)
 {
-    if (options->port == 0) return usage("--port is missing", "");
-    if (strlen(options->server) > 8) return usage("longer than 8 characters: ", options->server);
-    if (strlen(options->program) > 8) return usage("longer than 8 characters: ", options->program);
+    int result = check_target(&options->target);
+
+    if (result != -1) return result;
     if (options->count == 0 && files == 0) return usage("a file or --count is missing", "");
     if (options->count > 0 && files > 0) return usage("--count takes no file: ", file[0]);
     if (files > 1) return usage("more than one file: ", file[1]);
@@ -618,53 +547,22 @@ static int check_options(const struct options* options, int files, char** file)
 /* Fills the options; -1 to go on, otherwise the exit code to end with. */
 static int parse_arguments(int argc, char** argv, struct options* options)
 {
-    enum {
-        HOST = 1,
-        PORT,
-        APPLID,
-        SERVER,
-        PROGRAM,
-        USER,
-        TIMEOUT,
-        COUNT,
-        AT_ONCE,
-        VERBOSE,
-        PROGRESS,
-        HELP
-    };
+    enum { COUNT = OWN_OPTIONS, AT_ONCE, VERBOSE, PROGRESS };
     static const struct option known[] = {
-        {"host", required_argument, NULL, HOST},
-        {"port", required_argument, NULL, PORT},
-        {"applid", required_argument, NULL, APPLID},
-        {"server", required_argument, NULL, SERVER},
-        {"program", required_argument, NULL, PROGRAM},
-        {"user", required_argument, NULL, USER},
-        {"timeout", required_argument, NULL, TIMEOUT},
+        WHERE_OPTIONS,
+        CALL_OPTIONS,
         {"count", required_argument, NULL, COUNT},
         {"at-once", required_argument, NULL, AT_ONCE},
         {"verbose", no_argument, NULL, VERBOSE},
         {"progress", no_argument, NULL, PROGRESS},
-        {"help", no_argument, NULL, HELP},
         {NULL, 0, NULL, 0},
     };
     int choice;
+    int result;
 
     opterr = 0;
     while ((choice = getopt_long(argc, argv, "", known, NULL)) != -1) {
         switch (choice) {
-        case HOST: options->host = optarg; break;
-        case PORT:
-            if (!parse_number(optarg, 65535, &options->port) || options->port == 0)
-                return usage("a port is a number from 1 to 65535, not ", optarg);
-            break;
-        case APPLID: options->applid = optarg; break;
-        case SERVER: options->server = optarg; break;
-        case PROGRAM: options->program = optarg; break;
-        case USER: options->user = optarg; break;
-        case TIMEOUT:
-            if (!parse_number(optarg, 3600, &options->timeout))
-                return usage("a time-out is a number of seconds from 0 to 3600, not ", optarg);
-            break;
         case COUNT:
             if (!parse_count(optarg, &options->count))
                 return usage("a count is a number from 1 to 10000, not ", optarg);
@@ -675,20 +573,13 @@ static int parse_arguments(int argc, char** argv, struct options* options)
             break;
         case VERBOSE: options->verbose = 1; break;
         case PROGRESS: options->progress = 1; break;
-        case HELP: print_help(); return EXIT_OK;
-        default: return usage("unknown or incomplete option ", argv[optind - 1]);
+        default:
+            result = take_option(choice, argv[optind - 1], &options->target);
+            if (result != -1) return result;
         }
     }
     options->file = argv[optind];
     return check_options(options, argc - optind, argv + optind);
-}
-
-/* What cannot be written is a failure, however well everything else went. */
-static int end_with(int result)
-{
-    if (fflush(stdout) == 0 && !ferror(stdout)) return result;
-    complain("cannot write to standard output");
-    return result == EXIT_OK ? EXIT_FAILED : result;
 }
 
 int main(int argc, char** argv)
@@ -696,11 +587,11 @@ int main(int argc, char** argv)
     struct options options = {0};
     int result;
 
-    options.host = "127.0.0.1";
-    options.applid = "";
-    options.server = "";
-    options.program = "ECHO";
-    options.timeout = 30;
+    options.target.host = "127.0.0.1";
+    options.target.applid = "";
+    options.target.server = "";
+    options.target.program = "ECHO";
+    options.target.timeout = 30;
     options.at_once = MAX_COUNT;
     options.password = getenv("FANOUT_PASSWORD");
 

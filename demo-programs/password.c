@@ -8,10 +8,8 @@
  */
 #define _POSIX_C_SOURCE 200809L /* fileno, sigaction, termios */
 
-#include <getopt.h>
 #include <locale.h>
 #include <signal.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -19,27 +17,22 @@
 #include <time.h>
 #include <unistd.h>
 
-#include "qpxclient.h"
+#include "options.h"
 #include "qpxclient_esi.h"
 
-/* Exit codes. */
-#define EXIT_OK      0 /* the password is right, or changed */
-#define EXIT_FAILED  1 /* a file, the connection or the server failed; nothing is known */
-#define EXIT_USAGE   2 /* the arguments are wrong */
+/* The exit code that only this program has. */
 #define EXIT_REFUSED 3 /* the server refused the user, the password or the new password */
 
 #define LONGEST_PASSWORD 512
 #define LONGEST_USER     10
-#define LONGEST_NAME     8 /* of a server */
 
 /* Room for a password that is too long, for a CR behind it and for the terminator. */
 #define PASSWORD_SIZE (LONGEST_PASSWORD + 3)
 
+const char program_name[] = "password";
+
 struct options {
-    char* host;
-    int port;
-    const char* server; /* NULL for the Gateway's default */
-    int timeout;
+    struct target target;
     const char* passwords; /* file; NULL for standard input */
     int change;
     const char* user;
@@ -49,20 +42,6 @@ struct passwords {
     char current[PASSWORD_SIZE];
     char changed[PASSWORD_SIZE];
 };
-
-/* ---- Messages ------------------------------------------------------------------------------ */
-
-static void complain(const char* format, ...)
-{
-    va_list arguments;
-
-    fflush(stdout);
-    fputs("password: ", stderr);
-    va_start(arguments, format);
-    vfprintf(stderr, format, arguments);
-    va_end(arguments);
-    fputc('\n', stderr);
-}
 
 /* What a code of the server means to whoever has called this program; NULL if it has no more to
  * say than its name. */
@@ -95,7 +74,7 @@ static const char* meaning_of(int rc)
     return NULL;
 }
 
-static void complain_of_rc(const char* what, int rc)
+static void complain_of_call(const char* what, int rc)
 {
     char name[QPX_RC_STRING_SIZE];
     const char* meaning = meaning_of(rc);
@@ -282,34 +261,26 @@ static int call_server(const struct options* options, QPX_ConnToken_t gateway,
 
     if (options->change)
         rc = QPX_ESI_changePassword(gateway, options->user, passwords->current, passwords->changed,
-                                    options->server, &details);
+                                    options->target.server, &details);
     else
-        rc = QPX_ESI_verifyPassword(gateway, options->user, passwords->current, options->server,
-                                    &details);
+        rc = QPX_ESI_verifyPassword(gateway, options->user, passwords->current,
+                                    options->target.server, &details);
     if (rc == QPX_OK) {
         print_details(options, &details);
         return EXIT_OK;
     }
-    complain_of_rc(options->change ? "change" : "verify", rc);
+    complain_of_call(options->change ? "change" : "verify", rc);
     return is_refusal(rc) ? EXIT_REFUSED : EXIT_FAILED;
 }
 
 static int run_session(const struct options* options, const struct passwords* passwords)
 {
     QPX_ConnToken_t gateway = NULL;
-    int rc = QPX_openRemoteGatewayConnection(options->host, options->port, &gateway,
-                                             options->timeout);
     int result;
 
-    if (rc != QPX_OK) {
-        complain("cannot connect to a Gateway at %s:%d", options->host, options->port);
-        complain_of_rc("open", rc);
-        return EXIT_FAILED;
-    }
+    if (!open_gateway(&options->target, &gateway)) return EXIT_FAILED;
     result = call_server(options, gateway, passwords);
-    rc = QPX_closeGatewayConnection(&gateway);
-    if (rc == QPX_OK) return result;
-    complain_of_rc("close", rc);
+    if (close_gateway(&gateway)) return result;
     return result == EXIT_OK ? EXIT_FAILED : result;
 }
 
@@ -325,7 +296,7 @@ static int run(const struct options* options)
 
 /* ---- Arguments ------------------------------------------------------------------------------ */
 
-static void print_help(void)
+void print_help(void)
 {
     printf("Verifies or changes a user's password at a server behind a Gateway.\n"
            "\n"
@@ -351,23 +322,6 @@ static void print_help(void)
            "  password --port 5770 --server VORNB --passwords secret.txt change FRED\n");
 }
 
-static int usage(const char* problem, const char* what)
-{
-    complain("%s%s; \"password --help\" shows what there is", problem, what);
-    return EXIT_USAGE;
-}
-
-/* A whole number from 0 to the limit; 0 if the text is none. */
-static int parse_number(const char* text, long limit, int* number)
-{
-    char* end = NULL;
-    long value = strtol(text, &end, 10);
-
-    if (end == text || *end != '\0' || value < 0 || value > limit) return 0;
-    *number = (int)value;
-    return 1;
-}
-
 /* Takes what stands behind the options; -1 to go on, otherwise the exit code to end with. */
 static int parse_words(int argc, char** argv, struct options* options)
 {
@@ -385,48 +339,28 @@ static int parse_words(int argc, char** argv, struct options* options)
 /* Fills the options; -1 to go on, otherwise the exit code to end with. */
 static int parse_arguments(int argc, char** argv, struct options* options)
 {
-    enum { HOST = 1, PORT, SERVER, PASSWORDS, TIMEOUT, HELP };
+    enum { PASSWORDS = OWN_OPTIONS };
     static const struct option known[] = {
-        {"host", required_argument, NULL, HOST},
-        {"port", required_argument, NULL, PORT},
-        {"server", required_argument, NULL, SERVER},
+        WHERE_OPTIONS,
+        {"server", required_argument, NULL, OPTION_SERVER},
         {"passwords", required_argument, NULL, PASSWORDS},
-        {"timeout", required_argument, NULL, TIMEOUT},
-        {"help", no_argument, NULL, HELP},
         {NULL, 0, NULL, 0},
     };
     int choice;
+    int result;
 
     opterr = 0;
     while ((choice = getopt_long(argc, argv, "", known, NULL)) != -1) {
         switch (choice) {
-        case HOST: options->host = optarg; break;
-        case PORT:
-            if (!parse_number(optarg, 65535, &options->port) || options->port == 0)
-                return usage("a port is a number from 1 to 65535, not ", optarg);
-            break;
-        case SERVER: options->server = optarg; break;
         case PASSWORDS: options->passwords = optarg; break;
-        case TIMEOUT:
-            if (!parse_number(optarg, 3600, &options->timeout))
-                return usage("a time-out is a number of seconds from 0 to 3600, not ", optarg);
-            break;
-        case HELP: print_help(); return EXIT_OK;
-        default: return usage("unknown or incomplete option ", argv[optind - 1]);
+        default:
+            result = take_option(choice, argv[optind - 1], &options->target);
+            if (result != -1) return result;
         }
     }
-    if (options->port == 0) return usage("--port is missing", "");
-    if (options->server != NULL && strlen(options->server) > LONGEST_NAME)
-        return usage("longer than 8 characters: ", options->server);
+    result = check_target(&options->target);
+    if (result != -1) return result;
     return parse_words(argc - optind, argv + optind, options);
-}
-
-/* What cannot be written is a failure, however well everything else went. */
-static int end_with(int result)
-{
-    if (fflush(stdout) == 0 && !ferror(stdout)) return result;
-    complain("cannot write to standard output");
-    return result == EXIT_OK ? EXIT_FAILED : result;
 }
 
 int main(int argc, char** argv)
@@ -435,8 +369,8 @@ int main(int argc, char** argv)
     int result;
 
     setlocale(LC_TIME, "");
-    options.host = "127.0.0.1";
-    options.timeout = 30;
+    options.target.host = "127.0.0.1";
+    options.target.timeout = 30;
 
     result = parse_arguments(argc, argv, &options);
     return end_with(result != -1 ? result : run(&options));

@@ -1,0 +1,119 @@
+/* options.c - what the programs of the demo have in common. */
+#include "options.h"
+
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#define LONGEST_NAME 8 /* of a server, and of a program */
+
+void complain(const char* format, ...)
+{
+    va_list arguments;
+
+    fflush(stdout);
+    fprintf(stderr, "%s: ", program_name);
+    va_start(arguments, format);
+    vfprintf(stderr, format, arguments);
+    va_end(arguments);
+    fputc('\n', stderr);
+}
+
+void complain_of_rc(const char* what, int rc)
+{
+    char name[QPX_RC_STRING_SIZE];
+
+    complain("%s: %s (%d)", what, QPX_getRcString(rc, name), rc);
+}
+
+int usage(const char* problem, const char* what)
+{
+    complain("%s%s; \"%s --help\" shows what there is", problem, what, program_name);
+    return EXIT_USAGE;
+}
+
+int parse_number(const char* text, long least, long most, int* number)
+{
+    char* end = NULL;
+    long value = strtol(text, &end, 10);
+
+    if (end == text || *end != '\0' || value < least || value > most) return 0;
+    *number = (int)value;
+    return 1;
+}
+
+int take_option(int choice, const char* word, struct target* target)
+{
+    switch (choice) {
+    case OPTION_HOST: target->host = optarg; return -1;
+    case OPTION_PORT:
+        if (parse_number(optarg, 1, 65535, &target->port)) return -1;
+        return usage("a port is a number from 1 to 65535, not ", optarg);
+    case OPTION_APPLID: target->applid = optarg; return -1;
+    case OPTION_SERVER: target->server = optarg; return -1;
+    case OPTION_PROGRAM: target->program = optarg; return -1;
+    case OPTION_USER: target->user = optarg; return -1;
+    case OPTION_TIMEOUT:
+        if (parse_number(optarg, 0, 3600, &target->timeout)) return -1;
+        return usage("a time-out is a number of seconds from 0 to 3600, not ", optarg);
+    case OPTION_HELP: print_help(); return EXIT_OK;
+    default: return usage("unknown or incomplete option ", word);
+    }
+}
+
+static int is_too_long(const char* name)
+{
+    return name != NULL && strlen(name) > LONGEST_NAME;
+}
+
+int check_target(const struct target* target)
+{
+    if (target->port == 0) return usage("--port is missing", "");
+    if (is_too_long(target->server)) return usage("longer than 8 characters: ", target->server);
+    if (is_too_long(target->program)) return usage("longer than 8 characters: ", target->program);
+    return -1;
+}
+
+int open_gateway(const struct target* target, QPX_ConnToken_t* gateway)
+{
+    char none[] = "";
+    int rc;
+
+    if (target->applid == NULL)
+        rc = QPX_openRemoteGatewayConnection(target->host, target->port, gateway, target->timeout);
+    else
+        rc = QPX_openRemoteGatewayConnectionApplid(target->host, target->port, gateway,
+                                                   target->timeout, target->applid, none);
+    if (rc == QPX_OK) return 1;
+    complain("cannot connect to a Gateway at %s:%d", target->host, target->port);
+    complain_of_rc("open", rc);
+    return 0;
+}
+
+int close_gateway(QPX_ConnToken_t* gateway)
+{
+    int rc;
+
+    if (*gateway == NULL) return 1;
+    rc = QPX_closeGatewayConnection(gateway);
+    *gateway = NULL;
+    if (rc == QPX_OK) return 1;
+    complain_of_rc("close", rc);
+    return 0;
+}
+
+void fill(char* field, size_t width, const char* text)
+{
+    size_t length = strlen(text);
+
+    memset(field, ' ', width);
+    memcpy(field, text, length < width ? length : width);
+}
+
+int end_with(int result)
+{
+    if (fflush(stdout) == 0 && !ferror(stdout)) return result;
+    complain("cannot write to standard output");
+    return result == EXIT_OK ? EXIT_FAILED : result;
+}

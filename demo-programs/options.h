@@ -1,0 +1,89 @@
+/*
+ * options.h - what the programs of the demo have in common: messages, the options that say where
+ * the Gateway is and what to call, opening and closing, and the end.
+ */
+#ifndef OPTIONS_H
+#define OPTIONS_H
+
+#include <getopt.h>
+#include <stddef.h>
+
+#include "qpxclient.h"
+
+/* Exit codes that all programs have. */
+#define EXIT_OK     0
+#define EXIT_FAILED 1
+#define EXIT_USAGE  2
+
+/* Each program has these. */
+extern const char program_name[];
+void print_help(void);
+
+/* Where to connect, and what to call there. Texts that are not given are as the program has set
+ * them. */
+struct target {
+    char* host;
+    int port;
+    char* applid;
+    const char* server;  /* at most 8 characters; may be NULL */
+    const char* program; /* at most 8 characters; may be NULL */
+    char* user;
+    int timeout; /* seconds, for connecting */
+};
+
+/* The options of a target and --help, as rows for getopt_long; a program's own begin with
+ * OWN_OPTIONS. */
+enum {
+    OPTION_HOST = 1,
+    OPTION_PORT,
+    OPTION_APPLID,
+    OPTION_SERVER,
+    OPTION_PROGRAM,
+    OPTION_USER,
+    OPTION_TIMEOUT,
+    OPTION_HELP,
+    OWN_OPTIONS
+};
+/* clang-format off */
+#define WHERE_OPTIONS                                   \
+    {"host", required_argument, NULL, OPTION_HOST},     \
+    {"port", required_argument, NULL, OPTION_PORT},     \
+    {"timeout", required_argument, NULL, OPTION_TIMEOUT}, \
+    {"help", no_argument, NULL, OPTION_HELP}
+#define CALL_OPTIONS                                    \
+    {"applid", required_argument, NULL, OPTION_APPLID}, \
+    {"server", required_argument, NULL, OPTION_SERVER}, \
+    {"program", required_argument, NULL, OPTION_PROGRAM}, \
+    {"user", required_argument, NULL, OPTION_USER}
+/* clang-format on */
+
+/* Takes one of those options; -1 to go on, otherwise the exit code to end with. word is what stands
+ * in the command line. */
+int take_option(int choice, const char* word, struct target* target);
+
+/* What the options of a target must be together; -1 if they are right. */
+int check_target(const struct target* target);
+
+/* A whole number of the range; 0 if the text is none. */
+int parse_number(const char* text, long least, long most, int* number);
+
+/* Says what is wrong with the arguments, and gives the exit code. */
+int usage(const char* problem, const char* what);
+
+/* One line on standard error, behind what has been written to standard output. */
+void complain(const char* format, ...);
+void complain_of_rc(const char* what, int rc);
+
+/* 0 if that fails, which has been told then. Afterwards *gateway is NULL unless it is open; closing
+ * what is not open is no failure. */
+int open_gateway(const struct target* target, QPX_ConnToken_t* gateway);
+int close_gateway(QPX_ConnToken_t* gateway);
+
+/* Fills a field of fixed width from a text, padded with blanks. */
+void fill(char* field, size_t width, const char* text);
+
+/* The exit code of a program that has done its work: what cannot be written is a failure, however
+ * well everything else went. */
+int end_with(int result);
+
+#endif

@@ -108,7 +108,7 @@ typedef struct _QPX_ConnToken_t {
     int32_t senders;                // flows being written, which keep the socket; by tableLock
     RequestSlot* slotBeingRead;     // whose reply the receiver reads; by tableLock
     pthread_cond_t transferEnded;   // with tableLock's mutex: a sending or a reading has ended
-    std::atomic<int32_t> brokenOff; // 1 once the library has ended the stream; written by tableLock
+    std::atomic<int32_t> brokenOff; // 1 once the library has ended the stream; never goes back
     // Threads that close the token, each from its mark or from the beginning of its delete until
     // that has ended; raised under gtlLock, and the token is freed by the last of them.
     std::atomic<int32_t> deleters;

@@ -265,6 +265,7 @@ TEST_F(TokensEnd, ComesOnceWhenTheCloseOfAllIsTheLastOfTwo)
 
 TEST_F(TokensEnd, ComesWithASecondCloseThatWaitsForACallInside)
 {
+    Counter connectionsEnded(SchedulePoint::connectionEnded);
     Hold inside(SchedulePoint::callRegistered);
     auto call = startQuickCall();
     inside.awaitArrival();
@@ -273,6 +274,7 @@ TEST_F(TokensEnd, ComesWithASecondCloseThatWaitsForACallInside)
     auto closingAll = startClose(Close::All, &connection.token);
     connection.answerClose();
     receiverAwaited.await(1);
+    connectionsEnded.await(1); // so that the first close finds nothing to say goodbye to
 
     inside.release();
 

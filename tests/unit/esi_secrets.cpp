@@ -166,7 +166,8 @@ private:
     Fault freeing_;
 };
 
-// Passwords that nothing else looks like: signs that stand in no trace, and bytes from 0xA1 on.
+// Passwords that nothing else looks like: signs that stand in no trace, and bytes from 0xA1 on. None
+// stands twice in a row, for what is scrambled would have the zeros of much else there.
 class PasswordMaker {
 public:
     PasswordMaker() : seed_(std::random_device()()), random_(seed_) {}
@@ -180,10 +181,11 @@ public:
     {
         static const std::string signs = "!$&;<>?@^{|}~";
         std::string made;
-        for (std::size_t at = 0; at < length; ++at) {
-            bool isSign = at == 0 || number(0, 1) == 0;
-            made.push_back(isSign ? signs[number(0, signs.size() - 1)]
-                                  : static_cast<char>(number(0xA1, 0xFE)));
+        while (made.size() < length) {
+            bool isSign = made.empty() || number(0, 1) == 0;
+            char next = isSign ? signs[number(0, signs.size() - 1)]
+                               : static_cast<char>(number(0xA1, 0xFE));
+            if (made.empty() || next != made.back()) made.push_back(next);
         }
         return made;
     }

@@ -166,8 +166,8 @@ private:
     Fault freeing_;
 };
 
-// Passwords that nothing else looks like: signs that stand in no trace, and bytes from 0xA1 on. None
-// stands twice in a row, for what is scrambled would have the zeros of much else there.
+// Passwords that nothing else looks like: signs that stand in no trace, and bytes from 0xA1 on.
+// None stands twice in a row, for what is scrambled would have the zeros of much else there.
 class PasswordMaker {
 public:
     PasswordMaker() : seed_(std::random_device()()), random_(seed_) {}

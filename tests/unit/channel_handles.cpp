@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "support/forked.h"
 #include "unit/channel_fixture.h"
 
 using namespace fixture;
@@ -82,7 +83,7 @@ protected:
     static int statusOf(Calls calls)
     {
         pid_t child = fork();
-        if (child == 0) _exit(forbidLooksAtMemory(GetParam().action) ? calls() : noFilter);
+        if (child == 0) endChild(forbidLooksAtMemory(GetParam().action) ? calls() : noFilter);
         int status = -1;
         EXPECT_EQ(child, waitpid(child, &status, 0));
         return status;

@@ -12,6 +12,7 @@
 #include "support/call_in_thread.h"
 #include "support/expect_rc.h"
 #include "support/faults.h"
+#include "support/forked.h"
 #include "support/trace_file.h"
 
 using namespace support;
@@ -53,7 +54,7 @@ TEST(TraceFork, LeavesTheTraceFreeInTheChildWhileAnotherThreadIsInsideALine)
             alarm(30); // ends a child that hangs
             TRACE(tpExc(7, "of the child\n"));
             useBadLock();
-            _exit(QPX_setAPITraceFile(other.data()));
+            endChild(QPX_setAPITraceFile(other.data()));
         }
         return child;
     });

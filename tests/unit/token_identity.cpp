@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "support/descriptors.h"
+#include "support/forked.h"
 #include "unit/connect_fixture.h"
 
 using namespace fixture;
@@ -21,6 +22,7 @@ using support::failCallOn;
 using support::fakeCall;
 using support::Fault;
 using support::Gate;
+using support::inChild;
 using support::syncCall;
 using support::Threads;
 using support::TraceFile;
@@ -621,17 +623,6 @@ TEST_F(WalkOfCloseAll, EndsAlthoughOthersGoOnOpening)
 
 class ForkedTokens : public ::testing::Test {
 protected:
-    // What the child finds, as its exit status: 0 if all is well.
-    template <typename Check>
-    static int inChild(Check check)
-    {
-        pid_t child = fork();
-        if (child == 0) _exit(check());
-        int status = -1;
-        EXPECT_EQ(child, waitpid(child, &status, 0));
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
     ScriptedConnection first;
     ScriptedConnection second;
 };

@@ -67,13 +67,13 @@ bool clapiAwaitsOutcome(const RequestSlot* slotP);
 void clapiDeliverSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc);
 
 /*
- * Leaves an outcome to the request's sender, who delivers it: a code, and the channel section of a
- * reply, or null. Until then the request has no outcome for anybody. Locks: tableLock held.
+ * Leaves an outcome to the request's sender, who delivers it: a code, and of a reply the data, or
+ * null. Until then the request has no outcome for anybody. Locks: tableLock held.
  */
-void clapiPutAside(RequestSlot* slotP, int gatewayRc, ArrivingBytes* section);
+void clapiPutAside(RequestSlot* slotP, int gatewayRc, ArrivingBytes* data);
 
 /* Makes a failure the slot's outcome: it is delivered, or put aside while the request's sender
- * still reads its channel. Locks: tableLock held. */
+ * still reads its data. Locks: tableLock held. */
 void clapiSettleSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc);
 
 /* Forgets an outcome that has been put aside and not delivered. Locks: tableLock held. */

@@ -121,8 +121,9 @@ typedef struct _ECIRequest {
     int vornRc;     // from the reply
     int limited;    // 1: commarea has room for capacity bytes, the rest is dropped
     size_t capacity;
+    size_t commareaChanged; // how many bytes at commarea the reply has set
     ArrivingBytes* section; // instead of channel: takes the reply's channel section as it comes
-    std::atomic<int32_t>* channelBeingSent; // of a request with a channel: set to 0 once it is read
+    std::atomic<int32_t>* beingSent; // null, or set to 0 once the request's data has been read
 } ECIRequest;
 
 /* Whether a call has data: one that ends a unit of work carries none, in either direction. */
@@ -131,8 +132,8 @@ inline bool clapiCarriesData(int extendMode)
     return extendMode != ECI_COMMIT && extendMode != ECI_BACKOUT;
 }
 
-/* Sets the header's datalength and sends the request. Its channel has been read before the last
- * bytes leave, without which the Gateway cannot answer. */
+/* Sets the header's datalength and sends the request. Its data has been read before the last bytes
+ * leave, without which the Gateway cannot answer. */
 int clapiFlowECIRequest(Socket socketDesc, GatewayRequest* header, ECIRequest* request);
 
 /*

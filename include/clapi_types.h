@@ -37,24 +37,24 @@ constexpr int SYSTEM_LIST_QUERY = 2;
  * the requester, in state 3 whoever consumes the reply.
  */
 typedef struct _RequestSlot {
-    char eyecatcher[8];                    // "QPXRSLOT", no terminator
-    std::atomic<_RequestSlot*> nextSlot;   // through all tables; null in the last slot
-    _RequestSlot* nextReply;               // in the token's reply queue
-    int32_t state;                         // SLOT_...
-    std::atomic<int32_t> messageId;        // fixed for the slot's life
-    int32_t gatewayRc;                     // from the reply header, or of the connection's end
-    int32_t vornRc;                        // the server's, from the reply body
-    ClapiEvent requestEvent;               // posted when the slot is delivered
-    QPX_ECI_PARMS eciParms;                // the caller's record, with the reply's fields
-    ESI_DETAILS* esiDetails;               // where an ESI reply goes; null when not wanted
-    uint32_t allocNumber;                  // names one use of the slot; 0 while it is free
-    char* asyncBuffer;                     // reply buffer of an asynchronous call, owned
-    size_t replyCapacity;                  // room at eciParms.eci_commarea
-    int32_t channelHeld;                   // 1 while the request holds its channel's lock
-    std::atomic<int32_t> channelBeingSent; // 1 until the sender has read the request's channel
-    int32_t outcomePending;                // 1 once an outcome waits for that sender to deliver it
-    ArrivingBytes channelSection;          // of a pending reply, not applied yet; owned
-    int32_t purpose;                       // PROGRAM_CALL and the others
+    char eyecatcher[8];                  // "QPXRSLOT", no terminator
+    std::atomic<_RequestSlot*> nextSlot; // through all tables; null in the last slot
+    _RequestSlot* nextReply;             // in the token's reply queue
+    int32_t state;                       // SLOT_...
+    std::atomic<int32_t> messageId;      // fixed for the slot's life
+    int32_t gatewayRc;                   // from the reply header, or of the connection's end
+    int32_t vornRc;                      // the server's, from the reply body
+    ClapiEvent requestEvent;             // posted when the slot is delivered
+    QPX_ECI_PARMS eciParms;              // the caller's record, with the reply's fields
+    ESI_DETAILS* esiDetails;             // where an ESI reply goes; null when not wanted
+    uint32_t allocNumber;                // names one use of the slot; 0 while it is free
+    char* asyncBuffer;                   // reply buffer of an asynchronous call, owned
+    size_t replyCapacity;                // room at eciParms.eci_commarea
+    int32_t channelHeld;                 // 1 while the request holds its channel's lock
+    std::atomic<int32_t> beingSent; // 1 until the sender has read the data that a reply changes
+    int32_t outcomePending;         // 1 once an outcome waits for that sender to deliver it
+    ArrivingBytes replyData;        // of a pending reply, not applied yet; owned
+    int32_t purpose;                // PROGRAM_CALL and the others
 } RequestSlot;
 
 struct _RequestTable;

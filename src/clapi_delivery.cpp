@@ -30,7 +30,6 @@ bool clapiBeginSending(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
         gwTokPtr->asyncCount += 1;
     }
     slotP->state = SLOT_WAITING;
-    slotP->channelBeingSent = slotP->channelHeld;
     gwTokPtr->senders += 1;
     SCHEDULE_POINT(requestWaiting, slotP);
     return true;
@@ -141,17 +140,17 @@ void clapiDeliverSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewa
     SCHEDULE_POINT(slotDelivered, slotP);
 }
 
-void clapiPutAside(RequestSlot* slotP, int gatewayRc, ArrivingBytes* section)
+void clapiPutAside(RequestSlot* slotP, int gatewayRc, ArrivingBytes* data)
 {
     slotP->gatewayRc = gatewayRc;
-    if (section != nullptr) slotP->channelSection = clapiTakeArrived(section);
+    if (data != nullptr) slotP->replyData = clapiTakeArrived(data);
     slotP->outcomePending = 1;
     SCHEDULE_POINT(outcomePutAside, slotP);
 }
 
 void clapiSettleSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc)
 {
-    if (slotP->channelBeingSent != 0)
+    if (slotP->beingSent != 0)
         clapiPutAside(slotP, gatewayRc, nullptr);
     else
         clapiDeliverSlot(gwTokPtr, slotP, gatewayRc);
@@ -160,7 +159,7 @@ void clapiSettleSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gateway
 void clapiDropOutcome(RequestSlot* slotP)
 {
     slotP->outcomePending = 0;
-    clapiFreeArrived(&slotP->channelSection);
+    clapiFreeArrived(&slotP->replyData);
 }
 
 void clapiUnlinkReply(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)

@@ -208,11 +208,20 @@ static bool sendsChannel(const EciCall* call)
     return call->useChannel && clapiCarriesData(call->record->eci_extend_mode);
 }
 
+/* Whether the reply's data goes where the call's is sent from. The COMMAREA of an asynchronous call
+ * has a reply buffer of its own. */
+static bool repliesInPlace(const EciCall* call)
+{
+    return clapiCarriesData(call->record->eci_extend_mode) &&
+           (call->useChannel || call->record->eci_call_type == ECI_SYNC);
+}
+
 void EciCall::prepareSlot()
 {
     slotP->eciParms = *record;
     slotP->replyCapacity = static_cast<size_t>(record->eci_commarea_length);
     slotP->channelHeld = sendsChannel(this) ? 1 : 0;
+    slotP->beingSent = repliesInPlace(this) ? 1 : 0;
 }
 
 static void setCredentials(EciCall* call)
@@ -264,12 +273,11 @@ int EciCall::build()
     body.xid.format = NO_XID;
     body.qpxCorrelator = getNextCorrelator();
     setCredentials(this);
-    if (sendsChannel(this)) {
+    if (repliesInPlace(this)) body.beingSent = &slotP->beingSent;
+    if (sendsChannel(this))
         body.channel = record->channel;
-        body.channelBeingSent = &slotP->channelBeingSent;
-    } else if (clapiCarriesData(record->eci_extend_mode)) {
+    else if (clapiCarriesData(record->eci_extend_mode))
         setCommarea(&body, record);
-    }
     return ECI_NO_ERROR;
 }
 

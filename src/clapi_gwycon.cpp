@@ -117,13 +117,13 @@ struct Receiver {
     GatewayRequest header;
     ECIRequest eciReply;
     ESIRequest esiReply;
-    ArrivingBytes section; // a reply's channel section whose channel is still being sent
-    RequestSlot* slotP;    // whom the flow is for; null if nobody
-    uint32_t allocNumber;  // that slot's use when the flow began to be read
-    int rc;                // any non-zero value ends the thread's loop
-    int closeRc;           // for requests still waiting when the thread ends
-    bool closed;           // a close flow has come
-    int timeout;           // seconds for the next wait, 0 = no limit
+    ArrivingBytes aside;  // a reply's data whose place is still read for the request
+    RequestSlot* slotP;   // whom the flow is for; null if nobody
+    uint32_t allocNumber; // that slot's use when the flow began to be read
+    int rc;               // any non-zero value ends the thread's loop
+    int closeRc;          // for requests still waiting when the thread ends
+    bool closed;          // a close flow has come
+    int timeout;          // seconds for the next wait, 0 = no limit
 };
 
 static bool isOpenOrOpening(const _QPX_ConnToken_t* conn)
@@ -176,7 +176,7 @@ static int fillBody(Receiver* r)
 static int readFlow(Receiver* r)
 {
     r->slotP = nullptr;
-    clapiFreeArrived(&r->section);
+    clapiFreeArrived(&r->aside);
     int rc = waitForResponse(&r->sockBuffer, r->timeout);
     r->timeout = 0; // only the wait for the handshake's answer has a limit
     if (rc == QPX_OK) rc = readHeader(r);
@@ -227,21 +227,42 @@ static void growReplyBuffer(RequestSlot* slotP, int inboundLength)
     slotP->eciParms.eci_commarea = buffer;
 }
 
-/* Says where an ECI reply goes. A list that comes with a failure goes nowhere.
- * Locks: tableLock held. */
-static void loadReplyRecord(Receiver* r, RequestSlot* slotP)
+/* Makes the data of a reply come into storage of its own: 0 or QPX_ERR_MALLOCFAIL. */
+static int readAside(Receiver* r, const RequestSlot* slotP)
 {
-    if (slotP->purpose == SYSTEM_LIST_QUERY && r->header.gatewayRc != QPX_OK) return;
+    namespace at = tp::receiverThread;
+
+    if (slotP->channelHeld != 0) {
+        r->eciReply.section = &r->aside;
+        return QPX_OK;
+    }
+    size_t room = r->eciReply.capacity;
+    if (r->eciReply.commarea == nullptr || room == 0) return QPX_OK;
+
+    char* data = clapiAllocateData(room);
+    if (data == nullptr) {
+        TRACE(at::noRoomAside);
+        return QPX_ERR_MALLOCFAIL;
+    }
+    memset(data, 0, room);
+    r->aside = ArrivingBytes{data, 0, room};
+    r->eciReply.commarea = data;
+    return QPX_OK;
+}
+
+/* Says where an ECI reply goes. A list that comes with a failure goes nowhere.
+ * 0 or QPX_ERR_MALLOCFAIL. Locks: tableLock held. */
+static int loadReplyRecord(Receiver* r, RequestSlot* slotP)
+{
+    if (slotP->purpose == SYSTEM_LIST_QUERY && r->header.gatewayRc != QPX_OK) return QPX_OK;
     growReplyBuffer(slotP, clapiPeekInboundLength(&r->sockBuffer));
     r->eciReply.commarea = slotP->eciParms.eci_commarea;
     r->eciReply.capacity = slotP->replyCapacity;
     r->eciReply.extendedMode = slotP->eciParms.eci_extend_mode;
-    if (slotP->channelHeld == 0) return;
-    // What overtakes the request must not change a channel that is still read for it.
-    if (slotP->channelBeingSent != 0)
-        r->eciReply.section = &r->section;
-    else
-        r->eciReply.channel = slotP->eciParms.channel;
+    // What overtakes the request must not change what is still read for it.
+    if (slotP->beingSent != 0) return readAside(r, slotP);
+    if (slotP->channelHeld != 0) r->eciReply.channel = slotP->eciParms.channel;
+    return QPX_OK;
 }
 
 /* Finds the slot that a flow names, whatever its state: 0 or QPX_ERR_SYSTEM_ERROR. */
@@ -272,7 +293,7 @@ static int findReplySlot(Receiver* r)
         r->slotP = slotP;
         r->allocNumber = slotP->allocNumber;
         clapiBeginReading(r->conn, slotP);
-        loadReplyRecord(r, slotP);
+        rc = loadReplyRecord(r, slotP);
     }
     if (table.release() != 0) {
         TRACE(at::notReleased);
@@ -316,7 +337,7 @@ static void storeESIReply(RequestSlot* slotP, const ESIRequest& reply)
 enum class ReplyKind { eci, esi, empty };
 
 /* Makes the changes of a reply's channel section to the slot's channel: 0, or why the connection
- * has to end. Thread: whoever settles the slot, which waits meanwhile. */
+ * has to end. */
 static int applySection(const RequestSlot* slotP, const ArrivingBytes* section, int gatewayRc)
 {
     namespace at = tp::receiverThread;
@@ -330,29 +351,38 @@ static int applySection(const RequestSlot* slotP, const ArrivingBytes* section, 
     return firstFailure(rc, QPX_ERR_LOSTGWCON);
 }
 
-/* Makes the changes of a channel section whose channel was still being sent when it came, and is no
- * more. Locks: tableLock held; given up meanwhile. */
-static int changeChannel(Receiver* r, LockGuard* table)
+/* Puts a reply's data where it belongs: 0, or why the connection has to end. Thread: whoever settles
+ * the slot, which waits meanwhile. */
+static int applyReplyData(const RequestSlot* slotP, const ArrivingBytes* data, int gatewayRc)
+{
+    if (slotP->channelHeld != 0) return applySection(slotP, data, gatewayRc);
+    memcpy(slotP->eciParms.eci_commarea, data->data, data->length);
+    return QPX_OK;
+}
+
+/* Applies what was read aside for a request that is not being sent any more.
+ * Locks: tableLock held; given up meanwhile. */
+static int applyAside(Receiver* r, LockGuard* table)
 {
     bool released = table->release() == 0;
-    int rc = applySection(r->slotP, &r->section, r->header.gatewayRc);
+    int rc = applyReplyData(r->slotP, &r->aside, r->header.gatewayRc);
     if (released) table->request();
     return rc;
 }
 
-/* Locks: tableLock held, but for what changeChannel says. */
+/* Locks: tableLock held, but for what applyAside says. */
 static int settleReply(Receiver* r, ReplyKind kind, LockGuard* table)
 {
     // From here on, once it is 0 it stays so: it is looked at once.
-    bool overtakes = r->slotP->channelBeingSent != 0;
-    bool changesChannel = r->section.length != 0;
-    int rc = changesChannel && !overtakes ? changeChannel(r, table) : QPX_OK;
+    bool overtakes = r->slotP->beingSent != 0;
+    bool isAside = r->aside.length != 0;
+    int rc = isAside && !overtakes ? applyAside(r, table) : QPX_OK;
     if (rc != QPX_OK) return rc;
 
     if (kind == ReplyKind::eci) storeECIReply(r->slotP, r->eciReply);
     if (kind == ReplyKind::esi) storeESIReply(r->slotP, r->esiReply);
     if (overtakes)
-        clapiPutAside(r->slotP, r->header.gatewayRc, &r->section);
+        clapiPutAside(r->slotP, r->header.gatewayRc, &r->aside);
     else
         clapiDeliverSlot(r->conn, r->slotP, r->header.gatewayRc);
     return QPX_OK;
@@ -384,6 +414,7 @@ static int receiveECIReply(Receiver* r)
     if (rc == QPX_ERR_MALLOCFAIL && r->eciReply.section != nullptr) TRACE(at::noRoomAside);
     rc = bodyResult(r, rc);
     if (rc != QPX_OK) return rc;
+    if (r->eciReply.commarea == r->aside.data) r->aside.length = r->eciReply.commareaChanged;
     if (r->eciReply.vornRc != 0)
         TRACE(at::eciError, r->eciReply.vornRc, clapiGetRcStringECI(r->eciReply.vornRc));
     return deliverReply(r, ReplyKind::eci);
@@ -437,21 +468,21 @@ static int receiveReply(Receiver* r)
 
 /* Delivers the outcome that has overtaken its request. A channel that cannot be changed as the
  * reply says ends the connection, and the request with it.
- * Locks: tableLock held; given up while the channel is changed. */
+ * Locks: tableLock held; given up while the reply's data is applied. */
 static void deliverPendingOutcome(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, LockGuard* table)
 {
     int gatewayRc = slotP->gatewayRc;
-    ArrivingBytes section = clapiTakeArrived(&slotP->channelSection);
-    if (section.length != 0) {
+    ArrivingBytes data = clapiTakeArrived(&slotP->replyData);
+    if (data.length != 0) {
         bool released = table->held() && table->release() == 0;
-        if (applySection(slotP, &section, gatewayRc) != QPX_OK) {
+        if (applyReplyData(slotP, &data, gatewayRc) != QPX_OK) {
             clapiEndStream(gwTokPtr);
             gatewayRc = QPX_ERR_LOSTGWCON;
         }
-        clapiFreeArrived(&section);
         SCHEDULE_POINT(asideApplied, slotP);
         if (released) table->request();
     }
+    clapiFreeArrived(&data);
     slotP->outcomePending = 0;
     clapiDeliverSlot(gwTokPtr, slotP, gatewayRc);
 }
@@ -611,7 +642,7 @@ static void completeWaitingRequests(Receiver* r)
 static void endConnection(Receiver* r)
 {
     freeBuffer(&r->sockBuffer);
-    clapiFreeArrived(&r->section);
+    clapiFreeArrived(&r->aside);
     SCHEDULE_POINT(connectionEnding, r->conn);
     LockGuard table(r->conn->tableLock);
     clapiEndReading(r->conn);

@@ -187,7 +187,7 @@ static void clearResults(RequestSlot* slotP)
     slotP->esiDetails = nullptr;
     slotP->replyCapacity = 0;
     slotP->channelHeld = 0;
-    slotP->channelBeingSent = 0;
+    slotP->beingSent = 0;
     slotP->purpose = PROGRAM_CALL;
 }
 

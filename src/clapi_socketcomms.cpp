@@ -665,8 +665,8 @@ static int sendECIRequest(Socket socketDesc, GatewayRequest* header, ECIRequest*
 
     writeHeader(&sockBuffer, header);
     writeECIBody(&sockBuffer, request);
-    bool channelIsRead = request->channelBeingSent != nullptr && sockBuffer.socketErr == 0;
-    if (channelIsRead) *request->channelBeingSent = 0;
+    bool dataIsRead = sockBuffer.socketErr == 0;
+    if (dataIsRead && request->beingSent != nullptr) *request->beingSent = 0;
 
     rc = flushBuffer(&sockBuffer);
     noteBreak(header, sockBuffer);
@@ -704,6 +704,7 @@ static size_t readIntoCommarea(SocketBuffer* sockBuffer, ECIRequest* request, si
 {
     size_t stored = std::min(length, commareaRoom(request));
     readBytes(sockBuffer, request->commarea, stored);
+    request->commareaChanged = stored;
     skipBytes(sockBuffer, length - stored);
     return stored;
 }
@@ -776,7 +777,9 @@ static void readCommarea(SocketBuffer* sockBuffer, ECIRequest* request)
     size_t stored = readIntoCommarea(sockBuffer, request,
                                      replyLength(request->commareaInboundLength));
     size_t filled = std::min(replyLength(request->commarealength), commareaRoom(request));
-    if (stored < filled) memset(request->commarea + stored, 0, filled - stored);
+    if (stored >= filled) return;
+    memset(request->commarea + stored, 0, filled - stored);
+    request->commareaChanged = filled;
 }
 
 /* A channel section ends the body. One for a request that holds no channel is dropped. */

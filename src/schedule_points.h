@@ -28,8 +28,8 @@ enum class SchedulePoint {
     slotPassed,         // the slot; a look-up goes on to the next
     failureFound,       // the slot; a failure is about to be delivered
     slotDelivered,      // the slot; tableLock held
-    outcomePutAside,    // the slot, whose channel is still being sent; tableLock held
-    asideApplied,       // the slot; the sender has changed its channel as the reply says
+    outcomePutAside,    // the slot, whose data is still being sent; tableLock held
+    asideApplied,       // the slot; the sender has made the changes of the reply
     flowHandled,        // the token; the receiver goes on to the next flow
     connectionEnding,   // the token; its state is not final yet
     connectionEnded,    // the token; all waiting slots are delivered; tableLock held

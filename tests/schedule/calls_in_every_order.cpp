@@ -94,10 +94,10 @@ bool isRefusedByAClose(const Order& order)
     return order.step == Step::Registered || (order.step == Step::Armed && isAsync(order.kind));
 }
 
-// The channel is still to be read for the request, so that no reply may change it yet.
+// What the reply changes is still to be read for the request.
 bool keepsReplyWaiting(const Order& order)
 {
-    return hasChannel(order.kind) && order.step == Step::BeforeWrite;
+    return isAnsweredInPlace(order.kind) && order.step == Step::BeforeWrite;
 }
 
 bool isPossible(const Order& order)
@@ -189,7 +189,7 @@ protected:
             Counter found(SchedulePoint::replyFound);
             connection.peer.send(work.answer(1));
             found.await(1);
-            EXPECT_EQ(0, work.channel->numContainers.load());
+            work.expectUnchanged();
         } else if (waits(order.step)) {
             deliver(work.answer(1));
         } else {

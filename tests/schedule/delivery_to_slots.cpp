@@ -51,14 +51,14 @@ TEST_F(SlotDelivery, QueuesAReplyOnceThatComesBeforeTheSenderGoesOn)
 
 TEST_F(SlotDelivery, DoesNotWaitForAReplyThatComesBeforeTheRequestIsWritten)
 {
-    Call work(Kind::Sync);
+    Call work(Kind::Password);
     Hold waiting(SchedulePoint::beforeRequestWrite);
     auto call = start(work);
     waiting.awaitArrival();
     EXPECT_EQ(SLOT_WAITING, slot(1).state);
     EXPECT_EQ(0, slot(1).requestEvent.eflag); // armed
 
-    deliver(1, "answered");
+    deliver(work.answer(1));
 
     EXPECT_EQ(1, slot(1).requestEvent.eflag);
     waiting.release();

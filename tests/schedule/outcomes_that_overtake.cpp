@@ -1,7 +1,8 @@
-// Outcomes that come while the request's channel is still being sent: they wait in the slot, for
-// nobody else, and the sender delivers them.
+// Outcomes that come while the data that a reply changes is still being sent: they wait in the
+// slot, for nobody else, and the sender delivers them.
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <string>
 
 #include "schedule/race_fixture.h"
@@ -352,6 +353,172 @@ TEST_F(OvertakenCaller, ReturnsWithTheRefusalOnceItsRequestIsWritten)
 
     EXPECT_RC(61445, call.get());
     connection.awaitRequest();
+    expectClosable();
+}
+
+// ---- The COMMAREA of a synchronous call ----
+
+// The call sends eight bytes, and is held when its slot waits and nothing has been written yet.
+class OvertakenCommarea : public RaceTest {
+protected:
+    // So many bytes of the COMMAREA, of which only these travel.
+    static Bytes reply(int length, const std::string& contents)
+    {
+        int inbound = static_cast<int>(contents.size());
+        return ProgramReply().commarea(length, text(contents)).inbound(inbound).to(1);
+    }
+
+    void putAside(const Bytes& outcome)
+    {
+        beforeWrite.awaitArrival();
+        connection.peer.send(outcome);
+        aside.await(1);
+        passTable();
+    }
+
+    void expectNoOutcomeYet()
+    {
+        EXPECT_EQ(SLOT_WAITING, slot(1).state);
+        EXPECT_EQ(0, slot(1).requestEvent.eflag);
+        EXPECT_EQ(filled(8, 'q'), parms.commarea());
+    }
+
+    // The request carries what the application has put there, whatever has come meanwhile.
+    void expectSent()
+    {
+        Bytes data = filled(8, 'q');
+        Bytes body = connection.awaitRequest().body;
+        EXPECT_NE(body.end(), std::search(body.begin(), body.end(), data.begin(), data.end()));
+    }
+
+    Counter aside{SchedulePoint::outcomePutAside};
+    EciParms parms = syncCall("PROG", filled(8, 'q'));
+    Hold beforeWrite{SchedulePoint::beforeRequestWrite};
+    RunningCall<int> call = start(parms);
+};
+
+TEST_F(OvertakenCommarea, IsChangedOnceItsRequestIsWritten)
+{
+    putAside(reply(8, "answered"));
+    expectNoOutcomeYet();
+
+    beforeWrite.release();
+
+    EXPECT_RC(0, call.get());
+    expectSent();
+    EXPECT_EQ(text("answered"), parms.commarea());
+    expectClosable();
+}
+
+TEST_F(OvertakenCommarea, IsFilledWithZeroesAsFarAsTheReplySays)
+{
+    putAside(reply(6, "abc"));
+    expectNoOutcomeYet();
+
+    beforeWrite.release();
+
+    EXPECT_RC(0, call.get());
+    expectSent();
+    EXPECT_EQ(text("abc") + hex("000000") + text("qq"), parms.commarea());
+    expectClosable();
+}
+
+TEST_F(OvertakenCommarea, KeepsWhatAShorterReplyLeavesAlone)
+{
+    putAside(reply(3, "abc"));
+
+    beforeWrite.release();
+
+    EXPECT_RC(0, call.get());
+    expectSent();
+    EXPECT_EQ(text("abcqqqqq"), parms.commarea());
+    expectClosable();
+}
+
+TEST_F(OvertakenCommarea, IsChangedNoFurtherThanItReaches)
+{
+    putAside(reply(17, "answered and more"));
+
+    beforeWrite.release();
+
+    EXPECT_RC(0, call.get());
+    expectSent();
+    EXPECT_EQ(text("answered"), parms.commarea());
+    expectClosable();
+}
+
+TEST_F(OvertakenCommarea, IsLeftAloneWhenItsWriteFails)
+{
+    putAside(reply(8, "answered"));
+    EXPECT_EQ(0, shutdown(token()->socketDescriptor, SHUT_WR));
+
+    beforeWrite.release();
+
+    EXPECT_RC(QPX_ERR_LOSTGWCON, call.get());
+    EXPECT_EQ(filled(8, 'q'), parms.commarea());
+    lose();
+    expectClosable();
+}
+
+TEST_F(OvertakenCommarea, IsLeftAloneByARefusal)
+{
+    putAside(errorFlow(1, 61445));
+    expectNoOutcomeYet();
+
+    beforeWrite.release();
+
+    EXPECT_RC(61445, call.get());
+    expectSent();
+    EXPECT_EQ(filled(8, 'q'), parms.commarea());
+    expectClosable();
+}
+
+TEST_F(OvertakenCommarea, GetsNoChannelSection)
+{
+    putAside(channelReply(1, "dropped"));
+
+    beforeWrite.release();
+
+    EXPECT_RC(0, call.get());
+    expectSent();
+    EXPECT_EQ(filled(8, 'q'), parms.commarea());
+    expectClosable();
+}
+
+// The receiver has begun to read the reply as one that overtakes, and finds the sender through.
+TEST_F(OvertakenCommarea, IsChangedByTheReceiverOnceItsSenderIsThrough)
+{
+    Hold read(SchedulePoint::replyRead);
+    beforeWrite.awaitArrival();
+    connection.peer.send(reply(8, "answered"));
+    read.awaitArrival();
+    beforeWrite.release();
+    replyAwaited.await(1);
+    expectNoOutcomeYet();
+
+    read.release();
+
+    EXPECT_RC(0, call.get());
+    EXPECT_EQ(0, aside.times());
+    expectSent();
+    EXPECT_EQ(text("answered"), parms.commarea());
+    expectClosable();
+}
+
+// The end of the connection comes within the reply, so that there is none.
+TEST_F(OvertakenCommarea, IsLeftAloneByAReplyThatBreaksOff)
+{
+    beforeWrite.awaitArrival();
+    Bytes cut = reply(8, "answered");
+    cut.resize(cut.size() - 4);
+    connection.peer.send(cut);
+    lose();
+    EXPECT_EQ(1, aside.times());
+
+    beforeWrite.release();
+
+    EXPECT_NE(0, call.get());
+    EXPECT_EQ(filled(8, 'q'), parms.commarea());
     expectClosable();
 }
 

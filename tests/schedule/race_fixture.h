@@ -63,6 +63,12 @@ inline bool hasChannel(Kind kind)
     return kind == Kind::SyncChannel || kind == Kind::AsyncChannel;
 }
 
+// Calls whose reply changes the data that they send.
+inline bool isAnsweredInPlace(Kind kind)
+{
+    return hasChannel(kind) || kind == Kind::Sync || kind == Kind::Extended;
+}
+
 // Calls whose code on an ended connection is the writer's, whatever has ended it.
 inline bool isNoProgramCall(Kind kind)
 {
@@ -144,6 +150,16 @@ public:
             EXPECT_EQ(1, channel->numContainers.load());
         } else if (!isAsync(kind)) {
             EXPECT_EQ(text("answered"), parms.commarea());
+        }
+    }
+
+    // What the call sends is as the application has left it.
+    void expectUnchanged() const
+    {
+        if (hasChannel(kind)) {
+            EXPECT_EQ(0, channel->numContainers.load());
+        } else {
+            EXPECT_EQ(filled(8, 'q'), parms.commarea());
         }
     }
 

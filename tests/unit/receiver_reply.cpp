@@ -1,13 +1,21 @@
 // What the receiver thread does with replies.
+#include "support/channel_bytes.h"
 #include "unit/receiver_fixture.h"
 
 using namespace fixture;
 using namespace script;
 using support::asyncCall;
+using support::beforeCall;
+using support::Call;
+using support::CallInfo;
 using support::EciParms;
+using support::failCall;
+using support::Fault;
+using support::Gate;
 using support::getReply;
 using support::getReplyWait;
 using support::syncCall;
+using support::Threads;
 using support::TraceFile;
 
 namespace {
@@ -465,6 +473,59 @@ TEST_F(ReceiverReply, EndsTheConnectionForTheIdZero)
 
     expectEnded(3);
     EXPECT_EQ(QPX_ERR_SYSTEM_ERROR, connection.token->handshakeRc);
+}
+
+// ---- A reply that comes while its request waits to be sent
+
+class EarlyReply : public ReceiverTest {
+protected:
+    // A call stops before it gets to send, and its reply comes for which there is no memory.
+    void answerWithoutMemory(support::RunningCall<int>& call, const Bytes& answer)
+    {
+        ASSERT_TRUE(sender.awaitArrival());
+        TraceFile trace(1);
+        Fault noMemory = failCall(Call::Malloc, 1, ENOMEM, Threads::Others);
+
+        connection.peer.send(answer);
+
+        ASSERT_TRUE(
+            trace.awaitText("*EXC*  clapi_gwycon.receiverThread() Failed to allocate memory "
+                            "for a reply that came before its request was sent\n"));
+        sender.open();
+        EXPECT_RC(QPX_ERR_LOSTGWCON, call.get());
+        EXPECT_EQ(1, noMemory.hits());
+        expectEnded(3);
+    }
+
+    Gate sender;
+    Fault beforeSending = beforeCall(Call::MutexLock, 0, [this](const CallInfo& info) {
+        if (info.first == asNumber(&connection.token->sendLock.lock)) sender.pass();
+    });
+};
+
+TEST_F(EarlyReply, EndsTheConnectionWithoutMemoryToKeepItsCommarea)
+{
+    asked = syncCall("PROG", text("question"));
+    auto call = connection.start(asked);
+
+    answerWithoutMemory(call, eciReply(1, text("answered")));
+
+    EXPECT_EQ(text("question"), asked.commarea());
+}
+
+TEST_F(EarlyReply, EndsTheConnectionWithoutMemoryToKeepItsChannelSection)
+{
+    ECI_ChannelToken_t channel = nullptr;
+    ASSERT_RC(QPX_OK, ECI_createChannel("CHANNEL", &channel));
+    asked = syncCall("PROG");
+    asked.record.channel = channel;
+    auto call = support::callInThread(
+        [&] { return QPX_ECI_Execute_Channel(connection.token, &asked.record); });
+    Bytes section = support::channelSection("CHANNEL", 819, 1, support::deleted("A"));
+
+    answerWithoutMemory(call, flow(replyType, 1, 0, "ECI", support::replyBody(section)));
+
+    EXPECT_RC(QPX_OK, ECI_deleteChannel(&channel));
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <utility>
 
@@ -52,6 +53,13 @@ inline Bytes flow(int flowType, int messageId, int gatewayRc, const std::string&
     return header(flowType, messageId, gatewayRc, static_cast<int>(type.size()), type,
                   static_cast<int>(body.size())) +
            body;
+}
+
+// The most bytes that the library wants at once of a flow whose type has three or four letters: of
+// a header 32, and then the rest.
+inline std::size_t longestReceiveOf(const Bytes& wholeFlow)
+{
+    return std::max<std::size_t>(32, wholeFlow.size() - 32);
 }
 
 inline Bytes handshakeAnswer()

@@ -3,6 +3,7 @@
 
 #include "support/faults.h"
 
+#include <gtest/gtest.h>
 #include <netdb.h>
 #include <poll.h>
 #include <pthread.h>
@@ -49,6 +50,7 @@ struct FaultRule {
 
     int calls = 0; // guarded by the book's mutex
     int hits = 0;
+    bool askedAbout = false;
 
     bool isFor(pthread_t thread) const
     {
@@ -61,6 +63,13 @@ struct FaultRule {
     }
 
     bool isOf(std::uintptr_t firstArgument) const { return !firstGiven || first == firstArgument; }
+
+    // Whether it should have taken effect by its end, and nobody knows that it has not.
+    bool isWasted() const
+    {
+        bool isHook = kind == Kind::Before || kind == Kind::After;
+        return hits == 0 && !askedAbout && !(isHook && firstNumber == 0);
+    }
 
     bool isDue(int number) const
     {
@@ -116,8 +125,9 @@ struct DueHook {
 // One call of the library on its way.
 class Passage {
 public:
-    Passage(Call call, Style style, const void* caller, std::uintptr_t first, std::uintptr_t second)
-        : info_{call, first, second, 0, 0}
+    Passage(Call call, Style style, const void* caller, std::uintptr_t first, std::uintptr_t second,
+            std::uintptr_t output = 0)
+        : info_{call, first, second, 0, 0, output}
     {
         if (!isLibrary(caller) || insideHook) return;
         Book& all = book();
@@ -179,7 +189,7 @@ private:
         switch (rule->kind) {
         case FaultRule::Kind::Before: before_.push_back(DueHook{rule, rule->calls}); return true;
         case FaultRule::Kind::After: after_.push_back(DueHook{rule, rule->calls}); return true;
-        case FaultRule::Kind::Limit: limit_ = limited(rule->length); return true;
+        case FaultRule::Kind::Limit: limit_ = limited(rule->length); return limit_ < info_.second;
         case FaultRule::Kind::Fail:
         case FaultRule::Kind::Fake: break;
         }
@@ -271,6 +281,11 @@ void Fault::end()
     if (!rule_) return;
     Book& all = book();
     std::lock_guard<std::mutex> hold(all.mutex);
+    if (rule_->isWasted())
+        ADD_FAILURE() << "A fault for call " << rule_->firstNumber << " of kind "
+                      << static_cast<int>(rule_->call) << ", counted from 0, has never taken effect"
+                      << " (" << rule_->calls << " calls).";
+    rule_->askedAbout = true; // told once
     for (auto at = all.rules.begin(); at != all.rules.end(); ++at) {
         if (*at != rule_) continue;
         all.rules.erase(at);
@@ -282,12 +297,14 @@ void Fault::end()
 int Fault::calls() const
 {
     std::lock_guard<std::mutex> hold(book().mutex);
+    rule_->askedAbout = true;
     return rule_->calls;
 }
 
 int Fault::hits() const
 {
     std::lock_guard<std::mutex> hold(book().mutex);
+    rule_->askedAbout = true;
     return rule_->hits;
 }
 
@@ -295,6 +312,7 @@ bool Fault::awaitHits(int count) const
 {
     Book& all = book();
     std::unique_lock<std::mutex> hold(all.mutex);
+    rule_->askedAbout = true;
     return all.changed.wait_for(hold, generousLimit, [&] { return rule_->hits >= count; });
 }
 
@@ -537,9 +555,18 @@ WRAP(__recv_chk, Recv, MinusOne, ssize_t,
      (int descriptor, void* data, std::size_t length, std::size_t room, int flags),
      (descriptor, data, passage.limited(length), room, flags), descriptor, length)
 
-WRAP(getaddrinfo, GetAddrInfo, Number, int,
-     (const char* node, const char* service, const void* hints, void* found),
-     (node, service, hints, found), node, service)
+extern "C" int real_getaddrinfo(const char* node, const char* service, const void* hints,
+                                void* found) __asm__("__real_getaddrinfo");
+extern "C" int wrap_getaddrinfo(const char* node, const char* service, const void* hints,
+                                void* found) __asm__("__wrap_getaddrinfo");
+extern "C" int wrap_getaddrinfo(const char* node, const char* service, const void* hints,
+                                void* found)
+{
+    Passage passage(Call::GetAddrInfo, Style::Number, __builtin_return_address(0), asNumber(node),
+                    asNumber(service), asNumber(found));
+    if (passage.isReplaced()) return passage.replacement<int>();
+    return passage.done(real_getaddrinfo(node, service, hints, found));
+}
 
 WRAP(gettimeofday, Clock, MinusOne, int, (void* now, void* zone), (now, zone), now, 0)
 WRAP(clock_gettime, Clock, MinusOne, int, (int clock, void* now), (clock, now), clock, now)

@@ -9,6 +9,9 @@
 // Where several are in force for one call, hooks run first, in the order of their making, then the
 // oldest failure that is due decides. Calls made from within a hook pass by as well.
 //
+// A fault that has never taken effect fails the test as it ends, unless the test has asked about it:
+// nothing has been shown then. A hook for every call is no fault: it may be there to see none.
+//
 // Belongs to unit_tests only; see support/wrapped_calls.cmake.
 #ifndef SUPPORT_FAULTS_H
 #define SUPPORT_FAULTS_H
@@ -71,6 +74,7 @@ struct CallInfo {
     std::uintptr_t second; // the second, 0 if there is none
     int number;            // 1 for the first call since the fault was made
     long result;           // after the call; pointers as numbers
+    std::uintptr_t output; // where GetAddrInfo leaves what it has found
 };
 
 using Hook = std::function<void(const CallInfo&)>;
@@ -116,8 +120,15 @@ Fault failCallsFrom(Call call, int nth, int errnoValue = EIO, Threads threads = 
 // result; output arguments stay as they are.
 Fault fakeCall(Call call, int nth, long result, Threads threads = Threads::Any);
 
-// The nth Send, Recv or Write, or every one for nth 0, is made with at most so many bytes.
+// The nth Send, Recv or Write, or every one for nth 0, is made with at most so many bytes. It takes
+// effect where the library asks for more.
 Fault limitLength(Call call, std::size_t bytes, int nth = 0, Threads threads = Threads::Any);
+
+// How many of the sends of so many bytes, each with what is left, are cut to a piece.
+inline int cutsOf(std::size_t bytes, std::size_t piece)
+{
+    return static_cast<int>((bytes - 1) / piece);
+}
 
 // Runs a function before or after the nth call, or every one for nth 0, on the calling thread,
 // while that holds whatever locks it holds at this point. It may wait for other threads.

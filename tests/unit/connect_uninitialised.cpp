@@ -55,6 +55,7 @@ TEST_F(ConnectUninitialised, ReadsNoApplidAndChecksNothing)
 
 TEST_F(ConnectUninitialised, TracesNoClosedConnections)
 {
+    EXPECT_EQ(0, noInitialisation.hits());
     noInitialisation.end();
     TraceFile trace(3);
     Fault fails = support::failEveryCall(Call::Once, EAGAIN);

@@ -44,6 +44,9 @@ public:
           time_(fakeCall(Call::Time, 0, static_cast<long>(seconds)))
     {
     }
+    ~StoppedClock() { EXPECT_LT(0, clock_.hits() + time_.hits()); } // whichever is read
+    StoppedClock(const StoppedClock&) = delete;
+    StoppedClock& operator=(const StoppedClock&) = delete;
 
 private:
     Fault clock_;

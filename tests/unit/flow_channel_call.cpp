@@ -285,14 +285,15 @@ TEST_F(FlowChannelCall, TakesAReplyInReceivesOfEverySize)
     Bytes records = added("NEW", 2, 37, text("new")) + modified("A", 1, 0, text("longer")) +
                     deleted("B") + deleted("NEW") + modified("A", 1, 0, text("aa")) +
                     added("B", 1, 0, text("bb"));
-    std::size_t whole = ChannelReply(6, records).to(1).size();
-    for (std::size_t piece = 1; piece <= whole; ++piece) {
+    const Bytes whole = ChannelReply(6, records).to(1);
+    for (std::size_t piece = 1; piece <= whole.size(); ++piece) {
         SCOPED_TRACE(piece);
         EciParms parms = channelCall(ECI_SYNC, channel);
         auto call = startOnWire(parms);
         Fault narrow = support::limitLength(Call::Recv, piece);
         answer(ChannelReply(6, records));
         EXPECT_RC(0, call.get());
+        EXPECT_EQ(piece < longestReceiveOf(whole), narrow.hits() > 0);
         EXPECT_EQ((Names{"B=bb", "A=aa"}), channel.contents());
     }
     expectInOrder();

@@ -361,7 +361,8 @@ TEST_F(FlowChannelRequest, GoesOnAfterShortSends)
     Bytes sentChannel = channelOf(wire.get());
     ASSERT_EQ(1U + 24 + 28 + 40000 + 28 + 1, sentChannel.size());
     EXPECT_TRUE(countedBytes(40000) == slice(sentChannel, 53, 40000));
-    EXPECT_LT(40, narrow.hits());
+    EXPECT_LT(40, narrow.calls());
+    EXPECT_LE(39, narrow.hits());
 }
 
 // ---- What the writing leaves behind ----

@@ -857,6 +857,7 @@ TEST_F(FlowEciRequest, ArrivesWholeThroughShortSendsOfEverySize)
 
         EXPECT_RC(0, flow());
 
+        EXPECT_EQ(cutsOf(126, piece), narrow.hits());
         EXPECT_EQ(whole, toHex(theirs.read(126)));
     }
     EXPECT_EQ("", sentHex());

@@ -11,6 +11,7 @@
 #include "qpxclient_eci.h"
 #include "support/bytes.h"
 #include "support/call_in_thread.h"
+#include "integration/connection_script.h"
 #include "support/eci_parms.h"
 #include "support/expect_rc.h"
 #include "support/faults.h"
@@ -18,6 +19,8 @@
 #include "support/trace_file.h"
 
 using namespace support;
+using script::handshakeAnswer;
+using script::longestReceiveOf;
 
 namespace {
 
@@ -541,6 +544,7 @@ TEST_F(FlowHostile, TakesAReplyInReceivesOfEverySize)
 
         EXPECT_RC(0, callAnswered(answer));
 
+        EXPECT_EQ(piece < longestReceiveOf(answer), narrow.hits() > 0);
         EXPECT_EQ(toHex(text("ABCDEFGH") + filled(2)), commarea());
     }
 }
@@ -571,6 +575,8 @@ TEST_F(FlowHostile, TakesAnExceptionInReceivesOfEverySize)
         Fault narrow = limitLength(Call::Recv, piece);
 
         EXPECT_RC(61446, callAnswered(answer));
+
+        EXPECT_EQ(piece < longestReceiveOf(answer), narrow.hits() > 0);
     }
     EXPECT_EQ(static_cast<int>(answer.size()), trace.timesWroteText("Exception message: lost!\n"));
 }
@@ -584,6 +590,8 @@ TEST_F(FlowHostile, TakesAnErrorInReceivesOfEverySize)
         Fault narrow = limitLength(Call::Recv, piece);
 
         EXPECT_RC(61450, callAnswered(answer));
+
+        EXPECT_EQ(piece < longestReceiveOf(answer), narrow.hits() > 0);
     }
 }
 
@@ -597,6 +605,7 @@ TEST_F(FlowHostile, TakesACloseInReceivesOfEverySize)
 
         EXPECT_RC(61444, callAnswered(answer));
 
+        EXPECT_EQ(piece < longestReceiveOf(answer), narrow.hits() > 0);
         TearDown();
         SetUp();
     }
@@ -612,6 +621,7 @@ TEST_F(FlowHostile, TakesAHandshakeAnswerInReceivesOfEverySize)
         SetUp();
 
         expectUsable();
+        EXPECT_EQ(piece < longestReceiveOf(handshakeAnswer()), narrow.hits() > 0);
     }
 }
 

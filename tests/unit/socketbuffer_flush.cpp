@@ -183,6 +183,7 @@ TEST_F(SocketBufferFlush, ResumesAShortSendUntilAllBytesAreOut)
 
         EXPECT_RC(0, flushBuffer(&sockBuffer));
 
+        EXPECT_EQ(cutsOf(6, piece), narrow.hits());
         EXPECT_EQ(0U, sockBuffer.count);
         EXPECT_EQ(4U, sockBuffer.totalCount);
         EXPECT_EQ(sockBuffer.buffer, sockBuffer.ptr);

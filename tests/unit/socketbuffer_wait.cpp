@@ -88,6 +88,7 @@ TEST_F(SocketBufferWait, KeepsTheErrnoOfAFailedWait)
 
     EXPECT_RC(-102, waitForResponse(&sockBuffer, 0));
 
+    EXPECT_EQ(1, selectFails.hits() + pollFails.hits());
     EXPECT_EQ(ENOMEM, sockBuffer.socketErr);
     EXPECT_RC(-102, fillBuffer(&sockBuffer));
 }

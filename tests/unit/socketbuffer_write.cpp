@@ -449,6 +449,7 @@ TEST_F(SocketBufferWrite, ResumesAShortDirectSendUntilAllBytesAreOut)
 
         stage(text("ABCDEFG"));
 
+        EXPECT_EQ(cutsOf(7, piece), narrow.hits());
         EXPECT_EQ(0, sockBuffer.socketErr);
         EXPECT_EQ(3U, sockBuffer.totalCount);
         EXPECT_EQ("41424344 454647", toHex(theirs.read(7)));

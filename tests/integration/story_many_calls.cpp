@@ -2,19 +2,22 @@
 // more requests on one connection than its first slots.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <memory>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
-#include "integration/eci_script.h"
 #include "standin/gateway.h"
+#include "support/eci_script.h"
 
 using namespace script;
 using support::asyncCall;
 using support::EciParms;
 using support::getReplyWait;
 using support::getSpecificReplyWait;
+using support::matches;
 using support::RunningCall;
 using support::syncCall;
 using support::TraceFile;
@@ -43,6 +46,42 @@ int echoCalls(QPX_ConnToken_t token, int thread, int calls)
         if (QPX_ECI_Execute(token, &parms.record) != 0 || parms.commarea() != contents) wrong += 1;
     }
     return wrong;
+}
+
+// A line of a trace that is neither part of a dump nor a record from its first character to its
+// last. Three texts of the trace have no line end, so that the next record begins behind them.
+bool isTorn(const std::string& line)
+{
+    std::vector<support::TraceRecord> found = support::parseTrace(line);
+    if (found.empty())
+        return !matches("<ptr>: <any> : <any>", line) &&
+               !matches("Data truncation size=<int>, offset=<int>", line);
+    for (std::size_t at = 0; at + 1 < found.size(); ++at) {
+        const std::string& text = found[at].message;
+        if (!matches("clapi_gwytok.findGatewayToken() Token found at GTL Entry(<int>)", text) &&
+            !matches("clapi_gwycon.closeSocket(socket=<int>)", text) &&
+            !matches("clapi_gwycon.closeSocket() rc=<int>", text))
+            return true;
+    }
+    return line.compare(0, found[0].stamp.size(), found[0].stamp) != 0;
+}
+
+// Behind its head, each line of a dump shows the 16 bytes behind those of the line before.
+void expectWholeDump(const std::string& dump)
+{
+    if (dump.empty()) return;
+    std::istringstream lines(dump);
+    std::string line;
+    std::getline(lines, line);
+    EXPECT_EQ("Data truncation size=128, offset=0", line);
+    unsigned long long next = 0;
+    while (std::getline(lines, line)) {
+        unsigned long long shown = std::strtoull(line.c_str(), nullptr, 16);
+        if (next != 0) {
+            EXPECT_EQ(next, shown) << dump;
+        }
+        next = shown + 16;
+    }
 }
 
 QPX_ConnToken_t openTo(const standin::Gateway& gateway)
@@ -197,6 +236,18 @@ TEST(ManyThreads, TraceWholeLines)
     EXPECT_RC(QPX_OK, QPX_closeGatewayConnection(&token));
     EXPECT_EQ(threads * 3, trace.timesWrote(1500));
     EXPECT_EQ(threads * 3, trace.timesWrote(1506));
+    for (const std::string& line : trace.lines()) EXPECT_FALSE(isTorn(line)) << line;
+    EXPECT_EQ('\n', trace.text().back());
+    for (const support::TraceRecord& record : trace.records()) {
+        expectWholeDump(record.body);
+        if (record.point == 1500) {
+            EXPECT_TRUE(matches("API.QPX_ECI_Execute(gwTok=<ptr>, EciParms=<ptr>)", record.message))
+                << record.message;
+        }
+        if (record.point == 1506) {
+            EXPECT_EQ("API.QPX_ECI_Execute() rc=0 (QPX_OK)", record.message);
+        }
+    }
 }
 
 // ---- Connections ----

@@ -59,6 +59,7 @@ int clapiReleaseLock(Clapilock* lockPtr)
         return -1;
     }
     if (pthread_mutex_unlock(&lockPtr->lock) != 0) {
+        SCHEDULE_POINT(releaseRefused, lockPtr);
         TRACE_UNLOCKED(at::failed, lockPtr, errno);
         return -1;
     }

@@ -12,6 +12,7 @@
 
 enum class SchedulePoint {
     lockReleased,       // the lock; behind its release, before its destruction
+    releaseRefused,     // the lock; it is held by another thread, or by none
     callRegistered,     // the token; the call has not looked at its state yet
     requestArmed,       // the slot
     requestWaiting,     // the slot; tableLock held

@@ -17,6 +17,7 @@
 #include "integration/eci_script.h"
 #include "qpxclient_esi.h"
 #include "schedule/scheduler.h"
+#include "support/mutex.h"
 #include "support/trace_file.h"
 
 namespace race {
@@ -185,12 +186,25 @@ inline void expectNoTokenLeft()
     EXPECT_TRUE(support::contains(dumpedTokens(), "The Gateway Token List is EMPTY\n"));
 }
 
-// Nobody holds the lock of the list, and nobody has given it up more often than taken it.
-inline void expectListLockIntact()
-{
-    EXPECT_EQ(0, gtlLock.lock.__data.__lock);
-    EXPECT_EQ(0U, static_cast<unsigned int>(gtlLock.lock.__data.__nusers));
-}
+// The lock of the list, which from here on refuses whoever gives it up without holding it.
+class StrictListLock {
+public:
+    StrictListLock()
+    {
+        EXPECT_EQ(QPX_OK, clapiInit());
+        EXPECT_TRUE(support::makeStrict(gtlLock.lock));
+    }
+
+    // Nobody holds it, and nobody has given it up more often than taken it.
+    void expectIntact()
+    {
+        EXPECT_TRUE(support::isFree(gtlLock.lock));
+        EXPECT_EQ(0, refused.times());
+    }
+
+private:
+    Counter refused{SchedulePoint::releaseRefused, &gtlLock};
+};
 
 // ---- A connection and its other end ----
 
@@ -274,6 +288,7 @@ protected:
         EXPECT_EQ(messageId, int(parms.record.eci_message_qualifier));
         EXPECT_EQ(text(contents), parms.commarea());
     }
+    void expectListLockIntact() { listLock.expectIntact(); }
     void expectNothingToCollect()
     {
         EciParms parms = getReply(8);
@@ -328,6 +343,7 @@ protected:
         expectListLockIntact();
     }
 
+    StrictListLock listLock; // before there is a connection
     Counter delivered{SchedulePoint::slotDelivered};
     Counter swept{SchedulePoint::connectionEnded};
     Counter sendersAwaited{SchedulePoint::beforeSendersWait};

@@ -17,6 +17,7 @@
 #include "support/channels.h"
 #include "support/expect_rc.h"
 #include "support/faults.h"
+#include "support/mutex.h"
 #include "support/trace_file.h"
 
 namespace fixture {
@@ -96,12 +97,7 @@ public:
     }
 };
 
-inline bool isFree(pthread_mutex_t& mutex)
-{
-    if (pthread_mutex_trylock(&mutex) != 0) return false;
-    pthread_mutex_unlock(&mutex);
-    return true;
-}
+using support::isFree;
 
 // Nobody holds the channel, nor any lock of it, and it can be held.
 inline ::testing::AssertionResult isUsable(ECI_ChannelToken_t token)

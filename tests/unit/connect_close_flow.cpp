@@ -31,11 +31,7 @@ protected:
         return number;
     }
 
-    void expectSendLockIsFree()
-    {
-        EXPECT_EQ(0, pthread_mutex_trylock(&connection.token->sendLock.lock));
-        pthread_mutex_unlock(&connection.token->sendLock.lock);
-    }
+    void expectSendLockIsFree() { EXPECT_TRUE(support::isFree(connection.token->sendLock.lock)); }
 
     ScriptedConnection connection;
 };
@@ -61,8 +57,7 @@ TEST_F(ConnectCloseFlow, IsWrittenUnderTheSendLock)
 {
     bool held = false;
     Fault hook = beforeCall(Call::Send, 1, [&](const CallInfo&) {
-        held = pthread_mutex_trylock(&connection.token->sendLock.lock) != 0;
-        if (!held) pthread_mutex_unlock(&connection.token->sendLock.lock);
+        held = !support::isFree(connection.token->sendLock.lock);
     });
 
     EXPECT_RC(QPX_OK, clapiCloseConnection(connection.token));

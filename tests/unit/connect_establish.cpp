@@ -14,6 +14,7 @@
 
 using namespace fixture;
 using namespace script;
+using support::afterCall;
 using support::beforeCall;
 using support::Call;
 using support::CallInfo;
@@ -133,15 +134,47 @@ TEST_F(ConnectEstablish, FailsWithBadHostWithoutASocket)
     EXPECT_EQ(0, closes.hits());
 }
 
-TEST_F(ConnectEstablish, TriesTheFirstAddressOnly)
+// A name with two addresses: at the second, the gateway of the test listens.
+class ConnectToManyAddresses : public ConnectEstablish {
+protected:
+    int openBoth(int firstPort)
+    {
+        Fault resolved = afterCall(Call::GetAddrInfo, 1, [this](const CallInfo& info) {
+            (*reinterpret_cast<addrinfo**>(info.output))->ai_next = addressOf(gateway.port());
+        });
+        int rc = QPX_openRemoteGatewayConnection(localHost(), firstPort, &token, 5);
+        EXPECT_EQ(1, resolved.hits());
+        return rc;
+    }
+
+    // Freed with the list that it is hung to.
+    static addrinfo* addressOf(int port)
+    {
+        addrinfo hints = {};
+        hints.ai_socktype = SOCK_STREAM;
+        addrinfo* found = nullptr;
+        EXPECT_EQ(0, getaddrinfo(localHost(), std::to_string(port).c_str(), &hints, &found));
+        return found;
+    }
+};
+
+TEST_F(ConnectToManyAddresses, MakesASocketForTheFirstOnly)
 {
-    char manyAddresses[] = "localhost";
-    Fault fault = support::failEveryCall(Call::Socket, EAFNOSUPPORT);
+    Fault sockets = support::failEveryCall(Call::Socket, EAFNOSUPPORT);
 
-    EXPECT_RC(QPX_ERR_BADHOST,
-              QPX_openRemoteGatewayConnection(manyAddresses, gateway.port(), &token, 5));
+    EXPECT_RC(QPX_ERR_BADHOST, openBoth(gateway.port()));
 
-    EXPECT_EQ(1, fault.hits());
+    EXPECT_EQ(1, sockets.hits());
+}
+
+TEST_F(ConnectToManyAddresses, TriesTheFirstOnly)
+{
+    support::RefusingPort refusing;
+
+    EXPECT_RC(QPX_ERR_CONNECTFAILED, openBoth(refusing.port()));
+
+    EXPECT_EQ(1, connects.hits());
+    EXPECT_EQ(nullptr, token);
 }
 
 TEST_F(ConnectEstablish, SwitchesKeepAliveAndNoDelayOn)
@@ -293,16 +326,15 @@ TEST_F(ConnectEstablish, FailsWhenThereIsNoMemoryForTheHandshake)
 TEST_F(ConnectEstablish, WritesTheHandshakeWithoutTheSendLock)
 {
     TraceFile trace(3);
-    bool held = false;
+    bool free = false;
     Fault hook = beforeCall(Call::Send, 1, [&](const CallInfo&) {
-        _QPX_ConnToken_t* record = tokenInTrace(trace);
-        held = pthread_mutex_trylock(&record->sendLock.lock) != 0;
-        if (!held) pthread_mutex_unlock(&record->sendLock.lock);
+        free = support::isFree(tokenInTrace(trace)->sendLock.lock);
     });
 
     ScriptedConnection connection;
 
-    EXPECT_FALSE(held);
+    EXPECT_EQ(1, hook.hits());
+    EXPECT_TRUE(free);
 }
 
 } // namespace

@@ -22,6 +22,7 @@
 #include "clapi_impl.h"
 #include "integration/connection_script.h"
 #include "support/faults.h"
+#include "support/mutex.h"
 #include "support/trace_file.h"
 
 namespace fixture {

@@ -43,7 +43,11 @@ static pthread_mutex_t containerListGuard = PTHREAD_MUTEX_INITIALIZER;
 
 class ContainerListHold {
 public:
-    ContainerListHold() { pthread_mutex_lock(&containerListGuard); }
+    ContainerListHold()
+    {
+        SCHEDULE_POINT(beforeListChange, &containerListGuard);
+        pthread_mutex_lock(&containerListGuard);
+    }
     ~ContainerListHold() { pthread_mutex_unlock(&containerListGuard); }
     ContainerListHold(const ContainerListHold&) = delete;
     ContainerListHold& operator=(const ContainerListHold&) = delete;

@@ -50,6 +50,7 @@ enum class SchedulePoint {
     beforeWaitersWait,  // the channel; its deletion waits for those who wait for it
     channelsUnlisted,   // the first of all channels; they are off the list, and destroyed next
     containerLinked,    // the channel; a container has been added
+    beforeListChange,   // the guard of all container lists; it is wanted next
     channelDumped,      // the channel; its containers come next; containerListGuard held
 };
 

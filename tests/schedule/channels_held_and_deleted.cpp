@@ -533,13 +533,17 @@ TEST_F(HeldChannel, IsNotChangedWhileItIsBeingDumped)
     Hold dumping(SchedulePoint::channelDumped, channel);
     auto call = callInThread([] { return QPX_ECI_dumpChannels(); });
     dumping.awaitArrival();
+    Hold changing(SchedulePoint::beforeListChange);
     connection.peer.send(flow(replyType, 1, 0, "ECI",
                               be32(1) + be32(0) + be32(0) + be32(0) + text("    ") + be32(0) +
                                   hex("00") + hex("FF") + text("CHANNEL         ") + be32(819) +
                                   be32(1) + support::padded("FIRST", 16) + hex("02 0000 01") +
                                   be32(0) + be32(0)));
-    // From here on the receiver changes the channel, and has to wait.
-    ASSERT_TRUE(lines.awaitText("clapi_socketcomms.readChannel("));
+    // The receiver wants to change the channel next, for which it needs what the dump holds.
+    auto* guard = static_cast<pthread_mutex_t*>(const_cast<void*>(changing.heldAbout()));
+    ASSERT_TRUE(lines.wroteText("clapi_socketcomms.readChannel("));
+    EXPECT_FALSE(support::isFree(*guard));
+    changing.release();
     EXPECT_EQ(0, delivered.times());
     EXPECT_EQ(2, channel->numContainers.load());
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "integration/eci_script.h"
+#include "support/eci_script.h"
 
 using namespace script;
 using support::asyncCall;

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "integration/eci_script.h"
 #include "standin/gateway.h"
+#include "support/eci_script.h"
 
 using namespace script;
 using standin::Fault;

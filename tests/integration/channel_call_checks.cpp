@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "integration/channel_script.h"
+#include "support/channel_script.h"
 
 using namespace script;
 using support::eciCall;
@@ -141,8 +141,8 @@ TEST_F(ChannelChecks, ChecksTheCallTypeBeforeTheChannel)
 {
     EciParms parms = eciCall(7, "PROG", Bytes());
     expectRefused(-14, 1550,
-                  "clapi_eci.verifyEciParms() Invalid Call Type, EciParms=" +
-                      address(&parms.record) + ", eci_call_type=7",
+                  "clapi_eci.verifyEciParms() Invalid Call Type, EciParms=" + shown(&parms.record) +
+                      ", eci_call_type=7",
                   parms);
 }
 
@@ -423,9 +423,8 @@ TEST_F(ChannelCallDump, ShowsTheRecordOnEntryAndExit)
 {
     TraceFile trace(4);
     expectTaken(parms);
-    EXPECT_TRUE(
-        trace.wrote(1513, "API.QPX_ECI_Execute_Channel() EciParms=" + address(&parms.record) +
-                              " len=" + recordSize() + " stopword=00000000"))
+    EXPECT_TRUE(trace.wrote(1513, "API.QPX_ECI_Execute_Channel() EciParms=" + shown(&parms.record) +
+                                      " len=" + recordSize() + " stopword=00000000"))
         << trace.text();
     EXPECT_TRUE(
         trace.wrote(1515, "API.QPX_ECI_Execute_Channel<any> EciParms=" + address(&parms.record) +

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "integration/channel_script.h"
+#include "support/channel_script.h"
 
 using namespace script;
 using support::changeOf;

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "integration/channel_script.h"
 #include "standin/gateway.h"
+#include "support/channel_script.h"
 
 using namespace script;
 using support::changeOf;

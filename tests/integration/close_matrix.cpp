@@ -1,5 +1,5 @@
 // Every way to close a connection with everything that may be in progress on it.
-#include "integration/close_matrix.h"
+#include "support/close_matrix.h"
 
 using namespace matrix;
 

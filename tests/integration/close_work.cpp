@@ -2,8 +2,8 @@
 #include <memory>
 #include <vector>
 
-#include "integration/connection_script.h"
 #include "standin/gateway.h"
+#include "support/connection_script.h"
 #include "support/trace_file.h"
 
 using namespace script;

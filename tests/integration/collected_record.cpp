@@ -10,7 +10,7 @@
 #include <signal.h>
 #include <ucontext.h>
 
-#include "integration/eci_script.h"
+#include "support/eci_script.h"
 
 using namespace script;
 using support::EciParms;

@@ -2,7 +2,7 @@
 #include <cstdio>
 #include <memory>
 
-#include "integration/connection_script.h"
+#include "support/connection_script.h"
 #include "support/trace_file.h"
 
 using namespace script;

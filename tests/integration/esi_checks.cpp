@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "integration/esi_script.h"
+#include "support/esi_script.h"
 
 using namespace script;
 using support::syncCall;

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "integration/esi_script.h"
 #include "standin/gateway.h"
+#include "support/esi_script.h"
 
 using namespace script;
 using support::EciParms;

@@ -5,8 +5,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "integration/eci_script.h"
 #include "qpxclient_esi.h"
+#include "support/eci_script.h"
 
 using support::TraceFile;
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "integration/esi_script.h"
+#include "support/esi_script.h"
 
 using namespace script;
 using support::EciParms;

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "integration/esi_script.h"
+#include "support/esi_script.h"
 
 using namespace script;
 using support::TraceFile;
@@ -160,9 +160,8 @@ TEST_F(ListSystemsTrace, TellsOfItsStepsInOrderAtLevelThree)
                                 3205, 2025, 2027, 2028, 1028}),
               points(trace));
     EXPECT_TRUE(trace.wrote(1017, "ENTRY",
-                            "API.QPX_listSystems(gwTok=" + address(connection.token) +
-                                ", Systems=" + address(&systems.count) +
-                                ", List=" + address(systems.get()) + ")"));
+                            "API.QPX_listSystems(gwTok=" + shown(connection.token) + ", Systems=" +
+                                shown(&systems.count) + ", List=" + shown(systems.get()) + ")"));
     EXPECT_TRUE(
         trace.wrote(3203, "EXIT", "clapi_socketcomms.calculateECIRequestSize() requestSize=19"));
     EXPECT_TRUE(trace.wrote(1028, "EXIT", "API.QPX_listSystems() rc=0 (QPX_OK)"));

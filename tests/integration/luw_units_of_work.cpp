@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "integration/eci_script.h"
 #include "standin/gateway.h"
+#include "support/eci_script.h"
 
 using namespace script;
 using support::asyncCall;

@@ -1,7 +1,7 @@
 // The applid and its qualifier of a connection: from the arguments, or from the environment.
 #include <cstdlib>
 
-#include "integration/connection_script.h"
+#include "support/connection_script.h"
 #include "support/trace_file.h"
 
 using namespace script;

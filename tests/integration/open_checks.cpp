@@ -1,5 +1,5 @@
 // Opening a connection: the checks of the arguments, in their order, and what they trace.
-#include "integration/connection_script.h"
+#include "support/connection_script.h"
 #include "support/trace_file.h"
 
 using namespace script;

@@ -1,6 +1,6 @@
 // How an open ends with Gateways that answer, refuse, stay silent or go away.
-#include "integration/connection_script.h"
 #include "standin/gateway.h"
+#include "support/connection_script.h"
 #include "support/trace_file.h"
 
 using namespace script;

@@ -9,9 +9,9 @@
 #include <utility>
 #include <vector>
 
-#include "integration/connection_script.h"
 #include "qpxclient_eci.h"
 #include "qpxclient_esi.h"
+#include "support/connection_script.h"
 #include "support/trace_file.h"
 
 using namespace script;

@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <string>
 
-#include "integration/connection_script.h"
 #include "support/connected_descriptor.h"
+#include "support/connection_script.h"
 
 using namespace script;
 using support::descriptorTo;

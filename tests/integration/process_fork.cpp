@@ -2,9 +2,9 @@
 #include <fcntl.h>
 #include <sched.h>
 
-#include "integration/connection_script.h"
 #include "qpxclient_eci.h"
 #include "support/connected_descriptor.h"
+#include "support/connection_script.h"
 #include "support/forked.h"
 #include "support/trace_file.h"
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "integration/connection_script.h"
+#include "support/connection_script.h"
 
 using namespace script;
 

@@ -1,8 +1,8 @@
 // Purging connections while calls are in progress.
 #include <chrono>
 
-#include "integration/connection_script.h"
 #include "standin/gateway.h"
+#include "support/connection_script.h"
 #include "support/trace_file.h"
 
 using namespace script;

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "support/eci_script.h"
 #include "standin/gateway.h"
 #include "support/eci_script.h"
 

@@ -14,7 +14,7 @@
 #include "clapi_channel.h"
 #include "clapi_diag.h"
 #include "clapi_gwytok.h"
-#include "integration/eci_script.h"
+#include "support/eci_script.h"
 #include "qpxclient_esi.h"
 #include "schedule/scheduler.h"
 #include "support/mutex.h"

@@ -4,7 +4,7 @@
 #include <atomic>
 #include <thread>
 
-#include "integration/eci_script.h"
+#include "support/eci_script.h"
 #include "support/faults.h"
 
 using namespace script;

@@ -1,5 +1,5 @@
 // What is left of a connection's memory when it is closed, whatever was in progress on it.
-#include "integration/close_matrix.h"
+#include "support/close_matrix.h"
 #include "support/live_blocks.h"
 
 using namespace matrix;

@@ -20,7 +20,7 @@
 #include "clapi_gwycon.h"
 #include "clapi_gwytok.h"
 #include "clapi_impl.h"
-#include "integration/connection_script.h"
+#include "support/connection_script.h"
 #include "support/faults.h"
 #include "support/mutex.h"
 #include "support/trace_file.h"

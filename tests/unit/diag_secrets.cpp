@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "clapi_types.h"
-#include "integration/esi_script.h"
 #include "standin/gateway.h"
+#include "support/esi_script.h"
 
 using namespace script;
 using support::EciParms;

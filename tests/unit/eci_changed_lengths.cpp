@@ -1,7 +1,7 @@
 // Records that another thread changes between their check and their use. What uses them is called
 // as the check would have let nobody do.
 #include "clapi_eci.h"
-#include "integration/eci_script.h"
+#include "support/eci_script.h"
 
 using namespace script;
 using support::asyncCall;

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "clapi_gwytok.h"
-#include "integration/eci_script.h"
+#include "support/eci_script.h"
 #include "support/faults.h"
 
 using namespace script;

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "clapi_types.h"
-#include "integration/eci_script.h"
+#include "support/eci_script.h"
 #include "support/faults.h"
 
 using namespace script;

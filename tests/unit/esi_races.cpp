@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "integration/esi_script.h"
 #include "support/descriptors.h"
+#include "support/esi_script.h"
 #include "unit/connect_fixture.h"
 
 using namespace fixture;

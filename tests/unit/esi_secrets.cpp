@@ -13,8 +13,9 @@
 #include <vector>
 
 #include "clapi_socketbuffer.h"
-#include "integration/esi_script.h"
+#include "support/esi_script.h"
 #include "standin/gateway.h"
+#include "support/esi_script.h"
 #include "support/faults.h"
 
 using namespace script;

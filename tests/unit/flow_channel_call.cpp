@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "clapi_channel.h"
-#include "integration/channel_script.h"
+#include "support/channel_script.h"
 #include "unit/connect_fixture.h"
 
 using namespace script;
@@ -293,7 +293,7 @@ TEST_F(FlowChannelCall, TakesAReplyInReceivesOfEverySize)
         Fault narrow = support::limitLength(Call::Recv, piece);
         answer(ChannelReply(6, records));
         EXPECT_RC(0, call.get());
-        EXPECT_EQ(piece < longestReceiveOf(whole), narrow.hits() > 0);
+        EXPECT_EQ(piece<longestReceiveOf(whole), narrow.hits()> 0);
         EXPECT_EQ((Names{"B=bb", "A=aa"}), channel.contents());
     }
     expectInOrder();

@@ -707,7 +707,7 @@ TEST_F(FlowChannelReply, TakesAReplyInReceivesOfEverySize)
 
         EXPECT_RC(0, clapiReadECIResponse(&sockBuffer, &request));
 
-        EXPECT_EQ(piece < body.size(), narrow.hits() > 0);
+        EXPECT_EQ(piece<body.size(), narrow.hits()> 0);
         EXPECT_EQ((Names{"NEW 2 1208 64617461", "A 1 0 6C6F6E67 6572", "C 1 0 6363"}),
                   fresh.contents());
         EXPECT_EQ(37, fresh.token->ccsid.load());

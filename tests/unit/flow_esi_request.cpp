@@ -3,7 +3,7 @@
 
 #include <cerrno>
 
-#include "integration/esi_script.h"
+#include "support/esi_script.h"
 
 using namespace support;
 using namespace unit;

@@ -11,7 +11,7 @@
 #include "qpxclient_eci.h"
 #include "support/bytes.h"
 #include "support/call_in_thread.h"
-#include "integration/connection_script.h"
+#include "support/connection_script.h"
 #include "support/eci_parms.h"
 #include "support/expect_rc.h"
 #include "support/faults.h"
@@ -544,7 +544,7 @@ TEST_F(FlowHostile, TakesAReplyInReceivesOfEverySize)
 
         EXPECT_RC(0, callAnswered(answer));
 
-        EXPECT_EQ(piece < longestReceiveOf(answer), narrow.hits() > 0);
+        EXPECT_EQ(piece<longestReceiveOf(answer), narrow.hits()> 0);
         EXPECT_EQ(toHex(text("ABCDEFGH") + filled(2)), commarea());
     }
 }
@@ -576,7 +576,7 @@ TEST_F(FlowHostile, TakesAnExceptionInReceivesOfEverySize)
 
         EXPECT_RC(61446, callAnswered(answer));
 
-        EXPECT_EQ(piece < longestReceiveOf(answer), narrow.hits() > 0);
+        EXPECT_EQ(piece<longestReceiveOf(answer), narrow.hits()> 0);
     }
     EXPECT_EQ(static_cast<int>(answer.size()), trace.timesWroteText("Exception message: lost!\n"));
 }
@@ -591,7 +591,7 @@ TEST_F(FlowHostile, TakesAnErrorInReceivesOfEverySize)
 
         EXPECT_RC(61450, callAnswered(answer));
 
-        EXPECT_EQ(piece < longestReceiveOf(answer), narrow.hits() > 0);
+        EXPECT_EQ(piece<longestReceiveOf(answer), narrow.hits()> 0);
     }
 }
 
@@ -605,7 +605,7 @@ TEST_F(FlowHostile, TakesACloseInReceivesOfEverySize)
 
         EXPECT_RC(61444, callAnswered(answer));
 
-        EXPECT_EQ(piece < longestReceiveOf(answer), narrow.hits() > 0);
+        EXPECT_EQ(piece<longestReceiveOf(answer), narrow.hits()> 0);
         TearDown();
         SetUp();
     }
@@ -621,7 +621,7 @@ TEST_F(FlowHostile, TakesAHandshakeAnswerInReceivesOfEverySize)
         SetUp();
 
         expectUsable();
-        EXPECT_EQ(piece < longestReceiveOf(handshakeAnswer()), narrow.hits() > 0);
+        EXPECT_EQ(piece<longestReceiveOf(handshakeAnswer()), narrow.hits()> 0);
     }
 }
 

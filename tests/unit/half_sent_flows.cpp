@@ -8,8 +8,8 @@
 #include <tuple>
 
 #include "clapi_types.h"
-#include "integration/channel_script.h"
 #include "qpxclient_esi.h"
+#include "support/channel_script.h"
 #include "support/faults.h"
 
 using namespace script;

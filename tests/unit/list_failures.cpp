@@ -5,7 +5,7 @@
 #include <string>
 
 #include "clapi_gwytok.h"
-#include "integration/esi_script.h"
+#include "support/esi_script.h"
 #include "support/faults.h"
 
 using namespace script;

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <string>
 
-#include "integration/eci_script.h"
+#include "support/eci_script.h"
 #include "support/faults.h"
 
 using namespace script;

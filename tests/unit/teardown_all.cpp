@@ -6,8 +6,8 @@
 
 using namespace fixture;
 using namespace script;
-using support::asyncCall;
 using support::afterCall;
+using support::asyncCall;
 using support::beforeCall;
 using support::Call;
 using support::CallInfo;
@@ -54,8 +54,8 @@ protected:
 
 std::string entryLine(const std::string& number, const void* token)
 {
-    return "clapi_gwytok.clapiDeleteGatewayTokens(indexToken=" + pointerText(token) +
-           ") GTL entry " + number + ": GatwayToken(" + pointerText(token) +
+    return "clapi_gwytok.clapiDeleteGatewayTokens(indexToken=" + shown(token) + ") GTL entry " +
+           number + ": GatwayToken(" + shown(token) +
            ") eyecatcher(QPXGWTOK) port(<int>) connStatus(1) socket(<int>) applid() applidQual() "
            "nextGwyTokPtr(<any>)";
 }

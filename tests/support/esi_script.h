@@ -1,14 +1,14 @@
 // What the tests of password calls and of the list of systems add to connection_script.h: their
 // replies, field by field, and a connection on which such a call runs while the test answers it.
-#ifndef INTEGRATION_ESI_SCRIPT_H
-#define INTEGRATION_ESI_SCRIPT_H
+#ifndef SUPPORT_ESI_SCRIPT_H
+#define SUPPORT_ESI_SCRIPT_H
 
 #include <algorithm>
 #include <cstring>
 #include <string>
 #include <vector>
 
-#include "integration/eci_script.h"
+#include "support/eci_script.h"
 #include "qpxclient_esi.h"
 
 namespace script {

@@ -1,12 +1,12 @@
 // What the tests of ECI calls add to connection_script.h: replies that say whatever a test wants
 // them to say, and connections brought into the states that these calls look at.
-#ifndef INTEGRATION_ECI_SCRIPT_H
-#define INTEGRATION_ECI_SCRIPT_H
+#ifndef SUPPORT_ECI_SCRIPT_H
+#define SUPPORT_ECI_SCRIPT_H
 
 #include <cstdio>
 #include <string>
 
-#include "integration/connection_script.h"
+#include "support/connection_script.h"
 #include "support/trace_file.h"
 
 namespace script {

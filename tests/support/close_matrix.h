@@ -1,6 +1,6 @@
 // Every way to close a connection, and everything that may be in progress on it meanwhile.
-#ifndef INTEGRATION_CLOSE_MATRIX_H
-#define INTEGRATION_CLOSE_MATRIX_H
+#ifndef SUPPORT_CLOSE_MATRIX_H
+#define SUPPORT_CLOSE_MATRIX_H
 
 #include <gtest/gtest.h>
 
@@ -9,7 +9,7 @@
 #include <tuple>
 #include <vector>
 
-#include "integration/connection_script.h"
+#include "support/connection_script.h"
 #include "qpxclient_esi.h"
 #include "standin/gateway.h"
 #include "support/trace_file.h"

@@ -1,12 +1,12 @@
 // What the tests of channel calls add to eci_script.h: channels made and looked at by the exported
 // calls, records of channel calls, and replies that change a channel.
-#ifndef INTEGRATION_CHANNEL_SCRIPT_H
-#define INTEGRATION_CHANNEL_SCRIPT_H
+#ifndef SUPPORT_CHANNEL_SCRIPT_H
+#define SUPPORT_CHANNEL_SCRIPT_H
 
 #include <string>
 #include <vector>
 
-#include "integration/eci_script.h"
+#include "support/eci_script.h"
 #include "support/channel_bytes.h"
 
 namespace script {

@@ -1,7 +1,7 @@
 // Flows written out by hand, and a connection whose other end the test plays itself. Uses the
 // library's exported calls only.
-#ifndef INTEGRATION_CONNECTION_SCRIPT_H
-#define INTEGRATION_CONNECTION_SCRIPT_H
+#ifndef SUPPORT_CONNECTION_SCRIPT_H
+#define SUPPORT_CONNECTION_SCRIPT_H
 
 #include <gtest/gtest.h>
 

@@ -142,7 +142,7 @@ TEST_F(AsyncCall, CountsWhatIsOutstanding)
     TraceFile trace(4);
     int first = send();
     EXPECT_TRUE(trace.wroteText("DEBUG  clapi_eci.performEciExecute() Async requests=1 on gwTok=" +
-                                address(connection.token) + "\n"));
+                                shown(connection.token) + "\n"));
     send();
     EXPECT_TRUE(trace.wroteText("clapi_eci.performEciExecute() Async requests=2 on gwTok="));
     answer(first, "x");
@@ -150,7 +150,7 @@ TEST_F(AsyncCall, CountsWhatIsOutstanding)
     collect();
     EXPECT_TRUE(trace.wrote(1545, "DEBUG",
                             "clapi_eci.getAsyncReply() Async requests=1 on gwTok=" +
-                                address(connection.token)));
+                                shown(connection.token)));
 }
 
 // ---- The reply's buffer ----
@@ -358,7 +358,7 @@ TEST_F(AsyncCall, TracesTheReplyThatWasFound)
     trace.forget();
     collect();
     EXPECT_TRUE(trace.wrote(1536, "ENTRY",
-                            "clapi_eci.getAsyncReply(gwTok=" + address(connection.token) +
+                            "clapi_eci.getAsyncReply(gwTok=" + shown(connection.token) +
                                 ", EciParms=<ptr>)"));
     EXPECT_TRUE(
         trace.wrote(1542, "DEBUG", "clapi_eci.getAsyncReply() Async reply found, msg qual=1"));

@@ -197,7 +197,7 @@ TEST_P(AsyncChannelCollected, UnlocksTheChannelOnce)
     EXPECT_EQ(0, trace.timesWrote(1460));
     EXPECT_EQ(1, trace.timesWrote(1471));
     EXPECT_TRUE(trace.wrote(1471, "ENTRY",
-                            "clapi_channel.unlockChannel(chanTok=" + address(channel.token) + ")"));
+                            "clapi_channel.unlockChannel(chanTok=" + shown(channel.token) + ")"));
 }
 
 TEST_P(AsyncChannelCollected, WaitsOrNotAndLeavesTheChannelHeld)
@@ -302,7 +302,7 @@ TEST_P(AsyncChannelUse, WaitsUntilTheReplyIsCollected)
     ASSERT_TRUE(trace.awaitText(waitsForChannel));
     EXPECT_TRUE(trace.wrote(1463, "DEBUG",
                             "clapi_channel.lockChannel() Waiting for channel \"CHANNEL\" (" +
-                                address(channel.token) + ")"));
+                                shown(channel.token) + ")"));
     answer(qualifier, ChannelReply());
     awaitDelivery();
     EXPECT_FALSE(use.hasEnded());
@@ -310,7 +310,7 @@ TEST_P(AsyncChannelUse, WaitsUntilTheReplyIsCollected)
     EXPECT_RC(0, use.get());
     EXPECT_TRUE(trace.wroteText("DEBUG  clapi_channel.lockChannel() Finished waiting for channel "
                                 "\"CHANNEL\" (" +
-                                address(channel.token) + ")\n"));
+                                shown(channel.token) + ")\n"));
 }
 
 TEST_F(AsyncChannelCall, HoldsUpTheDeletionOfItsChannel)
@@ -383,10 +383,10 @@ TEST_F(AsyncChannelCall, IsCollectedByOneOfManyWaiters)
     ASSERT_TRUE(trace.awaitText("clapi_channel.unlockChannel() rc=0"));
     channel.expectFree();
     EXPECT_EQ((Names{"B=bb"}), channel.contents());
-    EXPECT_EQ(1, trace.timesWroteText(
-                     "ENTRY  clapi_channel.unlockChannel(chanTok=" + shown(channel.token) + ")\n") -
+    EXPECT_EQ(1, trace.timesWroteText("ENTRY  clapi_channel.unlockChannel(chanTok=" +
+                                      shown(channel.token) + ")\n") -
                      trace.timesWroteText("ENTRY  clapi_channel.lockChannel(chanTok=" +
-                                          address(channel.token) + ")\n"));
+                                          shown(channel.token) + ")\n"));
     connection.peer.close();
     int firstRc = firstWaits.get();
     int secondRc = secondWaits.get();

@@ -96,7 +96,7 @@ TEST_F(ChannelChecks, RefusesARecordOfVersionThree)
     parms.withVersion(3);
     expectRefused(-21, 1549,
                   "clapi_eci.verifyEciParms() Invalid ECI Version, EciParms=" +
-                      address(&parms.record) + ", eci_version=3",
+                      shown(&parms.record) + ", eci_version=3",
                   parms);
 }
 
@@ -106,7 +106,7 @@ TEST_F(ChannelChecks, RefusesARecordOfVersionSeven)
     parms.withVersion(7);
     expectRefused(-21, 1549,
                   "clapi_eci.verifyEciParms() Invalid ECI Version, EciParms=" +
-                      address(&parms.record) + ", eci_version=7",
+                      shown(&parms.record) + ", eci_version=7",
                   parms);
 }
 
@@ -123,7 +123,7 @@ TEST_F(ChannelChecks, RefusesAnAsynchronousCallOfVersionFive)
     parms.withVersion(5);
     expectRefused(-21, 1552,
                   "clapi_eci.verifyEciParms() Invalid ECI Version, EciParms=" +
-                      address(&parms.record) + ", eci_version=5",
+                      shown(&parms.record) + ", eci_version=5",
                   parms);
 }
 
@@ -132,7 +132,7 @@ TEST_F(ChannelChecks, ChecksTheRecordBeforeTheChannel)
     EciParms parms = eciCall(ECI_SYNC, "PROG", Bytes());
     parms.record.eci_timeout = -1;
     expectRefused(-5, 1559,
-                  "clapi_eci.verifyEciParms() Invalid Timeout, EciParms=" + address(&parms.record) +
+                  "clapi_eci.verifyEciParms() Invalid Timeout, EciParms=" + shown(&parms.record) +
                       ", eci_timeout=-1",
                   parms);
 }
@@ -141,8 +141,8 @@ TEST_F(ChannelChecks, ChecksTheCallTypeBeforeTheChannel)
 {
     EciParms parms = eciCall(7, "PROG", Bytes());
     expectRefused(-14, 1550,
-                  "clapi_eci.verifyEciParms() Invalid Call Type, EciParms=" + shown(&parms.record) +
-                      ", eci_call_type=7",
+                  "clapi_eci.verifyEciParms() Invalid Call Type, EciParms=" +
+                      shown(&parms.record) + ", eci_call_type=7",
                   parms);
 }
 
@@ -184,7 +184,7 @@ TEST_F(ChannelChecks, RefusesAChannelWithACommarea)
         expectRefused(-60, 1511,
                       "API.QPX_ECI_Execute_Channel() EciParms contains a channel and a COMMAREA, "
                       "channel=" +
-                          address(channel.token) + ", eci_commarea=" + address(parms.area.data()),
+                          shown(channel.token) + ", eci_commarea=" + shown(parms.area.data()),
                       parms);
     }
 }
@@ -215,7 +215,7 @@ TEST_F(ChannelChecks, RefusesWhatIsNoChannel)
     EXPECT_RC(-50, executeChannel(connection, parms));
 
     EXPECT_TRUE(trace.wrote(1462, "*EXC*",
-                            "clapi_channel.lockChannel() chanTok (" + address(notAChannel) +
+                            "clapi_channel.lockChannel() chanTok (" + shown(notAChannel) +
                                 ") is not a channel"))
         << trace.text();
     EXPECT_TRUE(connection.peer.isQuiet());
@@ -361,8 +361,8 @@ TEST_F(ChannelChecks, TracesItsArgumentsAndItsCode)
         TraceFile trace(3);
         EXPECT_RC(call.rc, executeChannel(connection, call.parms));
         EXPECT_TRUE(trace.wrote(1507, "ENTRY",
-                                "API.QPX_ECI_Execute_Channel(gwTok=" + address(connection.token) +
-                                    ", EciParms=" + address(&call.parms.record) + ")"));
+                                "API.QPX_ECI_Execute_Channel(gwTok=" + shown(connection.token) +
+                                    ", EciParms=" + shown(&call.parms.record) + ")"));
         EXPECT_TRUE(trace.wrote(1516, "EXIT", "API.QPX_ECI_Execute_Channel() rc=" + call.shown));
         EXPECT_EQ(1507, trace.ownRecords().front().point);
         EXPECT_EQ(1516, trace.ownRecords().back().point);
@@ -423,11 +423,12 @@ TEST_F(ChannelCallDump, ShowsTheRecordOnEntryAndExit)
 {
     TraceFile trace(4);
     expectTaken(parms);
-    EXPECT_TRUE(trace.wrote(1513, "API.QPX_ECI_Execute_Channel() EciParms=" + shown(&parms.record) +
-                                      " len=" + recordSize() + " stopword=00000000"))
+    EXPECT_TRUE(
+        trace.wrote(1513, "API.QPX_ECI_Execute_Channel() EciParms=" + shown(&parms.record) +
+                              " len=" + recordSize() + " stopword=00000000"))
         << trace.text();
     EXPECT_TRUE(
-        trace.wrote(1515, "API.QPX_ECI_Execute_Channel<any> EciParms=" + address(&parms.record) +
+        trace.wrote(1515, "API.QPX_ECI_Execute_Channel<any> EciParms=" + shown(&parms.record) +
                               " len=" + recordSize() + " stopword=00000000"))
         << trace.text();
     EXPECT_EQ(1, trace.timesWrote(1513));

@@ -419,7 +419,7 @@ TEST_F(ChannelCall, WaitsForAnotherCallWithTheSameChannel)
     ASSERT_TRUE(trace.awaitText(waitsForChannel));
     EXPECT_TRUE(trace.wrote(1463, "DEBUG",
                             "clapi_channel.lockChannel() Waiting for channel \"CHANNEL\" (" +
-                                address(channel.token) + ")"));
+                                shown(channel.token) + ")"));
     EXPECT_TRUE(connection.peer.isQuiet());
     EXPECT_FALSE(secondCall.hasEnded());
 

@@ -1,21 +1,14 @@
 // Closing and purging a connection: the checks of the arguments and what the calls trace.
-#include <cstdio>
 #include <memory>
 
 #include "support/connection_script.h"
 #include "support/trace_file.h"
 
 using namespace script;
+using support::shown;
 using support::TraceFile;
 
 namespace {
-
-std::string shown(const void* address)
-{
-    char text[32];
-    std::snprintf(text, sizeof text, "%p", address);
-    return text;
-}
 
 TEST(CloseChecks, RefusesANullPointer)
 {

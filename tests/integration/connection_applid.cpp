@@ -1,21 +1,14 @@
 // Reading the applid of a connection and its qualifier.
-#include <cstdio>
 #include <memory>
 
 #include "support/connection_script.h"
 #include "support/trace_file.h"
 
 using namespace script;
+using support::shown;
 using support::TraceFile;
 
 namespace {
-
-std::string shown(const void* address)
-{
-    char text[32];
-    std::snprintf(text, sizeof text, "%p", address);
-    return text;
-}
 
 class ConnectionApplid : public ::testing::Test {
 protected:

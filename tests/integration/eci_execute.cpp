@@ -54,7 +54,7 @@ TEST(EciExecute, RefusesATokenThatIsNoConnection)
     EXPECT_RC(QPX_ERR_BADGWTOK, QPX_ECI_Execute(foreignToken(), &parms.record));
     EXPECT_TRUE(trace.wrote(2022, "*EXC*",
                             "clapi_gwytok.clapiRegisterRequest() Gateway token=" +
-                                address(foreignToken()) + " not found, findRc=1003"))
+                                shown(foreignToken()) + " not found, findRc=1003"))
         << trace.text();
     EXPECT_EQ(1u, trace.records().size()) << trace.text();
 }
@@ -84,7 +84,7 @@ TEST(EciExecute, RefusesARecordOfVersionTwo)
     EXPECT_RC(ECI_ERR_INVALID_VERSION, QPX_ECI_Execute(connection.token, &parms.record));
     EXPECT_TRUE(trace.wrote(1549, "*EXC*",
                             "clapi_eci.verifyEciParms() Invalid ECI Version, EciParms=" +
-                                address(&parms.record) + ", eci_version=2"));
+                                shown(&parms.record) + ", eci_version=2"));
     EXPECT_TRUE(connection.peer.isQuiet());
 }
 
@@ -339,7 +339,7 @@ TEST(EciExecute, TracesEntryAndExitWithTheNamedCode)
     EciParms parms = syncCall("PROG");
     QPX_ECI_Execute(nullptr, &parms.record);
     EXPECT_EQ((std::vector<std::string>{
-                  "API.QPX_ECI_Execute(gwTok=(nil), EciParms=" + address(&parms.record) + ")",
+                  "API.QPX_ECI_Execute(gwTok=(nil), EciParms=" + shown(&parms.record) + ")",
                   "API.QPX_ECI_Execute() NULL gateway token, gwTok=(nil)",
                   "API.QPX_ECI_Execute() rc=-100 (QPX_ERR_NULLGWTOK)"}),
               trace.messages());
@@ -354,10 +354,10 @@ TEST(EciExecute, UnregistersARefusedCall)
     EXPECT_RC(QPX_ERR_NULLECIPOINTER, QPX_ECI_Execute(connection.token, nullptr));
     EXPECT_EQ((std::vector<std::string>{
                   "clapi_gwytok.clapiRegisterRequest() Outstanding API calls=1 on gwTokPtr=" +
-                      address(connection.token),
+                      shown(connection.token),
                   "API.QPX_ECI_Execute() NULL Eci Parameter, EciParms=(nil)",
                   "clapi_gwytok.clapiUnregisterRequest() Outstanding API calls=0 on gwTokPtr=" +
-                      address(connection.token)}),
+                      shown(connection.token)}),
               trace.messages());
 }
 
@@ -418,7 +418,7 @@ protected:
     // The address of a byte of the record, as a dump line begins with it.
     std::string at(std::size_t offset)
     {
-        return address(reinterpret_cast<const char*>(&parms.record) + offset) + ": ";
+        return shown(reinterpret_cast<const char*>(&parms.record) + offset) + ": ";
     }
 
     ScriptedConnection connection;
@@ -433,12 +433,12 @@ TEST_F(EciDump, NamesRecordAndCommareaOnEntryAndTheRecordOnExit)
     const std::string length = std::to_string(sizeof(QPX_ECI_PARMS));
     refusedCall();
     EXPECT_TRUE(trace.wrote(1504, "DEBUG",
-                            "API.QPX_ECI_Execute() EciParms=" + address(&parms.record) +
+                            "API.QPX_ECI_Execute() EciParms=" + shown(&parms.record) +
                                 " len=" + length + " stopword=00000000"));
-    EXPECT_TRUE(trace.wrote(1561, "API.QPX_ECI_Execute() Commarea=" + address(parms.area.data()) +
+    EXPECT_TRUE(trace.wrote(1561, "API.QPX_ECI_Execute() Commarea=" + shown(parms.area.data()) +
                                       " len=20 stopword=00000000"));
     EXPECT_TRUE(trace.wrote(1505, "DEBUG",
-                            "API.QPX_ECI_Execute EciParms=" + address(&parms.record) +
+                            "API.QPX_ECI_Execute EciParms=" + shown(&parms.record) +
                                 " len=" + length + " stopword=00000000"));
     EXPECT_EQ(1, trace.timesWrote(1504));
     EXPECT_EQ(1, trace.timesWrote(1561));
@@ -467,9 +467,10 @@ TEST_F(EciDump, ShowsTheRecordWithThePasswordHidden)
 TEST_F(EciDump, ShowsTheCommarea)
 {
     refusedCall();
-    EXPECT_EQ("Data truncation size=128, offset=0\n" + address(parms.area.data()) +
+    EXPECT_EQ("Data truncation size=128, offset=0\n" + shown(parms.area.data()) +
                   ": 41424344 45464748 494A4B4C 4D4E4F50 : ABCDEFGHIJKLMNOP \n" +
-                  shown(parms.area.data() + 16) + ": 51525354                            : QRST\n",
+                  shown(parms.area.data() + 16) +
+                  ": 51525354                            : QRST\n",
               dumpBehind(trace, 1561));
 }
 

@@ -450,10 +450,10 @@ TEST_F(EciRequest, DumpsTheWholeCommareaThatItSends)
     EciParms parms = syncCall("PROG", text("ABCDEFGH"));
     requestOf(parms);
     EXPECT_TRUE(trace.wrote(3244, "clapi_socketcomms.clapiFlowECIRequest() Commarea=" +
-                                      address(parms.area.data()) + " len=8 stopword=00000000"));
+                                      shown(parms.area.data()) + " len=8 stopword=00000000"));
     EXPECT_EQ(0, trace.timesWrote(3243));
     EXPECT_TRUE(trace.wroteText("len=8 stopword=00000000\nData truncation size=128, offset=0\n" +
-                                address(parms.area.data()) +
+                                shown(parms.area.data()) +
                                 ": 41424344 45464748                   : ABCDEFGH\n"))
         << trace.text();
 }
@@ -465,6 +465,6 @@ TEST_F(EciRequest, DumpsTheCutCommareaThatItSends)
     parms.record.commarea_outbound_length = 4;
     requestOf(parms);
     EXPECT_TRUE(trace.wrote(3243, "clapi_socketcomms.clapiFlowECIRequest() Commarea=" +
-                                      address(parms.area.data()) + " len=4 stopword=00000000"));
+                                      shown(parms.area.data()) + " len=4 stopword=00000000"));
     EXPECT_EQ(0, trace.timesWrote(3244));
 }

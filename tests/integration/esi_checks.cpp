@@ -60,7 +60,7 @@ public:
     QPX_ConnToken_t get() { return reinterpret_cast<QPX_ConnToken_t>(memory_); }
     std::string line()
     {
-        return "*EXC*  clapi_gwytok.clapiRegisterRequest() Gateway token=" + address(memory_) +
+        return "*EXC*  clapi_gwytok.clapiRegisterRequest() Gateway token=" + shown(memory_) +
                " not found, findRc=<int>\n";
     }
 
@@ -141,7 +141,7 @@ TEST_F(EsiChecks, RefuseAnEmptyUserIdForAVerification)
 {
     EXPECT_RC(-301, verify(empty, "SECRET"));
 
-    expectFailure("1802 API.QPX_ESI_verifyPassword() NULL user id, userid=" + address(empty));
+    expectFailure("1802 API.QPX_ESI_verifyPassword() NULL user id, userid=" + shown(empty));
     expectNoEffect();
 }
 
@@ -157,7 +157,7 @@ TEST_F(EsiChecks, RefuseAnEmptyPasswordForAVerification)
 {
     EXPECT_RC(-303, verify("USER", empty));
 
-    expectFailure("1803 API.QPX_ESI_verifyPassword() NULL password, password=" + address(empty));
+    expectFailure("1803 API.QPX_ESI_verifyPassword() NULL password, password=" + shown(empty));
     expectNoEffect();
 }
 
@@ -186,7 +186,7 @@ TEST_F(EsiChecks, RefuseAnEmptyUserIdForAChange)
 {
     EXPECT_RC(-301, change(empty, "SECRET", "TERCES"));
 
-    expectFailure("1808 API.QPX_ESI_changePassword() NULL user id, userid=" + address(empty));
+    expectFailure("1808 API.QPX_ESI_changePassword() NULL user id, userid=" + shown(empty));
     expectNoEffect();
 }
 
@@ -203,7 +203,7 @@ TEST_F(EsiChecks, RefuseAnEmptyOldPassword)
     EXPECT_RC(-303, change("USER", empty, "TERCES"));
 
     expectFailure("1809 API.QPX_ESI_changePassword() NULL old password, oldPassword=" +
-                  address(empty));
+                  shown(empty));
     expectNoEffect();
 }
 
@@ -220,7 +220,7 @@ TEST_F(EsiChecks, RefuseAnEmptyNewPassword)
     EXPECT_RC(-314, change("USER", "SECRET", empty));
 
     expectFailure("1810 API.QPX_ESI_changePassword() NULL new password, newPassword=" +
-                  address(empty));
+                  shown(empty));
     expectNoEffect();
 }
 

@@ -8,6 +8,7 @@
 #include "qpxclient_esi.h"
 #include "support/eci_script.h"
 
+using support::shown;
 using support::TraceFile;
 
 namespace {
@@ -281,8 +282,8 @@ TEST(EsiTime, TracesTheFieldsAtLevelFour)
 
     ASSERT_EQ(3U, trace.records().size());
     EXPECT_TRUE(trace.wrote(1813, "ENTRY",
-                            "API.QPX_ESI_convertTime(esiTime=" + script::address(&time) +
-                                ", result=" + script::address(&result) + ")"));
+                            "API.QPX_ESI_convertTime(esiTime=" + shown(&time) +
+                                ", result=" + shown(&result) + ")"));
     EXPECT_TRUE(trace.wrote(1814, "DEBUG",
                             "API.QPX_ESI_convertTime() tm members year=124, month=2, day=1, "
                             "hour=13, min=14, sec=15, wday=5, yday=61"));

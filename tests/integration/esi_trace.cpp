@@ -40,7 +40,7 @@ protected:
         }
     }
 
-    std::string token() const { return address(connection.token); }
+    std::string token() const { return shown(connection.token); }
 
     // All points of the module.
     static std::vector<int> esiPoints()
@@ -126,13 +126,13 @@ TEST_F(EsiTrace, ShowsEntryAndExitOfAVerificationAtLevelThree)
     expectLines(trace, esiPoints(),
                 {{1800, "ENTRY",
                   "API.QPX_ESI_verifyPassword(gwTok=" + token() +
-                      ", userid=CLERK, server=PROD, esiDetailsPtr=" + address(details.get()) + ")"},
+                      ", userid=CLERK, server=PROD, esiDetailsPtr=" + shown(details.get()) + ")"},
                  {1804, "EVENT",
                   "API.QPX_ESI_verifyPassword() Verifying password for userid=CLERK on "
                   "server=PROD"},
                  {1816, "ENTRY",
                   "clapi_esi.performEsiFlow(gwTok=" + token() +
-                      ", esiRequest=<ptr>, esiDetails=" + address(details.get()) + ")"},
+                      ", esiRequest=<ptr>, esiDetails=" + shown(details.get()) + ")"},
                  {1824, "EXIT", "clapi_esi.performEsiFlow() rc=0 (QPX_OK)"},
                  {1805, "EXIT", "API.QPX_ESI_verifyPassword() rc=0 (QPX_OK)"}});
 }
@@ -147,13 +147,13 @@ TEST_F(EsiTrace, ShowsEntryAndExitOfAChangeAtLevelThree)
     expectLines(trace, esiPoints(),
                 {{1806, "ENTRY",
                   "API.QPX_ESI_changePassword(gwTok=" + token() +
-                      ", userid=CLERK, server=PROD, esiDetailsPtr=" + address(details.get()) + ")"},
+                      ", userid=CLERK, server=PROD, esiDetailsPtr=" + shown(details.get()) + ")"},
                  {1811, "EVENT",
                   "API.QPX_ESI_changePassword() Changing password for userid=CLERK on "
                   "server=PROD"},
                  {1816, "ENTRY",
                   "clapi_esi.performEsiFlow(gwTok=" + token() +
-                      ", esiRequest=<ptr>, esiDetails=" + address(details.get()) + ")"},
+                      ", esiRequest=<ptr>, esiDetails=" + shown(details.get()) + ")"},
                  {1824, "EXIT", "clapi_esi.performEsiFlow() rc=0 (QPX_OK)"},
                  {1812, "EXIT", "API.QPX_ESI_changePassword() rc=0 (QPX_OK)"}});
 }

@@ -58,7 +58,7 @@ TEST_F(ListSystemsChecks, RefuseAnUnknownToken)
     EXPECT_RC(-101, QPX_listSystems(noToken, &systems.count, systems.get()));
 
     EXPECT_TRUE(trace.wroteText("*EXC*  clapi_gwytok.clapiRegisterRequest() Gateway token=" +
-                                address(memory) + " not found, findRc=<int>\n"));
+                                shown(memory) + " not found, findRc=<int>\n"));
     EXPECT_EQ(1U, trace.records().size());
     expectNoEffect();
 }
@@ -144,9 +144,9 @@ TEST_F(ListSystemsTrace, TellsOfItsRegistrationAtLevelTwo)
 
     EXPECT_EQ((std::vector<std::string>{
                   "clapi_gwytok.clapiRegisterRequest() Outstanding API calls=1 on gwTokPtr=" +
-                      address(connection.token),
+                      shown(connection.token),
                   "clapi_gwytok.clapiUnregisterRequest() Outstanding API calls=0 on gwTokPtr=" +
-                      address(connection.token)}),
+                      shown(connection.token)}),
               trace.messages());
 }
 
@@ -160,8 +160,9 @@ TEST_F(ListSystemsTrace, TellsOfItsStepsInOrderAtLevelThree)
                                 3205, 2025, 2027, 2028, 1028}),
               points(trace));
     EXPECT_TRUE(trace.wrote(1017, "ENTRY",
-                            "API.QPX_listSystems(gwTok=" + shown(connection.token) + ", Systems=" +
-                                shown(&systems.count) + ", List=" + shown(systems.get()) + ")"));
+                            "API.QPX_listSystems(gwTok=" + shown(connection.token) +
+                                ", Systems=" + shown(&systems.count) +
+                                ", List=" + shown(systems.get()) + ")"));
     EXPECT_TRUE(
         trace.wrote(3203, "EXIT", "clapi_socketcomms.calculateECIRequestSize() requestSize=19"));
     EXPECT_TRUE(trace.wrote(1028, "EXIT", "API.QPX_listSystems() rc=0 (QPX_OK)"));

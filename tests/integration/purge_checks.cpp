@@ -1,21 +1,14 @@
 // Purging a connection: the checks of the arguments and what the call traces.
-#include <cstdio>
 #include <memory>
 
 #include "support/connection_script.h"
 #include "support/trace_file.h"
 
 using namespace script;
+using support::shown;
 using support::TraceFile;
 
 namespace {
-
-std::string shown(const void* address)
-{
-    char text[32];
-    std::snprintf(text, sizeof text, "%p", address);
-    return text;
-}
 
 TEST(PurgeChecks, RefusesANullPointer)
 {

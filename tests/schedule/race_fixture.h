@@ -17,7 +17,9 @@
 #include "support/eci_script.h"
 #include "qpxclient_esi.h"
 #include "schedule/scheduler.h"
+#include "support/eci_script.h"
 #include "support/mutex.h"
+#include "support/token_list.h"
 #include "support/trace_file.h"
 
 namespace race {
@@ -174,16 +176,9 @@ public:
 
 // ---- The list of tokens ----
 
-inline std::string dumpedTokens()
-{
-    TraceFile trace(0);
-    clapiDumpGatewayTokens();
-    return trace.text();
-}
-
 inline void expectNoTokenLeft()
 {
-    EXPECT_TRUE(support::contains(dumpedTokens(), "The Gateway Token List is EMPTY\n"));
+    EXPECT_TRUE(support::contains(support::dumpedTokens(), "The Gateway Token List is EMPTY\n"));
 }
 
 // The lock of the list, which from here on refuses whoever gives it up without holding it.

@@ -130,7 +130,7 @@ TEST_F(SocketNumber, GetsNoCloseFlowOnceItIsAnothers)
     EXPECT_RC(QPX_ERR_LOSTGWCON, closing.get());
     number->expectUntouched();
     // The close has failed, so that the token is still there.
-    EXPECT_FALSE(support::contains(dumpedTokens(), "EMPTY"));
+    EXPECT_FALSE(support::contains(support::dumpedTokens(), "EMPTY"));
     EXPECT_RC(0, QPX_closeAllGatewayConnections());
     expectClosed();
 }

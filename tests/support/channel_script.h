@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "support/eci_script.h"
 #include "support/channel_bytes.h"
+#include "support/eci_script.h"
 
 namespace script {
 

@@ -9,9 +9,9 @@
 #include <tuple>
 #include <vector>
 
-#include "support/connection_script.h"
 #include "qpxclient_esi.h"
 #include "standin/gateway.h"
+#include "support/connection_script.h"
 #include "support/trace_file.h"
 
 namespace matrix {

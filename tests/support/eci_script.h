@@ -3,7 +3,6 @@
 #ifndef SUPPORT_ECI_SCRIPT_H
 #define SUPPORT_ECI_SCRIPT_H
 
-#include <cstdio>
 #include <string>
 
 #include "support/connection_script.h"
@@ -11,13 +10,7 @@
 
 namespace script {
 
-// A pointer as the trace shows it.
-inline std::string address(const void* pointer)
-{
-    char shown[32];
-    std::snprintf(shown, sizeof shown, "%p", pointer);
-    return shown;
-}
+using support::shown;
 
 // The reply to a program call, field by field. The COMMAREA's length, the inbound length and the
 // bytes that follow are independent of one another.

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "support/eci_script.h"
 #include "qpxclient_esi.h"
+#include "support/eci_script.h"
 
 namespace script {
 

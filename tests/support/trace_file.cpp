@@ -179,6 +179,13 @@ bool awaitInFile(const std::string& path, std::size_t start, const std::string& 
 
 } // namespace
 
+std::string shown(const volatile void* address)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%p", const_cast<const void*>(address));
+    return text;
+}
+
 bool matches(const std::string& pattern, const std::string& text)
 {
     return matchFrom(pattern, 0, text, 0, true) != nowhere;

@@ -15,6 +15,9 @@
 
 namespace support {
 
+// An address as the trace shows it.
+std::string shown(const volatile void* address);
+
 // True when the whole text reads as the pattern; see above for its placeholders.
 bool matches(const std::string& pattern, const std::string& text);
 

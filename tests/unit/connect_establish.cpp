@@ -59,7 +59,7 @@ TEST_F(ConnectEstablish, TracesItsSteps)
     std::string function = "clapi_gwycon.clapiConnectToGateway";
     std::vector<std::string> steps{
         "ENTRY  " + function + "(port=" + port + ", ipAddr=<ptr>, gwTokPtr=" +
-            pointerText(connection.token) + ", connTimeout=0, applid=, applidQualifier=)\n",
+            shown(connection.token) + ", connTimeout=0, applid=, applidQualifier=)\n",
         "DEBUG  " + function + "() Creating socket for family 2, type 1, protocol 6\n",
         "DEBUG  " + function + "() Connected to Gateway 127.0.0.1:" + port + "\n",
         "DEBUG  " + function + "() Creating receiver thread\n",

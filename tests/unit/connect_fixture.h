@@ -23,17 +23,13 @@
 #include "support/connection_script.h"
 #include "support/faults.h"
 #include "support/mutex.h"
+#include "support/token_list.h"
 #include "support/trace_file.h"
 
 namespace fixture {
 
-// An address as the trace shows it.
-inline std::string pointerText(const void* address)
-{
-    char shown[32];
-    std::snprintf(shown, sizeof shown, "%p", address);
-    return shown;
-}
+using support::dumpedTokens;
+using support::shown;
 
 inline std::uintptr_t asNumber(const volatile void* address)
 {
@@ -52,14 +48,6 @@ inline _QPX_ConnToken_t* tokenInTrace(const support::TraceFile& trace)
 }
 
 inline const std::string rule = std::string(80, '-') + "\n";
-
-// What the dump of the token list writes while there is no trace.
-inline std::string dumpedTokens()
-{
-    support::TraceFile trace(0);
-    clapiDumpGatewayTokens();
-    return trace.text();
-}
 
 inline std::string emptyList()
 {

@@ -19,6 +19,7 @@ using support::asyncCall;
 using support::eciCall;
 using support::EciParms;
 using support::filled;
+using support::shown;
 using support::syncCall;
 using support::TraceFile;
 
@@ -26,13 +27,6 @@ namespace {
 
 constexpr int executeMinimum = 3; // the smallest version that COMMAREA calls take
 constexpr int channelMinimum = 4; // and that channel calls take
-
-std::string address(const void* pointer)
-{
-    char shown[32];
-    std::snprintf(shown, sizeof shown, "%p", pointer);
-    return shown;
-}
 
 class VerifyEciParms : public ::testing::Test {
 protected:
@@ -53,7 +47,7 @@ protected:
         EXPECT_EQ(1, trace.timesWroteText("*EXC*")) << trace.text();
     }
 
-    std::string at() { return "EciParms=" + address(&parms.record); }
+    std::string at() { return "EciParms=" + shown(&parms.record); }
 
     TraceFile trace{1};
     EciParms parms;
@@ -467,7 +461,7 @@ TEST_F(VerifyEciParms, TracesEntryAndExitFromLevelThree)
     record().eci_timeout = -1;
     verify();
     EXPECT_EQ((std::vector<std::string>{
-                  "clapi_eci.verifyEciParms(EciParms=" + address(&parms.record) + ", minVersion=3)",
+                  "clapi_eci.verifyEciParms(EciParms=" + shown(&parms.record) + ", minVersion=3)",
                   "clapi_eci.verifyEciParms() Invalid Timeout, " + at() + ", eci_timeout=-1",
                   "clapi_eci.verifyEciParms() rc=-5 (ECI_ERR_REQUEST_TIMEOUT)"}),
               trace.messages());
@@ -481,7 +475,7 @@ TEST_F(VerifyEciParms, NamesSuccessInItsExitLine)
     trace.forget();
     verify(channelMinimum);
     EXPECT_EQ((std::vector<std::string>{
-                  "clapi_eci.verifyEciParms(EciParms=" + address(&parms.record) + ", minVersion=4)",
+                  "clapi_eci.verifyEciParms(EciParms=" + shown(&parms.record) + ", minVersion=4)",
                   "clapi_eci.verifyEciParms() rc=0 (QPX_OK)"}),
               trace.messages());
 }

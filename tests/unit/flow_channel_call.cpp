@@ -312,7 +312,7 @@ TEST_F(FlowChannelCall, IsRefusedWithAChannelThatCannotBeLocked)
             EXPECT_RC(ECI_ERR_INVALID_CHANNEL, executeChannel(connection, parms));
         }
         EXPECT_TRUE(trace.wrote(1462, "*EXC*",
-                                "clapi_channel.lockChannel() chanTok (" + address(channel.token) +
+                                "clapi_channel.lockChannel() chanTok (" + shown(channel.token) +
                                     ") is not a channel"))
             << trace.text();
         EXPECT_TRUE(connection.peer.isQuiet());

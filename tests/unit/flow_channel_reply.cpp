@@ -8,13 +8,6 @@ using namespace unit;
 
 namespace {
 
-std::string address(const void* pointer)
-{
-    char shown[32];
-    std::snprintf(shown, sizeof shown, "%p", pointer);
-    return shown;
-}
-
 class FlowChannelReply : public SocketBufferTest {
 protected:
     FlowChannelReply() { std::memset(&request, 0, sizeof request); }
@@ -485,7 +478,7 @@ TEST_F(FlowChannelReply, NeedsNoMemoryForDataOfTheSameLength)
 
 TEST_F(FlowChannelReply, ModifiesDataToBeLonger)
 {
-    std::string before = address(at(1)->dataPtr);
+    std::string before = shown(at(1)->dataPtr);
     TraceFile trace(4);
 
     EXPECT_RC(0, read(modified("B", 1, 0, text("longer")), 1));
@@ -858,7 +851,7 @@ TEST_F(FlowChannelReplyTrace, DumpsAddedAndModifiedDataAtLevelFour)
         dumps += 1;
         EXPECT_EQ("DATA", record.type);
         bool isAdded = record.point == 3248;
-        std::string data = address(at(isAdded ? 0 : 1)->dataPtr);
+        std::string data = shown(at(isAdded ? 0 : 1)->dataPtr);
         EXPECT_EQ(isAdded
                       ? "clapi_socketcomms.addContainer() data=" + data + " len=4 stopword=00000000"
                       : "clapi_socketcomms.modifyContainer() data=" + data +

@@ -27,7 +27,7 @@ TEST_F(SlotRegister, CountsACallInAndOut)
 
 TEST_F(SlotRegister, TracesTheCountAsEvents)
 {
-    std::string at = pointerText(connection.token);
+    std::string at = shown(connection.token);
     TraceFile trace(2);
 
     clapiRegisterRequest(connection.token);

@@ -92,7 +92,7 @@ TEST_F(SlotTable, CreatesTheEventOfATakenSlot)
     RequestSlot* slot = take();
 
     EXPECT_TRUE(trace.wrote(3115, "clapi_lock.clapiCreateEvent() Creating event, eventPtr=" +
-                                      pointerText(&slot->requestEvent)));
+                                      shown(&slot->requestEvent)));
     EXPECT_EQ(0, slot->requestEvent.eflag);
 }
 
@@ -155,7 +155,7 @@ TEST_F(SlotTable, GrowsByATableForTheSeventeenthRequest)
     EXPECT_EQ(32, lengthOfChain());
     EXPECT_EQ(slot, table->slot[15].nextSlot.load());
     EXPECT_TRUE(trace.wroteText("DEBUG  clapi_gwytok.slotFind() Created new slot table at slotP=" +
-                                pointerText(slot) + ", first=17, last=32\n"));
+                                shown(slot) + ", first=17, last=32\n"));
 }
 
 TEST_F(SlotTable, GivesTheSlotsOfAnAddedTableDefinedContents)
@@ -350,7 +350,7 @@ TEST_F(SlotTable, FreesASlotWithItsEventAndItsRecord)
 
     EXPECT_EQ(0, slot->state);
     EXPECT_TRUE(trace.wrote(3118, "clapi_lock.clapiDeleteEvent() Deleting event, eventPtr=" +
-                                      pointerText(&slot->requestEvent)));
+                                      shown(&slot->requestEvent)));
     QPX_ECI_PARMS zeros;
     std::memset(&zeros, 0, sizeof zeros);
     EXPECT_EQ(0, std::memcmp(&zeros, &slot->eciParms, sizeof zeros));
@@ -415,7 +415,7 @@ TEST_F(SlotTable, GivesTheAddedTableBackWhenItsLastSlotIsFreed)
 
     EXPECT_EQ(16, lengthOfChain());
     EXPECT_TRUE(trace.wroteText("clapi_gwytok.slotFree() Freeing slot table at slotP=" +
-                                pointerText(added) + ", first=17, last=32\n"));
+                                shown(added) + ", first=17, last=32\n"));
 }
 
 TEST_F(SlotTable, KeepsAnAddedTableWhileOneOfItsSlotsIsInUse)
@@ -452,8 +452,8 @@ TEST_F(SlotTable, GivesTrailingEmptyTablesBackFromTheEnd)
 
     EXPECT_EQ(16, lengthOfChain());
     std::string freed = "clapi_gwytok.slotFree() Freeing slot table at slotP=";
-    EXPECT_TRUE(trace.wroteText(freed + pointerText(third) + ", first=33, last=48\n"));
-    EXPECT_TRUE(trace.wroteText(freed + pointerText(second) + ", first=17, last=32\n"));
+    EXPECT_TRUE(trace.wroteText(freed + shown(third) + ", first=33, last=48\n"));
+    EXPECT_TRUE(trace.wroteText(freed + shown(second) + ", first=17, last=32\n"));
     std::string all = trace.text();
     EXPECT_LT(all.find("first=33"), all.find("first=17"));
 }
@@ -500,7 +500,7 @@ TEST_F(SlotTable, NumbersATableAddedAgainFromSeventeenAgain)
 
     EXPECT_EQ(17, slot->messageId.load());
     EXPECT_EQ(32, lengthOfChain());
-    EXPECT_TRUE(trace.wroteText("Created new slot table at slotP=" + pointerText(slot) +
+    EXPECT_TRUE(trace.wroteText("Created new slot table at slotP=" + shown(slot) +
                                 ", first=17, last=32\n"));
 }
 

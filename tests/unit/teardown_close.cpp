@@ -58,7 +58,7 @@ TEST_F(TeardownClose, RefusesMemoryThatIsNoToken)
               clapiCloseGatewayToken(reinterpret_cast<QPX_ConnToken_t>(zeros.get()), 1));
 
     EXPECT_TRUE(trace.wroteText("*EXC*  clapi_gwytok.clapiCloseGatewayToken() Gateway token=" +
-                                pointerText(zeros.get()) + " not found, findRc=1003\n"));
+                                shown(zeros.get()) + " not found, findRc=1003\n"));
 }
 
 TEST_F(TeardownClose, ReadsNoMarkInMemoryThatIsNoToken)
@@ -124,7 +124,7 @@ TEST_F(TeardownClose, NeedsNoLockOfItsOwnWhenTheCallerHoldsIt)
 
 TEST_F(TeardownClose, TracesWhetherItTakesTheLock)
 {
-    std::string at = pointerText(connection.token);
+    std::string at = shown(connection.token);
     TraceFile trace(3);
     clapiCloseGatewayToken(connection.token, 1);
     EXPECT_TRUE(

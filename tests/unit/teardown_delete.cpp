@@ -46,7 +46,7 @@ protected:
     {
         EXPECT_EQ(1, connection.token->closedown.load());
         EXPECT_NE(std::string::npos,
-                  dumpedTokens().find("GatwayToken(" + pointerText(connection.token) + ")"));
+                  dumpedTokens().find("GatwayToken(" + shown(connection.token) + ")"));
     }
 
     void freeByClosingAll()
@@ -114,7 +114,7 @@ TEST_F(TeardownDelete, TracesItsArguments)
 
     clapiDeleteGatewayToken(&none, -1, 1);
     EXPECT_TRUE(trace.wrote(2029, "ENTRY",
-                            "clapi_gwytok.clapiDeleteGatewayToken(gwTokPtr=" + pointerText(&none) +
+                            "clapi_gwytok.clapiDeleteGatewayToken(gwTokPtr=" + shown(&none) +
                                 ", closeTimeout=-1, lockRequired=TRUE)"));
     EXPECT_EQ(1, trace.timesWrote(2033));
     trace.forget();
@@ -187,9 +187,9 @@ TEST_F(TeardownDelete, PassesOverOtherFlowsBeforeTheGatewaysAnswer)
 
 TEST_F(TeardownDelete, DeletesTheEventsButThatOfTheReceiver)
 {
-    std::string asyncReply = pointerText(&connection.token->asyncReplyEvent);
-    std::string requestsEnded = pointerText(&connection.token->requestsEnded);
-    std::string connEvent = pointerText(&connection.token->connEvent);
+    std::string asyncReply = shown(&connection.token->asyncReplyEvent);
+    std::string requestsEnded = shown(&connection.token->requestsEnded);
+    std::string connEvent = shown(&connection.token->connEvent);
     TraceFile trace(4);
 
     connection.closeInOrder();
@@ -247,8 +247,8 @@ TEST_F(TeardownDelete, FreesEverySlotInUse)
     for (int at = 0; at < 18; ++at) startAsync();
     loseConnection();
     RequestSlot* added = connection.token->table.slot[15].nextSlot;
-    std::string event17 = pointerText(&added[0].requestEvent);
-    std::string event1 = pointerText(&connection.token->table.slot[0].requestEvent);
+    std::string event17 = shown(&added[0].requestEvent);
+    std::string event1 = shown(&connection.token->table.slot[0].requestEvent);
     TraceFile trace(4);
 
     EXPECT_RC(QPX_OK, purgeNow(0));
@@ -258,7 +258,7 @@ TEST_F(TeardownDelete, FreesEverySlotInUse)
     EXPECT_TRUE(trace.wroteText("Deleting event, eventPtr=" + event1 + "\n"));
     EXPECT_TRUE(trace.wroteText("Deleting event, eventPtr=" + event17 + "\n"));
     EXPECT_TRUE(trace.wroteText("clapi_gwytok.slotFree() Freeing slot table at slotP=" +
-                                pointerText(added) + ", first=17, last=32\n"));
+                                shown(added) + ", first=17, last=32\n"));
 }
 
 TEST_F(TeardownDelete, FreesTheSlotOfAnIdleUnitOfWork)

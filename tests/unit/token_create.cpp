@@ -159,7 +159,7 @@ TEST_F(TokenCreate, TracesTheNewTokenAndItsSlots)
 {
     TraceFile trace(4);
     ScriptedConnection connection;
-    std::string at = pointerText(connection.token);
+    std::string at = shown(connection.token);
 
     EXPECT_TRUE(trace.wrote(2001, "DEBUG",
                             "clapi_gwytok.clapiCreateGatewayToken() Called malloc for <int> bytes. "
@@ -176,7 +176,7 @@ TEST_F(TokenCreate, TracesTheOpenedSocket)
 {
     TraceFile trace(3);
     ScriptedConnection connection(9);
-    std::string at = pointerText(connection.token);
+    std::string at = shown(connection.token);
     std::string port = std::to_string(connection.gateway.port());
     std::string descriptor = std::to_string(connection.token->socketDescriptor);
 
@@ -193,12 +193,12 @@ TEST_F(TokenCreate, TracesTheFormattedTokenAsAnEvent)
     TraceFile trace(2);
     ScriptedConnection connection;
 
-    EXPECT_TRUE(
-        trace.wrote(2009, "EVENT",
-                    "<any>GatwayToken(" + shown(connection.token) + ") eyecatcher(QPXGWTOK) port(" +
-                        std::to_string(connection.gateway.port()) + ") connStatus(1) socket(" +
-                        std::to_string(connection.token->socketDescriptor) +
-                        ") applid() applidQual() nextGwyTokPtr((nil))"))
+    EXPECT_TRUE(trace.wrote(
+        2009, "EVENT",
+        "<any>GatwayToken(" + shown(connection.token) + ") eyecatcher(QPXGWTOK) port(" +
+            std::to_string(connection.gateway.port()) + ") connStatus(1) socket(" +
+            std::to_string(connection.token->socketDescriptor) +
+            ") applid() applidQual() nextGwyTokPtr((nil))"))
         << trace.text();
 }
 
@@ -345,7 +345,7 @@ TEST_F(TokenCreate, IsListedButNotFoundByCallersWhileTheConnectIsInProgress)
     peer.read(handshakeSize);
     _QPX_ConnToken_t* record = tokenInTrace(trace);
 
-    EXPECT_TRUE(support::contains(dumpedTokens(), "GatwayToken(" + pointerText(record) + ") "));
+    EXPECT_TRUE(support::contains(dumpedTokens(), "GatwayToken(" + shown(record) + ") "));
     EXPECT_RC(QPX_ERR_BADGWTOK, clapiRegisterRequest(record));
 
     peer.send(handshakeAnswer());

@@ -4,7 +4,7 @@
 
 #include "unit/connect_fixture.h"
 
-using fixture::pointerText;
+using fixture::shown;
 
 namespace {
 
@@ -34,10 +34,10 @@ TEST(TokenFormat, ShowsEveryField)
 
     EXPECT_RC(QPX_OK, clapiFormatGatewayToken(made.token, line));
 
-    EXPECT_EQ("GatwayToken(" + pointerText(made.token) +
+    EXPECT_EQ("GatwayToken(" + shown(made.token) +
                   ") eyecatcher(QPXGWTOK) port(65535) connStatus(3) socket(-1) applid(MYAPPLID) "
                   "applidQual(MYQUALIF) nextGwyTokPtr(" +
-                  pointerText(next.token) + ")",
+                  shown(next.token) + ")",
               std::string(line));
 }
 

@@ -69,7 +69,7 @@ void expectServing(ScriptedConnection& connection)
 
 bool isListed(const void* token)
 {
-    return support::contains(dumpedTokens(), "GatwayToken(" + pointerText(token) + ") ");
+    return support::contains(dumpedTokens(), "GatwayToken(" + shown(token) + ") ");
 }
 
 int close(QPX_ConnToken_t token)
@@ -115,7 +115,7 @@ protected:
 
     void expectUnknown(_QPX_ConnToken_t* token)
     {
-        std::string notFound = "Gateway token=" + pointerText(token) + " not found, findRc=1003\n";
+        std::string notFound = "Gateway token=" + shown(token) + " not found, findRc=1003\n";
         TraceFile trace(1);
         ASSERT_RC(QPX_ERR_BADGWTOK, clapiRegisterRequest(token));
         EXPECT_TRUE(trace.wroteText("*EXC*  clapi_gwytok.clapiRegisterRequest() " + notFound));
@@ -172,7 +172,8 @@ TEST_F(TokenBeingOpened, IsOnTheListForDumpsAndPositions)
 
     EXPECT_TRUE(positions.wroteText("findGatewayToken() Token found at GTL Entry(1)"));
     EXPECT_TRUE(positions.wroteText("findGatewayToken() Token not found. GTL entries(1) head(" +
-                                    shown(token) + ") last(" + shown(behind.token) + ")\n"));
+                                    shown(token) + ") last(" + shown(behind.token) +
+                                    ")\n"));
     behind.closeInOrder();
     endOpen();
     closeOpened();
@@ -383,18 +384,18 @@ TEST_F(MarkedToken, IsTheOneDeletedThoughTheVariableNamesAnotherByThen)
     TraceFile trace(3);
     markOnly(Call::MutexUnlock, &variable, false);
     variable = other.token;
-    std::string shown = pointerText(&variable);
+    std::string place = shown(&variable);
 
     marked.open();
 
     ASSERT_TRUE(trace.awaitText("clapi_gwytok.quiesceConnection(gwToken=<ptr>, closeTimeout=-1)"));
     ASSERT_TRUE(trace.wroteText("clapi_gwytok.quiesceConnection(gwToken=" +
-                                pointerText(connection.token) + ", closeTimeout=-1)"));
+                                shown(connection.token) + ", closeTimeout=-1)"));
     connection.answerClose();
     EXPECT_RC(QPX_OK, closing->get());
-    EXPECT_TRUE(trace.wroteText("clapi_gwytok.clapiDeleteGatewayToken(gwTokPtr=" + shown +
+    EXPECT_TRUE(trace.wroteText("clapi_gwytok.clapiDeleteGatewayToken(gwTokPtr=" + place +
                                 ", closeTimeout=-1, lockRequired=TRUE)\n"));
-    EXPECT_TRUE(trace.wroteText("Closed Gateway connection for token " + shown + "\n"));
+    EXPECT_TRUE(trace.wroteText("Closed Gateway connection for token " + place + "\n"));
     EXPECT_EQ(other.token, variable);
     connection.forget();
     expectServing(other);

@@ -21,9 +21,10 @@ protected:
 // One line of the dump.
 std::string entry(const std::string& number, const ScriptedConnection& connection, const void* next)
 {
-    return "Gateway Token List entry -" + number + "- : GatwayToken(" + shown(connection.token) +
-           ") eyecatcher(QPXGWTOK) port(" + std::to_string(connection.gateway.port()) +
-           ") connStatus(1) socket(" + std::to_string(connection.token->socketDescriptor) +
+    return "Gateway Token List entry -" + number + "- : GatwayToken(" +
+           shown(connection.token) + ") eyecatcher(QPXGWTOK) port(" +
+           std::to_string(connection.gateway.port()) + ") connStatus(1) socket(" +
+           std::to_string(connection.token->socketDescriptor) +
            ") applid() applidQual() nextGwyTokPtr(" + shown(next) + ")\n";
 }
 
@@ -193,7 +194,7 @@ TEST_F(TokenList, FindsNothingWhenItIsEmpty)
     EXPECT_TRUE(trace.wroteText("DEBUG  clapi_gwytok.findGatewayToken() GTL is EMPTY"));
     EXPECT_FALSE(trace.wroteText("GTL is EMPTY\n"));
     EXPECT_TRUE(trace.wroteText("*EXC*  clapi_gwytok.clapiRegisterRequest() Gateway token=" +
-                                pointerText(foreign.get()) + " not found, findRc=1003\n"));
+                                shown(foreign.get()) + " not found, findRc=1003\n"));
 }
 
 TEST_F(TokenList, DoesNotFindAForeignPointer)
@@ -209,9 +210,10 @@ TEST_F(TokenList, DoesNotFindAForeignPointer)
 
     EXPECT_TRUE(trace.wroteText("DEBUG  clapi_gwytok.findGatewayToken() Token not found. GTL "
                                 "entries(2) head(" +
-                                shown(first.token) + ") last(" + shown(third.token) + ")\n"));
-    EXPECT_TRUE(trace.wroteText("clapiRegisterRequest() Gateway token=" + shown(foreign.get()) +
-                                " not found, findRc=1003\n"));
+                                shown(first.token) + ") last(" + shown(third.token) +
+                                ")\n"));
+    EXPECT_TRUE(trace.wroteText("clapiRegisterRequest() Gateway token=" +
+                                shown(foreign.get()) + " not found, findRc=1003\n"));
 }
 
 TEST_F(TokenList, DoesNotFindANullToken)

@@ -3,9 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdint>
+#include <climits>
 #include <cstdlib>
-#include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -20,6 +20,7 @@ using support::Call;
 using support::CallInfo;
 using support::EciParms;
 using support::failCall;
+using support::failCallOn;
 using support::failEveryCall;
 using support::Fault;
 using support::getReply;
@@ -30,38 +31,14 @@ using support::TraceFile;
 
 namespace {
 
-// The first arguments of the calling thread's system calls of a kind, in order.
-class Rehearsal {
-public:
-    explicit Rehearsal(Call call)
-        : watch_(beforeCall(
-              call, 0, [seen = seen_](const CallInfo& info) { seen->push_back(info.first); },
-              Threads::Calling))
-    {
-    }
-
-    // Which of the calls is the nth one with an argument, counted from 1; the last one for n = -1.
-    int position(const void* argument, int n) const
-    {
-        return positionOfNumber(reinterpret_cast<std::uintptr_t>(argument), n);
-    }
-    int positionOfNumber(std::uintptr_t argument, int n) const
-    {
-        std::vector<int> found;
-        for (std::size_t index = 0; index < seen_->size(); ++index)
-            if ((*seen_)[index] == argument) found.push_back(static_cast<int>(index) + 1);
-        std::size_t wanted = n > 0 ? static_cast<std::size_t>(n) : found.size();
-        if (wanted == 0 || wanted > found.size()) {
-            ADD_FAILURE() << "the call was not made " << n << " times";
-            return 1000000;
-        }
-        return found[wanted - 1];
-    }
-
-private:
-    std::shared_ptr<std::vector<std::uintptr_t>> seen_ =
-        std::make_shared<std::vector<std::uintptr_t>>();
-    Fault watch_;
+// What a fault is about.
+enum class On {
+    ListLock,
+    TableLock,
+    SendLock,
+    Commarea,    // the bytes of a COMMAREA of 100
+    WriteBuffer, // those of a request with it
+    First        // the first call, whatever it is about
 };
 
 class EciFailure : public ::testing::Test {
@@ -74,41 +51,51 @@ protected:
         auto answering = callInThread([this, answer] {
             Request request = connection.awaitRequest();
             connection.peer.send(answer.to(request.messageId()));
-            return request.messageId();
+            return 0;
         });
         int rc = execute(parms);
-        lastMessageId = answering.get();
+        answering.get();
         return rc;
     }
 
-    void rehearseSync()
+    const void* subjectOf(On on)
     {
+        switch (on) {
+        case On::ListLock: return &gtlLock.lock;
+        case On::TableLock: return &connection.token->tableLock.lock;
+        case On::SendLock: return &connection.token->sendLock.lock;
+        case On::Commarea: return reinterpret_cast<const void*>(100);
+        case On::WriteBuffer: return reinterpret_cast<const void*>(32 + 15 + 68 + 100);
+        case On::First: break;
+        }
+        return nullptr;
+    }
+
+    // The nth of this thread's calls about it fails. An unlocking that fails leaves the mutex
+    // locked.
+    Fault fail(Call call, On on, int nth = 1, int error = EINVAL)
+    {
+        if (on == On::First) return failCall(call, nth, error, Threads::Calling);
+        return failCallOn(call, subjectOf(on), nth, error, Threads::Calling);
+    }
+
+    // How many such calls this thread makes for an answered request: the number of the last one.
+    int lastOf(Call call, On on)
+    {
+        Fault counting = failCallOn(call, subjectOf(on), INT_MAX, 0, Threads::Calling);
         EciParms parms = syncCall("PROG", filled(100, 'a'));
-        ASSERT_RC(0, answeredCall(parms));
+        EXPECT_RC(0, answeredCall(parms));
+        EXPECT_LT(0, counting.calls());
+        return counting.calls();
     }
 
-    // Sends an asynchronous request; its reply is collected at once.
-    void rehearseAsync()
-    {
-        EciParms parms = asyncCall("PROG", filled(100, 'a'));
-        ASSERT_RC(0, execute(parms));
-    }
-    void collectRehearsal()
-    {
-        connection.peer.send(ProgramReply().to(connection.awaitRequest().messageId()));
-        EciParms collecting = getReplyWait(0);
-        ASSERT_RC(0, execute(collecting));
-    }
-
-    // An unlocking that fails leaves the mutex locked.
-    static Fault failUnlock(int nth)
-    {
-        return failCall(Call::MutexUnlock, nth, EPERM, Threads::Calling);
-    }
-
-    void expectLine(const std::string& message)
+    // The line, of that point where one is given.
+    void expectLine(const std::string& message, int point = 0)
     {
         EXPECT_TRUE(trace.wroteText("*EXC*  " + message + "\n")) << trace.text();
+        if (point != 0) {
+            EXPECT_TRUE(trace.wrote(point, "*EXC*", message));
+        }
     }
 
     // Everything is as before the call: the first slot is free, nothing is outstanding, and the
@@ -122,152 +109,115 @@ protected:
         expectStillServing(connection);
     }
 
-    const void* tableMutex() { return &connection.token->tableLock.lock; }
-    const void* sendMutex() { return &connection.token->sendLock.lock; }
-    static const void* listMutex() { return &gtlLock.lock; }
-
     ScriptedConnection connection;
     TraceFile trace{1};
-    int lastMessageId = 0;
 };
+
+// ---- Calls that fail without a reply ----
+
+struct EarlyFailure {
+    const char* name;
+    bool async;
+    Call call;
+    On on;
+    int nth;
+    int error;
+    int rc;
+    int point;        // 0: any
+    const char* line; // null: none of its own
+    bool sent = false;
+};
+
+void PrintTo(const EarlyFailure& failure, std::ostream* stream)
+{
+    *stream << failure.name;
+}
+
+constexpr bool sync = false;
+constexpr bool async = true;
+constexpr bool sent = true;
+
+const EarlyFailure earlyFailures[] = {
+    {"ToLockTheList", sync, Call::MutexLock, On::ListLock, 1, EINVAL, QPX_ERR_SYSTEM_ERROR, 0,
+     "clapi_gwytok.clapiRegisterRequest() Failed to lock Gateway token list"},
+    {"ToLockTheTable", sync, Call::MutexLock, On::TableLock, 1, EINVAL, ECI_ERR_SYSTEM_ERROR, 1518,
+     "clapi_eci.performEciExecute() Failed to lock slot table"},
+    {"ToUnlockTheTable", sync, Call::MutexUnlock, On::TableLock, 1, EPERM, ECI_ERR_SYSTEM_ERROR,
+     1519, "clapi_eci.performEciExecute() Failed to unlock slot table"},
+    {"ToLockTheTableBeforeSending", sync, Call::MutexLock, On::TableLock, 2, EINVAL,
+     ECI_ERR_SYSTEM_ERROR, 0, nullptr},
+    {"ToAcquireTheSendLock", sync, Call::MutexLock, On::SendLock, 1, EINVAL, ECI_ERR_SYSTEM_ERROR,
+     0, "clapi_eci.performEciExecute() Failed to acquire send lock"},
+    {"ToReleaseTheSendLock", sync, Call::MutexUnlock, On::SendLock, 1, EPERM, ECI_ERR_SYSTEM_ERROR,
+     0, "clapi_eci.performEciExecute() Failed to release send lock", sent},
+    {"ToSend", sync, Call::Send, On::First, 1, EPIPE, QPX_ERR_LOSTGWCON, 0,
+     "clapi_socketbuffer.flushBuffer() Unable to send data to Gateway: Broken pipe (32)"},
+    {"OfTheWriteBuffer", sync, Call::Malloc, On::WriteBuffer, 1, ENOMEM, QPX_ERR_MALLOCFAIL, 0,
+     "clapi_socketbuffer.initWriteBuffer() Failed to allocate 215 bytes for buffer"},
+    {"OfTheSlotsEvent", sync, Call::CondInit, On::First, 1, EAGAIN, QPX_ERR_SYSTEM_ERROR, 0,
+     nullptr},
+    {"ToLockTheTableForCounting", async, Call::MutexLock, On::TableLock, 2, EINVAL,
+     ECI_ERR_SYSTEM_ERROR, 0,
+     "clapi_eci.performEciExecute() Failed to lock slot table to update async count"},
+    {"ToUnlockTheTableAfterCounting", async, Call::MutexUnlock, On::TableLock, 2, EPERM,
+     ECI_ERR_SYSTEM_ERROR, 0,
+     "clapi_eci.performEciExecute() Failed to unlock slot table after updating async count"},
+    {"ToAcquireTheSendLockAsync", async, Call::MutexLock, On::SendLock, 1, EINVAL,
+     ECI_ERR_SYSTEM_ERROR, 0, "clapi_eci.performEciExecute() Failed to acquire send lock"},
+    {"ToReleaseTheSendLockAsync", async, Call::MutexUnlock, On::SendLock, 1, EPERM,
+     ECI_ERR_SYSTEM_ERROR, 0, "clapi_eci.performEciExecute() Failed to release send lock", sent},
+    {"ToSendAsync", async, Call::Send, On::First, 1, EPIPE, QPX_ERR_LOSTGWCON, 0,
+     "clapi_socketbuffer.flushBuffer() Unable to send data to Gateway: Broken pipe (32)"},
+    {"OfTheReplyBuffer", async, Call::Malloc, On::Commarea, 1, ENOMEM, ECI_ERR_RESOURCE_SHORTAGE, 0,
+     "clapi_eci.performEciExecute() Failed to allocate 100 bytes for async commarea"},
+    {"OfTheWriteBufferAsync", async, Call::Malloc, On::WriteBuffer, 1, ENOMEM, QPX_ERR_MALLOCFAIL,
+     0, "clapi_socketbuffer.initWriteBuffer() Failed to allocate 215 bytes for buffer"},
+};
+
+class EciEarlyFailure : public EciFailure, public ::testing::WithParamInterface<EarlyFailure> {};
 
 } // namespace
 
-// ---- Locks of a synchronous call ----
-
-TEST_F(EciFailure, OfTheListLockRefusesTheCall)
+TEST_P(EciEarlyFailure, IsToldAndLeavesNothing)
 {
-    int nth = 0;
+    const EarlyFailure& failure = GetParam();
+    EciParms parms = failure.async ? asyncCall("PROG", filled(100, 'a'))
+                                   : syncCall("PROG", filled(100, 'a'));
+    EciParms::fill(parms.record.eci_abend_code, "KEEP");
+    parms.record.eci_message_qualifier = 99;
     {
-        Rehearsal rehearsal(Call::MutexLock);
-        rehearseSync();
-        nth = rehearsal.position(listMutex(), 1);
-    }
-    EciParms parms = syncCall("PROG");
-    {
-        Fault fault = failCall(Call::MutexLock, nth, EINVAL, Threads::Calling);
-        EXPECT_RC(QPX_ERR_SYSTEM_ERROR, execute(parms));
+        Fault fault = fail(failure.call, failure.on, failure.nth, failure.error);
+        EXPECT_RC(failure.rc, execute(parms));
         EXPECT_EQ(1, fault.hits());
     }
-    expectLine("clapi_gwytok.clapiRegisterRequest() Failed to lock Gateway token list");
+    if (failure.line != nullptr) expectLine(failure.line, failure.point);
     EXPECT_FALSE(trace.wroteText("Unregister"));
+    // What has been sent is not answered.
+    if (failure.sent) {
+        EXPECT_EQ(1, connection.awaitRequest().messageId());
+    }
     EXPECT_TRUE(connection.peer.isQuiet());
+    EXPECT_EQ("KEEP", std::string(parms.record.eci_abend_code, 4));
+    EXPECT_EQ(99, int(parms.record.eci_message_qualifier));
+    EXPECT_EQ(filled(100, 'a'), parms.commarea());
+    EciParms collecting = getReply(8);
+    EXPECT_RC(ECI_ERR_NO_REPLY, execute(collecting));
     expectNothingLeft();
 }
 
-TEST_F(EciFailure, ToLockTheTableRefusesTheCall)
-{
-    int nth = 0;
-    {
-        Rehearsal rehearsal(Call::MutexLock);
-        rehearseSync();
-        nth = rehearsal.position(tableMutex(), 1);
-    }
-    EciParms parms = syncCall("PROG");
-    {
-        Fault fault = failCall(Call::MutexLock, nth, EINVAL, Threads::Calling);
-        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, execute(parms));
-        EXPECT_EQ(1, fault.hits());
-    }
-    EXPECT_TRUE(
-        trace.wrote(1518, "*EXC*", "clapi_eci.performEciExecute() Failed to lock slot table"));
-    EXPECT_TRUE(connection.peer.isQuiet());
-    expectNothingLeft();
-}
-
-TEST_F(EciFailure, ToUnlockTheTableFreesTheSlot)
-{
-    int nth = 0;
-    {
-        Rehearsal rehearsal(Call::MutexUnlock);
-        rehearseSync();
-        nth = rehearsal.position(tableMutex(), 1);
-    }
-    EciParms parms = syncCall("PROG");
-    {
-        Fault fault = failUnlock(nth);
-        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, execute(parms));
-        EXPECT_EQ(1, fault.hits());
-    }
-    EXPECT_TRUE(
-        trace.wrote(1519, "*EXC*", "clapi_eci.performEciExecute() Failed to unlock slot table"));
-    EXPECT_TRUE(connection.peer.isQuiet());
-    expectNothingLeft();
-}
+INSTANTIATE_TEST_SUITE_P(Every, EciEarlyFailure, ::testing::ValuesIn(earlyFailures),
+                         [](const auto& tested) { return std::string(tested.param.name); });
 
 TEST_F(EciFailure, ToUnlockTheTableKeepsAnEarlierCode)
 {
     EciParms parms = syncCall("PROG");
     parms.withExtendMode(1, 7);
-    int nth = 0;
     {
-        Rehearsal rehearsal(Call::MutexUnlock);
-        ASSERT_RC(ECI_ERR_LUW_TOKEN, execute(parms));
-        nth = rehearsal.position(tableMutex(), 1);
-    }
-    {
-        Fault fault = failUnlock(nth);
+        Fault fault = fail(Call::MutexUnlock, On::TableLock, 1, EPERM);
         EXPECT_RC(ECI_ERR_LUW_TOKEN, execute(parms));
         EXPECT_EQ(1, fault.hits());
     }
     EXPECT_EQ(1, trace.timesWrote(1519));
-    expectNothingLeft();
-}
-
-TEST_F(EciFailure, ToLockTheTableBeforeSendingFreesTheSlot)
-{
-    int nth = 0;
-    {
-        Rehearsal rehearsal(Call::MutexLock);
-        rehearseSync();
-        nth = rehearsal.position(tableMutex(), 2);
-    }
-    EciParms parms = syncCall("PROG");
-    {
-        Fault fault = failCall(Call::MutexLock, nth, EINVAL, Threads::Calling);
-        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, execute(parms));
-        EXPECT_EQ(1, fault.hits());
-    }
-    EXPECT_TRUE(connection.peer.isQuiet());
-    expectNothingLeft();
-}
-
-TEST_F(EciFailure, ToAcquireTheSendLockFreesTheSlot)
-{
-    int nth = 0;
-    {
-        Rehearsal rehearsal(Call::MutexLock);
-        rehearseSync();
-        nth = rehearsal.position(sendMutex(), 1);
-    }
-    EciParms parms = syncCall("PROG");
-    {
-        Fault fault = failCall(Call::MutexLock, nth, EINVAL, Threads::Calling);
-        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, execute(parms));
-        EXPECT_EQ(1, fault.hits());
-    }
-    expectLine("clapi_eci.performEciExecute() Failed to acquire send lock");
-    EXPECT_TRUE(connection.peer.isQuiet());
-    expectNothingLeft();
-}
-
-TEST_F(EciFailure, ToReleaseTheSendLockEndsTheCallWithoutItsReply)
-{
-    int nth = 0;
-    {
-        Rehearsal rehearsal(Call::MutexUnlock);
-        rehearseSync();
-        nth = rehearsal.position(sendMutex(), 1);
-    }
-    EciParms parms = syncCall("PROG", text("mine"));
-    {
-        Fault fault = failUnlock(nth);
-        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, execute(parms));
-        EXPECT_EQ(1, fault.hits());
-    }
-    expectLine("clapi_eci.performEciExecute() Failed to release send lock");
-    EXPECT_EQ(1, connection.awaitRequest().messageId()); // it was sent, and is not answered
-    EXPECT_EQ(text("mine"), parms.commarea());
     expectNothingLeft();
 }
 
@@ -276,7 +226,7 @@ TEST_F(EciFailure, ToWaitLeavesTheResultsUntouched)
     EciParms parms = syncCall("PROG", text("mine"));
     EciParms::fill(parms.record.eci_abend_code, "KEEP");
     {
-        Fault fault = failCall(Call::CondWait, 1, EINVAL, Threads::Calling);
+        Fault fault = fail(Call::CondWait, On::First);
         EXPECT_NE(0, execute(parms));
         EXPECT_EQ(1, fault.hits());
     }
@@ -288,237 +238,18 @@ TEST_F(EciFailure, ToWaitLeavesTheResultsUntouched)
     expectNothingLeft();
 }
 
-TEST_F(EciFailure, ToLockTheTableForFreeingIsReported)
-{
-    int nth = 0;
-    {
-        Rehearsal rehearsal(Call::MutexLock);
-        rehearseSync();
-        nth = rehearsal.position(tableMutex(), -1);
-    }
-    EciParms parms = syncCall("PROG", filled(4, 'x'));
-    {
-        Fault fault = failCall(Call::MutexLock, nth, EINVAL, Threads::Calling);
-        EXPECT_RC(ECI_ERR_SYSTEM_ERROR,
-                  answeredCall(parms, ProgramReply().abend("OKAY").commarea(text("data"))));
-        EXPECT_EQ(1, fault.hits());
-    }
-    expectLine("clapi_eci.performEciExecute() Failed to lock slot table to free slot");
-    EXPECT_EQ("OKAY", std::string(parms.record.eci_abend_code, 4));
-    EXPECT_EQ(text("data"), parms.commarea());
-    expectNothingLeft();
-}
-
-TEST_F(EciFailure, ToUnlockTheTableAfterFreeingIsReported)
-{
-    int nth = 0;
-    {
-        Rehearsal rehearsal(Call::MutexUnlock);
-        rehearseSync();
-        nth = rehearsal.position(tableMutex(), -1);
-    }
-    EciParms parms = syncCall("PROG");
-    {
-        Fault fault = failUnlock(nth);
-        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, answeredCall(parms));
-        EXPECT_EQ(1, fault.hits());
-    }
-    expectLine("clapi_eci.performEciExecute() Failed to unlock slot table after freeing slot");
-    expectNothingLeft();
-}
-
-TEST_F(EciFailure, ToFreeTheSlotKeepsTheServersCode)
-{
-    int nth = 0;
-    {
-        Rehearsal rehearsal(Call::MutexUnlock);
-        EciParms rehearsed = syncCall("PROG");
-        ASSERT_RC(ECI_ERR_TRANSACTION_ABEND,
-                  answeredCall(rehearsed, ProgramReply().serverCode(-7)));
-        nth = rehearsal.position(tableMutex(), -1);
-    }
-    EciParms parms = syncCall("PROG");
-    {
-        // This unlocking takes place, and fails all the same: it is not tried again.
-        Fault unlocked = beforeCall(
-            Call::MutexUnlock, nth,
-            [](const CallInfo& info) {
-                pthread_mutex_unlock(reinterpret_cast<pthread_mutex_t*>(info.first));
-            },
-            Threads::Calling);
-        Fault fault = failCall(Call::MutexUnlock, nth, EPERM, Threads::Calling);
-        EXPECT_RC(ECI_ERR_TRANSACTION_ABEND, answeredCall(parms, ProgramReply().serverCode(-7)));
-        EXPECT_EQ(1, fault.hits());
-    }
-    expectNothingLeft();
-}
-
-// ---- Unregistering ----
-
-namespace {
-
-// A call that cannot be counted out can never be waited for: these connections are not closed.
-class EciUnregisterFailure : public EciFailure {
-protected:
-    ~EciUnregisterFailure() override { connection.forget(); }
-
-    int lastListLock()
-    {
-        Rehearsal rehearsal(Call::MutexLock);
-        rehearseSync();
-        return rehearsal.position(listMutex(), -1);
-    }
-};
-
-} // namespace
-
-TEST_F(EciUnregisterFailure, IsReported)
-{
-    int nth = lastListLock();
-    EciParms parms = syncCall("PROG", filled(4, 'x'));
-    {
-        Fault fault = failCall(Call::MutexLock, nth, EINVAL, Threads::Calling);
-        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, answeredCall(parms, ProgramReply().commarea(text("data"))));
-        EXPECT_EQ(1, fault.hits());
-    }
-    EXPECT_TRUE(trace.wrote(1563, "*EXC*", "API.QPX_ECI_Execute() Unregister request failed"));
-    expectLine("clapi_gwytok.clapiUnregisterRequest() Failed to lock Gateway token list");
-    EXPECT_EQ(text("data"), parms.commarea());
-    EXPECT_EQ(1, connection.token->requestCount.load());
-}
-
-TEST_F(EciUnregisterFailure, KeepsTheServersCode)
-{
-    int nth = lastListLock();
-    EciParms parms = syncCall("PROG");
-    {
-        Fault fault = failCall(Call::MutexLock, nth, EINVAL, Threads::Calling);
-        EXPECT_RC(ECI_ERR_TRANSACTION_ABEND, answeredCall(parms, ProgramReply().serverCode(-7)));
-        EXPECT_EQ(1, fault.hits());
-    }
-    EXPECT_EQ(1, trace.timesWrote(1563));
-}
-
-// ---- Locks of an asynchronous call ----
-
-TEST_F(EciFailure, ToLockTheTableForCountingRefusesAnAsyncCall)
-{
-    int nth = 0;
-    {
-        Rehearsal rehearsal(Call::MutexLock);
-        rehearseAsync();
-        nth = rehearsal.position(tableMutex(), 2);
-    }
-    collectRehearsal();
-    EciParms parms = asyncCall("PROG");
-    parms.record.eci_message_qualifier = 99;
-    {
-        Fault fault = failCall(Call::MutexLock, nth, EINVAL, Threads::Calling);
-        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, execute(parms));
-        EXPECT_EQ(1, fault.hits());
-    }
-    expectLine("clapi_eci.performEciExecute() Failed to lock slot table to update async count");
-    EXPECT_EQ(99, int(parms.record.eci_message_qualifier));
-    EXPECT_TRUE(connection.peer.isQuiet());
-    expectNothingLeft();
-}
-
-TEST_F(EciFailure, ToUnlockTheTableAfterCountingTakesTheCountBack)
-{
-    int nth = 0;
-    {
-        Rehearsal rehearsal(Call::MutexUnlock);
-        rehearseAsync();
-        nth = rehearsal.position(tableMutex(), 2);
-    }
-    collectRehearsal();
-    EciParms parms = asyncCall("PROG");
-    {
-        Fault fault = failUnlock(nth);
-        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, execute(parms));
-        EXPECT_EQ(1, fault.hits());
-    }
-    expectLine(
-        "clapi_eci.performEciExecute() Failed to unlock slot table after updating async count");
-    EXPECT_TRUE(connection.peer.isQuiet());
-    expectNothingLeft();
-}
-
-TEST_F(EciFailure, ToAcquireTheSendLockTakesTheCountBack)
-{
-    int nth = 0;
-    {
-        Rehearsal rehearsal(Call::MutexLock);
-        rehearseAsync();
-        nth = rehearsal.position(sendMutex(), 1);
-    }
-    collectRehearsal();
-    EciParms parms = asyncCall("PROG");
-    parms.record.eci_message_qualifier = 99;
-    {
-        Fault fault = failCall(Call::MutexLock, nth, EINVAL, Threads::Calling);
-        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, execute(parms));
-        EXPECT_EQ(1, fault.hits());
-    }
-    expectLine("clapi_eci.performEciExecute() Failed to acquire send lock");
-    EXPECT_EQ(99, int(parms.record.eci_message_qualifier));
-    EXPECT_TRUE(connection.peer.isQuiet());
-    expectNothingLeft();
-}
-
-TEST_F(EciFailure, ToReleaseTheSendLockGivesAnAsyncCallUp)
-{
-    int nth = 0;
-    {
-        Rehearsal rehearsal(Call::MutexUnlock);
-        rehearseAsync();
-        nth = rehearsal.position(sendMutex(), 1);
-    }
-    collectRehearsal();
-    EciParms parms = asyncCall("PROG");
-    {
-        Fault fault = failUnlock(nth);
-        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, execute(parms));
-        EXPECT_EQ(1, fault.hits());
-    }
-    expectLine("clapi_eci.performEciExecute() Failed to release send lock");
-    connection.awaitRequest();
-    expectNothingLeft();
-}
-
-// ---- The socket ----
-
-TEST_F(EciFailure, ToSendFreesTheSlot)
-{
-    EciParms parms = syncCall("PROG", text("mine"));
-    EciParms::fill(parms.record.eci_abend_code, "KEEP");
-    {
-        Fault fault = failCall(Call::Send, 1, EPIPE, Threads::Calling);
-        EXPECT_RC(QPX_ERR_LOSTGWCON, execute(parms));
-        EXPECT_EQ(1, fault.hits());
-    }
-    expectLine("clapi_socketbuffer.flushBuffer() Unable to send data to Gateway: Broken pipe (32)");
-    EXPECT_EQ("KEEP", std::string(parms.record.eci_abend_code, 4));
-    EXPECT_EQ(text("mine"), parms.commarea());
-    expectNothingLeft();
-}
-
 TEST_F(EciFailure, ToSendTakesTheCountBack)
 {
     QPX_setAPITraceLevel(4);
     EciParms parms = asyncCall("PROG", filled(100, 'a'));
-    parms.record.eci_message_qualifier = 99;
     {
-        Fault fault = failCall(Call::Send, 1, EPIPE, Threads::Calling);
+        Fault fault = fail(Call::Send, On::First, 1, EPIPE);
         EXPECT_RC(QPX_ERR_LOSTGWCON, execute(parms));
         EXPECT_EQ(1, fault.hits());
     }
     const std::string counted = "DEBUG  clapi_eci.performEciExecute() Async requests=";
-    EXPECT_EQ(1, trace.timesWroteText(counted + "1 on gwTok=" + address(connection.token) + "\n"));
-    EXPECT_EQ(1, trace.timesWroteText(counted + "0 on gwTok=" + address(connection.token) + "\n"));
-    EXPECT_EQ(99, int(parms.record.eci_message_qualifier));
-    EciParms collecting = getReply(8);
-    EXPECT_RC(ECI_ERR_NO_REPLY, execute(collecting));
+    EXPECT_EQ(1, trace.timesWroteText(counted + "1 on gwTok=" + shown(connection.token) + "\n"));
+    EXPECT_EQ(1, trace.timesWroteText(counted + "0 on gwTok=" + shown(connection.token) + "\n"));
     expectNothingLeft();
 }
 
@@ -530,84 +261,10 @@ TEST_F(EciFailure, ToSendGivesAUnitOfWorkUp)
     EciParms next = syncCall("PROG");
     next.withExtendMode(1, 7);
     {
-        Fault fault = failCall(Call::Send, 1, EPIPE, Threads::Calling);
+        Fault fault = fail(Call::Send, On::First, 1, EPIPE);
         EXPECT_RC(QPX_ERR_LOSTGWCON, execute(next));
     }
     EXPECT_RC(ECI_ERR_LUW_TOKEN, execute(next));
-    expectNothingLeft();
-}
-
-// ---- Memory ----
-
-TEST_F(EciFailure, OfTheReplyBufferRefusesAnAsyncCall)
-{
-    int nth = 0;
-    {
-        Rehearsal rehearsal(Call::Malloc);
-        rehearseAsync();
-        nth = rehearsal.positionOfNumber(100, 1);
-    }
-    collectRehearsal();
-    EciParms parms = asyncCall("PROG", filled(100, 'a'));
-    parms.record.eci_message_qualifier = 99;
-    {
-        Fault fault = failCall(Call::Malloc, nth, ENOMEM, Threads::Calling);
-        EXPECT_RC(ECI_ERR_RESOURCE_SHORTAGE, execute(parms));
-        EXPECT_EQ(1, fault.hits());
-    }
-    expectLine("clapi_eci.performEciExecute() Failed to allocate 100 bytes for async commarea");
-    EXPECT_EQ(99, int(parms.record.eci_message_qualifier));
-    EXPECT_TRUE(connection.peer.isQuiet());
-    expectNothingLeft();
-}
-
-TEST_F(EciFailure, OfTheWriteBufferRefusesASyncCall)
-{
-    int nth = 0;
-    {
-        Rehearsal rehearsal(Call::Malloc);
-        rehearseSync();
-        nth = rehearsal.positionOfNumber(32 + 15 + 68 + 100, 1);
-    }
-    EciParms parms = syncCall("PROG", filled(100, 'a'));
-    {
-        Fault fault = failCall(Call::Malloc, nth, ENOMEM, Threads::Calling);
-        EXPECT_RC(QPX_ERR_MALLOCFAIL, execute(parms));
-        EXPECT_EQ(1, fault.hits());
-    }
-    expectLine("clapi_socketbuffer.initWriteBuffer() Failed to allocate 215 bytes for buffer");
-    EXPECT_TRUE(connection.peer.isQuiet());
-    expectNothingLeft();
-}
-
-TEST_F(EciFailure, OfTheWriteBufferTakesTheCountBack)
-{
-    int nth = 0;
-    {
-        Rehearsal rehearsal(Call::Malloc);
-        rehearseAsync();
-        nth = rehearsal.positionOfNumber(32 + 15 + 68 + 100, 1);
-    }
-    collectRehearsal();
-    EciParms parms = asyncCall("PROG", filled(100, 'a'));
-    {
-        Fault fault = failCall(Call::Malloc, nth, ENOMEM, Threads::Calling);
-        EXPECT_RC(QPX_ERR_MALLOCFAIL, execute(parms));
-        EXPECT_EQ(1, fault.hits());
-    }
-    EXPECT_TRUE(connection.peer.isQuiet());
-    expectNothingLeft();
-}
-
-TEST_F(EciFailure, OfTheSlotsEventRefusesTheCall)
-{
-    EciParms parms = syncCall("PROG");
-    {
-        Fault fault = failCall(Call::CondInit, 1, EAGAIN, Threads::Calling);
-        EXPECT_RC(QPX_ERR_SYSTEM_ERROR, execute(parms));
-        EXPECT_EQ(1, fault.hits());
-    }
-    EXPECT_TRUE(connection.peer.isQuiet());
     expectNothingLeft();
 }
 
@@ -634,50 +291,131 @@ TEST_F(EciFailure, OfANewTableRefusesTheSeventeenthRequest)
     expectNothingLeft();
 }
 
+// ---- Calls that fail with a reply ----
+
+namespace {
+
+// The last call of its kind, behind the reply.
+struct LateFailure {
+    const char* name;
+    Call call;
+    On on;
+    int error;
+    const char* line;
+};
+
+void PrintTo(const LateFailure& failure, std::ostream* stream)
+{
+    *stream << failure.name;
+}
+
+const LateFailure slotFailures[] = {
+    {"ToLockTheTable", Call::MutexLock, On::TableLock, EINVAL,
+     "clapi_eci.performEciExecute() Failed to lock slot table to free slot"},
+    {"ToUnlockTheTable", Call::MutexUnlock, On::TableLock, EPERM,
+     "clapi_eci.performEciExecute() Failed to unlock slot table after freeing slot"},
+};
+
+class EciLateFailure : public EciFailure, public ::testing::WithParamInterface<LateFailure> {};
+
+// A call that cannot be counted out can never be waited for: these connections are not closed.
+class EciUnregisterFailure : public EciFailure {
+protected:
+    ~EciUnregisterFailure() override { connection.forget(); }
+};
+
+} // namespace
+
+TEST_P(EciLateFailure, IsReportedWithTheReply)
+{
+    int nth = lastOf(GetParam().call, GetParam().on);
+    EciParms parms = syncCall("PROG", filled(4, 'x'));
+    {
+        Fault fault = fail(GetParam().call, GetParam().on, nth, GetParam().error);
+        EXPECT_RC(ECI_ERR_SYSTEM_ERROR,
+                  answeredCall(parms, ProgramReply().abend("OKAY").commarea(text("data"))));
+        EXPECT_EQ(1, fault.hits());
+    }
+    expectLine(GetParam().line);
+    EXPECT_EQ("OKAY", std::string(parms.record.eci_abend_code, 4));
+    EXPECT_EQ(text("data"), parms.commarea());
+    expectNothingLeft();
+}
+
+INSTANTIATE_TEST_SUITE_P(OfTheSlot, EciLateFailure, ::testing::ValuesIn(slotFailures),
+                         [](const auto& tested) { return std::string(tested.param.name); });
+
+TEST_F(EciFailure, ToFreeTheSlotKeepsTheServersCode)
+{
+    int nth = lastOf(Call::MutexUnlock, On::TableLock);
+    EciParms parms = syncCall("PROG");
+    {
+        // This unlocking takes place, and fails all the same: it is not tried again.
+        int unlockings = 0;
+        Fault unlocked = beforeCall(
+            Call::MutexUnlock, 0,
+            [&](const CallInfo& info) {
+                auto* mutex = reinterpret_cast<pthread_mutex_t*>(info.first);
+                if (mutex != subjectOf(On::TableLock)) return;
+                unlockings += 1;
+                if (unlockings == nth) pthread_mutex_unlock(mutex);
+            },
+            Threads::Calling);
+        Fault fault = fail(Call::MutexUnlock, On::TableLock, nth, EPERM);
+        EXPECT_RC(ECI_ERR_TRANSACTION_ABEND, answeredCall(parms, ProgramReply().serverCode(-7)));
+        EXPECT_EQ(1, fault.hits());
+        EXPECT_LE(nth, unlockings);
+    }
+    expectNothingLeft();
+}
+
+TEST_F(EciUnregisterFailure, IsReported)
+{
+    int nth = lastOf(Call::MutexLock, On::ListLock);
+    EciParms parms = syncCall("PROG", filled(4, 'x'));
+    {
+        Fault fault = fail(Call::MutexLock, On::ListLock, nth);
+        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, answeredCall(parms, ProgramReply().commarea(text("data"))));
+        EXPECT_EQ(1, fault.hits());
+    }
+    expectLine("API.QPX_ECI_Execute() Unregister request failed", 1563);
+    expectLine("clapi_gwytok.clapiUnregisterRequest() Failed to lock Gateway token list");
+    EXPECT_EQ(text("data"), parms.commarea());
+    EXPECT_EQ(1, connection.token->requestCount.load());
+}
+
+TEST_F(EciUnregisterFailure, KeepsTheServersCode)
+{
+    int nth = lastOf(Call::MutexLock, On::ListLock);
+    EciParms parms = syncCall("PROG");
+    {
+        Fault fault = fail(Call::MutexLock, On::ListLock, nth);
+        EXPECT_RC(ECI_ERR_TRANSACTION_ABEND, answeredCall(parms, ProgramReply().serverCode(-7)));
+        EXPECT_EQ(1, fault.hits());
+    }
+    EXPECT_EQ(1, trace.timesWrote(1563));
+}
+
 // ---- Collecting ----
 
 TEST_F(EciFailure, ToLockTheTableEndsACollectingCall)
 {
-    int nth = 0;
-    {
-        Rehearsal rehearsal(Call::MutexLock);
-        EciParms parms = getReply(8);
-        ASSERT_RC(ECI_ERR_NO_REPLY, execute(parms));
-        nth = rehearsal.position(tableMutex(), 1);
-    }
-    EciParms parms = getReply(8);
-    {
-        Fault fault = failCall(Call::MutexLock, nth, EINVAL, Threads::Calling);
-        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, execute(parms));
-        EXPECT_EQ(1, fault.hits());
-    }
-    EXPECT_TRUE(trace.wrote(1537, "*EXC*", "clapi_eci.getAsyncReply() Failed to lock slot table"));
-    expectNothingLeft();
-}
-
-TEST_F(EciFailure, OfACollectingCallStillTracesItsExit)
-{
     QPX_setAPITraceLevel(3);
-    int nth = 0;
-    {
-        Rehearsal rehearsal(Call::MutexLock);
-        EciParms parms = getReply(8);
-        ASSERT_RC(ECI_ERR_NO_REPLY, execute(parms));
-        nth = rehearsal.position(tableMutex(), 1);
-    }
     EciParms parms = getReply(8);
     {
-        Fault fault = failCall(Call::MutexLock, nth, EINVAL, Threads::Calling);
+        Fault fault = fail(Call::MutexLock, On::TableLock);
         EXPECT_RC(ECI_ERR_SYSTEM_ERROR, execute(parms));
         EXPECT_EQ(1, fault.hits());
     }
+    expectLine("clapi_eci.getAsyncReply() Failed to lock slot table", 1537);
     EXPECT_TRUE(
         trace.wrote(1547, "EXIT", "clapi_eci.getAsyncReply() rc=-9 (QPX_ERR_SYSTEM_ERROR)"));
+    expectNothingLeft();
 }
 
 namespace {
 
-// A call that has to wait for its reply; the peer answers once it sleeps.
+// A call that has to wait for its reply.
 class EciWaitFailure : public EciFailure {
 protected:
     EciWaitFailure()
@@ -687,39 +425,17 @@ protected:
         qualifier = connection.awaitRequest().messageId();
     }
 
-    // Answers the request once somebody sleeps.
-    support::RunningCall<int> answerSleeper()
+    void expectWaitFails(const Fault& fault)
     {
-        int sleepers = support::callCount(Call::CondWait);
-        return callInThread([this, sleepers] {
-            EXPECT_TRUE(support::awaitCallCount(Call::CondWait, sleepers + 1));
-            connection.peer.send(ProgramReply().to(qualifier));
-            return 0;
-        });
-    }
-
-    int positionInWait(Call call, const void* argument, int n)
-    {
-        Rehearsal rehearsal(call);
-        auto answering = answerSleeper();
         EciParms waiting = getReplyWait(0);
-        EXPECT_RC(0, execute(waiting));
-        answering.get();
-        return rehearsal.position(argument, n);
+        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, execute(waiting));
+        EXPECT_EQ(1, fault.hits());
     }
 
-    // The request of the test itself; the one of the rehearsal is collected by then.
-    void sendAgain()
-    {
-        EciParms parms = asyncCall("PROG");
-        EXPECT_RC(0, execute(parms));
-        qualifier = connection.awaitRequest().messageId();
-    }
+    void answer() { connection.peer.send(ProgramReply().to(qualifier)); }
 
-    void expectStillCollectable()
+    void expectStillCollectable(EciParms collecting)
     {
-        connection.peer.send(ProgramReply().to(qualifier));
-        EciParms collecting = getReplyWait(0);
         EXPECT_RC(0, execute(collecting));
         expectNothingLeft();
     }
@@ -731,50 +447,33 @@ protected:
 
 TEST_F(EciWaitFailure, ToUnlockTheTableBeforeWaitingIsReported)
 {
-    int nth = positionInWait(Call::MutexUnlock, tableMutex(), 1);
-    sendAgain();
-    EciParms waiting = getReplyWait(0);
-    {
-        Fault fault = failUnlock(nth);
-        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, execute(waiting));
-        EXPECT_EQ(1, fault.hits());
-    }
-    EXPECT_TRUE(trace.wrote(
-        1538, "*EXC*", "clapi_eci.getAsyncReply() Failed to unlock slot table before waiting"));
-    expectStillCollectable();
+    expectWaitFails(fail(Call::MutexUnlock, On::TableLock, 1, EPERM));
+    expectLine("clapi_eci.getAsyncReply() Failed to unlock slot table before waiting", 1538);
+    answer();
+    expectStillCollectable(getReplyWait(0));
 }
 
 TEST_F(EciWaitFailure, ToWaitIsReported)
 {
-    EciParms waiting = getReplyWait(0);
-    {
-        Fault fault = failCall(Call::CondWait, 1, EINVAL, Threads::Calling);
-        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, execute(waiting));
-        EXPECT_EQ(1, fault.hits());
-    }
-    EXPECT_TRUE(
-        trace.wrote(1539, "*EXC*", "clapi_eci.getAsyncReply() Failed to wait on asyncReplyEvent"));
-    expectStillCollectable();
+    expectWaitFails(fail(Call::CondWait, On::First));
+    expectLine("clapi_eci.getAsyncReply() Failed to wait on asyncReplyEvent", 1539);
+    answer();
+    expectStillCollectable(getReplyWait(0));
 }
 
 TEST_F(EciWaitFailure, ToLockTheTableAfterWaitingIsReported)
 {
-    int nth = positionInWait(Call::MutexLock, tableMutex(), 2);
-    sendAgain();
-    EciParms waiting = getReplyWait(0);
-    auto answering = answerSleeper();
-    {
-        Fault fault = failCall(Call::MutexLock, nth, EINVAL, Threads::Calling);
-        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, execute(waiting));
-        EXPECT_EQ(1, fault.hits());
-    }
+    int sleepers = support::callCount(Call::CondWait);
+    auto answering = callInThread([this, sleepers] {
+        EXPECT_TRUE(support::awaitCallCount(Call::CondWait, sleepers + 1));
+        answer();
+        return 0;
+    });
+    expectWaitFails(fail(Call::MutexLock, On::TableLock, 2));
     answering.get();
-    EXPECT_TRUE(trace.wrote(1540, "*EXC*",
-                            "clapi_eci.getAsyncReply() Failed to lock slot table after waiting"));
+    expectLine("clapi_eci.getAsyncReply() Failed to lock slot table after waiting", 1540);
     // The reply is queued and nobody has taken it.
-    EciParms collecting = getReply(0);
-    EXPECT_RC(0, execute(collecting));
-    expectNothingLeft();
+    expectStillCollectable(getReply(0));
 }
 
 // ---- The library itself ----

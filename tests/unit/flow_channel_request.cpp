@@ -6,15 +6,6 @@ using namespace unit;
 
 namespace {
 
-// Dumps show everything while this lives.
-class WholeDumps {
-public:
-    WholeDumps() { QPX_setAPITraceDataLength(0); }
-    ~WholeDumps() { QPX_setAPITraceDataLength(128); }
-    WholeDumps(const WholeDumps&) = delete;
-    WholeDumps& operator=(const WholeDumps&) = delete;
-};
-
 // What a call of nothing but names sends before the channel flag, and behind the channel.
 const char* const bodyStart = "00000001 00000000 00000000 00000000 00"
                               "00000008 50524F4431202020"
@@ -34,15 +25,6 @@ class FlowChannelRequest : public SocketBufferTest {
 protected:
     FlowChannelRequest()
     {
-        std::memset(&header, 0, sizeof header);
-        header.eyecatcher = 0x47617465;
-        header.flowVersion = 0x10A01000;
-        header.flowType = 1;
-        header.messageId = 17;
-        header.requestTypeLength = 3;
-        std::memcpy(header.requestType, "ECI", 3);
-        header.datalength = 0x55555555;
-
         std::memset(&request, 0, sizeof request);
         request.callType = 1;
         std::memcpy(request.server, "PROD1   ", 8);
@@ -75,7 +57,7 @@ protected:
                      message.size() - headerSize - flagOffset - endSize);
     }
 
-    GatewayRequest header;
+    GatewayRequest header = requestHeader("ECI");
     ECIRequest request;
 };
 
@@ -519,11 +501,7 @@ TEST_F(FlowChannelRequest, TracesItsFunctionsAtLevelThree)
 TEST_F(FlowChannelRequest, DumpsContainersAtLevelFour)
 {
     LocalChannel channel("CH", 819, {bits("A", text("0123456789ABCDEFghij"))});
-    std::string data = [&] {
-        char shown[32];
-        std::snprintf(shown, sizeof shown, "%p", static_cast<void*>(channel.at(0)->dataPtr));
-        return std::string(shown);
-    }();
+    std::string data = support::shown(channel.at(0)->dataPtr);
     TraceFile trace(4);
 
     EXPECT_RC(0, flow(channel));

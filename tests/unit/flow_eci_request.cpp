@@ -12,29 +12,11 @@ void fill(char (&field)[width], const char (&value)[width + 1])
     std::memcpy(field, value, width);
 }
 
-// Dumps show everything while this lives.
-class WholeDumps {
-public:
-    WholeDumps() { QPX_setAPITraceDataLength(0); }
-    ~WholeDumps() { QPX_setAPITraceDataLength(128); }
-    WholeDumps(const WholeDumps&) = delete;
-    WholeDumps& operator=(const WholeDumps&) = delete;
-};
-
 class FlowEciRequest : public SocketBufferTest {
 protected:
     // A call in which every field has a value of its own: no XID, no token, a COMMAREA of five.
     FlowEciRequest()
     {
-        std::memset(&header, 0, sizeof header);
-        header.eyecatcher = 0x47617465;
-        header.flowVersion = 0x10A01000;
-        header.flowType = 1;
-        header.messageId = 17;
-        header.requestTypeLength = 3;
-        std::memcpy(header.requestType, "ECI", 3);
-        header.datalength = 0x55555555;
-
         std::memset(&request, 0, sizeof request);
         request.callType = 1;
         request.extendedMode = 1;
@@ -100,7 +82,7 @@ protected:
                   sentHex());
     }
 
-    GatewayRequest header;
+    GatewayRequest header = requestHeader("ECI");
     ECIRequest request;
     std::vector<char> area;
     std::vector<char> globalIdText;
@@ -364,100 +346,49 @@ protected:
     }
 };
 
-TEST_F(FlowEciCommarea, SendsTheWholeCommarea)
+// What a call asks for, and what goes out of it.
+struct SentCommarea {
+    const char* name;
+    const char* contents;
+    int outbound; // 0: not said
+    int inbound;  // 0: not said
+    int mode;
+    const char* data;
+    int datalength;
+};
+
+const SentCommarea sentCommareas[] = {
+    {"SendsTheWholeCommarea", "HELLO", 0, 0, 0, "00000005 00 00 48454C4C4F 00", 88},
+    {"SendsACommareaOfNoBytes", "", 0, 0, 0, "00000000 00 00 00", 83},
+    {"SendsTheOutboundBytesOnly", "HELLO", 1, 0, 0, "00000005 FF 00000001 00 48 00", 88},
+    {"SendsAnOutboundLengthOfTheWholeCommarea", "HELLO", 5, 0, 0,
+     "00000005 FF 00000005 00 48454C4C4F 00", 92},
+    {"TakesANegativeOutboundLengthForNone", "HELLO", -1, 0, 0, "00000005 00 00 48454C4C4F 00", 88},
+    {"SendsTheInboundLength", "HELLO", 0, 1, 0, "00000005 00 FF 00000001 48454C4C4F 00", 92},
+    {"TakesANegativeInboundLengthForNone", "HELLO", 0, -1, 0, "00000005 00 00 48454C4C4F 00", 88},
+    {"SendsBothLengths", "HELLO", 2, 3, 0, "00000005 FF 00000002 FF 00000003 4845 00", 93},
+    {"CommitsWithoutData", "HELLO", 0, 0, 2, "00000005 00 00 00", 83},
+    {"BacksOutWithoutData", "HELLO", 0, 0, 4, "00000005 00 00 00", 83},
+    {"CommitsWithLengthsButWithoutData", "HELLO", 2, 3, 2, "00000005 FF 00000002 FF 00000003 00",
+     91},
+    {"ExtendsWithData", "HELLO", 0, 0, 1, "00000005 00 00 48454C4C4F 00", 88},
+};
+
+class FlowEciSentCommarea : public FlowEciCommarea,
+                            public ::testing::WithParamInterface<SentCommarea> {};
+
+TEST_P(FlowEciSentCommarea, IsAsTheCallSays)
 {
-    withCommarea("HELLO");
-    EXPECT_EQ(toHex(hex("00000005 00 00 48454C4C4F 00")), dataSent());
-    EXPECT_EQ(88, header.datalength);
+    withCommarea(GetParam().contents);
+    request.commareaOutboundLength = GetParam().outbound;
+    request.commareaInboundLength = GetParam().inbound;
+    request.extendedMode = GetParam().mode;
+    EXPECT_EQ(toHex(hex(GetParam().data)), dataSent());
+    EXPECT_EQ(GetParam().datalength, header.datalength);
 }
 
-TEST_F(FlowEciCommarea, SendsACommareaOfNoBytes)
-{
-    EXPECT_EQ(toHex(hex("00000000 00 00 00")), dataSent());
-    EXPECT_EQ(83, header.datalength);
-}
-
-TEST_F(FlowEciCommarea, SendsTheOutboundBytesOnly)
-{
-    withCommarea("HELLO");
-    request.commareaOutboundLength = 1;
-    EXPECT_EQ(toHex(hex("00000005 FF 00000001 00 48 00")), dataSent());
-    EXPECT_EQ(88, header.datalength);
-}
-
-TEST_F(FlowEciCommarea, SendsAnOutboundLengthOfTheWholeCommarea)
-{
-    withCommarea("HELLO");
-    request.commareaOutboundLength = 5;
-    EXPECT_EQ(toHex(hex("00000005 FF 00000005 00 48454C4C4F 00")), dataSent());
-    EXPECT_EQ(92, header.datalength);
-}
-
-TEST_F(FlowEciCommarea, TakesANegativeOutboundLengthForNone)
-{
-    withCommarea("HELLO");
-    request.commareaOutboundLength = -1;
-    EXPECT_EQ(toHex(hex("00000005 00 00 48454C4C4F 00")), dataSent());
-    EXPECT_EQ(88, header.datalength);
-}
-
-TEST_F(FlowEciCommarea, SendsTheInboundLength)
-{
-    withCommarea("HELLO");
-    request.commareaInboundLength = 1;
-    EXPECT_EQ(toHex(hex("00000005 00 FF 00000001 48454C4C4F 00")), dataSent());
-    EXPECT_EQ(92, header.datalength);
-}
-
-TEST_F(FlowEciCommarea, TakesANegativeInboundLengthForNone)
-{
-    withCommarea("HELLO");
-    request.commareaInboundLength = -1;
-    EXPECT_EQ(toHex(hex("00000005 00 00 48454C4C4F 00")), dataSent());
-    EXPECT_EQ(88, header.datalength);
-}
-
-TEST_F(FlowEciCommarea, SendsBothLengths)
-{
-    withCommarea("HELLO");
-    request.commareaOutboundLength = 2;
-    request.commareaInboundLength = 3;
-    EXPECT_EQ(toHex(hex("00000005 FF 00000002 FF 00000003 4845 00")), dataSent());
-    EXPECT_EQ(93, header.datalength);
-}
-
-TEST_F(FlowEciCommarea, CommitsWithoutData)
-{
-    withCommarea("HELLO");
-    request.extendedMode = 2;
-    EXPECT_EQ(toHex(hex("00000005 00 00 00")), dataSent());
-    EXPECT_EQ(83, header.datalength);
-}
-
-TEST_F(FlowEciCommarea, BacksOutWithoutData)
-{
-    withCommarea("HELLO");
-    request.extendedMode = 4;
-    EXPECT_EQ(toHex(hex("00000005 00 00 00")), dataSent());
-    EXPECT_EQ(83, header.datalength);
-}
-
-TEST_F(FlowEciCommarea, CommitsWithLengthsButWithoutData)
-{
-    withCommarea("HELLO");
-    request.extendedMode = 2;
-    request.commareaOutboundLength = 2;
-    request.commareaInboundLength = 3;
-    EXPECT_EQ(toHex(hex("00000005 FF 00000002 FF 00000003 00")), dataSent());
-    EXPECT_EQ(91, header.datalength);
-}
-
-TEST_F(FlowEciCommarea, ExtendsWithData)
-{
-    withCommarea("HELLO");
-    request.extendedMode = 1;
-    EXPECT_EQ(toHex(hex("00000005 00 00 48454C4C4F 00")), dataSent());
-}
+INSTANTIATE_TEST_SUITE_P(Each, FlowEciSentCommarea, ::testing::ValuesIn(sentCommareas),
+                         [](const auto& tested) { return std::string(tested.param.name); });
 
 TEST_F(FlowEciRequest, SendsACommareaLargerThanTheBuffer)
 {

@@ -14,15 +14,6 @@ class FlowEsiRequest : public SocketBufferTest {
 protected:
     FlowEsiRequest()
     {
-        std::memset(&header, 0, sizeof header);
-        header.eyecatcher = 0x47617465;
-        header.flowVersion = 0x10A01000;
-        header.flowType = 1;
-        header.messageId = 17;
-        header.requestTypeLength = 3;
-        std::memcpy(header.requestType, "ESI", 3);
-        header.datalength = 0x55555555;
-
         std::memset(&request, 0, sizeof request);
         request.userID = "CLERK";
         request.currentPassword = "SECRET";
@@ -75,7 +66,7 @@ protected:
             slice(body, at + 4, static_cast<std::size_t>(int32At(body, at))));
     }
 
-    GatewayRequest header;
+    GatewayRequest header = requestHeader("ESI");
     ESIRequest request;
 };
 
@@ -450,8 +441,8 @@ TEST_F(FlowEsiRequest, TracesEntryAndExitOfTheWriterAndOfTheSize)
     std::snprintf(descriptor, sizeof descriptor, "%d", ours.fd());
     EXPECT_TRUE(trace.wrote(3239, "ENTRY",
                             std::string("clapi_socketcomms.clapiFlowESIRequest(socketDesc=") +
-                                descriptor + ", header=" + script::address(&header) +
-                                ", request=" + script::address(&request) + ")"));
+                                descriptor + ", header=" + shown(&header) +
+                                ", request=" + shown(&request) + ")"));
     EXPECT_EQ("ENTRY", typesOf(trace)[1]);
     EXPECT_TRUE(trace.wrote(3238, "EXIT", "clapi_socketcomms.calculateESIRequestSize() size=32"));
     EXPECT_TRUE(trace.wrote(3240, "EXIT", "clapi_socketcomms.clapiFlowESIRequest() rc=0"));

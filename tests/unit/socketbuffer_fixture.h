@@ -41,6 +41,30 @@ inline support::Bytes countedBytes(std::size_t count)
     return bytes;
 }
 
+// Dumps show everything while this lives.
+class WholeDumps {
+public:
+    WholeDumps() { QPX_setAPITraceDataLength(0); }
+    ~WholeDumps() { QPX_setAPITraceDataLength(128); }
+    WholeDumps(const WholeDumps&) = delete;
+    WholeDumps& operator=(const WholeDumps&) = delete;
+};
+
+// The header of a request that is to go out. Its writer fills in the length of the data.
+inline GatewayRequest requestHeader(const char (&type)[4])
+{
+    GatewayRequest header;
+    std::memset(&header, 0, sizeof header);
+    header.eyecatcher = 0x47617465;
+    header.flowVersion = 0x10A01000;
+    header.flowType = 1;
+    header.messageId = 17;
+    header.requestTypeLength = 3;
+    std::memcpy(header.requestType, type, 3);
+    header.datalength = 0x55555555;
+    return header;
+}
+
 // The trace points of the lines, in order.
 inline std::vector<int> pointsOf(const support::TraceFile& trace)
 {

@@ -16,6 +16,7 @@
 #include "support/descriptors.h"
 #include "support/expect_rc.h"
 #include "support/trace_file.h"
+#include "support/trace_reads.h"
 
 using namespace support;
 
@@ -356,18 +357,10 @@ TEST_F(TraceData, LengthIsSetWithOldAndNewValue)
 {
     TraceFile trace(4);
     QPX_setAPITraceDataLength(64);
-    std::vector<TraceRecord> records = trace.records();
-    ASSERT_EQ(3u, records.size());
-    EXPECT_EQ(1048, records[0].point);
-    EXPECT_EQ("ENTRY", records[0].type);
-    EXPECT_EQ("API.QPX_setAPITraceDataLength(dataLength=64)", records[0].message);
-    EXPECT_EQ(1049, records[1].point);
-    EXPECT_EQ("DEBUG", records[1].type);
-    EXPECT_EQ("API.QPX_setAPITraceDataLength() Trace data truncation length changed from 128 to 64",
-              records[1].message);
-    EXPECT_EQ(1050, records[2].point);
-    EXPECT_EQ("EXIT", records[2].type);
-    EXPECT_EQ("API.QPX_setAPITraceDataLength()", records[2].message);
+    EXPECT_TRUE(traceReads(trace, {"1048 ENTRY API.QPX_setAPITraceDataLength(dataLength=64)",
+                                   "1049 DEBUG API.QPX_setAPITraceDataLength() Trace data "
+                                   "truncation length changed from 128 to 64",
+                                   "1050 EXIT API.QPX_setAPITraceDataLength()"}));
 }
 
 TEST_F(TraceData, LengthKeepsWhatWasSetLast)
@@ -383,18 +376,10 @@ TEST_F(TraceData, OffsetIsSetWithOldAndNewValue)
 {
     TraceFile trace(4);
     QPX_setAPITraceDataOffset(16);
-    std::vector<TraceRecord> records = trace.records();
-    ASSERT_EQ(3u, records.size());
-    EXPECT_EQ(1051, records[0].point);
-    EXPECT_EQ("ENTRY", records[0].type);
-    EXPECT_EQ("API.QPX_setAPITraceDataOffset(dataOffset=16)", records[0].message);
-    EXPECT_EQ(1052, records[1].point);
-    EXPECT_EQ("DEBUG", records[1].type);
-    EXPECT_EQ("API.QPX_setAPITraceDataOffset() Trace data offset changed from 0 to 16",
-              records[1].message);
-    EXPECT_EQ(1053, records[2].point);
-    EXPECT_EQ("EXIT", records[2].type);
-    EXPECT_EQ("API.QPX_setAPITraceDataOffset()", records[2].message);
+    EXPECT_TRUE(traceReads(
+        trace, {"1051 ENTRY API.QPX_setAPITraceDataOffset(dataOffset=16)",
+                "1052 DEBUG API.QPX_setAPITraceDataOffset() Trace data offset changed from 0 to 16",
+                "1053 EXIT API.QPX_setAPITraceDataOffset()"}));
 }
 
 TEST_F(TraceData, OffsetKeepsWhatWasSetLast)

@@ -8,6 +8,7 @@
 #include "qpxclient.h"
 #include "support/expect_rc.h"
 #include "support/trace_file.h"
+#include "support/trace_reads.h"
 
 using namespace support;
 
@@ -91,40 +92,26 @@ TEST_F(TraceLevel, NeedsSomewhereToGo)
 {
     TraceFile trace(1);
     EXPECT_RC(-109, QPX_getAPITraceLevel(nullptr));
-    std::vector<TraceRecord> records = trace.records();
-    ASSERT_EQ(1u, records.size());
-    EXPECT_EQ(1036, records[0].point);
-    EXPECT_EQ("*EXC*", records[0].type);
-    EXPECT_EQ("API.QPX_getAPITraceLevel() Supplied pointer is NULL, traceStatePtr=(nil)",
-              records[0].message);
+    EXPECT_TRUE(traceReads(
+        trace,
+        {"1036 *EXC* API.QPX_getAPITraceLevel() Supplied pointer is NULL, traceStatePtr=(nil)"}));
 }
 
 TEST_F(TraceLevel, IsAskedWithEntryAndExit)
 {
     TraceFile trace(3);
     EXPECT_EQ(3, current());
-    std::vector<TraceRecord> records = trace.records();
-    ASSERT_EQ(2u, records.size());
-    EXPECT_EQ(1035, records[0].point);
-    EXPECT_EQ("ENTRY", records[0].type);
-    EXPECT_TRUE(matches("API.QPX_getAPITraceLevel(traceStatePtr=<ptr>)", records[0].message));
-    EXPECT_EQ(1037, records[1].point);
-    EXPECT_EQ("EXIT", records[1].type);
-    EXPECT_EQ("API.QPX_getAPITraceLevel() rc=0 (QPX_OK)", records[1].message);
+    EXPECT_TRUE(traceReads(trace, {"1035 ENTRY API.QPX_getAPITraceLevel(traceStatePtr=<ptr>)",
+                                   "1037 EXIT API.QPX_getAPITraceLevel() rc=0 (QPX_OK)"}));
 }
 
 TEST_F(TraceLevel, IsSetWithEntryAndExit)
 {
     TraceFile trace(3);
     EXPECT_RC(0, QPX_setAPITraceLevel(4));
-    std::vector<TraceRecord> records = trace.records();
-    ASSERT_EQ(2u, records.size());
-    EXPECT_EQ(1038, records[0].point);
-    EXPECT_EQ("ENTRY", records[0].type);
-    EXPECT_EQ("API.QPX_setAPITraceLevel(traceState=4) Current trace level=3", records[0].message);
-    EXPECT_EQ(1040, records[1].point);
-    EXPECT_EQ("EXIT", records[1].type);
-    EXPECT_EQ("API.QPX_setAPITraceLevel() rc=0 (QPX_OK) New trace level=4", records[1].message);
+    EXPECT_TRUE(traceReads(
+        trace, {"1038 ENTRY API.QPX_setAPITraceLevel(traceState=4) Current trace level=3",
+                "1040 EXIT API.QPX_setAPITraceLevel() rc=0 (QPX_OK) New trace level=4"}));
 }
 
 TEST_F(TraceLevel, ShowsTheUnchangedLevelWhenRefused)

@@ -8,6 +8,7 @@
 #include "qpxclient.h"
 #include "support/expect_rc.h"
 #include "support/trace_file.h"
+#include "support/trace_reads.h"
 
 using namespace support;
 
@@ -51,24 +52,16 @@ TEST(ApiVersion, NeedsSomewhereToGo)
 {
     TraceFile trace(1);
     EXPECT_RC(-109, QPX_getAPIVersion(nullptr));
-    std::vector<TraceRecord> records = trace.records();
-    ASSERT_EQ(1u, records.size());
-    EXPECT_EQ(1030, records[0].point);
-    EXPECT_EQ("*EXC*", records[0].type);
-    EXPECT_EQ("API.QPX_getAPIVersion() Supplied pointer is NULL, apiVersPtr=(nil)",
-              records[0].message);
+    EXPECT_TRUE(traceReads(
+        trace, {"1030 *EXC* API.QPX_getAPIVersion() Supplied pointer is NULL, apiVersPtr=(nil)"}));
 }
 
 TEST(DllVersion, NeedsSomewhereToGo)
 {
     TraceFile trace(1);
     EXPECT_RC(-109, QPX_getDLLVersion(nullptr));
-    std::vector<TraceRecord> records = trace.records();
-    ASSERT_EQ(1u, records.size());
-    EXPECT_EQ(1033, records[0].point);
-    EXPECT_EQ("*EXC*", records[0].type);
-    EXPECT_EQ("API.QPX_getDLLVersion() Supplied pointer is NULL, dllVersPtr=(nil)",
-              records[0].message);
+    EXPECT_TRUE(traceReads(
+        trace, {"1033 *EXC* API.QPX_getDLLVersion() Supplied pointer is NULL, dllVersPtr=(nil)"}));
 }
 
 TEST(ApiVersion, IsTracedWithEntryAndExit)
@@ -76,14 +69,8 @@ TEST(ApiVersion, IsTracedWithEntryAndExit)
     TraceFile trace(3);
     char* version = nullptr;
     EXPECT_RC(0, QPX_getAPIVersion(&version));
-    std::vector<TraceRecord> records = trace.records();
-    ASSERT_EQ(2u, records.size());
-    EXPECT_EQ(1029, records[0].point);
-    EXPECT_EQ("ENTRY", records[0].type);
-    EXPECT_TRUE(matches("API.QPX_getAPIVersion(apiVersPtr=<ptr>)", records[0].message));
-    EXPECT_EQ(1031, records[1].point);
-    EXPECT_EQ("EXIT", records[1].type);
-    EXPECT_EQ("API.QPX_getAPIVersion() rc=0 (QPX_OK)", records[1].message);
+    EXPECT_TRUE(traceReads(trace, {"1029 ENTRY API.QPX_getAPIVersion(apiVersPtr=<ptr>)",
+                                   "1031 EXIT API.QPX_getAPIVersion() rc=0 (QPX_OK)"}));
 }
 
 TEST(DllVersion, IsTracedWithEntryAndExit)
@@ -91,14 +78,8 @@ TEST(DllVersion, IsTracedWithEntryAndExit)
     TraceFile trace(3);
     char* version = nullptr;
     EXPECT_RC(0, QPX_getDLLVersion(&version));
-    std::vector<TraceRecord> records = trace.records();
-    ASSERT_EQ(2u, records.size());
-    EXPECT_EQ(1032, records[0].point);
-    EXPECT_EQ("ENTRY", records[0].type);
-    EXPECT_TRUE(matches("API.QPX_getDLLVersion(dllVersPtr=<ptr>)", records[0].message));
-    EXPECT_EQ(1034, records[1].point);
-    EXPECT_EQ("EXIT", records[1].type);
-    EXPECT_EQ("API.QPX_getDLLVersion() rc=0 (QPX_OK)", records[1].message);
+    EXPECT_TRUE(traceReads(trace, {"1032 ENTRY API.QPX_getDLLVersion(dllVersPtr=<ptr>)",
+                                   "1034 EXIT API.QPX_getDLLVersion() rc=0 (QPX_OK)"}));
 }
 
 TEST(ApiVersion, IsTracedWithItsFailureBetweenEntryAndExit)

@@ -21,6 +21,7 @@
 #include "qpxclient_eci.h"
 #include "support/expect_rc.h"
 #include "support/trace_file.h"
+#include "support/trace_reads.h"
 
 namespace support {
 
@@ -110,34 +111,6 @@ inline int createOfType(int type, ECI_ChannelToken_t chanTok, const char* name, 
 inline void settleCodePage()
 {
     ECI_createContainer(nullptr, "X", ECI_BIT, 0, nullptr, 0);
-}
-
-// An address as the trace shows it.
-inline std::string shown(const volatile void* address)
-{
-    char text[32];
-    std::snprintf(text, sizeof text, "%p", const_cast<const void*>(address));
-    return text;
-}
-
-// The trace lines as "1300 ENTRY API.ECI_createChannel(...)", held one by one against patterns of
-// the same form; <int> stands for a number that does not matter.
-inline ::testing::AssertionResult traceReads(const TraceFile& trace,
-                                             const std::vector<std::string>& expected)
-{
-    std::vector<std::string> lines;
-    for (const TraceRecord& record : trace.records())
-        lines.push_back(std::to_string(record.point) + " " + record.type + " " + record.message);
-    bool same = lines.size() == expected.size();
-    for (std::size_t line = 0; same && line < lines.size(); ++line)
-        same = matches(expected[line], lines[line]);
-    if (same) return ::testing::AssertionSuccess();
-    ::testing::AssertionResult failure = ::testing::AssertionFailure();
-    failure << "the trace reads\n";
-    for (const std::string& line : lines) failure << "    " << line << "\n";
-    failure << "  expected\n";
-    for (const std::string& line : expected) failure << "    " << line << "\n";
-    return failure;
 }
 
 } // namespace support

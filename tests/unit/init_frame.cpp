@@ -12,6 +12,7 @@
 #include "support/expect_rc.h"
 #include "support/faults.h"
 #include "support/trace_file.h"
+#include "support/trace_reads.h"
 
 using namespace support;
 
@@ -101,14 +102,8 @@ TEST_F(Correlator, IsTracedAtLevel3)
     TraceFile trace(3);
     nextCorrelator = 41;
     EXPECT_EQ(41, getNextCorrelator());
-    std::vector<TraceRecord> records = trace.records();
-    ASSERT_EQ(2u, records.size());
-    EXPECT_EQ(1064, records[0].point);
-    EXPECT_EQ("ENTRY", records[0].type);
-    EXPECT_EQ("clapi_impl.getNextCorrelator()", records[0].message);
-    EXPECT_EQ(1065, records[1].point);
-    EXPECT_EQ("EXIT", records[1].type);
-    EXPECT_EQ("clapi_impl.getNextCorrelator() correlator=41", records[1].message);
+    EXPECT_TRUE(traceReads(trace, {"1064 ENTRY clapi_impl.getNextCorrelator()",
+                                   "1065 EXIT clapi_impl.getNextCorrelator() correlator=41"}));
 }
 
 TEST_F(Correlator, IsNotTracedAtLevel2)

@@ -96,6 +96,27 @@ protected:
         EXPECT_FALSE(stuck.hasEnded());
     }
 
+    // What overtakes the request.
+    virtual Bytes reply() const { return ProgramReply().serverCode(-27).to(messageId); }
+
+    // A request whose early reply has been taken by the receiver: one behind it has been delivered.
+    RunningCall<int> startSyncOvertaken()
+    {
+        auto otherCall = startOther();
+        auto running = startSync();
+        answer(reply() + replyToOther());
+        expectOtherIsServed(otherCall, running);
+        return running;
+    }
+    RunningCall<int> startAsyncOvertaken()
+    {
+        auto otherCall = startOther();
+        auto sending = startAsync();
+        answer(reply() + replyToOther());
+        expectOtherIsServed(otherCall, sending);
+        return sending;
+    }
+
     // What the request carried is what the channel had at its start.
     static void expectSentUnchanged(const Bytes& body)
     {
@@ -154,10 +175,7 @@ Names asBefore()
 
 TEST_F(OvertakingReply, WithoutAChannelIsDeliveredOnceItsRequestHasBeenSent)
 {
-    auto otherCall = startOther();
-    auto running = startSync();
-    answer(ProgramReply().serverCode(-27).to(messageId) + replyToOther());
-    expectOtherIsServed(otherCall, running);
+    auto running = startSyncOvertaken();
 
     expectSentUnchanged(readOn());
 
@@ -169,10 +187,7 @@ TEST_F(OvertakingReply, WithoutAChannelIsDeliveredOnceItsRequestHasBeenSent)
 
 TEST_F(OvertakingReply, WithoutAChannelIsCollectedOnceItsRequestHasBeenSent)
 {
-    auto otherCall = startOther();
-    auto sending = startAsync();
-    answer(ProgramReply().serverCode(-27).to(messageId) + replyToOther());
-    expectOtherIsServed(otherCall, sending);
+    auto sending = startAsyncOvertaken();
 
     expectSentUnchanged(readOn());
 
@@ -277,7 +292,10 @@ const Changes allChanges[] = {
 class OvertakingChannel : public OvertakingReply, public ::testing::WithParamInterface<int> {
 protected:
     const Changes& changes = allChanges[static_cast<std::size_t>(GetParam())];
-    Bytes reply() const { return ChannelReply(changes.count, changes.records()).to(messageId); }
+    Bytes reply() const override
+    {
+        return ChannelReply(changes.count, changes.records()).to(messageId);
+    }
 
     void expectAsBeforeOrChanged() const
     {
@@ -293,10 +311,7 @@ INSTANTIATE_TEST_SUITE_P(, OvertakingChannel, ::testing::Range(0, 9), [](const a
 
 TEST_P(OvertakingChannel, IsAppliedOnceItsRequestHasBeenSent)
 {
-    auto otherCall = startOther();
-    auto running = startSync();
-    answer(reply() + replyToOther());
-    expectOtherIsServed(otherCall, running);
+    auto running = startSyncOvertaken();
 
     expectSentUnchanged(readOn());
 
@@ -308,10 +323,7 @@ TEST_P(OvertakingChannel, IsAppliedOnceItsRequestHasBeenSent)
 
 TEST_P(OvertakingChannel, IsAppliedToAnAsynchronousCallOnceItHasBeenSent)
 {
-    auto otherCall = startOther();
-    auto sending = startAsync();
-    answer(reply() + replyToOther());
-    expectOtherIsServed(otherCall, sending);
+    auto sending = startAsyncOvertaken();
 
     expectSentUnchanged(readOn());
 
@@ -326,10 +338,7 @@ TEST_P(OvertakingChannel, IsAppliedToAnAsynchronousCallOnceItHasBeenSent)
 // channel either as it was or as the reply wants it.
 TEST_P(OvertakingChannel, IsAppliedWholeOrNotAtAllWhenTheConnectionIsLost)
 {
-    auto otherCall = startOther();
-    auto running = startSync();
-    answer(reply() + replyToOther());
-    expectOtherIsServed(otherCall, running);
+    auto running = startSyncOvertaken();
 
     connection.peer.reset();
 
@@ -342,10 +351,7 @@ TEST_P(OvertakingChannel, IsAppliedWholeOrNotAtAllWhenTheConnectionIsLost)
 
 TEST_P(OvertakingChannel, IsAppliedWholeOrNotAtAllWhenAnAsynchronousCallIsLost)
 {
-    auto otherCall = startOther();
-    auto sending = startAsync();
-    answer(reply() + replyToOther());
-    expectOtherIsServed(otherCall, sending);
+    auto sending = startAsyncOvertaken();
 
     connection.peer.reset();
 
@@ -376,7 +382,7 @@ const UnfitChanges unfit[] = {
 
 class OvertakingUnfit : public OvertakingReply, public ::testing::WithParamInterface<int> {
 protected:
-    Bytes reply() const
+    Bytes reply() const override
     {
         const UnfitChanges& changes = unfit[static_cast<std::size_t>(GetParam())];
         return ChannelReply(changes.count, changes.records).to(messageId);
@@ -424,7 +430,7 @@ const Refusal refusals[] = {{"Error", false, 61445},
 class OvertakingRefusal : public OvertakingReply, public ::testing::WithParamInterface<int> {
 protected:
     const Refusal& refusal = refusals[static_cast<std::size_t>(GetParam())];
-    Bytes reply() const
+    Bytes reply() const override
     {
         return refusal.isException ? exceptionFlow(messageId, "refused")
                                    : errorFlow(messageId, refusal.code);
@@ -437,10 +443,7 @@ INSTANTIATE_TEST_SUITE_P(, OvertakingRefusal, ::testing::Range(0, 2), [](const a
 
 TEST_P(OvertakingRefusal, IsDeliveredOnceTheRequestHasBeenSent)
 {
-    auto otherCall = startOther();
-    auto running = startSync();
-    answer(reply() + replyToOther());
-    expectOtherIsServed(otherCall, running);
+    auto running = startSyncOvertaken();
 
     expectSentUnchanged(readOn());
 
@@ -452,10 +455,7 @@ TEST_P(OvertakingRefusal, IsDeliveredOnceTheRequestHasBeenSent)
 
 TEST_P(OvertakingRefusal, IsCollectedOnceTheRequestHasBeenSent)
 {
-    auto otherCall = startOther();
-    auto sending = startAsync();
-    answer(reply() + replyToOther());
-    expectOtherIsServed(otherCall, sending);
+    auto sending = startAsyncOvertaken();
 
     expectSentUnchanged(readOn());
 
@@ -468,10 +468,7 @@ TEST_P(OvertakingRefusal, IsCollectedOnceTheRequestHasBeenSent)
 
 TEST_P(OvertakingRefusal, IsALossWhenTheConnectionEndsBeforeTheRequestHasBeenSent)
 {
-    auto otherCall = startOther();
-    auto running = startSync();
-    answer(reply() + replyToOther());
-    expectOtherIsServed(otherCall, running);
+    auto running = startSyncOvertaken();
 
     connection.peer.reset();
 
@@ -492,23 +489,13 @@ const Early early[] = {{"Reply", -27}, {"Channel", 0}, {"Error", 61445}};
 
 class OvertakenCollector : public OvertakingReply, public ::testing::WithParamInterface<int> {
 protected:
-    Bytes reply() const
+    Bytes reply() const override
     {
         if (GetParam() == 0) return ProgramReply().serverCode(-27).to(messageId);
         if (GetParam() == 1) return ChannelReply(1, deleted("GONE")).to(messageId);
         return errorFlow(messageId, 61445);
     }
     int code() const { return early[static_cast<std::size_t>(GetParam())].code; }
-
-    // The early reply has been taken by the receiver: one behind it has been delivered.
-    RunningCall<int> startOvertaken()
-    {
-        auto otherCall = startOther();
-        auto sending = startAsync();
-        answer(reply() + replyToOther());
-        expectOtherIsServed(otherCall, sending);
-        return sending;
-    }
 
     void expectCollectable(RunningCall<int>& sending)
     {
@@ -526,7 +513,7 @@ INSTANTIATE_TEST_SUITE_P(, OvertakenCollector, ::testing::Range(0, 3), [](const 
 
 TEST_P(OvertakenCollector, IsToldThatThereIsNoReplyYet)
 {
-    auto sending = startOvertaken();
+    auto sending = startAsyncOvertaken();
     EXPECT_RC(ECI_ERR_NO_REPLY, collectMeanwhile(getReply(0)));
     EXPECT_FALSE(sending.hasEnded());
     expectCollectable(sending);
@@ -534,7 +521,7 @@ TEST_P(OvertakenCollector, IsToldThatThereIsNoReplyYet)
 
 TEST_P(OvertakenCollector, IsToldThatThereIsNoReplyOfThisRequestYet)
 {
-    auto sending = startOvertaken();
+    auto sending = startAsyncOvertaken();
     EXPECT_RC(ECI_ERR_NO_REPLY, collectMeanwhile(getSpecificReply(messageId, 0)));
     EXPECT_FALSE(sending.hasEnded());
     expectCollectable(sending);
@@ -542,7 +529,7 @@ TEST_P(OvertakenCollector, IsToldThatThereIsNoReplyOfThisRequestYet)
 
 TEST_P(OvertakenCollector, WaitsUntilTheRequestHasBeenSent)
 {
-    auto sending = startOvertaken();
+    auto sending = startAsyncOvertaken();
     TraceFile trace(3);
     EciParms parms = getReplyWait(0);
     auto collecting = startChannelCall(connection, parms);
@@ -561,7 +548,7 @@ TEST_P(OvertakenCollector, GetsTheReplyOfAnotherRequest)
     EciParms first = support::asyncCall("FIRST", filled(5, '?'));
     ASSERT_RC(0, QPX_ECI_Execute(connection.token, &first.record));
     int firstId = connection.awaitRequest().messageId();
-    auto sending = startOvertaken();
+    auto sending = startAsyncOvertaken();
     answer(eciReply(firstId, text("first")));
 
     EciParms parms = getReplyWait(5);
@@ -579,7 +566,7 @@ TEST_P(OvertakenCollector, GetsTheReplyOfTheRequestThatItNames)
     EciParms first = support::asyncCall("FIRST", filled(5, '?'));
     ASSERT_RC(0, QPX_ECI_Execute(connection.token, &first.record));
     int firstId = connection.awaitRequest().messageId();
-    auto sending = startOvertaken();
+    auto sending = startAsyncOvertaken();
     answer(eciReply(firstId, text("first")));
 
     EciParms parms = getSpecificReplyWait(firstId, 5);
@@ -622,7 +609,7 @@ INSTANTIATE_TEST_SUITE_P(, OvertakenClose, ::testing::Range(0, 3), [](const auto
 
 TEST_P(OvertakenClose, LetsCollectorsAndCloserGoWhenTheGatewayReadsOn)
 {
-    auto sending = startOvertaken();
+    auto sending = startAsyncOvertaken();
     auto first = startCollector(one);
     auto second = startCollector(two);
     auto closing = startWaitingClose();
@@ -643,7 +630,7 @@ TEST_P(OvertakenClose, LetsCollectorsAndCloserGoWhenTheGatewayReadsOn)
 
 TEST_P(OvertakenClose, LetsCollectorsAndCloserGoWhenTheGatewayEnds)
 {
-    auto sending = startOvertaken();
+    auto sending = startAsyncOvertaken();
     auto first = startCollector(one);
     auto second = startCollector(two);
     auto closing = startWaitingClose();

@@ -27,7 +27,37 @@ protected:
         EXPECT_EQ(1, token()->requestsEnded.eflag);
     }
 
+    // The token's end has come to the look for calls that are still inside, and waits for one.
+    void awaitWaitForTheCallInside()
+    {
+        unlisted.await(1);
+        pthread_mutex_lock(&gtlLock.lock); // the close has given the list up to wait
+        EXPECT_EQ(1, token()->requestCount.load());
+        EXPECT_EQ(0, token()->requestsEnded.eflag);
+        pthread_mutex_unlock(&gtlLock.lock);
+    }
+
     Counter unlisted{SchedulePoint::tokenUnlisted};
+};
+
+// A close that has been answered, and is held with the token quiesced.
+class QuiescedClose {
+public:
+    QuiescedClose(Close close, ScriptedConnection& connection)
+        : quiesced(SchedulePoint::tokenQuiesced, connection.token),
+          running(startClose(close, &connection.token))
+    {
+        connection.answerClose();
+        quiesced.awaitArrival();
+    }
+
+    void release() { quiesced.release(); }
+    bool hasEnded() const { return running.hasEnded(); }
+    int get() { return running.get(); }
+
+private:
+    Hold quiesced;
+    RunningCall<int> running;
 };
 
 // ---- Calls that come late ----
@@ -47,11 +77,7 @@ TEST_F(TokensEnd, WaitsForACallThatCameWhenNothingWasOutstanding)
     marked.release();
     connection.answerClose();
 
-    unlisted.await(1);                 // the look for calls that are still inside comes now
-    pthread_mutex_lock(&gtlLock.lock); // the close has given the list up to wait
-    EXPECT_EQ(1, token()->requestCount.load());
-    EXPECT_EQ(0, token()->requestsEnded.eflag);
-    pthread_mutex_unlock(&gtlLock.lock);
+    awaitWaitForTheCallInside();
     EXPECT_FALSE(closing.hasEnded());
     inside.release();
     EXPECT_RC(0, call.get());
@@ -62,21 +88,14 @@ TEST_F(TokensEnd, WaitsForACallThatCameWhenNothingWasOutstanding)
 TEST_F(TokensEnd, WaitsForACallThatCameBehindTheQuiesce)
 {
     makeQuickCall();
-    Hold quiesced(SchedulePoint::tokenQuiesced);
-    auto closing = startClose(Close::InOrder, &connection.token);
-    connection.answerClose();
-    quiesced.awaitArrival();
+    QuiescedClose closing(Close::InOrder, connection);
     Hold inside(SchedulePoint::callRegistered);
     auto call = startQuickCall();
     inside.awaitArrival();
 
-    quiesced.release();
+    closing.release();
 
-    unlisted.await(1);
-    pthread_mutex_lock(&gtlLock.lock);
-    EXPECT_EQ(1, token()->requestCount.load());
-    EXPECT_EQ(0, token()->requestsEnded.eflag);
-    pthread_mutex_unlock(&gtlLock.lock);
+    awaitWaitForTheCallInside();
     EXPECT_FALSE(closing.hasEnded());
     inside.release();
     EXPECT_RC(0, call.get());
@@ -86,14 +105,11 @@ TEST_F(TokensEnd, WaitsForACallThatCameBehindTheQuiesce)
 
 TEST_F(TokensEnd, LetsNobodyInWhileItWaitsForTheLastCalls)
 {
-    Hold quiesced(SchedulePoint::tokenQuiesced);
-    auto closing = startClose(Close::InOrder, &connection.token);
-    connection.answerClose();
-    quiesced.awaitArrival();
+    QuiescedClose closing(Close::InOrder, connection);
     Hold inside(SchedulePoint::callRegistered);
     auto first = startQuickCall();
     inside.awaitArrival();
-    quiesced.release();
+    closing.release();
     unlisted.await(1);
 
     EXPECT_RC(QPX_ERR_BADGWTOK, startQuickCall().get());
@@ -110,17 +126,14 @@ TEST_F(TokensEnd, LetsNobodyInWhileItWaitsForTheLastCalls)
 
 TEST_F(TokensEnd, WaitsForEveryCallThatIsStillInside)
 {
-    Hold quiesced(SchedulePoint::tokenQuiesced);
-    auto closing = startClose(Close::InOrder, &connection.token);
-    connection.answerClose();
-    quiesced.awaitArrival();
+    QuiescedClose closing(Close::InOrder, connection);
     Hold firstInside(SchedulePoint::callRegistered);
     auto first = startQuickCall();
     firstInside.awaitArrival();
     Hold secondInside(SchedulePoint::callRegistered);
     auto second = startQuickCall();
     secondInside.awaitArrival();
-    quiesced.release();
+    closing.release();
     unlisted.await(1);
 
     firstInside.release();
@@ -151,7 +164,7 @@ TEST_F(TokensEnd, FindsNothingOfTheTokenTouchedByACallThatHasLeft)
     // What the line tells is read under the lock: behind it, the token may go.
     EXPECT_TRUE(events.wroteText(
         "clapi_gwytok.clapiUnregisterRequest() Outstanding API calls=0 on gwTokPtr=" +
-        address(token())));
+        shown(token())));
 
     connection.closeInOrder();
 
@@ -170,16 +183,13 @@ TEST_F(TokensEnd, IsNotMissedByACloseWhoseRepliesAnotherGivesUp)
     Hold beforeWait(SchedulePoint::beforeWorkWait);
     auto closing = startClose(Close::InOrder, &connection.token);
     beforeWait.awaitArrival();
-    Hold quiesced(SchedulePoint::tokenQuiesced);
-    auto closingAll = startClose(Close::All, &connection.token);
-    connection.answerClose();
-    quiesced.awaitArrival();
+    QuiescedClose closingAll(Close::All, connection);
     EXPECT_EQ(0, token()->asyncCount.load());
 
     beforeWait.release();
 
     EXPECT_RC(0, closing.get());
-    quiesced.release();
+    closingAll.release();
     EXPECT_RC(0, closingAll.get());
     expectClosed();
 }
@@ -229,16 +239,13 @@ TEST_F(TokensEnd, IsNotMissedByAPurgeWhileAnAsynchronousCallIsStillInside)
 TEST_F(TokensEnd, ComesOnceWhenItsOwnCloseIsTheLastOfTwo)
 {
     Counter released(SchedulePoint::tokenUnlisted);
-    Hold quiesced(SchedulePoint::tokenQuiesced);
-    auto closing = startClose(Close::InOrder, &connection.token);
-    connection.answerClose();
-    quiesced.awaitArrival();
+    QuiescedClose closing(Close::InOrder, connection);
 
     EXPECT_RC(0, QPX_closeAllGatewayConnections());
 
     EXPECT_EQ(0, released.times()); // it is the other's to free
     EXPECT_EQ(1, token()->deleters);
-    quiesced.release();
+    closing.release();
     EXPECT_RC(0, closing.get());
     EXPECT_EQ(1, released.times());
     expectClosed();
@@ -246,17 +253,14 @@ TEST_F(TokensEnd, ComesOnceWhenItsOwnCloseIsTheLastOfTwo)
 
 TEST_F(TokensEnd, ComesOnceWhenTheCloseOfAllIsTheLastOfTwo)
 {
-    Hold quiesced(SchedulePoint::tokenQuiesced);
-    auto closingAll = startClose(Close::All, &connection.token);
-    connection.answerClose();
-    quiesced.awaitArrival();
+    QuiescedClose closingAll(Close::All, connection);
     Counter beforeWait(SchedulePoint::beforeReceiverWait);
     auto closingAllToo = startClose(Close::All, &connection.token);
     EXPECT_RC(0, closingAllToo.get());
     EXPECT_EQ(1, beforeWait.times());
     EXPECT_EQ(0, unlisted.times());
 
-    quiesced.release();
+    closingAll.release();
 
     EXPECT_RC(0, closingAll.get());
     EXPECT_EQ(1, unlisted.times());
@@ -336,13 +340,10 @@ TEST_F(CloseOfAll, DoesNotFollowASuccessorThatHasBeenFreedMeanwhile)
 {
     ScriptedConnection third;
     TraceFile lines(3);
-    Hold quiesced(SchedulePoint::tokenQuiesced, connection.token);
-    auto closing = startClose(Close::All, &connection.token);
-    connection.answerClose();
-    quiesced.awaitArrival();
+    QuiescedClose closing(Close::All, connection);
     second.closeInOrder(); // the successor
 
-    quiesced.release();
+    closing.release();
 
     third.answerClose();
     EXPECT_RC(0, closing.get());
@@ -353,16 +354,13 @@ TEST_F(CloseOfAll, DoesNotFollowASuccessorThatHasBeenFreedMeanwhile)
 
 TEST_F(CloseOfAll, FindsTheSuccessorThatAnotherIsClosing)
 {
-    Hold quiesced(SchedulePoint::tokenQuiesced, connection.token);
-    auto closing = startClose(Close::All, &connection.token);
-    connection.answerClose();
-    quiesced.awaitArrival();
+    QuiescedClose closing(Close::All, connection);
     Hold secondQuiesced(SchedulePoint::tokenQuiesced, second.token);
     auto own = startClose(Close::InOrder, &second.token);
     second.answerClose();
     secondQuiesced.awaitArrival();
 
-    quiesced.release();
+    closing.release();
 
     EXPECT_RC(0, closing.get());
     EXPECT_EQ(1, unlisted.times()); // the second token is the other close's to free
@@ -430,16 +428,13 @@ TEST_F(CloseOfAll, PassesOverAConnectionThatIsBeingOpened)
 
 TEST_F(CloseOfAll, MayRunTwiceAtTheSameTime)
 {
-    Hold quiesced(SchedulePoint::tokenQuiesced, connection.token);
-    auto first = startClose(Close::All, &connection.token);
-    connection.answerClose();
-    quiesced.awaitArrival();
+    QuiescedClose first(Close::All, connection);
     auto other = startClose(Close::All, &connection.token);
     second.answerClose();
     EXPECT_RC(0, other.get());
     EXPECT_EQ(1, unlisted.times());
 
-    quiesced.release();
+    first.release();
 
     EXPECT_RC(0, first.get());
     EXPECT_EQ(2, unlisted.times());

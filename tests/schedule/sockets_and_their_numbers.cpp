@@ -63,42 +63,36 @@ struct Ended {
 };
 
 class RequestToAnEndedConnection : public SocketNumber,
-                                   public ::testing::WithParamInterface<Ended> {};
+                                   public ::testing::WithParamInterface<Ended> {
+protected:
+    // The connection ends, and its number is another's, while the request is held at the point.
+    void expectUntouchedAfter(SchedulePoint point)
+    {
+        Call work(GetParam().kind);
+        Hold held(point);
+        auto call = start(work);
+        held.awaitArrival();
+        Hold last(SchedulePoint::receiverEnding);
+        endAndTakeNumber(GetParam().lost, last);
+
+        held.release();
+
+        bool toldOfTheClose = !GetParam().lost && !isNoProgramCall(GetParam().kind);
+        EXPECT_RC(toldOfTheClose ? QPX_ERR_GATEWAY_CLOSED : QPX_ERR_LOSTGWCON, call.get());
+        number->expectUntouched();
+        last.release();
+        expectClosable();
+    }
+};
 
 TEST_P(RequestToAnEndedConnection, IsNotWrittenToTheNumberOfTheSocket)
 {
-    Call work(GetParam().kind);
-    Hold registered(SchedulePoint::callRegistered);
-    auto call = start(work);
-    registered.awaitArrival();
-    Hold last(SchedulePoint::receiverEnding);
-    endAndTakeNumber(GetParam().lost, last);
-
-    registered.release();
-
-    bool toldOfTheClose = !GetParam().lost && !isNoProgramCall(GetParam().kind);
-    EXPECT_RC(toldOfTheClose ? QPX_ERR_GATEWAY_CLOSED : QPX_ERR_LOSTGWCON, call.get());
-    number->expectUntouched();
-    last.release();
-    expectClosable();
+    expectUntouchedAfter(SchedulePoint::callRegistered);
 }
 
 TEST_P(RequestToAnEndedConnection, IsNotWrittenToTheNumberOfTheSocketAtItsLastStep)
 {
-    Call work(GetParam().kind);
-    Hold armed(SchedulePoint::requestArmed);
-    auto call = start(work);
-    armed.awaitArrival();
-    Hold last(SchedulePoint::receiverEnding);
-    endAndTakeNumber(GetParam().lost, last);
-
-    armed.release();
-
-    bool toldOfTheClose = !GetParam().lost && !isNoProgramCall(GetParam().kind);
-    EXPECT_RC(toldOfTheClose ? QPX_ERR_GATEWAY_CLOSED : QPX_ERR_LOSTGWCON, call.get());
-    number->expectUntouched();
-    last.release();
-    expectClosable();
+    expectUntouchedAfter(SchedulePoint::requestArmed);
 }
 
 INSTANTIATE_TEST_SUITE_P(

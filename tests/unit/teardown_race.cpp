@@ -39,6 +39,14 @@ protected:
         });
     }
 
+    // Stops the close when the quiesce is over, before the token is taken off the list.
+    Fault stopQuiescedCloser(Gate gate)
+    {
+        return stopAtLock(Call::MutexLock, gtlLock.lock, gate, [this] {
+            return role == Role::Closer && connection.token->connStatus == 4;
+        });
+    }
+
     // Stops the caller before it leaves.
     Fault stopCallerInside(Gate inside)
     {
@@ -106,9 +114,7 @@ TEST_F(TeardownRace, WaitsForACallThatEntersAfterTheQuiesce)
     makeACall();
     Gate quiesced;
     Gate inside;
-    Fault stopCloser = stopAtLock(Call::MutexLock, gtlLock.lock, quiesced, [this] {
-        return role == Role::Closer && connection.token->connStatus == 4;
-    });
+    Fault stopCloser = stopQuiescedCloser(quiesced);
     Fault stopCaller = stopCallerInside(inside);
     Fault sleep = watchCloserSleep();
     auto closing = startClosing();
@@ -133,9 +139,7 @@ TEST_F(TeardownRace, LetsNoCallEnterOnceTheTokenIsOffTheList)
     makeACall();
     Gate quiesced;
     Gate inside;
-    Fault stopCloser = stopAtLock(Call::MutexLock, gtlLock.lock, quiesced, [this] {
-        return role == Role::Closer && connection.token->connStatus == 4;
-    });
+    Fault stopCloser = stopQuiescedCloser(quiesced);
     Fault stopCaller = stopCallerInside(inside);
     Fault sleep = watchCloserSleep();
     auto closing = startClosing();
@@ -170,8 +174,8 @@ TEST_F(TeardownRace, FreesATokenOnceThatTwoThreadsDelete)
     EXPECT_RC(QPX_OK, closing.get());
     EXPECT_RC(QPX_OK, deleting.get());
     connection.forget();
-    EXPECT_TRUE(support::contains(dumpedTokens(), "GatwayToken(" + pointerText(head.token) + ")"));
-    EXPECT_TRUE(support::contains(dumpedTokens(), "GatwayToken(" + pointerText(tail.token) + ")"));
+    EXPECT_TRUE(support::contains(dumpedTokens(), "GatwayToken(" + shown(head.token) + ")"));
+    EXPECT_TRUE(support::contains(dumpedTokens(), "GatwayToken(" + shown(tail.token) + ")"));
     EXPECT_TRUE(support::contains(dumpedTokens(), "Token List entries=2\n"));
     char* applid = nullptr;
     EXPECT_RC(QPX_OK, QPX_getApplid(head.token, &applid));
@@ -181,9 +185,7 @@ TEST_F(TeardownRace, FreesATokenOnceThatTwoThreadsDelete)
 TEST_F(TeardownRace, LeavesTheTokenToTheLastOfTwoDeletes)
 {
     Gate quiesced;
-    Fault stopCloser = stopAtLock(Call::MutexLock, gtlLock.lock, quiesced, [this] {
-        return role == Role::Closer && connection.token->connStatus == 4;
-    });
+    Fault stopCloser = stopQuiescedCloser(quiesced);
     auto closing = startClosing();
     EXPECT_EQ(closeFlow(), connection.peer.read(33));
     auto deleting = callInThread(

@@ -383,8 +383,8 @@ TEST_F(AsyncChannelCall, IsCollectedByOneOfManyWaiters)
     ASSERT_TRUE(trace.awaitText("clapi_channel.unlockChannel() rc=0"));
     channel.expectFree();
     EXPECT_EQ((Names{"B=bb"}), channel.contents());
-    EXPECT_EQ(1, trace.timesWroteText("ENTRY  clapi_channel.unlockChannel(chanTok=" +
-                                      shown(channel.token) + ")\n") -
+    EXPECT_EQ(1, trace.timesWroteText(
+                     "ENTRY  clapi_channel.unlockChannel(chanTok=" + shown(channel.token) + ")\n") -
                      trace.timesWroteText("ENTRY  clapi_channel.lockChannel(chanTok=" +
                                           shown(channel.token) + ")\n"));
     connection.peer.close();

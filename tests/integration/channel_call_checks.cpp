@@ -141,8 +141,8 @@ TEST_F(ChannelChecks, ChecksTheCallTypeBeforeTheChannel)
 {
     EciParms parms = eciCall(7, "PROG", Bytes());
     expectRefused(-14, 1550,
-                  "clapi_eci.verifyEciParms() Invalid Call Type, EciParms=" +
-                      shown(&parms.record) + ", eci_call_type=7",
+                  "clapi_eci.verifyEciParms() Invalid Call Type, EciParms=" + shown(&parms.record) +
+                      ", eci_call_type=7",
                   parms);
 }
 
@@ -423,9 +423,8 @@ TEST_F(ChannelCallDump, ShowsTheRecordOnEntryAndExit)
 {
     TraceFile trace(4);
     expectTaken(parms);
-    EXPECT_TRUE(
-        trace.wrote(1513, "API.QPX_ECI_Execute_Channel() EciParms=" + shown(&parms.record) +
-                              " len=" + recordSize() + " stopword=00000000"))
+    EXPECT_TRUE(trace.wrote(1513, "API.QPX_ECI_Execute_Channel() EciParms=" + shown(&parms.record) +
+                                      " len=" + recordSize() + " stopword=00000000"))
         << trace.text();
     EXPECT_TRUE(
         trace.wrote(1515, "API.QPX_ECI_Execute_Channel<any> EciParms=" + shown(&parms.record) +

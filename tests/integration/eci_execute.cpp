@@ -469,8 +469,7 @@ TEST_F(EciDump, ShowsTheCommarea)
     refusedCall();
     EXPECT_EQ("Data truncation size=128, offset=0\n" + shown(parms.area.data()) +
                   ": 41424344 45464748 494A4B4C 4D4E4F50 : ABCDEFGHIJKLMNOP \n" +
-                  shown(parms.area.data() + 16) +
-                  ": 51525354                            : QRST\n",
+                  shown(parms.area.data() + 16) + ": 51525354                            : QRST\n",
               dumpBehind(trace, 1561));
 }
 

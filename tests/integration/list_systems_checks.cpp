@@ -160,9 +160,8 @@ TEST_F(ListSystemsTrace, TellsOfItsStepsInOrderAtLevelThree)
                                 3205, 2025, 2027, 2028, 1028}),
               points(trace));
     EXPECT_TRUE(trace.wrote(1017, "ENTRY",
-                            "API.QPX_listSystems(gwTok=" + shown(connection.token) +
-                                ", Systems=" + shown(&systems.count) +
-                                ", List=" + shown(systems.get()) + ")"));
+                            "API.QPX_listSystems(gwTok=" + shown(connection.token) + ", Systems=" +
+                                shown(&systems.count) + ", List=" + shown(systems.get()) + ")"));
     EXPECT_TRUE(
         trace.wrote(3203, "EXIT", "clapi_socketcomms.calculateECIRequestSize() requestSize=19"));
     EXPECT_TRUE(trace.wrote(1028, "EXIT", "API.QPX_listSystems() rc=0 (QPX_OK)"));

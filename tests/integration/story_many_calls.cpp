@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "support/eci_script.h"
 #include "standin/gateway.h"
 #include "support/eci_script.h"
 

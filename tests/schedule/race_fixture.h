@@ -14,7 +14,7 @@
 #include "clapi_channel.h"
 #include "clapi_diag.h"
 #include "clapi_gwytok.h"
-#include "support/eci_script.h"
+#include "clapi_impl.h"
 #include "qpxclient_esi.h"
 #include "schedule/scheduler.h"
 #include "support/eci_script.h"

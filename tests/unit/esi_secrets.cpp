@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "clapi_socketbuffer.h"
-#include "support/esi_script.h"
 #include "standin/gateway.h"
 #include "support/esi_script.h"
 #include "support/faults.h"

@@ -54,8 +54,8 @@ protected:
 
 std::string entryLine(const std::string& number, const void* token)
 {
-    return "clapi_gwytok.clapiDeleteGatewayTokens(indexToken=" + shown(token) +
-           ") GTL entry " + number + ": GatwayToken(" + shown(token) +
+    return "clapi_gwytok.clapiDeleteGatewayTokens(indexToken=" + shown(token) + ") GTL entry " +
+           number + ": GatwayToken(" + shown(token) +
            ") eyecatcher(QPXGWTOK) port(<int>) connStatus(1) socket(<int>) applid() applidQual() "
            "nextGwyTokPtr(<any>)";
 }

@@ -193,12 +193,12 @@ TEST_F(TokenCreate, TracesTheFormattedTokenAsAnEvent)
     TraceFile trace(2);
     ScriptedConnection connection;
 
-    EXPECT_TRUE(trace.wrote(
-        2009, "EVENT",
-        "<any>GatwayToken(" + shown(connection.token) + ") eyecatcher(QPXGWTOK) port(" +
-            std::to_string(connection.gateway.port()) + ") connStatus(1) socket(" +
-            std::to_string(connection.token->socketDescriptor) +
-            ") applid() applidQual() nextGwyTokPtr((nil))"))
+    EXPECT_TRUE(
+        trace.wrote(2009, "EVENT",
+                    "<any>GatwayToken(" + shown(connection.token) + ") eyecatcher(QPXGWTOK) port(" +
+                        std::to_string(connection.gateway.port()) + ") connStatus(1) socket(" +
+                        std::to_string(connection.token->socketDescriptor) +
+                        ") applid() applidQual() nextGwyTokPtr((nil))"))
         << trace.text();
 }
 

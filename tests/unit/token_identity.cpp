@@ -172,8 +172,7 @@ TEST_F(TokenBeingOpened, IsOnTheListForDumpsAndPositions)
 
     EXPECT_TRUE(positions.wroteText("findGatewayToken() Token found at GTL Entry(1)"));
     EXPECT_TRUE(positions.wroteText("findGatewayToken() Token not found. GTL entries(1) head(" +
-                                    shown(token) + ") last(" + shown(behind.token) +
-                                    ")\n"));
+                                    shown(token) + ") last(" + shown(behind.token) + ")\n"));
     behind.closeInOrder();
     endOpen();
     closeOpened();

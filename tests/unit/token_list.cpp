@@ -21,10 +21,9 @@ protected:
 // One line of the dump.
 std::string entry(const std::string& number, const ScriptedConnection& connection, const void* next)
 {
-    return "Gateway Token List entry -" + number + "- : GatwayToken(" +
-           shown(connection.token) + ") eyecatcher(QPXGWTOK) port(" +
-           std::to_string(connection.gateway.port()) + ") connStatus(1) socket(" +
-           std::to_string(connection.token->socketDescriptor) +
+    return "Gateway Token List entry -" + number + "- : GatwayToken(" + shown(connection.token) +
+           ") eyecatcher(QPXGWTOK) port(" + std::to_string(connection.gateway.port()) +
+           ") connStatus(1) socket(" + std::to_string(connection.token->socketDescriptor) +
            ") applid() applidQual() nextGwyTokPtr(" + shown(next) + ")\n";
 }
 
@@ -210,10 +209,9 @@ TEST_F(TokenList, DoesNotFindAForeignPointer)
 
     EXPECT_TRUE(trace.wroteText("DEBUG  clapi_gwytok.findGatewayToken() Token not found. GTL "
                                 "entries(2) head(" +
-                                shown(first.token) + ") last(" + shown(third.token) +
-                                ")\n"));
-    EXPECT_TRUE(trace.wroteText("clapiRegisterRequest() Gateway token=" +
-                                shown(foreign.get()) + " not found, findRc=1003\n"));
+                                shown(first.token) + ") last(" + shown(third.token) + ")\n"));
+    EXPECT_TRUE(trace.wroteText("clapiRegisterRequest() Gateway token=" + shown(foreign.get()) +
+                                " not found, findRc=1003\n"));
 }
 
 TEST_F(TokenList, DoesNotFindANullToken)

@@ -351,8 +351,8 @@ static int applySection(const RequestSlot* slotP, const ArrivingBytes* section, 
     return firstFailure(rc, QPX_ERR_LOSTGWCON);
 }
 
-/* Puts a reply's data where it belongs: 0, or why the connection has to end. Thread: whoever settles
- * the slot, which waits meanwhile. */
+/* Puts a reply's data where it belongs: 0, or why the connection has to end. Thread: whoever
+ * settles the slot, which waits meanwhile. */
 static int applyReplyData(const RequestSlot* slotP, const ArrivingBytes* data, int gatewayRc)
 {
     if (slotP->channelHeld != 0) return applySection(slotP, data, gatewayRc);

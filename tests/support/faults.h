@@ -9,8 +9,8 @@
 // Where several are in force for one call, hooks run first, in the order of their making, then the
 // oldest failure that is due decides. Calls made from within a hook pass by as well.
 //
-// A fault that has never taken effect fails the test as it ends, unless the test has asked about it:
-// nothing has been shown then. A hook for every call is no fault: it may be there to see none.
+// A fault that has never taken effect fails the test as it ends, unless the test has asked about
+// it: nothing has been shown then. A hook for every call is no fault: it may be there to see none.
 //
 // Belongs to unit_tests only; see support/wrapped_calls.cmake.
 #ifndef SUPPORT_FAULTS_H

@@ -244,7 +244,8 @@ static int readAside(Receiver* r, const RequestSlot* slotP)
         TRACE(at::noRoomAside);
         return QPX_ERR_MALLOCFAIL;
     }
-    memset(data, 0, room);
+    // What the reply does not reach stays as it is.
+    memcpy(data, r->eciReply.commarea, room);
     r->aside = ArrivingBytes{data, 0, room};
     r->eciReply.commarea = data;
     return QPX_OK;

@@ -485,6 +485,36 @@ TEST_F(OvertakenCommarea, GetsNoChannelSection)
     expectClosable();
 }
 
+// What ends before its data does leaves alone what it does not reach, as it does at any other time.
+TEST_F(OvertakenCommarea, KeepsWhatACutReplyOfARefusedCallDoesNotReach)
+{
+    Bytes body = ProgramReply().commarea(text("answered")).body();
+    body.resize(body.size() - 6);
+    putAside(flow(replyType, 1, 61445, "ECI", body));
+    expectNoOutcomeYet();
+
+    beforeWrite.release();
+
+    EXPECT_RC(61445, call.get());
+    expectSent();
+    EXPECT_EQ(text("ansqqqqq"), parms.commarea());
+    expectClosable();
+}
+
+TEST_F(OvertakenCommarea, IsLeftAloneByACutReplyOfARefusedCallWithoutData)
+{
+    Bytes body = ProgramReply().commarea(text("answered")).body();
+    body.resize(body.size() - 9);
+    putAside(flow(replyType, 1, 61445, "ECI", body));
+
+    beforeWrite.release();
+
+    EXPECT_RC(61445, call.get());
+    expectSent();
+    EXPECT_EQ(filled(8, 'q'), parms.commarea());
+    expectClosable();
+}
+
 // The receiver has begun to read the reply as one that overtakes, and finds the sender through.
 TEST_F(OvertakenCommarea, IsChangedByTheReceiverOnceItsSenderIsThrough)
 {

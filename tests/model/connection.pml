@@ -8,6 +8,8 @@
  *                    asynchronous caller is continued by whoever collects its first reply
  *   CHANNEL          all callers use one channel, each holding it for its call
  *   PLAIN            so many of the synchronous callers do not use it after all
+ *   COMMAREA         synchronous calls without a channel have a COMMAREA, to which the reply goes;
+ *                    without this switch they carry no data, as the end of a unit of work
  *   ANY, POLL        threads that collect any reply: waiting, until they are refused; once, at once
  *   SPECIFIC         threads that wait for the reply of one asynchronous call
  *   SMALL            threads that wait for any reply and have no room for its data
@@ -22,8 +24,9 @@
  *   DIES, CLOSES     the Gateway may break the connection at any time, or say goodbye
  *   SILENT, DEAF     it may leave requests without an answer; it does not answer the close flow
  *   FULL             it does not read: a writer is stuck until the library shuts the socket down
- *   HALF_READ        it reads of a request with a channel just enough to answer it; the writer is
- *                    stuck before it has staged the last of the channel, or behind that
+ *   HALF_READ        it reads of a request with a channel, or a COMMAREA for the reply, just enough
+ *                    to answer it; the writer is stuck before it has staged the last of that, or
+ *                    behind it
  *   HALF_REPLY       it may stop within a reply, and is deaf and silent from there on
  *   REFUSES          it may refuse a request
  *   UNASKED          so many replies or errors come from it that nobody has asked for
@@ -89,8 +92,19 @@
 #endif
 #ifdef OPENING
 #define OPENERS 1
+#define isSynchronous(c) (c < SYNC || c == CALLERS - 1)
 #else
 #define OPENERS 0
+#define isSynchronous(c) (c < SYNC)
+#endif
+/* repliesInPlace */
+#ifdef COMMAREA
+#define repliesInPlace(c) (sendsChannel(c) || isSynchronous(c))
+#else
+#define repliesInPlace(c) sendsChannel(c)
+#endif
+#if defined(CHANNEL) || defined(COMMAREA)
+#define IN_PLACE
 #endif
 #if defined(WRITE_FAILS) || defined(NOTHING_WRITTEN)
 #define writeMayFail true
@@ -144,8 +158,10 @@ typedef Slot {
     bool isAsync;
 #ifdef CHANNEL
     bool channelHeld;  /* by an asynchronous call, until its reply is collected */
-    bool channelBeingSent; /* the one field that its sender changes without a lock */
-    mtype outcomePending; /* put aside until the channel has been sent; 0 if there is none */
+#endif
+#ifdef IN_PLACE
+    bool beingSent;    /* the one field that its sender changes without a lock */
+    mtype outcomePending; /* put aside until the data has been sent; 0 if there is none */
 #endif
     mtype result;
     Event requestEvent;
@@ -176,7 +192,9 @@ Event connEvent;
 
 #ifdef CHANNEL
 byte channelHolder = NO_CALL; /* isLocked of the channel, under its serLock, and for which call */
-bool channelRead;             /* by a sender, with no lock at all */
+#endif
+#ifdef IN_PLACE
+byte dataBeingRead = NO_CALL; /* whose channel or COMMAREA its sender reads, under sendLock only */
 bool changed[CALLS];          /* by call: its reply's changes have been applied */
 #endif
 
@@ -288,7 +306,7 @@ inline unlockChannel(whose)
 #ifdef CHANNEL
     if
     :: sendsChannel(whose) ->
-       assert(channelHolder == whose && !channelRead);
+       assert(channelHolder == whose && dataBeingRead != whose);
        channelHolder = NO_CALL
     :: else
     fi
@@ -297,16 +315,34 @@ inline unlockChannel(whose)
 #endif
 }
 
+#ifdef IN_PLACE
 #ifdef CHANNEL
-/* clapiChangeChannel: applies what a reply changes, without a lock, once. */
-inline changeChannel(whose)
+#define isLockedFor(c) (!sendsChannel(c) || channelHolder == c)
+#else
+#define isLockedFor(c) true
+#endif
+
+/* What nobody reads to send it is changed, and once, and a channel by the request that holds it. */
+inline checkPlace(whose)
+{
+    assert(isLockedFor(whose));
+    assert(dataBeingRead != whose);
+    assert(!changed[whose])
+}
+
+#ifdef BREAK_GUARDED_ONLY_WHILE_READ
+#define isAccessible(c) (dataBeingRead != c)
+#else
+#define isAccessible(c) true
+#endif
+
+/* applyReplyData, or reading the data to where it belongs at once: without a lock, once. */
+inline applyReplyData(whose)
 {
     if
-    :: atomic { true -> TOUCH; assert(channelHolder == whose && !channelRead && !changed[whose]);
-                changed[whose] = true }
+    :: atomic { isAccessible(whose) -> TOUCH; checkPlace(whose); changed[whose] = true }
 #ifdef CHANGE_FAILS
-    :: atomic { true -> TOUCH; assert(channelHolder == whose && !channelRead && !changed[whose]);
-                changeFailed = true }
+    :: atomic { sendsChannel(whose) -> TOUCH; checkPlace(whose); changeFailed = true }
 #endif
     fi
 }
@@ -323,7 +359,7 @@ inline unlockChannels()
            TOUCH;
            if
            :: slot[calls].channelHeld && slot[calls].state != ALLOCATED ->
-              assert(!slot[calls].channelBeingSent && slot[calls].outcomePending == 0);
+              assert(!slot[calls].beingSent && slot[calls].outcomePending == 0);
               slot[calls].channelHeld = false;
               unlockChannel(slot[calls].call)
            :: else
@@ -342,12 +378,18 @@ inline slotFree(s)
 {
     assert(slot[s].state != FREE);
     assert(!isQueued(s));
+#ifdef IN_PLACE
+    /* clapiDropOutcome: of what is dropped nothing has been applied. */
+    assert(slot[s].outcomePending == 0 || !changed[slot[s].call]);
+#endif
     slot[s].state = FREE;
     slot[s].call = NO_CALL;
     slot[s].isAsync = false;
 #ifdef CHANNEL
     slot[s].channelHeld = false;
-    slot[s].channelBeingSent = false;
+#endif
+#ifdef IN_PLACE
+    slot[s].beingSent = false;
     slot[s].outcomePending = 0;
 #endif
     slot[s].result = 0;
@@ -359,9 +401,9 @@ inline slotFree(s)
 inline setOutcome(s, what)
 {
     assert(slot[s].state == WAITING);
-#ifdef CHANNEL
-    assert(!slot[s].channelBeingSent);
-    assert(what != OK || !sendsChannel(slot[s].call) || changed[slot[s].call]);
+#ifdef IN_PLACE
+    assert(!slot[s].beingSent);
+    assert(what != OK || !repliesInPlace(slot[s].call) || changed[slot[s].call]);
 #endif
     slot[s].result = what;
     slot[s].state = DELIVERED;
@@ -403,8 +445,8 @@ inline deliverLast(s, what)
 #else
 #define isWaiting(s) (slot[s].state == WAITING)
 #endif
-#ifdef CHANNEL
-#define isBeingSent(s) (slot[s].channelBeingSent)
+#ifdef IN_PLACE
+#define isBeingSent(s) (slot[s].beingSent)
 /* clapiAwaitsOutcome. Under tableLock. */
 #ifdef BREAK_PENDING_TAKES_ANOTHER
 #define awaitsOutcome(s) isWaiting(s)
@@ -416,6 +458,7 @@ inline deliverLast(s, what)
 inline putAside(s, what)
 {
     assert(slot[s].state == WAITING && slot[s].outcomePending == 0);
+    assert(repliesInPlace(slot[s].call));
     slot[s].outcomePending = what
 }
 #else
@@ -525,7 +568,8 @@ inline endFailedSending(s)
 
 /* ---- Calls of server programs: clapi_eci ---- */
 
-/* obtainRequestSlot: takeRequestSlot, slotFind. A unit of work's slot is found again. */
+/* obtainRequestSlot: takeRequestSlot, slotFind, prepareSlot. The slot of a unit of work is found
+ * again. */
 inline obtainSlot(me, async, unit)
 {
     atomic {
@@ -548,6 +592,13 @@ inline obtainSlot(me, async, unit)
            slot[s].isAsync = async;
 #ifdef CHANNEL
            slot[s].channelHeld = async && sendsChannel(me);
+#endif
+#ifdef IN_PLACE
+#ifdef BREAK_MARKED_WITHOUT_NEED
+           slot[s].beingSent = true;
+#elif !defined(BREAK_MARKED_WHEN_READ) && !defined(BREAK_GUARDED_ONLY_WHILE_READ)
+           slot[s].beingSent = repliesInPlace(me);
+#endif
            changed[me] = false;
 #endif
            slot[s].result = 0
@@ -588,9 +639,6 @@ inline beginSending(me, async)
 #ifndef BREAK_STATE_AFTER_SEND
            slot[s].state = WAITING;
 #endif
-#ifdef CHANNEL
-           slot[s].channelBeingSent = sendsChannel(me);
-#endif
            senders++
         :: else -> rc = REFUSED
         fi;
@@ -605,9 +653,9 @@ inline writeRequest(me)
 {
     atomic { sendLock == NOBODY -> TOUCH; assert(tableLock != _pid); sendLock = _pid;
              assert(descriptorOpen) };
-#ifdef CHANNEL
+#ifdef IN_PLACE
     if
-    :: sendsChannel(me) -> stageChannel(me)
+    :: repliesInPlace(me) -> stageData(me)
     :: else
     fi;
 #endif
@@ -634,16 +682,21 @@ inline sendFails()
     lost = lost || partSent
 }
 
-#ifdef CHANNEL
-/* writeECIBody. The mark goes when the last of the channel has been staged, unless a send has
- * failed by then: of a request that has failed it stays until its slot goes, and with it what was
- * put aside. */
-inline stageChannel(me)
+#ifdef IN_PLACE
+/* writeECIBody, which sends what does not fit into its buffer. The mark goes when the last of the
+ * channel or COMMAREA has been staged, unless a send has failed by then: of a request that has
+ * failed it stays until its slot goes, and with it what was put aside. What is sent is what the
+ * application has put there. */
+inline stageData(me)
 {
     atomic {
         TOUCH;
-        assert(descriptorOpen && channelHolder == me);
-        channelRead = true;
+        assert(descriptorOpen && isLockedFor(me));
+        assert(!changed[me]);
+        dataBeingRead = me;
+#ifdef BREAK_MARKED_WHEN_READ
+        slot[s].beingSent = true;
+#endif
         if
 #ifndef NOTHING_WRITTEN
         :: !shutDown && !gatewayGone -> putOnTheWire(me)
@@ -652,16 +705,21 @@ inline stageChannel(me)
         fi
     };
     if
-    :: atomic { true -> TOUCH; assert(descriptorOpen); channelRead = false;
+    :: atomic { true -> TOUCH; assert(descriptorOpen); dataBeingRead = NO_CALL;
 #ifndef BREAK_MARK_STAYS
-                slot[s].channelBeingSent = false
+                slot[s].beingSent = false
 #endif
        }
 #ifdef HALF_READ
     :: true ->
-       atomic { shutDown -> TOUCH; assert(descriptorOpen); channelRead = false; sendFails() }
+       atomic { shutDown -> TOUCH; assert(descriptorOpen); dataBeingRead = NO_CALL; sendFails() }
 #else
-    :: atomic { writeMayFail -> TOUCH; assert(descriptorOpen); channelRead = false; sendFails() }
+    :: atomic {
+           writeMayFail -> TOUCH;
+           assert(descriptorOpen);
+           dataBeingRead = NO_CALL;
+           sendFails()
+       }
 #endif
     fi
 }
@@ -675,7 +733,7 @@ inline sendLast(me)
         shutDown ->
 #endif
 #ifdef HALF_READ
-        shutDown || !sendsChannel(me) ->
+        shutDown || !repliesInPlace(me) ->
 #endif
         TOUCH;
         assert(descriptorOpen);
@@ -703,17 +761,17 @@ inline sendLast(me)
 #endif
 
 /* clapiEndSendingRequest, of a request that has been written: deliverPendingOutcome, with tableLock
- * free while the channel is changed, and clapiLeaveSenders. */
+ * free while the reply's data is applied, and clapiLeaveSenders. */
 inline endSendingRequest(me)
 {
-#ifdef CHANNEL
+#ifdef IN_PLACE
     lock(tableLock);
     if
     :: atomic { isPendingFor(me) && slot[s].outcomePending == OK -> TOUCH; tableLock = NOBODY };
 #ifdef BREAK_LEAVES_BEFORE_DELIVERING
        endSending();
 #endif
-       changeChannel(me);
+       applyReplyData(me);
        if
        :: atomic { changeFailed -> TOUCH; endStream() }
        :: !changeFailed
@@ -758,7 +816,14 @@ inline sendRequest(me, async)
 #endif
        if
        :: rc == OK -> endSendingRequest(me)
-       :: rc != OK && !async -> endFailedSending(s)
+       :: rc != OK && !async ->
+#ifdef BREAK_DROPPED_IS_APPLIED
+          if
+          :: slot[s].outcomePending == OK -> applyReplyData(me)
+          :: else
+          fi;
+#endif
+          endFailedSending(s)
 #ifdef BREAK_FAILED_SENDER_LEAVES_EARLY
        :: rc != OK && async -> endSending()
 #else
@@ -945,7 +1010,7 @@ proctype SyncCaller(byte me)
 {
     byte s, generation;
     bool begun, registered, partSent, flowBroke;
-#ifdef CHANNEL
+#ifdef IN_PLACE
     bool changeFailed;
 #endif
     mtype rc;
@@ -964,12 +1029,12 @@ proctype SyncCaller(byte me)
 #endif
 
 #if PLAIN > 0
-/* A call with a COMMAREA where the others use the channel. */
+/* A call without a channel where the others use it. */
 proctype PlainCaller(byte me)
 {
     byte s, generation;
     bool begun, registered, partSent, flowBroke;
-#ifdef CHANNEL
+#ifdef IN_PLACE
     bool changeFailed;
 #endif
     mtype rc;
@@ -1006,7 +1071,7 @@ proctype AsyncCaller(byte me)
 {
     byte s;
     bool begun, registered, partSent, flowBroke;
-#ifdef CHANNEL
+#ifdef IN_PLACE
     bool changeFailed;
 #endif
     mtype rc;
@@ -1070,8 +1135,12 @@ inline sleepUntilReply()
 }
 
 /* outcomeIsPending. Under tableLock. */
-#if defined(CHANNEL) && !defined(BREAK_PENDING_NOT_AWAITED)
+#if defined(IN_PLACE) && !defined(BREAK_PENDING_NOT_AWAITED)
+#ifdef BREAK_PENDING_OF_ANY_KIND
+#define isPending(s) (slot[s].outcomePending != 0)
+#else
 #define isPending(s) (slot[s].outcomePending != 0 && slot[s].isAsync)
+#endif
 #if SLOTS > 2
 #define anyIsPending (isPending(0) || isPending(1) || isPending(2))
 #elif SLOTS > 1
@@ -1211,7 +1280,7 @@ proctype AnyCollector()
     bool registered;
 #ifdef UNITS
     bool begun, partSent, flowBroke;
-#ifdef CHANNEL
+#ifdef IN_PLACE
     bool changeFailed;
 #endif
 #endif
@@ -1322,7 +1391,7 @@ inline endReading()
 inline deliverReply()
 {
     if
-#ifdef CHANNEL
+#ifdef IN_PLACE
     :: atomic {
            tableLock == NOBODY && overtakes -> TOUCH;
            JUDGE_ANSWER;
@@ -1330,7 +1399,7 @@ inline deliverReply()
            endReading()
        }
     :: atomic { tableLock == NOBODY && !overtakes && aside -> TOUCH; JUDGE_ANSWER };
-       changeChannel(call);
+       applyReplyData(call);
        if
        :: atomic {
               tableLock == NOBODY && changeFailed -> TOUCH;
@@ -1358,13 +1427,19 @@ inline deliverReply()
     fi
 }
 
+#ifdef BREAK_CHANGED_TWICE
+#define isReadAside (aside && isBeingSent(s))
+#else
+#define isReadAside aside
+#endif
+
 /* receiveECIReply: clapiReadECIResponse into the caller's storage and the channel, deliverReply; or
- * with what changes the channel kept apart, if that was being sent when the slot was found. */
+ * into storage of its own (readAside), if they were being sent when the slot was found. */
 inline receiveBody()
 {
-#ifdef CHANNEL
+#ifdef IN_PLACE
     if
-    :: sendsChannel(call) && !aside -> changeChannel(call)
+    :: repliesInPlace(call) && !isReadAside -> applyReplyData(call)
     :: else
     fi;
     if
@@ -1384,7 +1459,7 @@ inline receiveBody()
 #define bodyBreaksOff (reset || shutDown)
 #endif
 
-/* receiveReply: findReplySlot, receiveECIReply. */
+/* receiveReply: findReplySlot, loadReplyRecord, receiveECIReply. */
 inline receiveReply()
 {
     atomic {
@@ -1401,7 +1476,7 @@ inline receiveReply()
         fi
     };
 #ifdef BREAK_RECEIVER_WAITS_FOR_SENDER
-    atomic { s == NO_SLOT || !slot[s].channelBeingSent -> aside = false };
+    atomic { s == NO_SLOT || !slot[s].beingSent -> aside = false };
 #endif
     if
     :: atomic { s != NO_SLOT -> TOUCH; assert(slot[s].call == call) };
@@ -1432,7 +1507,7 @@ inline receiveError()
 {
     if
     :: atomic { tableLock == NOBODY && !awaitsOutcome(id) -> TOUCH }
-#ifdef CHANNEL
+#ifdef IN_PLACE
     :: atomic {
            tableLock == NOBODY && awaitsOutcome(id) && isPutAside(id) -> TOUCH;
            putAside(id, FAILED)
@@ -1510,7 +1585,7 @@ inline sweep()
     s = 0;
     do
     :: atomic { isSwept && !awaitsOutcome(s) -> TOUCH; s++ }
-#ifdef CHANNEL
+#ifdef IN_PLACE
     :: atomic { isSwept && awaitsOutcome(s) && isPutAside(s) -> TOUCH; putAside(s, REFUSED); s++ }
 #endif
     :: atomic { isSwept && awaitsOutcome(s) && !isPutAside(s) -> TOUCH; deliverFirst(s, REFUSED) };
@@ -1547,7 +1622,7 @@ proctype Receiver()
     byte id, answered, call;
     byte s = NO_SLOT;
     bool over, saidGoodbye, aside;
-#ifdef CHANNEL
+#ifdef IN_PLACE
     bool changeFailed;
 #endif
 
@@ -1887,7 +1962,7 @@ proctype Opener(byte me)
     byte s, generation, calls;
     bool begun, registered, partSent, flowBroke;
     bool hasReceiver = true;
-#ifdef CHANNEL
+#ifdef IN_PLACE
     bool changeFailed;
 #endif
     mtype rc = OK;

@@ -19,10 +19,10 @@ configurations() {
 answered_calls         | holds   | SYNC=2 GRACEFUL=1 DIES CLOSES
 purged_calls           | holds   | SYNC=2 PURGE=1 SILENT
 unit_of_work           | holds   | SYNC=1 UNITS TIMED=1 SILENT DIES CLOSES
-stuck_senders          | holds   | SYNC=2 FULL DIES LAST ENDS_ITSELF
-half_reply_given_up    | holds   | SYNC=1 ASYNC=1 UNASKED=1 NOTHING_WRITTEN HALF_REPLY
-half_reply_lost        | holds   | SYNC=1 PURGE=1 UNASKED=1 WRITE_FAILS HALF_REPLY LAST
-receiver_ends          | holds   | SYNC=1 ASYNC=1 ANY=1 ENDS_ITSELF
+stuck_senders          | holds   | SYNC=2 FULL DIES LAST ENDS_ITSELF COMMAREA
+half_reply_given_up    | holds   | SYNC=1 ASYNC=1 UNASKED=1 NOTHING_WRITTEN HALF_REPLY COMMAREA
+half_reply_lost        | holds   | SYNC=1 PURGE=1 UNASKED=1 WRITE_FAILS HALF_REPLY LAST COMMAREA
+receiver_ends          | holds   | SYNC=1 ASYNC=1 ANY=1 ENDS_ITSELF COMMAREA
 receiver_ends_closing  | holds   | ASYNC=1 ANY=1 GRACEFUL=1 CHANNEL ENDS_ITSELF
 any_reply              | holds   | ASYNC=1 ANY=2 PURGE=1
 any_reply_in_order     | holds   | ASYNC=2 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS DIES
@@ -48,13 +48,28 @@ channel_reply_refused   | holds  | ASYNC=1 ANY=2 GRACEFUL=1 REFUSES CHANNEL CLOS
 channel_reply_polled    | holds  | ASYNC=1 POLL=1 PURGE=1 WRITE_FAILS CHANGE_FAILS CHANNEL
 channel_two_closers     | holds  | ASYNC=1 PURGE=1 ALL=1 REFUSES CHANNEL
 channel_unit_of_work    | holds  | SYNC=1 UNITS TIMED=1 REFUSES CHANNEL DIES
-channel_and_plain_call  | holds  | SYNC=2 PLAIN=1 REFUSES CHANNEL LAST
+channel_and_plain_call  | holds  | SYNC=2 PLAIN=1 REFUSES CHANNEL LAST COMMAREA
 channel_stuck_sender    | holds  | SYNC=2 PLAIN=1 REFUSES CHANNEL HALF_READ QUIET
 channel_calls_withdrawn | holds  | SYNC=1 ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN CHANNEL
+commarea_two_calls       | holds | SYNC=2 GRACEFUL=1 REFUSES COMMAREA
+commarea_two_calls_lost  | holds | SYNC=2 REFUSES WRITE_FAILS LAST COMMAREA
+commarea_overtaken       | holds | SYNC=1 PURGE=1 REFUSES DIES CLOSES WRITE_FAILS COMMAREA
+commarea_overtaken_twice | holds | SYNC=1 GRACEFUL=1 UNASKED=1 WRITE_FAILS COMMAREA
+commarea_overtaken_often | holds | SYNC=1 PURGE=1 UNASKED=2 REFUSES LAST COMMAREA
+commarea_unasked_reply   | holds | SYNC=2 UNASKED=1 LAST COMMAREA
+commarea_not_written     | holds | SYNC=2 GRACEFUL=1 UNASKED=1 NOTHING_WRITTEN COMMAREA
+commarea_receiver_ends   | holds | SYNC=1 GRACEFUL=1 UNASKED=1 ENDS_ITSELF COMMAREA
+commarea_two_closers     | holds | SYNC=1 GRACEFUL=1 PURGE=1 DIES COMMAREA
+commarea_unit_of_work    | holds | SYNC=1 UNITS TIMED=1 REFUSES DIES COMMAREA
+commarea_and_async_call  | holds | SYNC=1 ASYNC=1 ANY=1 UNASKED=1 LAST COMMAREA
+commarea_and_refusals    | holds | SYNC=1 ASYNC=1 ANY=1 REFUSES LAST COMMAREA
+commarea_and_collector   | holds | SYNC=1 ANY=1 DIES CLOSES WRITE_FAILS LAST COMMAREA
+commarea_and_channel     | holds | SYNC=2 PLAIN=1 CHANNEL REFUSES DIES LAST COMMAREA
+commarea_stuck_sender    | holds | SYNC=1 ASYNC=1 SPECIFIC=1 REFUSES HALF_READ QUIET COMMAREA
 withdrawn_calls        | holds   | ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN
-broken_flow_of_a_channel | holds | SYNC=2 PLAIN=1 CHANNEL WRITE_FAILS LAST
-broken_flow_withdrawn    | holds | SYNC=1 PLAIN=1 ASYNC=1 CHANNEL WRITE_FAILS LAST
-broken_flow_of_a_call    | holds | SYNC=1 ASYNC=1 WRITE_FAILS LAST
+broken_flow_of_a_channel | holds | SYNC=2 PLAIN=1 CHANNEL WRITE_FAILS LAST COMMAREA
+broken_flow_withdrawn    | holds | SYNC=1 PLAIN=1 ASYNC=1 CHANNEL WRITE_FAILS LAST COMMAREA
+broken_flow_of_a_call    | holds | SYNC=1 ASYNC=1 WRITE_FAILS LAST COMMAREA
 broken_flow_and_end      | holds | SYNC=2 PLAIN=1 CHANNEL REFUSES DIES CLOSES LAST
 pending_any              | holds | ASYNC=1 ANY=1 CHANNEL WRITE_FAILS DIES CLOSES LAST
 pending_any_two          | holds | ASYNC=1 ANY=2 CHANNEL WRITE_FAILS DIES LAST
@@ -70,8 +85,8 @@ unasked_async_replies  | holds   | ASYNC=1 ANY=1 PURGE=1 UNASKED=1 WRITE_FAILS
 three_closers          | holds   | SYNC=1 GRACEFUL=1 PURGE=1 ALL=1
 two_closers_lost       | holds   | SYNC=1 GRACEFUL=1 ALL=1 DIES
 two_closers_replies    | holds   | ASYNC=1 SPECIFIC=1 PURGE=1 ALL=1
-opening                | holds   | OPENING ALL=1 DIES ENDS_ITSELF NO_THREAD
-opening_fails          | holds   | OPENING ALL=1 NO_BUFFER NO_THREAD NOTHING_WRITTEN
+opening                | holds   | OPENING ALL=1 DIES ENDS_ITSELF NO_THREAD COMMAREA
+opening_fails          | holds   | OPENING ALL=1 NO_BUFFER NO_THREAD NOTHING_WRITTEN COMMAREA
 every_thread_gets_out  | fair    | ASYNC=1 SPECIFIC=1 PURGE=1 PINGS
 close_meets_late_call  | holds   | ASYNC=1 ANY=1 GRACEFUL=1
 goodbye_meets_collector | holds  | ASYNC=1 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS CLOSES
@@ -87,13 +102,13 @@ list_two_walks          | holds  | OPEN=2 ALL=2 CALLERS=1 OPENERS=1
 list_opens_during_walk  | holds  | OPEN=2 OPENERS=2 ALL=1
 list_late_calls         | holds  | SAME OPEN=1 NAMERS=2 CALLERS=1 ALL=1
 
-hang_close_flow_unanswered   | hangs | SYNC=1 PURGE=1 DEAF | Closer
-hang_call_unanswered         | hangs | SYNC=1 GRACEFUL=1 SILENT | Closer SyncCaller
+hang_close_flow_unanswered   | hangs | SYNC=1 PURGE=1 DEAF COMMAREA | Closer
+hang_call_unanswered         | hangs | SYNC=1 GRACEFUL=1 SILENT COMMAREA | Closer SyncCaller
 hang_reply_uncollected       | hangs | ASYNC=1 GRACEFUL=1 | Closer
 hang_goodbye_while_opening   | hangs | OPENING CLOSES | Opener
 hang_opening_without_buffer  | hangs | OPENING NO_BUFFER | Opener
-hang_gateway_stops_reading   | hangs | SYNC=1 PURGE=1 FULL | Closer SyncCaller
-hang_gateway_stops_in_reply  | hangs | SYNC=1 PURGE=1 HALF_REPLY | Closer SyncCaller
+hang_gateway_stops_reading   | hangs | SYNC=1 PURGE=1 FULL COMMAREA | Closer SyncCaller
+hang_gateway_stops_in_reply  | hangs | SYNC=1 PURGE=1 HALF_REPLY COMMAREA | Closer SyncCaller
 
 break_state_after_send       | fails | SYNC=1 GRACEFUL=1 BREAK_STATE_AFTER_SEND | invalid end state
 break_armed_after_waiting    | fails | SYNC=1 GRACEFUL=1 BREAK_ARMED_AFTER_WAITING | invalid end state
@@ -124,8 +139,8 @@ break_channels_given_back_late | fails | SYNC=1 ASYNC=1 PURGE=1 CHANNEL BREAK_CH
 break_failed_sender_leaves | fails | ASYNC=1 PURGE=1 DIES CHANNEL BREAK_FAILED_SENDER_LEAVES_EARLY | assertion violated ((channelHolder==me)&&
 break_sent_while_closing     | fails | ASYNC=1 ANY=1 GRACEFUL=1 BREAK_SENT_WHILE_CLOSING | invalid end state
 break_closed_before_sweep    | fails | ASYNC=1 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS CLOSES BREAK_CLOSED_BEFORE_SWEEP | invalid end state
-break_changed_while_sent     | fails | SYNC=1 GRACEFUL=1 CHANNEL BREAK_CHANGED_WHILE_BEING_SENT | assertion violated (((channelHolder==call)
-break_settled_while_sent     | fails | ASYNC=1 POLL=1 REFUSES CHANNEL BREAK_SETTLED_WHILE_BEING_SENT | assertion violated  !(slot[id].channelBeingSent)
+break_changed_while_sent     | fails | SYNC=1 GRACEFUL=1 CHANNEL BREAK_CHANGED_WHILE_BEING_SENT | assertion violated (dataBeingRead!=call)
+break_settled_while_sent     | fails | ASYNC=1 POLL=1 REFUSES CHANNEL BREAK_SETTLED_WHILE_BEING_SENT | assertion violated  !(slot[id].beingSent)
 break_receiver_waits         | fails | SYNC=2 PLAIN=1 REFUSES CHANNEL HALF_READ QUIET BREAK_RECEIVER_WAITS_FOR_SENDER | assertion violated ((q_len(replies)==0)&&
 break_aside_dropped          | fails | SYNC=1 GRACEFUL=1 CHANNEL BREAK_ASIDE_DROPPED | invalid end state
 break_aside_decided_early    | fails | SYNC=1 GRACEFUL=1 CHANNEL BREAK_ASIDE_DECIDED_WHEN_FOUND | invalid end state
@@ -134,9 +149,22 @@ break_broken_flow_of_async   | fails | SYNC=1 PLAIN=1 ASYNC=1 CHANNEL WRITE_FAIL
 break_end_of_withdrawn       | fails | ASYNC=1 ANY=1 CHANNEL WRITE_FAILS DIES LAST BREAK_WITHDRAWAL_BEHIND_THE_END_NOT_TOLD | invalid end state
 break_pending_not_awaited    | fails | ASYNC=1 ANY=1 CHANNEL DIES LAST BREAK_PENDING_NOT_AWAITED | assertion violated (q_len(replies)==0)
 break_pending_takes_another  | fails | SYNC=1 PURGE=1 CHANNEL DIES BREAK_PENDING_TAKES_ANOTHER | assertion violated ((slot[s].state==2)&&(slot[s].outcomePending==0))
-break_pending_of_any_use     | fails | ASYNC=1 UNITS ANY=1 CHANNEL LAST BREAK_PENDING_OF_ANY_USE | assertion violated (((channelHolder==me)
+break_pending_of_any_use     | fails | ASYNC=1 UNITS ANY=1 CHANNEL LAST BREAK_PENDING_OF_ANY_USE | assertion violated ( !((me>=0))||(channelHolder==me))
 break_mark_stays             | fails | SYNC=1 PURGE=1 CHANNEL BREAK_MARK_STAYS | invalid end state
-break_leaves_before_delivery | fails | ASYNC=1 PURGE=1 CHANNEL BREAK_LEAVES_BEFORE_DELIVERING | assertion violated ( !(slot[calls].channelBeingSent)&&(slot[calls].outcomePending==0))
+break_leaves_before_delivery | fails | ASYNC=1 PURGE=1 CHANNEL BREAK_LEAVES_BEFORE_DELIVERING | assertion violated ( !(slot[calls].beingSent)&&(slot[calls].outcomePending==0))
+break_commarea_while_sent    | fails | SYNC=1 GRACEFUL=1 COMMAREA BREAK_CHANGED_WHILE_BEING_SENT | assertion violated (dataBeingRead!=call)
+break_commarea_before_read   | fails | SYNC=1 GRACEFUL=1 UNASKED=1 COMMAREA BREAK_GUARDED_ONLY_WHILE_READ | assertion violated  !(changed[me])
+break_commarea_marked_late   | fails | SYNC=1 UNASKED=1 LAST COMMAREA BREAK_MARKED_WHEN_READ | assertion violated (dataBeingRead!=call)
+break_commarea_mark_stays    | fails | SYNC=1 GRACEFUL=1 COMMAREA BREAK_MARK_STAYS | invalid end state
+break_commarea_aside_dropped | fails | SYNC=1 GRACEFUL=1 COMMAREA BREAK_ASIDE_DROPPED | invalid end state
+break_commarea_aside_early   | fails | SYNC=1 GRACEFUL=1 COMMAREA BREAK_ASIDE_DECIDED_WHEN_FOUND | invalid end state
+break_commarea_twice         | fails | SYNC=1 GRACEFUL=1 COMMAREA BREAK_CHANGED_TWICE | assertion violated  !(changed[call])
+break_commarea_settled       | fails | SYNC=1 PURGE=1 REFUSES COMMAREA BREAK_SETTLED_WHILE_BEING_SENT | assertion violated  !(slot[s].beingSent)
+break_commarea_dropped       | fails | SYNC=1 PURGE=1 WRITE_FAILS COMMAREA BREAK_DROPPED_IS_APPLIED | assertion violated ((slot[s].outcomePending==0)|| !(changed[slot[s].call]))
+break_commarea_takes_another | fails | SYNC=1 PURGE=1 DIES COMMAREA BREAK_PENDING_TAKES_ANOTHER | assertion violated ((slot[s].state==2)&&(slot[s].outcomePending==0))
+break_commarea_holds_receiver | fails | SYNC=1 ASYNC=1 SPECIFIC=1 REFUSES HALF_READ QUIET COMMAREA BREAK_RECEIVER_WAITS_FOR_SENDER | assertion violated ((q_len(replies)==0)&&
+break_pending_of_any_kind    | fails | SYNC=1 ANY=1 DIES LAST COMMAREA BREAK_PENDING_OF_ANY_KIND | invalid end state
+break_marked_without_need    | fails | SYNC=1 ASYNC=1 ANY=1 LAST COMMAREA BREAK_MARKED_WITHOUT_NEED | assertion violated (0||(slot[s].call<1))
 list_break_opening_visible   | fails | SAME OPEN=1 OWNERS=1 ROUNDS=2 NAMERS=1 BREAK_OPENING_VISIBLE | assertion violated ((record[token].memory==
 list_break_mark_and_count    | fails | OPEN=1 OPENERS=1 NAMERS=1 ALL=1 RESTING=0 BREAK_MARK_AND_COUNT_APART | assertion violated ((record[token].memory==
 list_break_read_twice        | fails | SAME OPEN=1 OWNERS=1 NAMERS=1 BREAK_VARIABLE_READ_TWICE | assertion violated ((record[token].memory==

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -16,21 +17,29 @@ using standin_test::Reply;
 
 namespace {
 
-// Writes down what it is told, and answers as the test wants.
+using Entries = std::vector<std::string>;
+
+// Writes down what it is told, and answers as the test wants. The Gateway may back out what a
+// departing client leaves open while a test still reads.
 class Diary final : public Program {
 public:
     std::optional<EciReply> call(const ProgramCall& call) override
     {
-        entries.push_back("call " + std::to_string(call.unitOfWork ? call.unitOfWork->token : 0));
+        write("call", call.unitOfWork ? call.unitOfWork->token : 0);
         return EciReply::serverError(call.request, callRc);
     }
 
     std::int32_t begin(const UnitOfWork& unit) override { return note("begin", unit, beginRc); }
     std::int32_t resume(const UnitOfWork& unit) override { return note("resume", unit, resumeRc); }
     std::int32_t commit(const UnitOfWork& unit) override { return note("commit", unit, commitRc); }
-    void backout(const UnitOfWork& unit) override { note("backout", unit, 0); }
+    void backout(const UnitOfWork& unit) override { write("backout", unit.token); }
 
-    std::vector<std::string> entries;
+    Entries entries() const
+    {
+        const std::lock_guard lock(mutex_);
+        return entries_;
+    }
+
     std::int32_t callRc = 0;
     std::int32_t beginRc = 0;
     std::int32_t resumeRc = 0;
@@ -39,12 +48,19 @@ public:
 private:
     std::int32_t note(const std::string& what, const UnitOfWork& unit, std::int32_t rc)
     {
-        entries.push_back(what + " " + std::to_string(unit.token));
+        write(what, unit.token);
         return rc;
     }
-};
 
-using Entries = std::vector<std::string>;
+    void write(const std::string& what, std::int32_t token)
+    {
+        const std::lock_guard lock(mutex_);
+        entries_.push_back(what + " " + std::to_string(token));
+    }
+
+    mutable std::mutex mutex_;
+    Entries entries_;
+};
 
 class UnitsOfWork : public testing::Test {
 protected:
@@ -75,7 +91,7 @@ protected:
 TEST_F(UnitsOfWork, ACallInMode0HasNone)
 {
     EXPECT_EQ(0, call(0, 0).luwToken);
-    EXPECT_EQ((Entries{"call 0"}), diary->entries);
+    EXPECT_EQ((Entries{"call 0"}), diary->entries());
 }
 
 TEST_F(UnitsOfWork, Mode1WithToken0OpensOne)
@@ -84,7 +100,7 @@ TEST_F(UnitsOfWork, Mode1WithToken0OpensOne)
     EXPECT_EQ(0, reply.vornRc);
     EXPECT_EQ(1, reply.luwToken);
     EXPECT_EQ(1U, gateway.openUnitsOfWork());
-    EXPECT_EQ((Entries{"begin 1", "call 1"}), diary->entries);
+    EXPECT_EQ((Entries{"begin 1", "call 1"}), diary->entries());
 }
 
 TEST_F(UnitsOfWork, EveryOneHasATokenOfItsOwn)
@@ -98,7 +114,7 @@ TEST_F(UnitsOfWork, Mode1WithTheTokenContinuesIt)
 {
     call(1, 0);
     EXPECT_EQ(1, call(1, 1).luwToken);
-    EXPECT_EQ((Entries{"begin 1", "call 1", "resume 1", "call 1"}), diary->entries);
+    EXPECT_EQ((Entries{"begin 1", "call 1", "resume 1", "call 1"}), diary->entries());
 }
 
 TEST_F(UnitsOfWork, Mode2CommitsIt)
@@ -109,7 +125,7 @@ TEST_F(UnitsOfWork, Mode2CommitsIt)
     EXPECT_EQ(0, reply.luwToken);
     EXPECT_EQ(0, reply.commareaLength);
     EXPECT_EQ(0U, gateway.openUnitsOfWork());
-    EXPECT_EQ((Entries{"begin 1", "call 1", "commit 1"}), diary->entries);
+    EXPECT_EQ((Entries{"begin 1", "call 1", "commit 1"}), diary->entries());
 }
 
 TEST_F(UnitsOfWork, Mode4BacksItOut)
@@ -118,7 +134,7 @@ TEST_F(UnitsOfWork, Mode4BacksItOut)
     const Reply reply = call(4, 1);
     EXPECT_EQ(0, reply.vornRc);
     EXPECT_EQ(0, reply.luwToken);
-    EXPECT_EQ((Entries{"begin 1", "call 1", "backout 1"}), diary->entries);
+    EXPECT_EQ((Entries{"begin 1", "call 1", "backout 1"}), diary->entries());
 }
 
 TEST_F(UnitsOfWork, AnUnknownTokenIsRefused)
@@ -127,7 +143,7 @@ TEST_F(UnitsOfWork, AnUnknownTokenIsRefused)
     EXPECT_EQ(-8, call(2, 77).vornRc);
     EXPECT_EQ(-8, call(4, 77).vornRc);
     EXPECT_EQ(-8, call(2, 0).vornRc);
-    EXPECT_TRUE(diary->entries.empty());
+    EXPECT_TRUE(diary->entries().empty());
 }
 
 TEST_F(UnitsOfWork, ATokenIsUnknownAfterItsEnd)
@@ -155,8 +171,8 @@ TEST_F(UnitsOfWork, SeveralProgramsTakePart)
     call(1, 0);
     call(1, 1, "OTHER");
     call(2, 1);
-    EXPECT_EQ((Entries{"begin 1", "call 1", "commit 1"}), diary->entries);
-    EXPECT_EQ((Entries{"begin 1", "call 1", "commit 1"}), other->entries);
+    EXPECT_EQ((Entries{"begin 1", "call 1", "commit 1"}), diary->entries());
+    EXPECT_EQ((Entries{"begin 1", "call 1", "commit 1"}), other->entries());
 }
 
 TEST_F(UnitsOfWork, AProgramMayRefuseToBegin)
@@ -166,7 +182,7 @@ TEST_F(UnitsOfWork, AProgramMayRefuseToBegin)
     EXPECT_EQ(-16, reply.vornRc);
     EXPECT_EQ(0, reply.luwToken);
     EXPECT_EQ(0U, gateway.openUnitsOfWork());
-    EXPECT_EQ((Entries{"begin 1"}), diary->entries);
+    EXPECT_EQ((Entries{"begin 1"}), diary->entries());
 }
 
 TEST_F(UnitsOfWork, AProgramThatCannotResumeBacksItOut)
@@ -174,7 +190,7 @@ TEST_F(UnitsOfWork, AProgramThatCannotResumeBacksItOut)
     call(1, 0);
     diary->resumeRc = -9;
     EXPECT_EQ(-9, call(1, 1).vornRc);
-    EXPECT_EQ((Entries{"begin 1", "call 1", "resume 1", "backout 1"}), diary->entries);
+    EXPECT_EQ((Entries{"begin 1", "call 1", "resume 1", "backout 1"}), diary->entries());
 }
 
 TEST_F(UnitsOfWork, AFailingCallBacksItOut)
@@ -184,7 +200,7 @@ TEST_F(UnitsOfWork, AFailingCallBacksItOut)
     const Reply reply = call(1, 1);
     EXPECT_EQ(-16, reply.vornRc);
     EXPECT_EQ(0, reply.luwToken);
-    EXPECT_EQ("backout 1", diary->entries.back());
+    EXPECT_EQ("backout 1", diary->entries().back());
     EXPECT_EQ(-8, call(2, 1).vornRc);
 }
 
@@ -192,14 +208,14 @@ TEST_F(UnitsOfWork, AnAbendOfOneProgramBacksOutTheOthers)
 {
     call(1, 0);
     EXPECT_EQ(-7, call(1, 1, "ABEND").vornRc);
-    EXPECT_EQ((Entries{"begin 1", "call 1", "backout 1"}), diary->entries);
+    EXPECT_EQ((Entries{"begin 1", "call 1", "backout 1"}), diary->entries());
 }
 
 TEST_F(UnitsOfWork, AProgramThatIsNotThereBacksItOut)
 {
     call(1, 0);
     EXPECT_EQ("AEI0", call(1, 1, "NOSUCH").abendCode);
-    EXPECT_EQ("backout 1", diary->entries.back());
+    EXPECT_EQ("backout 1", diary->entries().back());
 }
 
 TEST_F(UnitsOfWork, AFailingCommitBacksOutTheRest)
@@ -208,8 +224,8 @@ TEST_F(UnitsOfWork, AFailingCommitBacksOutTheRest)
     call(1, 1, "OTHER");
     diary->commitRc = -9;
     EXPECT_EQ(-9, call(2, 1).vornRc);
-    EXPECT_EQ((Entries{"begin 1", "call 1", "commit 1", "backout 1"}), diary->entries);
-    EXPECT_EQ((Entries{"begin 1", "call 1", "backout 1"}), other->entries);
+    EXPECT_EQ((Entries{"begin 1", "call 1", "commit 1", "backout 1"}), diary->entries());
+    EXPECT_EQ((Entries{"begin 1", "call 1", "backout 1"}), other->entries());
     EXPECT_EQ(0U, gateway.openUnitsOfWork());
 }
 
@@ -220,15 +236,15 @@ TEST_F(UnitsOfWork, ALostConnectionBacksOutAllOfItsOwn)
     client.close();
     ASSERT_TRUE(gateway.awaitClosed());
     EXPECT_EQ(0U, gateway.openUnitsOfWork());
-    EXPECT_EQ("backout 1", diary->entries.back());
-    EXPECT_EQ("backout 2", other->entries.back());
+    EXPECT_EQ("backout 1", diary->entries().back());
+    EXPECT_EQ("backout 2", other->entries().back());
 }
 
 TEST_F(UnitsOfWork, StoppingTheGatewayBacksOutEverything)
 {
     call(1, 0);
     gateway.stop();
-    EXPECT_EQ("backout 1", diary->entries.back());
+    EXPECT_EQ("backout 1", diary->entries().back());
 }
 
 TEST_F(UnitsOfWork, AReplyFunctionMayNameATokenOfItsOwn)

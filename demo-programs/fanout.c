@@ -60,7 +60,6 @@ const char program_name[] = "fanout";
 
 struct options {
     struct target target;
-    char* password;
     int count;
     int at_once;
     int verbose;
@@ -218,7 +217,7 @@ static int call_program(struct batch* batch, struct request* request, QPX_ECI_PA
     fill(parms->eci_program_name, sizeof parms->eci_program_name, options->target.program);
     fill(parms->eci_system_name, sizeof parms->eci_system_name, options->target.server);
     parms->eci_userid_ptr = options->target.user;
-    parms->eci_password_ptr = options->password;
+    parms->eci_password_ptr = options->target.password;
     parms->eci_commarea = request->text;
     parms->eci_commarea_length = (short)request->length;
     return QPX_ECI_Execute(batch->gateway, parms);
@@ -500,30 +499,24 @@ void print_help(void)
         "       fanout --port PORT [options] --count N\n"
         "\n"
         "Each line of the file is a request. The program must answer what it was sent.\n"
-        "\n"
-        "  --host HOST      where the Gateway listens (127.0.0.1)\n"
-        "  --port PORT      its TCP port, 1 to 65535\n"
-        "  --applid APPLID  who calls, at most 8 characters (none)\n"
-        "  --server NAME    the server behind the Gateway, at most 8 characters (its default)\n"
-        "  --program NAME   the server program, at most 8 characters (ECHO)\n"
-        "  --user USER      user id (none); the password is taken from FANOUT_PASSWORD\n"
-        "  --timeout SECS   limit for connecting, 0 to 3600, 0 is none (30)\n"
-        "  --count N        makes up N requests, 1 to 10000\n"
-        "  --at-once N      so many requests without a reply at most, 1 to 10000 (all)\n"
-        "  --verbose        names every reply as it comes\n"
-        "  --progress       count along on standard error\n"
-        "  --help           this text\n"
-        "\n"
-        "Exit codes:\n"
-        "  0  every request was answered with what was sent\n"
-        "  1  a file or a call failed; what was answered is told\n"
-        "  2  the arguments are wrong\n"
-        "  3  a reply is not what was sent\n"
-        "\n"
-        "Examples:\n"
-        "  fanout --port 5770 --count 200\n"
-        "  fanout --port 5770 --at-once 16 --verbose data/transfers.txt\n"
-        "  fanout --host gateway.example --port 5770 --applid LOAD --progress --count 5000\n");
+        "\n");
+    print_call_options("ECHO", "FANOUT_PASSWORD");
+    printf("  --count N        makes up N requests, 1 to 10000\n"
+           "  --at-once N      so many requests without a reply at most, 1 to 10000 (all)\n"
+           "  --verbose        names every reply as it comes\n"
+           "  --progress       count along on standard error\n"
+           "  --help           this text\n"
+           "\n"
+           "Exit codes:\n"
+           "  0  every request was answered with what was sent\n"
+           "  1  a file or a call failed; what was answered is told\n"
+           "  2  the arguments are wrong\n"
+           "  3  a reply is not what was sent\n"
+           "\n"
+           "Examples:\n"
+           "  fanout --port 5770 --count 200\n"
+           "  fanout --port 5770 --at-once 16 --verbose data/transfers.txt\n"
+           "  fanout --host gateway.example --port 5770 --applid LOAD --progress --count 5000\n");
 }
 
 /* A number of requests. */
@@ -532,24 +525,20 @@ static int parse_count(const char* text, int* count)
     return parse_number(text, 1, MAX_COUNT, count);
 }
 
-/* What the options together must be; -1 if they are right. */
+/* What the options together must be. */
 static int check_options(const struct options* options, int files, char** file)
 {
-    int result = check_target(&options->target);
-
-    if (result != -1) return result;
     if (options->count == 0 && files == 0) return usage("a file or --count is missing", "");
     if (options->count > 0 && files > 0) return usage("--count takes no file: ", file[0]);
     if (files > 1) return usage("more than one file: ", file[1]);
-    return -1;
+    return GO_ON;
 }
 
-/* Fills the options; -1 to go on, otherwise the exit code to end with. */
+/* Fills the options, and gives GO_ON or the exit code to end with. */
 static int parse_arguments(int argc, char** argv, struct options* options)
 {
     enum { COUNT = OWN_OPTIONS, AT_ONCE, VERBOSE, PROGRESS };
     static const struct option known[] = {
-        WHERE_OPTIONS,
         CALL_OPTIONS,
         {"count", required_argument, NULL, COUNT},
         {"at-once", required_argument, NULL, AT_ONCE},
@@ -558,10 +547,8 @@ static int parse_arguments(int argc, char** argv, struct options* options)
         {NULL, 0, NULL, 0},
     };
     int choice;
-    int result;
 
-    opterr = 0;
-    while ((choice = getopt_long(argc, argv, "", known, NULL)) != -1) {
+    while ((choice = next_option(argc, argv, known, &options->target)) >= OWN_OPTIONS) {
         switch (choice) {
         case COUNT:
             if (!parse_count(optarg, &options->count))
@@ -573,28 +560,19 @@ static int parse_arguments(int argc, char** argv, struct options* options)
             break;
         case VERBOSE: options->verbose = 1; break;
         case PROGRESS: options->progress = 1; break;
-        default:
-            result = take_option(choice, argv[optind - 1], &options->target);
-            if (result != -1) return result;
         }
     }
+    if (choice != GO_ON) return choice;
     options->file = argv[optind];
     return check_options(options, argc - optind, argv + optind);
 }
 
 int main(int argc, char** argv)
 {
-    struct options options = {0};
+    struct options options = {.target = {CALL_DEFAULTS("ECHO", "FANOUT_PASSWORD")},
+                              .at_once = MAX_COUNT};
     int result;
 
-    options.target.host = "127.0.0.1";
-    options.target.applid = "";
-    options.target.server = "";
-    options.target.program = "ECHO";
-    options.target.timeout = 30;
-    options.at_once = MAX_COUNT;
-    options.password = getenv("FANOUT_PASSWORD");
-
     result = parse_arguments(argc, argv, &options);
-    return end_with(result != -1 ? result : run(&options));
+    return end_with(result == GO_ON ? run(&options) : result);
 }

@@ -118,7 +118,6 @@ const char program_name[] = "ledger";
 
 struct options {
     struct target target;
-    char* password;
     int total_only;
     int verbose;
     int progress;
@@ -298,7 +297,7 @@ static int call_ledger(struct session* session, short extend_mode, int* luw_toke
     fill(parms.eci_program_name, sizeof parms.eci_program_name, session->options->target.program);
     fill(parms.eci_system_name, sizeof parms.eci_system_name, session->options->target.server);
     parms.eci_userid_ptr = session->options->target.user;
-    parms.eci_password_ptr = session->options->password;
+    parms.eci_password_ptr = session->options->target.password;
     parms.eci_extend_mode = extend_mode;
     parms.eci_luw_token = *luw_token;
     if (area != NULL) {
@@ -708,15 +707,9 @@ void print_help(void)
            "\n"
            "Usage: ledger --port PORT [options] FILE\n"
            "       ledger --port PORT [options] --total\n"
-           "\n"
-           "  --host HOST      where the Gateway listens (127.0.0.1)\n"
-           "  --port PORT      its TCP port, 1 to 65535\n"
-           "  --applid APPLID  who calls, at most 8 characters (none)\n"
-           "  --server NAME    the server behind the Gateway, at most 8 characters (its default)\n"
-           "  --program NAME   the server program, at most 8 characters (LEDGER)\n"
-           "  --user USER      user id (none); the password is taken from LEDGER_PASSWORD\n"
-           "  --timeout SECS   limit for connecting, 0 to 3600, 0 is none (30)\n"
-           "  --total          only ask for the total of all accounts\n"
+           "\n");
+    print_call_options("LEDGER", "LEDGER_PASSWORD");
+    printf("  --total          only ask for the total of all accounts\n"
            "  --verbose        name every record that is not posted\n"
            "  --progress       count along on standard error\n"
            "  --help           this text\n"
@@ -733,12 +726,11 @@ void print_help(void)
            "  QPX_CLIENT_TRACE_LEVEL=3 ledger --port 5770 --total\n");
 }
 
-/* Fills the options; -1 to go on, otherwise the exit code to end with. */
+/* Fills the options, and gives GO_ON or the exit code to end with. */
 static int parse_arguments(int argc, char** argv, struct options* options)
 {
     enum { TOTAL = OWN_OPTIONS, VERBOSE, PROGRESS };
     static const struct option known[] = {
-        WHERE_OPTIONS,
         CALL_OPTIONS,
         {"total", no_argument, NULL, TOTAL},
         {"verbose", no_argument, NULL, VERBOSE},
@@ -746,43 +738,27 @@ static int parse_arguments(int argc, char** argv, struct options* options)
         {NULL, 0, NULL, 0},
     };
     int choice;
-    int result;
 
-    opterr = 0;
-    while ((choice = getopt_long(argc, argv, "", known, NULL)) != -1) {
+    while ((choice = next_option(argc, argv, known, &options->target)) >= OWN_OPTIONS) {
         switch (choice) {
         case TOTAL: options->total_only = 1; break;
         case VERBOSE: options->verbose = 1; break;
         case PROGRESS: options->progress = 1; break;
-        default:
-            result = take_option(choice, argv[optind - 1], &options->target);
-            if (result != -1) return result;
         }
     }
-    result = check_target(&options->target);
-    if (result != -1) return result;
+    if (choice != GO_ON) return choice;
     if (options->total_only) {
         if (optind < argc) return usage("--total takes no file: ", argv[optind]);
-        return -1;
+        return GO_ON;
     }
-    if (optind == argc) return usage("the file of transfers is missing", "");
-    if (optind + 1 < argc) return usage("more than one file: ", argv[optind + 1]);
-    options->file = argv[optind];
-    return -1;
+    return take_file(argc, argv, "the file of transfers is missing", &options->file);
 }
 
 int main(int argc, char** argv)
 {
-    struct options options = {0};
+    struct options options = {.target = {CALL_DEFAULTS("LEDGER", "LEDGER_PASSWORD")}};
     int result;
 
-    options.target.host = "127.0.0.1";
-    options.target.applid = "";
-    options.target.server = "";
-    options.target.program = "LEDGER";
-    options.target.timeout = 30;
-    options.password = getenv("LEDGER_PASSWORD");
-
     result = parse_arguments(argc, argv, &options);
-    return end_with(result != -1 ? result : run(&options));
+    return end_with(result == GO_ON ? run(&options) : result);
 }

@@ -43,22 +43,33 @@ int parse_number(const char* text, long least, long most, int* number)
     return 1;
 }
 
-int take_option(int choice, const char* word, struct target* target)
+void print_call_options(const char* program, const char* password_variable)
+{
+    printf("  --host HOST      where the Gateway listens (127.0.0.1)\n"
+           "  --port PORT      its TCP port, 1 to 65535\n"
+           "  --applid APPLID  who calls, at most 8 characters (none)\n"
+           "  --server NAME    the server behind the Gateway, at most 8 characters (its default)\n"
+           "  --program NAME   the server program, at most 8 characters (%s)\n"
+           "  --user USER      user id (none); the password is taken from %s\n"
+           "  --timeout SECS   limit for connecting, 0 to 3600, 0 is none (30)\n",
+           program, password_variable);
+}
+
+static int take_option(int choice, struct target* target)
 {
     switch (choice) {
-    case OPTION_HOST: target->host = optarg; return -1;
+    case OPTION_HOST: target->host = optarg; return GO_ON;
     case OPTION_PORT:
-        if (parse_number(optarg, 1, 65535, &target->port)) return -1;
+        if (parse_number(optarg, 1, 65535, &target->port)) return GO_ON;
         return usage("a port is a number from 1 to 65535, not ", optarg);
-    case OPTION_APPLID: target->applid = optarg; return -1;
-    case OPTION_SERVER: target->server = optarg; return -1;
-    case OPTION_PROGRAM: target->program = optarg; return -1;
-    case OPTION_USER: target->user = optarg; return -1;
+    case OPTION_APPLID: target->applid = optarg; return GO_ON;
+    case OPTION_SERVER: target->server = optarg; return GO_ON;
+    case OPTION_PROGRAM: target->program = optarg; return GO_ON;
+    case OPTION_USER: target->user = optarg; return GO_ON;
     case OPTION_TIMEOUT:
-        if (parse_number(optarg, 0, 3600, &target->timeout)) return -1;
+        if (parse_number(optarg, 0, 3600, &target->timeout)) return GO_ON;
         return usage("a time-out is a number of seconds from 0 to 3600, not ", optarg);
-    case OPTION_HELP: print_help(); return EXIT_OK;
-    default: return usage("unknown or incomplete option ", word);
+    default: print_help(); return EXIT_OK;
     }
 }
 
@@ -67,12 +78,36 @@ static int is_too_long(const char* name)
     return name != NULL && strlen(name) > LONGEST_NAME;
 }
 
-int check_target(const struct target* target)
+static int check_target(const struct target* target)
 {
     if (target->port == 0) return usage("--port is missing", "");
     if (is_too_long(target->server)) return usage("longer than 8 characters: ", target->server);
     if (is_too_long(target->program)) return usage("longer than 8 characters: ", target->program);
-    return -1;
+    return GO_ON;
+}
+
+int next_option(int argc, char** argv, const struct option* known, struct target* target)
+{
+    int result = GO_ON;
+
+    opterr = 0;
+    while (result == GO_ON) {
+        int choice = getopt_long(argc, argv, "", known, NULL);
+
+        if (choice == -1) return check_target(target);
+        if (choice == '?') return usage("unknown or incomplete option ", argv[optind - 1]);
+        if (choice >= OWN_OPTIONS) return choice;
+        result = take_option(choice, target);
+    }
+    return result;
+}
+
+int take_file(int argc, char** argv, const char* missing, const char** file)
+{
+    if (optind == argc) return usage(missing, "");
+    if (optind + 1 < argc) return usage("more than one file: ", argv[optind + 1]);
+    *file = argv[optind];
+    return GO_ON;
 }
 
 int open_gateway(const struct target* target, QPX_ConnToken_t* gateway)

@@ -7,6 +7,7 @@
 
 #include <getopt.h>
 #include <stddef.h>
+#include <stdlib.h>
 
 #include "qpxclient.h"
 
@@ -14,6 +15,9 @@
 #define EXIT_OK     0
 #define EXIT_FAILED 1
 #define EXIT_USAGE  2
+
+/* In place of an exit code: there is no reason to end. */
+#define GO_ON (-1)
 
 /* Each program has these. */
 extern const char program_name[];
@@ -28,11 +32,13 @@ struct target {
     const char* server;  /* at most 8 characters; may be NULL */
     const char* program; /* at most 8 characters; may be NULL */
     char* user;
-    int timeout; /* seconds, for connecting */
+    char* password; /* of the user; may be NULL */
+    int timeout;    /* seconds, for connecting */
 };
 
-/* The options of a target and --help, as rows for getopt_long; a program's own begin with
- * OWN_OPTIONS. */
+/* The options of a target and --help, in two groups: where it is, and all that a call needs. Of each
+ * group there are the values where nothing is given, and the rows for getopt_long. A program's own
+ * options begin with OWN_OPTIONS. */
 enum {
     OPTION_HOST = 1,
     OPTION_PORT,
@@ -45,24 +51,35 @@ enum {
     OWN_OPTIONS
 };
 /* clang-format off */
+#define WHERE_DEFAULTS .host = "127.0.0.1", .timeout = 30
+#define CALL_DEFAULTS(PROGRAM, PASSWORD_VARIABLE)       \
+    WHERE_DEFAULTS, .applid = "", .server = "",         \
+    .program = (PROGRAM), .password = getenv(PASSWORD_VARIABLE)
+
 #define WHERE_OPTIONS                                   \
     {"host", required_argument, NULL, OPTION_HOST},     \
     {"port", required_argument, NULL, OPTION_PORT},     \
     {"timeout", required_argument, NULL, OPTION_TIMEOUT}, \
     {"help", no_argument, NULL, OPTION_HELP}
 #define CALL_OPTIONS                                    \
+    WHERE_OPTIONS,                                      \
     {"applid", required_argument, NULL, OPTION_APPLID}, \
     {"server", required_argument, NULL, OPTION_SERVER}, \
     {"program", required_argument, NULL, OPTION_PROGRAM}, \
     {"user", required_argument, NULL, OPTION_USER}
 /* clang-format on */
 
-/* Takes one of those options; -1 to go on, otherwise the exit code to end with. word is what stands
- * in the command line. */
-int take_option(int choice, const char* word, struct target* target);
+/* Writes the lines of the help that tell of the options which a call needs, but for --help. */
+void print_call_options(const char* program, const char* password_variable);
 
-/* What the options of a target must be together; -1 if they are right. */
-int check_target(const struct target* target);
+/* Takes the options of a target until there is one of the program's own, and gives that. Otherwise
+ * there are no more of them, and what it gives is below OWN_OPTIONS: GO_ON if the target is right,
+ * or the exit code to end with. */
+int next_option(int argc, char** argv, const struct option* known, struct target* target);
+
+/* Takes the one file that stands behind the options, and gives GO_ON or the exit code to end with.
+ * missing is what to say where there is none. */
+int take_file(int argc, char** argv, const char* missing, const char** file);
 
 /* A whole number of the range; 0 if the text is none. */
 int parse_number(const char* text, long least, long most, int* number);

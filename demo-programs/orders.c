@@ -64,7 +64,6 @@ const char program_name[] = "orders";
 
 struct options {
     struct target target;
-    char* password;
     int ccsid;
     int verbose;
     const char* file;
@@ -294,7 +293,7 @@ static int call_orders(const struct options* options, QPX_ConnToken_t gateway,
     fill(parms.eci_program_name, sizeof parms.eci_program_name, options->target.program);
     fill(parms.eci_system_name, sizeof parms.eci_system_name, options->target.server);
     parms.eci_userid_ptr = options->target.user;
-    parms.eci_password_ptr = options->password;
+    parms.eci_password_ptr = options->target.password;
     parms.channel = channel; /* in place of a COMMAREA */
 
     rc = QPX_ECI_Execute_Channel(gateway, &parms);
@@ -418,15 +417,9 @@ void print_help(void)
     printf("Has an order priced by a server program that works on a channel.\n"
            "\n"
            "Usage: orders --port PORT [options] FILE\n"
-           "\n"
-           "  --host HOST      where the Gateway listens (127.0.0.1)\n"
-           "  --port PORT      its TCP port, 1 to 65535\n"
-           "  --applid APPLID  who calls, at most 8 characters (none)\n"
-           "  --server NAME    the server behind the Gateway, at most 8 characters (its default)\n"
-           "  --program NAME   the server program, at most 8 characters (ORDERS)\n"
-           "  --user USER      user id (none); the password is taken from ORDERS_PASSWORD\n"
-           "  --timeout SECS   limit for connecting, 0 to 3600, 0 is none (30)\n"
-           "  --ccsid CCSID    code page of the file, such as 819 or 1208, which is UTF-8;\n"
+           "\n");
+    print_call_options("ORDERS", "ORDERS_PASSWORD");
+    printf("  --ccsid CCSID    code page of the file, such as 819 or 1208, which is UTF-8;\n"
            "                   0 is that of LANG (0)\n"
            "  --verbose        list the containers of the reply\n"
            "  --help           this text\n"
@@ -446,53 +439,36 @@ void print_help(void)
            "  QPX_CLIENT_TRACE_LEVEL=2 orders --port 5770 data/order-wrong.txt\n");
 }
 
-/* Fills the options; -1 to go on, otherwise the exit code to end with. */
+/* Fills the options, and gives GO_ON or the exit code to end with. */
 static int parse_arguments(int argc, char** argv, struct options* options)
 {
     enum { CCSID = OWN_OPTIONS, VERBOSE };
     static const struct option known[] = {
-        WHERE_OPTIONS,
         CALL_OPTIONS,
         {"ccsid", required_argument, NULL, CCSID},
         {"verbose", no_argument, NULL, VERBOSE},
         {NULL, 0, NULL, 0},
     };
     int choice;
-    int result;
 
-    opterr = 0;
-    while ((choice = getopt_long(argc, argv, "", known, NULL)) != -1) {
+    while ((choice = next_option(argc, argv, known, &options->target)) >= OWN_OPTIONS) {
         switch (choice) {
         case CCSID:
             if (!parse_number(optarg, 0, 65535, &options->ccsid))
                 return usage("a CCSID is a number from 0 to 65535, not ", optarg);
             break;
         case VERBOSE: options->verbose = 1; break;
-        default:
-            result = take_option(choice, argv[optind - 1], &options->target);
-            if (result != -1) return result;
         }
     }
-    result = check_target(&options->target);
-    if (result != -1) return result;
-    if (optind == argc) return usage("the file of the order is missing", "");
-    if (optind + 1 < argc) return usage("more than one file: ", argv[optind + 1]);
-    options->file = argv[optind];
-    return -1;
+    if (choice != GO_ON) return choice;
+    return take_file(argc, argv, "the file of the order is missing", &options->file);
 }
 
 int main(int argc, char** argv)
 {
-    struct options options = {0};
+    struct options options = {.target = {CALL_DEFAULTS("ORDERS", "ORDERS_PASSWORD")}};
     int result;
 
-    options.target.host = "127.0.0.1";
-    options.target.applid = "";
-    options.target.server = "";
-    options.target.program = "ORDERS";
-    options.target.timeout = 30;
-    options.password = getenv("ORDERS_PASSWORD");
-
     result = parse_arguments(argc, argv, &options);
-    return end_with(result != -1 ? result : run(&options));
+    return end_with(result == GO_ON ? run(&options) : result);
 }

@@ -322,7 +322,7 @@ void print_help(void)
            "  password --port 5770 --server VORNB --passwords secret.txt change FRED\n");
 }
 
-/* Takes what stands behind the options; -1 to go on, otherwise the exit code to end with. */
+/* Takes what stands behind the options, and gives GO_ON or the exit code to end with. */
 static int parse_words(int argc, char** argv, struct options* options)
 {
     if (argc < 2) return usage("the user is missing", "");
@@ -333,10 +333,10 @@ static int parse_words(int argc, char** argv, struct options* options)
     options->user = argv[1];
     if (strlen(options->user) > LONGEST_USER)
         return usage("longer than 10 characters: ", options->user);
-    return -1;
+    return GO_ON;
 }
 
-/* Fills the options; -1 to go on, otherwise the exit code to end with. */
+/* Fills the options, and gives GO_ON or the exit code to end with. */
 static int parse_arguments(int argc, char** argv, struct options* options)
 {
     enum { PASSWORDS = OWN_OPTIONS };
@@ -347,31 +347,19 @@ static int parse_arguments(int argc, char** argv, struct options* options)
         {NULL, 0, NULL, 0},
     };
     int choice;
-    int result;
 
-    opterr = 0;
-    while ((choice = getopt_long(argc, argv, "", known, NULL)) != -1) {
-        switch (choice) {
-        case PASSWORDS: options->passwords = optarg; break;
-        default:
-            result = take_option(choice, argv[optind - 1], &options->target);
-            if (result != -1) return result;
-        }
-    }
-    result = check_target(&options->target);
-    if (result != -1) return result;
+    while ((choice = next_option(argc, argv, known, &options->target)) >= OWN_OPTIONS)
+        options->passwords = optarg;
+    if (choice != GO_ON) return choice;
     return parse_words(argc - optind, argv + optind, options);
 }
 
 int main(int argc, char** argv)
 {
-    struct options options = {0};
+    struct options options = {.target = {WHERE_DEFAULTS}};
     int result;
 
     setlocale(LC_TIME, "");
-    options.target.host = "127.0.0.1";
-    options.target.timeout = 30;
-
     result = parse_arguments(argc, argv, &options);
-    return end_with(result != -1 ? result : run(&options));
+    return end_with(result == GO_ON ? run(&options) : result);
 }

@@ -111,7 +111,7 @@ void print_help(void)
            "  systems --port 5770\n");
 }
 
-/* Fills the options; -1 to go on, otherwise the exit code to end with. */
+/* Fills the options, and gives GO_ON or the exit code to end with. */
 static int parse_arguments(int argc, char** argv, struct options* options)
 {
     enum { ROOM = OWN_OPTIONS };
@@ -121,35 +121,21 @@ static int parse_arguments(int argc, char** argv, struct options* options)
         {NULL, 0, NULL, 0},
     };
     int choice;
-    int result;
 
-    opterr = 0;
-    while ((choice = getopt_long(argc, argv, "", known, NULL)) != -1) {
-        switch (choice) {
-        case ROOM:
-            if (!parse_number(optarg, 1, MOST_SYSTEMS, &options->room))
-                return usage("room is a number from 1 to 65535, not ", optarg);
-            break;
-        default:
-            result = take_option(choice, argv[optind - 1], &options->target);
-            if (result != -1) return result;
-        }
+    while ((choice = next_option(argc, argv, known, &options->target)) >= OWN_OPTIONS) {
+        if (!parse_number(optarg, 1, MOST_SYSTEMS, &options->room))
+            return usage("room is a number from 1 to 65535, not ", optarg);
     }
-    result = check_target(&options->target);
-    if (result != -1) return result;
+    if (choice != GO_ON) return choice;
     if (optind < argc) return usage("an argument too many: ", argv[optind]);
-    return -1;
+    return GO_ON;
 }
 
 int main(int argc, char** argv)
 {
-    struct options options = {0};
+    struct options options = {.target = {WHERE_DEFAULTS}, .room = 16};
     int result;
 
-    options.target.host = "127.0.0.1";
-    options.room = 16;
-    options.target.timeout = 30;
-
     result = parse_arguments(argc, argv, &options);
-    return end_with(result != -1 ? result : run(&options));
+    return end_with(result == GO_ON ? run(&options) : result);
 }

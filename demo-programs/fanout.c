@@ -24,6 +24,9 @@
 #define MAX_COUNT     10000
 #define MAX_AREA_SIZE 32767 /* the longest COMMAREA */
 
+/* Room for a line that is too long and for the terminator. */
+#define LINE_SIZE (MAX_AREA_SIZE + 2)
+
 /* No call waits under this qualifier. */
 #define NO_QUALIFIER 0
 
@@ -94,15 +97,6 @@ static void complain_of_request(size_t index, const char* what, int rc, const ch
         complain("request %lu: %s: %s (%d)", number, what, QPX_getRcString(rc, name), rc);
 }
 
-static void* checked(void* memory)
-{
-    if (memory == NULL) {
-        complain("out of memory");
-        exit(EXIT_FAILED);
-    }
-    return memory;
-}
-
 static double now_in_milliseconds(void)
 {
     struct timespec now;
@@ -117,10 +111,7 @@ static void add_request(struct requests* requests, const char* text, size_t leng
 {
     struct request* request;
 
-    if (requests->count == requests->room) {
-        requests->room = requests->room == 0 ? 64 : requests->room * 2;
-        requests->at = checked(realloc(requests->at, requests->room * sizeof *requests->at));
-    }
+    requests->at = more_room(requests->at, requests->count, &requests->room, sizeof *requests->at);
     request = &requests->at[requests->count++];
     memset(request, 0, sizeof *request);
     request->text = checked(malloc(length));
@@ -141,27 +132,14 @@ static void make_requests(int count, struct requests* requests)
     }
 }
 
-/* Reads one line without its end; a longer one is cut at size. 0 at the end of the file. */
-static int read_line(FILE* file, char* line, size_t size, size_t* length)
-{
-    int c = getc(file);
-
-    if (c == EOF) return 0;
-    *length = 0;
-    for (; c != EOF && c != '\n'; c = getc(file))
-        if (*length < size) line[(*length)++] = (char)c;
-    return 1;
-}
-
 static int read_lines(FILE* file, const char* name, struct requests* requests)
 {
-    size_t size = MAX_AREA_SIZE + 1;
-    char* line = checked(malloc(size));
+    char* line = checked(malloc(LINE_SIZE));
     size_t length;
     int number = 0;
     int is_right = 1;
 
-    while (is_right && read_line(file, line, size, &length)) {
+    while (is_right && read_line(file, line, LINE_SIZE, &length)) {
         number += 1;
         is_right = length <= MAX_AREA_SIZE && requests->count < MAX_COUNT;
         if (length > MAX_AREA_SIZE)
@@ -172,19 +150,15 @@ static int read_lines(FILE* file, const char* name, struct requests* requests)
             add_request(requests, line, length);
     }
     free(line);
-    if (ferror(file)) complain("cannot read %s", name);
-    return is_right && !ferror(file);
+    return could_read(file, name) && is_right;
 }
 
 static int read_requests(const char* name, struct requests* requests)
 {
-    FILE* file = fopen(name, "r");
+    FILE* file = open_file(name, "give a file with one request in each line");
     int is_right;
 
-    if (file == NULL) {
-        complain("cannot open %s; give a file with one request in each line", name);
-        return 0;
-    }
+    if (file == NULL) return 0;
     is_right = read_lines(file, name, requests);
     fclose(file);
     return is_right;

@@ -135,18 +135,6 @@ static void complain_of_call(const char* what, int rc, const char* abend_code)
         complain("%s: %s (%d)", what, QPX_getRcString(rc, name), rc);
 }
 
-static void* more_room(void* memory, size_t count, size_t* room, size_t size)
-{
-    if (count < *room) return memory;
-    *room = *room == 0 ? 64 : *room * 2;
-    memory = realloc(memory, *room * size);
-    if (memory == NULL) {
-        complain("out of memory");
-        exit(EXIT_FAILED);
-    }
-    return memory;
-}
-
 /* Writes an amount in cents as "-1,234.56" and returns the buffer. */
 #define MONEY_SIZE 32
 static const char* money(long long cents, char buffer[MONEY_SIZE])
@@ -189,31 +177,15 @@ static int parse_cents(const char* text, size_t length, long long* cents)
 
 /* ---- The transfer file ---------------------------------------------------------------------- */
 
-/* Reads one line without its end; a longer one is cut at size - 1. 0 at the end of the file. */
-static int read_line(FILE* file, char* line, size_t size, size_t* length)
-{
-    int c = getc(file);
-
-    if (c == EOF) return 0;
-    *length = 0;
-    for (; c != EOF && c != '\n'; c = getc(file))
-        if (*length + 1 < size) line[(*length)++] = (char)c;
-    line[*length] = '\0';
-    return 1;
-}
-
 static int read_transfers(const char* name, struct transfers* transfers)
 {
-    FILE* file = fopen(name, "r");
+    FILE* file = open_file(name, "give the file of transfers as the last argument");
     char line[LINE_SIZE];
     size_t length;
     int number = 0;
-    int failed;
+    int done;
 
-    if (file == NULL) {
-        complain("cannot open %s; give the file of transfers as the last argument", name);
-        return 0;
-    }
+    if (file == NULL) return 0;
     while (read_line(file, line, sizeof line, &length)) {
         struct transfer* transfer;
 
@@ -228,10 +200,9 @@ static int read_transfers(const char* name, struct transfers* transfers)
         transfer->line = number;
         transfer->outcome = NOT_REACHED;
     }
-    failed = ferror(file);
+    done = could_read(file, name);
     fclose(file);
-    if (failed) complain("cannot read %s", name);
-    return !failed;
+    return done;
 }
 
 static struct account* find_account(struct accounts* accounts, const char* name)

@@ -110,6 +110,67 @@ int take_file(int argc, char** argv, const char* missing, const char** file)
     return GO_ON;
 }
 
+void* checked(void* memory)
+{
+    if (memory == NULL) {
+        complain("out of memory");
+        exit(EXIT_FAILED);
+    }
+    return memory;
+}
+
+void* more_room(void* array, size_t count, size_t* room, size_t size)
+{
+    if (count < *room) return array;
+    *room = *room == 0 ? 64 : *room * 2;
+    return checked(realloc(array, *room * size));
+}
+
+FILE* open_file(const char* name, const char* advice)
+{
+    FILE* file = fopen(name, "r");
+
+    if (file == NULL) complain("cannot open %s; %s", name, advice);
+    return file;
+}
+
+/* Reads on to the end of a line or of the file, and tells which it was. */
+static int read_to_end(FILE* file, char* line, size_t size, size_t* length, int* end)
+{
+    int c = getc(file);
+
+    if (c == EOF) return 0;
+    *length = 0;
+    for (; c != EOF && c != '\n'; c = getc(file))
+        if (*length + 1 < size) line[(*length)++] = (char)c;
+    line[*length] = '\0';
+    *end = c;
+    return 1;
+}
+
+int read_line(FILE* file, char* line, size_t size, size_t* length)
+{
+    int end;
+
+    return read_to_end(file, line, size, length, &end);
+}
+
+int read_text_line(FILE* file, char* line, size_t size, size_t* length)
+{
+    int end;
+
+    if (!read_to_end(file, line, size, length, &end)) return 0;
+    if (end == '\n' && *length > 0 && line[*length - 1] == '\r') line[--*length] = '\0';
+    return 1;
+}
+
+int could_read(FILE* file, const char* name)
+{
+    if (!ferror(file)) return 1;
+    complain("cannot read %s", name);
+    return 0;
+}
+
 int open_gateway(const struct target* target, QPX_ConnToken_t* gateway)
 {
     char none[] = "";

@@ -1,12 +1,13 @@
 /*
  * options.h - what the programs of the demo have in common: messages, the options that say where
- * the Gateway is and what to call, opening and closing, and the end.
+ * the Gateway is and what to call, reading files, opening and closing, and the end.
  */
 #ifndef OPTIONS_H
 #define OPTIONS_H
 
 #include <getopt.h>
 #include <stddef.h>
+#include <stdio.h>
 #include <stdlib.h>
 
 #include "qpxclient.h"
@@ -90,6 +91,23 @@ int usage(const char* problem, const char* what);
 /* One line on standard error, behind what has been written to standard output. */
 void complain(const char* format, ...);
 void complain_of_rc(const char* what, int rc);
+
+/* Memory that has been asked for; the end of the program if there is none. */
+void* checked(void* memory);
+
+/* An array with room for one more: the same, or a larger one in its place. */
+void* more_room(void* array, size_t count, size_t* room, size_t size);
+
+/* Opens a file to read; NULL if that fails, which has been told then, with what to give instead. */
+FILE* open_file(const char* name, const char* advice);
+
+/* Reads one line without its end, and puts a NUL behind it; a longer one is cut at size - 1. 0 at
+ * the end of the file. A line ends with LF; that of a text may as well end with CR LF. */
+int read_line(FILE* file, char* line, size_t size, size_t* length);
+int read_text_line(FILE* file, char* line, size_t size, size_t* length);
+
+/* Whether a file could be read as far as it was read; if not, that has been told. */
+int could_read(FILE* file, const char* name);
 
 /* 0 if that fails, which has been told then. Afterwards *gateway is NULL unless it is open; closing
  * what is not open is no failure. */

@@ -84,11 +84,7 @@ static void append(struct buffer* buffer, const void* data, size_t length)
 {
     while (buffer->room - buffer->length < length) {
         buffer->room = buffer->room == 0 ? 256 : buffer->room * 2;
-        buffer->at = realloc(buffer->at, buffer->room);
-        if (buffer->at == NULL) {
-            complain("out of memory");
-            exit(EXIT_FAILED);
-        }
+        buffer->at = checked(realloc(buffer->at, buffer->room));
     }
     memcpy(buffer->at + buffer->length, data, length);
     buffer->length += length;
@@ -167,28 +163,13 @@ static int add_line(struct order* order, const char* line)
     return 1;
 }
 
-/* Reads one line without its end, LF or CR LF; a longer one is cut at the end of the room. 0 at the
- * end of the file. */
-static int read_line(FILE* file, char line[LINE_SIZE], size_t* length)
-{
-    int c = getc(file);
-
-    if (c == EOF) return 0;
-    *length = 0;
-    for (; c != EOF && c != '\n'; c = getc(file))
-        if (*length + 1 < LINE_SIZE) line[(*length)++] = (char)c;
-    if (c == '\n' && *length > 0 && line[*length - 1] == '\r') *length -= 1;
-    line[*length] = '\0';
-    return 1;
-}
-
 static int read_lines(FILE* file, const char* name, struct order* order)
 {
     char line[LINE_SIZE];
     size_t length;
     int number = 0;
 
-    while (read_line(file, line, &length)) {
+    while (read_text_line(file, line, sizeof line, &length)) {
         number += 1;
         if (length > LONGEST_LINE) {
             complain("%s, line %d: longer than %d characters", name, number, LONGEST_LINE);
@@ -203,20 +184,15 @@ static int read_lines(FILE* file, const char* name, struct order* order)
             return 0;
         }
     }
-    if (!ferror(file)) return 1;
-    complain("cannot read %s", name);
-    return 0;
+    return could_read(file, name);
 }
 
 static int read_order(const char* name, struct order* order)
 {
-    FILE* file = fopen(name, "r");
+    FILE* file = open_file(name, "give the file of the order as the last argument");
     int done;
 
-    if (file == NULL) {
-        complain("cannot open %s; give the file of the order as the last argument", name);
-        return 0;
-    }
+    if (file == NULL) return 0;
     done = read_lines(file, name, order);
     fclose(file);
     return done;

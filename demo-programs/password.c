@@ -96,28 +96,13 @@ static void wipe(void* secret, size_t size)
     }
 }
 
-/* Reads one line without its end, LF or CR LF; a longer one is cut at the end of the room. 0 at the
- * end of the file. */
-static int read_line(FILE* file, char line[PASSWORD_SIZE], size_t* length)
-{
-    int c = getc(file);
-
-    if (c == EOF) return 0;
-    *length = 0;
-    for (; c != EOF && c != '\n'; c = getc(file))
-        if (*length + 1 < PASSWORD_SIZE) line[(*length)++] = (char)c;
-    if (c == '\n' && *length > 0 && line[*length - 1] == '\r') *length -= 1;
-    line[*length] = '\0';
-    return 1;
-}
-
 /* Reads a password; 0 if there is none, or none that can be one. */
 static int read_password(FILE* file, char password[PASSWORD_SIZE], const char* which)
 {
     const char* problem = NULL;
     size_t length = 0;
 
-    if (!read_line(file, password, &length))
+    if (!read_text_line(file, password, PASSWORD_SIZE, &length))
         problem = "is missing";
     else if (length > LONGEST_PASSWORD)
         problem = "is too long";
@@ -210,11 +195,10 @@ static int get_passwords(const struct options* options, struct passwords* passwo
     if (options->passwords == NULL && isatty(fileno(stdin)))
         return ask_passwords(options, passwords);
 
-    file = options->passwords == NULL ? stdin : fopen(options->passwords, "r");
-    if (file == NULL) {
-        complain("cannot open %s; give a file with one password to a line", options->passwords);
-        return 0;
-    }
+    file = options->passwords == NULL
+               ? stdin
+               : open_file(options->passwords, "give a file with one password to a line");
+    if (file == NULL) return 0;
     setvbuf(file, NULL, _IONBF, 0); /* no second copy of them */
     result = read_passwords(file, options, passwords);
     if (file != stdin) fclose(file);

@@ -84,17 +84,12 @@ struct batch {
     char* area;          /* owned; takes any reply */
 };
 
-/* Names a request's return code, with the abend code if the server program abended. */
-static void complain_of_request(size_t index, const char* what, int rc, const char* abend_code)
+static void complain_of_request(size_t index, const char* step, int rc, const char* abend_code)
 {
-    char name[QPX_RC_STRING_SIZE];
-    unsigned long number = (unsigned long)index + 1;
+    char what[80];
 
-    if (rc == ECI_ERR_TRANSACTION_ABEND)
-        complain("request %lu: %s: %s (%d), abend code %.4s", number, what,
-                 QPX_getRcString(rc, name), rc, abend_code);
-    else
-        complain("request %lu: %s: %s (%d)", number, what, QPX_getRcString(rc, name), rc);
+    snprintf(what, sizeof what, "request %lu: %s", (unsigned long)index + 1, step);
+    complain_of_call(what, rc, abend_code);
 }
 
 static double now_in_milliseconds(void)
@@ -183,15 +178,7 @@ static int is_end_of_connection(int rc)
 
 static int call_program(struct batch* batch, struct request* request, QPX_ECI_PARMS* parms)
 {
-    const struct options* options = batch->options;
-
-    memset(parms, 0, sizeof *parms);
-    parms->eci_version = ECI_VERSION_6;
-    parms->eci_call_type = ECI_ASYNC;
-    fill(parms->eci_program_name, sizeof parms->eci_program_name, options->target.program);
-    fill(parms->eci_system_name, sizeof parms->eci_system_name, options->target.server);
-    parms->eci_userid_ptr = options->target.user;
-    parms->eci_password_ptr = options->target.password;
+    prepare_call(&batch->options->target, ECI_ASYNC, parms);
     parms->eci_commarea = request->text;
     parms->eci_commarea_length = (short)request->length;
     return QPX_ECI_Execute(batch->gateway, parms);

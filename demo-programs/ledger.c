@@ -124,17 +124,6 @@ struct options {
     const char* file;
 };
 
-/* Names a return code, with the abend code if the server program abended. */
-static void complain_of_call(const char* what, int rc, const char* abend_code)
-{
-    char name[QPX_RC_STRING_SIZE];
-
-    if (rc == ECI_ERR_TRANSACTION_ABEND)
-        complain("%s: %s (%d), abend code %.4s", what, QPX_getRcString(rc, name), rc, abend_code);
-    else
-        complain("%s: %s (%d)", what, QPX_getRcString(rc, name), rc);
-}
-
 /* Writes an amount in cents as "-1,234.56" and returns the buffer. */
 #define MONEY_SIZE 32
 static const char* money(long long cents, char buffer[MONEY_SIZE])
@@ -262,13 +251,7 @@ static int call_ledger(struct session* session, short extend_mode, int* luw_toke
     QPX_ECI_PARMS parms;
     int rc;
 
-    memset(&parms, 0, sizeof parms);
-    parms.eci_version = ECI_VERSION_6;
-    parms.eci_call_type = ECI_SYNC;
-    fill(parms.eci_program_name, sizeof parms.eci_program_name, session->options->target.program);
-    fill(parms.eci_system_name, sizeof parms.eci_system_name, session->options->target.server);
-    parms.eci_userid_ptr = session->options->target.user;
-    parms.eci_password_ptr = session->options->target.password;
+    prepare_call(&session->options->target, ECI_SYNC, &parms);
     parms.eci_extend_mode = extend_mode;
     parms.eci_luw_token = *luw_token;
     if (area != NULL) {
@@ -651,8 +634,7 @@ static int run_session(const struct options* options, struct transfers* transfer
         result = show_ledger(&session, &total) ? EXIT_OK : EXIT_FAILED;
     else
         result = run_file(&session, transfers, accounts);
-    if (!close_gateway(&session.gateway) && result == EXIT_OK) result = EXIT_FAILED;
-    return result;
+    return close_after(result, &session.gateway);
 }
 
 static int run(const struct options* options)

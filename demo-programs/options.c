@@ -27,6 +27,16 @@ void complain_of_rc(const char* what, int rc)
     complain("%s: %s (%d)", what, QPX_getRcString(rc, name), rc);
 }
 
+void complain_of_call(const char* what, int rc, const char* abend_code)
+{
+    char name[QPX_RC_STRING_SIZE];
+
+    if (rc == ECI_ERR_TRANSACTION_ABEND)
+        complain("%s: %s (%d), abend code %.4s", what, QPX_getRcString(rc, name), rc, abend_code);
+    else
+        complain_of_rc(what, rc);
+}
+
 int usage(const char* problem, const char* what)
 {
     complain("%s%s; \"%s --help\" shows what there is", problem, what, program_name);
@@ -199,12 +209,30 @@ int close_gateway(QPX_ConnToken_t* gateway)
     return 0;
 }
 
-void fill(char* field, size_t width, const char* text)
+int close_after(int result, QPX_ConnToken_t* gateway)
+{
+    if (close_gateway(gateway) || result != EXIT_OK) return result;
+    return EXIT_FAILED;
+}
+
+/* Fills a field of fixed width from a text, padded with blanks. */
+static void fill(char* field, size_t width, const char* text)
 {
     size_t length = strlen(text);
 
     memset(field, ' ', width);
     memcpy(field, text, length < width ? length : width);
+}
+
+void prepare_call(const struct target* target, short call_type, QPX_ECI_PARMS* parms)
+{
+    memset(parms, 0, sizeof *parms);
+    parms->eci_version = ECI_VERSION_6;
+    parms->eci_call_type = call_type;
+    fill(parms->eci_program_name, sizeof parms->eci_program_name, target->program);
+    fill(parms->eci_system_name, sizeof parms->eci_system_name, target->server);
+    parms->eci_userid_ptr = target->user;
+    parms->eci_password_ptr = target->password;
 }
 
 int end_with(int result)

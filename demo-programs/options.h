@@ -1,6 +1,6 @@
 /*
  * options.h - what the programs of the demo have in common: messages, the options that say where
- * the Gateway is and what to call, reading files, opening and closing, and the end.
+ * the Gateway is and what to call, reading files, opening, calling and closing, and the end.
  */
 #ifndef OPTIONS_H
 #define OPTIONS_H
@@ -11,6 +11,7 @@
 #include <stdlib.h>
 
 #include "qpxclient.h"
+#include "qpxclient_eci.h"
 
 /* Exit codes that all programs have. */
 #define EXIT_OK     0
@@ -92,6 +93,9 @@ int usage(const char* problem, const char* what);
 void complain(const char* format, ...);
 void complain_of_rc(const char* what, int rc);
 
+/* The same of a call's code, with the abend code if the server program abended. */
+void complain_of_call(const char* what, int rc, const char* abend_code);
+
 /* Memory that has been asked for; the end of the program if there is none. */
 void* checked(void* memory);
 
@@ -114,8 +118,12 @@ int could_read(FILE* file, const char* name);
 int open_gateway(const struct target* target, QPX_ConnToken_t* gateway);
 int close_gateway(QPX_ConnToken_t* gateway);
 
-/* Fills a field of fixed width from a text, padded with blanks. */
-void fill(char* field, size_t width, const char* text);
+/* Closes when the work on a connection is done, and gives its exit code; a failed close makes a
+ * success a failure. */
+int close_after(int result, QPX_ConnToken_t* gateway);
+
+/* Fills the parameters that say what is called, and for whom; the others are 0. */
+void prepare_call(const struct target* target, short call_type, QPX_ECI_PARMS* parms);
 
 /* The exit code of a program that has done its work: what cannot be written is a failure, however
  * well everything else went. */

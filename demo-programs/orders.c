@@ -235,7 +235,7 @@ static int delete_channel(ECI_ChannelToken_t* channel)
 }
 
 /* Names what became of the call, and says what can be done about it. */
-static void complain_of_call(const struct options* options, int rc, const char* abend_code)
+static void complain_with_advice(const struct options* options, int rc, const char* abend_code)
 {
     complain_of_rc("call", rc);
     switch (rc) {
@@ -263,19 +263,13 @@ static int call_orders(const struct options* options, QPX_ConnToken_t gateway,
     QPX_ECI_PARMS parms;
     int rc;
 
-    memset(&parms, 0, sizeof parms);
-    parms.eci_version = ECI_VERSION_6;
-    parms.eci_call_type = ECI_SYNC;
-    fill(parms.eci_program_name, sizeof parms.eci_program_name, options->target.program);
-    fill(parms.eci_system_name, sizeof parms.eci_system_name, options->target.server);
-    parms.eci_userid_ptr = options->target.user;
-    parms.eci_password_ptr = options->target.password;
+    prepare_call(&options->target, ECI_SYNC, &parms);
     parms.channel = channel; /* in place of a COMMAREA */
 
     rc = QPX_ECI_Execute_Channel(gateway, &parms);
 
     if (rc == ECI_NO_ERROR) return 1;
-    complain_of_call(options, rc, parms.eci_abend_code);
+    complain_with_advice(options, rc, parms.eci_abend_code);
     return 0;
 }
 

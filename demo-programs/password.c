@@ -74,7 +74,7 @@ static const char* meaning_of(int rc)
     return NULL;
 }
 
-static void complain_of_call(const char* what, int rc)
+static void complain_with_meaning(const char* what, int rc)
 {
     char name[QPX_RC_STRING_SIZE];
     const char* meaning = meaning_of(rc);
@@ -253,7 +253,7 @@ static int call_server(const struct options* options, QPX_ConnToken_t gateway,
         print_details(options, &details);
         return EXIT_OK;
     }
-    complain_of_call(options->change ? "change" : "verify", rc);
+    complain_with_meaning(options->change ? "change" : "verify", rc);
     return is_refusal(rc) ? EXIT_REFUSED : EXIT_FAILED;
 }
 
@@ -264,8 +264,7 @@ static int run_session(const struct options* options, const struct passwords* pa
 
     if (!open_gateway(&options->target, &gateway)) return EXIT_FAILED;
     result = call_server(options, gateway, passwords);
-    if (close_gateway(&gateway)) return result;
-    return result == EXIT_OK ? EXIT_FAILED : result;
+    return close_after(result, &gateway);
 }
 
 static int run(const struct options* options)

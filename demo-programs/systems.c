@@ -84,8 +84,7 @@ static int run(const struct options* options)
 
     if (!open_gateway(&options->target, &gateway)) return EXIT_FAILED;
     result = show_systems(gateway, options->room);
-    if (close_gateway(&gateway)) return result;
-    return result == EXIT_OK ? EXIT_FAILED : result;
+    return close_after(result, &gateway);
 }
 
 /* ---- Arguments ------------------------------------------------------------------------------ */

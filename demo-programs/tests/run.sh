@@ -4,37 +4,15 @@
 set -euo pipefail
 
 HERE=$(cd "$(dirname "$0")" && pwd)
-CASE=$1 PROGRAMS=$2 DAEMON=$3
-readonly HERE CASE PROGRAMS DAEMON
+readonly HERE
+# shellcheck source=tests/support/program_cases.sh
+source "$HERE/../../tests/support/program_cases.sh"
+
 readonly FANOUT=$PROGRAMS/fanout LEDGER=$PROGRAMS/ledger
 readonly ORDERS=$PROGRAMS/orders PASSWORD=$PROGRAMS/password SYSTEMS=$PROGRAMS/systems
 export LC_ALL=C # of what the programs write
 
-# shellcheck source=tools/gateway.sh
-source "$HERE/../../tools/gateway.sh"
-
-FOLDER=$(mktemp -d)
-trap 'stop_gateway || true; rm -rf "$FOLDER"' EXIT
-
 # ---- Verbs ---------------------------------------------------------------------------------------
-
-fail() {
-    printf '%s: %s\n' "$CASE" "$1" >&2
-    for file in out err gateway.log; do
-        [[ ! -s $FOLDER/$file ]] || sed "s/^/  $file | /" "$FOLDER/$file" >&2
-    done
-    exit 1
-}
-
-gateway() {
-    start_gateway "$DAEMON" "$FOLDER" "$@"
-}
-
-# A port at which nothing listens: that of a gateway that has stopped.
-closed_port() {
-    gateway
-    stop_gateway || fail "the gateway does not stop cleanly"
-}
 
 # Runs a program in the folder of the data, keeps what it writes and its exit code.
 run() {
@@ -54,10 +32,6 @@ orders() {
     run env LANG=C "$ORDERS" --port "$GATEWAY_PORT" "$@"
 }
 
-gateway_with_registry() {
-    gateway --registry "$HERE/../data/registry.toml" "$@"
-}
-
 # The first argument are the passwords, one to a line.
 password() {
     printf '%s\n' "$1" >"$FOLDER/passwords"
@@ -69,29 +43,6 @@ password() {
 run_on_a_full_disk() {
     # shellcheck disable=SC2016 # for the inner shell
     run bash -c 'exec "$@" >/dev/full' - "$@"
-}
-
-expect_code() {
-    [[ $CODE == "$1" ]] || fail "exit code $CODE, not $1"
-}
-
-expect_line() {
-    local file=$1 line=$2
-    grep -qxF -- "$line" "$FOLDER/$file" || fail "no line \"$line\" in $file"
-}
-
-expect_text() {
-    local file=$1 text=$2
-    grep -qF -- "$text" "$FOLDER/$file" || fail "no \"$text\" in $file"
-}
-
-expect_no_text() {
-    local file=$1 text=$2
-    ! grep -qF -- "$text" "$FOLDER/$file" || fail "\"$text\" in $file"
-}
-
-expect_nothing() {
-    [[ ! -s $FOLDER/$1 ]] || fail "something in $1"
 }
 
 # That the program takes these arguments for wrong.
@@ -111,10 +62,6 @@ expect_failure_on_a_full_disk() {
     expect_line err "${1##*/}: cannot write to standard output"
     run_on_a_full_disk "$1" --help
     expect_code 1
-}
-
-expect_same() {
-    diff -u "$1" "$2" >&2 || fail "the output differs"
 }
 
 # Of all calls of a run: one asks for the total, one for each account that the file names, and the
@@ -561,7 +508,7 @@ PasswordTellsOfPasswordsThatAreMissing() {
 PasswordIsNeverShown() {
     local file
 
-    gateway_with_registry --log-level debug
+    gateway --registry "$REGISTRY" --log-level debug
     export QPX_CLIENT_TRACE_LEVEL=5 QPX_CLIENT_TRACE_FILE=$FOLDER/trace
     password $'Blue7sky\nGreen8sea' change FRED
     expect_code 0
@@ -876,5 +823,4 @@ FanoutShowsHelp() {
     expect_nothing err
 }
 
-declare -F "$CASE" >/dev/null || fail "there is no such case"
-"$CASE"
+run_case

@@ -1,32 +1,16 @@
 #!/usr/bin/env bash
-# Runs one case of the examples' tests: run.sh CASE EXAMPLES DAEMON, with the folder of the programs
+# Runs one case of the examples' tests: run.sh CASE PROGRAMS DAEMON, with the folder of the programs
 # and the path of the gateway's. CMakeLists.txt names the cases; each is a function below.
 set -euo pipefail
 
 HERE=$(cd "$(dirname "$0")" && pwd)
-CASE=$1 EXAMPLES=$2 DAEMON=$3
-readonly HERE CASE EXAMPLES DAEMON
+readonly HERE
+# shellcheck source=tests/support/program_cases.sh
+source "$HERE/../../tests/support/program_cases.sh"
+
 readonly HOST=127.0.0.1
 
-# shellcheck source=tools/gateway.sh
-source "$HERE/../../tools/gateway.sh"
-
-FOLDER=$(mktemp -d)
-trap 'stop_gateway || true; rm -rf "$FOLDER"' EXIT
-
 # ---- Verbs ---------------------------------------------------------------------------------------
-
-fail() {
-    printf '%s: %s\n' "$CASE" "$1" >&2
-    for file in out err gateway.log; do
-        [[ ! -s $FOLDER/$file ]] || sed "s/^/  $file | /" "$FOLDER/$file" >&2
-    done
-    exit 1
-}
-
-gateway() {
-    start_gateway "$DAEMON" "$FOLDER" --registry "$HERE/../../demo-programs/data/registry.toml" "$@"
-}
 
 # Runs an example with the passwords on its standard input, keeps what it writes and its exit code.
 run() {
@@ -34,7 +18,7 @@ run() {
     shift
     CODE=0
     printf '%b' "${PASSWORDS:-}" >"$FOLDER/passwords"
-    "$EXAMPLES/$program" "$@" >"${OUT:-$FOLDER/out}" 2>"$FOLDER/err" <"$FOLDER/passwords" || CODE=$?
+    "$PROGRAMS/$program" "$@" >"${OUT:-$FOLDER/out}" 2>"$FOLDER/err" <"$FOLDER/passwords" || CODE=$?
 }
 
 # Each example with what it takes, but for the Gateway.
@@ -47,18 +31,6 @@ run_each() {
         PASSWORDS='Blue7sky\n' run $each "$HOST" "$GATEWAY_PORT"
         "$with" "${each%% *}"
     done
-}
-
-expect_code() {
-    [[ $CODE == "$1" ]] || fail "exit code $CODE, not $1"
-}
-
-expect_line() {
-    grep -qxF -- "$2" "$FOLDER/$1" || fail "no line \"$2\" in $1"
-}
-
-expect_text() {
-    grep -qF -- "$2" "$FOLDER/$1" || fail "no \"$2\" in $1"
 }
 
 # ---- Cases ---------------------------------------------------------------------------------------
@@ -115,7 +87,7 @@ ChannelComesBackWithItsContainers() {
 }
 
 PasswordIsVerified() {
-    gateway
+    gateway_with_registry
     PASSWORDS='Blue7sky\n' run change_password FRED "$HOST" "$GATEWAY_PORT"
     expect_code 0
     expect_text out "wrong attempts 0"
@@ -125,7 +97,7 @@ PasswordIsVerified() {
 }
 
 PasswordIsChanged() {
-    gateway
+    gateway_with_registry
     PASSWORDS='Winter5\nSpring6\n' run change_password OLGA "$HOST" "$GATEWAY_PORT"
     expect_code 0
     PASSWORDS='Spring6\n' run change_password OLGA "$HOST" "$GATEWAY_PORT"
@@ -133,13 +105,13 @@ PasswordIsChanged() {
 }
 
 PasswordIsReadWithoutTheCrOfACrLf() {
-    gateway
+    gateway_with_registry
     PASSWORDS='Blue7sky\r\n' run change_password FRED "$HOST" "$GATEWAY_PORT"
     expect_code 0
 }
 
 TraceShowsTheOneCall() {
-    gateway
+    gateway_with_registry
     run trace "$FOLDER/trace" "$HOST" "$GATEWAY_PORT"
     expect_code 0
     [[ -s $FOLDER/out ]] || fail "no servers"
@@ -148,8 +120,7 @@ TraceShowsTheOneCall() {
 }
 
 EachNamesTheErrorWithoutAGateway() {
-    gateway
-    stop_gateway || fail "the gateway does not stop cleanly"
+    closed_port
     run_each expect_no_connection
 }
 
@@ -159,7 +130,7 @@ expect_no_connection() {
 }
 
 EachFailsOnAFullDisk() {
-    gateway
+    gateway_with_registry
     OUT=/dev/full run_each expect_full_disk
 }
 
@@ -174,5 +145,4 @@ EachIsShort() {
     done
 }
 
-declare -F "$CASE" >/dev/null || fail "there is no such case"
-"$CASE"
+run_case

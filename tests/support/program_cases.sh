@@ -1,0 +1,77 @@
+# What the cases of a script have in common that run programs against the gateway's daemon. Sourced
+# by a script run.sh CASE PROGRAMS DAEMON, where the last two are the folder of the programs and the
+# path of the daemon, behind a line that finds the script's own folder:
+#
+#   HERE=$(cd "$(dirname "$0")" && pwd)
+#   source "$HERE/../../tests/support/program_cases.sh"
+#   SomethingIsDone() { ...; expect_code 0; }
+#   run_case
+#
+# Each case is a function. What runs a program keeps what it writes in out and err of $FOLDER, which
+# is the case's own, and its exit code in CODE.
+# shellcheck shell=bash
+
+# shellcheck disable=SC2034 # for the script that has sourced this
+readonly CASE=$1 PROGRAMS=$2 DAEMON=$3
+readonly REGISTRY=${HERE:?}/../../demo-programs/data/registry.toml
+CODE=
+
+# shellcheck source=tools/gateway.sh
+source "$HERE/../../tools/gateway.sh"
+
+FOLDER=$(mktemp -d)
+trap 'stop_gateway || true; rm -rf "$FOLDER"' EXIT
+
+run_case() {
+    declare -F "$CASE" >/dev/null || fail "there is no such case"
+    "$CASE"
+}
+
+fail() {
+    printf '%s: %s\n' "$CASE" "$1" >&2
+    for file in out err gateway.log; do
+        [[ ! -s $FOLDER/$file ]] || sed "s/^/  $file | /" "$FOLDER/$file" >&2
+    done
+    exit 1
+}
+
+gateway() {
+    start_gateway "$DAEMON" "$FOLDER" "$@"
+}
+
+gateway_with_registry() {
+    gateway --registry "$REGISTRY"
+}
+
+# A port at which nothing listens: that of a gateway that has stopped.
+closed_port() {
+    gateway
+    stop_gateway || fail "the gateway does not stop cleanly"
+}
+
+expect_code() {
+    [[ $CODE == "$1" ]] || fail "exit code $CODE, not $1"
+}
+
+expect_line() {
+    local file=$1 line=$2
+    grep -qxF -- "$line" "$FOLDER/$file" || fail "no line \"$line\" in $file"
+}
+
+expect_text() {
+    local file=$1 text=$2
+    grep -qF -- "$text" "$FOLDER/$file" || fail "no \"$text\" in $file"
+}
+
+expect_no_text() {
+    local file=$1 text=$2
+    ! grep -qF -- "$text" "$FOLDER/$file" || fail "\"$text\" in $file"
+}
+
+expect_nothing() {
+    [[ ! -s $FOLDER/$1 ]] || fail "something in $1"
+}
+
+expect_same() {
+    diff -u "$1" "$2" >&2 || fail "the output differs"
+}

@@ -26,3 +26,12 @@ target_link_libraries(qpx_client_side INTERFACE qpx_common)
 target_compile_definitions(qpx_client_side INTERFACE _FILE_OFFSET_BITS=64 _TIME_BITS=64)
 target_compile_options(qpx_client_side INTERFACE -pthread -m${QPX_BITS})
 target_link_options(qpx_client_side INTERFACE -pthread -m${QPX_BITS})
+
+# Programs as users of the library write them, in strict C99:  qpx_user_program(<name> <file>...)
+function(qpx_user_program name)
+  add_executable(${name} ${ARGN})
+  target_link_libraries(${name} PRIVATE qpxclient qpx_client_side)
+  target_compile_options(${name} PRIVATE -Wpedantic)
+  set_target_properties(${name} PROPERTIES
+    C_STANDARD 99 C_STANDARD_REQUIRED ON C_EXTENSIONS OFF)
+endfunction()

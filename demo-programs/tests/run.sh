@@ -823,4 +823,17 @@ FanoutShowsHelp() {
     expect_nothing err
 }
 
+ProgramsCallForTheUserThatIsNamed() {
+    gateway
+    ledger --user FRED --total
+    expect_code 0
+    expect_text gateway.log 'ECI program="LEDGER" mode=0 token=0 user="FRED"'
+    fanout --user FRED --count 1
+    expect_code 0
+    expect_text gateway.log 'ECI program="ECHO" mode=0 token=0 user="FRED"'
+    orders --user FRED order.txt
+    expect_code 0
+    expect_text gateway.log 'ECI program="ORDERS" mode=0 token=0 user="FRED"'
+}
+
 run_case

@@ -20,6 +20,23 @@
 /* The most that a buffer holds, whatever the length of the message. */
 constexpr size_t SOCKET_BUFFER_CAPACITY = 33000;
 
+/* How much is taken from a socket at once, ahead of the message that is read: a few small replies.
+ * What is larger goes straight where it belongs. */
+constexpr size_t READ_AHEAD_CAPACITY = 2048;
+
+/*
+ * What has come from a socket and has not been read yet, of whatever messages: one recv brings a
+ * header with its body, and often several messages. Zero-filled before it is used, and overwritten
+ * by its owner.
+ */
+typedef struct {
+    char* next; // the first that has not been taken
+    size_t count;
+    int ended;    // 1 once the socket has nothing to come; whoever takes the next bytes is told
+    int endErrno; // why: 0 for an orderly end
+    char bytes[READ_AHEAD_CAPACITY];
+} ReadAhead;
+
 /* A secret field staged in a write buffer, hidden while the buffer is traced. */
 typedef struct {
     char* ptr;      // where the field's scrambled bytes begin in the buffer
@@ -40,6 +57,7 @@ typedef struct _SocketBuffer {
     MaskArea* maskArea; // the most recently staged secret field, owned
     int maskLost;       // a secret field is staged that could not be recorded in maskArea
     size_t sentCount;   // writing: bytes of the flow that have left
+    ReadAhead* ahead;   // reading: what the bytes come from; null: from the socket. Not owned
 } SocketBuffer;
 
 /* Bind the record to a socket for a message of dataLen bytes: 0 or QPX_ERR_MALLOCFAIL. */
@@ -54,7 +72,8 @@ int freeBuffer(SocketBuffer* sockBuffer);
 void wipeBuffer(SocketBuffer* sockBuffer);
 
 /* Waits until the socket is readable, at most timeout seconds (0 = no limit): 0,
- * QPX_ERR_LOSTGWCON or QPX_ERR_CONNECTTIMEOUT. */
+ * QPX_ERR_LOSTGWCON or QPX_ERR_CONNECTTIMEOUT. Without a limit, and with a read-ahead, it takes what
+ * comes, and leaves an end or a failure to whoever reads next. */
 int waitForResponse(SocketBuffer* sockBuffer, int timeout);
 
 /* Sends what is staged: 0 or QPX_ERR_LOSTGWCON. A flow that cannot be sent on once a part of it has

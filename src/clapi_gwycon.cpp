@@ -114,6 +114,7 @@ static const char RECEIVER_NAME[] = "qpx-recv";
 struct Receiver {
     _QPX_ConnToken_t* conn;
     SocketBuffer sockBuffer;
+    ReadAhead ahead;
     GatewayRequest header;
     ECIRequest eciReply;
     ESIRequest esiReply;
@@ -214,10 +215,12 @@ static int bodyResult(Receiver* r, int rc)
 
 /* Room for the whole reply of an asynchronous call, so that a later collection can say how much
  * it needs. Without memory the reply is cut to the room that there is. Locks: tableLock held. */
-static void growReplyBuffer(RequestSlot* slotP, int inboundLength)
+static void growReplyBuffer(RequestSlot* slotP, const SocketBuffer* sockBuffer)
 {
+    if (slotP->asyncBuffer == nullptr) return;
+    int inboundLength = clapiPeekInboundLength(sockBuffer);
     size_t wanted = static_cast<size_t>(std::clamp(inboundLength, 0, SHRT_MAX));
-    if (slotP->asyncBuffer == nullptr || wanted <= slotP->replyCapacity) return;
+    if (wanted <= slotP->replyCapacity) return;
 
     char* buffer = static_cast<char*>(calloc(wanted, 1));
     if (buffer == nullptr) return;
@@ -256,7 +259,7 @@ static int readAside(Receiver* r, const RequestSlot* slotP)
 static int loadReplyRecord(Receiver* r, RequestSlot* slotP)
 {
     if (slotP->purpose == SYSTEM_LIST_QUERY && r->header.gatewayRc != QPX_OK) return QPX_OK;
-    growReplyBuffer(slotP, clapiPeekInboundLength(&r->sockBuffer));
+    growReplyBuffer(slotP, &r->sockBuffer);
     r->eciReply.commarea = slotP->eciParms.eci_commarea;
     r->eciReply.capacity = slotP->replyCapacity;
     r->eciReply.extendedMode = slotP->eciParms.eci_extend_mode;
@@ -596,10 +599,12 @@ static void startReceiving(Receiver* r)
 {
     clapiSetEvent(&r->conn->recvThreadEndedEvent);
     r->rc = initReadBuffer(&r->sockBuffer, r->conn->socketDescriptor, SOCKET_BUFFER_CAPACITY);
-    if (r->rc != QPX_OK)
+    if (r->rc != QPX_OK) {
         r->conn->connStatus = CONN_FAILED;
-    else
-        r->timeout = r->conn->connTimeout;
+        return;
+    }
+    r->timeout = r->conn->connTimeout;
+    r->sockBuffer.ahead = &r->ahead;
 }
 
 static void receiveFlows(Receiver* r)
@@ -649,6 +654,7 @@ static void endConnection(Receiver* r)
     clapiEndReading(r->conn);
     noteEnd(r);
     if (r->conn->connStatus != CONN_FAILED) completeWaitingRequests(r);
+    explicit_bzero(&r->ahead, sizeof r->ahead);
     SCHEDULE_POINT(connectionEnded, r->conn);
 }
 

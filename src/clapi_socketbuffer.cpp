@@ -56,7 +56,9 @@ static void bindToMessage(SocketBuffer* sockBuffer, Socket socketDesc, size_t da
 {
     char* storage = sockBuffer->buffer;
     size_t size = sockBuffer->bufferSize;
+    ReadAhead* ahead = sockBuffer->ahead;
     *sockBuffer = SocketBuffer{};
+    sockBuffer->ahead = ahead;
     memcpy(sockBuffer->eyecatcher, EYECATCHER, sizeof sockBuffer->eyecatcher);
     sockBuffer->buffer = storage;
     sockBuffer->bufferSize = size;
@@ -183,11 +185,91 @@ static bool sendAll(SocketBuffer* sockBuffer, const char* data, size_t dataLen)
     return true;
 }
 
+static ssize_t receive(Socket socketDesc, char* data, size_t wanted, int flags = 0)
+{
+    return uninterrupted([&] { return recv(socketDesc, data, wanted, flags); });
+}
+
+/* Keeps the result of a receive that has brought nothing for whoever takes the next bytes. */
+static void keepEnd(ReadAhead* ahead, ssize_t result)
+{
+    ahead->ended = 1;
+    ahead->endErrno = result == 0 ? 0 : errno;
+}
+
+/* Waits for what comes next, whatever it is, unless something has come that is not taken yet. */
+static void readAhead(ReadAhead* ahead, Socket socketDesc)
+{
+    if (ahead->count != 0 || ahead->ended != 0) return;
+    ssize_t result = receive(socketDesc, ahead->bytes, sizeof ahead->bytes);
+    if (result < 1) {
+        keepEnd(ahead, result);
+        return;
+    }
+    ahead->next = ahead->bytes;
+    ahead->count = static_cast<size_t>(result);
+}
+
+/* Takes up to so many of the bytes that have been read ahead. */
+static size_t takeAhead(ReadAhead* ahead, char* data, size_t wanted)
+{
+    size_t taken = std::min(wanted, ahead->count);
+    memcpy(data, ahead->next, taken);
+    ahead->next += taken;
+    ahead->count -= taken;
+    return taken;
+}
+
+/* Receives what has come already, without waiting: how much. */
+static size_t receiveAtOnce(ReadAhead* ahead, Socket socketDesc, char* data, size_t wanted)
+{
+    ssize_t result = receive(socketDesc, data, wanted, MSG_DONTWAIT);
+    if (result > 0) return static_cast<size_t>(result);
+    if (result == 0 || errno != EAGAIN) keepEnd(ahead, result);
+    return 0;
+}
+
+/*
+ * As recv of what has come, of which the socket's share may be read ahead already. Much data goes
+ * straight where it belongs. Deliberate: where what was read ahead ends within the wanted bytes,
+ * what has come behind it comes with it, as with one recv: the trace shows each result.
+ */
+static ssize_t receiveSome(SocketBuffer* sockBuffer, char* data, size_t wanted)
+{
+    ReadAhead* ahead = sockBuffer->ahead;
+    if (ahead == nullptr) return receive(sockBuffer->socketDesc, data, wanted);
+    bool hasMet = ahead->count != 0 || ahead->ended != 0;
+    bool isMuch = wanted > READ_AHEAD_CAPACITY / 2;
+    if (!hasMet && isMuch) return receive(sockBuffer->socketDesc, data, wanted);
+
+    readAhead(ahead, sockBuffer->socketDesc);
+    if (ahead->count == 0) {
+        errno = ahead->endErrno;
+        return ahead->endErrno == 0 ? 0 : -1;
+    }
+    size_t taken = takeAhead(ahead, data, wanted);
+    if (hasMet && taken < wanted)
+        taken += receiveAtOnce(ahead, sockBuffer->socketDesc, data + taken, wanted - taken);
+    return static_cast<ssize_t>(taken);
+}
+
+/* Waits for something to read: 1, 0 once the time is over, or -1 with errno. */
+static int awaitSomething(SocketBuffer* sockBuffer, int timeout)
+{
+    ReadAhead* ahead = sockBuffer->ahead;
+    if (ahead == nullptr || timeout != 0) return waitForReadable(sockBuffer->socketDesc, timeout);
+
+    readAhead(ahead, sockBuffer->socketDesc);
+    if (ahead->endErrno != EBADF) return 1;
+    errno = EBADF; // what is no socket cannot be waited for
+    return -1;
+}
+
 static int waitUntilReadable(SocketBuffer* sockBuffer, int timeout)
 {
     namespace at = tp::waitForResponse;
 
-    int ready = waitForReadable(sockBuffer->socketDesc, timeout);
+    int ready = awaitSomething(sockBuffer, timeout);
     if (ready < 0) {
         int error = errno;
         ErrorText text;
@@ -499,8 +581,7 @@ static int receiveIntoBuffer(SocketBuffer* sockBuffer)
     ssize_t result = 0;
     while (received < wanted) {
         TRACE(at::receiving, traceSize(wanted - received));
-        result = uninterrupted(
-            [&] { return recv(sockBuffer->socketDesc, sockBuffer->ptr, wanted - received, 0); });
+        result = receiveSome(sockBuffer, sockBuffer->ptr, wanted - received);
         if (result < 1) {
             int error = result == 0 ? 0 : errno;
             ErrorText text;
@@ -605,10 +686,8 @@ static int receiveDirect(SocketBuffer* sockBuffer, ArrivingBytes* bytes, size_t 
             rc = QPX_ERR_MALLOCFAIL;
             break;
         }
-        ssize_t result = uninterrupted([&] {
-            return recv(sockBuffer->socketDesc, bytes->data + bytes->length,
-                        bytes->capacity - bytes->length, 0);
-        });
+        ssize_t result = receiveSome(sockBuffer, bytes->data + bytes->length,
+                                     bytes->capacity - bytes->length);
         if (result < 1) {
             int error = result == 0 ? 0 : errno;
             ErrorText text;

@@ -55,13 +55,6 @@ inline Bytes flow(int flowType, int messageId, int gatewayRc, const std::string&
            body;
 }
 
-// The most bytes that the library wants at once of a flow whose type has three or four letters: of
-// a header 32, and then the rest.
-inline std::size_t longestReceiveOf(const Bytes& wholeFlow)
-{
-    return std::max<std::size_t>(32, wholeFlow.size() - 32);
-}
-
 inline Bytes handshakeAnswer()
 {
     return hex("47617465 10A01000 00000005 FFFFFFFE 00000000 00000004 42415345 00 00000000");

@@ -40,7 +40,7 @@ TEST_F(ConnectRace, WaitsForAReceiverThatHasNotStartedYetWhenTheHandshakeFails)
     ASSERT_RC(QPX_OK, clapiInit());
     Gate late;
     std::vector<Fault> firstSteps;
-    for (Call call : {Call::MutexLock, Call::Malloc, Call::ThreadDetach, Call::Select, Call::Recv})
+    for (Call call : {Call::MutexLock, Call::Malloc, Call::ThreadDetach, Call::Recv})
         firstSteps.push_back(beforeCall(
             call, 1, [late](const CallInfo&) mutable { late.pass(); }, Threads::Others));
     Fault noHandshake = failCall(Call::Send, 1, ECONNRESET, Threads::Calling);

@@ -20,7 +20,6 @@
 
 using namespace support;
 using script::handshakeAnswer;
-using script::longestReceiveOf;
 
 namespace {
 
@@ -82,6 +81,14 @@ protected:
         peer.send(answer);
         peer.close();
         return running.get();
+    }
+
+    // A limit of what is received at once is in force for what is sent from here on: the receive
+    // that has begun without it ends with a ping.
+    void expectInPieces(const Fault& limit)
+    {
+        peer.send(script::pingFlow());
+        EXPECT_TRUE(limit.awaitHits(1));
     }
 
     static Bytes reply(const Bytes& body, int gatewayRc = 0)
@@ -541,10 +548,10 @@ TEST_F(FlowHostile, TakesAReplyInReceivesOfEverySize)
         SCOPED_TRACE(piece);
         withRoom(10);
         Fault narrow = limitLength(Call::Recv, piece);
+        expectInPieces(narrow);
 
         EXPECT_RC(0, callAnswered(answer));
 
-        EXPECT_EQ(piece<longestReceiveOf(answer), narrow.hits()> 0);
         EXPECT_EQ(toHex(text("ABCDEFGH") + filled(2)), commarea());
     }
 }
@@ -555,8 +562,9 @@ TEST_F(FlowHostile, TakesRepliesOfManyReceivesThatSignalsInterrupt)
     for (int nth = 1; nth <= 10; ++nth) {
         SCOPED_TRACE(nth);
         withRoom(10);
-        Fault interrupted = failCall(Call::Recv, nth, EINTR);
         Fault narrow = limitLength(Call::Recv, 7);
+        expectInPieces(narrow);
+        Fault interrupted = failCall(Call::Recv, nth, EINTR);
 
         EXPECT_RC(0, callAnswered(answer));
 
@@ -573,10 +581,9 @@ TEST_F(FlowHostile, TakesAnExceptionInReceivesOfEverySize)
         SCOPED_TRACE(piece);
         withRoom(10);
         Fault narrow = limitLength(Call::Recv, piece);
+        expectInPieces(narrow);
 
         EXPECT_RC(61446, callAnswered(answer));
-
-        EXPECT_EQ(piece<longestReceiveOf(answer), narrow.hits()> 0);
     }
     EXPECT_EQ(static_cast<int>(answer.size()), trace.timesWroteText("Exception message: lost!\n"));
 }
@@ -588,10 +595,9 @@ TEST_F(FlowHostile, TakesAnErrorInReceivesOfEverySize)
         SCOPED_TRACE(piece);
         withRoom(10);
         Fault narrow = limitLength(Call::Recv, piece);
+        expectInPieces(narrow);
 
         EXPECT_RC(61450, callAnswered(answer));
-
-        EXPECT_EQ(piece<longestReceiveOf(answer), narrow.hits()> 0);
     }
 }
 
@@ -602,10 +608,10 @@ TEST_F(FlowHostile, TakesACloseInReceivesOfEverySize)
     for (std::size_t piece = 1; piece <= answer.size(); ++piece) {
         SCOPED_TRACE(piece);
         Fault narrow = limitLength(Call::Recv, piece);
+        expectInPieces(narrow);
 
         EXPECT_RC(61444, callAnswered(answer));
 
-        EXPECT_EQ(piece<longestReceiveOf(answer), narrow.hits()> 0);
         TearDown();
         SetUp();
     }
@@ -621,7 +627,7 @@ TEST_F(FlowHostile, TakesAHandshakeAnswerInReceivesOfEverySize)
         SetUp();
 
         expectUsable();
-        EXPECT_EQ(piece<longestReceiveOf(handshakeAnswer()), narrow.hits()> 0);
+        EXPECT_LT(0, narrow.hits());
     }
 }
 

@@ -197,10 +197,10 @@ TEST_F(ReceiverEnd, ClosesTheSocketAndKeepsItsNumber)
     EXPECT_FALSE(support::descriptorIsOpen(descriptor));
 }
 
-TEST_F(ReceiverEnd, FollowsAFailedSelect)
+TEST_F(ReceiverEnd, FollowsAWaitForWhatIsNoSocket)
 {
     TraceFile trace(1);
-    Fault fault = failCall(Call::Select, 1, EBADF, Threads::Others);
+    Fault fault = failCall(Call::Recv, 1, EBADF, Threads::Others);
 
     EXPECT_RC(QPX_ERR_LOSTGWCON, callAnswered(pingFlow()));
 

@@ -61,7 +61,7 @@ protected:
         EXPECT_EQ(1, connection.token->connStatus.load());
     }
 
-    support::Fault receiverWaits = watch(support::Call::Select);
+    support::Fault receiverWaits = watch(support::Call::Recv);
     script::ScriptedConnection connection;
     support::EciParms asked;
 };

@@ -63,8 +63,33 @@ void clapiAwaitEndOfReading(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP
 /* Whether a slot takes an outcome: it waits, and has none yet. Locks: tableLock held. */
 bool clapiAwaitsOutcome(const RequestSlot* slotP);
 
-/* Puts a result into a waiting slot and wakes whoever waits for it. Locks: tableLock held. */
-void clapiDeliverSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc);
+/*
+ * Wakes those who wait for an outcome when its scope ends. They want tableLock next: it stands in
+ * front of the guard of that lock, so that they find it free.
+ */
+class LaterWake {
+public:
+    LaterWake() = default;
+    ~LaterWake();
+    LaterWake(const LaterWake&) = delete;
+    LaterWake& operator=(const LaterWake&) = delete;
+
+    /* Once for each object. The events are those of a slot and, or null, of its token's queue. */
+    void expect(ClapiEvent* requestEvent, ClapiEvent* asyncReplyEvent)
+    {
+        requestEventPtr = requestEvent;
+        asyncReplyEventPtr = asyncReplyEvent;
+    }
+
+private:
+    ClapiEvent* requestEventPtr = nullptr;
+    ClapiEvent* asyncReplyEventPtr = nullptr;
+};
+
+/* Puts a result into a waiting slot, and lets whoever waits for it go, whom wakeP wakes.
+ * Locks: tableLock held. */
+void clapiDeliverSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc,
+                      LaterWake* wakeP);
 
 /*
  * Leaves an outcome to the request's sender, who delivers it: a code, and of a reply the data, or
@@ -74,7 +99,8 @@ void clapiPutAside(RequestSlot* slotP, int gatewayRc, ArrivingBytes* data);
 
 /* Makes a failure the slot's outcome: it is delivered, or put aside while the request's sender
  * still reads its data. Locks: tableLock held. */
-void clapiSettleSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc);
+void clapiSettleSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc,
+                     LaterWake* wakeP);
 
 /* Forgets an outcome that has been put aside and not delivered. Locks: tableLock held. */
 void clapiDropOutcome(RequestSlot* slotP);

@@ -12,8 +12,9 @@
 /* Fills a table's slots as a chain with the message ids firstId to firstId + 15. */
 void clapiInitializeTable(RequestTable* tableP, int firstId);
 
-/* Frees the tables that slotFree kept. Locks: tableLock held, or the token is unknown to all. */
-void clapiFreeKeptTables(RequestTable* requestTableP);
+/* Frees the tables that slotFree kept, and what the first one owns; all its slots are free.
+ * Locks: tableLock held, or the token is unknown to all. */
+void clapiFreeTables(RequestTable* requestTableP);
 
 /*
  * Takes a slot for a new request: a free one for luwToken 0, else the idle one of that unit of
@@ -22,6 +23,9 @@ void clapiFreeKeptTables(RequestTable* requestTableP);
  * Locks: tableLock held.
  */
 int slotFind(RequestTable* requestTableP, int luwToken, RequestSlot** requestSlotPP);
+
+/* The slot with a message id, whatever its state, or null. Locks: as slotLookup. */
+RequestSlot* clapiSlotById(RequestTable* requestTableP, int messageId);
 
 /* Gives a slot back, with its reply buffer, and trailing tables that are empty now.
  * Locks: tableLock held. */

@@ -52,6 +52,24 @@ int clapiDeleteEvent(ClapiEvent* eventPtr);
 int clapiSetEvent(ClapiEvent* eventPtr);   // closes the gate
 int clapiClearEvent(ClapiEvent* eventPtr); // opens the gate
 
+/*
+ * clapiClearEvent in two steps, for a thread that holds a lock which those who wait want next: it
+ * opens the gate with the lock held and wakes them when it has given it up. Between the two whoever
+ * comes to wait goes through. The event must be there for the second step, whatever those have done
+ * meanwhile whom the first has let through.
+ */
+void clapiOpenEvent(ClapiEvent* eventPtr);
+void clapiWakeWaiters(ClapiEvent* eventPtr);
+
+/*
+ * clapiCreateEvent and clapiDeleteEvent for each use of an event that stays between its uses: they
+ * write the lines of those two. The first closes the gate. The third deletes such an event, and
+ * writes none.
+ */
+void clapiRenewEvent(ClapiEvent* eventPtr);
+void clapiRestEvent(ClapiEvent* eventPtr);
+void clapiDiscardEvent(ClapiEvent* eventPtr);
+
 /* Blocks until the gate is open. */
 int clapiWaitEvent(ClapiEvent* eventPtr);
 

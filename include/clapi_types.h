@@ -40,17 +40,19 @@ typedef struct _RequestSlot {
     char eyecatcher[8];                  // "QPXRSLOT", no terminator
     std::atomic<_RequestSlot*> nextSlot; // through all tables; null in the last slot
     _RequestSlot* nextReply;             // in the token's reply queue
-    int32_t state;                       // SLOT_...
-    std::atomic<int32_t> messageId;      // fixed for the slot's life
-    int32_t gatewayRc;                   // from the reply header, or of the connection's end
-    int32_t vornRc;                      // the server's, from the reply body
-    ClapiEvent requestEvent;             // posted when the slot is delivered
-    QPX_ECI_PARMS eciParms;              // the caller's record, with the reply's fields
-    ESI_DETAILS* esiDetails;             // where an ESI reply goes; null when not wanted
-    uint32_t allocNumber;                // names one use of the slot; 0 while it is free
-    char* asyncBuffer;                   // reply buffer of an asynchronous call, owned
-    size_t replyCapacity;                // room at eciParms.eci_commarea
-    int32_t channelHeld;                 // 1 while the request holds its channel's lock
+    _RequestSlot* replyBefore;
+    int32_t state;                  // SLOT_...
+    std::atomic<int32_t> messageId; // fixed for the slot's life
+    int32_t gatewayRc;              // from the reply header, or of the connection's end
+    int32_t vornRc;                 // the server's, from the reply body
+    ClapiEvent requestEvent;        // posted when the slot is delivered
+    int32_t hasEvent;               // 1 once requestEvent exists; it then stays with the table
+    QPX_ECI_PARMS eciParms;         // the caller's record, with the reply's fields
+    ESI_DETAILS* esiDetails;        // where an ESI reply goes; null when not wanted
+    uint32_t allocNumber;           // names one use of the slot; 0 while it is free
+    char* asyncBuffer;              // reply buffer of an asynchronous call, owned
+    size_t replyCapacity;           // room at eciParms.eci_commarea
+    int32_t channelHeld;            // 1 while the request holds its channel's lock
     std::atomic<int32_t> beingSent; // 1 until the sender has read the data that a reply changes
     int32_t outcomePending;         // 1 once an outcome waits for that sender to deliver it
     ArrivingBytes replyData;        // of a pending reply, not applied yet; owned
@@ -62,12 +64,20 @@ struct _RequestTable;
 /* Finds the slot with a message id, as slotLookup does. */
 typedef int SlotLookup(_RequestTable* requestTableP, int messageId, RequestSlot** slotPP);
 
+/* Segments of the index of a chain's tables; the nth has room for 2 to the power of n. */
+constexpr int INDEX_SEGMENTS = 27;
+
+typedef std::atomic<_RequestTable*> IndexedTable;
+
 /* 16 slots. The fields behind them serve a token's first table only, but for nextKept. */
 typedef struct _RequestTable {
     RequestSlot slot[SLOTS_PER_TABLE];
     uint32_t lastAllocNumber; // counts up with every slot taken
     _RequestTable* keptTable; // added tables that are empty, kept for the next growth
     _RequestTable* nextKept;
+    _RequestTable* lastTable;                         // of the chain
+    int32_t lowestFree;                               // no slot with a lower message id is free
+    std::atomic<IndexedTable*> index[INDEX_SEGMENTS]; // the tables in order of ids; owned
     SlotLookup* lookUp; // for the receiver, which knows the records of slots and not their rules
 } RequestTable;
 
@@ -115,6 +125,8 @@ typedef struct _QPX_ConnToken_t {
     int32_t quiesced; // 1 once a delete has quiesced the token; by gtlLock
     int32_t opening;  // 1 until the open has succeeded; by gtlLock
     uint64_t serial;  // counts the tokens of the process; the list is in its order; by gtlLock
+    _QPX_ConnToken_t* nextInSet;      // in the set of listed tokens; by gtlLock
+    _QPX_ConnToken_t* beforeInList;   // in the list; by gtlLock
     _QPX_ConnToken_t* nextOpenSocket; // among the tokens whose socket is open; by their own lock
 } _QPX_ConnToken_t;
 typedef _QPX_ConnToken_t Internal_ConnToken_t;

@@ -17,8 +17,8 @@
 
 #include <algorithm>
 
+#include "address_set.h"
 #include "api_call.h"
-#include "channel_set.h"
 #include "clapi_diag.h"
 #include "clapi_impl.h"
 #include "clapi_rc.h"
@@ -32,7 +32,7 @@ static const char CONTAINER_EYECATCHER[] = "QPXCONTA";
 Clapilock chanListLock;
 static ECI_Channel_t* chanList = nullptr; // the newest channel; by chanListLock
 /* The channels of the list, and those of others that a call still has; by chanListLock. */
-static ChannelSet channelSet;
+static AddressSet<ECI_Channel_t, &ECI_Channel_t::nextInSet> channelSet;
 
 /* For deletions, which wait for those who wait for a channel to have left. */
 static pthread_mutex_t waitersGuard = PTHREAD_MUTEX_INITIALIZER;

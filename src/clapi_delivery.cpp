@@ -120,23 +120,35 @@ bool clapiAwaitsOutcome(const RequestSlot* slotP)
     return slotP->state == SLOT_WAITING && slotP->outcomePending == 0;
 }
 
+LaterWake::~LaterWake()
+{
+    if (requestEventPtr == nullptr) return;
+    SCHEDULE_POINT(beforeWake, requestEventPtr);
+    if (asyncReplyEventPtr != nullptr) clapiWakeWaiters(asyncReplyEventPtr);
+    clapiWakeWaiters(requestEventPtr);
+}
+
 static void queueReply(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
 {
     slotP->nextReply = nullptr;
+    slotP->replyBefore = gwTokPtr->lastReply;
     if (gwTokPtr->firstReply == nullptr)
         gwTokPtr->firstReply = slotP;
     else
         gwTokPtr->lastReply->nextReply = slotP;
     gwTokPtr->lastReply = slotP;
-    clapiClearEvent(&gwTokPtr->asyncReplyEvent);
+    clapiOpenEvent(&gwTokPtr->asyncReplyEvent);
 }
 
-void clapiDeliverSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc)
+void clapiDeliverSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc,
+                      LaterWake* wakeP)
 {
+    bool isAsync = slotP->eciParms.eci_call_type == ECI_ASYNC;
     slotP->gatewayRc = gatewayRc;
     slotP->state = SLOT_DELIVERED;
-    if (slotP->eciParms.eci_call_type == ECI_ASYNC) queueReply(gwTokPtr, slotP);
-    clapiClearEvent(&slotP->requestEvent);
+    if (isAsync) queueReply(gwTokPtr, slotP);
+    clapiOpenEvent(&slotP->requestEvent);
+    wakeP->expect(&slotP->requestEvent, isAsync ? &gwTokPtr->asyncReplyEvent : nullptr);
     SCHEDULE_POINT(slotDelivered, slotP);
 }
 
@@ -148,12 +160,13 @@ void clapiPutAside(RequestSlot* slotP, int gatewayRc, ArrivingBytes* data)
     SCHEDULE_POINT(outcomePutAside, slotP);
 }
 
-void clapiSettleSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc)
+void clapiSettleSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc,
+                     LaterWake* wakeP)
 {
     if (slotP->beingSent != 0)
         clapiPutAside(slotP, gatewayRc, nullptr);
     else
-        clapiDeliverSlot(gwTokPtr, slotP, gatewayRc);
+        clapiDeliverSlot(gwTokPtr, slotP, gatewayRc, wakeP);
 }
 
 void clapiDropOutcome(RequestSlot* slotP)
@@ -164,20 +177,15 @@ void clapiDropOutcome(RequestSlot* slotP)
 
 void clapiUnlinkReply(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
 {
-    RequestSlot* beforeP = nullptr;
-    RequestSlot* currentP = gwTokPtr->firstReply;
-    while (currentP != nullptr && currentP != slotP) {
-        beforeP = currentP;
-        currentP = currentP->nextReply;
-    }
-    if (currentP == nullptr) return;
+    RequestSlot* beforeP = slotP->replyBefore;
+    RequestSlot* behindP = slotP->nextReply;
+    bool isQueued = beforeP != nullptr || gwTokPtr->firstReply == slotP;
+    if (!isQueued) return;
 
-    if (beforeP != nullptr)
-        beforeP->nextReply = slotP->nextReply;
-    else
-        gwTokPtr->firstReply = slotP->nextReply;
-    if (gwTokPtr->lastReply == slotP) gwTokPtr->lastReply = beforeP;
+    (beforeP != nullptr ? beforeP->nextReply : gwTokPtr->firstReply) = behindP;
+    (behindP != nullptr ? behindP->replyBefore : gwTokPtr->lastReply) = beforeP;
     slotP->nextReply = nullptr;
+    slotP->replyBefore = nullptr;
 }
 
 void clapiFreeReplyBuffer(RequestSlot* slotP)

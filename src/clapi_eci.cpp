@@ -474,23 +474,26 @@ struct Collection {
 /* Whether the wanted reply can come at all. */
 static int checkQualifier(const Collection& wanted)
 {
-    RequestSlot* slotP = &wanted.gwTok->table.slot[0];
-    while (slotP != nullptr && slotP->messageId != wanted.qualifier) slotP = slotP->nextSlot;
-
+    const RequestSlot* slotP = clapiSlotById(&wanted.gwTok->table, wanted.qualifier);
     if (slotP == nullptr || slotP->state == SLOT_FREE || slotP->eciParms.eci_call_type != ECI_ASYNC)
         return ECI_ERR_INVALID_MSG_QUAL;
     if (slotP->state != SLOT_WAITING && slotP->state != SLOT_DELIVERED) return ECI_ERR_NO_REPLY;
     return ECI_NO_ERROR;
 }
 
-/* The queued reply that is wanted, or null. */
+/* Whether a slot is in the reply queue. */
+static bool isQueued(const RequestSlot* slotP)
+{
+    return slotP->state == SLOT_DELIVERED && slotP->eciParms.eci_call_type == ECI_ASYNC;
+}
+
+/* The queued reply that is wanted, or null. While this thread slept, the slot may have become that
+ * of a synchronous call, whose outcome is in no queue. */
 static RequestSlot* chooseReply(const Collection& wanted)
 {
-    RequestSlot* slotP = wanted.gwTok->firstReply;
-    if (!wanted.isSpecific) return slotP;
-    while (slotP != nullptr && slotP->eciParms.eci_message_qualifier != wanted.qualifier)
-        slotP = slotP->nextReply;
-    return slotP;
+    if (!wanted.isSpecific) return wanted.gwTok->firstReply;
+    RequestSlot* slotP = clapiSlotById(&wanted.gwTok->table, wanted.qualifier);
+    return slotP != nullptr && isQueued(slotP) ? slotP : nullptr;
 }
 
 /*

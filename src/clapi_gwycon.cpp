@@ -375,7 +375,7 @@ static int applyAside(Receiver* r, LockGuard* table)
 }
 
 /* Locks: tableLock held, but for what applyAside says. */
-static int settleReply(Receiver* r, ReplyKind kind, LockGuard* table)
+static int settleReply(Receiver* r, ReplyKind kind, LockGuard* table, LaterWake* wakeP)
 {
     // From here on, once it is 0 it stays so: it is looked at once.
     bool overtakes = r->slotP->beingSent != 0;
@@ -388,7 +388,7 @@ static int settleReply(Receiver* r, ReplyKind kind, LockGuard* table)
     if (overtakes)
         clapiPutAside(r->slotP, r->header.gatewayRc, &r->aside);
     else
-        clapiDeliverSlot(r->conn, r->slotP, r->header.gatewayRc);
+        clapiDeliverSlot(r->conn, r->slotP, r->header.gatewayRc, wakeP);
     return QPX_OK;
 }
 
@@ -398,12 +398,13 @@ static int deliverReply(Receiver* r, ReplyKind kind)
     namespace at = tp::receiverThread;
 
     SCHEDULE_POINT(replyRead, r->slotP);
+    LaterWake wake;
     LockGuard table(r->conn->tableLock);
     if (!table.held()) {
         TRACE(at::noLock);
         return QPX_ERR_SYSTEM_ERROR;
     }
-    int rc = stillWaits(r) ? settleReply(r, kind, &table) : QPX_OK;
+    int rc = stillWaits(r) ? settleReply(r, kind, &table, &wake) : QPX_OK;
     clapiEndReading(r->conn);
     return rc;
 }
@@ -473,7 +474,8 @@ static int receiveReply(Receiver* r)
 /* Delivers the outcome that has overtaken its request. A channel that cannot be changed as the
  * reply says ends the connection, and the request with it.
  * Locks: tableLock held; given up while the reply's data is applied. */
-static void deliverPendingOutcome(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, LockGuard* table)
+static void deliverPendingOutcome(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, LockGuard* table,
+                                  LaterWake* wakeP)
 {
     int gatewayRc = slotP->gatewayRc;
     ArrivingBytes data = clapiTakeArrived(&slotP->replyData);
@@ -488,15 +490,16 @@ static void deliverPendingOutcome(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP
     }
     clapiFreeArrived(&data);
     slotP->outcomePending = 0;
-    clapiDeliverSlot(gwTokPtr, slotP, gatewayRc);
+    clapiDeliverSlot(gwTokPtr, slotP, gatewayRc, wakeP);
 }
 
 void clapiEndSendingRequest(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, uint32_t allocNumber)
 {
+    LaterWake wake;
     LockGuard table(gwTokPtr->tableLock);
     // While an outcome is pending, nobody else gives the slot back.
     if (slotP->allocNumber == allocNumber && slotP->outcomePending != 0)
-        deliverPendingOutcome(gwTokPtr, slotP, &table);
+        deliverPendingOutcome(gwTokPtr, slotP, &table, &wake);
     clapiLeaveSenders(gwTokPtr);
 }
 
@@ -518,9 +521,10 @@ static void deliverFailure(Receiver* r, RequestSlot* slotP)
 {
     if (slotP == nullptr) return;
     SCHEDULE_POINT(failureFound, slotP);
+    LaterWake wake;
     LockGuard table(r->conn->tableLock);
     if (table.held() && slotP->messageId == r->header.messageId && clapiAwaitsOutcome(slotP))
-        clapiSettleSlot(r->conn, slotP, r->header.gatewayRc);
+        clapiSettleSlot(r->conn, slotP, r->header.gatewayRc, &wake);
 }
 
 static int receiveError(Receiver* r)
@@ -640,21 +644,23 @@ static void noteEnd(Receiver* r)
 static void completeWaitingRequests(Receiver* r)
 {
     _QPX_ConnToken_t* conn = r->conn;
-    for (RequestSlot* slotP = &conn->table.slot[0]; slotP != nullptr; slotP = slotP->nextSlot)
-        if (clapiAwaitsOutcome(slotP)) clapiSettleSlot(conn, slotP, r->closeRc);
+    for (RequestSlot* slotP = &conn->table.slot[0]; slotP != nullptr; slotP = slotP->nextSlot) {
+        LaterWake wake;
+        if (clapiAwaitsOutcome(slotP)) clapiSettleSlot(conn, slotP, r->closeRc, &wake);
+    }
     clapiClearEvent(&conn->asyncReplyEvent);
 }
 
 static void endConnection(Receiver* r)
 {
     freeBuffer(&r->sockBuffer);
+    explicit_bzero(&r->ahead, sizeof r->ahead);
     clapiFreeArrived(&r->aside);
     SCHEDULE_POINT(connectionEnding, r->conn);
     LockGuard table(r->conn->tableLock);
     clapiEndReading(r->conn);
     noteEnd(r);
     if (r->conn->connStatus != CONN_FAILED) completeWaitingRequests(r);
-    explicit_bzero(&r->ahead, sizeof r->ahead);
     SCHEDULE_POINT(connectionEnded, r->conn);
 }
 

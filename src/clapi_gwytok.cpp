@@ -9,10 +9,12 @@
  */
 #include "clapi_gwytok.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
+#include "address_set.h"
 #include "clapi_channel.h"
 #include "clapi_delivery.h"
 #include "clapi_departed.h"
@@ -28,6 +30,7 @@ static const char SLOT_EYECATCHER[] = "QPXRSLOT";
 Clapilock gtlLock;
 static _QPX_ConnToken_t* gtListHeadPtr = nullptr; // guarded by gtlLock
 static _QPX_ConnToken_t* gtListTailPtr = nullptr; // guarded by gtlLock; stale for an empty list
+static AddressSet<_QPX_ConnToken_t, &_QPX_ConnToken_t::nextInSet> listedTokens; // by gtlLock
 static uint64_t lastSerial = 0; // guarded by gtlLock; that of the last token listed
 
 /* Results of findGatewayToken. */
@@ -53,6 +56,54 @@ static RequestTable* tableOf(RequestSlot* slotP)
     return reinterpret_cast<RequestTable*>(slotP - position);
 }
 
+/* Which of a chain's tables has the slot with a message id. */
+static int tableNumberOf(int messageId)
+{
+    return (messageId - 1) / SLOTS_PER_TABLE;
+}
+
+/*
+ * The place of a table in the index, or null if there is none yet. A segment is made once and stays
+ * as long as the token: whoever looks without the table lock finds a table, or none. The number may
+ * be that of any message id from outside: for the table of the highest ids there is no segment.
+ */
+static IndexedTable* placeInIndex(RequestTable* requestTableP, int tableNumber)
+{
+    unsigned int position = static_cast<unsigned int>(tableNumber) + 1;
+    int segment = 31 - __builtin_clz(position);
+    if (segment >= INDEX_SEGMENTS) return nullptr;
+    IndexedTable* tables = requestTableP->index[segment];
+    return tables != nullptr ? &tables[position - (1U << static_cast<unsigned int>(segment))]
+                             : nullptr;
+}
+
+/* As placeInIndex, but makes the segment if need be: null if there is no memory. */
+static IndexedTable* providePlace(RequestTable* requestTableP, int tableNumber)
+{
+    unsigned int position = static_cast<unsigned int>(tableNumber) + 1;
+    int segment = 31 - __builtin_clz(position);
+    if (segment < INDEX_SEGMENTS && requestTableP->index[segment] == nullptr) {
+        void* tables = calloc(size_t{1} << static_cast<unsigned int>(segment),
+                              sizeof(IndexedTable));
+        requestTableP->index[segment] = static_cast<IndexedTable*>(tables);
+    }
+    return placeInIndex(requestTableP, tableNumber);
+}
+
+RequestSlot* clapiSlotById(RequestTable* requestTableP, int messageId)
+{
+    if (messageId < 1) return nullptr;
+    RequestTable* tableP = requestTableP;
+    if (messageId > SLOTS_PER_TABLE) {
+        const IndexedTable* place = placeInIndex(requestTableP, tableNumberOf(messageId));
+        tableP = place != nullptr ? place->load() : nullptr;
+    }
+    if (tableP == nullptr) return nullptr;
+    SCHEDULE_POINT(tableFound, tableP);
+    RequestSlot* slotP = &tableP->slot[(messageId - 1) % SLOTS_PER_TABLE];
+    return slotP->messageId == messageId ? slotP : nullptr;
+}
+
 void clapiInitializeTable(RequestTable* tableP, int firstId)
 {
     for (int i = 0; i < SLOTS_PER_TABLE; ++i) {
@@ -62,6 +113,7 @@ void clapiInitializeTable(RequestTable* tableP, int firstId)
         slotP->state = SLOT_FREE;
         slotP->messageId = firstId + i;
     }
+    tableP->lowestFree = firstId;
 }
 
 /* A table of free slots: one that was kept, or a new one; null if there is no memory. */
@@ -93,44 +145,79 @@ static void keepTable(RequestTable* requestTableP, RequestTable* tableP)
     requestTableP->keptTable = tableP;
 }
 
-void clapiFreeKeptTables(RequestTable* requestTableP)
+static void discardEvents(RequestTable* tableP)
 {
+    for (RequestSlot& slot : tableP->slot) {
+        if (slot.hasEvent == 0) continue;
+        clapiDiscardEvent(&slot.requestEvent);
+        slot.hasEvent = 0;
+    }
+}
+
+void clapiFreeTables(RequestTable* requestTableP)
+{
+    discardEvents(requestTableP);
+    for (std::atomic<IndexedTable*>& segment : requestTableP->index) {
+        free(segment);
+        segment = nullptr;
+    }
     while (requestTableP->keptTable != nullptr) {
         RequestTable* tableP = requestTableP->keptTable;
         requestTableP->keptTable = tableP->nextKept;
+        discardEvents(tableP);
         free(tableP);
     }
 }
 
+/* The last table of the chain. A first table is its own until one is added. */
+static RequestTable* lastTableOf(RequestTable* requestTableP)
+{
+    return requestTableP->lastTable != nullptr ? requestTableP->lastTable : requestTableP;
+}
+
 /* Links one more table behind the last slot, and returns its first slot, or null. */
-static RequestSlot* growBehind(RequestTable* requestTableP, RequestSlot* lastSlotP)
+static RequestSlot* grow(RequestTable* requestTableP)
 {
     namespace at = tp::slotFind;
 
-    RequestTable* tableP = obtainTable(requestTableP);
+    RequestSlot* lastSlotP = lastSlotOf(lastTableOf(requestTableP));
+    int firstId = lastSlotP->messageId + 1;
+    IndexedTable* place = providePlace(requestTableP, tableNumberOf(firstId));
+    RequestTable* tableP = place != nullptr ? obtainTable(requestTableP) : nullptr;
     if (tableP == nullptr) {
         TRACE(at::noMemory, traceInt(sizeof(RequestTable)));
         return nullptr;
     }
-    clapiInitializeTable(tableP, lastSlotP->messageId + 1);
+    clapiInitializeTable(tableP, firstId);
     TRACE(at::newTable, tableP, tableP->slot[0].messageId.load(),
           lastSlotOf(tableP)->messageId.load());
+    *place = tableP;
     lastSlotP->nextSlot = &tableP->slot[0];
+    requestTableP->lastTable = tableP;
     return &tableP->slot[0];
 }
 
 /* ---- Taking and giving back slots ---- */
 
+/* The free slot with the lowest message id; the last slot of all if none is free. */
+static RequestSlot* lowestFreeSlot(RequestTable* requestTableP)
+{
+    RequestSlot* slotP = clapiSlotById(requestTableP, requestTableP->lowestFree);
+    if (slotP == nullptr) slotP = lastSlotOf(lastTableOf(requestTableP));
+    while (slotP->state != SLOT_FREE && slotP->nextSlot != nullptr) slotP = slotP->nextSlot;
+    return slotP;
+}
+
 static int findFreeSlot(RequestTable* requestTableP, RequestSlot** requestSlotPP)
 {
-    RequestSlot* slotP = &requestTableP->slot[0];
-    while (slotP->state != SLOT_FREE && slotP->nextSlot != nullptr) slotP = slotP->nextSlot;
+    RequestSlot* slotP = lowestFreeSlot(requestTableP);
     *requestSlotPP = slotP;
-    if (slotP->state == SLOT_FREE) return QPX_OK;
-
-    RequestSlot* newSlotP = growBehind(requestTableP, slotP);
-    if (newSlotP == nullptr) return QPX_ERR_MALLOCFAIL;
-    *requestSlotPP = newSlotP;
+    if (slotP->state != SLOT_FREE) {
+        slotP = grow(requestTableP);
+        if (slotP == nullptr) return QPX_ERR_MALLOCFAIL;
+        *requestSlotPP = slotP;
+    }
+    requestTableP->lowestFree = slotP->messageId;
     return QPX_OK;
 }
 
@@ -159,7 +246,11 @@ static int findLuwSlot(RequestTable* requestTableP, int luwToken, RequestSlot** 
     return QPX_OK;
 }
 
-/* A free slot gets its event; that of a unit of work has one. */
+/*
+ * A free slot gets its event; that of a unit of work has one. Deliberate: what the slot's first use
+ * makes stays as long as its memory, though each use is told in the trace as if it had an event of
+ * its own: whoever delivers an outcome wakes its waiter when the slot may be free again.
+ */
 static int prepareEvent(RequestSlot* slotP)
 {
     namespace at = tp::slotFind;
@@ -169,10 +260,15 @@ static int prepareEvent(RequestSlot* slotP)
         return QPX_OK;
     }
     TRACE(at::newEvent, slotP->messageId.load());
+    if (slotP->hasEvent != 0) {
+        clapiRenewEvent(&slotP->requestEvent);
+        return QPX_OK;
+    }
     if (clapiCreateEvent(&slotP->requestEvent) != 0) {
         TRACE(at::noEvent, slotP->messageId.load());
         return QPX_ERR_SYSTEM_ERROR;
     }
+    slotP->hasEvent = 1;
     return QPX_OK;
 }
 
@@ -182,6 +278,7 @@ static void clearResults(RequestSlot* slotP)
     clapiFreeReplyBuffer(slotP);
     clapiDropOutcome(slotP);
     slotP->nextReply = nullptr;
+    slotP->replyBefore = nullptr;
     slotP->gatewayRc = 0;
     slotP->vornRc = 0;
     slotP->esiDetails = nullptr;
@@ -227,17 +324,15 @@ static bool giveBackLastTable(RequestTable* requestTableP)
 {
     namespace at = tp::slotFree;
 
-    RequestSlot* beforeTableP = nullptr;
-    RequestTable* tableP = requestTableP;
-    while (lastSlotOf(tableP)->nextSlot != nullptr) {
-        beforeTableP = lastSlotOf(tableP);
-        tableP = tableOf(beforeTableP->nextSlot);
-    }
+    RequestTable* tableP = lastTableOf(requestTableP);
     if (tableP == requestTableP || !isEmpty(tableP)) return false;
 
-    TRACE(at::freeTable, tableP, tableP->slot[0].messageId.load(),
-          lastSlotOf(tableP)->messageId.load());
-    beforeTableP->nextSlot = nullptr;
+    int firstId = tableP->slot[0].messageId;
+    TRACE(at::freeTable, tableP, firstId, lastSlotOf(tableP)->messageId.load());
+    *placeInIndex(requestTableP, tableNumberOf(firstId)) = nullptr;
+    RequestSlot* beforeP = clapiSlotById(requestTableP, firstId - 1);
+    beforeP->nextSlot = nullptr;
+    requestTableP->lastTable = tableOf(beforeP);
     keepTable(requestTableP, tableP);
     return true;
 }
@@ -247,9 +342,10 @@ static void releaseSlot(RequestTable* requestTableP, RequestSlot* slotP)
     if (slotP->state != SLOT_FREE) {
         slotP->state = SLOT_FREE;
         slotP->allocNumber = 0;
-        clapiDeleteEvent(&slotP->requestEvent);
+        clapiRestEvent(&slotP->requestEvent);
         clearResults(slotP);
         memset(&slotP->eciParms, 0, sizeof slotP->eciParms);
+        requestTableP->lowestFree = std::min<int>(requestTableP->lowestFree, slotP->messageId);
     }
     bool liesInLastAddedTable = slotP->messageId > SLOTS_PER_TABLE &&
                                 lastSlotOf(tableOf(slotP))->nextSlot == nullptr;
@@ -278,13 +374,12 @@ static int findSlotById(RequestTable* requestTableP, int messageId, RequestSlot*
 {
     namespace at = tp::slotLookup;
 
-    for (RequestSlot* slotP = &requestTableP->slot[0]; slotP != nullptr; slotP = slotP->nextSlot) {
-        if (slotP->messageId == messageId) {
-            *slotPP = slotP;
-            return QPX_OK;
-        }
-        SCHEDULE_POINT(slotPassed, slotP);
+    RequestSlot* slotP = clapiSlotById(requestTableP, messageId);
+    if (slotP != nullptr) {
+        *slotPP = slotP;
+        return QPX_OK;
     }
+    SCHEDULE_POINT(slotMissed, requestTableP);
     TRACE(at::notFound, messageId);
     return QPX_ERR_SYSTEM_ERROR;
 }
@@ -312,6 +407,14 @@ static bool showsTo(Seeker seeker, const _QPX_ConnToken_t* token)
     return seeker == Seeker::Holder || token->opening == 0;
 }
 
+/* How many tokens stand before a listed one; counted for the trace alone. */
+static int positionInList(const _QPX_ConnToken_t* token)
+{
+    int before = 0;
+    while ((token = token->beforeInList) != nullptr) before += 1;
+    return before;
+}
+
 static int searchTokenList(_QPX_ConnToken_t* targetToken, _QPX_ConnToken_t** parentTokenPtrPtr,
                            Seeker seeker)
 {
@@ -327,22 +430,12 @@ static int searchTokenList(_QPX_ConnToken_t* targetToken, _QPX_ConnToken_t** par
     }
 
     // Identity is the pointer's: no field of the target is read before it is found.
-    _QPX_ConnToken_t* parent = nullptr;
-    _QPX_ConnToken_t* current = gtListHeadPtr;
-    int entry = 0;
-    bool found = current == targetToken && showsTo(seeker, current);
-    while (!found && current->nextGwyTokPtr != nullptr) {
-        parent = current;
-        current = current->nextGwyTokPtr;
-        entry += 1;
-        found = current == targetToken && showsTo(seeker, current);
-    }
-    if (!found) {
-        TRACE(at::notFound, entry, gtListHeadPtr, current);
+    if (!listedTokens.contains(targetToken) || !showsTo(seeker, targetToken)) {
+        TRACE(at::notFound, positionInList(gtListTailPtr), gtListHeadPtr, gtListTailPtr);
         return TOKEN_NOT_FOUND;
     }
-    if (parentTokenPtrPtr != nullptr) *parentTokenPtrPtr = parent;
-    TRACE(at::found, entry);
+    if (parentTokenPtrPtr != nullptr) *parentTokenPtrPtr = targetToken->beforeInList;
+    TRACE(at::found, positionInList(targetToken));
     return TOKEN_FOUND;
 }
 
@@ -374,13 +467,16 @@ static int appendToList(_QPX_ConnToken_t* newToken)
     }
     if (gtListHeadPtr == nullptr) {
         gtListHeadPtr = newToken;
+        newToken->beforeInList = nullptr;
     } else if (gtListTailPtr != nullptr) {
         gtListTailPtr->nextGwyTokPtr = newToken;
+        newToken->beforeInList = gtListTailPtr;
     } else {
         TRACE(at::corrupt, gtListHeadPtr, gtListTailPtr);
         return QPX_ERR_SYSTEM_ERROR;
     }
     gtListTailPtr = newToken;
+    listedTokens.add(newToken);
     lastSerial += 1;
     newToken->serial = lastSerial;
     return QPX_OK;
@@ -400,6 +496,8 @@ static int chainGatewayToken(_QPX_ConnToken_t* newToken)
  * head, and then it is right. Locks: gtlLock held. */
 static void unlinkFromList(_QPX_ConnToken_t* token, _QPX_ConnToken_t* parent)
 {
+    listedTokens.remove(token);
+    if (token->nextGwyTokPtr != nullptr) token->nextGwyTokPtr->beforeInList = parent;
     if (parent == nullptr) {
         gtListHeadPtr = token->nextGwyTokPtr;
         return;
@@ -950,7 +1048,7 @@ static void freeToken(_QPX_ConnToken_t* token)
     namespace at = tp::clapiDeleteGatewayToken;
 
     freeAllSlots(token);
-    clapiFreeKeptTables(&token->table);
+    clapiFreeTables(&token->table);
     clapiDeleteEvent(&token->asyncReplyEvent);
     clapiDeleteEvent(&token->requestsEnded);
     clapiDeleteEvent(&token->connEvent);
@@ -1182,4 +1280,5 @@ void clapiForgetTokens(void)
     if (gtListHeadPtr == nullptr) return;
     clapiKeepForgotten(gtListHeadPtr, gtListTailPtr);
     gtListHeadPtr = nullptr;
+    listedTokens.clear();
 }

@@ -135,6 +135,27 @@ int clapiDeleteEvent(ClapiEvent* eventPtr)
     return mutexRc == 0 && condRc == 0 ? 0 : -1;
 }
 
+void clapiRenewEvent(ClapiEvent* eventPtr)
+{
+    namespace at = tp::clapiCreateEvent;
+
+    TRACE(at::entry, eventPtr);
+    eventPtr->eflag = 0; // between two uses nobody looks at it
+}
+
+void clapiRestEvent(ClapiEvent* eventPtr)
+{
+    namespace at = tp::clapiDeleteEvent;
+
+    TRACE(at::entry, eventPtr);
+}
+
+void clapiDiscardEvent(ClapiEvent* eventPtr)
+{
+    pthread_mutex_destroy(&eventPtr->mutex);
+    pthread_cond_destroy(&eventPtr->cond);
+}
+
 /* Sleeps until the gate is opened once more. Deliberate: the generation is tested, not the gate,
  * so that a waiter leaves even if the gate has been closed again before it ran.
  * Locks: the event's mutex held. */
@@ -242,14 +263,20 @@ int clapiSetEvent(ClapiEvent* eventPtr)
     return 0;
 }
 
+/* Locks: the event's mutex held. */
+static void openGate(ClapiEvent* eventPtr)
+{
+    eventPtr->eflag = 1;
+    eventPtr->postCount = static_cast<int>(static_cast<unsigned int>(eventPtr->postCount) + 1u);
+}
+
 int clapiClearEvent(ClapiEvent* eventPtr)
 {
     namespace at = tp::clapiClearEvent;
 
     TRACE(at::entry, eventPtr);
     pthread_mutex_lock(&eventPtr->mutex);
-    eventPtr->eflag = 1;
-    eventPtr->postCount = static_cast<int>(static_cast<unsigned int>(eventPtr->postCount) + 1u);
+    openGate(eventPtr);
     // Deliberate: only -1 counts as a failure, not an error number. The gate is open by now, and
     // who finds it open does not wait: nothing that the broadcast says undoes that.
     bool failed = pthread_cond_broadcast(&eventPtr->cond) == -1;
@@ -259,4 +286,21 @@ int clapiClearEvent(ClapiEvent* eventPtr)
 
     TRACE(at::failed, broadcastErrno);
     return -1;
+}
+
+void clapiOpenEvent(ClapiEvent* eventPtr)
+{
+    namespace at = tp::clapiClearEvent;
+
+    TRACE(at::entry, eventPtr);
+    pthread_mutex_lock(&eventPtr->mutex);
+    openGate(eventPtr);
+    pthread_mutex_unlock(&eventPtr->mutex);
+}
+
+void clapiWakeWaiters(ClapiEvent* eventPtr)
+{
+    namespace at = tp::clapiClearEvent;
+
+    if (pthread_cond_broadcast(&eventPtr->cond) == -1) TRACE(at::failed, errno);
 }

@@ -26,9 +26,11 @@ enum class SchedulePoint {
     receiverStarted,    // the token; nothing has been done yet
     replyFound,         // the slot; its reply is about to be read
     replyRead,          // the slot; its reply is about to be delivered
-    slotPassed,         // the slot; a look-up goes on to the next
+    tableFound,         // the table in which a look-up for a slot looks next
+    slotMissed,         // the first table; a look-up has found no slot
     failureFound,       // the slot; a failure is about to be delivered
     slotDelivered,      // the slot; tableLock held
+    beforeWake,         // the event of a slot; its gate is open, and tableLock given up
     outcomePutAside,    // the slot, whose data is still being sent; tableLock held
     asideApplied,       // the slot; the sender has made the changes of the reply
     flowHandled,        // the token; the receiver goes on to the next flow

@@ -332,8 +332,8 @@ TEST_F(SecondTable, MayBeGivenBackUnderALookUpThatStandsInIt)
     ASSERT_EQ(17, send());
     RequestSlot* seventeenth = slot(16).nextSlot;
     deliver(17, "answered");
-    Hold standing(SchedulePoint::slotPassed, seventeenth);
-    connection.peer.send(errorFlow(30, 61448)); // slot 30 is behind it
+    Hold standing(SchedulePoint::tableFound, seventeenth);
+    connection.peer.send(errorFlow(30, 61448)); // in the table of slot 17
     standing.awaitArrival();
 
     expectCollected17();
@@ -362,6 +362,56 @@ TEST_F(SecondTable, MayBeGivenBackUnderAFailureThatIsAboutToBeDelivered)
     EXPECT_TRUE(token()->firstReply == nullptr);
     EXPECT_EQ(16, token()->asyncCount.load());
     emptyFirstTable();
+    expectClosable();
+}
+
+// ---- Wakes that come late ----
+
+// The caller has come through the open gate without being woken, and the slot is another's.
+TEST_F(SlotDelivery, WakesNobodyElseWhoWaitsInTheSlotByThen)
+{
+    Hold asleep(SchedulePoint::beforeReplyWait);
+    Call first(Kind::Sync);
+    auto call = start(first);
+    asleep.awaitArrival();
+    connection.awaitRequest();
+    Hold wake(SchedulePoint::beforeWake, &slot(1).requestEvent);
+    connection.peer.send(first.answer(1));
+    wake.awaitArrival();
+    asleep.release();
+    EXPECT_RC(0, call.get());
+    first.expectAnswered();
+
+    Call second(Kind::Sync);
+    auto other = start(second);
+    EXPECT_EQ(1, connection.awaitRequest().messageId());
+    replyAwaited.await(2);
+    wake.release();
+    awaitReceiver();
+
+    EXPECT_FALSE(other.hasEnded());
+    deliver(second.answer(1));
+    EXPECT_RC(0, other.get());
+    second.expectAnswered();
+    expectClosable();
+}
+
+TEST_F(SlotDelivery, WakesTheCallerWhenItHasGivenTheTableUp)
+{
+    Call work(Kind::Sync);
+    auto call = start(work);
+    connection.awaitRequest();
+    replyAwaited.await(1);
+    Hold wake(SchedulePoint::beforeWake, &slot(1).requestEvent);
+    connection.peer.send(work.answer(1));
+    wake.awaitArrival();
+
+    passTable(); // which nobody holds
+    EXPECT_EQ(1, slot(1).requestEvent.eflag);
+    wake.release();
+
+    EXPECT_RC(0, call.get());
+    work.expectAnswered();
     expectClosable();
 }
 

@@ -231,7 +231,7 @@ protected:
     // that does not exist is sent behind it, and has been looked for in vain.
     void awaitReceiver()
     {
-        Counter passed(SchedulePoint::slotPassed, &slot(SLOTS_PER_TABLE));
+        Counter passed(SchedulePoint::slotMissed, &token()->table);
         connection.peer.send(errorFlow(9999, 61445));
         passed.await(1);
     }

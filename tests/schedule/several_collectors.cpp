@@ -104,6 +104,29 @@ TEST_F(SeveralCollectors, AreToldThatTheReplyTheyWaitForIsGone)
     expectClosable();
 }
 
+TEST_F(SeveralCollectors, LeaveTheReplyOfASynchronousCallThatHasTheSlotTheyWaitFor)
+{
+    ASSERT_EQ(1, send());
+    Collector loser(*this, getSpecificReplyWait(1, 8));
+    deliver(1, "reply 1.");
+    expectCollected(1, "reply 1.");
+    EciParms parms = syncCall("AGAIN", filled(8, '?'));
+    Hold beforeOutcome(SchedulePoint::beforeReplyWait);
+    auto call = start(parms);
+    EXPECT_EQ(1, connection.awaitRequest().messageId());
+    beforeOutcome.awaitArrival();
+    deliver(1, "in order");
+
+    loser.beforeSleep.release();
+    int loserRc = loser.call.get();
+    beforeOutcome.release();
+
+    EXPECT_RC(ECI_ERR_INVALID_MSG_QUAL, loserRc);
+    EXPECT_RC(0, call.get());
+    EXPECT_EQ(text("in order"), parms.commarea());
+    expectClosable();
+}
+
 TEST_F(SeveralCollectors, AreToldThatTheSlotTheyWaitForIsKeptForAUnitOfWork)
 {
     EciParms parms = asyncCall("LATER", filled(8, 'a'));

@@ -660,3 +660,69 @@ TEST_F(EventTrace, TakesTheTraceLockForALine)
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(&traceLock.lock), requested);
     EXPECT_EQ(1, trace.timesWrote(3121));
 }
+
+// ---- An event that stays, and is opened before its waiters are woken
+
+std::vector<int> pointsOf(const TraceFile& trace)
+{
+    std::vector<int> points;
+    for (const TraceRecord& record : trace.records()) points.push_back(record.point);
+    return points;
+}
+
+TEST_F(Event, LetsThoseThroughWhoComeBetweenItsOpeningAndTheWaking)
+{
+    clapiOpenEvent(&event);
+
+    EXPECT_EQ(0, clapiWaitEvent(&event));
+}
+
+TEST_F(Event, WakesThoseWhoHaveBeenAsleepSinceBeforeItsOpening)
+{
+    auto asleep = waiter();
+    clapiOpenEvent(&event);
+
+    clapiWakeWaiters(&event);
+
+    EXPECT_EQ(0, asleep.get());
+}
+
+TEST_F(Event, WakesNobodyForGoodUnlessItHasBeenOpened)
+{
+    auto asleep = waiter();
+    int sleeps = callCount(Call::CondWait);
+
+    clapiWakeWaiters(&event);
+
+    EXPECT_TRUE(awaitCallCount(Call::CondWait, sleeps + 1)); // it has looked, and sleeps again
+    EXPECT_FALSE(asleep.hasEnded());
+    EXPECT_EQ(0, clapiClearEvent(&event));
+    EXPECT_EQ(0, asleep.get());
+}
+
+TEST_F(EventTrace, TellsOfAnOpeningAsOfAClearing)
+{
+    TraceFile trace(4);
+    clapiOpenEvent(&event);
+    clapiWakeWaiters(&event);
+    EXPECT_EQ(std::vector<int>{3122}, pointsOf(trace));
+}
+
+TEST_F(EventTrace, TellsOfAWakingThatFails)
+{
+    TraceFile trace(1);
+    Fault fault = failCallWith(Call::CondBroadcast, 1, EINVAL, -1);
+    clapiWakeWaiters(&event);
+    EXPECT_EQ(1, fault.hits());
+    EXPECT_NE("", trace.text());
+}
+
+TEST_F(EventTrace, TellsOfAnEventThatStaysAsOfOneThatIsMadeAndDeleted)
+{
+    TraceFile trace(4);
+    clapiOpenEvent(&event);
+    clapiRenewEvent(&event);
+    clapiRestEvent(&event);
+    EXPECT_EQ(0, event.eflag);
+    EXPECT_EQ((std::vector<int>{3122, 3115, 3118}), pointsOf(trace));
+}

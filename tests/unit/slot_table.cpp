@@ -1,4 +1,5 @@
 // The table of request slots: taking, giving back, looking up, and the tables added to it.
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -6,6 +7,7 @@
 #include "unit/connect_fixture.h"
 
 using namespace fixture;
+using support::beforeCall;
 using support::Call;
 using support::failCall;
 using support::Fault;
@@ -26,7 +28,7 @@ protected:
     void TearDown() override
     {
         while (RequestSlot* last = lastInUse()) slotFree(table, last);
-        clapiFreeKeptTables(table);
+        clapiFreeTables(table);
         std::free(table);
     }
 
@@ -552,6 +554,96 @@ TEST_F(SlotTable, FailsToLookUpAnIdOfATableThatWasGivenBack)
 
     EXPECT_RC(QPX_ERR_SYSTEM_ERROR, slotLookup(table, 17, &slot));
     EXPECT_RC(QPX_ERR_SYSTEM_ERROR, slotLookup(table, 32, &slot));
+}
+
+// ---- Finding slots
+
+TEST_F(SlotTable, GivesTheFreeSlotWithTheLowestMessageId)
+{
+    takeMany(40);
+    for (int messageId : {33, 7, 21, 12}) giveBack(messageId);
+
+    std::vector<int> taken;
+    for (int at = 0; at < 5; ++at) taken.push_back(take()->messageId);
+
+    EXPECT_EQ((std::vector<int>{7, 12, 21, 33, 41}), taken);
+}
+
+TEST_F(SlotTable, GivesTheLowestMessageIdOnceItsLastTablesHaveGone)
+{
+    takeMany(40);
+    for (int messageId = 40; messageId > 10; --messageId) giveBack(messageId);
+    EXPECT_EQ(16, lengthOfChain());
+
+    EXPECT_EQ(11, take()->messageId.load());
+    takeMany(5);
+    EXPECT_EQ(17, take()->messageId.load());
+}
+
+TEST_F(SlotTable, FindsEverySlotOfManyTables)
+{
+    takeMany(16 * 70);
+
+    for (int messageId = 1; messageId <= 16 * 70; ++messageId) {
+        RequestSlot* slot = withId(messageId);
+        ASSERT_NE(nullptr, slot);
+        EXPECT_EQ(messageId, slot->messageId.load());
+    }
+}
+
+TEST_F(SlotTable, FindsNoSlotThatThereIsNot)
+{
+    takeMany(20);
+
+    for (int messageId : {0, -1, -17, INT_MIN, 33, 48, 49, 1000000, INT_MAX}) {
+        RequestSlot* slot = nullptr;
+        EXPECT_RC(QPX_ERR_SYSTEM_ERROR, slotLookup(table, messageId, &slot)) << messageId;
+        EXPECT_EQ(nullptr, slot);
+    }
+}
+
+// The table is a token's, whose fields behind the index are in use.
+TEST_F(SlotTable, FindsNoSlotOfTheHighestIdsThatThereAre)
+{
+    table->lookUp = slotLookup;
+
+    for (int messageId : {INT_MAX - 15, INT_MAX - 14, INT_MAX - 1, INT_MAX})
+        EXPECT_EQ(nullptr, clapiSlotById(table, messageId)) << messageId;
+}
+
+TEST_F(SlotTable, FindsNoSlotOfATableThatHasGone)
+{
+    takeMany(33);
+    giveBack(33);
+
+    EXPECT_EQ(nullptr, clapiSlotById(table, 33));
+    EXPECT_NE(nullptr, clapiSlotById(table, 32));
+}
+
+TEST_F(SlotTable, FindsTheSlotsOfATableThatServesAgain)
+{
+    takeMany(33);
+    giveBack(33);
+    RequestSlot* again = take();
+
+    EXPECT_EQ(33, again->messageId.load());
+    EXPECT_EQ(again, clapiSlotById(table, 33));
+    EXPECT_EQ(again + 15, clapiSlotById(table, 48));
+}
+
+TEST_F(SlotTable, KeepsTheEventOfASlotForItsNextUse)
+{
+    RequestSlot* slot = take();
+    Fault made = beforeCall(Call::MutexInit, 0, [](const support::CallInfo&) {});
+    Fault destroyed = beforeCall(Call::CondDestroy, 0, [](const support::CallInfo&) {});
+    clapiOpenEvent(&slot->requestEvent);
+    slotFree(table, slot);
+
+    ASSERT_EQ(slot, take());
+
+    EXPECT_EQ(0, slot->requestEvent.eflag);
+    EXPECT_EQ(0, made.hits());
+    EXPECT_EQ(0, destroyed.hits());
 }
 
 } // namespace

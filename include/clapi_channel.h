@@ -30,6 +30,8 @@ typedef struct _ECI_Container_t {
     char* dataPtr;     // owned, of data_storage.h; null when dataLength is 0
     size_t dataLength; // bytes
     _ECI_Container_t* nextCont;
+    _ECI_Container_t* previousCont; // in the list
+    _ECI_Container_t* nextInIndex;  // among the containers of the channel's index
 } ECI_Container_t;
 
 /* Who frees the record of a channel that is deleted. While a call has a channel its record stays,
@@ -56,6 +58,8 @@ typedef struct _ECI_Channel_t {
     int32_t fate;                 // a ChannelFate; by chanListLock
     _ECI_Channel_t* previousChan; // by chanListLock, as the next
     _ECI_Channel_t* nextInSet;    // in the set of channels
+    ECI_Container_t** index;      // of containers by their names, owned; null for a few of them
+    unsigned int indexBits;       // it has 2 to this power of chains
 } ECI_Channel_t;
 
 /* Guards the list and the set of channels, and the cached code page. */
@@ -103,17 +107,15 @@ extern int defaultLocalCcsidSet; // 1 once defaultLocalCcsid is valid; by chanLi
 /* Sets the eyecatcher of a container that is zero otherwise. */
 void clapiInitializeContainer(ECI_Container_t* container);
 
-/* The container of that name, of which 16 bytes count, and the one before it, or nulls. */
-ECI_Container_t* clapiFindContainer(ECI_Channel_t* channel, const char* name,
-                                    ECI_Container_t** previousPP);
+/* The newest container of that name, of which 16 bytes count, or null. */
+ECI_Container_t* clapiFindContainer(const ECI_Channel_t* channel, const char* name);
 
 /* Puts a container at the head of the list. */
 void clapiLinkContainer(ECI_Channel_t* channel, ECI_Container_t* container);
 
-/* Takes a container, which follows previous, out of the list. If browsing stands on it, it goes
- * back to previous, and the result is true. */
-bool clapiUnlinkContainer(ECI_Channel_t* channel, ECI_Container_t* container,
-                          ECI_Container_t* previous);
+/* Takes a container out of the list. If browsing stands on it, it goes back to the one before, and
+ * the result is true. */
+bool clapiUnlinkContainer(ECI_Channel_t* channel, ECI_Container_t* container);
 
 /* Gives a container other data and returns the old, which is the caller's now. */
 char* clapiExchangeData(ECI_Container_t* container, char* data, size_t length);

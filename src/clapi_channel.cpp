@@ -22,6 +22,7 @@
 #include "clapi_diag.h"
 #include "clapi_impl.h"
 #include "clapi_rc.h"
+#include "container_index.h"
 #include "qpxclient_eci.h"
 #include "schedule_points.h"
 #include "trace_points/clapi_channel.h"
@@ -433,6 +434,9 @@ static void startAnew(ECI_Channel_t* channel)
     channel->unlockEvent.eflag = 1;
     channel->isLocked = 0;
     channel->waiters = 0;
+    // An index may have been in the making; the next container makes another.
+    channel->index = nullptr;
+    channel->indexBits = 0;
 }
 
 void clapiChannelsForkChild(void)
@@ -456,24 +460,16 @@ void clapiInitializeContainer(ECI_Container_t* container)
     memcpy(container->eyecatcher, CONTAINER_EYECATCHER, sizeof container->eyecatcher);
 }
 
-ECI_Container_t* clapiFindContainer(ECI_Channel_t* channel, const char* name,
-                                    ECI_Container_t** previousPP)
+ECI_Container_t* clapiFindContainer(const ECI_Channel_t* channel, const char* name)
 {
-    *previousPP = nullptr;
-    ECI_Container_t* container = channel->firstCont;
-    while (container != nullptr && strncmp(container->name, name, CHANNEL_NAME_SIZE) != 0) {
-        *previousPP = container;
-        container = container->nextCont;
-    }
-    return container;
+    return clapiFirstOfName(channel, name);
 }
 
 /* The container of that name, which must be there; null and a line of the trace if it is not. */
 template <const TracePoint& notFound>
 static ECI_Container_t* wantedContainer(ECI_Channel_t* channel, const char* name)
 {
-    ECI_Container_t* previous;
-    ECI_Container_t* container = clapiFindContainer(channel, name, &previous);
+    ECI_Container_t* container = clapiFindContainer(channel, name);
     if (container == nullptr) TRACE(notFound, name, channel->name);
     return container;
 }
@@ -482,21 +478,24 @@ void clapiLinkContainer(ECI_Channel_t* channel, ECI_Container_t* container)
 {
     {
         ContainerListHold hold;
+        container->previousCont = nullptr;
         container->nextCont = channel->firstCont;
+        if (channel->firstCont != nullptr) channel->firstCont->previousCont = container;
         channel->firstCont = container;
         channel->numContainers += 1;
     }
+    clapiNoteLinked(channel, container);
     SCHEDULE_POINT(containerLinked, channel);
 }
 
-bool clapiUnlinkContainer(ECI_Channel_t* channel, ECI_Container_t* container,
-                          ECI_Container_t* previous)
+bool clapiUnlinkContainer(ECI_Channel_t* channel, ECI_Container_t* container)
 {
+    clapiNoteUnlinked(channel, container);
     ContainerListHold hold;
-    if (previous != nullptr)
-        previous->nextCont = container->nextCont;
-    else
-        channel->firstCont = container->nextCont;
+    ECI_Container_t* previous = container->previousCont;
+    ECI_Container_t* next = container->nextCont;
+    (previous != nullptr ? previous->nextCont : channel->firstCont) = next;
+    if (next != nullptr) next->previousCont = previous;
     channel->numContainers -= 1;
 
     if (channel->currentCont != container) return false;
@@ -516,9 +515,12 @@ char* clapiExchangeData(ECI_Container_t* container, char* data, size_t length)
 void clapiReplaceContainer(ECI_Container_t* container, const ECI_Container_t* replacement)
 {
     ContainerListHold hold;
-    ECI_Container_t* next = container->nextCont;
+    // Its name is the same as far as names count.
+    ECI_Container_t before = *container;
     *container = *replacement;
-    container->nextCont = next;
+    container->nextCont = before.nextCont;
+    container->previousCont = before.previousCont;
+    container->nextInIndex = before.nextInIndex;
 }
 
 void clapiRenameChannel(ECI_Channel_t* channel, const char* name)
@@ -538,6 +540,7 @@ void clapiFreeContainer(ECI_Container_t* container)
 /* Zeroes and frees the record of a channel without containers. */
 static void freeChannel(ECI_Channel_t* channel)
 {
+    clapiDropIndex(channel);
     explicit_bzero(static_cast<void*>(channel), sizeof *channel);
     free(channel);
 }
@@ -670,7 +673,7 @@ static void destroyContainers(ECI_Channel_t* channel)
 {
     while (channel->firstCont != nullptr) {
         ECI_Container_t* container = channel->firstCont;
-        clapiUnlinkContainer(channel, container, nullptr);
+        clapiUnlinkContainer(channel, container);
         destroyContainer<freeingData, deleted>(container);
     }
 }
@@ -786,7 +789,7 @@ static void freeAbandoned(ECI_Channel_t* channel)
     dismantleChannel(channel);
     while (channel->firstCont != nullptr) {
         ECI_Container_t* container = channel->firstCont;
-        clapiUnlinkContainer(channel, container, nullptr);
+        clapiUnlinkContainer(channel, container);
         clapiFreeData(container->dataPtr, container->dataLength);
         clapiFreeContainer(container);
     }
@@ -1183,8 +1186,7 @@ static int addNewContainer(ECI_Channel_t* channel, const NewContainer& given)
 {
     namespace at = tp::ECI_createContainer;
 
-    ECI_Container_t* previous;
-    if (clapiFindContainer(channel, given.name, &previous) != nullptr) {
+    if (clapiFindContainer(channel, given.name) != nullptr) {
         TRACE(at::exists, given.name, channel->name);
         return ECI_ERR_CONTAINER_EXISTS;
     }
@@ -1231,13 +1233,13 @@ static int removeContainer(ECI_Channel_t* channel, const char* name)
 {
     namespace at = tp::ECI_deleteContainer;
 
-    ECI_Container_t* previous;
-    ECI_Container_t* container = clapiFindContainer(channel, name, &previous);
+    ECI_Container_t* container = clapiFindContainer(channel, name);
     if (container == nullptr) {
         TRACE(at::notFound, name, channel->name);
         return ECI_ERR_CONTAINER_NOTFOUND;
     }
-    bool wasCurrent = clapiUnlinkContainer(channel, container, previous);
+    const ECI_Container_t* previous = container->previousCont;
+    bool wasCurrent = clapiUnlinkContainer(channel, container);
     if (wasCurrent && previous != nullptr)
         TRACE(at::current, previous->name);
     else if (wasCurrent)

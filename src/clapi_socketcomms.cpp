@@ -334,13 +334,13 @@ static int unlinkAndFreeContainer(ECI_Channel_t* channel, const char* name)
 {
     namespace at = tp::deleteContainer;
 
-    ECI_Container_t* previous;
-    ECI_Container_t* container = clapiFindContainer(channel, name, &previous);
+    ECI_Container_t* container = clapiFindContainer(channel, name);
     if (container == nullptr) {
         TRACE(at::notFound, name, channel->name);
         return QPX_ERR_SYSTEM_ERROR;
     }
-    bool wasCurrent = clapiUnlinkContainer(channel, container, previous);
+    const ECI_Container_t* previous = container->previousCont;
+    bool wasCurrent = clapiUnlinkContainer(channel, container);
     if (wasCurrent && previous != nullptr)
         TRACE(at::current, previous->name);
     else if (wasCurrent)
@@ -397,8 +397,7 @@ static int readModifiedData(SocketBuffer* sockBuffer, ECI_Channel_t* channel,
 {
     namespace at = tp::modifyContainer;
 
-    ECI_Container_t* previous;
-    ECI_Container_t* container = clapiFindContainer(channel, tempCont->name, &previous);
+    ECI_Container_t* container = clapiFindContainer(channel, tempCont->name);
     if (container == nullptr) {
         TRACE(at::notFound, tempCont->name, channel->name);
         return QPX_ERR_SYSTEM_ERROR;

@@ -397,13 +397,30 @@ int unlockChannel(ECI_ChannelToken_t chanTok)
     return rc;
 }
 
-/* As unlockChannel, for a deletion that holds the channel and has taken it out of the set. */
-static int unlockForgotten(ECI_Channel_t* channel)
+/* The serLock of a channel that the call itself holds, whose record is there until it lets go. Only
+ * one that has been deleted meanwhile is looked up. */
+static int requestOwnSerLock(ECI_Channel_t* channel)
+{
+    int rc = clapiRequestLock(&channel->serLock);
+    if (rc != 0 || channel->deleted == 0) return rc;
+    clapiReleaseLock(&channel->serLock);
+    return requestHeldSerLock(channel);
+}
+
+/* The serLock of a channel that a deletion holds and has taken out of the set. */
+static int requestForgottenSerLock(ECI_Channel_t* channel)
+{
+    return clapiRequestLock(&channel->serLock);
+}
+
+/* As unlockChannel, for a caller who knows that there is a channel. */
+template <int (*requestItsSerLock)(ECI_Channel_t*)>
+static int unlockKnown(ECI_Channel_t* channel)
 {
     namespace at = tp::unlockChannel;
 
     TRACE(at::entry, channel);
-    int rc = releaseChannel(channel, clapiRequestLock(&channel->serLock));
+    int rc = releaseChannel(channel, requestItsSerLock(channel));
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }
@@ -725,7 +742,7 @@ static int finishDeletion(ECI_Channel_t* channel)
 
     refuseWaiters(channel);
     int rc = ECI_NO_ERROR;
-    if (unlockForgotten(channel) != ECI_NO_ERROR) {
+    if (unlockKnown<requestForgottenSerLock>(channel) != ECI_NO_ERROR) {
         TRACE(at::notUnlocked);
         letGo(channel); // nobody is left asleep
         rc = ECI_ERR_SYSTEM_ERROR;
@@ -945,7 +962,7 @@ static int whileHolding(ECI_ChannelToken_t chanTok, Operation operation)
     if (rc != ECI_NO_ERROR) return rc;
 
     rc = operation();
-    if (unlockChannel(chanTok) == ECI_NO_ERROR) return rc;
+    if (unlockKnown<requestOwnSerLock>(chanTok) == ECI_NO_ERROR) return rc;
     TRACE(notUnlocked);
     return firstFailure(rc, ECI_ERR_SYSTEM_ERROR);
 }

@@ -146,6 +146,20 @@ TEST_F(DeletedChannel, IsChangedByNobodyWhenTheReceiverAddsToIt)
     expectClosable();
 }
 
+TEST_F(DeletedChannel, IsLetGoByTheCallThatIsCreatingAContainerInIt)
+{
+    Hold linked(SchedulePoint::containerLinked, channel);
+    auto creating = callInThread(
+        [this] { return ECI_createContainer(channel, "TWO", ECI_BIT, 0, "data", 4); });
+    linked.awaitArrival();
+    replaceAll();
+
+    linked.release();
+
+    EXPECT_RC(ECI_ERR_SYSTEM_ERROR, creating.get());
+    expectFreshUntouched();
+}
+
 // ---- Others delete, create and dump ----
 
 TEST_F(DeletedChannel, IsNotDeletedOnceMoreByADeletionThatHasItAlready)

@@ -97,9 +97,10 @@ typedef struct _formatString {
 } formatStringType;
 
 extern Clapilock traceLock;
-extern std::atomic<int> clientAPITrace; // the trace level; changed under traceLock
-extern FILE* clientAPITraceHandle;      // changed under traceLock, as all that follow
-extern char* clientAPITraceFilename;    // TraceDestination gives a copy
+// The trace level; changed under traceLock. Looked at everywhere, and so without a detour.
+__attribute__((visibility("hidden"))) extern std::atomic<int> clientAPITrace;
+extern FILE* clientAPITraceHandle;   // changed under traceLock, as all that follow
+extern char* clientAPITraceFilename; // TraceDestination gives a copy
 extern const char* const defaultTraceFilename;
 extern int traceHeaderWrite;
 extern std::atomic<size_t> clientAPIDataTrunc;
@@ -254,7 +255,7 @@ private:
 
 inline bool clapiTraces(const TracePoint& point)
 {
-    return clientAPITrace.load(std::memory_order_relaxed) >= point.level;
+    return __builtin_expect(clientAPITrace.load(std::memory_order_relaxed) >= point.level, 0) != 0;
 }
 
 /* Only seen by the compiler, which checks the arguments against the text. */
@@ -263,61 +264,70 @@ __attribute__((format(printf, 1, 2))) inline void clapiCheckFormat(const char*, 
 /* Writes to the destination without the line prefix. Locks: traceLock held. */
 __attribute__((format(printf, 1, 2))) void clapiTracePrint(const char* format, ...);
 
-/* Writes a line that is prepared, and behind it the dump of a block, unless that is null or empty,
- * as a whole. */
-__attribute__((format(printf, 2, 3))) void clapiWriteLine(const DumpBlock* block,
-                                                          const char* format, ...);
+/* What stands in front of a line's message. */
+struct LinePrefix {
+    const char* stamp;
+    unsigned int pid;
+    unsigned int tid;
+    int number;
+    const char* type;
+};
 
-/* Fills the shared scratch for a line and returns its format. Locks: traceLock held. */
-const char* clapiPrepareLine(const TracePoint& point);
+/* Writes a line, and behind it the dump of a block, unless that is null or empty, as a whole. */
+__attribute__((format(printf, 3, 4))) void
+clapiWriteLine(const DumpBlock* block, const LinePrefix& prefix, const char* message, ...);
+
+/* Fills the shared scratch for a line and returns its prefix, whose stamp stands there. Locks:
+ * traceLock held. */
+LinePrefix clapiPrepareLine(const TracePoint& point);
 
 /* The scratch of a line that is written without traceLock. */
 struct UnlockedLine {
     explicit UnlockedLine(const TracePoint& point);
-    const char* format() const { return reinterpret_cast<const char*>(&formatString); }
 
-    formatStringType formatString;
+    formatStringType format;
     char stamp[sizeof timeStamp];
-    unsigned int pid;
-    unsigned int tid;
+    LinePrefix prefix;
 };
 
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 #pragma GCC diagnostic ignored "-Wformat-security"
 
+/* The functions of lines are kept away from the code that would write them: nearly always it
+ * does not. */
+
 template <typename... Args>
-void clapiTraceUnlocked(const TracePoint& point, Args... args)
+[[gnu::cold, gnu::noinline]] void clapiTraceUnlocked(const TracePoint& point, Args... args)
 {
     int errnoBefore = errno;
     UnlockedLine line(point);
-    clapiWriteLine(nullptr, line.format(), line.stamp, line.pid, line.tid, point.number, point.type,
-                   args...);
+    clapiWriteLine(nullptr, line.prefix, line.format.msg, args...);
     errno = errnoBefore;
 }
 
 /* The line, and behind it the dump of a block, if there is one. */
 template <typename... Args>
-void clapiTraceWithDump(const TracePoint& point, const DumpBlock* block, Args... args)
+[[gnu::cold]] void clapiTraceWithDump(const TracePoint& point, const DumpBlock* block, Args... args)
 {
     TraceHold hold;
     if (!hold.held()) {
         clapiTraceUnlocked(point, args...);
         return;
     }
-    const char* format = clapiPrepareLine(point);
-    clapiWriteLine(block, format, timeStamp, static_cast<unsigned int>(tracePid),
-                   static_cast<unsigned int>(iTid), point.number, point.type, args...);
+    LinePrefix prefix = clapiPrepareLine(point);
+    clapiWriteLine(block, prefix, traceFmtStr.msg, args...);
 }
 
 template <typename... Args>
-void clapiTraceLine(const TracePoint& point, Args... args)
+[[gnu::cold, gnu::noinline]] void clapiTraceLine(const TracePoint& point, Args... args)
 {
     clapiTraceWithDump(point, nullptr, args...);
 }
 
 template <typename... Args>
-void clapiTraceData(const TracePoint& point, const DumpBlock& block, Args... args)
+[[gnu::cold, gnu::noinline]] void clapiTraceData(const TracePoint& point, const DumpBlock& block,
+                                                 Args... args)
 {
     clapiTraceWithDump(point, &block, args...);
 }

@@ -16,9 +16,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <iterator>
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include "qpxclient.h"
@@ -43,21 +45,77 @@ static const char LINE_PREFIX[] = "%s [0x%8.8X,0x%8.8X] [%4.4d] %-6.6s ";
 static_assert(sizeof LINE_PREFIX - 1 == offsetof(formatStringType, msg),
               "the line format's fields must be adjacent");
 
+/* The same as it reads in a line, but for the message. */
+struct PrefixText {
+    char stamp[21];
+    char beforePid[4] = {' ', '[', '0', 'x'};
+    char pid[8];
+    char beforeTid[3] = {',', '0', 'x'};
+    char tid[8];
+    char beforeNumber[3] = {']', ' ', '['};
+    char number[4]; // no trace point has more digits
+    char beforeType[2] = {']', ' '};
+    char type[7] = {' ', ' ', ' ', ' ', ' ', ' ', ' '};
+};
+
 /* ---- Time, process and thread ---- */
 
 // The year of two digits is the trace's form.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-y2k"
 
+/* The part of a time stamp in front of its milliseconds, "dd/mm/yy hh:mm:ss:". */
+constexpr size_t SECONDS_LENGTH = 18;
+constexpr size_t MILLISECOND_DIGITS = 3;
+
+static void putSeconds(char* stamp, const timespec& now)
+{
+    tm local = {};
+    localtime_r(&now.tv_sec, &local);
+    strftime(stamp, sizeof timeStamp, "%d/%m/%y %H:%M:%S:", &local);
+}
+
+/* Writes the last digits of a number, as many as there is room for, in front of end. */
+static void putDigits(char* begin, char* end, unsigned int number, unsigned int base)
+{
+    while (end != begin) {
+        end -= 1;
+        *end = "0123456789ABCDEF"[number % base];
+        number /= base;
+    }
+}
+
+static void putMilliseconds(char* stamp, const timespec& now)
+{
+    char* begin = stamp + SECONDS_LENGTH;
+    char* end = begin + MILLISECOND_DIGITS;
+    putDigits(begin, end, static_cast<unsigned int>(now.tv_nsec / 1000000), 10);
+    *end = '\0';
+}
+
 void clapiGetTimestamp(char* MsgBuf)
 {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
-    tm local = {};
-    localtime_r(&now.tv_sec, &local);
-    size_t length = strftime(MsgBuf, sizeof timeStamp, "%d/%m/%y %H:%M:%S:", &local);
-    snprintf(MsgBuf + length, sizeof timeStamp - length, "%.3d",
-             static_cast<int>(now.tv_nsec / 1000000));
+    putSeconds(MsgBuf, now);
+    putMilliseconds(MsgBuf, now);
+}
+
+/* As clapiGetTimestamp for the line's own stamp, whose seconds are made anew only once they have
+ * passed, or the time zone is another. Locks: traceLock held. */
+static void stampLine()
+{
+    static time_t stampedSecond = -1;
+    static long stampedZone;
+
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (now.tv_sec != stampedSecond || timezone != stampedZone) {
+        putSeconds(timeStamp, now);
+        stampedSecond = now.tv_sec;
+        stampedZone = timezone;
+    }
+    putMilliseconds(timeStamp, now);
 }
 
 void clapiGetDate(char* msgBuf)
@@ -71,9 +129,38 @@ void clapiGetDate(char* msgBuf)
 
 #pragma GCC diagnostic pop
 
+/*
+ * The id of this process, on a page that a fork of any kind empties in the child: to ask for it costs
+ * as much as all else in a line of the trace. Null where there is no such page.
+ */
+static std::atomic<ProcessId>* keptPid = nullptr;
+
+static void providePid()
+{
+    if (keptPid != nullptr) return;
+    size_t size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void* page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (page == MAP_FAILED) return;
+    if (madvise(page, size, MADV_WIPEONFORK) == 0)
+        keptPid = static_cast<std::atomic<ProcessId>*>(page);
+    else
+        munmap(page, size);
+}
+
+static ProcessId processId()
+{
+    if (keptPid == nullptr) return getpid();
+    ProcessId pid = keptPid->load(std::memory_order_relaxed);
+    if (pid == 0) {
+        pid = getpid();
+        keptPid->store(pid, std::memory_order_relaxed);
+    }
+    return pid;
+}
+
 void clapiGetPidTid(ProcessId* Pid, ThreadId* Tid)
 {
-    if (Pid != nullptr) *Pid = getpid();
+    if (Pid != nullptr) *Pid = processId();
     if (Tid != nullptr) *Tid = pthread_self();
 }
 
@@ -139,6 +226,7 @@ public:
     __attribute__((format(printf, 2, 3))) void print(const char* format, ...);
     void printArgs(const char* format, va_list args);
     void put(char character);
+    void putPrefix(const LinePrefix& prefix);
     void makeRoom(size_t room); // so that so many characters leave as one piece
 
 private:
@@ -294,6 +382,7 @@ int clapiInitTrace(void)
     {
         DestinationHold hold;
         clientAPITraceHandle = stderr;
+        providePid();
     }
     int lockRc = clapiInitializeLock(&traceLock);
     // Deliberate: no name is made here, for a lock that exists already is a trace that exists
@@ -616,33 +705,50 @@ static void fillFormat(formatStringType* format, const TracePoint& point)
     format->msg[length] = '\0';
 }
 
-const char* clapiPrepareLine(const TracePoint& point)
+LinePrefix clapiPrepareLine(const TracePoint& point)
 {
     fillFormat(&traceFmtStr, point);
-    clapiGetTimestamp(timeStamp);
+    stampLine();
     clapiGetPidTid(&tracePid, &traceTid);
     iTid = static_cast<int>(traceTid);
-    return reinterpret_cast<const char*>(&traceFmtStr);
+    return LinePrefix{timeStamp, static_cast<unsigned int>(tracePid),
+                      static_cast<unsigned int>(iTid), point.number, point.type};
 }
 
 UnlockedLine::UnlockedLine(const TracePoint& point)
 {
-    fillFormat(&formatString, point);
+    fillFormat(&format, point);
     clapiGetTimestamp(stamp);
     ProcessId process;
     ThreadId thread;
     clapiGetPidTid(&process, &thread);
-    pid = static_cast<unsigned int>(process);
-    tid = static_cast<unsigned int>(thread);
+    prefix = LinePrefix{stamp, static_cast<unsigned int>(process),
+                        static_cast<unsigned int>(thread), point.number, point.type};
 }
 
-void clapiWriteLine(const DumpBlock* block, const char* format, ...)
+/* What LINE_PREFIX says, put together without the time that reading a format takes. */
+void Output::putPrefix(const LinePrefix& prefix)
+{
+    PrefixText text;
+    memcpy(text.stamp, prefix.stamp, sizeof text.stamp);
+    putDigits(text.pid, std::end(text.pid), prefix.pid, 16);
+    putDigits(text.tid, std::end(text.tid), prefix.tid, 16);
+    putDigits(text.number, std::end(text.number), static_cast<unsigned int>(prefix.number), 10);
+    memcpy(text.type, prefix.type, strnlen(prefix.type, sizeof text.type - 1)); // and a blank
+
+    makeRoom(sizeof text);
+    memcpy(pending + pendingSize, &text, sizeof text);
+    pendingSize += sizeof text;
+}
+
+void clapiWriteLine(const DumpBlock* block, const LinePrefix& prefix, const char* message, ...)
 {
     va_list args;
-    va_start(args, format);
+    va_start(args, message);
     DestinationHold hold;
     Output output;
-    output.printArgs(format, args);
+    output.putPrefix(prefix);
+    output.printArgs(message, args);
     if (block != nullptr && block->length != 0)
         putDump(output, *block, STOPWORD, DUMP_WIDTH, DUMP_TRANSLATE);
     va_end(args);

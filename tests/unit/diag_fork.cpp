@@ -1,9 +1,11 @@
 // The trace over a fork: both processes go on tracing, whatever other threads were about.
 
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <string>
 #include <vector>
 
@@ -84,4 +86,31 @@ TEST(TraceFork, HasNothingToHoldBeforeTheFirstCall)
     EXPECT_RC(0, clapiInit());
     EXPECT_EQ(0, clapiRequestLock(&traceLock));
     EXPECT_EQ(0, clapiReleaseLock(&traceLock));
+}
+
+// The id of a process is kept for its lines. A fork that the C library knows nothing of runs none of
+// the handlers that could forget it.
+TEST(TraceFork, ShowsTheChildsOwnIdAfterEveryKindOfFork)
+{
+    EXPECT_RC(0, clapiInit());
+    ProcessId before = 0;
+    clapiGetPidTid(&before, nullptr);
+    ASSERT_EQ(getpid(), before);
+
+    auto childIsItself = [] {
+        ProcessId pid = 0;
+        clapiGetPidTid(&pid, nullptr);
+        return pid == static_cast<ProcessId>(syscall(SYS_getpid)) ? 0 : 1;
+    };
+    auto forkByTheCLibrary = [] { return fork(); };
+    auto forkByTheKernelAlone = [] {
+        return static_cast<pid_t>(syscall(SYS_clone, SIGCHLD, 0, 0, 0, 0));
+    };
+    for (pid_t (*makeChild)() : {+forkByTheCLibrary, +forkByTheKernelAlone}) {
+        pid_t child = makeChild();
+        if (child == 0) endChild(childIsItself());
+        int status = -1;
+        ASSERT_EQ(child, waitpid(child, &status, 0));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    }
 }

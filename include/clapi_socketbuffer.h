@@ -55,6 +55,7 @@ typedef struct _SocketBuffer {
     size_t count;       // writing: bytes staged; reading: bytes unread
     size_t totalCount;  // bytes of the message not yet sent, or not yet taken from the socket
     MaskArea* maskArea; // the most recently staged secret field, owned
+    int mayHoldSecret;  // the storage is to be overwritten before it is freed
     int maskLost;       // a secret field is staged that could not be recorded in maskArea
     size_t sentCount;   // writing: bytes of the flow that have left
     ReadAhead* ahead;   // reading: what the bytes come from; null: from the socket. Not owned
@@ -64,8 +65,8 @@ typedef struct _SocketBuffer {
 int initWriteBuffer(SocketBuffer* sockBuffer, Socket socketDesc, size_t dataLen);
 int initReadBuffer(SocketBuffer* sockBuffer, Socket socketDesc, size_t dataLen);
 
-/* Overwrites the storage, gives it back and zeroes the record: 0, or QPX_ERR_SYSTEM_ERROR if
- * there was none. */
+/* Overwrites the storage if it may hold a secret, gives it back and zeroes the record: 0, or
+ * QPX_ERR_SYSTEM_ERROR if there was none. */
 int freeBuffer(SocketBuffer* sockBuffer);
 
 /* As freeBuffer, without a result or a trace; for a record without storage, too. */

@@ -27,11 +27,11 @@ constexpr size_t SCRUBBED_BYTES = 4;
 
 /* ---- Setting up and giving back ---- */
 
-/* The storage may hold a secret and is overwritten first. */
+/* What may hold a secret is overwritten first. */
 static void freeStorage(SocketBuffer* sockBuffer)
 {
     if (sockBuffer->buffer == nullptr) return;
-    explicit_bzero(sockBuffer->buffer, sockBuffer->bufferSize);
+    if (sockBuffer->mayHoldSecret != 0) explicit_bzero(sockBuffer->buffer, sockBuffer->bufferSize);
     free(sockBuffer->buffer);
 }
 
@@ -56,12 +56,14 @@ static void bindToMessage(SocketBuffer* sockBuffer, Socket socketDesc, size_t da
 {
     char* storage = sockBuffer->buffer;
     size_t size = sockBuffer->bufferSize;
+    int mayHoldSecret = sockBuffer->mayHoldSecret;
     ReadAhead* ahead = sockBuffer->ahead;
     *sockBuffer = SocketBuffer{};
     sockBuffer->ahead = ahead;
     memcpy(sockBuffer->eyecatcher, EYECATCHER, sizeof sockBuffer->eyecatcher);
     sockBuffer->buffer = storage;
     sockBuffer->bufferSize = size;
+    sockBuffer->mayHoldSecret = mayHoldSecret;
     sockBuffer->socketDesc = socketDesc;
     sockBuffer->totalCount = dataLen;
 }
@@ -98,6 +100,7 @@ int initReadBuffer(SocketBuffer* sockBuffer, Socket socketDesc, size_t dataLen)
 
     TRACE(at::entry, sockBuffer, traceSocket(socketDesc), traceSize(dataLen));
     int rc = initBuffer<at::reused, at::allocated, at::noMemory>(sockBuffer, socketDesc, dataLen);
+    sockBuffer->mayHoldSecret = 1; // whatever comes
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }
@@ -393,14 +396,20 @@ int flushBuffer(SocketBuffer* sockBuffer)
     return rc;
 }
 
+/* Sends what is staged, for what comes next does not fit behind it. What is shown of that stands in
+ * the line. */
+template <const TracePoint& noSpace, typename Shown>
+[[gnu::cold, gnu::noinline]] static int makeRoom(SocketBuffer* sockBuffer, Shown shown)
+{
+    TRACE(noSpace, sockBuffer, shown);
+    return flushBuffer(sockBuffer);
+}
+
 void writeByte(SocketBuffer* sockBuffer, char value)
 {
     namespace at = tp::writeByte;
 
-    if (!hasRoom(sockBuffer, sizeof value)) {
-        TRACE(at::noSpace, sockBuffer, value);
-        flushBuffer(sockBuffer);
-    }
+    if (!hasRoom(sockBuffer, sizeof value)) makeRoom<at::noSpace>(sockBuffer, value);
     stageValue(sockBuffer, &value, sizeof value);
 }
 
@@ -408,10 +417,7 @@ void writeShort(SocketBuffer* sockBuffer, short value)
 {
     namespace at = tp::writeShort;
 
-    if (!hasRoom(sockBuffer, sizeof value)) {
-        TRACE(at::noSpace, sockBuffer, value);
-        flushBuffer(sockBuffer);
-    }
+    if (!hasRoom(sockBuffer, sizeof value)) makeRoom<at::noSpace>(sockBuffer, value);
     uint16_t wireValue = htons(static_cast<uint16_t>(value));
     stageValue(sockBuffer, &wireValue, sizeof wireValue);
 }
@@ -420,10 +426,7 @@ void writeInt(SocketBuffer* sockBuffer, int value)
 {
     namespace at = tp::writeInt;
 
-    if (!hasRoom(sockBuffer, sizeof value)) {
-        TRACE(at::noSpace, sockBuffer, value);
-        flushBuffer(sockBuffer);
-    }
+    if (!hasRoom(sockBuffer, sizeof value)) makeRoom<at::noSpace>(sockBuffer, value);
     uint32_t wireValue = htonl(static_cast<uint32_t>(value));
     stageValue(sockBuffer, &wireValue, sizeof wireValue);
 }
@@ -449,8 +452,7 @@ static void stageOrSend(SocketBuffer* sockBuffer, const char* data, size_t dataL
     namespace at = tp::writeBytes;
 
     if (!hasRoom(sockBuffer, dataLen)) {
-        TRACE(at::noSpace, sockBuffer, traceSize(dataLen));
-        if (flushBuffer(sockBuffer) != QPX_OK) return;
+        if (makeRoom<at::noSpace>(sockBuffer, traceSize(dataLen)) != QPX_OK) return;
     }
     if (dataLen == 0) return;
     // Deliberate: where no flush was needed, an earlier error is not looked at. What is staged
@@ -474,10 +476,7 @@ void writePaddedBytes(SocketBuffer* sockBuffer, const char* data, size_t dataLen
 {
     namespace at = tp::writePaddedBytes;
 
-    if (!hasRoom(sockBuffer, totalLen)) {
-        TRACE(at::noSpace, sockBuffer, traceSize(totalLen));
-        flushBuffer(sockBuffer);
-    }
+    if (!hasRoom(sockBuffer, totalLen)) makeRoom<at::noSpace>(sockBuffer, traceSize(totalLen));
     if (sockBuffer->socketErr != 0 || !hasRoom(sockBuffer, totalLen)) return;
 
     size_t used = std::min(dataLen, totalLen);
@@ -491,6 +490,7 @@ void writePaddedBytes(SocketBuffer* sockBuffer, const char* data, size_t dataLen
 /* Records that the next length bytes of the buffer are secret. */
 static void recordSecret(SocketBuffer* sockBuffer, size_t length)
 {
+    sockBuffer->mayHoldSecret = 1;
     MaskArea* item = static_cast<MaskArea*>(malloc(sizeof(MaskArea) + length));
     if (item == nullptr) {
         sockBuffer->maskLost = 1;
@@ -517,10 +517,7 @@ void writeBytesMasked(SocketBuffer* sockBuffer, const char* data, size_t dataLen
 {
     namespace at = tp::writeBytesMasked;
 
-    if (!hasRoom(sockBuffer, dataLen)) {
-        TRACE(at::noSpace, sockBuffer, traceSize(dataLen));
-        flushBuffer(sockBuffer);
-    }
+    if (!hasRoom(sockBuffer, dataLen)) makeRoom<at::noSpace>(sockBuffer, traceSize(dataLen));
     // A secret longer than the buffer leaves in pieces.
     size_t written = 0;
     while (written < dataLen && sockBuffer->socketErr == 0 && sockBuffer->bufferSize != 0) {
@@ -541,10 +538,7 @@ void writePaddedBytesMasked(SocketBuffer* sockBuffer, const char* data, size_t d
 {
     namespace at = tp::writePaddedBytesMasked;
 
-    if (!hasRoom(sockBuffer, totalLen)) {
-        TRACE(at::noSpace, sockBuffer, traceSize(totalLen));
-        flushBuffer(sockBuffer);
-    }
+    if (!hasRoom(sockBuffer, totalLen)) makeRoom<at::noSpace>(sockBuffer, traceSize(totalLen));
     if (sockBuffer->socketErr != 0 || !hasRoom(sockBuffer, totalLen)) return;
 
     recordSecret(sockBuffer, totalLen);
@@ -619,6 +613,14 @@ static void take(SocketBuffer* sockBuffer, void* data, size_t dataLen)
     sockBuffer->count -= dataLen;
 }
 
+/* Fills the buffer, for it does not hold the whole value that comes next. */
+template <const TracePoint& needMore>
+[[gnu::noinline]] static void fetchValue(SocketBuffer* sockBuffer)
+{
+    TRACE(needMore, sockBuffer);
+    fillBuffer(sockBuffer);
+}
+
 /* Takes a value that a fill should have made complete. A message too short for it is broken. */
 static bool takeValue(SocketBuffer* sockBuffer, void* value, size_t width)
 {
@@ -636,10 +638,7 @@ char readByte(SocketBuffer* sockBuffer)
     namespace at = tp::readByte;
 
     char value;
-    if (sockBuffer->count < sizeof value) {
-        TRACE(at::needMore, sockBuffer);
-        fillBuffer(sockBuffer);
-    }
+    if (sockBuffer->count < sizeof value) fetchValue<at::needMore>(sockBuffer);
     return takeValue(sockBuffer, &value, sizeof value) ? value : static_cast<char>(0);
 }
 
@@ -648,10 +647,7 @@ short readShort(SocketBuffer* sockBuffer)
     namespace at = tp::readShort;
 
     uint16_t wireValue;
-    if (sockBuffer->count < sizeof wireValue) {
-        TRACE(at::needMore, sockBuffer);
-        fillBuffer(sockBuffer);
-    }
+    if (sockBuffer->count < sizeof wireValue) fetchValue<at::needMore>(sockBuffer);
     if (!takeValue(sockBuffer, &wireValue, sizeof wireValue)) return 0;
     return static_cast<short>(ntohs(wireValue));
 }
@@ -661,10 +657,7 @@ int readInt(SocketBuffer* sockBuffer)
     namespace at = tp::readInt;
 
     uint32_t wireValue;
-    if (sockBuffer->count < sizeof wireValue) {
-        TRACE(at::needMore, sockBuffer);
-        fillBuffer(sockBuffer);
-    }
+    if (sockBuffer->count < sizeof wireValue) fetchValue<at::needMore>(sockBuffer);
     if (!takeValue(sockBuffer, &wireValue, sizeof wireValue)) return 0;
     return static_cast<int>(ntohl(wireValue));
 }

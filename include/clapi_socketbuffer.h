@@ -73,8 +73,8 @@ int freeBuffer(SocketBuffer* sockBuffer);
 void wipeBuffer(SocketBuffer* sockBuffer);
 
 /* Waits until the socket is readable, at most timeout seconds (0 = no limit): 0,
- * QPX_ERR_LOSTGWCON or QPX_ERR_CONNECTTIMEOUT. Without a limit, and with a read-ahead, it takes what
- * comes, and leaves an end or a failure to whoever reads next. */
+ * QPX_ERR_LOSTGWCON or QPX_ERR_CONNECTTIMEOUT. Without a limit, and with a read-ahead, it takes
+ * what comes, and leaves an end or a failure to whoever reads next. */
 int waitForResponse(SocketBuffer* sockBuffer, int timeout);
 
 /* Sends what is staged: 0 or QPX_ERR_LOSTGWCON. A flow that cannot be sent on once a part of it has

@@ -130,8 +130,8 @@ void clapiGetDate(char* msgBuf)
 #pragma GCC diagnostic pop
 
 /*
- * The id of this process, on a page that a fork of any kind empties in the child: to ask for it costs
- * as much as all else in a line of the trace. Null where there is no such page.
+ * The id of this process, on a page that a fork of any kind empties in the child: to ask for it
+ * costs as much as all else in a line of the trace. Null where there is no such page.
  */
 static std::atomic<ProcessId>* keptPid = nullptr;
 

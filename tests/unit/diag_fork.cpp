@@ -88,8 +88,8 @@ TEST(TraceFork, HasNothingToHoldBeforeTheFirstCall)
     EXPECT_EQ(0, clapiReleaseLock(&traceLock));
 }
 
-// The id of a process is kept for its lines. A fork that the C library knows nothing of runs none of
-// the handlers that could forget it.
+// The id of a process is kept for its lines. A fork that the C library knows nothing of runs none
+// of the handlers that could forget it.
 TEST(TraceFork, ShowsTheChildsOwnIdAfterEveryKindOfFork)
 {
     EXPECT_RC(0, clapiInit());

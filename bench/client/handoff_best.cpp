@@ -146,40 +146,52 @@ private:
 
     // ---- The receiving thread ----
 
-    void deliver(const char* flow, std::size_t flowSize)
+    void deliver(std::size_t id)
     {
-        const std::size_t id = intAt(flow + messageIdOffset) - 1;
-        BestSlot& slot = slots_[id];
-        slot.body.assign(flow + callHeaderSize, flow + flowSize);
-        if (slot.collectedLater)
+        if (slots_[id].collectedLater)
             arrived_.push_back(id);
         else
-            slot.gate.open();
+            slots_[id].gate.open();
     }
-    // Delivers every whole flow that is there, and gives how much that was.
-    std::size_t deliverAll(const char* data, std::size_t size)
+    bool readRest(char* data, std::size_t size) const
     {
-        std::size_t done = 0;
-        while (size - done >= callHeaderSize) {
-            const std::size_t flowSize = callHeaderSize + intAt(data + done + callHeaderSize - 4);
-            if (size - done < flowSize) break;
-            deliver(data + done, flowSize);
-            done += flowSize;
+        while (size > 0) {
+            const ssize_t received = recv(socket_, data, size, 0);
+            if (received <= 0) return false;
+            data += received;
+            size -= static_cast<std::size_t>(received);
         }
-        queue_.add(&arrived_);
-        return done;
+        return true;
+    }
+    // Takes a flow whose header is there. What has not come yet of a large one goes past the buffer.
+    bool takeFlow(const char** at, const char* end)
+    {
+        const std::size_t id = intAt(*at + messageIdOffset) - 1;
+        const std::size_t bodySize = intAt(*at + callHeaderSize - 4);
+        *at += callHeaderSize;
+        const std::size_t there = std::min(bodySize, static_cast<std::size_t>(end - *at));
+        std::vector<char>& body = slots_[id].body;
+        body.resize(bodySize);
+        std::memcpy(body.data(), *at, there);
+        *at += there;
+        if (!readRest(body.data() + there, bodySize - there)) return false;
+        deliver(id);
+        return true;
     }
     void receive()
     {
-        std::vector<char> buffer(2 * replySize(32767));
+        char buffer[8 * 1024];
         std::size_t there = 0;
         for (;;) {
-            const ssize_t received = recv(socket_, &buffer[there], buffer.size() - there, 0);
+            const ssize_t received = recv(socket_, buffer + there, sizeof buffer - there, 0);
             if (received <= 0) return;
-            there += static_cast<std::size_t>(received);
-            const std::size_t done = deliverAll(buffer.data(), there);
-            there -= done;
-            if (there > 0) std::memmove(buffer.data(), &buffer[done], there);
+            const char* at = buffer;
+            const char* const end = buffer + there + received;
+            while (end - at >= static_cast<std::ptrdiff_t>(callHeaderSize))
+                if (!takeFlow(&at, end)) return;
+            queue_.add(&arrived_);
+            there = static_cast<std::size_t>(end - at);
+            std::memmove(buffer, at, there);
         }
     }
 

@@ -1,6 +1,6 @@
 """What is measured: rows, and the ratios between them."""
 
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 
 PLACEMENTS = ("one", "free", "apart")
 ONE_ONLY = ("one",)
@@ -11,7 +11,8 @@ RATE = "calls_per_second"
 CPU = "cpu_us_per_call"
 SWITCHES = "switches_per_call"
 MEMORY = "kb_per_connection"
-THROUGHPUT = "gb_per_second"
+SYSTEM_CALLS = "system_calls"
+INSTRUCTIONS = "instructions"
 
 
 @dataclass
@@ -25,6 +26,7 @@ class Row:
     placements: tuple = PLACEMENTS
     of_library: bool = False
     long: bool = False  # left out of a quick run
+    most_rounds: int = 1000  # of what takes minutes
     stack_kb: int = 0  # of the threads, 0 for the usual one
     counted: bool = False  # its system calls and instructions are counted
 
@@ -39,7 +41,17 @@ class Ratio:
     to: str
     wanted: float = None
     hoped: float = None
-    long: bool = field(default=False)
+
+
+@dataclass
+class Limit:
+    """A figure of a row itself, with what is wanted and what is hoped for."""
+
+    title: str
+    figure: str
+    row: str
+    wanted: float
+    hoped: float
 
 
 def _calls(count, **options):
@@ -89,7 +101,8 @@ def _scale_rows():
     for count in (1, 100, 1000, 13000):
         rows.append(Row(f"connections-{count}",
                         _calls(5000, row="connections", connections=count),
-                        stack_kb=64, long=count > 1000))
+                        stack_kb=64, long=count > 1000,
+                        most_rounds=3 if count > 1000 else 1000))
     for count in (1, 16, 1000, 10000):
         rows.append(Row(f"outstanding-{count}",
                         _calls(10000, row="outstanding", outstanding=count), long=count > 1000))
@@ -231,3 +244,13 @@ def ratios():
         Ratio("level 4, p50, to no trace", LATENCY, "trace-4", "trace-0"),
     ]
     return found
+
+
+def limits():
+    return [
+        Limit("system calls a synchronous call", SYSTEM_CALLS, "sync-100-t1", 4.5, 3.5),
+        Limit("context switches a synchronous call", SWITCHES, "sync-100-t1", 2.5, 2.1),
+        Limit("instructions a synchronous call, both threads", INSTRUCTIONS, "sync-100-t1",
+              6000, 4500),
+        Limit("resident kilobytes a connection, of 1,000", MEMORY, "connections-1000", 13, 10),
+    ]

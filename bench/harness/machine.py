@@ -1,5 +1,6 @@
 """The machine: packages that are needed, the build, the CPUs that rows run on."""
 
+import fcntl
 import os
 import platform
 import shutil
@@ -41,6 +42,16 @@ class Build:
     def __init__(self, bits):
         self.folder = os.path.join(TREE, "build", "bench" if bits == 32 else f"bench{bits}")
         self._bits = bits
+        self._lock = None
+
+    def lock(self):
+        """Keeps other runs out of the folder until this process ends."""
+        os.makedirs(self.folder, exist_ok=True)
+        self._lock = open(os.path.join(self.folder, "lock"), "w", encoding="utf-8")
+        try:
+            fcntl.flock(self._lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except BlockingIOError as held:
+            raise Failed("another run has not ended; two would measure each other") from held
 
     def make(self, peers):
         options = ["-DCMAKE_BUILD_TYPE=Release", "-DQPX_BENCH=ON", "-DQPX_GATEWAY=ON",
@@ -58,7 +69,6 @@ class Build:
                             "--target", *targets])
 
     def _log(self, step, command):
-        os.makedirs(self.folder, exist_ok=True)
         path = os.path.join(self.folder, f"{step}.log")
         with open(path, "w", encoding="utf-8") as log:
             done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log,

@@ -84,6 +84,17 @@ def _ratio_lines(results, ratios):
                 yield [title, *map(_range, found), _number(ratio.wanted), _number(ratio.hoped)]
 
 
+def _limit_lines(results, limits):
+    for limit in limits:
+        for subject in results.subjects_of(limit.row):
+            value = results.counted(limit.row, subject, limit.figure)
+            if value is None:
+                value = results.figure("one", limit.row, subject, limit.figure)
+            if value is not None:
+                title = limit.title + (f" [{subject}]" if results.several(limit.row) else "")
+                yield [title, *map(_number, (value, limit.wanted, limit.hoped))]
+
+
 def _library_lines(results, figures):
     """Each library over the first, for every row of the library."""
     for name in results.row_names():
@@ -111,12 +122,16 @@ def _figure_lines(results, placement):
                 yield [name, subject, *map(_number, found)]
 
 
-def _write_table(path, results, ratios, about):
+def _write_table(path, results, ratios, limits, about):
     with open(path, "w", encoding="utf-8") as out:
         out.write("".join(f"{line}\n" for line in about) + "\n")
         out.write("## Ratios\n\nThe median of the ratios of the rounds, and their range.\n\n")
         out.write(_table(["", *results.placements, "wanted", "hoped for"],
                          _ratio_lines(results, ratios)))
+        lines = list(_limit_lines(results, limits))
+        if lines:
+            out.write("On one CPU, the median of the rounds:\n\n")
+            out.write(_table(["", "figure", "wanted", "hoped for"], lines))
         lines = list(_library_lines(results, FIGURES[:5]))
         if lines:
             out.write("## Libraries over the first, on one CPU\n\n")
@@ -136,9 +151,9 @@ def _write_raw(path, results):
         writer.writerows(raw)
 
 
-def write(folder, results, ratios, about):
+def write(folder, results, ratios, limits, about):
     """Writes table.md, raw.csv and picture.png."""
     os.makedirs(folder, exist_ok=True)
-    _write_table(os.path.join(folder, "table.md"), results, ratios, about)
+    _write_table(os.path.join(folder, "table.md"), results, ratios, limits, about)
     _write_raw(os.path.join(folder, "raw.csv"), results)
     draw(folder, results)

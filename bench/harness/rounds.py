@@ -36,7 +36,8 @@ class Progress:
         self._done += 1
         taken = time.monotonic() - self._begun
         left = taken / self._done * (self._total - self._done)
-        text = f"{part}: {row} ({self._done}/{self._total}, {left // 60:.0f}:{left % 60:02.0f} left)"
+        time_left = f"{int(left) // 60}:{int(left) % 60:02}"
+        text = f"{part}: {row} ({self._done} of {self._total}, {time_left} left)"
         if self._watched:
             sys.stderr.write(f"\r\033[K{text}")
         elif part != self._part:
@@ -79,24 +80,26 @@ class Rounds:
 
     def run(self, rounds, placements):
         placements = [placement for placement in placements if cpus_of(placement)]
-        progress = Progress(rounds * sum(self._count(placement) for placement in placements))
+        progress = Progress(sum(self._count(number, placement)
+                                for number in range(rounds) for placement in placements))
         for number in range(rounds):
             for placement in placements:
                 self._run_part(number, placement, rounds, progress)
         progress.end()
 
-    def _count(self, placement):
-        return sum(len(self._subjects.of(row)) for row in self.rows
-                   if placement in row.placements)
+    def _rows_of(self, number, placement):
+        return [row for row in self.rows
+                if placement in row.placements and number < row.most_rounds]
+
+    def _count(self, number, placement):
+        return sum(len(self._subjects.of(row)) for row in self._rows_of(number, placement))
 
     def _run_part(self, number, placement, rounds, progress):
         client_cpus, server_cpus = cpus_of(placement)
         self._servers.move_to(server_cpus)
         # Every other round runs backwards, so that nobody is always the first.
-        rows = self.rows if number % 2 == 0 else list(reversed(self.rows))
-        for row in rows:
-            if placement not in row.placements:
-                continue
+        rows = self._rows_of(number, placement)
+        for row in rows if number % 2 == 0 else reversed(rows):
             subjects = self._subjects.of(row)
             for subject in subjects if number % 2 == 0 else reversed(subjects):
                 progress.next(f"round {number + 1} of {rounds}, {placement}", row.name)

@@ -163,7 +163,7 @@ private:
         }
         return true;
     }
-    // Takes a flow whose header is there. What has not come yet of a large one goes past the buffer.
+    // Takes a flow whose header is there. What has not come yet of it goes past the buffer.
     bool takeFlow(const char** at, const char* end)
     {
         const std::size_t id = intAt(*at + messageIdOffset) - 1;

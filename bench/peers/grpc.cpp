@@ -1,5 +1,5 @@
-// The peer gRPC: a unary call that echoes its bytes, over one channel that threads share; its server
-// is this program started with --serve. A window is calls through a completion queue.
+// The peer gRPC: a unary call that echoes its bytes, over one channel that threads share. Its
+// server is this program started with --serve. A window is calls through a completion queue.
 
 #include "../common/measure.h"
 #include "../common/sockets.h"

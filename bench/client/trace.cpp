@@ -49,9 +49,13 @@ Figures measureTraced(const Options& options, int level)
     return figures;
 }
 
-std::uint32_t dividedOver(double lines, std::uint32_t nanoseconds, double without)
+// Makes figures of calls figures of lines, without what a call takes besides.
+void divideOverLines(double lines, double without, Figures* figures)
 {
-    return static_cast<std::uint32_t>((std::max(0.0, nanoseconds - without)) / lines);
+    for (std::uint32_t& taken : figures->nanoseconds)
+        taken = static_cast<std::uint32_t>(std::max(0.0, taken - without) / lines);
+    figures->calls *= lines;
+    figures->linesPerCall = lines;
 }
 
 } // namespace
@@ -61,10 +65,8 @@ Figures traceLineRow(const Options& options)
     constexpr int sample = 10;
     const double lines = static_cast<double>(linesOf(options, sample).size()) / sample;
     const Figures untraced = measureTraced(options, 0);
-    const double without = untraced.seconds * 1e9 / untraced.calls;
     Figures figures = measureTraced(options, entriesAndExits);
-    for (std::uint32_t& taken : figures.nanoseconds) taken = dividedOver(lines, taken, without);
-    figures.linesPerCall = lines;
+    divideOverLines(lines, untraced.seconds * 1e9 / untraced.calls, &figures);
     return figures;
 }
 
@@ -82,9 +84,7 @@ Figures printLineRow(const Options& options)
         };
     });
     std::fclose(file);
-    figures.linesPerCall = static_cast<double>(lines.size());
-    for (std::uint32_t& taken : figures.nanoseconds)
-        taken = dividedOver(figures.linesPerCall, taken, 0);
+    divideOverLines(static_cast<double>(lines.size()), 0, &figures);
     return figures;
 }
 

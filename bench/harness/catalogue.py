@@ -21,6 +21,7 @@ class Row:
 
     name: str
     options: dict
+    block: str = ""  # of rows that are compared, and so run close together
     program: str = "qpxbench"
     server: str = "answering"
     placements: tuple = PLACEMENTS
@@ -62,14 +63,13 @@ def _core_rows():
     """The library beside the floor and the hand-off, by size and threads."""
     rows = []
     for size, thread_counts in ((100, (1, 2, 4, 16)), (32000, (1, 4))):
-        calls = 20000 if size == 100 else 10000
-        rows.append(Row(f"floor-{size}", _calls(calls, row="floor", size=size),
+        rows.append(Row(f"floor-{size}", _calls(10000, row="floor", size=size), f"{size}-t1",
                         counted=size == 100))
         for threads in thread_counts:
             for subject in ("handoff", "handoff-best", "sync"):
                 rows.append(Row(f"{subject}-{size}-t{threads}",
-                                _calls(calls, row=subject, size=size, threads=threads),
-                                of_library=subject == "sync", counted=threads == 1))
+                                _calls(10000, row=subject, size=size, threads=threads),
+                                f"{size}-t{threads}", of_library=subject == "sync", counted=threads == 1))
     return rows
 
 
@@ -77,19 +77,21 @@ def _window_rows():
     rows = []
     for window in (16, 64, 256, 1024):
         for subject in ("handoff-window", "handoff-best-window", "async"):
-            rows.append(Row(f"{subject}-{window}", _calls(30000, row=subject, window=window),
-                            of_library=subject == "async", counted=window == 256))
+            rows.append(Row(f"{subject}-{window}", _calls(20000, row=subject, window=window),
+                            f"window-{window}", of_library=subject == "async", counted=window == 256))
     return rows
 
 
 def _call_rows():
     """Other calls of the library, and the stand-in as the server."""
-    rows = [Row("stand-in", _calls(3000, row="sync"), server="stand-in"),
-            Row("password", _calls(15000, row="password"))]
-    for containers, calls in ((1, 15000), (10, 10000)):
+    rows = [Row("stand-in", _calls(5000, row="sync"), "100-t1", server="stand-in"),
+            Row("password", _calls(10000, row="password"), "100-t1")]
+    for containers in (1, 10):
         rows.append(Row(f"channel-{containers}",
-                        _calls(calls, row="channel", containers=containers), counted=True))
-    rows.append(Row("sync-100-t4-c4", _calls(20000, row="sync", threads=4, connections=4)))
+                        _calls(10000, row="channel", containers=containers), "100-t1",
+                        counted=True))
+    rows.append(Row("sync-100-t4-c4", _calls(10000, row="sync", threads=4, connections=4),
+                    "100-t4"))
     for row in rows:
         row.of_library = True
     return rows
@@ -141,24 +143,27 @@ def _peer_rows():
     rows = []
 
     def add(peer, server, name, calls, **options):
-        rows.append(Row(f"{peer}-{name}", _calls(calls, **options), program=f"qpxbench-{peer}",
-                        server=server))
+        rows.append(Row(f"{peer}-{name}", _calls(calls, **options), name.removesuffix("-c4"),
+                        program=f"qpxbench-{peer}", server=server))
 
-    for peer, server, calls in (("hiredis", "redis", 20000), ("grpc", "grpc", 4000),
-                                ("curl", "nginx", 10000), ("nats", "nats", 10000)):
+    for peer, server, calls in (("hiredis", "redis", 10000), ("grpc", "grpc", 3000),
+                                ("curl", "nginx", 5000), ("nats", "nats", 5000)):
         add(peer, server, "100-t1", calls, size=100)
         add(peer, server, "100-t4", calls, size=100, threads=4)
         add(peer, server, "32000-t1", calls // 2, size=32000)
         if peer in ("hiredis", "curl"):
             add(peer, server, "100-t4-c4", calls, size=100, threads=4, connections=4)
         if peer != "curl":
-            add(peer, server, "window-256", calls, row="window", window=256)
+            add(peer, server, "window-256", 2 * calls, row="window", window=256)
     return rows
 
 
 def rows():
-    return (_core_rows() + _window_rows() + _call_rows() + _peer_rows() + _trace_rows()
-            + _scale_rows())
+    """All rows, block by block."""
+    found = (_core_rows() + _window_rows() + _call_rows() + _peer_rows() + _trace_rows()
+             + _scale_rows())
+    blocks = list(dict.fromkeys(row.block for row in found))
+    return sorted(found, key=lambda row: blocks.index(row.block))
 
 
 def ratios():

@@ -69,7 +69,8 @@ def _core_rows():
             for subject in ("handoff", "handoff-best", "sync"):
                 rows.append(Row(f"{subject}-{size}-t{threads}",
                                 _calls(10000, row=subject, size=size, threads=threads),
-                                f"{size}-t{threads}", of_library=subject == "sync", counted=threads == 1))
+                                f"{size}-t{threads}", of_library=subject == "sync",
+                                counted=threads == 1))
     return rows
 
 
@@ -78,7 +79,8 @@ def _window_rows():
     for window in (16, 64, 256, 1024):
         for subject in ("handoff-window", "handoff-best-window", "async"):
             rows.append(Row(f"{subject}-{window}", _calls(20000, row=subject, window=window),
-                            f"window-{window}", of_library=subject == "async", counted=window == 256))
+                            f"window-{window}", of_library=subject == "async",
+                            counted=window == 256))
     return rows
 
 

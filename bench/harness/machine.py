@@ -24,18 +24,6 @@ def install(group):
         raise Failed(words[-1] if words else f"the packages of {group} cannot be installed")
 
 
-def install_peers(peers, say):
-    """Installs the peers that can be had; gives the reasons for those that cannot."""
-    missing = {}
-    for peer in peers:
-        try:
-            install(PEERS[peer])
-        except Failed as reason:
-            missing[peer] = str(reason)
-            say(f"without {peer}: {reason}")
-    return missing
-
-
 class Build:
     """The programs of the benchmark in a folder of their own."""
 
@@ -53,20 +41,24 @@ class Build:
         except BlockingIOError as held:
             raise Failed("another run has not ended; two would measure each other") from held
 
-    def make(self, peers):
+    def make(self):
         options = ["-DCMAKE_BUILD_TYPE=Release", "-DQPX_BENCH=ON", "-DQPX_GATEWAY=ON",
                    f"-DQPX_BITS={self._bits}"]
-        if shutil.which("ninja"):
+        # A folder keeps the generator that it was made with.
+        if shutil.which("ninja") and not os.path.exists(f"{self.folder}/CMakeCache.txt"):
             options.append("-GNinja")
         if shutil.which("ccache"):
             options += ["-DCMAKE_C_COMPILER_LAUNCHER=ccache",
                         "-DCMAKE_CXX_COMPILER_LAUNCHER=ccache"]
         self._log("configure", ["cmake", "-S", TREE, "-B", self.folder, *options])
-        targets = ["qpxbench", "qpxbench-server", "qpxgatewayd"]
-        for peer in peers:
-            targets.append(f"qpxbench-{peer}")
-        self._log("build", ["cmake", "--build", self.folder, "--parallel", str(os.cpu_count()),
-                            "--target", *targets])
+        self._targets("qpxbench", "qpxbench-server", "qpxgatewayd")
+
+    def make_peer(self, peer):
+        self._targets(f"qpxbench-{peer}")
+
+    def _targets(self, *targets):
+        self._log(f"build-{targets[0]}", ["cmake", "--build", self.folder, "--parallel",
+                                          str(os.cpu_count()), "--target", *targets])
 
     def _log(self, step, command):
         path = os.path.join(self.folder, f"{step}.log")
@@ -74,7 +66,7 @@ class Build:
             done = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log,
                                   check=False)
         if done.returncode != 0:
-            raise Failed(f"cannot {step} the benchmark; see {path}")
+            raise Failed(f"{step} has failed; see {path}")
 
     def programs(self):
         places = {"qpxgatewayd": "gateway/daemon/qpxgatewayd", "qpxbench": "bench/qpxbench",

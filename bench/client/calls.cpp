@@ -90,7 +90,7 @@ Figures passwordRow(const Options& options)
 
 Figures connectionsRow(const Options& options)
 {
-    constexpr int enoughToDivide = 100; // pages of memory go to few unevenly
+    constexpr int enoughToDivide = 100;   // pages of memory go to few unevenly
     const Connection first(options.port); // what the process needs once is not a connection's
     const long before = residentKilobytes();
     const Connections connections(options.connections, options.port);

@@ -11,6 +11,7 @@
  */
 #include "clapi_channel.h"
 
+#include <climits>
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
@@ -56,9 +57,28 @@ public:
 
 /* ---- Names of channels and containers ---- */
 
-static const char NAME_CHARACTERS[] =
-    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789"
-    "<>$@#/%&?!:|\"=';.-_";
+constexpr char NAME_CHARACTERS[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789"
+                                   "<>$@#/%&?!:|\"=';.-_";
+
+/* The same as a table: every call on a container looks at a name. */
+struct NameCharacters {
+    constexpr NameCharacters()
+    {
+        for (size_t i = 0; i < sizeof NAME_CHARACTERS - 1; ++i)
+            isOne[static_cast<unsigned char>(NAME_CHARACTERS[i])] = true;
+    }
+    bool isOne[UCHAR_MAX + 1] = {};
+};
+
+/* How many characters at a text's beginning may stand in a name. */
+static size_t countNameCharacters(const char* text)
+{
+    static constexpr NameCharacters characters;
+
+    size_t count = 0;
+    while (characters.isOne[static_cast<unsigned char>(text[count])]) count += 1;
+    return count;
+}
 
 static int checkName(const char* name)
 {
@@ -73,7 +93,7 @@ static int checkName(const char* name)
         TRACE(at::tooLong, traceInt(CHANNEL_NAME_SIZE));
         return ECI_ERR_INVALID_NAME;
     }
-    size_t valid = strspn(name, NAME_CHARACTERS);
+    size_t valid = countNameCharacters(name);
     if (valid < length) {
         TRACE(at::badCharacter, name[valid]);
         return ECI_ERR_INVALID_NAME;

@@ -247,8 +247,8 @@ def ratios():
               "channel-10000-modify", "channel-10000-keep", 5, 2),
         Ratio("a line of the trace, to the same text printed and flushed", LATENCY, "trace-line",
               "print-line", 1.4, 1.1),
-        Ratio("level 3, p50, to no trace", LATENCY, "trace-3", "trace-0"),
-        Ratio("level 4, p50, to no trace", LATENCY, "trace-4", "trace-0"),
+        Ratio("level 3, p50, to no trace", LATENCY, "trace-3", "trace-0", 7.8, 6),
+        Ratio("level 4, p50, to no trace", LATENCY, "trace-4", "trace-0", 13.6, 10.5),
     ]
     return found
 

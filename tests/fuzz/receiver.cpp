@@ -3,6 +3,7 @@
 // request is large, while that one is being written. What comes of it must be the same.
 //
 // Input: what the waiting requests are (CONFIG_SIZE bytes), then the stream.
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
@@ -30,6 +31,8 @@ constexpr unsigned int END_IS_RESET = 2;
 constexpr unsigned int LIMITED = 4;     // the open has a time-out
 constexpr unsigned int TRACED = 8;      // at the highest level, to nowhere
 constexpr unsigned int STAYS_OPEN = 16; // behind the stream nothing comes, until the close
+constexpr unsigned int DELETES = 64;    // all channels are deleted while the requests have them
+constexpr unsigned int SLOW = 32;       // what does not come whole comes when everybody waits
 
 const char SECRET[] = "S3cr3tPw";
 
@@ -243,9 +246,29 @@ private:
     {
         if (isReleased_ || socket_ == nullptr) return;
         isReleased_ = true;
-        socket_->incoming += config_.stream;
-        socket_->ended = !config_.has(STAYS_OPEN) || config_.has(STREAM_HAS_HANDSHAKE);
-        socket_->endError = config_.has(END_IS_RESET) ? 104 : 0;
+        socket_->endError = config_.has(END_IS_RESET) ? ECONNRESET : 0;
+        bool isWhole = world::rules.pace == world::Pace::Whole || !config_.has(SLOW) ||
+                       config_.has(STREAM_HAS_HANDSHAKE);
+        sendOn(isWhole ? config_.stream.size() : 0);
+    }
+
+    // The Gateway sends so many bytes more; behind the last one it hangs up.
+    void sendOn(std::size_t count)
+    {
+        socket_->incoming += config_.stream.substr(sent_, count);
+        sent_ = std::min(config_.stream.size(), sent_ + count);
+        bool isAll = sent_ == config_.stream.size();
+        bool hangsUp = !config_.has(STAYS_OPEN) || config_.has(STREAM_HAS_HANDSHAKE);
+        if (isAll && hangsUp) socket_->ended = true;
+    }
+
+    // What comes next of a stream that comes slowly; false if all has come.
+    bool goOnSending()
+    {
+        if (sent_ == config_.stream.size()) return false;
+        bool isByte = world::rules.pace == world::Pace::Bytes && config_.stream.size() < 600;
+        sendOn(isByte ? 1 : 1 + world::rules.chance.below(120));
+        return true;
     }
 
     // Everybody waits: the next request begins or, with none left, the Gateway sends, or hangs up.
@@ -256,6 +279,7 @@ private:
             startRest();
             return true;
         }
+        if (goOnSending()) return true;
         if (socket_->ended) return false;
         socket_->ended = true;
         return true;
@@ -282,8 +306,14 @@ private:
             FUZZ_CHECK(!call.hasReturned, "a call returns twice");
             call.hasReturned = true;
         }
+        if (config_.has(DELETES) && !isReleased_ && time_ == Time::Behind) {
+            FUZZ_CHECK(ECI_deleteAllChannels() == ECI_NO_ERROR, "the channels stay");
+            channelsAreGone_ = true;
+        }
         release();
-        world::runThreads();
+        do {
+            world::runThreads();
+        } while (goOnSending());
     }
 
     // The Gateway may answer while the last request is on its way.
@@ -305,6 +335,7 @@ private:
             socket_->incoming += config_.stream.substr(config_.seed % config_.stream.size());
         }
         isReleased_ = true;
+        sent_ = config_.stream.size();
         socket_->ended = true;
         if (config_.seed % 2 == 1) world::runThreads();
         return length > 1 && config_.seed % 4 < 2 ? 1 : -EPIPE;
@@ -394,7 +425,7 @@ private:
         call.outcome.append(reinterpret_cast<const char*>(call.list.data()),
                             call.list.size() * sizeof call.list[0]);
         FUZZ_CHECK(call.list[3].SystemName[0] == 0x55, "a list is longer than its room");
-        if (call.channel == nullptr) return;
+        if (call.channel == nullptr || channelsAreGone_) return;
         call.outcome += show(call.channel);
         FUZZ_CHECK(ECI_deleteChannel(&call.channel) == ECI_NO_ERROR, "a channel cannot be deleted");
     }
@@ -418,6 +449,8 @@ private:
     std::size_t bytesBefore_ = 0;
     world::Socket* socket_ = nullptr;
     bool isReleased_ = false;
+    bool channelsAreGone_ = false;
+    std::size_t sent_ = 0; // bytes of the stream
     QPX_ConnToken_t token_ = nullptr;
     int openRc_ = 1;
     std::size_t next_ = 0;
@@ -496,7 +529,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (config.kinds.empty() || config.has(STREAM_HAS_HANDSHAKE)) return 0;
     Connection failing(config, world::Pace::Whole, Time::Failing);
     failing.work();
-    if (!config.endsLarge()) return 0;
+    if (!config.endsLarge() || config.has(DELETES)) return 0;
     Connection overtaken(config, world::Pace::Whole, Time::Between);
     overtaken.work();
     if (!isBroken(whole) && !isBroken(overtaken)) compare(whole, overtaken, "overtaking");

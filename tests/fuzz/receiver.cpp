@@ -514,6 +514,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 {
     if (size < CONFIG_SIZE || size > 65536) return 0;
     Config config(data, size);
+    // What the Gateway itself sends is no secret; the fuzzer sees what the heap is searched for.
+    if (config.stream.find(SECRET) != std::string::npos) return 0;
 
     Connection whole(config, world::Pace::Whole, Time::Behind);
     whole.work();

@@ -276,6 +276,21 @@ TEST_F(TheRegistry, AnswersMinus16WhileSomebodyElseIsWriting)
     EXPECT_EQ(0, verify("FRED", "Blue7sky").vornRc);
 }
 
+TEST_F(TheRegistry, TellsNothingOfAPasswordWhileAGuessCannotBeCounted)
+{
+    passDays(1); // OLGA's password has expired
+    sqlite3* writer = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(file.c_str(), &writer));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(writer, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr));
+    for (const char* const password : {"Winter5", "wrong"}) {
+        EXPECT_EQ(-16, verify("OLGA", password).vornRc) << password;
+        EXPECT_EQ(-16, change("OLGA", password, "short").vornRc) << password;
+    }
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(writer, "ROLLBACK", nullptr, nullptr, nullptr));
+    sqlite3_close(writer);
+    EXPECT_EQ(-105, verify("OLGA", "Winter5").vornRc);
+}
+
 // ------------------------------------------------------------------------------ wrong passwords
 
 TEST_F(TheRegistry, TellsOfWrongPasswordsWithTheNextRightOneAndForgetsThem)

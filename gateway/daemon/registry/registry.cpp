@@ -98,9 +98,7 @@ void Registry::addNewUser(const NewUser& newUser)
 EsiReply Registry::answer(const standin::EsiRequest& request)
 {
     try {
-        Transaction transaction(database_, Transaction::Kind::Deferred);
-        const Outcome outcome = carryOut(request);
-        transaction.commit();
+        const Outcome outcome = outcomeOf(request);
         log(outcome.level, outcome.story);
         return outcome.reply;
     } catch (const DatabaseError& error) {
@@ -119,13 +117,24 @@ standin::EciReply Registry::list(const standin::EciRequest& request)
     }
 }
 
-Registry::Outcome Registry::carryOut(const standin::EsiRequest& request)
+Registry::Outcome Registry::outcomeOf(const standin::EsiRequest& request)
 {
     const bool isChange = request.callType == standin::kEsiChange;
     if (isBlank(request.userId)) return refusal(kNoUserId, "no user id");
     if (isBlank(request.currentPassword)) return refusal(kNoPassword, "no password");
     if (isChange && isBlank(request.newPassword)) return refusal(kNoNewPassword, "no new password");
 
+    // The right to write comes before the look at the password: a guess that could not be counted
+    // is told nothing.
+    Transaction transaction(database_, Transaction::Kind::Immediate);
+    Outcome outcome = carryOut(request);
+    transaction.commit();
+    return outcome;
+}
+
+Registry::Outcome Registry::carryOut(const standin::EsiRequest& request)
+{
+    const bool isChange = request.callType == standin::kEsiChange;
     const std::optional<SystemState> state = stateOf(database_, request.server);
     if (!state) return refusal(kUnknownServer, "unknown system");
     if (state->code != standin::kServerOk) return refusal(state->code, "system: " + state->name);

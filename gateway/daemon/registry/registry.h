@@ -3,8 +3,9 @@
 //
 // Everything is asked of the database anew for each request, so a change made to it from outside
 // holds from the next request on. A request is one transaction that is over before its answer goes
-// out. Nobody waits for another writer: the request is answered with vornRc -16 and has changed
-// nothing. A failure of the database gives -9.
+// out, and has the right to write before it looks at the password: no guess goes uncounted. Nobody
+// waits for another writer: the request is answered with vornRc -16 and has changed nothing. A
+// failure of the database gives -9.
 //
 // An answer tells of the user as he was before the request, so that he sees when he was last there
 // and how often somebody has tried since; only the expiry is the one that holds from now on.
@@ -61,6 +62,7 @@ private:
         std::string story;
     };
 
+    Outcome outcomeOf(const standin::EsiRequest& request);
     Outcome carryOut(const standin::EsiRequest& request);
     Outcome verify(User user);
     Outcome change(User user, const std::string& newPassword);

@@ -573,6 +573,23 @@ TEST_F(DaemonRegistry, AnswersAVerificationWithTheUsersTimes)
               client.read().value().body);
 }
 
+TEST_F(DaemonRegistry, ServesOthersWhilePasswordsAreLookedAt)
+{
+    std::ofstream(directory.file("registry.toml"), std::ios::app) << "rules = { attempts = 0 }\n";
+    Daemon daemon(arguments);
+    Client guessing(daemon.port());
+    ASSERT_TRUE(guessing.shakeHands());
+    Client other(daemon.port());
+    ASSERT_TRUE(other.shakeHands());
+    standin_test::Raw guesses;
+    for (int i = 0; i < 200; ++i) guesses.bytes(verification("FRED", kGreen8sea));
+    guessing.send(guesses);
+    ASSERT_TRUE(daemon.awaitOutput("connection 1: request 3 ESI verify"));
+    EXPECT_EQ(0, other.call(1, {}).vornRc);
+    EXPECT_EQ(0, daemon.stop());
+    EXPECT_FALSE(daemon.wrote("number 200")) << "all of them were looked at first";
+}
+
 TEST_F(DaemonRegistry, KeepsAChangeThatWasAnsweredWhenItIsKilled)
 {
     {

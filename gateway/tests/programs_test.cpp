@@ -257,6 +257,29 @@ TEST_F(Programs, AnAnswerIsGivenOnlyOnce)
     EXPECT_EQ(10, next->flowType);
 }
 
+TEST(PendingEsiReply, IsGivenLaterFromAnotherThread)
+{
+    Gateway gateway;
+    std::optional<PendingEsiReply> kept;
+    gateway.setEsiProgram(
+        [&kept](const EsiRequest&, const PendingEsiReply& pending) { kept = pending; });
+    Client client(gateway.port());
+    ASSERT_TRUE(client.shakeHands());
+    client.send(flow(1, 2, "ESI", Raw().int32(0).padded("FRED", 10).int32(0).padded("", 8)));
+    client.send(eciRequest(3, {}));
+    EXPECT_EQ(3, client.read().value().messageId);
+    ASSERT_TRUE(gateway.awaitAnswers());
+    EsiReply reply;
+    reply.vornRc = -106;
+    kept.value().complete(reply);
+    const Received answer = client.read().value();
+    EXPECT_EQ(2, answer.messageId);
+    EXPECT_EQ(static_cast<Bytes>(Raw().int32(-106)), answer.body);
+    kept.value().complete(reply); // the second one is nothing
+    gateway.stop();
+    EXPECT_FALSE(gateway.wayOntoThread()([] {}));
+}
+
 TEST(PendingReply, IsHarmlessWhenTheGatewayHasGone)
 {
     const auto late = std::make_shared<LateProgram>();

@@ -88,6 +88,46 @@ password = "x"
 rules = { shortest = 1, longest = 511, digit = false, history = 0, lifetime = 0, attempts = 0 }
 )";
 
+// What a registry that hashes at once answers.
+EsiReply answerOf(Registry& registry, const EsiRequest& request)
+{
+    EsiReply answer;
+    registry.answer(request, [&answer](const EsiReply& reply) { answer = reply; });
+    return answer;
+}
+
+// Work on passwords that is done when a test says so.
+class PutOff {
+public:
+    explicit PutOff(std::size_t room) : room_(room) {}
+
+    Registry::Aside aside()
+    {
+        return [this](std::function<void()> work, std::function<void()> then) {
+            if (waiting_.size() == room_) return false;
+            waiting_.push_back({std::move(work), std::move(then)});
+            return true;
+        };
+    }
+
+    std::size_t count() const { return waiting_.size(); }
+
+    // Does what waits, and what comes of it.
+    void doAll()
+    {
+        while (!waiting_.empty()) {
+            const auto [work, then] = waiting_.front();
+            waiting_.erase(waiting_.begin());
+            work();
+            then();
+        }
+    }
+
+private:
+    const std::size_t room_;
+    std::vector<std::pair<std::function<void()>, std::function<void()>>> waiting_;
+};
+
 class TheRegistry : public testing::Test {
 protected:
     TheRegistry()
@@ -118,7 +158,7 @@ protected:
         request.userId = user;
         request.currentPassword = password;
         request.server = system;
-        return registry.answer(request);
+        return answerOf(registry, request);
     }
 
     EsiReply change(const std::string& user, const std::string& password,
@@ -129,7 +169,16 @@ protected:
         request.userId = user;
         request.currentPassword = password;
         request.newPassword = newPassword;
-        return registry.answer(request);
+        return answerOf(registry, request);
+    }
+
+    // Asks the registry, which answers when the passwords have been looked at.
+    void ask(const std::string& user, const std::string& password)
+    {
+        EsiRequest request;
+        request.userId = user;
+        request.currentPassword = password;
+        registry.answer(request, [this](const EsiReply& reply) { given.push_back(reply.vornRc); });
     }
 
     // Changes the file behind the registry's back.
@@ -148,6 +197,7 @@ protected:
     const std::string contentFile = directory.file("registry.toml");
     std::int64_t now = kMorning;
     std::string log;
+    std::vector<int> given;                  // of the answers to ask()
     const ledger::Ledger accounts{file, {}}; // they share the file
     Registry registry = open();
 };
@@ -341,6 +391,82 @@ TEST_F(TheRegistry, TakesAUserBackWhoIsNoLongerRevokedInTheDatabase)
     EXPECT_EQ(0, verify("RALF", "Copper2").vornRc);
 }
 
+// ------------------------------------------------------------------------- passwords looked at aside
+
+TEST_F(TheRegistry, LooksAtPasswordsAside)
+{
+    PutOff later(5);
+    registry.hashAside(later.aside());
+    ask("FRED", "Blue7sky");
+    ask("FRED", "wrong");
+    EXPECT_EQ(2U, later.count());
+    EXPECT_TRUE(given.empty());
+    run("UPDATE account SET balance = 1"); // nobody holds the right to write meanwhile
+    later.doAll();
+    EXPECT_EQ((std::vector<int>{0, -106}), given);
+}
+
+TEST_F(TheRegistry, LooksAtNoPasswordForARequestThatFailsWithoutIt)
+{
+    PutOff later(0);
+    registry.hashAside(later.aside());
+    ask("", "Blue7sky");
+    ask("NOBODY", "Blue7sky");
+    ask("RALF", "Copper2");
+    EXPECT_EQ((std::vector<int>{-100, -108, -27}), given);
+}
+
+TEST_F(TheRegistry, CountsTheGuessesThatAreLookedAtTogetherOneByOne)
+{
+    PutOff later(9);
+    registry.hashAside(later.aside());
+    for (int i = 0; i < 4; ++i) ask("FRED", "wrong");
+    ask("FRED", "Blue7sky");
+    later.doAll();
+    EXPECT_EQ((std::vector<int>{-106, -106, -106, -27, -27}), given);
+}
+
+TEST_F(TheRegistry, LooksAgainWhenThePasswordHasChangedMeanwhile)
+{
+    PutOff later(5);
+    registry.hashAside(later.aside());
+    ask("FRED", "Blue7sky");
+    Registry other = open();
+    EsiRequest request;
+    request.callType = 1;
+    request.userId = "FRED";
+    request.currentPassword = "Blue7sky";
+    request.newPassword = "Green8sea";
+    EXPECT_EQ(0, answerOf(other, request).vornRc);
+    later.doAll();
+    EXPECT_EQ((std::vector<int>{-106}), given);
+}
+
+TEST_F(TheRegistry, AnswersMinus16WhenTooManyPasswordsWait)
+{
+    PutOff later(1);
+    registry.hashAside(later.aside());
+    ask("FRED", "Blue7sky");
+    ask("FRED", "Blue7sky");
+    EXPECT_EQ((std::vector<int>{-16}), given);
+    later.doAll();
+    EXPECT_EQ((std::vector<int>{-16, 0}), given);
+}
+
+TEST_F(TheRegistry, TellsNothingOfAPasswordWhenAGuessCanNoLongerBeCounted)
+{
+    PutOff later(5);
+    registry.hashAside(later.aside());
+    ask("FRED", "Blue7sky");
+    ask("FRED", "wrong");
+    sqlite3* writer = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(file.c_str(), &writer));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(writer, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr));
+    later.doAll();
+    EXPECT_EQ((std::vector<int>{-16, -16}), given);
+    sqlite3_close(writer);
+}
+
 // ------------------------------------------------------------------------------ times and expiry
 
 TEST_F(TheRegistry, AnswersWithTheTimesBeforeTheRequest)
@@ -490,10 +616,10 @@ TEST_F(TheRegistry, FindsEverythingAgainWhenItIsOpenedAgain)
     EsiRequest request;
     request.userId = "FRED";
     request.currentPassword = "Blue7sky";
-    EXPECT_EQ(1, again.answer(request).invalidCount);
+    EXPECT_EQ(1, answerOf(again, request).invalidCount);
     request.userId = "ANNA";
     request.currentPassword = "Green8sea";
-    EXPECT_EQ(0, again.answer(request).vornRc);
+    EXPECT_EQ(0, answerOf(again, request).vornRc);
 }
 
 TEST_F(TheRegistry, LeavesKnownUsersAsTheyAreWhenTheyAreLoadedAgain)

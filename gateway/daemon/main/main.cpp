@@ -15,6 +15,7 @@
 #include "main/options.h"
 #include "orders/orders.h"
 #include "registry/registry.h"
+#include "registry/worker.h"
 #include "standin/gateway.h"
 
 namespace {
@@ -171,10 +172,24 @@ std::variant<Registry, int> openRegistry(const Options& options, const Log& log)
     }
 }
 
-void serveFrom(const Registry& users, standin::Gateway& gateway)
+// So many passwords may wait to be looked at, a few seconds' work.
+constexpr std::size_t kMostPasswords = 256;
+
+// Passwords are hashed on the worker's thread, so that nobody else waits for them.
+void serveFrom(const Registry& users, registry::Worker& worker, standin::Gateway& gateway)
 {
-    gateway.setEsiReply(
-        [users](const standin::EsiRequest& request) { return users->answer(request); });
+    users->hashAside([&worker, way = gateway.wayOntoThread()](std::function<void()> work,
+                                                              std::function<void()> then) {
+        return worker.give([way, work = std::move(work), then = std::move(then)] {
+            work();
+            way(then);
+        });
+    });
+    gateway.setEsiProgram(
+        [users](const standin::EsiRequest& request, const standin::PendingEsiReply& pending) {
+            users->answer(request,
+                          [pending](const standin::EsiReply& reply) { pending.complete(reply); });
+        });
     gateway.setListReply(
         [users](const standin::EciRequest& request) { return users->list(request); });
 }
@@ -223,13 +238,14 @@ int serve(const Options& options, const Log& log, const Signals& signals)
         users = std::get<Registry>(opened);
     }
 
+    registry::Worker worker(kMostPasswords); // outlives what gives work to it
     const std::unique_ptr<standin::Gateway> gateway = openGateway(options, log);
     if (gateway == nullptr) return daemon_options::kCannotListen;
     if (programs) {
         gateway->setProgram("LEDGER", programs->ledger);
         gateway->setProgram("ORDERS", programs->orders);
     }
-    if (users != nullptr) serveFrom(users, *gateway);
+    if (users != nullptr) serveFrom(users, worker, *gateway);
     log->info("programs: ECHO, ABEND, CHANECHO, CHANEDIT{}",
               programs ? ", LEDGER and ORDERS on " + options.database
                        : "; no LEDGER and ORDERS without --database");

@@ -56,6 +56,11 @@ Registry::Registry(const std::string& file, standin::LogSink log, Clock clock)
     : database_(file), log_(std::move(log)), clock_(std::move(clock))
 {
     prepareRegistry(database_);
+    hashAside([](const std::function<void()>& work, const std::function<void()>& then) {
+        work();
+        then();
+        return true;
+    });
 }
 
 Time Registry::now()
@@ -95,17 +100,42 @@ void Registry::addNewUser(const NewUser& newUser)
 
 // ---------------------------------------------------------------------------------------- requests
 
-EsiReply Registry::answer(const standin::EsiRequest& request)
+void Registry::answer(const standin::EsiRequest& request, Deliver deliver)
 {
+    proceed(std::make_shared<Inquiry>(request, std::move(deliver)));
+}
+
+void Registry::proceed(const std::shared_ptr<Inquiry>& inquiry)
+{
+    EsiReply reply;
     try {
-        const Outcome outcome = outcomeOf(request);
-        log(outcome.level, outcome.story);
-        return outcome.reply;
+        if (!inquiry->failure.empty()) throw DatabaseError(0, inquiry->failure);
+        const std::optional<Outcome> outcome = outcomeOf(*inquiry);
+        if (!outcome && findOutAside(inquiry)) return;
+        if (outcome) {
+            log(outcome->level, outcome->story);
+            reply = outcome->reply;
+        } else {
+            log(LogLevel::Warning, "too many passwords wait to be looked at");
+            reply.vornRc = standin::kServerResourceShortage;
+        }
     } catch (const DatabaseError& error) {
-        EsiReply reply;
         reply.vornRc = vornRcFor(error);
-        return reply;
     }
+    inquiry->deliver(reply);
+}
+
+bool Registry::findOutAside(const std::shared_ptr<Inquiry>& inquiry)
+{
+    const auto work = [inquiry] {
+        try {
+            inquiry->current.findOut();
+            inquiry->next.findOut();
+        } catch (const std::exception& failure) {
+            inquiry->failure = failure.what();
+        }
+    };
+    return aside_(work, [this, inquiry] { proceed(inquiry); });
 }
 
 standin::EciReply Registry::list(const standin::EciRequest& request)
@@ -117,8 +147,9 @@ standin::EciReply Registry::list(const standin::EciRequest& request)
     }
 }
 
-Registry::Outcome Registry::outcomeOf(const standin::EsiRequest& request)
+std::optional<Registry::Outcome> Registry::outcomeOf(Inquiry& inquiry)
 {
+    const standin::EsiRequest& request = inquiry.request;
     const bool isChange = request.callType == standin::kEsiChange;
     if (isBlank(request.userId)) return refusal(kNoUserId, "no user id");
     if (isBlank(request.currentPassword)) return refusal(kNoPassword, "no password");
@@ -127,14 +158,14 @@ Registry::Outcome Registry::outcomeOf(const standin::EsiRequest& request)
     // The right to write comes before the look at the password: a guess that could not be counted
     // is told nothing.
     Transaction transaction(database_, Transaction::Kind::Immediate);
-    Outcome outcome = carryOut(request);
+    std::optional<Outcome> outcome = carryOut(inquiry);
     transaction.commit();
     return outcome;
 }
 
-Registry::Outcome Registry::carryOut(const standin::EsiRequest& request)
+std::optional<Registry::Outcome> Registry::carryOut(Inquiry& inquiry)
 {
-    const bool isChange = request.callType == standin::kEsiChange;
+    const standin::EsiRequest& request = inquiry.request;
     const std::optional<SystemState> state = stateOf(database_, request.server);
     if (!state) return refusal(kUnknownServer, "unknown system");
     if (state->code != standin::kServerOk) return refusal(state->code, "system: " + state->name);
@@ -143,9 +174,11 @@ Registry::Outcome Registry::carryOut(const standin::EsiRequest& request)
     if (!user) return refusal(kUserIdInvalid, "unknown user");
     if (user->revoked) return refusal(kSecurityError, user->id + " is revoked");
     const std::vector<std::string> inForce = lastHashes(database_, user->id, 1);
-    if (inForce.empty() || !matches(request.currentPassword, inForce.front()))
-        return countWrongPassword(*user);
-    return isChange ? change(*user, request.newPassword) : verify(*user);
+    const std::optional<bool> isRight = inquiry.current.has(inForce.empty() ? "" : inForce.front());
+    if (!isRight) return std::nullopt;
+    if (!*isRight) return countWrongPassword(*user);
+    if (request.callType == standin::kEsiChange) return change(*user, inquiry);
+    return verify(*user);
 }
 
 Registry::Outcome Registry::verify(User user)
@@ -159,18 +192,25 @@ Registry::Outcome Registry::verify(User user)
 }
 
 // An expired password is good enough to be changed.
-Registry::Outcome Registry::change(User user, const std::string& newPassword)
+std::optional<Registry::Outcome> Registry::change(User user, Inquiry& inquiry)
 {
-    const Rules rules = rulesOf(database_, user.id);
-    const std::string complaint = complaintAbout(user, newPassword, rules);
-    if (!complaint.empty())
+    const auto rejected = [&](const std::string& complaint) {
         return refusal(kPasswordRejected, user.id + "'s new password " + complaint);
-    addHash(database_, user.id, hashOf(newPassword));
+    };
+    const Rules rules = rulesOf(database_, user.id);
+    const std::string complaint = complaintAboutForm(inquiry.request.newPassword, rules);
+    if (!complaint.empty()) return rejected(complaint);
+    const std::optional<bool> isOld = isOneOfTheLast(user, inquiry.next, rules);
+    if (isOld && *isOld) return rejected("is one of the last " + std::to_string(rules.history));
+    const std::optional<std::string> hash = inquiry.next.newHash();
+    if (!isOld || !hash) return std::nullopt;
+
+    addHash(database_, user.id, *hash);
     user.expiry = expiryOfNewPassword(rules);
     const EsiReply reply = detailsOf(user);
     noteAccess(user);
     updateUser(database_, user);
-    return {reply, LogLevel::Info, user.id + "'s password is changed"};
+    return Outcome{reply, LogLevel::Info, user.id + "'s password is changed"};
 }
 
 Registry::Outcome Registry::countWrongPassword(User user)
@@ -193,20 +233,28 @@ Registry::Outcome Registry::refusal(std::int32_t vornRc, const std::string& stor
     return outcome;
 }
 
-// "" when the new password keeps the rules, else what is wrong with it.
-std::string Registry::complaintAbout(const User& user, const std::string& newPassword,
-                                     const Rules& rules)
+// "" when the new password looks as the rules want it, else what is wrong with it.
+std::string Registry::complaintAboutForm(const std::string& newPassword, const Rules& rules) const
 {
     const auto length = static_cast<std::int64_t>(newPassword.size());
     if (length < rules.shortest) return "is too short";
     if (length > rules.longest) return "is too long";
     if (!isHashable(newPassword)) return "cannot be kept";
     if (rules.digit && !hasDigit(newPassword)) return "has no digit";
-    for (const std::string& hash : lastHashes(database_, user.id, rules.history)) {
-        if (matches(newPassword, hash))
-            return "is one of the last " + std::to_string(rules.history);
-    }
     return "";
+}
+
+std::optional<bool> Registry::isOneOfTheLast(const User& user, PasswordCheck& password,
+                                             const Rules& rules)
+{
+    bool allKnown = true;
+    for (const std::string& hash : lastHashes(database_, user.id, rules.history)) {
+        const std::optional<bool> isThis = password.has(hash);
+        if (isThis && *isThis) return true;
+        allKnown = allKnown && isThis;
+    }
+    if (!allKnown) return std::nullopt;
+    return false;
 }
 
 void Registry::noteAccess(User& user)

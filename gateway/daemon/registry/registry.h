@@ -7,6 +7,9 @@
 // waits for another writer: the request is answered with vornRc -16 and has changed nothing. A
 // failure of the database gives -9.
 //
+// Passwords are compared and hashed aside, between transactions: each one begins from the start,
+// knowing more than the one before, until it comes to an answer.
+//
 // An answer tells of the user as he was before the request, so that he sees when he was last there
 // and how often somebody has tried since; only the expiry is the one that holds from now on.
 //
@@ -16,8 +19,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
+#include "registry/password_check.h"
 #include "registry/registry_file.h"
 #include "registry/registry_store.h"
 #include "standin/log.h"
@@ -39,6 +44,11 @@ constexpr std::int32_t kUserIdInvalid = -108;
 class Registry {
 public:
     using Clock = std::function<Time()>;
+    using Deliver = std::function<void(const standin::EsiReply&)>;
+
+    // Does `work` on some thread, and behind it `then` on the Gateway's. False, and neither is
+    // done, when there is too much to do already.
+    using Aside = std::function<bool(std::function<void()> work, std::function<void()> then)>;
 
     // Opens the file, which must be a ledger or new, and makes the tables that are not in it.
     // Throws DatabaseError.
@@ -49,7 +59,11 @@ public:
     // that is not there, and DatabaseError.
     void load(const Content& content);
 
-    standin::EsiReply answer(const standin::EsiRequest& request);
+    // How passwords are hashed from now on; at first that is done at once.
+    void hashAside(Aside aside) { aside_ = std::move(aside); }
+
+    // Delivers the answer at once, or when the passwords have been looked at.
+    void answer(const standin::EsiRequest& request, Deliver deliver);
     standin::EciReply list(const standin::EciRequest& request);
 
     // The clock of the machine.
@@ -62,15 +76,33 @@ private:
         std::string story;
     };
 
-    Outcome outcomeOf(const standin::EsiRequest& request);
-    Outcome carryOut(const standin::EsiRequest& request);
+    // A request on its way to its answer.
+    struct Inquiry {
+        Inquiry(const standin::EsiRequest& theRequest, Deliver theDeliver)
+            : request(theRequest), deliver(std::move(theDeliver))
+        {
+        }
+
+        const standin::EsiRequest request;
+        const Deliver deliver;
+        PasswordCheck current{request.currentPassword};
+        PasswordCheck next{request.newPassword};
+        std::string failure; // of the hashing; empty: none
+    };
+
+    // Nothing instead of an outcome: more has to be found out about the passwords first.
+    void proceed(const std::shared_ptr<Inquiry>& inquiry);
+    bool findOutAside(const std::shared_ptr<Inquiry>& inquiry);
+    std::optional<Outcome> outcomeOf(Inquiry& inquiry);
+    std::optional<Outcome> carryOut(Inquiry& inquiry);
     Outcome verify(User user);
-    Outcome change(User user, const std::string& newPassword);
+    std::optional<Outcome> change(User user, Inquiry& inquiry);
     Outcome countWrongPassword(User user);
     Outcome refusal(std::int32_t vornRc, const std::string& story) const;
 
-    std::string complaintAbout(const User& user, const std::string& newPassword,
-                               const Rules& rules);
+    std::string complaintAboutForm(const std::string& newPassword, const Rules& rules) const;
+    std::optional<bool> isOneOfTheLast(const User& user, PasswordCheck& password,
+                                       const Rules& rules);
     void noteAccess(User& user);
     std::optional<Time> expiryOfNewPassword(const Rules& rules) const;
     void addNewUser(const NewUser& newUser);
@@ -81,6 +113,7 @@ private:
     Database database_;
     standin::LogSink log_;
     Clock clock_;
+    Aside aside_;
 };
 
 // A time as it travels: by the clock on this machine's wall, with months from 0. All zeros for

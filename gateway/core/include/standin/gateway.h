@@ -70,6 +70,13 @@ struct GatewayOptions {
 // Limit of every await function. It is generous: a test waits for the event and only fails by it.
 constexpr std::chrono::seconds kAwaitLimit{30};
 
+// Answers an ESI request, at once or later.
+using EsiProgram = std::function<void(const EsiRequest& request, const PendingEsiReply& pending)>;
+
+// A way onto a Gateway's own thread: runs the task there, behind what has been given before. False,
+// and the task is dropped, when the Gateway has stopped; the way may outlive it.
+using WayOntoThread = std::function<bool(std::function<void()> task)>;
+
 class Gateway {
 public:
     using Limit = std::chrono::milliseconds;
@@ -103,12 +110,19 @@ public:
     // How ESI requests are answered. Without it they get FLOW_ERROR 61451.
     void setEsiReply(std::function<EsiReply(const EsiRequest&)> reply);
 
+    // The same for answers that take their time: the function keeps the right to answer, and
+    // returns.
+    void setEsiProgram(EsiProgram program);
+
     // How system list queries are answered, instead of from the options' systems.
     void setListReply(ReplyFunction reply);
 
     // Answers every request itself, whatever it is, with the bytes returned; programs and units of
     // work are left out. An empty function ends this. Handy for hand-made replies.
     void setRawReply(std::function<Bytes(const ReceivedRequest&)> reply);
+
+    // For a program whose work is done elsewhere and whose data belong to the Gateway's thread.
+    WayOntoThread wayOntoThread() const;
 
     // Number of units of work that are open on all connections.
     std::size_t openUnitsOfWork() const;

@@ -27,18 +27,21 @@ struct UnitOfWork {
 
 // The right to answer one call later, from any thread, at most once. Copies share the right. When
 // the connection is gone by then, or the Gateway itself, complete() has no effect.
-class PendingReply {
+template <typename Reply>
+class Pending {
 public:
-    using Deliver = std::function<void(EciReply)>;
+    using Deliver = std::function<void(Reply)>;
 
-    explicit PendingReply(Deliver deliver);
+    explicit Pending(Deliver deliver);
 
-    void complete(EciReply reply) const;
+    void complete(Reply reply) const;
 
 private:
     struct State;
     std::shared_ptr<State> state_;
 };
+using PendingReply = Pending<EciReply>;
+using PendingEsiReply = Pending<EsiReply>;
 
 // One call as a program sees it.
 struct ProgramCall {

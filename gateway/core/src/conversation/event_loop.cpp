@@ -38,6 +38,13 @@ bool EventLoop::post(Task task)
     return true;
 }
 
+bool EventLoop::dispatch(const Task& task)
+{
+    if (std::this_thread::get_id() != threadId_) return post(task);
+    task();
+    return true;
+}
+
 bool EventLoop::runAndWait(const Task& task)
 {
     if (std::this_thread::get_id() == threadId_) {
@@ -63,6 +70,14 @@ void EventLoop::stop(Task last)
         work_.reset();
     }
     thread_.join();
+}
+
+std::function<bool(EventLoop::Task)> wayOnto(const std::shared_ptr<EventLoop>& loop)
+{
+    return [weak = std::weak_ptr<EventLoop>(loop)](EventLoop::Task task) {
+        const std::shared_ptr<EventLoop> alive = weak.lock();
+        return alive != nullptr && alive->post(std::move(task));
+    };
 }
 
 } // namespace standin

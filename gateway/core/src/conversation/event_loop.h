@@ -3,6 +3,7 @@
 #define STANDIN_EVENT_LOOP_H
 
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <thread>
 
@@ -30,7 +31,10 @@ public:
     // stopped; the task is then dropped.
     bool post(Task task);
 
-    // The same, and waits until it has run; runs it at once when called on the thread itself.
+    // The same, but on the thread itself the task runs at once.
+    bool dispatch(const Task& task);
+
+    // As post(), and waits until it has run; runs it at once when called on the thread itself.
     bool runAndWait(const Task& task);
 
     // Runs `last`, which must end everything that the context still waits for, and joins the
@@ -45,6 +49,9 @@ private:
     std::thread thread_;
     std::thread::id threadId_; // set by start(), before anything can run on the thread
 };
+
+// Brings a task onto the loop's thread. False, and the task is dropped, when it has stopped or gone.
+std::function<bool(EventLoop::Task)> wayOnto(const std::shared_ptr<EventLoop>& loop);
 
 } // namespace standin
 

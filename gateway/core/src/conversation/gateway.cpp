@@ -73,6 +73,7 @@ public:
     Recorder& recorder() { return recorder_; }
     const Recorder& recorder() const { return recorder_; }
     const Server& server() const { return server_; }
+    WayOntoThread wayOntoThread() const { return wayOnto(loop_); }
 
 private:
     const std::string host_;
@@ -118,6 +119,11 @@ void Gateway::setEsiReply(std::function<EsiReply(const EsiRequest&)> reply)
     impl_->onThread([&](Server& server) { server.setEsiReply(std::move(reply)); });
 }
 
+void Gateway::setEsiProgram(EsiProgram program)
+{
+    impl_->onThread([&](Server& server) { server.setEsiProgram(std::move(program)); });
+}
+
 void Gateway::setListReply(ReplyFunction reply)
 {
     impl_->onThread([&](Server& server) { server.runner().setListReply(std::move(reply)); });
@@ -126,6 +132,11 @@ void Gateway::setListReply(ReplyFunction reply)
 void Gateway::setRawReply(std::function<Bytes(const ReceivedRequest&)> reply)
 {
     impl_->onThread([&](Server& server) { server.setRawReply(std::move(reply)); });
+}
+
+WayOntoThread Gateway::wayOntoThread() const
+{
+    return impl_->wayOntoThread();
 }
 
 std::size_t Gateway::openUnitsOfWork() const

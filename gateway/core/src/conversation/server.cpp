@@ -90,6 +90,15 @@ Server::Server(const GatewayOptions& options, std::shared_ptr<EventLoop> loop, R
     });
 }
 
+void Server::setEsiReply(EsiReplyFunction reply)
+{
+    if (!reply) return setEsiProgram(nullptr);
+    setEsiProgram(
+        [reply = std::move(reply)](const EsiRequest& request, const PendingEsiReply& pending) {
+            pending.complete(reply(request));
+        });
+}
+
 // ------------------------------------------------------------------------------------- connections
 
 std::uint16_t Server::listen(const std::string& host, std::uint16_t port)
@@ -403,7 +412,7 @@ void Server::answerInEarnest(const ReceivedRequest& request, const std::vector<S
             give(spoiledAnswer(strikes, rawReply_(request)));
         } else if (request.eci) {
             runEci(request, strikes);
-        } else if (esiReply_) {
+        } else if (esiProgram_) {
             runEsi(request, strikes);
         } else {
             give(spoiledAnswer(strikes, makeErrorFlow(header.messageId, kGatewayInvalidRequestType,
@@ -428,21 +437,28 @@ void Server::runEci(const ReceivedRequest& request, const std::vector<Strike>& s
         answer(connection, messageId, strikes,
                spoiledAnswer(strikes, makeEciReply(messageId, reply)));
     };
-    const std::weak_ptr<EventLoop> loop = loop_;
-    const auto later = [loop](std::function<void()> task) {
-        if (const auto alive = loop.lock()) alive->post(std::move(task));
-    };
-    runner_.run(*request.eci, messageId, connection, deliverReply, later);
+    runner_.run(*request.eci, messageId, connection, deliverReply, wayOnto(loop_));
 }
 
 void Server::runEsi(const ReceivedRequest& request, const std::vector<Strike>& strikes)
 {
-    const std::int32_t messageId = request.header.messageId;
-    const EsiReply reply = esiReply_(*request.esi);
-    log(LogLevel::Info, request.connection,
-        "answer " + std::to_string(messageId) + " " + describe(reply));
-    answer(request.connection, messageId, strikes,
-           spoiledAnswer(strikes, makeEsiReply(messageId, reply)));
+    const auto deliverReply =
+        [this, connection = request.connection, messageId = request.header.messageId,
+         strikes](const EsiReply& reply) { answerEsi(connection, messageId, strikes, reply); };
+    const std::weak_ptr<EventLoop> loop = loop_;
+    const PendingEsiReply pending([loop, deliverReply](const EsiReply& reply) {
+        const std::shared_ptr<EventLoop> alive = loop.lock();
+        if (alive != nullptr) alive->dispatch([deliverReply, reply] { deliverReply(reply); });
+    });
+    esiProgram_(*request.esi, pending);
+}
+
+void Server::answerEsi(int connection, std::int32_t messageId, const std::vector<Strike>& strikes,
+                       const EsiReply& reply)
+{
+    if (sessions_.count(connection) == 0) return; // the answer comes too late
+    log(LogLevel::Info, connection, "answer " + std::to_string(messageId) + " " + describe(reply));
+    answer(connection, messageId, strikes, spoiledAnswer(strikes, makeEsiReply(messageId, reply)));
 }
 
 // ----------------------------------------------------------------------------------------- answers

@@ -46,7 +46,8 @@ public:
     const CallRunner& runner() const { return runner_; }
     FaultPlan& plan() { return plan_; }
     HeldAnswers& held() { return held_; }
-    void setEsiReply(EsiReplyFunction reply) { esiReply_ = std::move(reply); }
+    void setEsiReply(EsiReplyFunction reply);
+    void setEsiProgram(EsiProgram program) { esiProgram_ = std::move(program); }
     void setRawReply(RawReply reply) { rawReply_ = std::move(reply); }
 
     // Sends answers that were taken out of held(); those whose connection has gone are dropped.
@@ -89,6 +90,8 @@ private:
     void answerInEarnest(const ReceivedRequest& request, const std::vector<Strike>& strikes);
     void runEci(const ReceivedRequest& request, const std::vector<Strike>& strikes);
     void runEsi(const ReceivedRequest& request, const std::vector<Strike>& strikes);
+    void answerEsi(int connection, std::int32_t messageId, const std::vector<Strike>& strikes,
+                   const EsiReply& reply);
 
     // The last stations of an answer: holding and collecting, then the connection.
     void answer(int connection, std::int32_t messageId, const std::vector<Strike>& strikes,
@@ -108,7 +111,7 @@ private:
     CallRunner runner_;
     FaultPlan plan_;
     HeldAnswers held_;
-    EsiReplyFunction esiReply_;
+    EsiProgram esiProgram_;
     RawReply rawReply_;
     std::map<int, std::shared_ptr<Session>> sessions_; // by number
     int lastNumber_ = 0;

@@ -10,19 +10,22 @@
 
 namespace standin {
 
-// ------------------------------------------------------------------------------------ PendingReply
+// ----------------------------------------------------------------------------------------- Pending
 
-struct PendingReply::State {
+template <typename Reply>
+struct Pending<Reply>::State {
     std::mutex lock;
     Deliver deliver; // emptied by the first complete(); guarded by lock
 };
 
-PendingReply::PendingReply(Deliver deliver) : state_(std::make_shared<State>())
+template <typename Reply>
+Pending<Reply>::Pending(Deliver deliver) : state_(std::make_shared<State>())
 {
     state_->deliver = std::move(deliver);
 }
 
-void PendingReply::complete(EciReply reply) const
+template <typename Reply>
+void Pending<Reply>::complete(Reply reply) const
 {
     Deliver deliver;
     {
@@ -31,6 +34,9 @@ void PendingReply::complete(EciReply reply) const
     }
     if (deliver) deliver(std::move(reply));
 }
+
+template class Pending<EciReply>;
+template class Pending<EsiReply>;
 
 // ----------------------------------------------------------------------------------------- Program
 

@@ -263,6 +263,37 @@ TEST_F(ChannelPrograms, ChaneditShowsTheBeginningOfALongWord)
                   std::string(1000, 'x'));
 }
 
+TEST_F(ChannelPrograms, ChaneditWritesNoMoreThan32MegabytesInAll)
+{
+    const std::string problem = ": more than 33554432 bytes in all";
+    expectRefused("EDITS, line 3" + problem,
+                  "resize BITS 16777216\nresize TEXT 16777216\nadd NEW char 819 x");
+    expectRefused("EDITS, line 3" + problem, "resize BITS 16777216\nreverse BITS\nresize BITS 0");
+    expectRefused("EDITS, line 3" + problem, "resize BITS 16777216\nresize BITS 0\nadd NEW bit 00");
+}
+
+TEST_F(ChannelPrograms, ChaneditCarriesOutAThousandInstructions)
+{
+    std::string reversals;
+    for (int i = 0; i < 1000; ++i) reversals += "reverse TEXT\n# a comment\n";
+    expectEdited({record("TEXT", kModified, kChar, 819, 5, "hello"), sameBits}, reversals);
+    expectRefused("EDITS, line 2001: more than 1000 instructions", reversals + "reverse TEXT");
+}
+
+TEST_F(ChannelPrograms, ChaneditTakesTenThousandContainers)
+{
+    std::vector<Bytes> records;
+    for (int i = 1; i <= 10000; ++i)
+        records.push_back(record("C" + std::to_string(i), kAdded, kBit, 0, 0));
+    const auto isRefused = [&] {
+        const std::string answer = standin_test::textOf(run("CHANEDIT", records).channel);
+        return answer.find("more than 10000 containers") != std::string::npos;
+    };
+    EXPECT_FALSE(isRefused());
+    records.push_back(record("ONE.MORE", kAdded, kBit, 0, 0));
+    EXPECT_TRUE(isRefused());
+}
+
 TEST_F(ChannelPrograms, ChaneditWantsInstructionsInCharacters)
 {
     const std::string missing = "there is no container EDITS";

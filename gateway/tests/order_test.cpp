@@ -98,6 +98,13 @@ Bytes line(std::int64_t article, std::int64_t quantity, int discount, int reserv
 
 } // namespace
 
+TEST(ReadOrder, TakesAHeaderOfAtMost64Kilobytes)
+{
+    const std::string whole = kHeader + std::string(65536 - kHeader.size(), '\n');
+    EXPECT_EQ("2026-0117", read(whole).number);
+    EXPECT_EQ("ORDER.HEADER: 65537 bytes are more than 65536", refusalOf(whole + "\n"));
+}
+
 TEST(ReadOrder, TakesHeaderAndLines)
 {
     const Order order = read(kHeader);

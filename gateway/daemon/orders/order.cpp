@@ -17,6 +17,7 @@ using standin::Channel;
 using standin::Container;
 
 constexpr std::int32_t kCcsidOfLastResort = 819;
+constexpr std::size_t kLongestHeader = 65536;   // bytes as they came
 constexpr std::size_t kLongestHeaderLine = 200; // bytes in UTF-8
 constexpr std::size_t kLongestNumber = 12;
 constexpr std::size_t kLongestReference = 40; // characters
@@ -75,6 +76,10 @@ using Header = std::map<std::string, Entry>;
 
 std::string headerText(const Container& container)
 {
+    if (container.data.size() > kLongestHeader) {
+        refuse(std::string(kHeaderName) + ": " + std::to_string(container.data.size()) +
+               " bytes are more than " + std::to_string(kLongestHeader));
+    }
     if (!isKnownCcsid(container.ccsid)) {
         refuse(std::string(kHeaderName) + ": CCSID " + std::to_string(container.ccsid) +
                " is not known");
@@ -87,14 +92,20 @@ std::string headerText(const Container& container)
 }
 
 // One line feed at the end of each line, whatever it was. U+0085 is EBCDIC's new line.
-std::string withLineFeeds(std::string text)
+std::string withLineFeeds(const std::string& text)
 {
     static const std::string kEnds[] = {"\r\n", "\xC2\x85"};
-    for (const std::string& end : kEnds) {
-        for (std::size_t at = text.find(end); at != std::string::npos; at = text.find(end, at))
-            text.replace(at, end.size(), "\n");
+    std::string plain;
+    plain.reserve(text.size());
+    for (std::size_t at = 0; at < text.size();) {
+        const auto* const end = std::find_if(
+            std::begin(kEnds), std::end(kEnds),
+            [&](const std::string& mark) { return text.compare(at, mark.size(), mark) == 0; });
+        const bool isEnd = end != std::end(kEnds);
+        plain += isEnd ? '\n' : text[at];
+        at += isEnd ? end->size() : 1;
     }
-    return text;
+    return plain;
 }
 
 bool isControl(char c)

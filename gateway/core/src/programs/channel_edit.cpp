@@ -22,6 +22,11 @@ constexpr std::int32_t kErrorCcsid = 819;
 constexpr std::int32_t kLargestCcsid = 65535;
 constexpr std::int32_t kLargestContainer = 16 * 1024 * 1024;
 
+// What one call may do.
+constexpr std::size_t kMostInstructions = 1000;
+constexpr std::size_t kMostContainers = 10000;
+constexpr std::size_t kMostBytesWritten = 2 * std::size_t{kLargestContainer};
+
 // An instruction that cannot be carried out; what() says why.
 class WrongInstruction : public std::runtime_error {
 public:
@@ -95,6 +100,33 @@ const Container& existing(const ChannelChanges& changes, const std::string& name
     return *container;
 }
 
+// A channel that is being changed, and what that has cost so far.
+class Edit {
+public:
+    explicit Edit(const Channel& called) : changes_(called) {}
+
+    ChannelChanges& changes() { return changes_; }
+
+    void countInstruction()
+    {
+        if (++instructions_ > kMostInstructions)
+            refuse("more than " + std::to_string(kMostInstructions) + " instructions");
+    }
+
+    // To be called in front of the writing.
+    void countBytes(std::size_t count)
+    {
+        written_ += count;
+        if (written_ > kMostBytesWritten)
+            refuse("more than " + std::to_string(kMostBytesWritten) + " bytes in all");
+    }
+
+private:
+    ChannelChanges changes_;
+    std::size_t instructions_ = 0;
+    std::size_t written_ = 0;
+};
+
 void expectEnd(std::string_view rest)
 {
     if (!rest.empty()) refuse(quoted(rest) + " is too much");
@@ -102,7 +134,7 @@ void expectEnd(std::string_view rest)
 
 // ------------------------------------------------------------------------------------ instructions
 
-void add(ChannelChanges& changes, std::string_view line)
+void add(Edit& edit, std::string_view line)
 {
     Container container;
     container.name = takeName(line);
@@ -110,65 +142,72 @@ void add(ChannelChanges& changes, std::string_view line)
     if (type == "char") {
         container.type = kContainerChar;
         container.ccsid = takeNumber(line, "CCSID", 1, kLargestCcsid);
+        edit.countBytes(line.size());
         container.data = bytesOf(line);
     } else if (type == "bit") {
+        edit.countBytes(line.size());
         container.data = binary(line);
     } else {
         refuse("type " + quoted(type) + " is neither char nor bit");
     }
     const std::string name = container.name;
-    if (!changes.add(std::move(container)))
+    if (!edit.changes().add(std::move(container)))
         refuse("there is a container " + quoted(name) + " already");
 }
 
-void remove(ChannelChanges& changes, std::string_view line)
+void remove(Edit& edit, std::string_view line)
 {
     const std::string name = takeName(line);
     expectEnd(line);
-    existing(changes, name);
-    changes.remove(name);
+    existing(edit.changes(), name);
+    edit.changes().remove(name);
 }
 
-void replace(ChannelChanges& changes, std::string_view line)
+void replace(Edit& edit, std::string_view line)
 {
     const std::string name = takeName(line);
-    const bool isText = existing(changes, name).type == kContainerChar;
-    changes.replaceData(name, isText ? bytesOf(line) : binary(line));
+    const bool isText = existing(edit.changes(), name).type == kContainerChar;
+    edit.countBytes(line.size());
+    edit.changes().replaceData(name, isText ? bytesOf(line) : binary(line));
 }
 
-void reverse(ChannelChanges& changes, std::string_view line)
+void reverse(Edit& edit, std::string_view line)
 {
     const std::string name = takeName(line);
     expectEnd(line);
-    Bytes data = existing(changes, name).data;
-    std::reverse(data.begin(), data.end());
-    changes.replaceData(name, std::move(data));
-}
-
-void resize(ChannelChanges& changes, std::string_view line)
-{
-    const std::string name = takeName(line);
-    const Container& container = existing(changes, name);
-    const std::int32_t length = takeNumber(line, "length", 0, kLargestContainer);
-    expectEnd(line);
+    const Container& container = existing(edit.changes(), name);
+    edit.countBytes(container.data.size());
     Bytes data = container.data;
-    data.resize(static_cast<std::size_t>(length), container.type == kContainerChar ? ' ' : 0x00);
-    changes.replaceData(name, std::move(data));
+    std::reverse(data.begin(), data.end());
+    edit.changes().replaceData(name, std::move(data));
 }
 
-using Instruction = void (*)(ChannelChanges&, std::string_view line);
+void resize(Edit& edit, std::string_view line)
+{
+    const std::string name = takeName(line);
+    const Container& container = existing(edit.changes(), name);
+    const auto length = static_cast<std::size_t>(takeNumber(line, "length", 0, kLargestContainer));
+    expectEnd(line);
+    edit.countBytes(std::max(length, container.data.size()));
+    Bytes data = container.data;
+    data.resize(length, container.type == kContainerChar ? ' ' : 0x00);
+    edit.changes().replaceData(name, std::move(data));
+}
+
+using Instruction = void (*)(Edit&, std::string_view line);
 
 constexpr std::pair<std::string_view, Instruction> kKnown[] = {
     {"add", add},         {"delete", remove}, {"replace", replace},
     {"reverse", reverse}, {"resize", resize},
 };
 
-void carryOutLine(ChannelChanges& changes, std::string_view line)
+void carryOutLine(Edit& edit, std::string_view line)
 {
     if (line.empty() || line.front() == '#') return;
+    edit.countInstruction();
     const std::string_view word = takeWord(line);
     for (const auto& [name, instruction] : kKnown) {
-        if (name == word) return instruction(changes, line);
+        if (name == word) return instruction(edit, line);
     }
     refuse(quoted(word) + " is no instruction");
 }
@@ -181,13 +220,15 @@ std::string instructionsOf(const ChannelChanges& changes)
     return std::string(container->data.begin(), container->data.end());
 }
 
-void carryOut(ChannelChanges& changes)
+void carryOut(Edit& edit)
 {
-    const std::string instructions = instructionsOf(changes);
+    if (edit.changes().records().containers.size() > kMostContainers)
+        refuse("more than " + std::to_string(kMostContainers) + " containers");
+    const std::string instructions = instructionsOf(edit.changes());
     std::string_view rest = instructions;
     for (int number = 1; !rest.empty(); ++number) {
         try {
-            carryOutLine(changes, takeUpTo('\n', rest));
+            carryOutLine(edit, takeUpTo('\n', rest));
         } catch (const WrongInstruction& wrong) {
             refuse("EDITS, line " + std::to_string(number) + ": " + wrong.what());
         }
@@ -198,10 +239,10 @@ void carryOut(ChannelChanges& changes)
 
 Channel editChannel(const Channel& called)
 {
-    ChannelChanges changes(called);
     try {
-        carryOut(changes);
-        return changes.records();
+        Edit edit(called);
+        carryOut(edit);
+        return edit.changes().records();
     } catch (const WrongInstruction& wrong) {
         ChannelChanges refused(called);
         refused.put(

@@ -10,6 +10,8 @@
 //
 // Words are separated by one blank; TEXT and HEX go to the end of the line and may be empty. Empty
 // lines and those that begin with '#' are passed over. EDITS itself is a container as any other.
+// There may be 1,000 instructions and 10,000 containers, and all instructions together may write
+// 32 MB, so that no channel keeps the Gateway busy for long.
 #ifndef STANDIN_CHANNEL_EDIT_H
 #define STANDIN_CHANNEL_EDIT_H
 

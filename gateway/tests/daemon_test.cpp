@@ -56,7 +56,7 @@ public:
             signal(SIGKILL);
             end();
         }
-        ::close(output_);
+        if (output_ != -1) ::close(output_);
     }
 
     Daemon(const Daemon&) = delete;
@@ -106,6 +106,18 @@ public:
     {
         signal(SIGTERM);
         return end();
+    }
+
+    // Nobody reads the output any more.
+    void closeOutput() { ::close(std::exchange(output_, -1)); }
+
+    // As end(), but what has not been read of the output is not read now either.
+    int endUnread()
+    {
+        int status = 0;
+        ::waitpid(process_, &status, 0);
+        process_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
 private:
@@ -374,6 +386,28 @@ TEST(DaemonService, WritesThePortToAFileAndTakesItAwayAtTheEnd)
     EXPECT_TRUE(Client(port).shakeHands());
     EXPECT_EQ(0, daemon.stop());
     EXPECT_FALSE(std::filesystem::exists(file));
+}
+
+TEST(DaemonService, EndsInOrderWhenNobodyReadsItsLogAnyMore)
+{
+    const TemporaryDirectory directory;
+    Daemon daemon({"--port-file", directory.file("port")});
+    Client client(daemon.port());
+    daemon.closeOutput();
+    EXPECT_TRUE(client.shakeHands());
+    daemon.signal(SIGTERM);
+    EXPECT_EQ(0, daemon.endUnread());
+    EXPECT_FALSE(std::filesystem::exists(directory.file("port")));
+}
+
+TEST(DaemonService, ServesWhileNobodyReadsItsLog)
+{
+    Daemon daemon({});
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    for (int i = 1; i <= 1000; ++i) ASSERT_EQ(0, client.call(i, {}).vornRc) << i;
+    daemon.signal(SIGTERM);
+    EXPECT_EQ(0, daemon.endUnread());
 }
 
 TEST(DaemonService, EndsCleanlyBySigintToo)

@@ -8,10 +8,14 @@
 #include <system_error>
 #include <variant>
 
-#include <spdlog/sinks/stdout_color_sinks.h>
+#include <unistd.h>
+
+#include <spdlog/details/os.h>
+#include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
 
 #include "ledger/ledger.h"
+#include "log/line_writer.h"
 #include "main/options.h"
 #include "orders/orders.h"
 #include "registry/registry.h"
@@ -35,12 +39,43 @@ spdlog::level::level_enum levelOf(standin::LogLevel level)
     return spdlog::level::err;
 }
 
+// Lines to standard error, with the level in its colour on a terminal.
+class StandardError final : public spdlog::sinks::base_sink<std::mutex> {
+private:
+    void sink_it_(const spdlog::details::log_msg& message) override
+    {
+        spdlog::memory_buf_t formatted;
+        formatter_->format(message, formatted);
+        std::string line(formatted.data(), formatted.size());
+        if (inColour_ && message.color_range_end > message.color_range_start) {
+            line.insert(message.color_range_end, "\033[m");
+            line.insert(message.color_range_start, colourOf(message.level));
+        }
+        writer_.write(line);
+    }
+
+    void flush_() override {}
+
+    static const char* colourOf(spdlog::level::level_enum level)
+    {
+        switch (level) {
+        case spdlog::level::debug: return "\033[36m";
+        case spdlog::level::info: return "\033[32m";
+        case spdlog::level::warn: return "\033[33m\033[1m";
+        default: return "\033[31m\033[1m";
+        }
+    }
+
+    const bool inColour_ = spdlog::details::os::in_terminal(stderr) &&
+                           spdlog::details::os::is_color_terminal();
+    log_text::LineWriter writer_{STDERR_FILENO};
+};
+
 Log openLog(standin::LogLevel level)
 {
-    Log log = spdlog::stderr_color_mt("qpxgatewayd");
+    Log log = std::make_shared<spdlog::logger>("qpxgatewayd", std::make_shared<StandardError>());
     log->set_pattern("%Y-%m-%d %H:%M:%S.%e %^%-7l%$ %v");
     log->set_level(levelOf(level));
-    log->flush_on(spdlog::level::trace);
     return log;
 }
 
@@ -62,6 +97,8 @@ public:
         sigaddset(&signals_, SIGTERM);
         sigaddset(&signals_, SIGUSR1);
         pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
+        // Whoever reads the log may go; that ends nothing.
+        std::signal(SIGPIPE, SIG_IGN);
     }
 
     int wait() const

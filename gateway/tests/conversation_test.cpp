@@ -69,6 +69,13 @@ protected:
         return textOf(answer->body).substr(3);
     }
 
+    // The header of a flow with so many bytes behind it.
+    static Bytes announcing(int flowType, const std::string& requestType, std::size_t bodySize)
+    {
+        const Bytes whole = flow(flowType, 1, requestType, Bytes(bodySize));
+        return Bytes(whole.begin(), whole.end() - static_cast<std::ptrdiff_t>(bodySize));
+    }
+
     Lines lines;
     Gateway gateway{withLog(lines)};
     Client client{gateway.port()};
@@ -245,6 +252,31 @@ TEST_F(Conversation, ClosesBehindABadEyecatcher)
     EXPECT_TRUE(
         logged("connection 1: malformed flow: eyecatcher is 0x48545450, not 0x47617465 at byte 0"));
     EXPECT_EQ(Ending::ClosedByGateway, gateway.connections().at(0).ending);
+}
+
+TEST_F(Conversation, TakesNoLargeBodyBeforeTheHandshake)
+{
+    client.send(announcing(1, "ECI", 65537));
+    EXPECT_TRUE(client.endsInOrder());
+    EXPECT_EQ("data length is 65537, not 0 to 65536", gateway.findings().at(0).problem);
+}
+
+TEST_F(Conversation, TakesALargeBodyOnlyForAnEciRequest)
+{
+    for (const auto& [type, requestType] :
+         std::vector<std::pair<int, std::string>>{{1, "ESI"}, {5, "BASE"}, {10, "BASE"}}) {
+        gateway.forget();
+        Client another(gateway.port());
+        ASSERT_TRUE(another.shakeHands());
+        another.send(announcing(type, requestType, 65537));
+        EXPECT_TRUE(another.endsInOrder());
+        EXPECT_EQ("data length is 65537, not 0 to 65536", gateway.findings().at(0).problem);
+    }
+    ASSERT_TRUE(client.shakeHands());
+    Call call;
+    call.channel = standin_test::channelSection(
+        "CHAN", 819, {standin_test::record("LARGE", 1, 1, 0, 70000, std::string(70000, 'x'))});
+    EXPECT_EQ(0, client.call(1, call).vornRc);
 }
 
 TEST_F(Conversation, ClosesBehindAFlowTypeOfTheGatewaysOwn)

@@ -451,6 +451,10 @@ TEST(DecodeEciRequest, NamesTheFieldAndItsByte)
               spoiled(64, {0xFF, 0xFF, 0xFF, 0xFE}));
     EXPECT_EQ("COMMAREA length is negative (-1) at byte 70", spoiled(70, {0xFF, 0xFF, 0xFF, 0xFF}));
     EXPECT_EQ("outbound length flag is 0x01, neither 0xFF nor 0x00 at byte 74", spoiled(74, {1}));
+    EXPECT_EQ("COMMAREA length is 32768, not 0 to 32767 at byte 70",
+              spoiled(70, {0x00, 0x00, 0x80, 0x00}));
+    EXPECT_EQ("COMMAREA length is 2147483647, not 0 to 32767 at byte 70",
+              spoiled(70, {0x7F, 0xFF, 0xFF, 0xFF}));
     EXPECT_EQ("outbound length is 0, not 1 to the COMMAREA length 6 at byte 75",
               spoiled(75, {0, 0, 0, 0}));
     EXPECT_EQ("outbound length is 7, not 1 to the COMMAREA length 6 at byte 75",

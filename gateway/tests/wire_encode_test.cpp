@@ -341,6 +341,13 @@ TEST(EciReplyAbend, KeepsFourCharactersAndFillsUpWithBlanks)
     EXPECT_EQ(-7, EciReply::abend(requestFor(0), "AB").vornRc);
 }
 
+TEST(LengthOnWire, IsNeverNegative)
+{
+    EXPECT_EQ(2147483647, lengthOnWire(2147483647U));
+    EXPECT_THROW(lengthOnWire(2147483648U), std::length_error);
+    EXPECT_THROW(lengthOnWire(4294967295U), std::length_error);
+}
+
 TEST(Hex, GoesBothWays)
 {
     EXPECT_EQ("00 1F A0", toHex({0x00, 0x1F, 0xA0}));

@@ -65,9 +65,13 @@ constexpr std::int32_t kGatewayException = 61446;
 constexpr std::int32_t kGatewayBackLevel = 61450;
 constexpr std::int32_t kGatewayInvalidRequestType = 61451;
 
-// Largest body that a client may announce; anything above is malformed. A COMMAREA has at most
-// 32767 bytes, so only channels come near.
+// Largest body that a client may announce; anything above is malformed. Only an ECI request that
+// follows a handshake may be large, for the channel that it may have.
 constexpr std::int32_t kLargestBody = 64 * 1024 * 1024;
+constexpr std::int32_t kLargestSmallBody = 64 * 1024;
+
+// Largest COMMAREA.
+constexpr std::int32_t kLargestCommarea = 32767;
 
 // ----------------------------------------------------------------------------------------- records
 

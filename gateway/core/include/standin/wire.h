@@ -69,9 +69,12 @@ struct SplitFlow {
     std::size_t size = 0;       // header and body
 };
 
+// Whose flows a stream has, and with it how large their bodies may be.
+enum class Stream { Any, ClientBeforeHandshake, ClientBehindHandshake };
+
 // Finds the first flow in `stream`. Nothing when it is not complete yet; MalformedFlow as soon as
 // the eyecatcher or one of the two lengths makes it impossible to tell where the flow ends.
-std::optional<SplitFlow> splitFlow(const Bytes& stream);
+std::optional<SplitFlow> splitFlow(const Bytes& stream, Stream kind = Stream::Any);
 
 // Checks all other fields of a header that came from a client: version, flow type, message id,
 // gatewayRc, request type, security.
@@ -86,6 +89,9 @@ EsiRequest decodeEsiRequest(const Bytes& body, std::size_t bodyOffset);
 // Undoes the scrambling of a password: the first byte is the complement of the clear one, each
 // later byte the exclusive or of the clear byte and the clear byte before it.
 std::string unmaskPassword(const Bytes& masked);
+
+// A length as it travels; std::length_error when it is larger than that can be.
+std::int32_t lengthOnWire(std::size_t size);
 
 // "00 1F A0 ...", and back. fromHex ignores blanks and throws std::invalid_argument for anything
 // that is not an even number of hexadecimal digits.

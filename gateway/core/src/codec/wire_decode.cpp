@@ -158,7 +158,12 @@ std::optional<std::int32_t> takeOptionalLength(ByteReader& in, std::int32_t larg
 
 void takeCommarea(ByteReader& in, EciRequest& request)
 {
+    const std::size_t start = in.offset();
     request.commareaLength = in.takeLength("COMMAREA length");
+    if (request.commareaLength > kLargestCommarea) {
+        reject(start, "COMMAREA length is " + std::to_string(request.commareaLength) +
+                          ", not 0 to " + std::to_string(kLargestCommarea));
+    }
     request.outboundLength = takeOptionalLength(in, request.commareaLength, "outbound length");
     request.inboundLength = takeOptionalLength(in, request.commareaLength, "inbound length");
     if (request.endsUnitOfWork()) return;
@@ -225,7 +230,19 @@ MalformedFlow::MalformedFlow(std::size_t offset, std::string problem)
 {
 }
 
-std::optional<SplitFlow> splitFlow(const Bytes& stream)
+namespace {
+
+std::int32_t largestBody(const FlowHeader& header, Stream kind)
+{
+    if (kind == Stream::Any) return kLargestBody;
+    const bool isEci = header.flowType == static_cast<std::int32_t>(FlowType::Request) &&
+                       header.requestType == "ECI";
+    return isEci && kind == Stream::ClientBehindHandshake ? kLargestBody : kLargestSmallBody;
+}
+
+} // namespace
+
+std::optional<SplitFlow> splitFlow(const Bytes& stream, Stream kind)
 {
     ByteReader in(stream, 0);
     SplitFlow split;
@@ -254,9 +271,10 @@ std::optional<SplitFlow> splitFlow(const Bytes& stream)
     header.requestType = in.takeText(static_cast<std::size_t>(typeLength), "request type");
     header.security = in.takeByte("security");
     const std::int32_t dataLength = in.takeInt("data length");
-    if (dataLength < 0 || dataLength > kLargestBody) {
+    const std::int32_t largest = largestBody(header, kind);
+    if (dataLength < 0 || dataLength > largest) {
         reject(split.headerSize - 4, "data length is " + std::to_string(dataLength) +
-                                         ", not 0 to " + std::to_string(kLargestBody));
+                                         ", not 0 to " + std::to_string(largest));
     }
     header.dataLength = dataLength;
 

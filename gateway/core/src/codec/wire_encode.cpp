@@ -1,6 +1,7 @@
 // The Gateway's flows as bytes. One line for each field, in wire order.
 
 #include <algorithm>
+#include <limits>
 #include <stdexcept>
 
 #include "codec/byte_writer.h"
@@ -19,11 +20,6 @@ constexpr std::uint8_t kNotSet = 0x00;
 const char* const kBase = "BASE";
 const char* const kEci = "ECI";
 const char* const kEsi = "ESI";
-
-std::int32_t lengthOf(std::size_t size)
-{
-    return static_cast<std::int32_t>(size);
-}
 
 Flow headerOnly(FlowType type, std::int32_t messageId, std::string_view requestType)
 {
@@ -46,7 +42,7 @@ void putContainer(ByteWriter& out, const Container& container)
     out.putShort(0);
     out.putByte(container.type);
     out.putInt(container.ccsid);
-    out.putInt(container.dataLength.value_or(lengthOf(container.data.size())));
+    out.putInt(container.dataLength.value_or(lengthOnWire(container.data.size())));
     if (travelsWithData(container.change)) out.putBytes(container.data);
 }
 
@@ -54,7 +50,7 @@ void putChannel(ByteWriter& out, const Channel& channel)
 {
     out.putPadded(channel.name, kNameWidth);
     out.putInt(channel.ccsid);
-    out.putInt(channel.count.value_or(lengthOf(channel.containers.size())));
+    out.putInt(channel.count.value_or(lengthOnWire(channel.containers.size())));
     for (const Container& container : channel.containers) putContainer(out, container);
 }
 
@@ -106,6 +102,14 @@ int hexDigit(char c)
 
 } // namespace
 
+std::int32_t lengthOnWire(std::size_t size)
+{
+    constexpr auto kLargest = std::numeric_limits<std::int32_t>::max();
+    if (size > static_cast<std::size_t>(kLargest))
+        throw std::length_error(std::to_string(size) + " bytes are more than a flow can have");
+    return static_cast<std::int32_t>(size);
+}
+
 Bytes encodeFlow(const Flow& flow)
 {
     const FlowHeader& header = flow.header;
@@ -115,10 +119,10 @@ Bytes encodeFlow(const Flow& flow)
     out.putInt(header.flowType);
     out.putInt(header.messageId);
     out.putInt(header.gatewayRc);
-    out.putInt(header.requestTypeLength.value_or(lengthOf(header.requestType.size())));
+    out.putInt(header.requestTypeLength.value_or(lengthOnWire(header.requestType.size())));
     out.putText(header.requestType);
     out.putByte(header.security);
-    out.putInt(header.dataLength.value_or(lengthOf(flow.body.size())));
+    out.putInt(header.dataLength.value_or(lengthOnWire(flow.body.size())));
     out.putBytes(flow.body);
     return out.take();
 }

@@ -59,17 +59,27 @@ bool Session::takeOneFlow()
 {
     std::optional<SplitFlow> split;
     try {
-        split = splitFlow(unread_);
+        split = splitFlow(unread_, stage_ == Stage::Connected ? Stream::ClientBeforeHandshake
+                                                              : Stream::ClientBehindHandshake);
     } catch (const MalformedFlow& malformed) {
         owner_.onUnreadable(*this, malformed, std::exchange(unread_, {}));
         return false;
     }
     if (!split) return false;
-    const auto end = unread_.begin() + static_cast<std::ptrdiff_t>(split->size);
-    const Bytes raw(unread_.begin(), end);
-    unread_.erase(unread_.begin(), end);
+    const Bytes raw = takeUnread(split->size);
     owner_.onFlow(*this, *split, raw);
     return true;
+}
+
+// Cuts bytes off the front. A large flow leaves no large room behind.
+Bytes Session::takeUnread(std::size_t count)
+{
+    constexpr std::size_t kMostRoom = 1024 * 1024;
+    const auto end = unread_.begin() + static_cast<std::ptrdiff_t>(count);
+    Bytes taken(unread_.begin(), end);
+    unread_.erase(unread_.begin(), end);
+    if (unread_.capacity() > kMostRoom) unread_.shrink_to_fit();
+    return taken;
 }
 
 void Session::onReadFailed(const asio::error_code& error)

@@ -88,6 +88,7 @@ private:
     void readMore();
     void takeFlows();
     bool takeOneFlow();
+    Bytes takeUnread(std::size_t count);
     void onReadFailed(const asio::error_code& error);
     void sendNextPiece();
     void onPieceSent(std::size_t count);

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
 #include <system_error>
 #include <thread>
@@ -32,7 +33,16 @@ public:
         return [this](LogLevel, const std::string& line) {
             const std::lock_guard<std::mutex> guard(lock_);
             text_ += line + "\n";
+            changed_.notify_all();
         };
+    }
+
+    // Waits until the text has come; false when it does not.
+    bool await(const std::string& part) const
+    {
+        std::unique_lock<std::mutex> guard(lock_);
+        return changed_.wait_for(guard, kAwaitLimit,
+                                 [&] { return text_.find(part) != std::string::npos; });
     }
 
     std::string text() const
@@ -43,6 +53,7 @@ public:
 
 private:
     mutable std::mutex lock_;
+    mutable std::condition_variable changed_;
     std::string text_;
 };
 
@@ -194,6 +205,33 @@ TEST_F(Conversation, IsDeafWhileReadingIsStopped)
     EXPECT_EQ(0U, gateway.requestCount());
     gateway.resumeReading();
     EXPECT_EQ(1, client.read().value().messageId);
+}
+
+TEST_F(Conversation, DoesNotReadFromAClientThatTakesNothing)
+{
+    constexpr int kRequests = 64;
+    ASSERT_TRUE(client.shakeHands());
+    gateway.setReply("BIG", [](const EciRequest& request) {
+        EciReply reply = EciReply::to(request);
+        reply.channel = Channel{"CHAN", 819, {Container{}}, std::nullopt};
+        reply.channel->containers[0].name = "BIG";
+        reply.channel->containers[0].data.resize(1024 * 1024);
+        return reply;
+    });
+    Call call;
+    call.program = "BIG";
+    Raw all;
+    for (int id = 1; id <= kRequests; ++id) all.bytes(eciRequest(id, call));
+    client.send(all);
+    ASSERT_TRUE(lines.await("bytes wait to be taken; nothing more is read until they are"));
+    Client another(gateway.port());
+    ASSERT_TRUE(another.shakeHands());
+    EXPECT_EQ(0, another.call(1, {}).vornRc);
+    EXPECT_LT(gateway.requestCount(), std::size_t{kRequests});
+
+    for (int id = 1; id <= kRequests; ++id) EXPECT_EQ(id, client.read().value().messageId);
+    EXPECT_TRUE(logged("connection 1: is read from again"));
+    EXPECT_EQ(0, client.call(kRequests + 1, {}).vornRc);
 }
 
 TEST_F(Conversation, EndsEverythingWhenItStops)

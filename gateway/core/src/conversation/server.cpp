@@ -213,6 +213,13 @@ void Server::onAnswerSent(Session&)
     recorder_.answered();
 }
 
+void Server::onCongestion(Session& session, std::size_t waiting)
+{
+    if (waiting == 0) return log(LogLevel::Info, session.number(), "is read from again");
+    log(LogLevel::Warning, session.number(),
+        std::to_string(waiting) + " bytes wait to be taken; nothing more is read until they are");
+}
+
 void Server::onEnded(Session& session, Ending ending)
 {
     const int number = session.number();

@@ -68,6 +68,7 @@ private:
     void onUnreadable(Session& session, const MalformedFlow& malformed, const Bytes& raw) override;
     void onCutShort(Session& session, const Bytes& raw) override;
     void onAnswerSent(Session& session) override;
+    void onCongestion(Session& session, std::size_t waiting) override;
     void onEnded(Session& session, Ending ending) override;
 
     void acceptNext();

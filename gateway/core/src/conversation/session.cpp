@@ -9,6 +9,12 @@
 
 namespace standin {
 
+namespace {
+
+constexpr std::size_t kMostWaiting = 4 * 1024 * 1024;
+
+} // namespace
+
 Session::Session(asio::ip::tcp::socket socket, int number, SessionOwner& owner)
     : socket_(std::move(socket)), number_(number), owner_(owner)
 {
@@ -27,14 +33,13 @@ void Session::start()
 void Session::setReading(bool reading)
 {
     reading_ = reading;
-    if (!reading_ || !isOpen()) return;
     takeFlows();
     readMore();
 }
 
 void Session::readMore()
 {
-    if (ended_ || dropping_ || !reading_ || readUnderWay_) return;
+    if (!mayRead() || readUnderWay_) return;
     readUnderWay_ = true;
     socket_.async_read_some(
         asio::buffer(arrived_),
@@ -52,7 +57,7 @@ void Session::readMore()
 
 void Session::takeFlows()
 {
-    while (isOpen() && reading_ && !unread_.empty() && takeOneFlow()) {}
+    while (mayRead() && !unread_.empty() && takeOneFlow()) {}
 }
 
 bool Session::takeOneFlow()
@@ -93,8 +98,18 @@ void Session::onReadFailed(const asio::error_code& error)
 void Session::send(Bytes bytes, std::size_t pieceSize, bool isAnswer)
 {
     if (!isOpen()) return;
+    waiting_ += bytes.size();
     outgoing_.push_back({std::move(bytes), pieceSize, isAnswer});
     if (outgoing_.size() == 1) sendNextPiece();
+    if (!congested_ && waiting_ > kMostWaiting) setCongested(true);
+}
+
+void Session::setCongested(bool congested)
+{
+    congested_ = congested;
+    owner_.onCongestion(*this, congested ? waiting_ : 0);
+    takeFlows();
+    readMore();
 }
 
 void Session::sendNextPiece()
@@ -117,14 +132,16 @@ void Session::onPieceSent(std::size_t count)
 {
     Outgoing& flow = outgoing_.front();
     flow.done += count;
+    waiting_ -= count;
     if (flow.done == flow.bytes.size()) {
         const bool wasAnswer = flow.isAnswer;
         outgoing_.pop_front();
         if (wasAnswer) owner_.onAnswerSent(*this);
     }
     if (ended_) return;
-    if (!outgoing_.empty()) return sendNextPiece();
-    if (dropping_) finishDrop();
+    if (!outgoing_.empty()) sendNextPiece();
+    if (congested_ && waiting_ <= kMostWaiting) setCongested(false);
+    if (dropping_ && !ended_ && outgoing_.empty()) finishDrop();
 }
 
 // ------------------------------------------------------------------------------------------ ending

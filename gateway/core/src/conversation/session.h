@@ -4,6 +4,8 @@
 // Ownership: the owner holds sessions by shared_ptr; the operations under way keep their session
 // alive until they are over. A session tells its owner when it has ended, once.
 //
+// A client that does not take what is sent to it is not read from either, once 4 MB wait for it.
+//
 // Thread: the Gateway's thread only.
 #ifndef STANDIN_SESSION_H
 #define STANDIN_SESSION_H
@@ -40,6 +42,11 @@ public:
     virtual void onCutShort(Session& session, const Bytes& raw) = 0;
 
     virtual void onAnswerSent(Session& session) = 0;
+
+    // So many bytes wait to be taken by the client that nothing more is read from it; or (0) that
+    // is over.
+    virtual void onCongestion(Session& session, std::size_t waiting) = 0;
+
     virtual void onEnded(Session& session, Ending ending) = 0;
 
 protected:
@@ -85,6 +92,7 @@ private:
         std::size_t done = 0; // bytes handed to the system
     };
 
+    bool mayRead() const { return isOpen() && reading_ && !congested_; }
     void readMore();
     void takeFlows();
     bool takeOneFlow();
@@ -92,6 +100,7 @@ private:
     void onReadFailed(const asio::error_code& error);
     void sendNextPiece();
     void onPieceSent(std::size_t count);
+    void setCongested(bool congested);
     void finishDrop();
     void discardUnread();
     void end(Ending ending);
@@ -103,7 +112,9 @@ private:
     std::array<std::uint8_t, 65536> arrived_{}; // target of the read under way
     Bytes unread_;                              // received, not yet a whole flow
     std::deque<Outgoing> outgoing_;
+    std::size_t waiting_ = 0; // bytes in outgoing_ that have not been handed to the system
     bool reading_ = true;
+    bool congested_ = false;
     bool readUnderWay_ = false;
     bool dropping_ = false;
     bool ended_ = false;

@@ -5,6 +5,8 @@
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
+#include <new>
+#include <optional>
 #include <system_error>
 #include <thread>
 
@@ -232,6 +234,41 @@ TEST_F(Conversation, DoesNotReadFromAClientThatTakesNothing)
     for (int id = 1; id <= kRequests; ++id) EXPECT_EQ(id, client.read().value().messageId);
     EXPECT_TRUE(logged("connection 1: is read from again"));
     EXPECT_EQ(0, client.call(kRequests + 1, {}).vornRc);
+}
+
+// An allocation that fails is played by a log that throws.
+TEST(GatewayFailure, EndsTheConnectionThatItBelongsToAndNoOther)
+{
+    GatewayOptions options;
+    options.log = [](LogLevel, const std::string& line) {
+        for (const char* const event : {"connection 2: accepted", "connection 3: handshake",
+                                        "connection 4: request", "connection 5: answer"}) {
+            if (line.find(event) == 0) throw std::bad_alloc();
+        }
+    };
+    Gateway gateway(options);
+    std::optional<PendingEsiReply> kept;
+    gateway.setEsiProgram(
+        [&kept](const EsiRequest&, const PendingEsiReply& pending) { kept = pending; });
+    Client first(gateway.port());
+    ASSERT_TRUE(first.shakeHands());
+    Client second(gateway.port());
+    EXPECT_FALSE(second.endsInOrder());
+    Client third(gateway.port());
+    EXPECT_FALSE(third.shakeHands());
+    Client fourth(gateway.port());
+    ASSERT_TRUE(fourth.shakeHands());
+    fourth.send(eciRequest(1, {}));
+    EXPECT_FALSE(fourth.endsInOrder());
+    Client fifth(gateway.port());
+    ASSERT_TRUE(fifth.shakeHands());
+    fifth.send(flow(1, 2, "ESI", Raw().int32(0).padded("FRED", 10).int32(0).padded("", 8)));
+    ASSERT_TRUE(gateway.awaitRequests());
+    gateway.behave(); // behind it the request has been given to the program
+    kept.value().complete({});
+    EXPECT_FALSE(fifth.endsInOrder());
+    EXPECT_EQ(0, first.call(1, {}).vornRc);
+    ASSERT_TRUE(gateway.awaitClosed(4));
 }
 
 TEST_F(Conversation, EndsEverythingWhenItStops)

@@ -1,6 +1,7 @@
 #include "conversation/event_loop.h"
 
 #include <csignal>
+#include <exception>
 #include <future>
 #include <utility>
 
@@ -15,18 +16,30 @@ EventLoop::~EventLoop()
     stop([] {});
 }
 
-void EventLoop::start()
+void EventLoop::start(Complain complain)
 {
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    thread_ = std::thread([this] { context_.run(); });
+    thread_ = std::thread([this, complain = std::move(complain)] { run(complain); });
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 
     const std::lock_guard<std::mutex> guard(lock_);
     threadId_ = thread_.get_id();
     running_ = true;
+}
+
+void EventLoop::run(const Complain& complain)
+{
+    for (;;) {
+        try {
+            context_.run();
+            return;
+        } catch (const std::exception& failure) {
+            complain(failure.what());
+        }
+    }
 }
 
 bool EventLoop::post(Task task)
@@ -53,10 +66,14 @@ bool EventLoop::runAndWait(const Task& task)
     }
     std::promise<void> done;
     const bool posted = post([&task, &done] {
-        task();
-        done.set_value();
+        try {
+            task();
+            done.set_value();
+        } catch (...) {
+            done.set_exception(std::current_exception());
+        }
     });
-    if (posted) done.get_future().wait();
+    if (posted) done.get_future().get();
     return posted;
 }
 

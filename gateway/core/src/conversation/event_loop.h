@@ -24,8 +24,11 @@ public:
 
     asio::io_context& context() { return context_; }
 
+    // What is done about a task or handler that throws; the loop goes on.
+    using Complain = std::function<void(const char* failure)>;
+
     // Starts the thread, with all signals blocked in it.
-    void start();
+    void start(Complain complain);
 
     // Runs the task on the thread, behind what has been given before. False when the loop has
     // stopped; the task is then dropped.
@@ -34,7 +37,8 @@ public:
     // The same, but on the thread itself the task runs at once.
     bool dispatch(const Task& task);
 
-    // As post(), and waits until it has run; runs it at once when called on the thread itself.
+    // As post(), and waits until it has run; runs it at once when called on the thread itself. What
+    // the task throws, this throws.
     bool runAndWait(const Task& task);
 
     // Runs `last`, which must end everything that the context still waits for, and joins the
@@ -42,6 +46,8 @@ public:
     void stop(Task last);
 
 private:
+    void run(const Complain& complain);
+
     asio::io_context context_{1};
     asio::executor_work_guard<asio::io_context::executor_type> work_;
     std::mutex lock_;

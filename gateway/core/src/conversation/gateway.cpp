@@ -17,7 +17,7 @@ public:
           recorder_(options.recording), server_(options, loop_, recorder_),
           port_(server_.listen(host_, options.port))
     {
-        loop_->start();
+        loop_->start([this](const char* failure) { server_.complain(failure); });
         onThread([](Server& server) { server.startAccepting(); });
     }
 

@@ -127,7 +127,11 @@ void Server::acceptNext()
     acceptor_.async_accept([this](const asio::error_code& error, asio::ip::tcp::socket socket) {
         if (!acceptor_.is_open()) return;
         if (error) return retryAccepting(error);
-        onAccepted(std::move(socket));
+        try {
+            onAccepted(std::move(socket));
+        } catch (const std::exception& failure) {
+            complain(failure.what());
+        }
         acceptNext();
     });
 }
@@ -154,14 +158,20 @@ void Server::onAccepted(asio::ip::tcp::socket socket)
     const int number = ++lastNumber_;
     const auto session = std::make_shared<Session>(std::move(socket), number, *this);
     sessions_[number] = session;
+    guarded(number, [&] { welcome(*session, peer); });
+}
+
+void Server::welcome(Session& session, const std::string& peer)
+{
+    const int number = session.number();
     recorder_.connected(number, peer);
     log(LogLevel::Info, number, "accepted from " + peer);
 
     const std::vector<Strike> strikes = plan_.strike({Moment::Connect, number, 0, {}});
     const Answer::Then then = endingAtConnect(strikes);
-    if (then != Answer::Then::GoOn) return end(*session, then);
-    session->setReading(reading_);
-    session->start();
+    if (then != Answer::Then::GoOn) return end(session, then);
+    session.setReading(reading_);
+    session.start();
 }
 
 std::vector<std::shared_ptr<Session>> Server::openSessions(int number) const
@@ -220,17 +230,41 @@ void Server::onCongestion(Session& session, std::size_t waiting)
         std::to_string(waiting) + " bytes wait to be taken; nothing more is read until they are");
 }
 
+void Server::onFailed(Session& session, const char* failure)
+{
+    log(LogLevel::Error, session.number(), std::string("has failed: ") + printable(failure));
+}
+
+void Server::guarded(int connection, const std::function<void()>& step)
+{
+    try {
+        step();
+    } catch (const std::exception& failure) {
+        const auto found = sessions_.find(connection);
+        if (found == sessions_.end()) throw;
+        const std::shared_ptr<Session> session = found->second;
+        onFailed(*session, failure.what());
+        session->reset();
+    }
+}
+
+void Server::complain(const char* failure) const
+{
+    log(LogLevel::Error, std::string("a failure: ") + printable(failure));
+}
+
+// The connection's things go before the talk about it, which may fail.
 void Server::onEnded(Session& session, Ending ending)
 {
     const int number = session.number();
-    const bool untimely = ending != Ending::ClosedByGateway &&
-                          session.stage() != Session::Stage::Closing;
-    log(untimely ? LogLevel::Warning : LogLevel::Info, number,
-        std::string(describe(ending)) + (untimely ? " without a close flow" : ""));
     runner_.connectionLost(number);
     held_.forgetConnection(number);
     sessions_.erase(number);
     updateHeldCount();
+    const bool untimely = ending != Ending::ClosedByGateway &&
+                          session.stage() != Session::Stage::Closing;
+    log(untimely ? LogLevel::Warning : LogLevel::Info, number,
+        std::string(describe(ending)) + (untimely ? " without a close flow" : ""));
     recorder_.ended(number, ending);
 }
 
@@ -444,14 +478,19 @@ void Server::runEci(const ReceivedRequest& request, const std::vector<Strike>& s
         answer(connection, messageId, strikes,
                spoiledAnswer(strikes, makeEciReply(messageId, reply)));
     };
-    runner_.run(*request.eci, messageId, connection, deliverReply, wayOnto(loop_));
+    const auto later = [this, connection, way = wayOnto(loop_)](std::function<void()> task) {
+        way([this, connection, task = std::move(task)] { guarded(connection, task); });
+    };
+    runner_.run(*request.eci, messageId, connection, deliverReply, later);
 }
 
 void Server::runEsi(const ReceivedRequest& request, const std::vector<Strike>& strikes)
 {
-    const auto deliverReply =
-        [this, connection = request.connection, messageId = request.header.messageId,
-         strikes](const EsiReply& reply) { answerEsi(connection, messageId, strikes, reply); };
+    const int connection = request.connection;
+    const std::int32_t messageId = request.header.messageId;
+    const auto deliverReply = [this, connection, messageId, strikes](const EsiReply& reply) {
+        guarded(connection, [&] { answerEsi(connection, messageId, strikes, reply); });
+    };
     const std::weak_ptr<EventLoop> loop = loop_;
     const PendingEsiReply pending([loop, deliverReply](const EsiReply& reply) {
         const std::shared_ptr<EventLoop> alive = loop.lock();

@@ -61,6 +61,9 @@ public:
 
     void setReading(bool reading);
 
+    // A failure that belongs to no connection.
+    void complain(const char* failure) const;
+
 private:
     void onBytesReceived(Session& session, const std::uint8_t* bytes, std::size_t count) override;
     void onBytesSending(Session& session, const std::uint8_t* bytes, std::size_t count) override;
@@ -69,10 +72,12 @@ private:
     void onCutShort(Session& session, const Bytes& raw) override;
     void onAnswerSent(Session& session) override;
     void onCongestion(Session& session, std::size_t waiting) override;
+    void onFailed(Session& session, const char* failure) override;
     void onEnded(Session& session, Ending ending) override;
 
     void acceptNext();
     void onAccepted(asio::ip::tcp::socket socket);
+    void welcome(Session& session, const std::string& peer);
     void retryAccepting(const asio::error_code& error);
 
     void takeHandshake(Session& session, const SplitFlow& split, const Bytes& raw);
@@ -93,6 +98,9 @@ private:
     void runEsi(const ReceivedRequest& request, const std::vector<Strike>& strikes);
     void answerEsi(int connection, std::int32_t messageId, const std::vector<Strike>& strikes,
                    const EsiReply& reply);
+
+    // Runs what gives an answer, at once or later; a failure ends the connection.
+    void guarded(int connection, const std::function<void()>& step);
 
     // The last stations of an answer: holding and collecting, then the connection.
     void answer(int connection, std::int32_t messageId, const std::vector<Strike>& strikes,

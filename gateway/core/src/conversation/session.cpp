@@ -1,6 +1,7 @@
 #include "conversation/session.h"
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 #include <asio/buffer.hpp>
@@ -44,15 +45,33 @@ void Session::readMore()
     socket_.async_read_some(
         asio::buffer(arrived_),
         [self = shared_from_this()](const asio::error_code& error, std::size_t count) {
-            self->readUnderWay_ = false;
-            if (self->ended_ || self->dropping_) return;
-            if (error) return self->onReadFailed(error);
-            self->owner_.onBytesReceived(*self, self->arrived_.data(), count);
-            self->unread_.insert(self->unread_.end(), self->arrived_.begin(),
-                                 self->arrived_.begin() + static_cast<std::ptrdiff_t>(count));
-            self->takeFlows();
-            self->readMore();
+            self->guarded([&] { self->onArrived(error, count); });
         });
+}
+
+void Session::onArrived(const asio::error_code& error, std::size_t count)
+{
+    readUnderWay_ = false;
+    if (ended_ || dropping_) return;
+    if (error) return onReadFailed(error);
+    owner_.onBytesReceived(*this, arrived_.data(), count);
+    unread_.insert(unread_.end(), arrived_.begin(),
+                   arrived_.begin() + static_cast<std::ptrdiff_t>(count));
+    takeFlows();
+    readMore();
+}
+
+// What goes wrong on one connection ends that one only.
+template <typename Step>
+void Session::guarded(Step step)
+{
+    try {
+        step();
+    } catch (const std::exception& failure) {
+        if (ended_) throw;
+        owner_.onFailed(*this, failure.what());
+        reset();
+    }
 }
 
 void Session::takeFlows()
@@ -122,10 +141,15 @@ void Session::sendNextPiece()
     asio::async_write(
         socket_, asio::buffer(flow.bytes.data() + flow.done, size),
         [self = shared_from_this()](const asio::error_code& error, std::size_t count) {
-            if (self->ended_) return;
-            if (error) return self->end(Ending::Reset);
-            self->onPieceSent(count);
+            self->guarded([&] { self->onPieceDone(error, count); });
         });
+}
+
+void Session::onPieceDone(const asio::error_code& error, std::size_t count)
+{
+    if (ended_) return;
+    if (error) return end(Ending::Reset);
+    onPieceSent(count);
 }
 
 void Session::onPieceSent(std::size_t count)

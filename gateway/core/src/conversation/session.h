@@ -47,6 +47,8 @@ public:
     // is over.
     virtual void onCongestion(Session& session, std::size_t waiting) = 0;
 
+    // Something that the session's bytes led to has failed, as an allocation may; it ends then.
+    virtual void onFailed(Session& session, const char* failure) = 0;
     virtual void onEnded(Session& session, Ending ending) = 0;
 
 protected:
@@ -94,6 +96,10 @@ private:
 
     bool mayRead() const { return isOpen() && reading_ && !congested_; }
     void readMore();
+    void onArrived(const asio::error_code& error, std::size_t count);
+    void onPieceDone(const asio::error_code& error, std::size_t count);
+    template <typename Step>
+    void guarded(Step step);
     void takeFlows();
     bool takeOneFlow();
     Bytes takeUnread(std::size_t count);

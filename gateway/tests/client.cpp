@@ -240,6 +240,15 @@ std::optional<Received> Client::read()
     return received;
 }
 
+std::uint16_t Client::localPort() const
+{
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    if (::getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &size) != 0)
+        throw std::system_error(errno, std::generic_category(), "getsockname");
+    return ntohs(address.sin_port);
+}
+
 unsigned Client::segmentsReceived() const
 {
     tcp_info info{};

@@ -97,6 +97,8 @@ public:
     // Reads exactly `count` bytes, fewer when the connection ends.
     Bytes readBytes(std::size_t count);
 
+    std::uint16_t localPort() const;
+
     // How many segments with data have arrived so far.
     unsigned segmentsReceived() const;
 

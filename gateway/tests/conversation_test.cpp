@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
 #include <atomic>
 #include <condition_variable>
 #include <mutex>
@@ -59,6 +63,27 @@ private:
     std::string text_;
 };
 
+// The gateway's end of the connection from this port; -1 when there is none.
+int socketTo(std::uint16_t clientPort)
+{
+    constexpr int kHighest = 1024;
+    for (int descriptor = 0; descriptor < kHighest; ++descriptor) {
+        sockaddr_in peer{};
+        socklen_t size = sizeof peer;
+        if (::getpeername(descriptor, reinterpret_cast<sockaddr*>(&peer), &size) != 0) continue;
+        if (peer.sin_family == AF_INET && ntohs(peer.sin_port) == clientPort) return descriptor;
+    }
+    return -1;
+}
+
+int optionOf(int socket, int level, int name)
+{
+    int value = -1;
+    socklen_t size = sizeof value;
+    ::getsockopt(socket, level, name, &value, &size);
+    return value;
+}
+
 class Conversation : public testing::Test {
 protected:
     static GatewayOptions withLog(Lines& lines)
@@ -80,6 +105,18 @@ protected:
         const std::optional<Received> answer = client.read();
         if (!answer || answer->flowType != 6) return "no exception";
         return textOf(answer->body).substr(3);
+    }
+
+    // Puts a program BIG behind the gateway, which answers a megabyte.
+    void answerBig()
+    {
+        gateway.setReply("BIG", [](const EciRequest& request) {
+            EciReply reply = EciReply::to(request);
+            reply.channel = Channel{"CHAN", 819, {Container{}}, std::nullopt};
+            reply.channel->containers[0].name = "BIG";
+            reply.channel->containers[0].data.resize(1024 * 1024);
+            return reply;
+        });
     }
 
     // The header of a flow with so many bytes behind it.
@@ -213,13 +250,7 @@ TEST_F(Conversation, DoesNotReadFromAClientThatTakesNothing)
 {
     constexpr int kRequests = 64;
     ASSERT_TRUE(client.shakeHands());
-    gateway.setReply("BIG", [](const EciRequest& request) {
-        EciReply reply = EciReply::to(request);
-        reply.channel = Channel{"CHAN", 819, {Container{}}, std::nullopt};
-        reply.channel->containers[0].name = "BIG";
-        reply.channel->containers[0].data.resize(1024 * 1024);
-        return reply;
-    });
+    answerBig();
     Call call;
     call.program = "BIG";
     Raw all;
@@ -311,6 +342,55 @@ TEST(GatewayWithoutRecording, CountsButKeepsNothing)
     EXPECT_TRUE(gateway.requests().empty());
     EXPECT_TRUE(gateway.connections().empty());
     EXPECT_TRUE(gateway.received().empty());
+}
+
+// ---------------------------------------------------------------------------- clients on their way
+
+TEST_F(Conversation, AnswersAClientThatHasClosedItsSide)
+{
+    constexpr int kRequests = 8; // more than the system takes at once
+    ASSERT_TRUE(client.shakeHands());
+    answerBig();
+    Call call;
+    call.program = "BIG";
+    Raw all;
+    for (int id = 1; id <= kRequests; ++id) all.bytes(eciRequest(id, call));
+    client.send(all);
+    client.closeSending();
+    for (int id = 1; id <= kRequests; ++id) ASSERT_EQ(id, client.read().value().messageId);
+    EXPECT_TRUE(client.endsInOrder());
+    ASSERT_TRUE(gateway.awaitClosed());
+    EXPECT_EQ(Ending::ClosedByClient, gateway.connections().at(0).ending);
+}
+
+TEST_F(Conversation, GivesALateAnswerToAClientThatHasClosedItsSide)
+{
+    std::optional<PendingEsiReply> kept;
+    gateway.setEsiProgram(
+        [&kept](const EsiRequest&, const PendingEsiReply& pending) { kept = pending; });
+    ASSERT_TRUE(client.shakeHands());
+    Call opening;
+    opening.mode = 1;
+    client.call(1, opening);
+    client.send(flow(1, 2, "ESI", Raw().int32(0).padded("FRED", 10).int32(0).padded("", 8)));
+    client.closeSending();
+    ASSERT_TRUE(lines.await("unit of work 1 is backed out"));
+    gateway.behave();
+    kept.value().complete({});
+    EXPECT_EQ(2, client.read().value().messageId);
+    EXPECT_TRUE(client.endsInOrder());
+}
+
+TEST_F(Conversation, LooksAfterClientsThatHaveVanished)
+{
+    ASSERT_TRUE(client.shakeHands());
+    const int server = socketTo(client.localPort());
+    ASSERT_NE(-1, server);
+    EXPECT_EQ(1, optionOf(server, SOL_SOCKET, SO_KEEPALIVE));
+    EXPECT_EQ(60, optionOf(server, IPPROTO_TCP, TCP_KEEPIDLE));
+    EXPECT_EQ(10, optionOf(server, IPPROTO_TCP, TCP_KEEPINTVL));
+    EXPECT_EQ(6, optionOf(server, IPPROTO_TCP, TCP_KEEPCNT));
+    EXPECT_EQ(120000, optionOf(server, IPPROTO_TCP, TCP_USER_TIMEOUT));
 }
 
 // ------------------------------------------------------------------------------------- wrong flows

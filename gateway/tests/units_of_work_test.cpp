@@ -256,3 +256,34 @@ TEST_F(UnitsOfWork, AReplyFunctionMayNameATokenOfItsOwn)
     });
     EXPECT_EQ(4711, call(1, 0, "TOKEN").luwToken);
 }
+
+TEST_F(UnitsOfWork, IsBackedOutAtTheCloseFlow)
+{
+    call(1, 0);
+    client.send(standin_test::closeFlow());
+    EXPECT_EQ(10, client.read().value().flowType);
+    EXPECT_EQ(0U, gateway.openUnitsOfWork());
+    EXPECT_EQ((Entries{"begin 1", "call 1", "backout 1"}), diary->entries());
+    EXPECT_EQ(0U, gateway.closedCount());
+}
+
+TEST_F(UnitsOfWork, IsBackedOutAtAMalformedFlowWhateverTheClientStillHasToTake)
+{
+    gateway.setReply("BIG", [](const EciRequest& request) {
+        EciReply reply = EciReply::to(request);
+        reply.channel = Channel{"CHAN", 819, {Container{}}, std::nullopt};
+        reply.channel->containers[0].name = "BIG";
+        reply.channel->containers[0].data.resize(4000000);
+        return reply;
+    });
+    call(1, 0);
+    Call big;
+    big.program = "BIG";
+    client.send(standin_test::Raw().bytes(standin_test::eciRequest(2, big)).text("HTTP"));
+    ASSERT_TRUE(gateway.awaitFindings());
+    gateway.behave(); // behind what the flow leads to
+    EXPECT_EQ(0U, gateway.closedCount()) << "the answer has been taken";
+    EXPECT_EQ(0U, gateway.openUnitsOfWork());
+    EXPECT_EQ(2, client.read().value().messageId);
+    EXPECT_TRUE(client.endsInOrder());
+}

@@ -230,6 +230,12 @@ void Server::onCongestion(Session& session, std::size_t waiting)
         std::to_string(waiting) + " bytes wait to be taken; nothing more is read until they are");
 }
 
+// No request can continue or commit what the connection has open.
+void Server::onLeaving(Session& session)
+{
+    runner_.connectionLost(session.number());
+}
+
 void Server::onFailed(Session& session, const char* failure)
 {
     log(LogLevel::Error, session.number(), std::string("has failed: ") + printable(failure));
@@ -345,6 +351,7 @@ void Server::takeCloseFlow(Session& session, const SplitFlow& split, const Bytes
     log(LogLevel::Info, session.number(), "close flow");
     recorder_.receivedCloseFlow(session.number());
     session.setStage(Session::Stage::Closing);
+    runner_.connectionLost(session.number());
     const std::vector<Strike> strikes = plan_.strike({Moment::CloseFlow, session.number(), 0, {}});
     if (strikes.empty()) return send(session, encodeCloseFlow());
     sendInstead(session, strikes);
@@ -496,15 +503,25 @@ void Server::runEsi(const ReceivedRequest& request, const std::vector<Strike>& s
         const std::shared_ptr<EventLoop> alive = loop.lock();
         if (alive != nullptr) alive->dispatch([deliverReply, reply] { deliverReply(reply); });
     });
-    esiProgram_(*request.esi, pending);
+    const std::shared_ptr<Session> session = sessions_.at(connection);
+    session->expectAnswer();
+    try {
+        esiProgram_(*request.esi, pending);
+    } catch (...) {
+        session->answerIsHere(); // the exception becomes it
+        throw;
+    }
 }
 
 void Server::answerEsi(int connection, std::int32_t messageId, const std::vector<Strike>& strikes,
                        const EsiReply& reply)
 {
-    if (sessions_.count(connection) == 0) return; // the answer comes too late
+    const auto found = sessions_.find(connection);
+    if (found == sessions_.end()) return; // the answer comes too late
+    const std::shared_ptr<Session> session = found->second;
     log(LogLevel::Info, connection, "answer " + std::to_string(messageId) + " " + describe(reply));
     answer(connection, messageId, strikes, spoiledAnswer(strikes, makeEsiReply(messageId, reply)));
+    session->answerIsHere();
 }
 
 // ----------------------------------------------------------------------------------------- answers

@@ -70,6 +70,7 @@ private:
     void onFlow(Session& session, const SplitFlow& split, const Bytes& raw) override;
     void onUnreadable(Session& session, const MalformedFlow& malformed, const Bytes& raw) override;
     void onCutShort(Session& session, const Bytes& raw) override;
+    void onLeaving(Session& session) override;
     void onAnswerSent(Session& session) override;
     void onCongestion(Session& session, std::size_t waiting) override;
     void onFailed(Session& session, const char* failure) override;

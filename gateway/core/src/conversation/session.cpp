@@ -1,5 +1,9 @@
 #include "conversation/session.h"
 
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <exception>
 #include <utility>
@@ -14,6 +18,28 @@ namespace {
 
 constexpr std::size_t kMostWaiting = 4 * 1024 * 1024;
 
+// A client is asked after a minute of silence whether it is still there, and is not after another
+// one without an answer. What it does not take for two minutes it will never take.
+constexpr int kSilence = 60;       // seconds
+constexpr int kBetweenProbes = 10; // seconds
+constexpr int kProbes = 6;
+constexpr int kUserTimeout = 120000; // milliseconds
+
+void setOption(int socket, int level, int name, int value)
+{
+    // A system without the option does without.
+    ::setsockopt(socket, level, name, &value, sizeof value);
+}
+
+void noticeVanishing(int socket)
+{
+    setOption(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
+    setOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, kSilence);
+    setOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, kBetweenProbes);
+    setOption(socket, IPPROTO_TCP, TCP_KEEPCNT, kProbes);
+    setOption(socket, IPPROTO_TCP, TCP_USER_TIMEOUT, kUserTimeout);
+}
+
 } // namespace
 
 Session::Session(asio::ip::tcp::socket socket, int number, SessionOwner& owner)
@@ -22,6 +48,7 @@ Session::Session(asio::ip::tcp::socket socket, int number, SessionOwner& owner)
     // Every piece is to travel by itself.
     asio::error_code ignored;
     socket_.set_option(asio::ip::tcp::no_delay(true), ignored);
+    noticeVanishing(socket_.native_handle());
 }
 
 void Session::start()
@@ -109,7 +136,10 @@ Bytes Session::takeUnread(std::size_t count)
 void Session::onReadFailed(const asio::error_code& error)
 {
     if (!unread_.empty()) owner_.onCutShort(*this, unread_);
-    end(error == asio::error::eof ? Ending::ClosedByClient : Ending::Reset);
+    if (error != asio::error::eof) return end(Ending::Reset);
+    leaving_ = true;
+    owner_.onLeaving(*this);
+    endIfNothingIsLeft();
 }
 
 // ----------------------------------------------------------------------------------------- sending
@@ -148,7 +178,7 @@ void Session::sendNextPiece()
 void Session::onPieceDone(const asio::error_code& error, std::size_t count)
 {
     if (ended_) return;
-    if (error) return end(Ending::Reset);
+    if (error) return end(leaving_ ? Ending::ClosedByClient : Ending::Reset);
     onPieceSent(count);
 }
 
@@ -165,7 +195,13 @@ void Session::onPieceSent(std::size_t count)
     if (ended_) return;
     if (!outgoing_.empty()) sendNextPiece();
     if (congested_ && waiting_ <= kMostWaiting) setCongested(false);
-    if (dropping_ && !ended_ && outgoing_.empty()) finishDrop();
+    endIfNothingIsLeft();
+}
+
+void Session::answerIsHere()
+{
+    --expected_;
+    if (!dropping_) endIfNothingIsLeft();
 }
 
 // ------------------------------------------------------------------------------------------ ending
@@ -174,7 +210,16 @@ void Session::drop()
 {
     if (!isOpen()) return;
     dropping_ = true;
-    if (outgoing_.empty()) finishDrop();
+    if (!leaving_) owner_.onLeaving(*this);
+    endIfNothingIsLeft();
+}
+
+// A session that is on its way out ends behind its last answer.
+void Session::endIfNothingIsLeft()
+{
+    if (ended_ || !outgoing_.empty()) return;
+    if (dropping_) return finishDrop();
+    if (leaving_ && expected_ == 0) end(Ending::ClosedByClient);
 }
 
 void Session::finishDrop()

@@ -41,6 +41,10 @@ public:
     // The client closed its side in the middle of a flow.
     virtual void onCutShort(Session& session, const Bytes& raw) = 0;
 
+    // Nothing more is read from the client: it has closed its side, or is about to be dropped. The
+    // session ends when what is under way to it has been sent.
+    virtual void onLeaving(Session& session) = 0;
+
     virtual void onAnswerSent(Session& session) = 0;
 
     // So many bytes wait to be taken by the client that nothing more is read from it; or (0) that
@@ -86,6 +90,11 @@ public:
 
     void setReading(bool reading);
 
+    // An answer is being made that will be sent later; a client that closes its side meanwhile gets
+    // it all the same. The second one ends this.
+    void expectAnswer() { ++expected_; }
+    void answerIsHere();
+
 private:
     struct Outgoing {
         Bytes bytes;
@@ -94,7 +103,7 @@ private:
         std::size_t done = 0; // bytes handed to the system
     };
 
-    bool mayRead() const { return isOpen() && reading_ && !congested_; }
+    bool mayRead() const { return isOpen() && !leaving_ && reading_ && !congested_; }
     void readMore();
     void onArrived(const asio::error_code& error, std::size_t count);
     void onPieceDone(const asio::error_code& error, std::size_t count);
@@ -108,6 +117,7 @@ private:
     void onPieceSent(std::size_t count);
     void setCongested(bool congested);
     void finishDrop();
+    void endIfNothingIsLeft();
     void discardUnread();
     void end(Ending ending);
 
@@ -122,6 +132,8 @@ private:
     bool reading_ = true;
     bool congested_ = false;
     bool readUnderWay_ = false;
+    int expected_ = 0;     // answers that are being made
+    bool leaving_ = false; // the client has closed its side
     bool dropping_ = false;
     bool ended_ = false;
 };

@@ -28,9 +28,11 @@ namespace {
 // A running daemon. What it writes to both of its outputs comes through one pipe.
 class Daemon {
 public:
-    explicit Daemon(std::vector<std::string> arguments)
+    // With `limits` these are commands of the shell that starts it.
+    explicit Daemon(std::vector<std::string> arguments, const std::string& limits = "true")
     {
-        arguments.insert(arguments.begin(), GATEWAY_DAEMON);
+        arguments.insert(arguments.begin(),
+                         {"/bin/sh", "-c", limits + " && exec \"$0\" \"$@\"", GATEWAY_DAEMON});
         std::vector<char*> argv;
         for (std::string& argument : arguments) argv.push_back(argument.data());
         argv.push_back(nullptr);
@@ -42,7 +44,7 @@ public:
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
         posix_spawn_file_actions_adddup2(&actions, ends[1], STDERR_FILENO);
-        const int error = ::posix_spawn(&process_, GATEWAY_DAEMON, &actions, nullptr, argv.data(),
+        const int error = ::posix_spawn(&process_, "/bin/sh", &actions, nullptr, argv.data(),
                                         environ);
         posix_spawn_file_actions_destroy(&actions);
         ::close(ends[1]);
@@ -471,6 +473,25 @@ TEST(DaemonService, BacksOutOpenUnitsOfWorkWhenItIsStopped)
         EXPECT_EQ("+000000050001", client.call(1, credit).commarea.substr(23, 13));
         EXPECT_EQ(0, daemon.stop());
     }
+}
+
+TEST(DaemonService, KeepsDescriptorsForOthersWhateverUnitsAreOpen)
+{
+    const TemporaryDirectory directory;
+    Daemon daemon({"--database", directory.file("ledger.db")}, "ulimit -n 256");
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    Call query;
+    query.program = "LEDGER";
+    query.commarea = "Q  ACC00005" + std::string(69, ' ');
+    query.mode = 1;
+    for (int i = 1; i <= 48; ++i) ASSERT_EQ(0, client.call(i, query).vornRc) << i;
+    for (int i = 1; i <= 100; ++i) ASSERT_EQ(-16, client.call(i, query).vornRc) << i;
+    Client other(daemon.port());
+    ASSERT_TRUE(other.shakeHands());
+    EXPECT_EQ(0, other.call(1, {}).vornRc);
+    EXPECT_EQ(0, daemon.stop());
+    EXPECT_TRUE(daemon.wrote("48 units of work are open; connection 1 gets no other"));
 }
 
 TEST(DaemonService, MisbehavesAsTold)

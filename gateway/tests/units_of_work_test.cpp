@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -29,10 +30,22 @@ public:
         return EciReply::serverError(call.request, callRc);
     }
 
-    std::int32_t begin(const UnitOfWork& unit) override { return note("begin", unit, beginRc); }
+    std::int32_t begin(const UnitOfWork& unit) override
+    {
+        if (throwsAtBegin) throw std::runtime_error("no beginning");
+        return note("begin", unit, beginRc);
+    }
     std::int32_t resume(const UnitOfWork& unit) override { return note("resume", unit, resumeRc); }
-    std::int32_t commit(const UnitOfWork& unit) override { return note("commit", unit, commitRc); }
-    void backout(const UnitOfWork& unit) override { write("backout", unit.token); }
+    std::int32_t commit(const UnitOfWork& unit) override
+    {
+        if (throwsAtCommit) throw std::runtime_error("no end");
+        return note("commit", unit, commitRc);
+    }
+    void backout(const UnitOfWork& unit) override
+    {
+        write("backout", unit.token);
+        if (throwsAtBackout) throw std::runtime_error("no way back");
+    }
 
     Entries entries() const
     {
@@ -44,6 +57,9 @@ public:
     std::int32_t beginRc = 0;
     std::int32_t resumeRc = 0;
     std::int32_t commitRc = 0;
+    bool throwsAtBegin = false;
+    bool throwsAtCommit = false;
+    bool throwsAtBackout = false;
 
 private:
     std::int32_t note(const std::string& what, const UnitOfWork& unit, std::int32_t rc)
@@ -69,6 +85,15 @@ protected:
         gateway.setProgram("DIARY", diary);
         gateway.setProgram("OTHER", other);
         ASSERT_TRUE(client.shakeHands());
+    }
+
+    static standin::Bytes request(int mode, int token, const std::string& program = "DIARY")
+    {
+        Call request;
+        request.program = program;
+        request.mode = mode;
+        request.token = token;
+        return standin_test::eciRequest(1, request);
     }
 
     Reply call(int mode, int token, const std::string& program = "DIARY")
@@ -286,4 +311,98 @@ TEST_F(UnitsOfWork, IsBackedOutAtAMalformedFlowWhateverTheClientStillHasToTake)
     EXPECT_EQ(0U, gateway.openUnitsOfWork());
     EXPECT_EQ(2, client.read().value().messageId);
     EXPECT_TRUE(client.endsInOrder());
+}
+
+TEST_F(UnitsOfWork, IsBackedOutWhenACallInItIsAnsweredByAnErrorOrAnException)
+{
+    for (const Misbehaviour& misbehaviour :
+         {Misbehaviour(Fault::FlowError, 61445), Misbehaviour(Fault::ConnectionError, 61444),
+          Misbehaviour(Fault::FlowException, std::string("no"))}) {
+        const int token = call(1, 0).luwToken;
+        gateway.misbehave(misbehaviour, once());
+        client.send(request(1, token));
+        EXPECT_NE(3, client.read().value().flowType);
+        EXPECT_EQ(0U, gateway.openUnitsOfWork()) << nameOf(misbehaviour.fault);
+        EXPECT_EQ(-8, call(2, token).vornRc);
+    }
+}
+
+TEST_F(UnitsOfWork, IsBackedOutWhenItsCommitIsAnsweredByAnError)
+{
+    call(1, 0);
+    gateway.misbehave({Fault::FlowError, 61445}, once());
+    client.send(request(2, 1));
+    EXPECT_EQ(4, client.read().value().flowType);
+    EXPECT_EQ((Entries{"begin 1", "call 1", "backout 1"}), diary->entries());
+}
+
+TEST_F(UnitsOfWork, IsBackedOutWhenACallInItIsAnsweredWithACodeOfTheGateway)
+{
+    call(1, 0);
+    gateway.misbehave({Fault::GatewayRc, 61441}, once());
+    EXPECT_EQ(0, call(1, 1).luwToken);
+    EXPECT_EQ((Entries{"begin 1", "call 1", "resume 1", "call 1", "backout 1"}), diary->entries());
+
+    gateway.misbehave({Fault::GatewayRc, 61441}, once());
+    EXPECT_EQ(0, call(1, 0).luwToken);
+    EXPECT_EQ(0U, gateway.openUnitsOfWork());
+
+    gateway.misbehave({Fault::GatewayRc, 0}, once());
+    EXPECT_EQ(3, call(1, 0).luwToken);
+}
+
+TEST_F(UnitsOfWork, IsBackedOutWhenACallInItIsMalformed)
+{
+    call(1, 0);
+    standin::Bytes malformed = request(1, 1);
+    malformed[malformed.size() - 1] = 0; // the correlator
+    client.send(malformed);
+    EXPECT_EQ(6, client.read().value().flowType);
+    EXPECT_EQ(0U, gateway.openUnitsOfWork());
+}
+
+TEST_F(UnitsOfWork, IsBackedOutWhenAProgramThrowsAtItsBeginningOrEnd)
+{
+    call(1, 0);
+    other->throwsAtBegin = true;
+    client.send(request(1, 1, "OTHER"));
+    EXPECT_EQ(6, client.read().value().flowType);
+    EXPECT_EQ(0U, gateway.openUnitsOfWork());
+
+    call(1, 0);
+    diary->throwsAtCommit = true;
+    client.send(request(2, 2));
+    EXPECT_EQ(6, client.read().value().flowType);
+    EXPECT_EQ(0U, gateway.openUnitsOfWork());
+}
+
+TEST_F(UnitsOfWork, IsGoneEvenIfAProgramThrowsAtItsBackout)
+{
+    call(1, 0);
+    call(1, 1, "OTHER");
+    diary->throwsAtBackout = true;
+    EXPECT_EQ(0, call(4, 1).vornRc);
+    EXPECT_EQ((Entries{"begin 1", "call 1", "backout 1"}), other->entries());
+    EXPECT_EQ(0U, gateway.openUnitsOfWork());
+}
+
+TEST(UnitsOfWorkLimit, RefusesAnotherUnitWithMinus16)
+{
+    GatewayOptions options;
+    options.mostUnitsOfWork = 2;
+    Gateway gateway(options);
+    Client client(gateway.port());
+    ASSERT_TRUE(client.shakeHands());
+    Call opening;
+    opening.mode = 1;
+    EXPECT_EQ(0, client.call(1, opening).vornRc);
+    EXPECT_EQ(0, client.call(2, opening).vornRc);
+    const Reply refused = client.call(3, opening);
+    EXPECT_EQ(-16, refused.vornRc);
+    EXPECT_EQ(0, refused.luwToken);
+    Call commit;
+    commit.mode = 2;
+    commit.token = 1;
+    EXPECT_EQ(0, client.call(4, commit).vornRc);
+    EXPECT_EQ(3, client.call(5, opening).luwToken);
 }

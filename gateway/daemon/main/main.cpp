@@ -1,5 +1,6 @@
 // The daemon qpxgatewayd: a Gateway with its programs, until a signal ends it.
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
@@ -8,6 +9,7 @@
 #include <system_error>
 #include <variant>
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <spdlog/details/os.h>
@@ -231,6 +233,22 @@ void serveFrom(const Registry& users, registry::Worker& worker, standin::Gateway
         [users](const standin::EciRequest& request) { return users->list(request); });
 }
 
+// As many units of work as leave descriptors for everything else: each has a connection to the
+// database of its own. The daemon takes all descriptors that it may have.
+std::size_t mostUnitsOfWork()
+{
+    constexpr rlim_t kOthers = 64;
+    constexpr rlim_t kForEach = 4;
+    constexpr rlim_t kMost = 1000;
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return kMost;
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return kMost;
+    const rlim_t left = limit.rlim_cur > kOthers ? limit.rlim_cur - kOthers : 0;
+    return static_cast<std::size_t>(std::clamp<rlim_t>(left / kForEach, 1, kMost));
+}
+
 std::unique_ptr<standin::Gateway> openGateway(const Options& options, const Log& log)
 {
     standin::GatewayOptions gatewayOptions;
@@ -239,6 +257,7 @@ std::unique_ptr<standin::Gateway> openGateway(const Options& options, const Log&
     gatewayOptions.log = sinkInto(log);
     gatewayOptions.recording = false;
     gatewayOptions.systems = options.systems;
+    gatewayOptions.mostUnitsOfWork = mostUnitsOfWork();
     try {
         return std::make_unique<standin::Gateway>(gatewayOptions);
     } catch (const std::system_error& error) {

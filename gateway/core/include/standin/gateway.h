@@ -64,7 +64,8 @@ struct GatewayOptions {
     std::uint16_t port = 0; // 0: any free port
     LogSink log;            // empty: silent
     bool recording = true;  // keep bytes, requests and findings; a long-lived Gateway does without
-    std::vector<SystemEntry> systems; // what a system list query is answered with
+    std::vector<SystemEntry> systems;    // what a system list query is answered with
+    std::size_t mostUnitsOfWork = 10000; // open at once; another one is refused with vornRc -16
 };
 
 // Limit of every await function. It is generous: a test waits for the event and only fails by it.

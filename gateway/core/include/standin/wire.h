@@ -86,6 +86,10 @@ Handshake decodeHandshake(const Bytes& body, std::size_t bodyOffset);
 EciRequest decodeEciRequest(const Bytes& body, std::size_t bodyOffset);
 EsiRequest decodeEsiRequest(const Bytes& body, std::size_t bodyOffset);
 
+// The token of the unit of work that an ECI request names, however malformed it is behind that; 0
+// when it names none.
+std::int32_t tokenOf(const Flow& request);
+
 // Undoes the scrambling of a password: the first byte is the complement of the clear one, each
 // later byte the exclusive or of the clear byte and the clear byte before it.
 std::string unmaskPassword(const Bytes& masked);

@@ -369,6 +369,17 @@ EciRequest decodeEciRequest(const Bytes& body, std::size_t bodyOffset)
     return request;
 }
 
+std::int32_t tokenOf(const Flow& request)
+{
+    constexpr std::size_t kBehindToken = 12;
+    if (request.header.requestType != "ECI" || request.body.size() < kBehindToken) return 0;
+    ByteReader in(request.body, 0);
+    const std::int32_t callType = in.takeInt("call type");
+    in.takeInt("extend mode");
+    const std::int32_t token = in.takeInt("LUW token");
+    return callType == kCallProgram || callType == kCallTransaction ? token : 0;
+}
+
 EsiRequest decodeEsiRequest(const Bytes& body, std::size_t bodyOffset)
 {
     ByteReader in(body, bodyOffset);

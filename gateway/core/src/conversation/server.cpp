@@ -83,7 +83,7 @@ const char* describe(Ending ending)
 
 Server::Server(const GatewayOptions& options, std::shared_ptr<EventLoop> loop, Recorder& recorder)
     : log_(options.log), loop_(std::move(loop)), recorder_(recorder), acceptor_(loop_->context()),
-      acceptTimer_(loop_->context()), runner_(options.log)
+      acceptTimer_(loop_->context()), runner_(options.log, options.mostUnitsOfWork)
 {
     runner_.setListReply([systems = options.systems](const EciRequest& request) {
         return EciReply::systemList(request, systems);
@@ -387,6 +387,7 @@ void Server::takeRequest(Session& session, const SplitFlow& split, const Bytes& 
     } catch (const MalformedFlow& malformed) {
         report(session, malformed, raw);
         recorder_.receivedRequest(request);
+        runner_.giveUp(tokenOf(split.flow), session.number());
         return answerMalformed(session, request.header, malformed);
     }
     // Recorded first, so that a client which has its answer finds its request recorded.
@@ -443,6 +444,8 @@ void Server::answerRequest(Session& session, const ReceivedRequest& request)
                 " misbehaving: " + std::string(nameOf(strike.misbehaviour.fault)));
     }
     if (std::optional<Answer> replaced = replacedAnswer(strikes, header)) {
+        if (request.eci && isReplacedByAnError(strikes))
+            runner_.giveUp(request.eci->luwToken, session.number());
         answer(session.number(), header.messageId, strikes, std::move(*replaced));
     } else {
         answerInEarnest(request, strikes);
@@ -470,6 +473,7 @@ void Server::answerInEarnest(const ReceivedRequest& request, const std::vector<S
         log(LogLevel::Error, request.connection,
             "request " + std::to_string(header.messageId) +
                 " has failed: " + printable(failure.what()));
+        if (request.eci) runner_.giveUp(request.eci->luwToken, request.connection);
         give(spoiledAnswer(
             strikes, makeExceptionFlow(header.messageId, failure.what(), header.requestType)));
     }
@@ -488,7 +492,7 @@ void Server::runEci(const ReceivedRequest& request, const std::vector<Strike>& s
     const auto later = [this, connection, way = wayOnto(loop_)](std::function<void()> task) {
         way([this, connection, task = std::move(task)] { guarded(connection, task); });
     };
-    runner_.run(*request.eci, messageId, connection, deliverReply, later);
+    runner_.run(*request.eci, messageId, connection, hasGatewayRc(strikes), deliverReply, later);
 }
 
 void Server::runEsi(const ReceivedRequest& request, const std::vector<Strike>& strikes)

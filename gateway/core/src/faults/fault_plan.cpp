@@ -79,6 +79,27 @@ std::optional<Answer> replacedAnswer(const std::vector<Strike>& strikes, const F
     return std::nullopt;
 }
 
+bool isReplacedByAnError(const std::vector<Strike>& strikes)
+{
+    for (const Strike& strike : strikes) {
+        if (effectOf<Instead>(strike) == nullptr) continue;
+        const Fault fault = strike.misbehaviour.fault;
+        return fault == Fault::FlowError || fault == Fault::FlowException ||
+               fault == Fault::ConnectionError;
+    }
+    return false;
+}
+
+bool hasGatewayRc(const std::vector<Strike>& strikes)
+{
+    FlowHeader header;
+    for (const Strike& strike : strikes) {
+        if (const InHeader* const inHeader = effectOf<InHeader>(strike))
+            inHeader->change(strike.misbehaviour, header);
+    }
+    return header.gatewayRc != kGatewayOk;
+}
+
 Answer::Then endingAtConnect(const std::vector<Strike>& strikes)
 {
     Answer::Then then = Answer::Then::GoOn;

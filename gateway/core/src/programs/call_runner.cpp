@@ -1,6 +1,7 @@
 #include "programs/call_runner.h"
 
 #include <algorithm>
+#include <exception>
 #include <limits>
 #include <utility>
 
@@ -19,7 +20,8 @@ std::string unitText(std::int32_t token)
 
 } // namespace
 
-CallRunner::CallRunner(LogSink log) : log_(std::move(log))
+CallRunner::CallRunner(LogSink log, std::size_t mostUnits)
+    : log_(std::move(log)), mostUnits_(mostUnits)
 {
     programs_["ECHO"] = makeEcho();
     programs_["ABEND"] = makeAbend();
@@ -39,7 +41,7 @@ void CallRunner::setListReply(ReplyFunction reply)
 
 // ------------------------------------------------------------------------------------------- calls
 
-void CallRunner::run(const EciRequest& request, std::int32_t messageId, int connection,
+void CallRunner::run(const EciRequest& request, std::int32_t messageId, int connection, bool failed,
                      const Deliver& deliver,
                      const std::function<void(std::function<void()>)>& later)
 {
@@ -48,11 +50,15 @@ void CallRunner::run(const EciRequest& request, std::int32_t messageId, int conn
     } else if (request.endsUnitOfWork()) {
         deliver(endUnit(request, connection));
     } else if (request.extendMode == kModeSingle) {
-        runProgram(request, messageId, connection, nullptr, deliver, later);
+        runProgram(request, messageId, connection, failed, nullptr, deliver, later);
+    } else if (request.luwToken == 0 && units_.size() >= mostUnits_) {
+        log(LogLevel::Error, std::to_string(mostUnits_) + " units of work are open; connection " +
+                                 std::to_string(connection) + " gets no other");
+        deliver(EciReply::serverError(request, kServerResourceShortage));
     } else if (request.luwToken == 0) {
-        runProgram(request, messageId, connection, &openUnit(connection), deliver, later);
-    } else if (OpenUnit* unit = findUnit(request.luwToken, connection)) {
-        runProgram(request, messageId, connection, unit, deliver, later);
+        runInUnit(request, messageId, connection, failed, openUnit(connection), deliver, later);
+    } else if (findUnit(request.luwToken, connection) != nullptr) {
+        runInUnit(request, messageId, connection, failed, request.luwToken, deliver, later);
     } else {
         log(LogLevel::Warning, unitText(request.luwToken) + " is not open on connection " +
                                    std::to_string(connection));
@@ -60,14 +66,33 @@ void CallRunner::run(const EciRequest& request, std::int32_t messageId, int conn
     }
 }
 
+void CallRunner::runInUnit(const EciRequest& request, std::int32_t messageId, int connection,
+                           bool failed, std::int32_t token, const Deliver& deliver,
+                           const std::function<void(std::function<void()>)>& later)
+{
+    try {
+        runProgram(request, messageId, connection, failed, findUnit(token, connection), deliver,
+                   later);
+    } catch (...) {
+        // The call's outcome is unknown, so its unit of work cannot stand.
+        backOut(token);
+        throw;
+    }
+}
+
+void CallRunner::giveUp(std::int32_t token, int connection)
+{
+    if (findUnit(token, connection) != nullptr) backOut(token);
+}
+
 void CallRunner::runProgram(const EciRequest& request, std::int32_t messageId, int connection,
-                            OpenUnit* unit, const Deliver& deliver,
+                            bool failed, OpenUnit* unit, const Deliver& deliver,
                             const std::function<void(std::function<void()>)>& later)
 {
     const std::int32_t unitToken = unit != nullptr ? unit->id.token : 0;
-    const auto finish = [this, deliver, unitToken,
+    const auto finish = [this, deliver, failed, unitToken,
                          requestToken = request.luwToken](EciReply reply) {
-        deliver(settle(std::move(reply), requestToken, unitToken));
+        deliver(settle(std::move(reply), failed, requestToken, unitToken));
     };
 
     const std::shared_ptr<Program> program = findProgram(request.program);
@@ -88,20 +113,15 @@ void CallRunner::runProgram(const EciRequest& request, std::int32_t messageId, i
         });
     };
 
-    try {
-        std::optional<EciReply> reply = program->call(call);
-        if (reply) finish(std::move(*reply));
-    } catch (...) {
-        // The call's outcome is unknown, so its unit of work cannot stand.
-        if (unit != nullptr) backOut(unitToken);
-        throw;
-    }
+    std::optional<EciReply> reply = program->call(call);
+    if (reply) finish(std::move(*reply));
 }
 
-EciReply CallRunner::settle(EciReply reply, std::int32_t requestToken, std::int32_t unitToken)
+EciReply CallRunner::settle(EciReply reply, bool failed, std::int32_t requestToken,
+                            std::int32_t unitToken)
 {
     if (unitToken == 0) return reply;
-    const bool failed = reply.vornRc != kServerOk || reply.gatewayRc != kGatewayOk;
+    failed = failed || reply.vornRc != kServerOk || reply.gatewayRc != kGatewayOk;
     if (failed) backOut(unitToken);
     if (reply.luwToken == requestToken)
         reply.luwToken = units_.count(unitToken) != 0 ? unitToken : 0;
@@ -123,7 +143,12 @@ EciReply CallRunner::endUnit(const EciRequest& request, int connection)
         backOut(request.luwToken);
         return reply;
     }
-    reply.vornRc = commitMembers(*unit);
+    try {
+        reply.vornRc = commitMembers(*unit);
+    } catch (...) {
+        backOut(request.luwToken);
+        throw;
+    }
     if (reply.vornRc == kServerOk)
         log(LogLevel::Info, unitText(request.luwToken) + " is committed");
     forgetUnit(request.luwToken);
@@ -145,7 +170,7 @@ CallRunner::OpenUnit* CallRunner::findUnit(std::int32_t token, int connection)
     return &found->second;
 }
 
-CallRunner::OpenUnit& CallRunner::openUnit(int connection)
+std::int32_t CallRunner::openUnit(int connection)
 {
     do {
         lastToken_ = lastToken_ == std::numeric_limits<std::int32_t>::max() ? 1 : lastToken_ + 1;
@@ -156,7 +181,7 @@ CallRunner::OpenUnit& CallRunner::openUnit(int connection)
     openCount_ = units_.size();
     log(LogLevel::Info,
         unitText(lastToken_) + " is opened by connection " + std::to_string(connection));
-    return unit;
+    return lastToken_;
 }
 
 std::int32_t CallRunner::enlist(OpenUnit& unit, const std::string& name,
@@ -186,13 +211,22 @@ std::int32_t CallRunner::commitMembers(OpenUnit& unit)
     return rc;
 }
 
+// The unit is gone whatever its programs do about it.
 void CallRunner::backOut(std::int32_t token)
 {
     const auto found = units_.find(token);
     if (found == units_.end()) return;
-    for (const auto& [name, program] : found->second.members) program->backout(found->second.id);
-    log(LogLevel::Info, unitText(token) + " is backed out");
+    const OpenUnit unit = std::move(found->second);
     forgetUnit(token);
+    for (const auto& [name, program] : unit.members) {
+        try {
+            program->backout(unit.id);
+        } catch (const std::exception& failure) {
+            log(LogLevel::Error, unitText(token) + ": program " + name +
+                                     " cannot back out: " + printable(failure.what()));
+        }
+    }
+    log(LogLevel::Info, unitText(token) + " is backed out");
 }
 
 void CallRunner::forgetUnit(std::int32_t token)

@@ -21,7 +21,7 @@ class CallRunner {
 public:
     using Deliver = std::function<void(EciReply)>;
 
-    explicit CallRunner(LogSink log);
+    CallRunner(LogSink log, std::size_t mostUnits);
 
     void setProgram(const std::string& name, std::shared_ptr<Program> program);
     void setListReply(ReplyFunction reply);
@@ -29,8 +29,14 @@ public:
     // Runs a request and hands its reply to `deliver`: before this returns, or later and then from
     // any thread. `later` must bring a function onto the Gateway's thread, or drop it when that has
     // ended.
-    void run(const EciRequest& request, std::int32_t messageId, int connection,
+    //
+    // With `failed` the client gets a code in place of the reply's own outcome, so the unit of work
+    // that the call belongs to ends.
+    void run(const EciRequest& request, std::int32_t messageId, int connection, bool failed,
              const Deliver& deliver, const std::function<void(std::function<void()>)>& later);
+
+    // Backs out the unit of work, if the connection has it open.
+    void giveUp(std::int32_t token, int connection);
 
     // Backs out every unit of work that the connection has open.
     void connectionLost(int connection);
@@ -44,14 +50,17 @@ private:
         std::vector<std::pair<std::string, std::shared_ptr<Program>>> members;
     };
 
-    void runProgram(const EciRequest& request, std::int32_t messageId, int connection,
+    void runInUnit(const EciRequest& request, std::int32_t messageId, int connection, bool failed,
+                   std::int32_t token, const Deliver& deliver,
+                   const std::function<void(std::function<void()>)>& later);
+    void runProgram(const EciRequest& request, std::int32_t messageId, int connection, bool failed,
                     OpenUnit* unit, const Deliver& deliver,
                     const std::function<void(std::function<void()>)>& later);
     EciReply endUnit(const EciRequest& request, int connection);
 
     std::shared_ptr<Program> findProgram(const std::string& name) const;
     OpenUnit* findUnit(std::int32_t token, int connection);
-    OpenUnit& openUnit(int connection);
+    std::int32_t openUnit(int connection); // its token
     std::int32_t enlist(OpenUnit& unit, const std::string& name,
                         const std::shared_ptr<Program>& program);
     std::int32_t commitMembers(OpenUnit& unit);
@@ -59,11 +68,12 @@ private:
     void forgetUnit(std::int32_t token);
 
     // Puts the token into the reply, and ends the unit of work when the call in it failed.
-    EciReply settle(EciReply reply, std::int32_t requestToken, std::int32_t unitToken);
+    EciReply settle(EciReply reply, bool failed, std::int32_t requestToken, std::int32_t unitToken);
 
     void log(LogLevel level, const std::string& line) const;
 
     LogSink log_;
+    const std::size_t mostUnits_;
     std::map<std::string, std::shared_ptr<Program>> programs_;
     ReplyFunction listReply_;
     std::map<std::int32_t, OpenUnit> units_; // by token

@@ -628,6 +628,30 @@ TEST_F(DaemonRegistry, AnswersAVerificationWithTheUsersTimes)
               client.read().value().body);
 }
 
+TEST_F(DaemonRegistry, TakesASecondDaemonWhileTheFirstHasAPostingOpen)
+{
+    Daemon first(arguments);
+    Client client(first.port());
+    ASSERT_TRUE(client.shakeHands());
+    Call credit;
+    credit.program = "LEDGER";
+    credit.commarea = "C  ACC00005000000000001" + std::string(57, ' ');
+    credit.mode = 1;
+    ASSERT_EQ(0, client.call(1, credit).vornRc);
+
+    Daemon second(arguments);
+    ASSERT_TRUE(second.awaitOutput("ready\n")) << second.output();
+    Client other(second.port());
+    ASSERT_TRUE(other.shakeHands());
+    Call query;
+    query.program = "LEDGER";
+    query.commarea = "Q  ACC00005" + std::string(69, ' ');
+    EXPECT_EQ("+000000050000", other.call(1, query).commarea.substr(23, 13));
+    other.send(verification("FRED", kBlue7sky));
+    EXPECT_EQ(static_cast<standin::Bytes>(standin_test::Raw().int32(-16)),
+              other.read().value().body);
+}
+
 TEST_F(DaemonRegistry, ServesOthersWhilePasswordsAreLookedAt)
 {
     std::ofstream(directory.file("registry.toml"), std::ios::app) << "rules = { attempts = 0 }\n";

@@ -5,6 +5,7 @@
 
 #include <sqlite3.h>
 
+#include <filesystem>
 #include <mutex>
 
 #include "client.h"
@@ -410,4 +411,16 @@ TEST_F(LedgerProgram, LosesAndDoublesNothingInManyTransfers)
     EXPECT_EQ(
         0, ask(file, "SELECT sum(CASE kind WHEN 'D' THEN -amount ELSE amount END) FROM journal"));
     EXPECT_EQ(0U, gateway.openUnitsOfWork());
+}
+
+TEST_F(LedgerProgram, LeavesNoLongLogBehindAnIdleUnitOfWork)
+{
+    const auto logSize = [this] { return std::filesystem::file_size(file + "-wal"); };
+    run(second, "T"); // whose connection to the file stays
+    const Answer reading = run(client, "T", 1);
+    ASSERT_EQ(0, reading.vornRc);
+    change(file, "CREATE TABLE much (bytes BLOB); INSERT INTO much VALUES (zeroblob(8000000))");
+    EXPECT_LT(8000000U, logSize());
+    EXPECT_EQ(0, run(client, "", 4, reading.luwToken).vornRc);
+    EXPECT_GT(5000000U, logSize());
 }

@@ -1,8 +1,17 @@
 #include "database/database.h"
 
+#include <filesystem>
+#include <system_error>
+
 #include <sqlite3.h>
 
 namespace ledger {
+
+namespace {
+
+constexpr std::uintmax_t kLongestLog = 5 * 1024 * 1024; // SQLite puts it back at some 4 MB
+
+} // namespace
 
 bool DatabaseError::isConflict() const
 {
@@ -11,12 +20,14 @@ bool DatabaseError::isConflict() const
 
 // ---------------------------------------------------------------------------------------- Database
 
-Database::Database(const std::string& file)
+Database::Database(const std::string& file) : log_(file + "-wal")
 {
     const int code = sqlite3_open_v2(file.c_str(), &handle_,
                                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
     if (code == SQLITE_OK && sqlite3_db_readonly(handle_, "main") == 0) {
         sqlite3_extended_result_codes(handle_, 0);
+        const std::string limit = "PRAGMA journal_size_limit = " + std::to_string(kLongestLog);
+        sqlite3_exec(handle_, limit.c_str(), nullptr, nullptr, nullptr);
         return;
     }
     const std::string reason = code == SQLITE_OK ? "it may not be written to"
@@ -39,6 +50,14 @@ void Database::run(const char* sql)
 {
     const int code = sqlite3_exec(handle_, sql, nullptr, nullptr, nullptr);
     if (code != SQLITE_OK) fail(code);
+}
+
+void Database::shortenLog()
+{
+    std::error_code none;
+    const std::uintmax_t size = std::filesystem::file_size(log_, none);
+    if (none || size <= kLongestLog) return;
+    sqlite3_wal_checkpoint_v2(handle_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
 }
 
 bool Database::inTransaction() const

@@ -42,6 +42,10 @@ public:
     // Runs statements that have no parameters and no results of interest.
     void run(const char* sql);
 
+    // Puts a log that has grown large, behind somebody who has read for long, back into the file.
+    // Left out when somebody is in the way.
+    void shortenLog();
+
     // True between BEGIN and the end of the transaction; SQLite may have ended it by itself.
     bool inTransaction() const;
 
@@ -49,6 +53,7 @@ public:
 
 private:
     friend class Statement;
+    const std::string log_; // the file of the log
     sqlite3* handle_ = nullptr;
 };
 

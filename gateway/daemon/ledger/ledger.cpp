@@ -139,13 +139,20 @@ std::int32_t Ledger::commit(const UnitOfWork& unitOfWork)
     } catch (const DatabaseError& error) {
         return vornRcFor(error, "commit");
     }
-    units_.erase(unitOfWork.token);
+    endUnit(unitOfWork.token);
     return standin::kServerOk;
 }
 
 void Ledger::backout(const UnitOfWork& unitOfWork)
 {
-    units_.erase(unitOfWork.token);
+    endUnit(unitOfWork.token);
+}
+
+// The log could not be put back into the file behind what the unit has read.
+void Ledger::endUnit(std::int32_t token)
+{
+    units_.erase(token);
+    own_.shortenLog();
 }
 
 // ------------------------------------------------------------------------------------------ errors

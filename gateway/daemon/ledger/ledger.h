@@ -43,6 +43,7 @@ private:
         Transaction transaction;
     };
 
+    void endUnit(std::int32_t token);
     standin::EciReply answer(const standin::ProgramCall& call, const standin::Bytes& record);
     std::int32_t vornRcFor(const DatabaseError& error, const std::string& what) const;
     void log(standin::LogLevel level, const std::string& line) const;

@@ -21,6 +21,8 @@ bool hasPriceList(Database& database)
 
 void preparePriceList(Database& database)
 {
+    // Nobody waits for a writer where there is nothing to write.
+    if (hasPriceList(database)) return;
     database.setPatience(kPreparationPatience);
     {
         Transaction transaction(database, Transaction::Kind::Immediate);

@@ -1,5 +1,6 @@
 #include "registry/registry.h"
 
+#include <algorithm>
 #include <ctime>
 #include <utility>
 
@@ -70,7 +71,27 @@ Time Registry::now()
 
 // ----------------------------------------------------------------------------------------- loading
 
+// Another daemon may be at work on the same file: who has nothing to write needs not wait for it.
 void Registry::load(const Content& content)
+{
+    if (!isFilledWith(content)) {
+        const Patience patience(database_);
+        return fill(content);
+    }
+    for (const NewUser& newUser : content.users) tellOfKnown(newUser.user.id);
+}
+
+bool Registry::isFilledWith(const Content& content)
+{
+    Transaction transaction(database_, Transaction::Kind::Deferred);
+    if (!hasRules(database_, content.rules)) return false;
+    if (!content.systems.empty() && fullSystems(database_) != content.systems) return false;
+    return std::all_of(content.users.begin(), content.users.end(), [this](const NewUser& newUser) {
+        return findUser(database_, newUser.user.id).has_value();
+    });
+}
+
+void Registry::fill(const Content& content)
 {
     Transaction transaction(database_, Transaction::Kind::Immediate);
     setRules(database_, content.rules);
@@ -86,11 +107,15 @@ void Registry::load(const Content& content)
     transaction.commit();
 }
 
+void Registry::tellOfKnown(const std::string& id) const
+{
+    log(LogLevel::Info, id + " is known, and not loaded again");
+}
+
 void Registry::addNewUser(const NewUser& newUser)
 {
     User user = newUser.user;
-    if (findUser(database_, user.id))
-        return log(LogLevel::Info, user.id + " is known, and not loaded again");
+    if (findUser(database_, user.id)) return tellOfKnown(user.id);
     addUser(database_, user, newUser.rules);
     addHash(database_, user.id, hashOf(newUser.password));
     user.expiry = newUser.expiry ? newUser.expiry

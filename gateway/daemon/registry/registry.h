@@ -105,7 +105,10 @@ private:
                                        const Rules& rules);
     void noteAccess(User& user);
     std::optional<Time> expiryOfNewPassword(const Rules& rules) const;
+    void fill(const Content& content);
+    bool isFilledWith(const Content& content);
     void addNewUser(const NewUser& newUser);
+    void tellOfKnown(const std::string& id) const;
 
     std::int32_t vornRcFor(const DatabaseError& error) const;
     void log(standin::LogLevel level, const std::string& line) const;

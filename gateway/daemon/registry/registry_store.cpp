@@ -28,13 +28,46 @@ void bindRules(Statement& statement, int first, const GivenRules& rules)
 
 } // namespace
 
-void prepareRegistry(Database& database)
+Patience::Patience(Database& database) : database_(database)
 {
-    database.setPatience(kPreparationPatience);
+    database_.setPatience(kPreparationPatience);
+}
+
+Patience::~Patience()
+{
+    database_.setPatience(0);
+}
+
+namespace {
+
+void makeTables(Database& database)
+{
     Transaction transaction(database, Transaction::Kind::Immediate);
     database.run(kRegistrySql);
     transaction.commit();
-    database.setPatience(0);
+}
+
+bool hasAllTables(Database& database)
+{
+    Statement statement(database,
+                        "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name "
+                        "IN ('rules', 'user', 'password', 'state', 'system')");
+    return statement.step() && statement.number(0) == 5;
+}
+
+} // namespace
+
+void prepareRegistry(Database& database)
+{
+    try {
+        makeTables(database);
+    } catch (const DatabaseError& error) {
+        // Who is writing need not be waited for where nothing is missing.
+        if (!error.isConflict()) throw;
+        if (hasAllTables(database)) return;
+        const Patience patience(database);
+        makeTables(database);
+    }
 }
 
 // ------------------------------------------------------------------------------------------- users
@@ -106,6 +139,17 @@ void setRules(Database& database, const GivenRules& rules)
     statement.step();
 }
 
+bool hasRules(Database& database, const GivenRules& rules)
+{
+    Statement statement(database, "SELECT 1 FROM rules WHERE shortest = ifnull(?1, shortest) "
+                                  "AND longest = ifnull(?2, longest) AND digit = ifnull(?3, digit) "
+                                  "AND history = ifnull(?4, history) "
+                                  "AND lifetime = ifnull(?5, lifetime) "
+                                  "AND attempts = ifnull(?6, attempts)");
+    bindRules(statement, 1, rules);
+    return statement.step();
+}
+
 std::vector<std::string> lastHashes(Database& database, const std::string& id, std::int64_t count)
 {
     Statement statement(database, "SELECT hash FROM password WHERE user = ?1 "
@@ -152,6 +196,15 @@ std::vector<standin::SystemEntry> systems(Database& database)
     std::vector<standin::SystemEntry> entries;
     while (statement.step()) entries.push_back({statement.text(0), statement.text(1)});
     return entries;
+}
+
+std::vector<System> fullSystems(Database& database)
+{
+    Statement statement(database, "SELECT name, description, state FROM system ORDER BY position");
+    std::vector<System> found;
+    while (statement.step())
+        found.push_back({statement.text(0), statement.text(1), statement.text(2)});
+    return found;
 }
 
 void removeSystems(Database& database)

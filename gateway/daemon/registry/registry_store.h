@@ -63,10 +63,29 @@ struct System {
     std::string name;
     std::string description;
     std::string state;
+
+    bool operator==(const System& other) const
+    {
+        return name == other.name && description == other.description && state == other.state;
+    }
+    bool operator!=(const System& other) const { return !(*this == other); }
 };
 
 // Makes the tables that are not there. The file must be a ledger already, or new.
 void prepareRegistry(Database& database);
+
+// Waits up to some seconds for another writer, as long as it lives.
+class Patience {
+public:
+    explicit Patience(Database& database);
+    ~Patience();
+
+    Patience(const Patience&) = delete;
+    Patience& operator=(const Patience&) = delete;
+
+private:
+    Database& database_;
+};
 
 // ------------------------------------------------------------------------------------------- users
 
@@ -79,6 +98,9 @@ void updateUser(Database& database, const User& user);
 // Those of the user, and for the rest those of all.
 Rules rulesOf(Database& database, const std::string& id);
 void setRules(Database& database, const GivenRules& rules);
+
+// Whether setRules() would change nothing.
+bool hasRules(Database& database, const GivenRules& rules);
 
 // The hashes of so many last passwords of the user, the one in force first.
 std::vector<std::string> lastHashes(Database& database, const std::string& id, std::int64_t count);
@@ -93,6 +115,8 @@ std::optional<SystemState> stateOf(Database& database, const std::string& system
 bool isState(Database& database, const std::string& name);
 std::vector<standin::SystemEntry> systems(Database& database);
 
+// The systems with their states, in their order.
+std::vector<System> fullSystems(Database& database);
 void removeSystems(Database& database);
 void addSystem(Database& database, const System& system);
 

@@ -511,6 +511,18 @@ TEST(DecodeEciRequest, RefusesChannelsThatAreWrong)
               complaintAboutEci(withChannel(Raw().bytes(cutShort).int32(12))));
 }
 
+TEST(DecodeEciRequest, RefusesTwoContainersOfOneName)
+{
+    const auto container = [](const std::string& name) {
+        return Raw().padded(name, 16).int32(0x01000001).int32(0).int32(0);
+    };
+    const Bytes front = Raw().padded("CHAN", 16).int32(819).int32(3);
+    EXPECT_EQ(
+        "container name is \"A\", which is there already at byte 169",
+        complaintAboutEci(withChannel(
+            Raw().bytes(front).bytes(container("A")).bytes(container("a")).bytes(container("A")))));
+}
+
 TEST(DecodeEciRequest, RefusesNamesThatNoChannelOrContainerCanHave)
 {
     const auto channel = [](const Bytes& name) {

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <unordered_set>
 
 #include "codec/byte_reader.h"
 #include "codec/printable.h"
@@ -126,7 +127,14 @@ Channel takeChannel(ByteReader& in)
         reject(start, std::to_string(count) + " containers do not fit into the " +
                           std::to_string(in.remaining()) + " bytes left");
     }
-    for (std::size_t i = 0; i < count; ++i) channel.containers.push_back(takeContainer(in));
+    std::unordered_set<std::string> names;
+    for (std::size_t i = 0; i < count; ++i) {
+        const std::size_t place = in.offset();
+        channel.containers.push_back(takeContainer(in));
+        const std::string& name = channel.containers.back().name;
+        if (!names.insert(name).second)
+            reject(place, "container name is " + quoted(name) + ", which is there already");
+    }
     return channel;
 }
 

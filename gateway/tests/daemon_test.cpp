@@ -390,6 +390,46 @@ TEST(DaemonService, WritesThePortToAFileAndTakesItAwayAtTheEnd)
     EXPECT_FALSE(std::filesystem::exists(file));
 }
 
+TEST(DaemonService, LeavesThePortFileOfAnotherAlone)
+{
+    const TemporaryDirectory directory;
+    const std::string file = directory.file("port");
+    Daemon first({"--port-file", file});
+    first.port();
+    Daemon second({"--port-file", file});
+    const std::string port = std::to_string(second.port()) + "\n";
+    EXPECT_EQ(port, contentOf(file));
+    EXPECT_EQ(0, first.stop());
+    EXPECT_EQ(port, contentOf(file));
+    EXPECT_EQ(0, second.stop());
+    EXPECT_FALSE(std::filesystem::exists(file));
+}
+
+TEST(DaemonService, TakesAwayThePortFileOfOneThatWasKilledBeforeAnythingElse)
+{
+    const TemporaryDirectory directory;
+    const std::string file = directory.file("port");
+    Daemon killed({"--port-file", file});
+    killed.port();
+    killed.signal(SIGKILL);
+    killed.end();
+    ASSERT_TRUE(std::filesystem::exists(file));
+    Daemon next({"--port-file", file, "--database", directory.file("missing/ledger.db")});
+    EXPECT_EQ(4, next.end());
+    EXPECT_FALSE(std::filesystem::exists(file));
+}
+
+TEST(DaemonService, LeavesThePortFileOfAnotherAloneWhenItCannotStart)
+{
+    const TemporaryDirectory directory;
+    const std::string file = directory.file("port");
+    Daemon first({"--port-file", file});
+    const std::string port = std::to_string(first.port());
+    Daemon second({"--port-file", file, "--port", port});
+    EXPECT_EQ(3, second.end());
+    EXPECT_EQ(port + "\n", contentOf(file));
+}
+
 TEST(DaemonService, EndsInOrderWhenNobodyReadsItsLogAnyMore)
 {
     const TemporaryDirectory directory;

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <system_error>
@@ -19,6 +18,7 @@
 #include "ledger/ledger.h"
 #include "log/line_writer.h"
 #include "main/options.h"
+#include "main/port_file.h"
 #include "orders/orders.h"
 #include "registry/registry.h"
 #include "registry/worker.h"
@@ -27,6 +27,7 @@
 namespace {
 
 using daemon_options::Options;
+using daemon_options::PortFile;
 using Log = std::shared_ptr<spdlog::logger>;
 using Registry = std::shared_ptr<registry::Registry>;
 
@@ -112,37 +113,6 @@ public:
 
 private:
     sigset_t signals_;
-};
-
-// A file with the port's number, there for as long as the daemon listens. It appears with its
-// content complete, so that a script may wait for it.
-class PortFile {
-public:
-    explicit PortFile(std::string name) : name_(std::move(name)) {}
-
-    ~PortFile()
-    {
-        if (written_) std::remove(name_.c_str());
-    }
-
-    PortFile(const PortFile&) = delete;
-    PortFile& operator=(const PortFile&) = delete;
-
-    bool write(std::uint16_t port)
-    {
-        const std::string unfinished = name_ + ".new";
-        std::ofstream file(unfinished);
-        file << port << '\n';
-        file.close();
-        if (file.fail()) return false;
-        written_ = std::rename(unfinished.c_str(), name_.c_str()) == 0;
-        if (!written_) std::remove(unfinished.c_str());
-        return written_;
-    }
-
-private:
-    const std::string name_;
-    bool written_ = false;
 };
 
 // The programs that keep their data in the database.
@@ -284,6 +254,7 @@ void serveUntilStopped(standin::Gateway& gateway, const Log& log, const Signals&
 
 int serve(const Options& options, const Log& log, const Signals& signals)
 {
+    PortFile portFile(options.portFile);
     std::optional<DatabasePrograms> programs;
     Registry users;
     if (!options.database.empty()) {
@@ -310,8 +281,7 @@ int serve(const Options& options, const Log& log, const Signals& signals)
         log->warn("misbehaving on purpose: {}", standin::nameOf(selected.misbehaviour.fault));
     }
 
-    PortFile portFile(options.portFile);
-    if (!options.portFile.empty() && !portFile.write(gateway->port())) {
+    if (!portFile.write(gateway->port())) {
         log->error("cannot write the port file {}. Give a file in a directory that may be written "
                    "to, with "
                    "--port-file.",

@@ -210,6 +210,12 @@ TEST(DaemonOptions, WrongOnesEndWithCode2AndSayWhy)
         {{"--system", "NODESCRIPTION"}, "\"NODESCRIPTION\" is not NAME=DESCRIPTION"},
         {{"--system", "NINELONG1=x"}, "does not have 1 to 8 characters"},
         {{"--registry", "registry.toml"}, "--registry requires --database"},
+        {{"--host", ""}, "--host: the address is empty; 0.0.0.0 is every address"},
+        {{"--port-file", ""}, "--port-file: it is empty"},
+        {{"--database", ""}, "--database: the file has no name"},
+        {{"--database", "", "--registry", "registry.toml"}, "--database: the file has no name"},
+        {{"--database", ":memory:"}, "--database: \":memory:\" is no file"},
+        {{"--database", "ledger.db", "--registry", ""}, "--registry: it is empty"},
         {{"--config", "/nonexistent/gateway.conf"}, "/nonexistent/gateway.conf"},
     };
     for (const auto& [arguments, text] : cases) {
@@ -272,6 +278,17 @@ TEST(DaemonOptions, ARegistryFileThatCannotBeUsedEndsWithCode6)
     EXPECT_FALSE(daemon.wrote("lue7sky")) << daemon.output();
 }
 
+TEST(DaemonOptions, ARegistryFileThatIsAFolderEndsWithCode6)
+{
+    const TemporaryDirectory directory;
+    const TemporaryDirectory folder;
+    Daemon daemon({"--database", directory.file("ledger.db"), "--registry", folder.file("")});
+    EXPECT_EQ(6, daemon.end());
+    EXPECT_TRUE(
+        daemon.wrote("cannot use the registry file " + folder.file("") + ": it is a folder"))
+        << daemon.output();
+}
+
 TEST(DaemonOptions, ComeFromAFileToo)
 {
     const TemporaryDirectory directory;
@@ -315,6 +332,23 @@ TEST(DaemonConfiguration, WithAnUnknownKeyEndsWithCode2AndNamesFileLineKeyAndWha
     expectUnknownKey("po\x1Brt=0\n", 1, "po?rt");
 }
 
+TEST(DaemonConfiguration, MayNotHoldEmptyOrWrongValues)
+{
+    const TemporaryDirectory directory;
+    const std::string file = directory.file("gateway.conf");
+    const std::pair<const char*, const char*> cases[] = {
+        {"host=\"\"\n", "--host: the address is empty"},
+        {"database=\"\"\n", "--database: the file has no name"},
+        {"database=\":memory:\"\n", "--database: \":memory:\" is no file"},
+    };
+    for (const auto& [text, complaint] : cases) {
+        std::ofstream(file) << text;
+        Daemon daemon({"--config", file, "--port-file", directory.file("missing/port")});
+        EXPECT_EQ(2, daemon.end()) << text;
+        EXPECT_TRUE(daemon.wrote(complaint)) << daemon.output();
+    }
+}
+
 TEST(DaemonConfiguration, MayNotHoldWhatOnlyTheCommandLineHas)
 {
     expectUnknownKey("config=other.conf\n", 1, "config");
@@ -354,15 +388,17 @@ TEST(DaemonConfiguration, MayHoldEveryOption)
     EXPECT_TRUE(daemon.wrote("misbehaving on purpose: ping")) << daemon.output();
 }
 
-TEST(DaemonOptions, ARegistryFileWithAnUnknownKeyEndsWithCode2AndNamesFileLineKeyAndWhatThereIs)
+TEST(DaemonOptions, ARegistryFileWithAnUnknownKeyEndsWithCode2AndNamesFileLineAndWhatThereIs)
 {
     const TemporaryDirectory directory;
     const std::string file = directory.file("registry.toml");
     const std::string fred = "[[user]]\nid = \"FRED\"\npassword = \"Blue7sky\"\n";
     const std::vector<std::pair<std::string, std::string>> cases = {
-        {"rule = 3\n", "line 1: there is no key \"rule\" here; there are rules, system and user."},
+        {"rule = 3\n", "line 1: there is no such key here; there are rules, system and user."},
+        {"[[user]]\nGreen8sea = \"FRED\"\n",
+         "line 2: there is no such key here; there are id, password,"},
         {fred + "[user.rules]\natempts = 5\n",
-         "line 5: there is no key \"atempts\" here; there are shortest, longest, digit, history, "
+         "line 5: there is no such key here; there are shortest, longest, digit, history, "
          "lifetime and attempts."},
     };
     for (const auto& [text, complaint] : cases) {
@@ -371,6 +407,7 @@ TEST(DaemonOptions, ARegistryFileWithAnUnknownKeyEndsWithCode2AndNamesFileLineKe
         Daemon daemon({"--database", directory.file("ledger.db"), "--registry", file, "--port-file",
                        directory.file("missing/port")});
         EXPECT_EQ(2, daemon.end()) << text;
+        EXPECT_FALSE(daemon.wrote("Green8sea")) << daemon.output();
         EXPECT_TRUE(daemon.wrote("cannot use the registry file " + file + ": " + complaint))
             << daemon.output();
     }

@@ -71,6 +71,24 @@ std::string complaintAboutLogLevel(const std::string& text)
                                        : "\"" + text + "\" is not debug, info, warning or error";
 }
 
+std::string complaintAboutEmptiness(const std::string& text)
+{
+    return text.empty() ? "it is empty; leave the option out for the default" : "";
+}
+
+std::string complaintAboutHost(const std::string& text)
+{
+    return text.empty() ? "the address is empty; 0.0.0.0 is every address of this machine" : "";
+}
+
+std::string complaintAboutDatabase(const std::string& text)
+{
+    if (text.empty()) return "the file has no name; leave the option out for no database";
+    if (text == ":memory:")
+        return "\":memory:\" is no file, and every unit of work opens the database anew";
+    return "";
+}
+
 std::string complaintAboutSystem(const std::string& text)
 {
     const std::size_t mark = text.find('=');
@@ -100,26 +118,31 @@ void declare(CLI::App& app, Options& options, RawOptions& raw)
 {
     app.footer(kFooter);
     app.set_version_flag("--version", std::string("qpxgatewayd ") + GATEWAY_VERSION);
+    const CLI::Validator notEmpty(complaintAboutEmptiness, "");
     app.set_config("--config", "", "Read options from FILE (lines of name=value)")
         ->option_text("FILE");
     app.config_formatter(std::make_shared<ConfigFile>(app));
     app.allow_config_extras(CLI::config_extras_mode::error);
 
     app.add_option("--host", options.host, "Address to listen on (default 127.0.0.1)")
-        ->option_text("ADDRESS");
+        ->option_text("ADDRESS")
+        ->check(CLI::Validator(complaintAboutHost, ""));
     app.add_option("--port", options.port, "Port to listen on, 0 for any free one (default 0)")
         ->option_text("PORT");
     app.add_option("--port-file", options.portFile, "Write the port to FILE once it is open")
-        ->option_text("FILE");
+        ->option_text("FILE")
+        ->check(notEmpty);
     CLI::Option* const database =
         app.add_option("--database", options.database,
                        "SQLite file of the programs LEDGER and ORDERS and of the registry of users "
                        "and systems, made when it is not there; without it there is none of them")
-            ->option_text("FILE");
+            ->option_text("FILE")
+            ->check(CLI::Validator(complaintAboutDatabase, ""));
     app.add_option("--registry", options.registry,
                    "Fill the registry from FILE (TOML with rules, systems, and users with their "
                    "passwords in clear, which are hashed); needs --database")
         ->option_text("FILE")
+        ->check(notEmpty)
         ->needs(database);
     app.add_option("--system", raw.systems,
                    "A server for the system list, behind those of the registry file; may be "

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <set>
 
 #include <toml++/toml.h>
@@ -65,8 +67,8 @@ public:
         for (const auto& [key, node] : table_) {
             const std::string name(key.str());
             if (std::find(keys.begin(), keys.end(), name) != keys.end()) continue;
-            throw UnknownKey(inLine(key.source(), "there is no key \"" + log_text::printable(name) +
-                                                      "\" here; there are " +
+            // The key itself is not shown: a password may have got into its place.
+            throw UnknownKey(inLine(key.source(), "there is no such key here; there are " +
                                                       log_text::listed(keys)));
         }
     }
@@ -219,12 +221,25 @@ Content readRoot(Section root)
 
 } // namespace
 
+namespace {
+
+std::string textOf(const std::string& file)
+{
+    std::error_code unknown;
+    if (std::filesystem::is_directory(file, unknown)) throw BadContent("it is a folder");
+    std::ifstream stream(file);
+    std::string text(std::istreambuf_iterator<char>(stream), {});
+    if (!stream.is_open() || stream.bad()) throw BadContent("it cannot be read");
+    return text;
+}
+
+} // namespace
+
 Content readContent(const std::string& file)
 {
-    std::ifstream stream(file);
-    if (!stream) throw BadContent("it cannot be read");
+    const std::string text = textOf(file);
     try {
-        return readRoot(Section(toml::parse(stream)));
+        return readRoot(Section(toml::parse(text)));
     } catch (const toml::parse_error& error) {
         // Its own text may quote what stands there, which may be a password.
         complain(error.source(), "this is no TOML, from column " +

@@ -91,6 +91,32 @@ public:
 
     void signal(int number) { ::kill(process_, number); }
 
+    // Whether the bytes stand anywhere in the memory that the daemon can write to.
+    bool hasInMemory(const std::string& bytes) const
+    {
+        const std::string folder = "/proc/" + std::to_string(process_);
+        std::ifstream maps(folder + "/maps");
+        std::ifstream memory(folder + "/mem", std::ios::binary);
+        if (!maps || !memory) throw std::runtime_error("the daemon's memory cannot be read");
+        std::string line;
+        while (std::getline(maps, line)) {
+            unsigned long first = 0;
+            unsigned long end = 0;
+            char mayRead = 0;
+            char mayWrite = 0;
+            if (std::sscanf(line.c_str(), "%lx-%lx %c%c", &first, &end, &mayRead, &mayWrite) != 4 ||
+                mayRead != 'r' || mayWrite != 'w') {
+                continue;
+            }
+            std::string region(end - first, '\0');
+            memory.clear();
+            memory.seekg(static_cast<std::streamoff>(first));
+            memory.read(region.data(), static_cast<std::streamsize>(region.size()));
+            if (region.find(bytes) != std::string::npos) return true;
+        }
+        return false;
+    }
+
     // Waits for the end; the exit code, or -1 when a signal has killed the daemon.
     int end()
     {
@@ -210,12 +236,17 @@ TEST(DaemonOptions, WrongOnesEndWithCode2AndSayWhy)
         {{"--system", "NODESCRIPTION"}, "\"NODESCRIPTION\" is not NAME=DESCRIPTION"},
         {{"--system", "NINELONG1=x"}, "does not have 1 to 8 characters"},
         {{"--registry", "registry.toml"}, "--registry requires --database"},
-        {{"--host", ""}, "--host: the address is empty; 0.0.0.0 is every address"},
-        {{"--port-file", ""}, "--port-file: it is empty"},
-        {{"--database", ""}, "--database: the file has no name"},
-        {{"--database", "", "--registry", "registry.toml"}, "--database: the file has no name"},
-        {{"--database", ":memory:"}, "--database: \":memory:\" is no file"},
-        {{"--database", "ledger.db", "--registry", ""}, "--registry: it is empty"},
+        {{"--port-file", "/nonexistent/port", "--host", ""},
+         "--host: the address is empty; 0.0.0.0 is every address"},
+        {{"--port-file", "", "--list-misbehaviours"}, "--port-file: it is empty"},
+        {{"--port-file", "/nonexistent/port", "--database", ""},
+         "--database: the file has no name"},
+        {{"--port-file", "/nonexistent/port", "--database", "", "--registry", "registry.toml"},
+         "--database: the file has no name"},
+        {{"--port-file", "/nonexistent/port", "--database", ":memory:"},
+         "--database: \":memory:\" is no file"},
+        {{"--port-file", "/nonexistent/port", "--database", "ledger.db", "--registry", ""},
+         "--registry: it is empty"},
         {{"--config", "/nonexistent/gateway.conf"}, "/nonexistent/gateway.conf"},
     };
     for (const auto& [arguments, text] : cases) {
@@ -282,7 +313,9 @@ TEST(DaemonOptions, ARegistryFileThatIsAFolderEndsWithCode6)
 {
     const TemporaryDirectory directory;
     const TemporaryDirectory folder;
-    Daemon daemon({"--database", directory.file("ledger.db"), "--registry", folder.file("")});
+    // The port file would end it with another code, were the folder accepted.
+    Daemon daemon({"--database", directory.file("ledger.db"), "--registry", folder.file(""),
+                   "--port-file", directory.file("missing/port")});
     EXPECT_EQ(6, daemon.end());
     EXPECT_TRUE(
         daemon.wrote("cannot use the registry file " + folder.file("") + ": it is a folder"))
@@ -794,6 +827,54 @@ TEST_F(DaemonRegistry, LogsRequestsWithoutPasswords)
     }
     EXPECT_FALSE(daemon.wrote("Blue7sky")) << daemon.output();
     EXPECT_FALSE(daemon.wrote("Green8sea")) << daemon.output();
+}
+
+namespace {
+
+// The password as it travels.
+standin::Bytes scrambled(const std::string& password)
+{
+    standin::Bytes masked;
+    unsigned before = 0xFF;
+    for (const char c : password) {
+        const auto clear = static_cast<unsigned char>(c);
+        masked.push_back(static_cast<std::uint8_t>(clear ^ before));
+        before = clear;
+    }
+    return masked;
+}
+
+} // namespace
+
+TEST_F(DaemonRegistry, KeepsNoPasswordInItsMemory)
+{
+    const std::string inFile = "Registered-0-in-the-file";
+    const std::vector<std::string> used = {"Wrong7pw", "Changed-1-by-a-long-request",
+                                           "Called-2-with-a-long-password", "Call7pw"};
+    std::ofstream(directory.file("registry.toml"), std::ios::app)
+        << "[[user]]\nid = \"ANNA\"\npassword = \"" << inFile << "\"\n";
+    Daemon daemon(arguments);
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    client.send(verification("FRED", scrambled(used[0])));
+    ASSERT_EQ(4U, client.read().value().body.size());
+    client.send(changeTo("ANNA", scrambled(inFile), scrambled(used[1])));
+    ASSERT_EQ(92U, client.read().value().body.size());
+    for (const std::string& password : {used[2], used[3]}) {
+        standin::Bytes body = standin_test::eciBody({});
+        const standin::Bytes masked = scrambled(password);
+        body[48] = static_cast<std::uint8_t>(masked.size());
+        body.insert(body.begin() + 49, masked.begin(), masked.end());
+        client.send(standin_test::flow(1, 5, "ECI", body));
+        ASSERT_EQ(3, client.read().value().flowType);
+    }
+    Client other(daemon.port());
+    ASSERT_TRUE(other.shakeHands()); // what came before is over
+    EXPECT_TRUE(daemon.hasInMemory("ECHO"));
+    for (const std::string& password : {inFile, used[0], used[1], used[2], used[3]}) {
+        EXPECT_FALSE(daemon.hasInMemory(password)) << password;
+        EXPECT_FALSE(daemon.hasInMemory(standin_test::textOf(scrambled(password)))) << password;
+    }
 }
 
 TEST_F(DaemonRegistry, ListsItsSystemsAndBehindThemThoseOfTheOptions)

@@ -23,6 +23,7 @@
 #include "registry/registry.h"
 #include "registry/worker.h"
 #include "standin/gateway.h"
+#include "standin/wipe.h"
 
 namespace {
 
@@ -261,6 +262,7 @@ int serve(const Options& options, const Log& log, const Signals& signals)
         programs = openDatabase(options, log);
         if (!programs) return daemon_options::kBadDatabase;
         const std::variant<Registry, int> opened = openRegistry(options, log);
+        standin::wipeStack(); // the registry's file has passwords in clear
         if (const int* const code = std::get_if<int>(&opened)) return *code;
         users = std::get<Registry>(opened);
     }

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "standin/wipe.h"
+
 namespace registry {
 
 Worker::Worker(std::size_t most) : most_(most), thread_([this] { work(); }) {}
@@ -41,6 +43,8 @@ void Worker::work()
             waiting_.pop_front();
         }
         task();
+        task = nullptr;
+        standin::wipeStack(); // the work is on passwords
     }
 }
 

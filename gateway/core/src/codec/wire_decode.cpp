@@ -8,6 +8,7 @@
 
 #include "codec/byte_reader.h"
 #include "codec/printable.h"
+#include "standin/wipe.h"
 #include "standin/wire.h"
 
 namespace standin {
@@ -422,6 +423,12 @@ void wipe(std::string& text)
     text.resize(text.capacity());
     ::explicit_bzero(text.data(), text.size());
     text.clear();
+}
+
+void wipeStack()
+{
+    char room[65536];
+    ::explicit_bzero(room, sizeof room);
 }
 
 EsiRequest::~EsiRequest()

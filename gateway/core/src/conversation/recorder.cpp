@@ -66,11 +66,11 @@ void Recorder::acceptedHandshake(int connection)
     });
 }
 
-void Recorder::receivedRequest(ReceivedRequest request)
+void Recorder::receivedRequest(const ReceivedRequest& request)
 {
     update([&] {
         ++totals_.requests;
-        if (keeping_) requests_.push_back(std::move(request));
+        if (keeping_) requests_.push_back(request);
     });
 }
 

@@ -39,7 +39,7 @@ public:
     void sentBytes(int connection, const std::uint8_t* bytes, std::size_t count);
     void receivedHandshake(int connection, const Handshake& handshake);
     void acceptedHandshake(int connection);
-    void receivedRequest(ReceivedRequest request);
+    void receivedRequest(const ReceivedRequest& request);
     void answered();
     void receivedCloseFlow(int connection);
     void found(Finding finding);

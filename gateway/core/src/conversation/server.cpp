@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "codec/printable.h"
+#include "standin/wipe.h"
 
 namespace standin {
 
@@ -67,6 +68,24 @@ std::string describe(const EsiReply& reply)
     if (reply.gatewayRc != 0) text += " gatewayRc=" + std::to_string(reply.gatewayRc);
     return text;
 }
+
+// Wipes what a request has of a password in clear, at the end of its way.
+class PasswordWiper {
+public:
+    explicit PasswordWiper(ReceivedRequest& request) : request_(request) {}
+
+    ~PasswordWiper()
+    {
+        if (request_.eci) wipe(request_.eci->password);
+        wipeStack();
+    }
+
+    PasswordWiper(const PasswordWiper&) = delete;
+    PasswordWiper& operator=(const PasswordWiper&) = delete;
+
+private:
+    ReceivedRequest& request_;
+};
 
 const char* describe(Ending ending)
 {
@@ -378,6 +397,7 @@ void Server::end(Session& session, Answer::Then then)
 void Server::takeRequest(Session& session, const SplitFlow& split, const Bytes& raw)
 {
     ReceivedRequest request;
+    const PasswordWiper wiper(request);
     request.connection = session.number();
     request.header = split.flow.header;
     request.raw = raw;

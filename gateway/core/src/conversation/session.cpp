@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <string.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -84,6 +85,7 @@ void Session::onArrived(const asio::error_code& error, std::size_t count)
     owner_.onBytesReceived(*this, arrived_.data(), count);
     unread_.insert(unread_.end(), arrived_.begin(),
                    arrived_.begin() + static_cast<std::ptrdiff_t>(count));
+    ::explicit_bzero(arrived_.data(), count); // there may be a password
     takeFlows();
     readMore();
 }
@@ -128,7 +130,9 @@ Bytes Session::takeUnread(std::size_t count)
     constexpr std::size_t kMostRoom = 1024 * 1024;
     const auto end = unread_.begin() + static_cast<std::ptrdiff_t>(count);
     Bytes taken(unread_.begin(), end);
-    unread_.erase(unread_.begin(), end);
+    const auto stale = std::move(end, unread_.end(), unread_.begin());
+    std::fill(stale, unread_.end(), std::uint8_t{0}); // there may be a password
+    unread_.erase(stale, unread_.end());
     if (unread_.capacity() > kMostRoom) unread_.shrink_to_fit();
     return taken;
 }

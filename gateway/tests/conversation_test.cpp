@@ -13,6 +13,7 @@
 #include <optional>
 #include <system_error>
 #include <thread>
+#include <tuple>
 
 #include "client.h"
 #include "standin/gateway.h"
@@ -418,14 +419,17 @@ TEST_F(Conversation, TakesNoLargeBodyBeforeTheHandshake)
 
 TEST_F(Conversation, TakesALargeBodyOnlyForAnEciRequest)
 {
-    for (const auto& [type, requestType] :
-         std::vector<std::pair<int, std::string>>{{1, "ESI"}, {5, "BASE"}, {10, "BASE"}}) {
+    const std::tuple<int, const char*, std::size_t> cases[] = {
+        {1, "ESI", 1048576}, {1, "XYZ", 65536}, {5, "BASE", 65536}, {10, "BASE", 65536}};
+    for (const auto& [type, requestType, largest] : cases) {
         gateway.forget();
         Client another(gateway.port());
         ASSERT_TRUE(another.shakeHands());
-        another.send(announcing(type, requestType, 65537));
+        another.send(announcing(type, requestType, largest + 1));
         EXPECT_TRUE(another.endsInOrder());
-        EXPECT_EQ("data length is 65537, not 0 to 65536", gateway.findings().at(0).problem);
+        EXPECT_EQ("data length is " + std::to_string(largest + 1) + ", not 0 to " +
+                      std::to_string(largest),
+                  gateway.findings().at(0).problem);
     }
     ASSERT_TRUE(client.shakeHands());
     Call call;

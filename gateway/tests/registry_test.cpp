@@ -391,7 +391,7 @@ TEST_F(TheRegistry, TakesAUserBackWhoIsNoLongerRevokedInTheDatabase)
     EXPECT_EQ(0, verify("RALF", "Copper2").vornRc);
 }
 
-// ------------------------------------------------------------------------- passwords looked at aside
+// ----------------------------------------------------------------------- passwords looked at aside
 
 TEST_F(TheRegistry, LooksAtPasswordsAside)
 {

@@ -1,8 +1,8 @@
-// A file with the port's number, there for as long as the daemon listens. It appears with its content
-// complete, so that a script may wait for it.
+// A file with the port's number, there for as long as the daemon listens. It appears with its
+// content complete, so that a script may wait for it.
 //
-// Who writes the file holds a lock on it. So a file without one is what a daemon that was killed has
-// left behind, and a file that has been replaced by another daemon's is not taken away.
+// Who writes the file holds a lock on it. So a file without one is what a daemon that was killed
+// has left behind, and a file that has been replaced by another daemon's is not taken away.
 #ifndef GATEWAY_PORT_FILE_H
 #define GATEWAY_PORT_FILE_H
 

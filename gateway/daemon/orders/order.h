@@ -1,7 +1,8 @@
 // An order as it arrives in a channel: ORDER.HEADER, characters, and ORDER.LINES, binary.
 //
-// ORDER.HEADER has at most 65,536 bytes: lines KEY=VALUE, ended by line feeds, with or without a carriage return, or by
-// EBCDIC's new lines; empty lines are passed over. All keys but the last are required:
+// ORDER.HEADER has at most 65,536 bytes: lines KEY=VALUE, ended by line feeds, with or without a
+// carriage return, or by EBCDIC's new lines; empty lines are passed over. All keys but the last are
+// required:
 //
 //   order      1 to 12 letters, digits and hyphens
 //   account    an account of the ledger

@@ -1,5 +1,5 @@
-// One password of a request, and what has been found out about it. Hashing takes long, so nothing is
-// hashed when it is asked for: who asks gets nothing at first, has the work done aside, and asks
+// One password of a request, and what has been found out about it. Hashing takes long, so nothing
+// is hashed when it is asked for: who asks gets nothing at first, has the work done aside, and asks
 // again.
 //
 // Thread: one at a time.

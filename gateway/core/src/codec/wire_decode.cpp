@@ -20,7 +20,8 @@ constexpr std::size_t kRequestTypeOffset = 24;
 constexpr std::int32_t kLongestRequestType = 6;
 constexpr std::int32_t kLongestApplid = 16; // 8 characters, up to 2 bytes each as UTF-8
 constexpr std::size_t kNameWidth = 16;
-constexpr std::size_t kShortestContainer = 28; // a container record without data
+constexpr std::int32_t kLargestEsiBody = 1024 * 1024; // passwords have no largest length
+constexpr std::size_t kShortestContainer = 28;        // a container record without data
 
 // Language "en", country "GB", and ten zero bytes.
 const Bytes kHandshakeDataFixed = {0x00, 0x02, 0x65, 0x6E, 0x00, 0x02, 0x47, 0x42, 0x00,
@@ -244,9 +245,10 @@ namespace {
 std::int32_t largestBody(const FlowHeader& header, Stream kind)
 {
     if (kind == Stream::Any) return kLargestBody;
-    const bool isEci = header.flowType == static_cast<std::int32_t>(FlowType::Request) &&
-                       header.requestType == "ECI";
-    return isEci && kind == Stream::ClientBehindHandshake ? kLargestBody : kLargestSmallBody;
+    const bool isRequest = header.flowType == static_cast<std::int32_t>(FlowType::Request);
+    if (!isRequest || kind == Stream::ClientBeforeHandshake) return kLargestSmallBody;
+    if (header.requestType == "ECI") return kLargestBody;
+    return header.requestType == "ESI" ? kLargestEsiBody : kLargestSmallBody;
 }
 
 } // namespace

@@ -56,7 +56,8 @@ private:
     std::thread::id threadId_; // set by start(), before anything can run on the thread
 };
 
-// Brings a task onto the loop's thread. False, and the task is dropped, when it has stopped or gone.
+// Brings a task onto the loop's thread. False, and the task is dropped, when it has stopped or is
+// gone.
 std::function<bool(EventLoop::Task)> wayOnto(const std::shared_ptr<EventLoop>& loop);
 
 } // namespace standin

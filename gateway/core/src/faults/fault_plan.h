@@ -55,8 +55,8 @@ const Strike* findStrike(const std::vector<Strike>& strikes, Fault fault);
 // What the first strike that asks for it puts in the place of the good answer.
 std::optional<Answer> replacedAnswer(const std::vector<Strike>& strikes, const FlowHeader& request);
 
-// Whether an error takes the place of the good answer, and whether the good answer gets a code of the
-// Gateway: either way the call has failed for its client.
+// Whether an error takes the place of the good answer, and whether the good answer gets a code of
+// the Gateway: either way the call has failed for its client.
 bool isReplacedByAnError(const std::vector<Strike>& strikes);
 bool hasGatewayRc(const std::vector<Strike>& strikes);
 

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "client.h"
 #include "standin/gateway.h"
@@ -520,6 +521,37 @@ TEST(DaemonService, ServesWhileNobodyReadsItsLog)
     for (int i = 1; i <= 1000; ++i) ASSERT_EQ(0, client.call(i, {}).vornRc) << i;
     daemon.signal(SIGTERM);
     EXPECT_EQ(0, daemon.endUnread());
+}
+
+TEST(DaemonService, SaysGoodbyeWithACloseFlowWhenItIsStopped)
+{
+    Daemon daemon({});
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    client.send(standin_test::eciRequest(1, {}));
+    ASSERT_TRUE(daemon.awaitOutput("connection 1: answer 1"));
+    daemon.signal(SIGTERM);
+    EXPECT_EQ(3, client.read().value().flowType);
+    const standin_test::Received goodbye = client.read().value();
+    EXPECT_EQ(10, goodbye.flowType);
+    EXPECT_EQ(-1, goodbye.messageId);
+    EXPECT_TRUE(client.endsInOrder());
+    EXPECT_EQ(0, daemon.end());
+}
+
+TEST(DaemonService, DoesNotWaitAtItsEndForAClientThatTakesNothing)
+{
+    Daemon daemon({});
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    Call call;
+    call.commarea = std::string(32767, 'x');
+    standin_test::Raw requests;
+    for (int id = 1; id <= 400; ++id) requests.bytes(standin_test::eciRequest(id, call));
+    std::thread sender([&] { client.send(requests); }); // until the daemon reads no more
+    EXPECT_TRUE(daemon.awaitOutput("nothing more is read until they are"));
+    EXPECT_EQ(0, daemon.stop());
+    sender.join();
 }
 
 TEST(DaemonService, EndsCleanlyBySigintToo)

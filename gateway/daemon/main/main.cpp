@@ -1,6 +1,7 @@
 // The daemon qpxgatewayd: a Gateway with its programs, until a signal ends it.
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <memory>
@@ -240,6 +241,17 @@ std::unique_ptr<standin::Gateway> openGateway(const Options& options, const Log&
     }
 }
 
+// Tells every client, behind what is under way to it, that the gateway closes. Clients that do not
+// take it are not waited for.
+void sayGoodbye(standin::Gateway& gateway)
+{
+    constexpr std::chrono::seconds kPatience(2);
+    const std::size_t connections = gateway.connectionCount();
+    gateway.sendClose();
+    gateway.dropConnection();
+    gateway.awaitClosed(connections, kPatience);
+}
+
 // Returns when SIGINT or SIGTERM has come.
 void serveUntilStopped(standin::Gateway& gateway, const Log& log, const Signals& signals)
 {
@@ -250,6 +262,7 @@ void serveUntilStopped(standin::Gateway& gateway, const Log& log, const Signals&
         signal = signals.wait();
     }
     log->info("ending by signal {}", signal);
+    sayGoodbye(gateway);
     gateway.stop();
 }
 

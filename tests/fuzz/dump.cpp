@@ -91,7 +91,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         DumpBlock copy = dumpOfCopy(bytes, length, shownAt);
         {
             LockGuard hold(traceLock);
-            clapiWriteLine(&copy, "A line\n");
+            clapiWriteLine(&copy, clapiPrepareLine(tpData(1, "A line\n")), "A line\n");
         }
         text = capturedTrace().take();
         text.erase(0, text.find('\n') + 1);

@@ -13,6 +13,7 @@
 #include "clapi_channel.h"
 #include "clapi_rc.h"
 #include "clapi_socketcomms.h"
+#include "input.h"
 #include "qpxclient_eci.h"
 #include "wire.h"
 #include "world.h"
@@ -54,21 +55,7 @@ struct Channel {
     }
 };
 
-class Input {
-public:
-    Input(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
-    bool isOver() const { return size_ == 0; }
-    std::uint32_t byte()
-    {
-        if (size_ == 0) return 0;
-        size_ -= 1;
-        return *data_++;
-    }
-
-private:
-    const std::uint8_t* data_;
-    std::size_t size_;
-};
+using Input = InputBytes;
 
 std::string nameOf(std::uint32_t number)
 {

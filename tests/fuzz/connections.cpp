@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "clapi_types.h"
+#include "input.h"
 #include "qpxclient.h"
 #include "qpxclient_eci.h"
 #include "wire.h"
@@ -25,21 +26,7 @@ constexpr std::size_t MOST_CONNECTIONS = 330;
 constexpr std::size_t MOST_REQUESTS = 80;
 constexpr std::size_t RESTING = 64; // so many closed connections are told from unknown ones
 
-class Input {
-public:
-    Input(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
-    bool isOver() const { return size_ == 0; }
-    std::uint32_t byte()
-    {
-        if (size_ == 0) return 0;
-        size_ -= 1;
-        return *data_++;
-    }
-
-private:
-    const std::uint8_t* data_;
-    std::size_t size_;
-};
+using Input = InputBytes;
 
 // One connection as the application knows it.
 struct Connection {

@@ -16,6 +16,7 @@
 #include "clapi_channel.h"
 #include "clapi_rc.h"
 #include "clapi_socketcomms.h"
+#include "input.h"
 #include "qpxclient.h"
 #include "wire.h"
 #include "world.h"
@@ -28,15 +29,10 @@ constexpr unsigned int WHOLE = 4;
 
 const char SECRET[] = "S3cr3tPw";
 
-class Input {
+class Input : public InputBytes {
 public:
-    Input(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
-    std::uint32_t byte()
-    {
-        if (size_ == 0) return 0;
-        size_ -= 1;
-        return *data_++;
-    }
+    using InputBytes::InputBytes;
+
     // A number of any kind, with those at the borders among them.
     std::uint32_t number()
     {
@@ -63,10 +59,6 @@ public:
             made[i] = static_cast<char>('a' + (first + i) % 26);
         return made;
     }
-
-private:
-    const std::uint8_t* data_;
-    std::size_t size_;
 };
 
 std::string padded(std::string text, std::size_t length)

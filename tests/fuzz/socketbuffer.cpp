@@ -12,6 +12,7 @@
 
 #include "clapi_rc.h"
 #include "clapi_socketbuffer.h"
+#include "input.h"
 #include "qpxclient.h"
 #include "wire.h"
 #include "world.h"
@@ -21,16 +22,10 @@ namespace {
 constexpr std::size_t CONFIG_SIZE = 6;
 
 // What there is of the input; behind its end every number is 0.
-class Input {
+class Input : public InputBytes {
 public:
-    Input(const std::uint8_t* data, std::size_t size) : data_(data), size_(size) {}
-    bool isOver() const { return size_ == 0; }
-    std::uint32_t byte()
-    {
-        if (size_ == 0) return 0;
-        size_ -= 1;
-        return *data_++;
-    }
+    using InputBytes::InputBytes;
+
     std::uint32_t pair()
     {
         std::uint32_t high = byte();
@@ -46,10 +41,6 @@ public:
         if (kind < 250) return 32980 + byte() % 40;
         return kind < 253 ? 0x7FFFFFFF - byte() : 0xFFFFFFFF - byte();
     }
-
-private:
-    const std::uint8_t* data_;
-    std::size_t size_;
 };
 
 char streamByte(std::size_t at)

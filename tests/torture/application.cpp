@@ -27,9 +27,13 @@ std::atomic<const char*> callOf[THREADS]; // null: the thread is in none
 std::atomic<int> threads{0};
 thread_local int self = -1;
 
+// An open whose last event cannot be made returns what the event does.
+constexpr int NO_EVENT = -1;
+
 const std::vector<int> ofOpens = {QPX_ERR_SYSTEM_ERROR,   QPX_ERR_MALLOCFAIL,
                                   QPX_ERR_BADHOST,        QPX_ERR_CONNECTFAILED,
-                                  QPX_ERR_CONNECTTIMEOUT, QPX_ERR_LOSTGWCON};
+                                  QPX_ERR_CONNECTTIMEOUT, QPX_ERR_LOSTGWCON,
+                                  NO_EVENT};
 const std::vector<int> ofCloses = {QPX_ERR_LOSTGWCON, QPX_ERR_MALLOCFAIL, QPX_ERR_SYSTEM_ERROR};
 const std::vector<int> ofCalls = {QPX_ERR_LOSTGWCON, QPX_ERR_GATEWAY_CLOSED, QPX_ERR_MALLOCFAIL,
                                   ECI_ERR_SYSTEM_ERROR, ECI_ERR_RESOURCE_SHORTAGE};
@@ -144,6 +148,23 @@ void tellWhere()
             ::write(STDOUT_FILENO, "\n", 1) < 0)
             _exit(96);
     }
+}
+
+bool isClosing()
+{
+    const char* call = self < 0 ? nullptr : callOf[self].load();
+    return call != nullptr && (std::strstr(call, "QPX_close") != nullptr ||
+                               std::strstr(call, "QPX_purge") != nullptr);
+}
+
+bool isReceiverOfAnOpen()
+{
+    if (self >= 0) return false;
+    for (std::atomic<const char*>& slot : callOf) {
+        const char* call = slot;
+        if (call != nullptr && std::strstr(call, "QPX_open") != nullptr) return true;
+    }
+    return false;
 }
 
 void expectColdStart()

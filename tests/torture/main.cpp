@@ -9,8 +9,9 @@
 // a number, and no run may hold more. Exit code 0 if all was well, 3 if nothing has failed because
 // there was no K-th call, 1 with lines "bad ..." otherwise. A run that takes too long ends with 4.
 //
-// The driver reads descriptor 3: a byte there asks the peer to end all connections, without which a
-// close whose flow cannot be made waits for good.
+// Two waits without limit are known. A close whose flow cannot be made waits until the peer ends the
+// connection: a byte on descriptor 3 asks the driver to let it. An open whose receiver finds no
+// memory for its read buffer waits for good: such a run ends there, with exit code 5.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <sched.h>
@@ -40,9 +41,12 @@ void endHungRun(int)
     _exit(4);
 }
 
-void askPeerToHangUp()
+bool failsForMemory = false;
+
+void noteHit()
 {
-    if (::write(CONTROL, "d", 1) < 0) _exit(96);
+    if (isClosing() && ::write(CONTROL, "d", 1) < 0) _exit(96);
+    if (failsForMemory && isReceiverOfAnOpen()) _exit(5);
 }
 
 int entriesOf(const char* folder)
@@ -223,9 +227,9 @@ int runScenario(const Scenario& scenario, int fault, int k, bool fromThenOn, con
     else
         cleanUp();
     int descriptors = entriesOf("/proc/self/fd");
-    bool memory = std::strncmp(shim->faultName(fault), "malloc", 6) == 0 ||
-                  std::strncmp(shim->faultName(fault), "calloc", 6) == 0;
-    if (memory) shim->onHit(askPeerToHangUp);
+    failsForMemory = std::strcmp(shim->faultName(fault), "malloc") == 0;
+    if (failsForMemory || std::strcmp(shim->faultName(fault), "send-nobufs") == 0)
+        shim->onHit(noteHit);
 
     shim->arm(fault, k, fromThenOn);
     scenario.run();

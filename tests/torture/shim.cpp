@@ -4,7 +4,8 @@
 // calls itself on behalf of the library, and what the rest of the program does, pass by.
 //
 // A failure is one that the system has: what fails has not taken place, but for close and shutdown,
-// behind which the descriptor or the stream is at its end whatever they return.
+// behind which the descriptor or the stream is at its end whatever they return. A connection that
+// send or recv finds lost is lost, but where send only has no room for the moment (send-nobufs).
 #include "shim.h"
 
 #include <dlfcn.h>
@@ -48,6 +49,7 @@ enum Fault {
     POLL,
     PPOLL,
     SEND,
+    SEND_NOBUFS,
     SEND_HALF,
     SEND_PART,
     RECV,
@@ -68,7 +70,7 @@ const char* const faultNames[FAULTS] = {
     "malloc",       "calloc",         "mmap",       "mremap",      "madvise",   "open_memstream",
     "mutex_init",   "cond_init",      "thread",     "getaddrinfo", "socket",    "fcntl",
     "setsockopt",   "getsockopt",     "ioctl",      "connect",     "select",    "poll",
-    "ppoll",        "send",           "send-half",  "send-part",   "recv",      "recv-end",
+    "ppoll",        "send",  "send-nobufs",         "send-half",  "send-part",   "recv",      "recv-end",
     "shutdown",     "close",          "fopen",      "fdopen",      "write",     "clock",
     "localtime",    "setlocale",      "sysconf",
 };
@@ -387,21 +389,33 @@ SHIM_EXPORT int ppoll(struct pollfd* polled, unsigned long count, const void* li
     return next(polled, count, limit, mask);
 }
 
+// A connection that is lost for one end is lost for the other, and for whoever else uses it.
+static ssize_t endStream(int descriptor, int error)
+{
+    REAL(int(int, int), "shutdown");
+    next(descriptor, SHUT_RDWR);
+    return failed<ssize_t>(error, -1);
+}
+
 SHIM_EXPORT ssize_t send(int descriptor, const void* bytes, std::size_t length, int flags)
 {
     REAL(ssize_t(int, const void*, std::size_t, int), "send");
-    if (fails(SEND, CALLER)) return failed<ssize_t>(ECONNRESET, -1);
+    if (fails(SEND, CALLER)) return endStream(descriptor, ECONNRESET);
+    if (fails(SEND_NOBUFS, CALLER)) return failed<ssize_t>(ENOBUFS, -1);
     bool half = fails(SEND_HALF, CALLER);
     bool part = fails(SEND_PART, CALLER);
-    if (isLibrary(CALLER) && failsBehind(SEND_PART)) return failed<ssize_t>(EPIPE, -1);
+    if (isLibrary(CALLER) && failsBehind(SEND_PART)) return endStream(descriptor, EPIPE);
     return next(descriptor, bytes, half || part ? (length + 1) / 2 : length, flags);
 }
 
 SHIM_EXPORT ssize_t recv(int descriptor, void* bytes, std::size_t length, int flags)
 {
     REAL(ssize_t(int, void*, std::size_t, int), "recv");
-    if (fails(RECV, CALLER)) return failed<ssize_t>(ECONNRESET, -1);
-    if (fails(RECV_END, CALLER)) return 0;
+    if (fails(RECV, CALLER)) return endStream(descriptor, ECONNRESET);
+    if (fails(RECV_END, CALLER)) {
+        endStream(descriptor, 0);
+        return 0;
+    }
     return next(descriptor, bytes, length, flags);
 }
 

@@ -48,7 +48,9 @@ const std::vector<int> ofChannels = {ECI_ERR_MEMORY_SHORTAGE, ECI_ERR_CHANNELLOC
                                      ECI_ERR_SYSTEM_ERROR};
 const std::vector<int> ofTraceFiles = {QPX_ERR_TRACEFILE};
 const std::vector<int> none = {};
-const std::vector<int> ofFirstCalls = {QPX_ERR_MALLOCFAIL, QPX_ERR_SYSTEM_ERROR};
+// What a lock that cannot be made returns is what every call then does.
+constexpr int NO_LOCK = -1;
+const std::vector<int> ofFirstCalls = {QPX_ERR_MALLOCFAIL, QPX_ERR_SYSTEM_ERROR, NO_LOCK};
 
 // The codes with which each call may tell that the system, or the connection, has failed.
 const std::map<std::string, const std::vector<int>*> documented = {

@@ -342,8 +342,12 @@ void callThatTheGatewayCloses()
 void callOnADroppedConnection()
 {
     onConnectionThatEnds([](Connection& connection) {
-        Call("DROP").execute(connection, QPX_ERR_LOSTGWCON);
-        Call("ECHO").execute(connection, QPX_ERR_LOSTGWCON);
+        Call dropped("DROP");
+        dropped.execute(connection, QPX_ERR_LOSTGWCON);
+        // Where that was never sent, nobody has dropped the connection.
+        Call next("ECHO");
+        CALL_ANY((std::initializer_list<int>{QPX_ERR_LOSTGWCON, RESULT}), QPX_ECI_Execute,
+                 connection.token, &next.parms);
     });
 }
 
@@ -842,6 +846,8 @@ void channelCallThatIsPurged()
         call.parms.channel = channel.token;
         executeWithChannel(connection, call);
         connection.purge(0);
+        // A purge that has failed leaves the channel to the call that it has not given up.
+        CALL(QPX_OK, QPX_closeAllGatewayConnections);
     });
 }
 

@@ -397,6 +397,14 @@ static ssize_t endStream(int descriptor, int error)
     return failed<ssize_t>(error, -1);
 }
 
+SHIM_EXPORT int __ppoll64(struct pollfd* polled, unsigned long count, const void* limit,
+                          const void* mask)
+{
+    REAL(int(struct pollfd*, unsigned long, const void*, const void*), "__ppoll64");
+    if (fails(PPOLL, CALLER)) return failed(ENOMEM, -1);
+    return next(polled, count, limit, mask);
+}
+
 SHIM_EXPORT ssize_t send(int descriptor, const void* bytes, std::size_t length, int flags)
 {
     REAL(ssize_t(int, const void*, std::size_t, int), "send");

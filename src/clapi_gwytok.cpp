@@ -154,8 +154,24 @@ static void discardEvents(RequestTable* tableP)
     }
 }
 
+/* The tables behind the first one that are still in its chain. One whose first slot could not be
+ * taken has been added, and no slot of it is ever given back. */
+static void freeAddedTables(RequestTable* requestTableP)
+{
+    RequestSlot* nextP = lastSlotOf(requestTableP)->nextSlot;
+    while (nextP != nullptr) {
+        RequestTable* tableP = tableOf(nextP);
+        nextP = lastSlotOf(tableP)->nextSlot;
+        discardEvents(tableP);
+        free(tableP);
+    }
+    lastSlotOf(requestTableP)->nextSlot = nullptr;
+    requestTableP->lastTable = nullptr;
+}
+
 void clapiFreeTables(RequestTable* requestTableP)
 {
+    freeAddedTables(requestTableP);
     discardEvents(requestTableP);
     for (std::atomic<IndexedTable*>& segment : requestTableP->index) {
         free(segment);

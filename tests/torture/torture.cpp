@@ -38,7 +38,7 @@ namespace {
 using standin::Fault;
 
 constexpr int LONGEST_RUN = 90000; // milliseconds; the run itself ends long before
-constexpr int ONE_IN = 17;         // of the runs that there are, a sample has one in so many
+constexpr int ONE_IN = 4;          // of the runs that there are, a sample has one in so many
 
 // ---- The peers of a run --------------------------------------------------------------------------
 

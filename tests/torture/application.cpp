@@ -30,16 +30,14 @@ thread_local int self = -1;
 // An open whose last event cannot be made returns what the event does.
 constexpr int NO_EVENT = -1;
 
-const std::vector<int> ofOpens = {QPX_ERR_SYSTEM_ERROR,   QPX_ERR_MALLOCFAIL,
-                                  QPX_ERR_BADHOST,        QPX_ERR_CONNECTFAILED,
-                                  QPX_ERR_CONNECTTIMEOUT, QPX_ERR_LOSTGWCON,
-                                  NO_EVENT};
+const std::vector<int> ofOpens = {
+    QPX_ERR_SYSTEM_ERROR,   QPX_ERR_MALLOCFAIL, QPX_ERR_BADHOST, QPX_ERR_CONNECTFAILED,
+    QPX_ERR_CONNECTTIMEOUT, QPX_ERR_LOSTGWCON,  NO_EVENT};
 const std::vector<int> ofCloses = {QPX_ERR_LOSTGWCON, QPX_ERR_MALLOCFAIL, QPX_ERR_SYSTEM_ERROR};
 const std::vector<int> ofCalls = {QPX_ERR_LOSTGWCON, QPX_ERR_GATEWAY_CLOSED, QPX_ERR_MALLOCFAIL,
                                   ECI_ERR_SYSTEM_ERROR, ECI_ERR_RESOURCE_SHORTAGE};
-const std::vector<int> ofPasswords = {QPX_ERR_LOSTGWCON, QPX_ERR_GATEWAY_CLOSED,
-                                      QPX_ERR_MALLOCFAIL, QPX_ERR_SYSTEM_ERROR,
-                                      ESI_ERR_SYSTEM_ERROR};
+const std::vector<int> ofPasswords = {QPX_ERR_LOSTGWCON, QPX_ERR_GATEWAY_CLOSED, QPX_ERR_MALLOCFAIL,
+                                      QPX_ERR_SYSTEM_ERROR, ESI_ERR_SYSTEM_ERROR};
 const std::vector<int> ofLists = {QPX_ERR_LOSTGWCON, QPX_ERR_GATEWAY_CLOSED, QPX_ERR_MALLOCFAIL,
                                   QPX_ERR_SYSTEM_ERROR};
 const std::vector<int> ofLocks = {ECI_ERR_SYSTEM_ERROR};
@@ -90,7 +88,8 @@ const std::map<std::string, const std::vector<int>*> documented = {
     {"QPX_setAPITraceLevel", &none},
 };
 
-template <class Codes> bool contains(const Codes& codes, int rc)
+template <class Codes>
+bool contains(const Codes& codes, int rc)
 {
     return std::find(codes.begin(), codes.end(), rc) != codes.end();
 }
@@ -155,8 +154,8 @@ void tellWhere()
 bool isClosing()
 {
     const char* call = self < 0 ? nullptr : callOf[self].load();
-    return call != nullptr && (std::strstr(call, "QPX_close") != nullptr ||
-                               std::strstr(call, "QPX_purge") != nullptr);
+    return call != nullptr &&
+           (std::strstr(call, "QPX_close") != nullptr || std::strstr(call, "QPX_purge") != nullptr);
 }
 
 bool isReceiverOfAnOpen()

@@ -73,18 +73,18 @@ void expect(bool right, const char* what);
 
 } // namespace torture
 
-#define CALL(expected, function, ...)                                                              \
+#define CALL(expected, function, ...) \
     torture::made(#function, {expected}, [&] { return function(__VA_ARGS__); })
 
 // The same where the order of threads decides on the result.
-#define CALL_ANY(expected, function, ...)                                                          \
+#define CALL_ANY(expected, function, ...) \
     torture::made(#function, expected, [&] { return function(__VA_ARGS__); })
 
 // The same for a call without a result, or with a pointer.
-#define CALL_PLAIN(function, ...)                                                                  \
-    torture::made(#function, {0}, [&] {                                                            \
-        static_cast<void>(function(__VA_ARGS__));                                                  \
-        return 0;                                                                                  \
+#define CALL_PLAIN(function, ...)                 \
+    torture::made(#function, {0}, [&] {           \
+        static_cast<void>(function(__VA_ARGS__)); \
+        return 0;                                 \
     })
 
 #endif

@@ -223,7 +223,8 @@ struct Call {
 };
 
 // Opens, does something, closes.
-template <class Work> void onConnection(Work work)
+template <class Work>
+void onConnection(Work work)
 {
     Connection connection;
     if (!connection.open()) return;
@@ -232,7 +233,8 @@ template <class Work> void onConnection(Work work)
 }
 
 // The same where the peer ends the connection.
-template <class Work> void onConnectionThatEnds(Work work)
+template <class Work>
+void onConnectionThatEnds(Work work)
 {
     Connection connection;
     if (!connection.open()) return;
@@ -334,9 +336,8 @@ void callThatIsAnsweredWithAnException()
 
 void callThatTheGatewayCloses()
 {
-    onConnectionThatEnds([](Connection& connection) {
-        Call("CLOSE").execute(connection, QPX_ERR_GATEWAY_CLOSED);
-    });
+    onConnectionThatEnds(
+        [](Connection& connection) { Call("CLOSE").execute(connection, QPX_ERR_GATEWAY_CLOSED); });
 }
 
 void callOnADroppedConnection()
@@ -353,23 +354,20 @@ void callOnADroppedConnection()
 
 void callOnAResetConnection()
 {
-    onConnectionThatEnds([](Connection& connection) {
-        Call("RESET").execute(connection, QPX_ERR_LOSTGWCON);
-    });
+    onConnectionThatEnds(
+        [](Connection& connection) { Call("RESET").execute(connection, QPX_ERR_LOSTGWCON); });
 }
 
 void callThatIsCutOff()
 {
-    onConnectionThatEnds([](Connection& connection) {
-        Call("CUT").execute(connection, QPX_ERR_LOSTGWCON);
-    });
+    onConnectionThatEnds(
+        [](Connection& connection) { Call("CUT").execute(connection, QPX_ERR_LOSTGWCON); });
 }
 
 void callThatIsAnsweredWithGarbage()
 {
-    onConnectionThatEnds([](Connection& connection) {
-        Call("GARBAGE").execute(connection, QPX_ERR_LOSTGWCON);
-    });
+    onConnectionThatEnds(
+        [](Connection& connection) { Call("GARBAGE").execute(connection, QPX_ERR_LOSTGWCON); });
 }
 
 void callBehindAPing()
@@ -642,7 +640,8 @@ struct Channel {
     }
 };
 
-template <class Work> void withChannel(Work work)
+template <class Work>
+void withChannel(Work work)
 {
     Channel channel;
     if (!channel.create("TORTURE")) return;
@@ -724,8 +723,8 @@ void containerOfMegabytes()
         if (!channel.add("BIG", data)) return;
         channel.expectData("BIG", data);
         std::string other(2 << 20, 'e');
-        if (CALL(RESULT, ECI_setContainerData, channel.token, "BIG", other.data(),
-                 other.size()) == RESULT)
+        if (CALL(RESULT, ECI_setContainerData, channel.token, "BIG", other.data(), other.size()) ==
+            RESULT)
             channel.expectData("BIG", other);
     });
 }
@@ -761,7 +760,8 @@ int executeWithChannel(const Connection& connection, Call& call, int expected = 
 }
 
 // Lets CHANEDIT change a channel as it is told.
-template <class Look> void editedChannel(const std::string& edits, short type, Look look)
+template <class Look>
+void editedChannel(const std::string& edits, short type, Look look)
 {
     onConnection([&](Connection& connection) {
         withChannel([&](Channel& channel) {
@@ -998,8 +998,14 @@ void firstCallOfAChannel()
 
 } // namespace
 
-#define SCENARIO(function) {#function, function, false}
-#define COLD_SCENARIO(function) {#function, function, true}
+#define SCENARIO(function)         \
+    {                              \
+#function, function, false \
+    }
+#define COLD_SCENARIO(function)   \
+    {                             \
+#function, function, true \
+    }
 
 const Scenario scenarios[] = {
     SCENARIO(openAndClose),

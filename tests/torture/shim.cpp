@@ -24,7 +24,7 @@
 #include <cstring>
 
 #define SHIM_EXPORT extern "C" __attribute__((visibility("default")))
-#define CALLER reinterpret_cast<std::uintptr_t>(__builtin_return_address(0))
+#define CALLER      reinterpret_cast<std::uintptr_t>(__builtin_return_address(0))
 
 namespace {
 
@@ -67,12 +67,12 @@ enum Fault {
 };
 
 const char* const faultNames[FAULTS] = {
-    "malloc",       "calloc",         "mmap",       "mremap",      "madvise",   "open_memstream",
-    "mutex_init",   "cond_init",      "thread",     "getaddrinfo", "socket",    "fcntl",
-    "setsockopt",   "getsockopt",     "ioctl",      "connect",     "select",    "poll",
-    "ppoll",        "send",  "send-nobufs",         "send-half",  "send-part",   "recv",      "recv-end",
-    "shutdown",     "close",          "fopen",      "fdopen",      "write",     "clock",
-    "localtime",    "setlocale",      "sysconf",
+    "malloc",     "calloc",     "mmap",        "mremap",      "madvise",   "open_memstream",
+    "mutex_init", "cond_init",  "thread",      "getaddrinfo", "socket",    "fcntl",
+    "setsockopt", "getsockopt", "ioctl",       "connect",     "select",    "poll",
+    "ppoll",      "send",       "send-nobufs", "send-half",   "send-part", "recv",
+    "recv-end",   "shutdown",   "close",       "fopen",       "fdopen",    "write",
+    "clock",      "localtime",  "setlocale",   "sysconf",
 };
 
 // ---- Who calls -----------------------------------------------------------------------------------
@@ -105,10 +105,10 @@ bool isLibrary(std::uintptr_t caller)
 }
 
 // The next definition behind this one.
-template <class Function> Function* real(const char* name, const char* version = nullptr)
+template <class Function>
+Function* real(const char* name, const char* version = nullptr)
 {
-    void* symbol =
-        version == nullptr ? dlsym(RTLD_NEXT, name) : dlvsym(RTLD_NEXT, name, version);
+    void* symbol = version == nullptr ? dlsym(RTLD_NEXT, name) : dlvsym(RTLD_NEXT, name, version);
     if (symbol == nullptr) symbol = dlsym(RTLD_NEXT, name);
     if (symbol == nullptr) _exit(97);
     return reinterpret_cast<Function*>(symbol);
@@ -150,11 +150,12 @@ bool fails(Fault fault, std::uintptr_t caller)
 // The same for the call behind the one that is to fail: a second half.
 bool failsBehind(Fault fault)
 {
-    return armed && chosen == fault && chosenNumber != 0 &&
-           callCounts[fault] == chosenNumber + 1 && !chosenFromThenOn;
+    return armed && chosen == fault && chosenNumber != 0 && callCounts[fault] == chosenNumber + 1 &&
+           !chosenFromThenOn;
 }
 
-template <class Result> Result failed(int error, Result result)
+template <class Result>
+Result failed(int error, Result result)
 {
     errno = error;
     return result;
@@ -176,8 +177,7 @@ std::atomic_flag entriesLock = ATOMIC_FLAG_INIT;
 struct EntriesHold {
     EntriesHold()
     {
-        while (entriesLock.test_and_set(std::memory_order_acquire)) {
-        }
+        while (entriesLock.test_and_set(std::memory_order_acquire)) {}
     }
     ~EntriesHold() { entriesLock.clear(std::memory_order_release); }
 };
@@ -454,7 +454,7 @@ SHIM_EXPORT int close(int descriptor)
 
 SHIM_EXPORT FILE* fopen64(const char* name, const char* mode)
 {
-    REAL(FILE*(const char*, const char*), "fopen64", "GLIBC_2.1");
+    REAL(FILE * (const char*, const char*), "fopen64", "GLIBC_2.1");
     if (fails(FOPEN, CALLER)) return failed<FILE*>(EACCES, nullptr);
     FILE* file = next(name, mode);
     noteHeld(file, 0, CALLER);
@@ -463,7 +463,7 @@ SHIM_EXPORT FILE* fopen64(const char* name, const char* mode)
 
 SHIM_EXPORT FILE* fdopen(int descriptor, const char* mode)
 {
-    REAL(FILE*(int, const char*), "fdopen", "GLIBC_2.1");
+    REAL(FILE * (int, const char*), "fdopen", "GLIBC_2.1");
     if (fails(FDOPEN, CALLER)) return failed<FILE*>(ENOMEM, nullptr);
     FILE* file = next(descriptor, mode);
     noteHeld(file, 0, CALLER);
@@ -472,7 +472,7 @@ SHIM_EXPORT FILE* fdopen(int descriptor, const char* mode)
 
 SHIM_EXPORT FILE* open_memstream(char** text, std::size_t* size)
 {
-    REAL(FILE*(char**, std::size_t*), "open_memstream");
+    REAL(FILE * (char**, std::size_t*), "open_memstream");
     if (fails(MEMSTREAM, CALLER)) return failed<FILE*>(ENOMEM, nullptr);
     FILE* file = next(text, size);
     noteHeld(file, 0, CALLER);

@@ -38,7 +38,6 @@ namespace {
 using standin::Fault;
 
 constexpr int LONGEST_RUN = 90000; // milliseconds; the run itself ends long before
-constexpr int ONE_IN = 4;          // of the runs that there are, a sample has one in so many
 
 // ---- The peers of a run --------------------------------------------------------------------------
 
@@ -90,11 +89,16 @@ public:
     Peers() : gateway_(quietOptions()), refusing_(quietOptions()), dropping_(quietOptions())
     {
         const std::pair<const char*, standin::Misbehaviour> programs[] = {
-            {"FLOWERR", {Fault::FlowError, 61445}}, {"FLOWEXC", {Fault::FlowException, "broken"}},
-            {"CLOSE", Fault::Close},                {"DROP", Fault::Drop},
-            {"RESET", Fault::Reset},                {"CUT", {Fault::Truncate, 60}},
-            {"GARBAGE", Fault::BadEyecatcher},      {"PING", Fault::Ping},
-            {"TWICE", Fault::Duplicate},            {"SILENT", Fault::NoAnswer},
+            {"FLOWERR", {Fault::FlowError, 61445}},
+            {"FLOWEXC", {Fault::FlowException, "broken"}},
+            {"CLOSE", Fault::Close},
+            {"DROP", Fault::Drop},
+            {"RESET", Fault::Reset},
+            {"CUT", {Fault::Truncate, 60}},
+            {"GARBAGE", Fault::BadEyecatcher},
+            {"PING", Fault::Ping},
+            {"TWICE", Fault::Duplicate},
+            {"SILENT", Fault::NoAnswer},
         };
         for (const auto& [program, misbehaviour] : programs) {
             gateway_.setProgram(program, standin::makeEcho());
@@ -247,7 +251,7 @@ struct Options {
     std::vector<std::string> scenarios; // all if empty
     std::string fault;                  // all if empty
     int k = 0;                          // all if 0
-    bool sample = false;
+    unsigned sample = 0;                // one run in so many; all if 0
     bool clean = false;
     std::string exports; // the file that names the exported calls
     int jobs = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
@@ -320,11 +324,11 @@ bool tellStory(Peers& peers, Totals& totals, Story& story)
 }
 
 // The same runs each time, spread over all that there are.
-bool isInSample(const std::string& name)
+bool isInSample(const std::string& name, unsigned oneIn)
 {
     unsigned sum = 2166136261u;
     for (char letter : name) sum = (sum ^ static_cast<unsigned char>(letter)) * 16777619u;
-    return sum % ONE_IN == 0;
+    return (sum >> 8) % oneIn == 0;
 }
 
 // One run; false if there was no k-th call.
@@ -332,8 +336,8 @@ bool fail(Peers& peers, Totals& totals, const Story& story, const std::string& f
           const char* when)
 {
     totals.runs += 1;
-    Outcome outcome = run(&peers, {story.scenario, fault, std::to_string(k), when, peers.ports(),
-                                   story.held});
+    Outcome outcome = run(
+        &peers, {story.scenario, fault, std::to_string(k), when, peers.ports(), story.held});
     if (outcome.exited(0)) return true;
     if (outcome.exited(5)) {
         totals.waits += 1;
@@ -351,13 +355,14 @@ void failEach(Peers& peers, Totals& totals, const Options& options, const Story&
     for (int k = options.k == 0 ? 1 : options.k;; k += 1) {
         bool wanted[2];
         for (int i = 0; i < 2; i += 1)
-            wanted[i] = !options.sample ||
-                        isInSample(nameOf(story.scenario, fault, k, i == 0 ? "once" : "on"));
-        bool struck = options.sample;
+            wanted[i] = options.sample == 0 ||
+                        isInSample(nameOf(story.scenario, fault, k, i == 0 ? "once" : "on"),
+                                   options.sample);
+        bool struck = false;
         if (wanted[0] && fail(peers, totals, story, fault, k, "once")) struck = true;
         if (wanted[1] && fail(peers, totals, story, fault, k, "on")) struck = true;
         // Threads and the network may make it a few more or less than they were the first time.
-        if (options.k != 0 || (options.sample ? k >= count : k > count && !struck)) return;
+        if (options.k != 0 || (options.sample != 0 ? k >= count : k > count && !struck)) return;
     }
 }
 
@@ -433,7 +438,7 @@ int usage()
               "\n"
               "  --fault NAME    only calls of this kind\n"
               "  --call NUMBER   only the one of that number\n"
-              "  --sample        a few of the runs, always the same\n"
+              "  --sample NUMBER one run in so many, always the same\n"
               "  --clean         only the runs in which nothing fails\n"
               "  --exports FILE  fails unless each call that the linker's map FILE exports has\n"
               "                  done its work in some scenario\n"
@@ -458,9 +463,7 @@ int readArguments(int argc, char** argv, Options& options)
         std::string word = argv[i];
         const char* value = i + 1 < argc ? argv[i + 1] : nullptr;
         if (word == "--help") return usage();
-        if (word == "--sample") {
-            options.sample = true;
-        } else if (word == "--clean") {
+        if (word == "--clean") {
             options.clean = true;
         } else if (word == "--list") {
             for (const char* kind : {"scenario", "fault"})
@@ -468,12 +471,14 @@ int readArguments(int argc, char** argv, Options& options)
                     std::printf("%s %s\n", kind, name.c_str());
             return 0;
         } else if (word == "--fault" || word == "--call" || word == "--exports" ||
-                   word == "--jobs") {
+                   word == "--jobs" || word == "--sample") {
             if (value == nullptr) return refuse(word + " takes a value");
             i += 1;
             if (word == "--fault") options.fault = value;
             if (word == "--exports") options.exports = value;
             if (word == "--call") options.k = std::atoi(value);
+            if (word == "--sample")
+                options.sample = static_cast<unsigned>(std::max(1, std::atoi(value)));
             if (word == "--jobs") options.jobs = std::max(1, std::atoi(value));
         } else if (word[0] == '-') {
             return refuse("unknown option " + word);
@@ -516,7 +521,6 @@ int main(int argc, char** argv)
     if (!options.exports.empty() && !everyExportHasWorked(options.exports, totals.worked))
         well = false;
     std::printf("%zu scenarios, %ld runs, %ld of them to a wait that is known, %ld findings\n",
-                scenarios.size(), totals.runs.load(), totals.waits.load(),
-                totals.findings.load());
+                scenarios.size(), totals.runs.load(), totals.waits.load(), totals.findings.load());
     return well ? 0 : 1;
 }

@@ -169,6 +169,15 @@ void answerOpenAndClose(ScriptedGateway& gateway)
     peer.send(hex("47617465 10A01000 0000000A FFFFFFFF 00000000 00000004 42415345 00 00000000"));
 }
 
+int openAndUnload(void* library, int port, QPX_ConnToken_t* token)
+{
+    auto* open = find<decltype(QPX_openRemoteGatewayConnection)>(library,
+                                                                 "QPX_openRemoteGatewayConnection");
+    char localHost[] = "127.0.0.1";
+    int rc = open(localHost, port, token, 0);
+    return dlclose(library) == 0 ? rc : 1;
+}
+
 TEST(UnloadedLibrary, LetsItsReceiverThreadReturn)
 {
     ScriptedGateway gateway;
@@ -185,6 +194,30 @@ TEST(UnloadedLibrary, LetsItsReceiverThreadReturn)
     }
     EXPECT_EQ(0, answering.get());
     EXPECT_EQ(rounds, ended);
+}
+
+// The application unloads the library under its connection, and closes that when it has loaded the
+// library again.
+TEST(UnloadedLibrary, KeepsItsConnections)
+{
+    ScriptedGateway gateway;
+    auto answering = callInThread([&] {
+        answerOpenAndClose(gateway);
+        return 0;
+    });
+    void* library = dlopen(QPX_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(nullptr, library) << dlerror();
+    QPX_ConnToken_t token = nullptr;
+    ASSERT_EQ(0, openAndUnload(library, gateway.port(), &token));
+
+    library = dlopen(QPX_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(nullptr, library) << dlerror();
+    releaseReceivers(1);
+    EXPECT_EQ(0, find<decltype(QPX_closeGatewayConnection)>(library,
+                                                            "QPX_closeGatewayConnection")(&token));
+    EXPECT_EQ(0, answering.get());
+    awaitReceivers(ended, 1);
+    ASSERT_EQ(0, dlclose(library));
 }
 
 } // namespace

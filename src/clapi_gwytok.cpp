@@ -1017,6 +1017,14 @@ static int endWork(_QPX_ConnToken_t* gwToken)
     return calls >= 1 ? seeCallsOut(gwToken, calls, &table) : QPX_OK;
 }
 
+/* What is left to do where a quiesce has failed, with the receiver gone all the same: the requests
+ * stay with the token, but nobody will write into their channels any more. */
+static void giveChannelsBack(_QPX_ConnToken_t* gwToken)
+{
+    LockGuard table(gwToken->tableLock);
+    if (table.held()) unlockChannels(gwToken);
+}
+
 /* Whether a close flow can be sent. A connection whose stream the library has ended is no more,
  * whether the receiver knows it yet or not. */
 static bool takesCloseFlow(const _QPX_ConnToken_t* gwToken)
@@ -1033,7 +1041,10 @@ static int quiesceConnection(_QPX_ConnToken_t* gwToken, int closeTimeout)
     if (rc == QPX_OK) rc = waitForWork(gwToken, closeTimeout);
     if (rc == QPX_OK && takesCloseFlow(gwToken)) rc = clapiCloseConnection(gwToken);
     waitForReceiver(gwToken);
-    if (rc == QPX_OK) rc = endWork(gwToken);
+    if (rc == QPX_OK)
+        rc = endWork(gwToken);
+    else
+        giveChannelsBack(gwToken);
     SCHEDULE_POINT(tokenQuiesced, gwToken);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;

@@ -572,6 +572,24 @@ TEST_F(TeardownDelete, FailsWhenTheCloseFlowCannotBeSent)
     freeByClosingAll();
 }
 
+TEST_F(TeardownDelete, GivesAChannelBackThoughTheCloseFlowCannotBeSent)
+{
+    ECI_ChannelToken_t channel = nullptr;
+    ASSERT_RC(0, ECI_createChannel("CHANNEL", &channel));
+    EciParms request = asyncCall("PROG");
+    request.record.channel = channel;
+    ASSERT_RC(0, QPX_ECI_Execute_Channel(connection.token, &request.record));
+    Fault fault = failCall(Call::Send, 1, EPIPE);
+    auto purging = connection.startPurge(0);
+    ASSERT_TRUE(fault.awaitHits());
+    connection.peer.close();
+    EXPECT_RC(QPX_ERR_LOSTGWCON, purging.get());
+
+    EXPECT_RC(0, ECI_deleteChannel(&channel));
+
+    freeByClosingAll();
+}
+
 TEST_F(TeardownDelete, FailsWhenTheSlotTableCannotBeLockedAfterTheClose)
 {
     loseConnection();

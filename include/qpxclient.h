@@ -9,9 +9,9 @@
  *  2. Calls may be made from any thread, and any number of threads may share one connection.
  *     What is not safe to share is said at the call.
  *  3. The library initialises itself in the first call; a call that finds that this has failed
- *     returns what it failed with, QPX_ERR_MALLOCFAIL or QPX_ERR_SYSTEM_ERROR. It ignores SIGPIPE
- *     for the process and starts one thread per open connection, none else. Channels set the
- *     locale of the process; see eci_channel.h.
+ *     returns what it failed with: QPX_ERR_MALLOCFAIL, QPX_ERR_SYSTEM_ERROR, or -1 for a lock. It
+ *     ignores SIGPIPE for the process and starts one thread per open connection, none else.
+ *     Channels set the locale of the process; see eci_channel.h.
  *  4. Texts are NUL-terminated unless their comment gives a fixed width. The library never
  *     writes into a text passed to it.
  *  5. Pointers handed out point into the library's own storage; each call says how long it
@@ -124,9 +124,9 @@ typedef struct _QPX_ConnToken_t* QPX_ConnToken_t;
  * address, or no descriptor left), QPX_ERR_CONNECTFAILED, QPX_ERR_CONNECTTIMEOUT,
  * QPX_ERR_LOSTGWCON (the other side ended the connection during the handshake: a proxy with nobody
  * behind it, a server that wants TLS), QPX_ERR_SYSTEM_ERROR (no thread could be started, or what
- * answered is no Gateway), QPX_ERR_MALLOCFAIL, or the code with which the Gateway refused the
- * handshake. In a 32-bit process with stacks of 8 MiB there is room for about 500 threads and so
- * for as many connections; with a smaller "ulimit -s" there are more.
+ * answered is no Gateway), -1 (an event could not be made), QPX_ERR_MALLOCFAIL, or the code with
+ * which the Gateway refused the handshake. In a 32-bit process with stacks of 8 MiB there is room
+ * for about 500 threads and so for as many connections; with a smaller "ulimit -s" there are more.
  */
 QPX_API int QPX_openRemoteGatewayConnection(char* hostname, int port, QPX_ConnToken_t* gwTokPtr,
                                             int connTimeout);

@@ -39,6 +39,9 @@
  *                    memory for one, or the answer to the handshake takes too long
  *   NOTHING_WRITTEN  every request, and the handshake, fails to be written
  *   QUIET            nobody closes, and some wait for ever; but not for what is there
+ *   WAKES            who waits sleeps until it is woken, which is a step of its own; without this
+ *                    switch it goes on once it has been let through, whoever wakes it
+ *   SPURIOUS         so many sleepers wake without having been woken; with WAKES only
  *   BREAK_...        undoes one precaution of the code; the model must then find what it is for
  *
  * What the code does under one hold of a lock is one step here where nobody can see a difference:
@@ -84,6 +87,9 @@
 #endif
 #ifndef PLAIN
 #define PLAIN 0
+#endif
+#ifndef SPURIOUS
+#define SPURIOUS 0
 #endif
 #ifdef CHANNEL
 #define sendsChannel(c) (c >= PLAIN)
@@ -150,6 +156,9 @@ mtype = { CONNECTING, CONNECTED, NEVER_CONNECTED, LOST, CLOSED };
 typedef Event {
     bool open;
     byte posts;
+#ifdef WAKES
+    byte sleepers;     /* in its condition: one bit for each thread */
+#endif
 }
 
 typedef Slot {
@@ -164,6 +173,9 @@ typedef Slot {
     mtype outcomePending; /* put aside until the data has been sent; 0 if there is none */
 #endif
     mtype result;
+#ifdef WAKES
+    bool hasEvent;     /* from the slot's first use to the end of the token */
+#endif
     Event requestEvent;
 }
 
@@ -179,6 +191,9 @@ byte asyncCount;
 byte senders;
 bool brokenOff;
 byte slotBeingRead = NO_SLOT;
+#ifdef WAKES
+byte transferSleepers; /* in the condition transferEnded */
+#endif
 byte deleters;
 bool quiesced;
 bool opening;
@@ -226,6 +241,9 @@ bool deleteFailed;
 bool lost;                         /* the connection ends otherwise than by a close of ours */
 bool streamEnded;                  /* ... for the library has ended its stream */
 byte threadsOut;
+#if SPURIOUS > 0
+byte spurious = SPURIOUS;          /* how many sleepers may yet wake for no reason */
+#endif
 byte qualifier[CALLS] = NO_SLOT;   /* by call: where its reply is to be asked for */
 bool sendingOver[CALLS];           /* by call: its asynchronous call has returned */
 #ifdef CLOSE_AFTER_CALLS
@@ -261,11 +279,18 @@ inline arm(e)
     e.open = false
 }
 
-/* clapiClearEvent */
-inline post(e)
+/* clapiOpenEvent */
+inline openGate(e)
 {
     e.open = true;
     e.posts++
+}
+
+#ifndef WAKES
+/* clapiClearEvent */
+inline post(e)
+{
+    openGate(e)
 }
 
 /* clapiWaitEvent; generation is a variable of the thread. */
@@ -285,6 +310,167 @@ inline waitEventSince(e)
     :: atomic { e.open || e.posts != generation -> TOUCH; generation = 0 }
     fi
 }
+
+/* clapiTimedWaitEvent, with a time that may run out at any moment. */
+inline waitEventForTime(e)
+{
+    if
+    :: true
+    :: atomic { e.open -> TOUCH }
+    fi
+}
+
+#define LATER_WAKE
+#define SENDERS_LATER_WAKE
+#define expectWake(s, queue) skip
+#define sleepInTransfers() skip
+#define wakeTransfers() skip
+#else
+
+/* ---- Sleep: the conditions of events, and transferEnded ---- */
+
+/* pthread_cond_wait gives the mutex up and sleeps in one step. A broadcast wakes those who sleep by
+ * then; who is woken takes the mutex and looks again. */
+#define MY_BIT (1 << _pid)
+#define isAsleep(set) ((set & MY_BIT) != 0)
+#define isWokenInTransfers (tableLock == NOBODY && !isAsleep(transferSleepers))
+
+inline fallAsleep(set)
+{
+    set = set | MY_BIT
+}
+
+inline wakeUp(set)
+{
+    set = set & ~MY_BIT
+}
+
+#if SPURIOUS > 0
+#define mayWakeUp(set) (isAsleep(set) && spurious > 0)
+#endif
+
+#ifdef BREAK_WAKES_ONE
+#define broadcast(set) set = set & (set - 1)
+#else
+#define broadcast(set) set = 0
+#endif
+
+/* clapiWakeWaiters */
+inline wakeWaiters(e)
+{
+    broadcast(e.sleepers)
+}
+
+/* clapiClearEvent: both under the event's mutex. */
+inline post(e)
+{
+    openGate(e);
+    wakeWaiters(e)
+}
+
+#ifdef BREAK_NOT_LOOKED_AT_AGAIN
+#define isLetThrough(e) true
+#elif defined(BREAK_GATE_LOOKED_AT_AGAIN)
+#define isLetThrough(e) (e.open)
+#else
+#define isLetThrough(e) (e.posts != generation)
+#endif
+
+/* sleepWhileGeneration, behind its first look and falling asleep. */
+inline sleepWhileGeneration(e)
+{
+    do
+    :: atomic { !isAsleep(e.sleepers) && !isLetThrough(e) -> TOUCH; fallAsleep(e.sleepers) }
+    :: atomic { !isAsleep(e.sleepers) && isLetThrough(e) -> TOUCH; generation = 0; break }
+#if SPURIOUS > 0
+    :: atomic { mayWakeUp(e.sleepers) -> TOUCH; spurious--; wakeUp(e.sleepers) }
+#endif
+    od
+}
+
+/* clapiWaitEvent; generation is a variable of the thread. */
+inline waitEvent(e)
+{
+    if
+    :: atomic { e.open -> TOUCH }
+#ifdef BREAK_LOOK_AND_SLEEP_APART
+    :: atomic { !e.open -> TOUCH; generation = e.posts };
+       atomic { TOUCH; fallAsleep(e.sleepers) };
+#else
+    :: atomic { !e.open -> TOUCH; generation = e.posts; fallAsleep(e.sleepers) };
+#endif
+       sleepWhileGeneration(e)
+    fi
+}
+
+/* clapiWaitEventSince */
+inline waitEventSince(e)
+{
+    if
+    :: atomic { e.open || e.posts != generation -> TOUCH; generation = 0 }
+    :: atomic { !e.open && e.posts == generation -> TOUCH; fallAsleep(e.sleepers) };
+       sleepWhileGeneration(e)
+    fi
+}
+
+/* clapiTimedWaitEvent, with a time that may run out at any moment. */
+inline waitEventForTime(e)
+{
+    if
+    :: atomic { e.open -> TOUCH }
+    :: atomic { !e.open -> TOUCH; fallAsleep(e.sleepers) };
+       atomic { TOUCH; wakeUp(e.sleepers) }
+    fi
+}
+
+/* awaitTransfer; tableLock is given up in the same step. */
+inline sleepInTransfers()
+{
+    fallAsleep(transferSleepers)
+}
+
+inline wakeTransfers()
+{
+    broadcast(transferSleepers)
+}
+
+/* LaterWake: whom a thread wakes when it has given tableLock up. */
+#define LATER_WAKE byte toWake = NO_SLOT; bool wakesQueue;
+#ifdef IN_PLACE
+#define SENDERS_LATER_WAKE LATER_WAKE
+#else
+#define SENDERS_LATER_WAKE
+#endif
+
+inline expectWake(s, queue)
+{
+    toWake = s;
+    wakesQueue = queue
+}
+
+/* ~LaterWake */
+inline wakeExpected()
+{
+    do
+    :: atomic {
+           wakesQueue -> TOUCH;
+           wakesQueue = false;
+#ifndef BREAK_QUEUE_NOT_WOKEN
+           wakeWaiters(asyncReplyEvent)
+#endif
+       }
+    :: atomic {
+           !wakesQueue && toWake != NO_SLOT -> TOUCH;
+           assert(slot[toWake].hasEvent);
+#ifndef BREAK_WOKEN_BEFORE_OPENED
+           wakeWaiters(slot[toWake].requestEvent);
+#endif
+           toWake = NO_SLOT
+       }
+    :: !wakesQueue && toWake == NO_SLOT -> break
+    od
+}
+#endif
 
 /* ---- Slots and sending: clapi_gwytok and clapi_delivery ---- */
 
@@ -373,7 +559,14 @@ inline unlockChannels()
 #endif
 }
 
-/* slotFree */
+/* Nobody sleeps in an event that is deleted. */
+inline deleteSlotEvent(s)
+{
+    assert(slot[s].requestEvent.sleepers == 0);
+    slot[s].hasEvent = false
+}
+
+/* slotFree. What the slot's first use has made stays, also when the table goes: keepTable. */
 inline slotFree(s)
 {
     assert(slot[s].state != FREE);
@@ -393,8 +586,17 @@ inline slotFree(s)
     slot[s].outcomePending = 0;
 #endif
     slot[s].result = 0;
+#ifndef WAKES
     slot[s].requestEvent.open = false;
     slot[s].requestEvent.posts = 0
+#elif defined(BREAK_EVENT_GOES_WITH_ITS_REQUEST)
+    deleteSlotEvent(s)
+#elif defined(BREAK_TABLE_GOES_WITH_ITS_REQUESTS)
+    if
+    :: s > 0 -> deleteSlotEvent(s) /* the one slot of an added table */
+    :: else
+    fi
+#endif
 }
 
 /* clapiDeliverSlot but for its last step, queueReply. Under tableLock. */
@@ -411,9 +613,10 @@ inline setOutcome(s, what)
     :: slot[s].isAsync ->
        assert(!isQueued(s));
        replies!s;
-       post(asyncReplyEvent)
+       openGate(asyncReplyEvent)
     :: else
-    fi
+    fi;
+    expectWake(s, slot[s].isAsync)
 }
 
 /* clapiDeliverSlot as the receiver calls it, in two steps under tableLock: the waiter looks at the
@@ -421,17 +624,20 @@ inline setOutcome(s, what)
 #ifndef BREAK_POSTED_BEFORE_THE_OUTCOME
 inline deliverFirst(s, what)
 {
+#ifdef BREAK_WOKEN_BEFORE_OPENED
+    wakeWaiters(slot[s].requestEvent);
+#endif
     setOutcome(s, what)
 }
 
 inline deliverLast(s, what)
 {
-    post(slot[s].requestEvent)
+    openGate(slot[s].requestEvent)
 }
 #else
 inline deliverFirst(s, what)
 {
-    post(slot[s].requestEvent)
+    openGate(slot[s].requestEvent)
 }
 
 inline deliverLast(s, what)
@@ -497,10 +703,19 @@ inline unregisterRequest()
     fi
 }
 
+/* clapiLeaveSenders. Under tableLock. */
+inline leaveSenders()
+{
+    senders--;
+#ifndef BREAK_SENDERS_LEAVE_SILENTLY
+    wakeTransfers()
+#endif
+}
+
 /* clapiEndSending */
 inline endSending()
 {
-    atomic { tableLock == NOBODY -> TOUCH; senders-- }
+    atomic { tableLock == NOBODY -> TOUCH; leaveSenders() }
 }
 
 /* clapiNoteBrokenFlow. Under tableLock. */
@@ -531,8 +746,9 @@ inline wakeReader(s)
     if
     :: slotBeingRead == s ->
 #ifndef BREAK_READER_NOT_WOKEN
-       endStream()
+       endStream();
 #endif
+       sleepInTransfers()
     :: else -> tableLock = _pid
     fi
 }
@@ -542,6 +758,15 @@ inline lockWhenNotRead(s)
 {
 #ifdef BREAK_STORAGE_GIVEN_UP_WHILE_READ
     atomic { tableLock == NOBODY || tableLock == _pid -> TOUCH; tableLock = _pid }
+#elif defined(WAKES)
+    do
+    :: atomic { tableLock == _pid -> break }
+    :: atomic { isWokenInTransfers && slotBeingRead != s -> TOUCH; tableLock = _pid; break }
+    :: atomic { isWokenInTransfers && slotBeingRead == s -> TOUCH; sleepInTransfers() }
+#if SPURIOUS > 0
+    :: atomic { mayWakeUp(transferSleepers) -> TOUCH; spurious--; wakeUp(transferSleepers) }
+#endif
+    od
 #else
     atomic {
         tableLock == _pid || (tableLock == NOBODY && slotBeingRead != s) -> TOUCH;
@@ -559,7 +784,7 @@ inline endFailedSending(s)
         noteBrokenFlow();
 #endif
         flowBroke = false;
-        senders--;
+        leaveSenders();
         wakeReader(s)
     };
     lockWhenNotRead(s);
@@ -567,6 +792,17 @@ inline endFailedSending(s)
 }
 
 /* ---- Calls of server programs: clapi_eci ---- */
+
+/* prepareEvent: clapiCreateEvent, and from the second time on clapiRenewEvent. */
+inline prepareEvent(s)
+{
+#ifndef WAKES
+    slot[s].requestEvent.posts = 0
+#else
+    slot[s].requestEvent.open = false;
+    slot[s].hasEvent = true
+#endif
+}
 
 /* obtainRequestSlot: takeRequestSlot, slotFind, prepareSlot. The slot of a unit of work is found
  * again. */
@@ -585,7 +821,7 @@ inline obtainSlot(me, async, unit)
               :: slot[s].state != FREE -> s++
               :: else -> break
               od;
-              slot[s].requestEvent.posts = 0 /* clapiCreateEvent */
+              prepareEvent(s)
            fi;
            slot[s].state = ALLOCATED;
            slot[s].call = me;
@@ -779,7 +1015,7 @@ inline endSendingRequest(me)
        lock(tableLock)
     :: atomic { !(isPendingFor(me) && slot[s].outcomePending == OK) -> TOUCH }
 #ifdef BREAK_LEAVES_BEFORE_DELIVERING
-       ; senders--
+       ; leaveSenders()
 #endif
     fi;
     atomic {
@@ -788,17 +1024,20 @@ inline endSendingRequest(me)
 #ifndef BREAK_ASIDE_DROPPED
         :: isPendingFor(me) ->
            setOutcome(s, (changeFailed -> REFUSED : slot[s].outcomePending));
-           post(slot[s].requestEvent); /* which nobody waits for but this thread */
+           openGate(slot[s].requestEvent); /* which nobody waits for but this thread */
            slot[s].outcomePending = 0;
            changeFailed = false
 #endif
         :: else
         fi;
 #ifndef BREAK_LEAVES_BEFORE_DELIVERING
-        senders--;
+        leaveSenders();
 #endif
         tableLock = NOBODY
     }
+#if defined(WAKES) && !defined(BREAK_WOKEN_WHEN_LEFT)
+    ; wakeExpected()
+#endif
 #else
     endSending()
 #endif
@@ -885,7 +1124,7 @@ inline countOut()
 inline leaveFailed()
 {
 #ifndef BREAK_FAILED_SENDER_LEAVES_EARLY
-    senders--;
+    leaveSenders();
 #endif
     tableLock = NOBODY
 }
@@ -986,6 +1225,14 @@ inline leave()
     fi
 }
 
+inline leaveCall()
+{
+    leave()
+#ifdef BREAK_WOKEN_WHEN_LEFT
+    ; wakeExpected()
+#endif
+}
+
 /* With a channel performHoldingChannel, which holds it from here to the end of the call. */
 inline syncCall(me, unit, keepsUnit)
 {
@@ -1002,7 +1249,7 @@ inline syncCall(me, unit, keepsUnit)
        unlockChannel(me)
     :: else
     fi;
-    leave()
+    leaveCall()
 }
 
 #if SYNC > PLAIN
@@ -1010,6 +1257,7 @@ proctype SyncCaller(byte me)
 {
     byte s, generation;
     bool begun, registered, partSent, flowBroke;
+    SENDERS_LATER_WAKE
 #ifdef IN_PLACE
     bool changeFailed;
 #endif
@@ -1034,6 +1282,7 @@ proctype PlainCaller(byte me)
 {
     byte s, generation;
     bool begun, registered, partSent, flowBroke;
+    SENDERS_LATER_WAKE
 #ifdef IN_PLACE
     bool changeFailed;
 #endif
@@ -1063,7 +1312,7 @@ inline asyncCall(me, unit)
        fi
     :: else
     fi;
-    leave()
+    leaveCall()
 }
 
 #if ASYNC > 0
@@ -1071,6 +1320,7 @@ proctype AsyncCaller(byte me)
 {
     byte s;
     bool begun, registered, partSent, flowBroke;
+    SENDERS_LATER_WAKE
 #ifdef IN_PLACE
     bool changeFailed;
 #endif
@@ -1280,6 +1530,7 @@ proctype AnyCollector()
     bool registered;
 #ifdef UNITS
     bool begun, partSent, flowBroke;
+    SENDERS_LATER_WAKE
 #ifdef IN_PLACE
     bool changeFailed;
 #endif
@@ -1382,6 +1633,9 @@ proctype Guesser()
 inline endReading()
 {
     slotBeingRead = NO_SLOT;
+#ifndef BREAK_READING_ENDS_SILENTLY
+    wakeTransfers();
+#endif
     s = NO_SLOT;
     aside = false
 }
@@ -1425,6 +1679,9 @@ inline deliverReply()
        };
        atomic { TOUCH; deliverLast(s, OK); endReading(); tableLock = NOBODY }
     fi
+#ifdef WAKES
+    ; wakeExpected()
+#endif
 }
 
 #ifdef BREAK_CHANGED_TWICE
@@ -1519,6 +1776,9 @@ inline receiveError()
            deliverFirst(id, FAILED)
        };
        atomic { TOUCH; deliverLast(id, FAILED); tableLock = NOBODY }
+#ifdef WAKES
+       ; wakeExpected()
+#endif
     fi
 }
 
@@ -1560,10 +1820,19 @@ end_waiting:
     od
 }
 
+/* clapiEndReading of what may not have been begun. */
+inline breakOffReading()
+{
+    if
+    :: slotBeingRead != NO_SLOT -> endReading()
+    :: else
+    fi
+}
+
 /* endConnection: clapiEndReading, noteEnd, completeWaitingRequests, under one hold of tableLock. */
 inline endConnection()
 {
-    atomic { tableLock == NOBODY -> TOUCH; tableLock = _pid; slotBeingRead = NO_SLOT };
+    atomic { tableLock == NOBODY -> TOUCH; tableLock = _pid; breakOffReading() };
     if
     :: atomic { saidGoodbye -> TOUCH; connStatus = CLOSED }
     :: atomic { !saidGoodbye && connStatus == CONNECTED -> TOUCH; connStatus = LOST };
@@ -1590,12 +1859,31 @@ inline sweep()
 #endif
     :: atomic { isSwept && awaitsOutcome(s) && !isPutAside(s) -> TOUCH; deliverFirst(s, REFUSED) };
        atomic { TOUCH; deliverLast(s, REFUSED); s++ }
+#if defined(WAKES) && !defined(BREAK_WOKEN_BEHIND_THE_END)
+       ; wakeExpected() /* with tableLock held */
+#endif
     :: !isSwept -> break
     od;
 #ifndef BREAK_END_NOT_TOLD_TO_COLLECTORS
     atomic { TOUCH; post(asyncReplyEvent) };
 #endif
     s = NO_SLOT
+}
+
+/* clapiWaitForSenders */
+inline waitForSenders()
+{
+#ifndef WAKES
+    atomic { tableLock == NOBODY && senders == 0 -> TOUCH }
+#else
+    do
+    :: atomic { isWokenInTransfers && senders == 0 -> TOUCH; break }
+    :: atomic { isWokenInTransfers && senders > 0 -> TOUCH; sleepInTransfers() }
+#if SPURIOUS > 0
+    :: atomic { mayWakeUp(transferSleepers) -> TOUCH; spurious--; wakeUp(transferSleepers) }
+#endif
+    od
+#endif
 }
 
 /* closeConnectionSocket: shutdown, clapiWaitForSenders, close. */
@@ -1611,7 +1899,7 @@ inline closeConnectionSocket()
         fi
     };
 #ifndef BREAK_CLOSES_UNDER_SENDERS
-    atomic { tableLock == NOBODY && senders == 0 -> TOUCH };
+    waitForSenders();
 #endif
     atomic { TOUCH; assert(descriptorOpen); descriptorOpen = false }
 }
@@ -1622,6 +1910,7 @@ proctype Receiver()
     byte id, answered, call;
     byte s = NO_SLOT;
     bool over, saidGoodbye, aside;
+    LATER_WAKE
 #ifdef IN_PLACE
     bool changeFailed;
 #endif
@@ -1636,7 +1925,10 @@ proctype Receiver()
     endConnection();
 #endif
     closeConnectionSocket();
-    atomic { TOUCH; post(recvThreadEnded) }
+    atomic { TOUCH; post(recvThreadEnded) };
+#ifdef BREAK_WOKEN_BEHIND_THE_END
+    wakeExpected()
+#endif
 }
 
 /* ---- Closing: clapi_gwytok ---- */
@@ -1668,8 +1960,7 @@ inline waitForWork(limit)
        if
        :: atomic { calls > 0 || asyncCount > 0 -> TOUCH };
           if
-          :: limit == TIMED_CLOSE /* the time may run out at any moment */
-          :: atomic { limit == TIMED_CLOSE && requestsEnded.open -> TOUCH }
+          :: limit == TIMED_CLOSE -> waitEventForTime(requestsEnded)
           :: limit == GRACEFUL_CLOSE -> waitEvent(requestsEnded)
           fi
        :: atomic { calls == 0 && asyncCount == 0 -> TOUCH }
@@ -1781,6 +2072,22 @@ inline quiesceConnection(limit)
     fi
 }
 
+/* Nobody sleeps in what goes with the token. */
+inline checkSleepers()
+{
+#ifdef WAKES
+    assert(asyncReplyEvent.sleepers == 0 && requestsEnded.sleepers == 0);
+    assert(recvThreadEnded.sleepers == 0 && transferSleepers == 0);
+#ifdef OPENING
+    assert(connEvent.sleepers == 0);
+#endif
+    for (calls : 0 .. SLOTS - 1) { assert(slot[calls].requestEvent.sleepers == 0) }
+    calls = 0
+#else
+    skip
+#endif
+}
+
 /* freeToken, after which no field may be touched. Under gtlLock. */
 inline freeToken()
 {
@@ -1789,6 +2096,7 @@ inline freeToken()
         assert(requestCount == 0 && senders == 0 && deleters == 0);
         assert(!descriptorOpen && recvThreadEnded.open);
         assert(tableLock == NOBODY && sendLock == NOBODY);
+        checkSleepers();
         tokenFreed = true
     }
 }
@@ -1962,6 +2270,7 @@ proctype Opener(byte me)
     byte s, generation, calls;
     bool begun, registered, partSent, flowBroke;
     bool hasReceiver = true;
+    SENDERS_LATER_WAKE
 #ifdef IN_PLACE
     bool changeFailed;
 #endif

@@ -315,7 +315,7 @@ inline waitEventSince(e)
 inline waitEventForTime(e)
 {
     if
-    :: true
+    :: true /* the time has run out */
     :: atomic { e.open -> TOUCH }
     fi
 }
@@ -330,7 +330,9 @@ inline waitEventForTime(e)
 /* ---- Sleep: the conditions of events, and transferEnded ---- */
 
 /* pthread_cond_wait gives the mutex up and sleeps in one step. A broadcast wakes those who sleep by
- * then; who is woken takes the mutex and looks again. */
+ * then; who is woken takes the mutex and looks again. Without WAKES who waits may go on at any time
+ * from the opening of the gate on: in every order that there is here, but nobody touches the event
+ * to wake it, and no wake can be missing. */
 #define MY_BIT (1 << _pid)
 #define isAsleep(set) ((set & MY_BIT) != 0)
 #define isWokenInTransfers (tableLock == NOBODY && !isAsleep(transferSleepers))
@@ -434,7 +436,8 @@ inline wakeTransfers()
     broadcast(transferSleepers)
 }
 
-/* LaterWake: whom a thread wakes when it has given tableLock up. */
+/* LaterWake: whom a thread wakes when it has given tableLock up. By then the slot may be another
+ * request's, and the token closing; the event must be there still. */
 #define LATER_WAKE byte toWake = NO_SLOT; bool wakesQueue;
 #ifdef IN_PLACE
 #define SENDERS_LATER_WAKE LATER_WAKE
@@ -444,6 +447,7 @@ inline wakeTransfers()
 
 inline expectWake(s, queue)
 {
+    assert(toWake == NO_SLOT);
     toWake = s;
     wakesQueue = queue
 }
@@ -2065,7 +2069,9 @@ inline quiesceConnection(limit)
        fi
     :: atomic { !looksOpen -> TOUCH }
     fi;
+#ifndef BREAK_RECEIVER_NOT_AWAITED
     waitEvent(recvThreadEnded); /* waitForReceiver */
+#endif
     if
     :: rc == OK -> endWork()
     :: else
@@ -2456,6 +2462,9 @@ init
 #endif
 #if ALL > 0
         for (i : 1 .. ALL) { run AllCloser() }
+#endif
+#ifdef WAKES
+        assert(_nr_pr < 8); /* MY_BIT; the receiver of an opening comes later */
 #endif
         i = 0
     };

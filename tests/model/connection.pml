@@ -2037,6 +2037,19 @@ inline endWork()
     calls = 0
 }
 
+/* giveChannelsBack */
+inline giveChannelsBack()
+{
+#ifndef BREAK_FAILED_CLOSE_KEEPS_CHANNELS
+    lock(tableLock);
+    unlockChannels();
+    unlock(tableLock);
+    calls = 0
+#else
+    skip
+#endif
+}
+
 #ifdef BREAK_CLOSE_FLOW_IN_ANY_STATE
 #define looksOpen true
 #else
@@ -2074,7 +2087,7 @@ inline quiesceConnection(limit)
 #endif
     if
     :: rc == OK -> endWork()
-    :: else
+    :: else -> giveChannelsBack()
     fi
 }
 
@@ -2483,6 +2496,10 @@ init
 #ifdef CHANNEL
     /* A request that nobody has collected keeps its channel until the token goes. */
     assert(channelHolder == NO_CALL || (!tokenFreed && !ended[channelHolder]));
+#if CLOSERS > 0
+    /* Whoever closes gives it back, also where the close fails. */
+    assert(channelHolder == NO_CALL);
+#endif
 #endif
 #if ANY > 0 && CLOSERS == 0
     assert(empty(replies)); /* whoever is refused leaves nothing behind */

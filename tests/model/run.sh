@@ -152,6 +152,7 @@ break_close_flow_anyway      | fails | OPENING NO_THREAD BREAK_CLOSE_FLOW_IN_ANY
 break_ended_stream_not_marked | fails | SYNC=1 PURGE=1 CHANNEL CHANGE_FAILS BREAK_ENDED_STREAM_NOT_MARKED | assertion violated  !(streamEnded)
 break_unlinked_without_room  | fails | ASYNC=1 SMALL=1 ANY=1 GRACEFUL=1 BREAK_UNLINKED_WITHOUT_ROOM | invalid end state
 break_channels_given_back_late | fails | SYNC=1 ASYNC=1 PURGE=1 CHANNEL BREAK_CHANNELS_GIVEN_BACK_LATE | invalid end state
+break_failed_close_keeps_channels | fails | ASYNC=1 PURGE=1 DIES CHANNEL BREAK_FAILED_CLOSE_KEEPS_CHANNELS | assertion violated (channelHolder==
 break_failed_sender_leaves | fails | ASYNC=1 PURGE=1 DIES CHANNEL BREAK_FAILED_SENDER_LEAVES_EARLY | assertion violated ((channelHolder==me)&&
 break_sent_while_closing     | fails | ASYNC=1 ANY=1 GRACEFUL=1 BREAK_SENT_WHILE_CLOSING | invalid end state
 break_closed_before_sweep    | fails | ASYNC=1 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS CLOSES BREAK_CLOSED_BEFORE_SWEEP | invalid end state

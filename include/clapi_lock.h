@@ -22,7 +22,35 @@ constexpr int LOCK_DESTROYED = static_cast<int>(0xCCDDEEFF);
 typedef struct _Clapilock {
     pthread_mutex_t lock; // not recursive
     int initialized;      // LOCK_INITIALIZED while the mutex exists
+#ifdef QPX_CHECK_LOCKS
+    int rank; // a LockRank
+#endif
 } Clapilock;
+
+/* Where a lock stands in the order. One without a rank may be taken at any time. */
+enum LockRank {
+    RANK_NONE,
+    RANK_TOKEN_LIST,
+    RANK_TABLE,
+    RANK_CHANNEL_LIST,
+    RANK_CHANNEL,
+    RANK_SEND,
+    RANK_CORRELATOR,
+    RANK_TRACE
+};
+
+/*
+ * A build with QPX_CHECK_LOCKS ends the process with a message when a thread asks for a lock out of
+ * order, or comes to wait with one held; in others these do nothing. The first ranks a lock that
+ * has been initialised, the second is for a wait under the one lock that is named, or null.
+ */
+#ifdef QPX_CHECK_LOCKS
+void clapiRankLock(Clapilock* lockPtr, LockRank rank);
+void clapiCheckWait(const Clapilock* heldMeanwhile);
+#else
+inline void clapiRankLock(Clapilock*, LockRank) {}
+inline void clapiCheckWait(const Clapilock*) {}
+#endif
 
 int clapiInitializeLock(Clapilock* lockPtr);
 int clapiRequestLock(Clapilock* lockPtr);

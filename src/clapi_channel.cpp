@@ -600,6 +600,7 @@ static int buildChannel(const char* name, ECI_Channel_t** channelPP)
         freeChannel(channel);
         return ECI_ERR_CHANNELLOCKFAIL;
     }
+    clapiRankLock(&channel->serLock, RANK_CHANNEL);
     if (clapiCreateEvent(&channel->unlockEvent) != 0) {
         TRACE(at::noEvent);
         clapiDestroyLock(&channel->serLock);
@@ -751,6 +752,7 @@ static void awaitWaiters(ECI_Channel_t* channel)
 {
     SCHEDULE_POINT(beforeWaitersWait, channel);
     pthread_mutex_lock(&waitersGuard);
+    clapiCheckWait(nullptr);
     while (channel->waiters != 0) pthread_cond_wait(&waiterLeft, &waitersGuard);
     pthread_mutex_unlock(&waitersGuard);
     LockGuard serLock(channel->serLock); // the last one to leave had it

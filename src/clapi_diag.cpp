@@ -389,6 +389,7 @@ int clapiInitTrace(void)
     // already, name and all; a second one would lose the first.
     if (lockRc == 1) return QPX_OK;
     if (lockRc != 0) return QPX_ERR_SYSTEM_ERROR;
+    clapiRankLock(&traceLock, RANK_TRACE);
 
     DestinationHold hold;
     clientAPITraceFilename = static_cast<char*>(malloc(TRACE_FILENAME_SIZE));

@@ -677,6 +677,8 @@ static int createPrimitives(_QPX_ConnToken_t* token)
         removePrimitives(token, TABLE_LOCK);
         return QPX_ERR_SYSTEM_ERROR;
     }
+    clapiRankLock(&token->tableLock, RANK_TABLE);
+    clapiRankLock(&token->sendLock, RANK_SEND);
     if (clapiCreateEvent(&token->connEvent) != 0) {
         TRACE(at::noConnEvent);
         removePrimitives(token, SEND_LOCK);

@@ -168,6 +168,9 @@ static int initializeGlobalLocks()
         clapiDestroyLock(&traceLock);
         return rc;
     }
+    clapiRankLock(&gtlLock, RANK_TOKEN_LIST);
+    clapiRankLock(&chanListLock, RANK_CHANNEL_LIST);
+    clapiRankLock(&correlatorLock, RANK_CORRELATOR);
     return QPX_OK;
 }
 

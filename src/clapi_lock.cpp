@@ -10,6 +10,7 @@
 #include <cerrno>
 
 #include "clapi_diag.h"
+#include "lock_order.h"
 #include "schedule_points.h"
 #include "trace_points/clapi_lock.h"
 
@@ -32,6 +33,7 @@ int clapiInitializeLock(Clapilock* lockPtr)
         return -1;
     }
     lockPtr->initialized = LOCK_INITIALIZED;
+    clapiRankLock(lockPtr, RANK_NONE);
     return 0;
 }
 
@@ -43,10 +45,12 @@ int clapiRequestLock(Clapilock* lockPtr)
         TRACE_UNLOCKED(at::notInitialized, lockPtr);
         return -1;
     }
+    clapiCheckRequest(lockPtr);
     if (pthread_mutex_lock(&lockPtr->lock) != 0) {
         TRACE_UNLOCKED(at::failed, lockPtr, errno);
         return -1;
     }
+    clapiNoteTaken(lockPtr);
     return 0;
 }
 
@@ -63,6 +67,7 @@ int clapiReleaseLock(Clapilock* lockPtr)
         TRACE_UNLOCKED(at::failed, lockPtr, errno);
         return -1;
     }
+    clapiNoteGivenUp(lockPtr);
     SCHEDULE_POINT(lockReleased, lockPtr);
     return 0;
 }
@@ -178,6 +183,7 @@ int clapiWaitEvent(ClapiEvent* eventPtr)
     namespace at = tp::clapiWaitEvent;
 
     TRACE(at::entry, eventPtr);
+    clapiCheckWait(nullptr);
     pthread_mutex_lock(&eventPtr->mutex);
     int rc = 0;
     if (eventPtr->eflag == 0) rc = sleepWhileGeneration(eventPtr, eventPtr->postCount);
@@ -190,6 +196,7 @@ int clapiWaitEventSince(ClapiEvent* eventPtr, int generation)
     namespace at = tp::clapiWaitEvent;
 
     TRACE(at::entry, eventPtr);
+    clapiCheckWait(nullptr);
     pthread_mutex_lock(&eventPtr->mutex);
     int rc = 0;
     if (eventPtr->eflag == 0) rc = sleepWhileGeneration(eventPtr, generation);
@@ -241,6 +248,7 @@ int clapiTimedWaitEvent(ClapiEvent* eventPtr, int timeout, int* expired)
 
     TRACE(at::entry, eventPtr, timeout, expired);
     *expired = 0;
+    clapiCheckWait(nullptr);
     pthread_mutex_lock(&eventPtr->mutex);
     int rc = 0;
     if (eventPtr->eflag == 0) {

@@ -1,9 +1,10 @@
 /*
- * clapi_lock.h - the two primitives that guard every shared structure: Clapilock, a mutex that
- * knows whether it has been initialised, and ClapiEvent, a gate on which threads wait.
+ * clapi_lock.h - the primitives that guard every shared structure: Clapilock, a mutex that knows
+ * whether it has been initialised, ClapiEvent, a gate on which threads wait, and ProcessLock, which
+ * a few modules have for themselves.
  *
- * All operations return 0 for success and -1 for failure, and clapiInitializeLock also 1 for a
- * lock that is initialised already. Failures are told by the trace only.
+ * All operations of the first two return 0 for success and -1 for failure, and clapiInitializeLock
+ * also 1 for a lock that is initialised already. Failures are told by the trace only.
  *
  * Lock order of the library: gtlLock, then a token's tableLock, then chanListLock, then a channel's
  * serLock; sendLock never together with tableLock; traceLock innermost.
@@ -14,6 +15,8 @@
 
 #include <pthread.h>
 
+#include "lock_order.h"
+
 /* Values of Clapilock's state word; every other value means never initialised. */
 constexpr int LOCK_INITIALIZED = static_cast<int>(0xFFEEDDCC);
 constexpr int LOCK_DESTROYED = static_cast<int>(0xCCDDEEFF);
@@ -23,34 +26,9 @@ typedef struct _Clapilock {
     pthread_mutex_t lock; // not recursive
     int initialized;      // LOCK_INITIALIZED while the mutex exists
 #ifdef QPX_CHECK_LOCKS
-    int rank; // a LockRank
+    LockRank rank; // where it stands in the order
 #endif
 } Clapilock;
-
-/* Where a lock stands in the order. One without a rank may be taken at any time. */
-enum LockRank {
-    RANK_NONE,
-    RANK_TOKEN_LIST,
-    RANK_TABLE,
-    RANK_CHANNEL_LIST,
-    RANK_CHANNEL,
-    RANK_SEND,
-    RANK_CORRELATOR,
-    RANK_TRACE
-};
-
-/*
- * A build with QPX_CHECK_LOCKS ends the process with a message when a thread asks for a lock out of
- * order, or comes to wait with one held; in others these do nothing. The first ranks a lock that
- * has been initialised, the second is for a wait under the one lock that is named, or null.
- */
-#ifdef QPX_CHECK_LOCKS
-void clapiRankLock(Clapilock* lockPtr, LockRank rank);
-void clapiCheckWait(const Clapilock* heldMeanwhile);
-#else
-inline void clapiRankLock(Clapilock*, LockRank) {}
-inline void clapiCheckWait(const Clapilock*) {}
-#endif
 
 int clapiInitializeLock(Clapilock* lockPtr);
 int clapiRequestLock(Clapilock* lockPtr);
@@ -61,6 +39,91 @@ int clapiDestroyLock(Clapilock* lockPtr);
 /* As clapiRequestLock of a lock that is not initialised, for an address at which its caller knows
  * that there is no lock, and perhaps no memory. */
 void clapiRefuseLock(const Clapilock* lockPtr);
+
+/* A lock of the process that is there from the start. It cannot fail, and writes no line. */
+struct ProcessLock {
+    explicit constexpr ProcessLock([[maybe_unused]] LockRank rankOfIt)
+#ifdef QPX_CHECK_LOCKS
+        : rank(rankOfIt)
+#endif
+    {
+    }
+
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+#ifdef QPX_CHECK_LOCKS
+    LockRank rank;
+#endif
+};
+
+/* Gives a lock that has been initialised its place in the order; until then it has none. */
+inline void clapiRankLock([[maybe_unused]] Clapilock* lockPtr, [[maybe_unused]] LockRank rank)
+{
+#ifdef QPX_CHECK_LOCKS
+    lockPtr->rank = rank;
+#endif
+}
+
+template <typename Lock>
+LockRank clapiRankOf([[maybe_unused]] const Lock* lockPtr)
+{
+#ifdef QPX_CHECK_LOCKS
+    return lockPtr->rank;
+#else
+    return RANK_NONE;
+#endif
+}
+
+/* All that follows is part of its caller, as the calls of the system that it makes are. */
+
+[[gnu::always_inline]] inline void clapiTake(ProcessLock* lockPtr)
+{
+    clapiCheckRequest(clapiRankOf(lockPtr));
+    pthread_mutex_lock(&lockPtr->mutex);
+    clapiNoteTaken(lockPtr, clapiRankOf(lockPtr));
+}
+
+[[gnu::always_inline]] inline void clapiGiveUp(ProcessLock* lockPtr)
+{
+    pthread_mutex_unlock(&lockPtr->mutex);
+    clapiNoteGivenUp(lockPtr);
+}
+
+/* Sleeps once, until the condition is signalled or for no reason; the lock, which the caller has, is
+ * given up meanwhile. Nothing else may be held. */
+[[gnu::always_inline]] inline void clapiSleep(pthread_cond_t* condPtr, Clapilock* lockPtr)
+{
+    clapiCheckWait(lockPtr);
+    pthread_cond_wait(condPtr, &lockPtr->lock);
+}
+
+[[gnu::always_inline]] inline void clapiSleep(pthread_cond_t* condPtr, ProcessLock* lockPtr)
+{
+    clapiCheckWait(lockPtr);
+    pthread_cond_wait(condPtr, &lockPtr->mutex);
+}
+
+/* Taking and giving up over a fork, in whose handlers nothing is traced. The order is then that of the ranks
+ * alone. Returns 0 or, for a Clapilock, an error number. */
+[[gnu::always_inline]] inline int clapiTakeForFork(Clapilock* lockPtr)
+{
+    clapiCheckForkRequest(clapiRankOf(lockPtr));
+    int rc = pthread_mutex_lock(&lockPtr->lock);
+    if (rc == 0) clapiNoteTaken(lockPtr, clapiRankOf(lockPtr));
+    return rc;
+}
+
+[[gnu::always_inline]] inline void clapiTakeForFork(ProcessLock* lockPtr)
+{
+    clapiCheckForkRequest(clapiRankOf(lockPtr));
+    pthread_mutex_lock(&lockPtr->mutex);
+    clapiNoteTaken(lockPtr, clapiRankOf(lockPtr));
+}
+
+[[gnu::always_inline]] inline void clapiGiveUpAfterFork(Clapilock* lockPtr)
+{
+    pthread_mutex_unlock(&lockPtr->lock);
+    clapiNoteGivenUp(lockPtr);
+}
 
 /*
  * A manual gate for any number of waiters. Deliberate: "set" closes the gate, so that later waits

@@ -37,20 +37,20 @@ static ECI_Channel_t* chanList = nullptr; // the newest channel; by chanListLock
 static AddressSet<ECI_Channel_t, &ECI_Channel_t::nextInSet> channelSet;
 
 /* For deletions, which wait for those who wait for a channel to have left. */
-static pthread_mutex_t waitersGuard = PTHREAD_MUTEX_INITIALIZER;
+static ProcessLock waitersGuard(RANK_WAITERS);
 static pthread_cond_t waiterLeft = PTHREAD_COND_INITIALIZER;
 
 /* Keeps a dump of the channels, which holds no channel, off a container list that is changing. */
-static pthread_mutex_t containerListGuard = PTHREAD_MUTEX_INITIALIZER;
+static ProcessLock containerListGuard(RANK_CONTAINERS);
 
 class ContainerListHold {
 public:
     ContainerListHold()
     {
         SCHEDULE_POINT(beforeListChange, &containerListGuard);
-        pthread_mutex_lock(&containerListGuard);
+        clapiTake(&containerListGuard);
     }
-    ~ContainerListHold() { pthread_mutex_unlock(&containerListGuard); }
+    ~ContainerListHold() { clapiGiveUp(&containerListGuard); }
     ContainerListHold(const ContainerListHold&) = delete;
     ContainerListHold& operator=(const ContainerListHold&) = delete;
 };
@@ -247,10 +247,10 @@ struct ChannelName {
 /* Deletions look at the number of waiters again. */
 static void leaveWaiters(ECI_Channel_t* channel)
 {
-    pthread_mutex_lock(&waitersGuard);
+    clapiTake(&waitersGuard);
     channel->waiters -= 1;
     pthread_cond_broadcast(&waiterLeft);
-    pthread_mutex_unlock(&waitersGuard);
+    clapiGiveUp(&waitersGuard);
 }
 
 /* Waits for the channel's turn, or its deletion. Another thread may take it between the wake-up and
@@ -449,16 +449,16 @@ static int unlockKnown(ECI_Channel_t* channel)
 
 void clapiChannelsForkPrepare(void)
 {
-    pthread_mutex_lock(&chanListLock.lock);
-    pthread_mutex_lock(&containerListGuard);
-    pthread_mutex_lock(&waitersGuard);
+    clapiTakeForFork(&chanListLock);
+    clapiTakeForFork(&containerListGuard);
+    clapiTakeForFork(&waitersGuard);
 }
 
 void clapiChannelsForkParent(void)
 {
-    pthread_mutex_unlock(&waitersGuard);
-    pthread_mutex_unlock(&containerListGuard);
-    pthread_mutex_unlock(&chanListLock.lock);
+    clapiGiveUp(&waitersGuard);
+    clapiGiveUp(&containerListGuard);
+    clapiGiveUpAfterFork(&chanListLock);
 }
 
 /* A channel that no thread of this process holds or waits for. Its lock and its event are made
@@ -485,9 +485,9 @@ void clapiChannelsForkChild(void)
         channelSet.add(channel);
     }
     pthread_cond_init(&waiterLeft, nullptr);
-    pthread_mutex_unlock(&waitersGuard);
-    pthread_mutex_unlock(&containerListGuard);
-    pthread_mutex_unlock(&chanListLock.lock);
+    clapiGiveUp(&waitersGuard);
+    clapiGiveUp(&containerListGuard);
+    clapiGiveUpAfterFork(&chanListLock);
 }
 
 /* ---- Containers of a channel that is held ---- */
@@ -751,10 +751,9 @@ static void refuseWaiters(ECI_Channel_t* channel)
 static void awaitWaiters(ECI_Channel_t* channel)
 {
     SCHEDULE_POINT(beforeWaitersWait, channel);
-    pthread_mutex_lock(&waitersGuard);
-    clapiCheckWait(nullptr);
-    while (channel->waiters != 0) pthread_cond_wait(&waiterLeft, &waitersGuard);
-    pthread_mutex_unlock(&waitersGuard);
+    clapiTake(&waitersGuard);
+    while (channel->waiters != 0) clapiSleep(&waiterLeft, &waitersGuard);
+    clapiGiveUp(&waitersGuard);
     LockGuard serLock(channel->serLock); // the last one to leave had it
 }
 

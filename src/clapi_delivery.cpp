@@ -69,8 +69,7 @@ void clapiNoteBrokenFlow(_QPX_ConnToken_t* gwTokPtr, int brokenOff)
 /* Waits for the end of some sending or reading. Locks: tableLock held; given up while waiting. */
 static void awaitTransfer(_QPX_ConnToken_t* gwTokPtr)
 {
-    clapiCheckWait(&gwTokPtr->tableLock);
-    pthread_cond_wait(&gwTokPtr->transferEnded, &gwTokPtr->tableLock.lock);
+    clapiSleep(&gwTokPtr->transferEnded, &gwTokPtr->tableLock);
 }
 
 void clapiEndFailedSending(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP, int brokenOff)

@@ -175,7 +175,7 @@ int clapiCompareTids(ThreadId tid1, ThreadId tid2)
  * Held around each complete line with its dump, and around each change of the destination, its
  * name and traceHeaderWrite. Nothing is traced, and no Clapilock taken, while it is held.
  */
-static pthread_mutex_t destinationLock = PTHREAD_MUTEX_INITIALIZER;
+static ProcessLock destinationLock(RANK_DESTINATION);
 
 /* What is on its way out; guarded by destinationLock. A line with its dump leaves as one piece
  * unless it is longer than this. */
@@ -199,8 +199,8 @@ namespace {
 
 class DestinationHold {
 public:
-    DestinationHold() { pthread_mutex_lock(&destinationLock); }
-    ~DestinationHold() { pthread_mutex_unlock(&destinationLock); }
+    DestinationHold() { clapiTake(&destinationLock); }
+    ~DestinationHold() { clapiGiveUp(&destinationLock); }
     DestinationHold(const DestinationHold&) = delete;
     DestinationHold& operator=(const DestinationHold&) = delete;
 };
@@ -497,16 +497,16 @@ static bool forkHoldsTraceLock = false;
 void clapiTraceForkPrepare(void)
 {
     bool holdsTraceLock = clapiIsLockInitialized(&traceLock) == LOCK_INITIALIZED &&
-                          pthread_mutex_lock(&traceLock.lock) == 0;
-    pthread_mutex_lock(&destinationLock);
+                          clapiTakeForFork(&traceLock) == 0;
+    clapiTakeForFork(&destinationLock);
     forkHoldsTraceLock = holdsTraceLock;
 }
 
 void clapiTraceForkParent(void)
 {
     bool holdsTraceLock = forkHoldsTraceLock;
-    pthread_mutex_unlock(&destinationLock);
-    if (holdsTraceLock) pthread_mutex_unlock(&traceLock.lock);
+    clapiGiveUp(&destinationLock);
+    if (holdsTraceLock) clapiGiveUpAfterFork(&traceLock);
 }
 
 void clapiTraceForkChild(void)

@@ -43,13 +43,13 @@ static int sockOptOff = 0;
  * a socket together with the note of it, so that a process that is forked finds each socket that
  * it inherits, and no number that is another's by now.
  */
-static pthread_mutex_t openSocketsGuard = PTHREAD_MUTEX_INITIALIZER;
+static ProcessLock openSocketsGuard(RANK_SOCKETS);
 static _QPX_ConnToken_t* firstOpenSocket = nullptr; // by openSocketsGuard
 
 class OpenSocketsHold {
 public:
-    OpenSocketsHold() { pthread_mutex_lock(&openSocketsGuard); }
-    ~OpenSocketsHold() { pthread_mutex_unlock(&openSocketsGuard); }
+    OpenSocketsHold() { clapiTake(&openSocketsGuard); }
+    ~OpenSocketsHold() { clapiGiveUp(&openSocketsGuard); }
     OpenSocketsHold(const OpenSocketsHold&) = delete;
     OpenSocketsHold& operator=(const OpenSocketsHold&) = delete;
 };
@@ -86,12 +86,12 @@ static void closeSocket(_QPX_ConnToken_t* gwTokPtr)
 
 void clapiConnectionsForkPrepare(void)
 {
-    pthread_mutex_lock(&openSocketsGuard);
+    clapiTakeForFork(&openSocketsGuard);
 }
 
 void clapiConnectionsForkParent(void)
 {
-    pthread_mutex_unlock(&openSocketsGuard);
+    clapiGiveUp(&openSocketsGuard);
 }
 
 void clapiConnectionsForkChild(void)
@@ -102,7 +102,7 @@ void clapiConnectionsForkChild(void)
         token->socketDescriptor = NO_SOCKET;
     }
     firstOpenSocket = nullptr;
-    pthread_mutex_unlock(&openSocketsGuard);
+    clapiGiveUp(&openSocketsGuard);
 }
 
 /* ---- The receiver thread ---- */
@@ -715,6 +715,7 @@ static int getHostInfo(const char* address, int port, addrinfo** hostInfo)
     addrinfo hints = {};
     hints.ai_flags = AI_ADDRCONFIG | AI_ALL;
     hints.ai_socktype = SOCK_STREAM;
+    clapiCheckPeerWait();
     int resolverRc = getaddrinfo(address, portText, &hints, hostInfo);
     if (resolverRc == 0) return QPX_OK;
 
@@ -850,6 +851,7 @@ static int reachHost(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host, int* sock
 {
     namespace at = tp::clapiConnectToGateway;
 
+    clapiCheckPeerWait();
     if (connect(gwTokPtr->socketDescriptor, host->ai_addr, host->ai_addrlen) == 0) return QPX_OK;
     if (errno != EINPROGRESS) {
         *sockError = errno;

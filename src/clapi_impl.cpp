@@ -30,7 +30,7 @@ static pthread_once_t initState = PTHREAD_ONCE_INIT;
 
 /* Held by the initialisation and across a fork: a child that is forked meanwhile inherits either
  * nothing of it or the whole. */
-static pthread_mutex_t initGuard = PTHREAD_MUTEX_INITIALIZER;
+static ProcessLock initGuard(RANK_INIT);
 static bool initHasRun = false; // by initGuard
 
 static char clapiVersion[sizeof QPX_API_VERSION_TEXT];
@@ -209,14 +209,15 @@ static void initializeOnce()
  * child's first call comes here again. */
 static void clapiInitFunc(void)
 {
-    pthread_mutex_lock(&initGuard);
+    clapiTake(&initGuard);
     if (!initHasRun) initializeOnce();
     initHasRun = true;
-    pthread_mutex_unlock(&initGuard);
+    clapiGiveUp(&initGuard);
 }
 
 int clapiInit(void)
 {
+    clapiCheckWait(nullptr);
     if (pthread_once(&initState, clapiInitFunc) != 0) return QPX_ERR_SYSTEM_ERROR;
     return clapiInitRc;
 }
@@ -230,12 +231,12 @@ int clapiInit(void)
  */
 static void prepareFork(void)
 {
-    pthread_mutex_lock(&initGuard);
+    clapiTakeForFork(&initGuard);
     if (clapiState != 0) { // the locks exist
-        pthread_mutex_lock(&gtlLock.lock);
+        clapiTakeForFork(&gtlLock);
         clapiChannelsForkPrepare();
         clapiConnectionsForkPrepare();
-        pthread_mutex_lock(&correlatorLock.lock);
+        clapiTakeForFork(&correlatorLock);
     }
     clapiTraceForkPrepare();
 }
@@ -244,12 +245,12 @@ static void endForkInParent(void)
 {
     clapiTraceForkParent();
     if (clapiState != 0) {
-        pthread_mutex_unlock(&correlatorLock.lock);
+        clapiGiveUpAfterFork(&correlatorLock);
         clapiConnectionsForkParent();
         clapiChannelsForkParent();
-        pthread_mutex_unlock(&gtlLock.lock);
+        clapiGiveUpAfterFork(&gtlLock);
     }
-    pthread_mutex_unlock(&initGuard);
+    clapiGiveUp(&initGuard);
 }
 
 /* The connections are the parent's: the child has none of their threads, and forgets them. */
@@ -257,13 +258,13 @@ static void endForkInChild(void)
 {
     clapiTraceForkChild();
     if (clapiState != 0) {
-        pthread_mutex_unlock(&correlatorLock.lock);
+        clapiGiveUpAfterFork(&correlatorLock);
         clapiConnectionsForkChild();
         clapiForgetTokens();
         clapiChannelsForkChild();
-        pthread_mutex_unlock(&gtlLock.lock);
+        clapiGiveUpAfterFork(&gtlLock);
     }
-    pthread_mutex_unlock(&initGuard);
+    clapiGiveUp(&initGuard);
 }
 
 /* Before any call: the first one may be made by another thread than the one that forks. */

@@ -10,7 +10,6 @@
 #include <cerrno>
 
 #include "clapi_diag.h"
-#include "lock_order.h"
 #include "schedule_points.h"
 #include "trace_points/clapi_lock.h"
 
@@ -45,12 +44,12 @@ int clapiRequestLock(Clapilock* lockPtr)
         TRACE_UNLOCKED(at::notInitialized, lockPtr);
         return -1;
     }
-    clapiCheckRequest(lockPtr);
+    clapiCheckRequest(clapiRankOf(lockPtr));
     if (pthread_mutex_lock(&lockPtr->lock) != 0) {
         TRACE_UNLOCKED(at::failed, lockPtr, errno);
         return -1;
     }
-    clapiNoteTaken(lockPtr);
+    clapiNoteTaken(lockPtr, clapiRankOf(lockPtr));
     return 0;
 }
 
@@ -101,6 +100,19 @@ void clapiRefuseLock(const Clapilock* lockPtr)
 }
 
 /* ---- Events ---- */
+
+static void takeMutex(ClapiEvent* eventPtr)
+{
+    clapiCheckRequest(RANK_EVENT);
+    pthread_mutex_lock(&eventPtr->mutex);
+    clapiNoteTaken(&eventPtr->mutex, RANK_EVENT);
+}
+
+static void giveUpMutex(ClapiEvent* eventPtr)
+{
+    pthread_mutex_unlock(&eventPtr->mutex);
+    clapiNoteGivenUp(&eventPtr->mutex);
+}
 
 int clapiCreateEvent(ClapiEvent* eventPtr)
 {
@@ -184,10 +196,10 @@ int clapiWaitEvent(ClapiEvent* eventPtr)
 
     TRACE(at::entry, eventPtr);
     clapiCheckWait(nullptr);
-    pthread_mutex_lock(&eventPtr->mutex);
+    takeMutex(eventPtr);
     int rc = 0;
     if (eventPtr->eflag == 0) rc = sleepWhileGeneration(eventPtr, eventPtr->postCount);
-    pthread_mutex_unlock(&eventPtr->mutex);
+    giveUpMutex(eventPtr);
     return rc;
 }
 
@@ -197,18 +209,18 @@ int clapiWaitEventSince(ClapiEvent* eventPtr, int generation)
 
     TRACE(at::entry, eventPtr);
     clapiCheckWait(nullptr);
-    pthread_mutex_lock(&eventPtr->mutex);
+    takeMutex(eventPtr);
     int rc = 0;
     if (eventPtr->eflag == 0) rc = sleepWhileGeneration(eventPtr, generation);
-    pthread_mutex_unlock(&eventPtr->mutex);
+    giveUpMutex(eventPtr);
     return rc;
 }
 
 int clapiEventGeneration(ClapiEvent* eventPtr)
 {
-    pthread_mutex_lock(&eventPtr->mutex);
+    takeMutex(eventPtr);
     int generation = eventPtr->postCount;
-    pthread_mutex_unlock(&eventPtr->mutex);
+    giveUpMutex(eventPtr);
     return generation;
 }
 
@@ -249,14 +261,14 @@ int clapiTimedWaitEvent(ClapiEvent* eventPtr, int timeout, int* expired)
     TRACE(at::entry, eventPtr, timeout, expired);
     *expired = 0;
     clapiCheckWait(nullptr);
-    pthread_mutex_lock(&eventPtr->mutex);
+    takeMutex(eventPtr);
     int rc = 0;
     if (eventPtr->eflag == 0) {
         timespec deadline;
         rc = deadlineAfter(timeout, &deadline);
         sleepUntil(eventPtr, deadline, expired);
     }
-    pthread_mutex_unlock(&eventPtr->mutex);
+    giveUpMutex(eventPtr);
     return rc;
 }
 
@@ -265,9 +277,9 @@ int clapiSetEvent(ClapiEvent* eventPtr)
     namespace at = tp::clapiSetEvent;
 
     TRACE(at::entry, eventPtr);
-    pthread_mutex_lock(&eventPtr->mutex);
+    takeMutex(eventPtr);
     eventPtr->eflag = 0;
-    pthread_mutex_unlock(&eventPtr->mutex);
+    giveUpMutex(eventPtr);
     return 0;
 }
 
@@ -283,13 +295,13 @@ int clapiClearEvent(ClapiEvent* eventPtr)
     namespace at = tp::clapiClearEvent;
 
     TRACE(at::entry, eventPtr);
-    pthread_mutex_lock(&eventPtr->mutex);
+    takeMutex(eventPtr);
     openGate(eventPtr);
     // Deliberate: only -1 counts as a failure, not an error number. The gate is open by now, and
     // who finds it open does not wait: nothing that the broadcast says undoes that.
     bool failed = pthread_cond_broadcast(&eventPtr->cond) == -1;
     int broadcastErrno = errno;
-    pthread_mutex_unlock(&eventPtr->mutex);
+    giveUpMutex(eventPtr);
     if (!failed) return 0;
 
     TRACE(at::failed, broadcastErrno);
@@ -301,9 +313,9 @@ void clapiOpenEvent(ClapiEvent* eventPtr)
     namespace at = tp::clapiClearEvent;
 
     TRACE(at::entry, eventPtr);
-    pthread_mutex_lock(&eventPtr->mutex);
+    takeMutex(eventPtr);
     openGate(eventPtr);
-    pthread_mutex_unlock(&eventPtr->mutex);
+    giveUpMutex(eventPtr);
 }
 
 void clapiWakeWaiters(ClapiEvent* eventPtr)

@@ -173,6 +173,7 @@ static void keepSendError(SocketBuffer* sockBuffer)
 /* Sends all of the data, in as many calls as the socket wants. False: socketErr tells why. */
 static bool sendAll(SocketBuffer* sockBuffer, const char* data, size_t dataLen)
 {
+    clapiCheckPeerWait();
     size_t sent = 0;
     while (sent < dataLen) {
         ssize_t result = uninterrupted([&] {
@@ -190,6 +191,7 @@ static bool sendAll(SocketBuffer* sockBuffer, const char* data, size_t dataLen)
 
 static ssize_t receive(Socket socketDesc, char* data, size_t wanted, int flags = 0)
 {
+    clapiCheckPeerWait();
     return uninterrupted([&] { return recv(socketDesc, data, wanted, flags); });
 }
 

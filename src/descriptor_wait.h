@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <ctime>
 
+#include "lock_order.h"
+
 constexpr int MILLISECONDS_PER_SECOND = 1000;
 constexpr int POLL_WITHOUT_LIMIT = -1;
 
@@ -72,6 +74,7 @@ inline int waitForReadable(int descriptor, int timeout)
         errno = EBADF;
         return -1;
     }
+    clapiCheckPeerWait();
     return descriptor < FD_SETSIZE ? selectReadable(descriptor, timeout)
                                    : pollReadable(descriptor, timeout);
 }
@@ -102,6 +105,7 @@ inline int selectWritable(int descriptor, int timeout, bool* writable)
  * until a signal arrives: above 0, 0 once the time is over, or -1 with errno. */
 inline int waitForWritable(int descriptor, int timeout, bool* writable)
 {
+    clapiCheckPeerWait();
     return descriptor < FD_SETSIZE ? selectWritable(descriptor, timeout, writable)
                                    : pollWritable(descriptor, timeout, writable);
 }

@@ -42,6 +42,9 @@ enum ChannelFate : int32_t {
     LEFT_TO_HOLDER      // the call that has the channel frees it when it lets go
 };
 
+/* Guards the list and the set of channels, and the cached code page. */
+extern Clapilock chanListLock;
+
 typedef struct _ECI_Channel_t {
     char eyecatcher[8]; // "QPXCHANN", no terminator
     char name[CHANNEL_NAME_SIZE];
@@ -52,18 +55,15 @@ typedef struct _ECI_Channel_t {
     std::atomic<int32_t> isLocked;             // 1 while a call holds the channel; by serLock
     ECI_Container_t* firstCont;                // the newest container
     std::atomic<ECI_Container_t*> currentCont; // where browsing stands; null before the first
-    _ECI_Channel_t* nextChan;                  // by chanListLock
+    _ECI_Channel_t* nextChan GUARDED_BY(chanListLock);
     std::atomic<int32_t> waiters; // threads that wait in lockChannel; they come and go by serLock
     int32_t deleted;              // 1 once the channel is being deleted; by serLock
     int32_t fate;                 // a ChannelFate; by chanListLock
-    _ECI_Channel_t* previousChan; // by chanListLock, as the next
-    _ECI_Channel_t* nextInSet;    // in the set of channels
-    ECI_Container_t** index;      // of containers by their names, owned; null for a few of them
-    unsigned int indexBits;       // it has 2 to this power of chains
+    _ECI_Channel_t* previousChan GUARDED_BY(chanListLock);
+    _ECI_Channel_t* nextInSet GUARDED_BY(chanListLock); // in the set of channels
+    ECI_Container_t** index; // of containers by their names, owned; null for a few of them
+    unsigned int indexBits;  // it has 2 to this power of chains
 } ECI_Channel_t;
-
-/* Guards the list and the set of channels, and the cached code page. */
-extern Clapilock chanListLock;
 
 /* ---- Holding a channel ---- */
 
@@ -76,8 +76,8 @@ extern Clapilock chanListLock;
  * Locks: both take chanListLock and serLock, in this order, and neither may be called with one of
  * them held; unlockChannel may with a tableLock.
  */
-int lockChannel(ECI_ChannelToken_t chanTok);
-int unlockChannel(ECI_ChannelToken_t chanTok);
+int lockChannel(ECI_ChannelToken_t chanTok) TAKES_LOCK(chanListLock);
+int unlockChannel(ECI_ChannelToken_t chanTok) TAKES_LOCK(chanListLock);
 
 /*
  * Around a fork: no list of channels or containers is being changed meanwhile. The child has the
@@ -97,10 +97,10 @@ int validateName(const char* name);
  * Makes sure that defaultLocalCcsid is the CCSID of the local code page, which is worked out
  * once per process: 0 or ECI_ERR_SYSTEM_ERROR. Locks: takes chanListLock.
  */
-int getCurrentCcsid(void);
+int getCurrentCcsid(void) TAKES_LOCK(chanListLock);
 
-extern int defaultLocalCcsid;    // valid once getCurrentCcsid has returned 0
-extern int defaultLocalCcsidSet; // 1 once defaultLocalCcsid is valid; by chanListLock
+extern int defaultLocalCcsid; // valid once getCurrentCcsid has returned 0
+extern int defaultLocalCcsidSet GUARDED_BY(chanListLock); // 1 once defaultLocalCcsid is valid
 
 /* ---- Containers of a channel that the caller holds ---- */
 

@@ -16,26 +16,28 @@
  * The slot's requestEvent is armed already: from here on the receiver may deliver the slot.
  * Locks: tableLock held.
  */
-bool clapiBeginSending(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
+bool clapiBeginSending(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
+    NEEDS_LOCK(gwTokPtr->tableLock);
 
 /* As clapiBeginSending for a flow that belongs to no request. Locks: takes tableLock. */
-bool clapiBeginSendingFlow(_QPX_ConnToken_t* gwTokPtr);
+bool clapiBeginSendingFlow(_QPX_ConnToken_t* gwTokPtr) TAKES_LOCK(gwTokPtr->tableLock);
 
 /* Takes a sender off the count of those who keep the socket. Locks: tableLock held. */
-void clapiLeaveSenders(_QPX_ConnToken_t* gwTokPtr);
+void clapiLeaveSenders(_QPX_ConnToken_t* gwTokPtr) NEEDS_LOCK(gwTokPtr->tableLock);
 
 /* Ends either of the first two. Locks: takes tableLock. */
-void clapiEndSending(_QPX_ConnToken_t* gwTokPtr);
+void clapiEndSending(_QPX_ConnToken_t* gwTokPtr) TAKES_LOCK(gwTokPtr->tableLock);
 
 /*
  * Ends the sending of a request that could not be written, and returns when the receiver reads
  * no reply into its slot's storage any more. brokenOff tells that a part of it has left.
  * Locks: takes tableLock.
  */
-void clapiEndFailedSending(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP, int brokenOff);
+void clapiEndFailedSending(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP, int brokenOff)
+    TAKES_LOCK(gwTokPtr->tableLock);
 
 /* Returns when no flow is being written. Thread: the receiver. Locks: takes tableLock. */
-void clapiWaitForSenders(_QPX_ConnToken_t* gwTokPtr);
+void clapiWaitForSenders(_QPX_ConnToken_t* gwTokPtr) TAKES_LOCK(gwTokPtr->tableLock);
 
 /* Makes the receiver end the connection, to which nothing is written any more: what begins from
  * here on finds it as good as ended. Thread: one for which the socket stays open.
@@ -44,19 +46,21 @@ void clapiEndStream(_QPX_ConnToken_t* gwTokPtr);
 
 /* Keeps further requests off a connection that ends because of a flow that broke off: a reply to
  * that one may still come, and must not find its message id in use again. Locks: tableLock held. */
-void clapiNoteBrokenFlow(_QPX_ConnToken_t* gwTokPtr, int brokenOff);
+void clapiNoteBrokenFlow(_QPX_ConnToken_t* gwTokPtr, int brokenOff) NEEDS_LOCK(gwTokPtr->tableLock);
 
 /* ---- Reading ---- */
 
 /* From the first to the second the slot's storage may be written to. The second is allowed
  * without the first. Thread: the receiver. Locks: tableLock held. */
-void clapiBeginReading(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
-void clapiEndReading(_QPX_ConnToken_t* gwTokPtr);
+void clapiBeginReading(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
+    NEEDS_LOCK(gwTokPtr->tableLock);
+void clapiEndReading(_QPX_ConnToken_t* gwTokPtr) NEEDS_LOCK(gwTokPtr->tableLock);
 
 /* Returns when the receiver reads no reply into the slot's storage any more; a receiver that
  * waits for the rest of one is woken by ending the connection. Locks: tableLock held; given up
  * while waiting. */
-void clapiAwaitEndOfReading(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP);
+void clapiAwaitEndOfReading(_QPX_ConnToken_t* gwTokPtr, const RequestSlot* slotP)
+    NEEDS_LOCK(gwTokPtr->tableLock);
 
 /* ---- Outcomes ---- */
 
@@ -89,7 +93,7 @@ private:
 /* Puts a result into a waiting slot, and lets whoever waits for it go, whom wakeP wakes.
  * Locks: tableLock held. */
 void clapiDeliverSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc,
-                      LaterWake* wakeP);
+                      LaterWake* wakeP) NEEDS_LOCK(gwTokPtr->tableLock);
 
 /*
  * Leaves an outcome to the request's sender, who delivers it: a code, and of a reply the data, or
@@ -100,13 +104,14 @@ void clapiPutAside(RequestSlot* slotP, int gatewayRc, ArrivingBytes* data);
 /* Makes a failure the slot's outcome: it is delivered, or put aside while the request's sender
  * still reads its data. Locks: tableLock held. */
 void clapiSettleSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, int gatewayRc,
-                     LaterWake* wakeP);
+                     LaterWake* wakeP) NEEDS_LOCK(gwTokPtr->tableLock);
 
 /* Forgets an outcome that has been put aside and not delivered. Locks: tableLock held. */
 void clapiDropOutcome(RequestSlot* slotP);
 
 /* Takes a slot out of the reply queue. Locks: tableLock held. */
-void clapiUnlinkReply(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
+void clapiUnlinkReply(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
+    NEEDS_LOCK(gwTokPtr->tableLock);
 
 /* Frees the reply buffer of an asynchronous request, if it has one. Locks: tableLock held, or
  * the slot is the caller's. */

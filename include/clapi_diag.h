@@ -105,9 +105,9 @@ extern const char* const defaultTraceFilename;
 extern int traceHeaderWrite;
 extern std::atomic<size_t> clientAPIDataTrunc;
 extern std::atomic<size_t> clientAPIDataOffset;
-extern formatStringType traceFmtStr;
-extern char timeStamp[24];
-extern char dateBuf[10];
+extern formatStringType traceFmtStr GUARDED_BY(traceLock);
+extern char timeStamp[24] GUARDED_BY(traceLock);
+extern char dateBuf[10] GUARDED_BY(traceLock);
 extern ProcessId tracePid;
 extern ThreadId traceTid;
 extern int iTid;
@@ -127,7 +127,7 @@ void clapiGetPidTid(ProcessId* Pid, ThreadId* Tid); // a NULL pointer is skipped
 int clapiCompareTids(ThreadId tid1, ThreadId tid2); // 1 if equal
 
 /* Writes the two banner lines. Locks: traceLock held. */
-void clapiWriteTraceBanner(void);
+void clapiWriteTraceBanner(void) NEEDS_LOCK(traceLock);
 
 /* What came of a change of the destination. */
 struct TraceSwitch {
@@ -137,7 +137,7 @@ struct TraceSwitch {
 
 /* Makes a named file the destination, or standard error for a null name, closes a file that was it,
  * and writes the banner if that is due. Locks: traceLock held. */
-TraceSwitch clapiSwitchTrace(const char* name);
+TraceSwitch clapiSwitchTrace(const char* name) NEEDS_LOCK(traceLock);
 
 /* The destination's name at the moment, for a trace line. */
 class TraceDestination {
@@ -235,10 +235,12 @@ inline int traceInt(size_t size)
 /* ---- Writing lines ---- */
 
 /* The trace lock for a scope; errno comes out as it went in. */
-class TraceHold {
+class HOLDS_A_LOCK TraceHold {
 public:
-    TraceHold() : errnoBefore(errno), isHeld(clapiRequestLock(&traceLock) == 0) {}
-    ~TraceHold()
+    TraceHold() ACQUIRES(traceLock) : errnoBefore(errno), isHeld(clapiRequestLock(&traceLock) == 0)
+    {
+    }
+    ~TraceHold() RELEASES()
     {
         if (isHeld) clapiReleaseLock(&traceLock);
         errno = errnoBefore;
@@ -262,7 +264,8 @@ inline bool clapiTraces(const TracePoint& point)
 __attribute__((format(printf, 1, 2))) inline void clapiCheckFormat(const char*, ...) {}
 
 /* Writes to the destination without the line prefix. Locks: traceLock held. */
-__attribute__((format(printf, 1, 2))) void clapiTracePrint(const char* format, ...);
+__attribute__((format(printf, 1, 2))) void clapiTracePrint(const char* format, ...)
+    NEEDS_LOCK(traceLock);
 
 /* What stands in front of a line's message. */
 struct LinePrefix {
@@ -279,7 +282,7 @@ clapiWriteLine(const DumpBlock* block, const LinePrefix& prefix, const char* mes
 
 /* Fills the shared scratch for a line and returns its prefix, whose stamp stands there. Locks:
  * traceLock held. */
-LinePrefix clapiPrepareLine(const TracePoint& point);
+LinePrefix clapiPrepareLine(const TracePoint& point) NEEDS_LOCK(traceLock);
 
 /* The scratch of a line that is written without traceLock. */
 struct UnlockedLine {

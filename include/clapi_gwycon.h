@@ -17,10 +17,11 @@ int clapiConnectToGateway(int port, char* hostname, _QPX_ConnToken_t* gwTokPtr, 
  * names the sender's use of the slot, which may be another's by now.
  * Locks: takes tableLock, and gives it up while it changes the channel.
  */
-void clapiEndSendingRequest(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, uint32_t allocNumber);
+void clapiEndSendingRequest(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, uint32_t allocNumber)
+    TAKES_LOCK(gwTokPtr->tableLock);
 
 /* Sends the close flow. Locks: takes sendLock. */
-int clapiCloseConnection(_QPX_ConnToken_t* conn);
+int clapiCloseConnection(_QPX_ConnToken_t* conn) TAKES_LOCK(conn->sendLock, conn->tableLock);
 
 /* Around a fork: no socket is made or closed meanwhile, and the child closes those that it has
  * inherited, without a flow. Locks: held from the first to one of the others. */

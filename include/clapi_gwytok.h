@@ -33,7 +33,7 @@ void slotFree(RequestTable* requestTableP, RequestSlot* slotP);
 
 /* Frees the slot of a request that has failed; one whose table cannot be locked stays allocated.
  * Locks: takes tableLock. */
-void clapiDropSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP);
+void clapiDropSlot(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP) TAKES_LOCK(gwTokPtr->tableLock);
 
 /* Finds the slot with a message id, whatever its state: 0 or QPX_ERR_SYSTEM_ERROR.
  * Locks: tableLock held for a reply; error and exception flows look without it. */
@@ -44,18 +44,16 @@ int slotLookup(RequestTable* requestTableP, int messageId, RequestSlot** slotPP)
 /* Room for a token as clapiFormatGatewayToken writes it. */
 constexpr size_t FORMATTED_TOKEN_SIZE = 512;
 
-/* Guards the list of tokens, and of each token what says so above. */
-extern Clapilock gtlLock;
-
 /* Creates a connection and stores it in *gwTokPtr on success only. Arguments are checked. */
 int clapiCreateGatewayToken(QPX_ConnToken_t* gwTokPtr, char* hostname, int port, int connTimeout,
                             char* applid, char* applidQualifier);
 
-/* Writes one line about a token to FORMATTED_TOKEN_SIZE bytes: 0 or QPX_ERR_NULLPARM. */
-int clapiFormatGatewayToken(_QPX_ConnToken_t* gwTokPtr, char* formattedToken);
+/* Writes one line about a token to FORMATTED_TOKEN_SIZE bytes: 0 or QPX_ERR_NULLPARM. Locks:
+ * gtlLock held. */
+int clapiFormatGatewayToken(_QPX_ConnToken_t* gwTokPtr, char* formattedToken) NEEDS_LOCK(gtlLock);
 
 /* Writes the list of tokens to the trace destination. Locks: takes gtlLock. */
-void clapiDumpGatewayTokens(void);
+void clapiDumpGatewayTokens(void) TAKES_LOCK(gtlLock);
 
 /*
  * Count an API call on a token in and out. Between the two the token is not freed; after the
@@ -63,8 +61,8 @@ void clapiDumpGatewayTokens(void);
  * (registering, the token is not on the list, or its open has not ended) or QPX_ERR_SYSTEM_ERROR.
  * Locks: take gtlLock.
  */
-int clapiRegisterRequest(_QPX_ConnToken_t* gwTokPtr);
-int clapiUnregisterRequest(_QPX_ConnToken_t* gwTokPtr);
+int clapiRegisterRequest(_QPX_ConnToken_t* gwTokPtr) TAKES_LOCK(gtlLock);
+int clapiUnregisterRequest(_QPX_ConnToken_t* gwTokPtr) TAKES_LOCK(gtlLock);
 
 /* Values of lockRequired below: whether the function takes gtlLock, or its caller holds it. */
 constexpr int CALLER_HOLDS_LOCK = 0;
@@ -94,7 +92,8 @@ constexpr int NO_WAIT = 0;
  * without limit, for a number of seconds, or not at all, as closeTimeout says.
  * Locks: takes gtlLock.
  */
-int clapiDeleteClosingToken(QPX_ConnToken_t* gwTokPtr, _QPX_ConnToken_t* token, int closeTimeout);
+int clapiDeleteClosingToken(QPX_ConnToken_t* gwTokPtr, _QPX_ConnToken_t* token, int closeTimeout)
+    TAKES_LOCK(gtlLock);
 
 /*
  * The same for a thread that has not marked the token. With CALLER_HOLDS_LOCK the caller
@@ -103,7 +102,7 @@ int clapiDeleteClosingToken(QPX_ConnToken_t* gwTokPtr, _QPX_ConnToken_t* token, 
 int clapiDeleteGatewayToken(QPX_ConnToken_t* gwTokPtr, int closeTimeout, int lockRequired);
 
 /* Closes and deletes every token on the list that has been opened. Always 0. */
-int clapiDeleteGatewayTokens(void);
+int clapiDeleteGatewayTokens(void) TAKES_LOCK(gtlLock);
 
 /*
  * For the child of a fork: no token is on the list any more, for the connections are the parent's,
@@ -112,6 +111,6 @@ int clapiDeleteGatewayTokens(void);
  * Locks: gtlLock held, by this thread and since before the fork, so that the list is whole; no
  * lock of a token is taken.
  */
-void clapiForgetTokens(void);
+void clapiForgetTokens(void) NEEDS_LOCK(gtlLock);
 
 #endif

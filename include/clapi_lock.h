@@ -15,6 +15,7 @@
 
 #include <pthread.h>
 
+#include "lock_annotations.h"
 #include "lock_order.h"
 
 /* Values of Clapilock's state word; every other value means never initialised. */
@@ -22,7 +23,7 @@ constexpr int LOCK_INITIALIZED = static_cast<int>(0xFFEEDDCC);
 constexpr int LOCK_DESTROYED = static_cast<int>(0xCCDDEEFF);
 
 /* A mutex embedded in its owner, who destroys it before the owner's storage goes. */
-typedef struct _Clapilock {
+typedef struct IS_A_LOCK _Clapilock {
     pthread_mutex_t lock; // not recursive
     int initialized;      // LOCK_INITIALIZED while the mutex exists
 #ifdef QPX_CHECK_LOCKS
@@ -31,8 +32,8 @@ typedef struct _Clapilock {
 } Clapilock;
 
 int clapiInitializeLock(Clapilock* lockPtr);
-int clapiRequestLock(Clapilock* lockPtr);
-int clapiReleaseLock(Clapilock* lockPtr);
+int clapiRequestLock(Clapilock* lockPtr) ACQUIRES_IF_ZERO(lockPtr);
+int clapiReleaseLock(Clapilock* lockPtr) RELEASES(lockPtr);
 int clapiIsLockInitialized(Clapilock* lockPtr); // the raw state word
 int clapiDestroyLock(Clapilock* lockPtr);
 
@@ -41,7 +42,7 @@ int clapiDestroyLock(Clapilock* lockPtr);
 void clapiRefuseLock(const Clapilock* lockPtr);
 
 /* A lock of the process that is there from the start. It cannot fail, and writes no line. */
-struct ProcessLock {
+struct IS_A_LOCK ProcessLock {
     explicit constexpr ProcessLock([[maybe_unused]] LockRank rankOfIt)
 #ifdef QPX_CHECK_LOCKS
         : rank(rankOfIt)
@@ -75,14 +76,16 @@ LockRank clapiRankOf([[maybe_unused]] const Lock* lockPtr)
 
 /* All that follows is part of its caller, as the calls of the system that it makes are. */
 
-[[gnu::always_inline]] inline void clapiTake(ProcessLock* lockPtr)
+[[gnu::always_inline]] inline void clapiTake(ProcessLock* lockPtr) ACQUIRES(lockPtr)
+    NOT_ANALYSED("it is the lock")
 {
     clapiCheckRequest(clapiRankOf(lockPtr));
     pthread_mutex_lock(&lockPtr->mutex);
     clapiNoteTaken(lockPtr, clapiRankOf(lockPtr));
 }
 
-[[gnu::always_inline]] inline void clapiGiveUp(ProcessLock* lockPtr)
+[[gnu::always_inline]] inline void clapiGiveUp(ProcessLock* lockPtr) RELEASES(lockPtr)
+    NOT_ANALYSED("it is the lock")
 {
     pthread_mutex_unlock(&lockPtr->mutex);
     clapiNoteGivenUp(lockPtr);
@@ -91,12 +94,14 @@ LockRank clapiRankOf([[maybe_unused]] const Lock* lockPtr)
 /* Sleeps once, until the condition is signalled or for no reason; the lock, which the caller has, is
  * given up meanwhile. Nothing else may be held. */
 [[gnu::always_inline]] inline void clapiSleep(pthread_cond_t* condPtr, Clapilock* lockPtr)
+    NEEDS_LOCK(lockPtr)
 {
     clapiCheckWait(lockPtr);
     pthread_cond_wait(condPtr, &lockPtr->lock);
 }
 
 [[gnu::always_inline]] inline void clapiSleep(pthread_cond_t* condPtr, ProcessLock* lockPtr)
+    NEEDS_LOCK(lockPtr)
 {
     clapiCheckWait(lockPtr);
     pthread_cond_wait(condPtr, &lockPtr->mutex);
@@ -104,7 +109,8 @@ LockRank clapiRankOf([[maybe_unused]] const Lock* lockPtr)
 
 /* Taking and giving up over a fork, in whose handlers nothing is traced. The order is then that of the ranks
  * alone. Returns 0 or, for a Clapilock, an error number. */
-[[gnu::always_inline]] inline int clapiTakeForFork(Clapilock* lockPtr)
+[[gnu::always_inline]] inline int clapiTakeForFork(Clapilock* lockPtr) ACQUIRES(lockPtr)
+    NOT_ANALYSED("it is the lock")
 {
     clapiCheckForkRequest(clapiRankOf(lockPtr));
     int rc = pthread_mutex_lock(&lockPtr->lock);
@@ -112,14 +118,16 @@ LockRank clapiRankOf([[maybe_unused]] const Lock* lockPtr)
     return rc;
 }
 
-[[gnu::always_inline]] inline void clapiTakeForFork(ProcessLock* lockPtr)
+[[gnu::always_inline]] inline void clapiTakeForFork(ProcessLock* lockPtr) ACQUIRES(lockPtr)
+    NOT_ANALYSED("it is the lock")
 {
     clapiCheckForkRequest(clapiRankOf(lockPtr));
     pthread_mutex_lock(&lockPtr->mutex);
     clapiNoteTaken(lockPtr, clapiRankOf(lockPtr));
 }
 
-[[gnu::always_inline]] inline void clapiGiveUpAfterFork(Clapilock* lockPtr)
+[[gnu::always_inline]] inline void clapiGiveUpAfterFork(Clapilock* lockPtr) RELEASES(lockPtr)
+    NOT_ANALYSED("it is the lock")
 {
     pthread_mutex_unlock(&lockPtr->lock);
     clapiNoteGivenUp(lockPtr);
@@ -185,11 +193,14 @@ enum AlreadyHeld { ALREADY_HELD };
  * and must be reported, call release and look at its result; the destructor releases what is
  * still held.
  */
-class LockGuard {
+class HOLDS_A_LOCK LockGuard {
 public:
-    explicit LockGuard(Clapilock& lock) : lockPtr(&lock), isHeld(clapiRequestLock(&lock) == 0) {}
-    LockGuard(Clapilock& lock, AlreadyHeld) : lockPtr(&lock), isHeld(true) {}
-    ~LockGuard()
+    explicit LockGuard(Clapilock& lock) ACQUIRES(lock)
+        : lockPtr(&lock), isHeld(clapiRequestLock(&lock) == 0)
+    {
+    }
+    LockGuard(Clapilock& lock, AlreadyHeld) NEEDS_LOCK(lock) : lockPtr(&lock), isHeld(true) {}
+    ~LockGuard() RELEASES()
     {
         if (isHeld) clapiReleaseLock(lockPtr);
     }
@@ -199,7 +210,7 @@ public:
     bool held() const { return isHeld; }
 
     /* Takes the lock again after a release: 0 or -1. */
-    int request()
+    int request() ACQUIRES()
     {
         int rc = clapiRequestLock(lockPtr);
         isHeld = rc == 0;
@@ -208,7 +219,7 @@ public:
 
     /* A lock that could not be released is still held, and the destructor tries again (a second
      * failure is traced again). */
-    int release()
+    int release() RELEASES()
     {
         int rc = clapiReleaseLock(lockPtr);
         isHeld = rc != 0;

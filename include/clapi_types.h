@@ -92,21 +92,24 @@ constexpr int CONN_CLOSED = 4;
 
 constexpr size_t APPLID_SIZE = 8;
 
+/* Guards the list of tokens, and of each token what says so below; clapi_gwytok's. */
+extern Clapilock gtlLock;
+
 /* One connection, from clapiCreateGatewayToken to clapiDeleteGatewayToken. */
 typedef struct _QPX_ConnToken_t {
-    char eyecatcher[8];              // "QPXGWTOK", no terminator
-    _QPX_ConnToken_t* nextGwyTokPtr; // guarded by gtlLock
+    char eyecatcher[8]; // "QPXGWTOK", no terminator
+    _QPX_ConnToken_t* nextGwyTokPtr GUARDED_BY(gtlLock);
     uint32_t portNumber;
     std::atomic<int32_t> connStatus; // CONN_...
     int32_t connTimeout;             // seconds for connect and for handshake, 0 = no limit
     int32_t handshakeRc;             // from the receiver to the connecting thread, by connEvent
     std::atomic<int32_t> closedown;  // 1 once a close has begun; written under gtlLock
     std::atomic<Socket> socketDescriptor; // NO_SOCKET until connected; keeps its number afterwards
-    RequestTable table;                   // guarded by tableLock
+    RequestTable table GUARDED_BY(tableLock);
     Clapilock tableLock;
-    Clapilock sendLock;      // held while one whole flow is written
-    RequestSlot* firstReply; // queue of delivered asynchronous slots; by tableLock
-    RequestSlot* lastReply;
+    Clapilock sendLock;                            // held while one whole flow is written
+    RequestSlot* firstReply GUARDED_BY(tableLock); // queue of delivered asynchronous slots
+    RequestSlot* lastReply GUARDED_BY(tableLock);
     std::atomic<int32_t> asyncCount;   // asynchronous requests not yet collected; by tableLock
     ClapiEvent asyncReplyEvent;        // posted under tableLock when a reply is queued
     ClapiEvent connEvent;              // posted when the outcome of the handshake is known
@@ -115,18 +118,18 @@ typedef struct _QPX_ConnToken_t {
     std::atomic<int32_t> requestCount; // API calls at work on the token; written under gtlLock
     char applid[APPLID_SIZE + 1];
     char applidQualifier[APPLID_SIZE + 1];
-    int32_t senders;                // flows being written, which keep the socket; by tableLock
-    RequestSlot* slotBeingRead;     // whose reply the receiver reads; by tableLock
+    int32_t senders GUARDED_BY(tableLock);            // flows being written, which keep the socket
+    RequestSlot* slotBeingRead GUARDED_BY(tableLock); // whose reply the receiver reads
     pthread_cond_t transferEnded;   // with tableLock's mutex: a sending or a reading has ended
     std::atomic<int32_t> brokenOff; // 1 once the library has ended the stream; never goes back
     // Threads that close the token, each from its mark or from the beginning of its delete until
     // that has ended; raised under gtlLock, and the token is freed by the last of them.
     std::atomic<int32_t> deleters;
-    int32_t quiesced; // 1 once a delete has quiesced the token; by gtlLock
-    int32_t opening;  // 1 until the open has succeeded; by gtlLock
-    uint64_t serial;  // counts the tokens of the process; the list is in its order; by gtlLock
-    _QPX_ConnToken_t* nextInSet;      // in the set of listed tokens; by gtlLock
-    _QPX_ConnToken_t* beforeInList;   // in the list; by gtlLock
+    int32_t quiesced GUARDED_BY(gtlLock);            // 1 once a delete has quiesced the token
+    int32_t opening GUARDED_BY(gtlLock);             // 1 until the open has succeeded
+    uint64_t serial GUARDED_BY(gtlLock);             // counts the process's tokens; orders the list
+    _QPX_ConnToken_t* nextInSet GUARDED_BY(gtlLock); // in the set of listed tokens
+    _QPX_ConnToken_t* beforeInList GUARDED_BY(gtlLock); // in the list
     _QPX_ConnToken_t* nextOpenSocket; // among the tokens whose socket is open; by their own lock
 } _QPX_ConnToken_t;
 typedef _QPX_ConnToken_t Internal_ConnToken_t;

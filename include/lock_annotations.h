@@ -28,7 +28,7 @@
 #define ACQUIRES_IF_ZERO(...) LOCK_ANNOTATION(try_acquire_capability(0, __VA_ARGS__))
 #define RELEASES(...)         LOCK_ANNOTATION(release_capability(__VA_ARGS__))
 
-/* Of a function that does what the analysis does not understand; it comes with the reason. */
-#define NOT_ANALYSED LOCK_ANNOTATION(no_thread_safety_analysis)
+/* Of a function that does what the analysis does not understand. */
+#define NOT_ANALYSED(reason) LOCK_ANNOTATION(no_thread_safety_analysis)
 
 #endif

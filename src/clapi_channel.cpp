@@ -32,9 +32,9 @@ static const char CHANNEL_EYECATCHER[] = "QPXCHANN";
 static const char CONTAINER_EYECATCHER[] = "QPXCONTA";
 
 Clapilock chanListLock;
-static ECI_Channel_t* chanList = nullptr; // the newest channel; by chanListLock
-/* The channels of the list, and those of others that a call still has; by chanListLock. */
-static AddressSet<ECI_Channel_t, &ECI_Channel_t::nextInSet> channelSet;
+static ECI_Channel_t* chanList GUARDED_BY(chanListLock) = nullptr; // the newest channel
+/* The channels of the list, and those of others that a call still has. */
+static AddressSet<ECI_Channel_t, &ECI_Channel_t::nextInSet> channelSet GUARDED_BY(chanListLock);
 
 /* For deletions, which wait for those who wait for a channel to have left. */
 static ProcessLock waitersGuard(RANK_WAITERS);
@@ -43,14 +43,14 @@ static pthread_cond_t waiterLeft = PTHREAD_COND_INITIALIZER;
 /* Keeps a dump of the channels, which holds no channel, off a container list that is changing. */
 static ProcessLock containerListGuard(RANK_CONTAINERS);
 
-class ContainerListHold {
+class HOLDS_A_LOCK ContainerListHold {
 public:
-    ContainerListHold()
+    ContainerListHold() ACQUIRES(containerListGuard)
     {
         SCHEDULE_POINT(beforeListChange, &containerListGuard);
         clapiTake(&containerListGuard);
     }
-    ~ContainerListHold() { clapiGiveUp(&containerListGuard); }
+    ~ContainerListHold() RELEASES() { clapiGiveUp(&containerListGuard); }
     ContainerListHold(const ContainerListHold&) = delete;
     ContainerListHold& operator=(const ContainerListHold&) = delete;
 };
@@ -213,7 +213,8 @@ int getCurrentCcsid(void)
 static void freeAbandoned(ECI_Channel_t* channel);
 
 /* Sleeps until no call holds the channel; serLock is given up meanwhile. */
-static int awaitUnlocked(ECI_Channel_t* channel, LockGuard* serLock)
+static int awaitUnlocked(ECI_Channel_t* channel, LockGuard* serLock) NEEDS_LOCK(channel->serLock)
+    NOT_ANALYSED("gives up what its caller's guard holds")
 {
     namespace at = tp::lockChannel;
 
@@ -255,7 +256,7 @@ static void leaveWaiters(ECI_Channel_t* channel)
 
 /* Waits for the channel's turn, or its deletion. Another thread may take it between the wake-up and
  * the look: then the wait begins anew. A deletion waits for all who are in here. */
-static int awaitTurn(ECI_Channel_t* channel, LockGuard* serLock)
+static int awaitTurn(ECI_Channel_t* channel, LockGuard* serLock) NEEDS_LOCK(channel->serLock)
 {
     namespace at = tp::lockChannel;
 
@@ -269,7 +270,7 @@ static int awaitTurn(ECI_Channel_t* channel, LockGuard* serLock)
 }
 
 /* Locks: serLock held, as in the two functions that follow. */
-static int takeChannel(ECI_Channel_t* channel)
+static int takeChannel(ECI_Channel_t* channel) NEEDS_LOCK(channel->serLock)
 {
     namespace at = tp::lockChannel;
 
@@ -288,6 +289,7 @@ static int letGo(ECI_Channel_t* channel)
 }
 
 static int waitAndTakeChannel(ECI_Channel_t* channel, LockGuard* serLock)
+    NEEDS_LOCK(channel->serLock)
 {
     namespace at = tp::lockChannel;
 
@@ -312,7 +314,8 @@ static Clapilock* serLockOf(ECI_ChannelToken_t chanTok)
 }
 
 /* Takes the serLock of a channel that is there and not deleted: 0 or -1. */
-static int requestSerLock(ECI_ChannelToken_t chanTok)
+static int requestSerLock(ECI_ChannelToken_t chanTok) ACQUIRES_IF_ZERO(chanTok->serLock)
+    NOT_ANALYSED("whether it takes the lock depends on what it finds")
 {
     LockGuard list(chanListLock);
     if (!list.held()) return -1;
@@ -324,6 +327,7 @@ static int requestSerLock(ECI_ChannelToken_t chanTok)
 }
 
 static int holdChannel(ECI_ChannelToken_t chanTok)
+    NOT_ANALYSED("a lock that could not be given up is held")
 {
     namespace at = tp::lockChannel;
 
@@ -357,7 +361,7 @@ int lockChannel(ECI_ChannelToken_t chanTok)
 
 /* The end of a call's hold of a channel that has been deleted under it. True if its record is left
  * to the caller. Locks: chanListLock held. */
-static bool leaveDeleted(ECI_Channel_t* channel)
+static bool leaveDeleted(ECI_Channel_t* channel) NEEDS_LOCK(chanListLock)
 {
     LockGuard serLock(channel->serLock);
     channel->isLocked = 0;
@@ -367,7 +371,8 @@ static bool leaveDeleted(ECI_Channel_t* channel)
 }
 
 /* As requestSerLock, for the end of a hold, which may be that of a deleted channel. */
-static int requestHeldSerLock(ECI_ChannelToken_t chanTok)
+static int requestHeldSerLock(ECI_ChannelToken_t chanTok) ACQUIRES_IF_ZERO(chanTok->serLock)
+    NOT_ANALYSED("whether it takes the lock depends on what it finds")
 {
     LockGuard list(chanListLock);
     if (!list.held()) return -1;
@@ -383,6 +388,7 @@ static int requestHeldSerLock(ECI_ChannelToken_t chanTok)
 
 /* Opens a channel to those who wait for it. serLockRc is the outcome of requesting its serLock. */
 static int releaseChannel(ECI_Channel_t* channel, int serLockRc)
+    NOT_ANALYSED("serLockRc tells whether the lock is held")
 {
     namespace at = tp::unlockChannel;
 
@@ -419,7 +425,8 @@ int unlockChannel(ECI_ChannelToken_t chanTok)
 
 /* The serLock of a channel that the call itself holds, whose record is there until it lets go. Only
  * one that has been deleted meanwhile is looked up. */
-static int requestOwnSerLock(ECI_Channel_t* channel)
+static int requestOwnSerLock(ECI_Channel_t* channel) ACQUIRES_IF_ZERO(channel->serLock)
+    NOT_ANALYSED("whether it keeps the lock depends on what it finds")
 {
     int rc = clapiRequestLock(&channel->serLock);
     if (rc != 0 || channel->deleted == 0) return rc;
@@ -447,14 +454,14 @@ static int unlockKnown(ECI_Channel_t* channel)
 
 /* ---- Forks ---- */
 
-void clapiChannelsForkPrepare(void)
+void clapiChannelsForkPrepare(void) ACQUIRES(chanListLock, containerListGuard, waitersGuard)
 {
     clapiTakeForFork(&chanListLock);
     clapiTakeForFork(&containerListGuard);
     clapiTakeForFork(&waitersGuard);
 }
 
-void clapiChannelsForkParent(void)
+void clapiChannelsForkParent(void) RELEASES(chanListLock, containerListGuard, waitersGuard)
 {
     clapiGiveUp(&waitersGuard);
     clapiGiveUp(&containerListGuard);
@@ -476,7 +483,7 @@ static void startAnew(ECI_Channel_t* channel)
     channel->indexBits = 0;
 }
 
-void clapiChannelsForkChild(void)
+void clapiChannelsForkChild(void) RELEASES(chanListLock, containerListGuard, waitersGuard)
 {
     // A channel that is off the list is being deleted by a thread that does not exist here.
     channelSet.clear();
@@ -618,7 +625,7 @@ static void dismantleChannel(ECI_Channel_t* channel)
 }
 
 /* Locks: chanListLock held, as in the function that follows. */
-static void putOnList(ECI_Channel_t* channel)
+static void putOnList(ECI_Channel_t* channel) NEEDS_LOCK(chanListLock)
 {
     channel->previousChan = nullptr;
     channel->nextChan = chanList;
@@ -626,7 +633,7 @@ static void putOnList(ECI_Channel_t* channel)
     chanList = channel;
 }
 
-static void takeOffList(const ECI_Channel_t* channel)
+static void takeOffList(const ECI_Channel_t* channel) NEEDS_LOCK(chanListLock)
 {
     if (channel->nextChan != nullptr) channel->nextChan->previousChan = channel->previousChan;
     if (channel->previousChan != nullptr)
@@ -636,6 +643,7 @@ static void takeOffList(const ECI_Channel_t* channel)
 }
 
 static int listChannel(ECI_Channel_t* channel)
+    NOT_ANALYSED("a lock that could not be given up is held")
 {
     namespace at = tp::ECI_createChannel;
 
@@ -718,6 +726,7 @@ static void destroyContainers(ECI_Channel_t* channel)
 
 /* Deleting all channels may have been faster: then the channel is not this deletion's. */
 static int unlistChannel(ECI_Channel_t* channel)
+    NOT_ANALYSED("a lock that could not be given up is held")
 {
     namespace at = tp::ECI_deleteChannel;
 
@@ -917,7 +926,7 @@ static void destroyUnlisted(ECI_Channel_t* channel)
 
 /* Takes all channels off the list and returns the first. Nobody can hold them from here on; those
  * that a call has stay in the set, for its unlockChannel. Locks: chanListLock held. */
-static ECI_Channel_t* unlistAllChannels()
+static ECI_Channel_t* unlistAllChannels() NEEDS_LOCK(chanListLock)
 {
     ECI_Channel_t* first = chanList;
     for (ECI_Channel_t* channel = first; channel != nullptr; channel = channel->nextChan) {
@@ -930,6 +939,13 @@ static ECI_Channel_t* unlistAllChannels()
     }
     chanList = nullptr;
     return first;
+}
+
+/* The next of the channels that have been taken off the list together. */
+static ECI_Channel_t* nextUnlisted(const ECI_Channel_t* channel)
+    NOT_ANALYSED("off the list they are one thread's")
+{
+    return channel->nextChan;
 }
 
 /* Deliberate: calls in progress are not waited for, since a server may take any time to answer, or
@@ -951,7 +967,7 @@ static int deleteAllChannels()
     }
     SCHEDULE_POINT(channelsUnlisted, channel);
     while (channel != nullptr) {
-        ECI_Channel_t* next = channel->nextChan;
+        ECI_Channel_t* next = nextUnlisted(channel);
         destroyUnlisted(channel);
         channel = next;
     }
@@ -1033,6 +1049,7 @@ static void printContainer(FILE* text, const ECI_Container_t* container, int ord
 }
 
 static void printChannel(FILE* text, const ECI_Channel_t* channel, int ordinal)
+    NEEDS_LOCK(chanListLock)
 {
     fprintf(text,
             "Channel list entry -%4.4d- : Channel(%p): eyecatcher(%8.8s) name(%16.16s) "
@@ -1047,7 +1064,7 @@ static void printChannel(FILE* text, const ECI_Channel_t* channel, int ordinal)
 }
 
 /* The dump as one text. Locks: chanListLock held. */
-static void printChannels(FILE* text)
+static void printChannels(FILE* text) NEEDS_LOCK(chanListLock)
 {
     ContainerListHold hold;
     fprintf(text, "Channel and container dump\n%s", TRACE_DUMP_RULE);
@@ -1065,7 +1082,7 @@ static void printChannels(FILE* text)
 }
 
 /* The text of the dump, which the caller frees, or null. Locks: chanListLock held. */
-static char* makeDump()
+static char* makeDump() NEEDS_LOCK(chanListLock)
 {
     char* dump = nullptr;
     size_t size = 0;

@@ -67,7 +67,7 @@ void clapiNoteBrokenFlow(_QPX_ConnToken_t* gwTokPtr, int brokenOff)
 }
 
 /* Waits for the end of some sending or reading. Locks: tableLock held; given up while waiting. */
-static void awaitTransfer(_QPX_ConnToken_t* gwTokPtr)
+static void awaitTransfer(_QPX_ConnToken_t* gwTokPtr) NEEDS_LOCK(gwTokPtr->tableLock)
 {
     clapiSleep(&gwTokPtr->transferEnded, &gwTokPtr->tableLock);
 }
@@ -129,6 +129,7 @@ LaterWake::~LaterWake()
 }
 
 static void queueReply(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP)
+    NEEDS_LOCK(gwTokPtr->tableLock)
 {
     slotP->nextReply = nullptr;
     slotP->replyBefore = gwTokPtr->lastReply;

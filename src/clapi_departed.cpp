@@ -21,14 +21,14 @@
  * are known by their place here; nothing of them is read.
  */
 constexpr size_t RESTING_RECORDS = 64;
-static _QPX_ConnToken_t* restingRecords[RESTING_RECORDS]; // guarded by gtlLock
-static size_t nextRestingPlace = 0;                       // guarded by gtlLock; holds the oldest
+static _QPX_ConnToken_t* restingRecords[RESTING_RECORDS] GUARDED_BY(gtlLock);
+static size_t nextRestingPlace GUARDED_BY(gtlLock) = 0; // holds the oldest
 
-/* Tokens off the list whose last calls are still inside. Guarded by gtlLock. */
-static _QPX_ConnToken_t* leavingHeadPtr = nullptr;
+/* Tokens off the list whose last calls are still inside. */
+static _QPX_ConnToken_t* leavingHeadPtr GUARDED_BY(gtlLock) = nullptr;
 
 /* What a child of a fork has forgotten, which belongs to threads that it does not have. */
-static _QPX_ConnToken_t* forgottenHeadPtr = nullptr;
+static _QPX_ConnToken_t* forgottenHeadPtr GUARDED_BY(gtlLock) = nullptr;
 
 bool clapiHasLeft(const _QPX_ConnToken_t* gwTokPtr)
 {

@@ -103,7 +103,7 @@ void clapiGetTimestamp(char* MsgBuf)
 
 /* As clapiGetTimestamp for the line's own stamp, whose seconds are made anew only once they have
  * passed, or the time zone is another. Locks: traceLock held. */
-static void stampLine()
+static void stampLine() NEEDS_LOCK(traceLock)
 {
     static time_t stampedSecond = -1;
     static long stampedZone;
@@ -177,14 +177,14 @@ int clapiCompareTids(ThreadId tid1, ThreadId tid2)
  */
 static ProcessLock destinationLock(RANK_DESTINATION);
 
-/* What is on its way out; guarded by destinationLock. A line with its dump leaves as one piece
- * unless it is longer than this. */
-static char pending[TRACE_PIECE_SIZE];
-static size_t pendingSize = 0;
+/* What is on its way out. A line with its dump leaves as one piece unless it is longer than
+ * this. */
+static char pending[TRACE_PIECE_SIZE] GUARDED_BY(destinationLock);
+static size_t pendingSize GUARDED_BY(destinationLock) = 0;
 
-/* What the destination has not taken and has not been told of yet; guarded by destinationLock. */
-static size_t lostBytes = 0;
-static bool lineIsCut = false;
+/* What the destination has not taken and has not been told of yet. */
+static size_t lostBytes GUARDED_BY(destinationLock) = 0;
+static bool lineIsCut GUARDED_BY(destinationLock) = false;
 
 /* How long a destination that is full is waited for, once until it takes something again. */
 constexpr timespec FULL_LIMIT = {1, 0};
@@ -197,10 +197,10 @@ constexpr size_t DUMP_LINE_ROOM = 512;
 
 namespace {
 
-class DestinationHold {
+class HOLDS_A_LOCK DestinationHold {
 public:
-    DestinationHold() { clapiTake(&destinationLock); }
-    ~DestinationHold() { clapiGiveUp(&destinationLock); }
+    DestinationHold() ACQUIRES(destinationLock) { clapiTake(&destinationLock); }
+    ~DestinationHold() RELEASES() { clapiGiveUp(&destinationLock); }
     DestinationHold(const DestinationHold&) = delete;
     DestinationHold& operator=(const DestinationHold&) = delete;
 };
@@ -211,11 +211,12 @@ public:
  */
 class Output {
 public:
-    Output() : file(clientAPITraceHandle != nullptr ? clientAPITraceHandle : stderr)
+    Output() NEEDS_LOCK(destinationLock)
+        : file(clientAPITraceHandle != nullptr ? clientAPITraceHandle : stderr)
     {
         flockfile(file);
     }
-    ~Output()
+    ~Output() NEEDS_LOCK(destinationLock)
     {
         putOut();
         funlockfile(file);
@@ -223,16 +224,18 @@ public:
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
 
-    __attribute__((format(printf, 2, 3))) void print(const char* format, ...);
-    void printArgs(const char* format, va_list args);
-    void put(char character);
-    void putPrefix(const LinePrefix& prefix);
-    void makeRoom(size_t room); // so that so many characters leave as one piece
+    __attribute__((format(printf, 2, 3))) void print(const char* format, ...)
+        NEEDS_LOCK(destinationLock);
+    void printArgs(const char* format, va_list args) NEEDS_LOCK(destinationLock);
+    void put(char character) NEEDS_LOCK(destinationLock);
+    void putPrefix(const LinePrefix& prefix) NEEDS_LOCK(destinationLock);
+    /* So that so many characters leave as one piece. */
+    void makeRoom(size_t room) NEEDS_LOCK(destinationLock);
 
 private:
-    void putOut();
-    void printLong(const char* format, va_list args, size_t length);
-    void write(const char* bytes, size_t length);
+    void putOut() NEEDS_LOCK(destinationLock);
+    void printLong(const char* format, va_list args, size_t length) NEEDS_LOCK(destinationLock);
+    void write(const char* bytes, size_t length) NEEDS_LOCK(destinationLock);
 
     FILE* file;
 };
@@ -250,7 +253,7 @@ static bool awaitRoom(int descriptor)
 }
 
 /* Returns how many of the bytes the destination has taken. */
-static size_t writeAll(int descriptor, const char* bytes, size_t length)
+static size_t writeAll(int descriptor, const char* bytes, size_t length) NEEDS_LOCK(destinationLock)
 {
     size_t taken = 0;
     int waits = 0;
@@ -271,7 +274,7 @@ static size_t writeAll(int descriptor, const char* bytes, size_t length)
 }
 
 /* Tells a destination that takes bytes again how many are missing; false if it takes none. */
-static bool tellOfLoss(int descriptor)
+static bool tellOfLoss(int descriptor) NEEDS_LOCK(destinationLock)
 {
     char text[80];
     int length = snprintf(text, sizeof text, "%s*** %lu bytes of trace lost ***\n",
@@ -368,7 +371,7 @@ void Output::print(const char* format, ...)
 /* ---- The destination ---- */
 
 /* Stores the destination's name, cut to the room there is. Locks: destinationLock held. */
-static void setFilename(const char* name)
+static void setFilename(const char* name) NEEDS_LOCK(destinationLock)
 {
     // Without a buffer for it the initialisation has failed, and only failures are traced.
     if (clientAPITraceFilename == nullptr) return;
@@ -406,7 +409,7 @@ TraceDestination::TraceDestination()
 }
 
 /* The two lines of the banner. Locks: traceLock and destinationLock held. */
-static void writeBanner()
+static void writeBanner() NEEDS_LOCK(traceLock, destinationLock)
 {
     clapiGetDate(dateBuf);
     Output output;
@@ -446,7 +449,7 @@ static FILE* openTraceFile(const char* name)
 
 /* Makes a stream the destination and returns what the caller has to close of the one before, or
  * null. Locks: traceLock and destinationLock held. */
-static FILE* replaceDestination(FILE* file, const char* name)
+static FILE* replaceDestination(FILE* file, const char* name) NEEDS_LOCK(traceLock, destinationLock)
 {
     FILE* before = clientAPITraceHandle;
     clientAPITraceHandle = file;
@@ -458,7 +461,7 @@ static FILE* replaceDestination(FILE* file, const char* name)
 }
 
 /* Locks: destinationLock held. */
-static bool traceGoesToFile()
+static bool traceGoesToFile() NEEDS_LOCK(destinationLock)
 {
     return clientAPITraceHandle != nullptr && clientAPITraceHandle != stderr;
 }
@@ -491,10 +494,10 @@ TraceSwitch clapiSwitchTrace(const char* name)
 
 /* ---- Fork ---- */
 
-/* Whether traceLock exists and is held over a fork; guarded by destinationLock. */
-static bool forkHoldsTraceLock = false;
+/* Whether traceLock exists and is held over a fork. */
+static bool forkHoldsTraceLock GUARDED_BY(destinationLock) = false;
 
-void clapiTraceForkPrepare(void)
+void clapiTraceForkPrepare(void) NOT_ANALYSED("whether there is a traceLock is known at run time")
 {
     bool holdsTraceLock = clapiIsLockInitialized(&traceLock) == LOCK_INITIALIZED &&
                           clapiTakeForFork(&traceLock) == 0;
@@ -502,14 +505,14 @@ void clapiTraceForkPrepare(void)
     forkHoldsTraceLock = holdsTraceLock;
 }
 
-void clapiTraceForkParent(void)
+void clapiTraceForkParent(void) NOT_ANALYSED("whether there is a traceLock is known at run time")
 {
     bool holdsTraceLock = forkHoldsTraceLock;
     clapiGiveUp(&destinationLock);
     if (holdsTraceLock) clapiGiveUpAfterFork(&traceLock);
 }
 
-void clapiTraceForkChild(void)
+void clapiTraceForkChild(void) NOT_ANALYSED("whether there is a traceLock is known at run time")
 {
     clapiTraceForkParent();
 }
@@ -551,7 +554,7 @@ static bool endsBefore(const DumpedBytes& dumped, size_t position)
     return word == dumped.stopWord;
 }
 
-static void putHexGap(Output& output, size_t position, size_t width)
+static void putHexGap(Output& output, size_t position, size_t width) NEEDS_LOCK(destinationLock)
 {
     if (position == width) return;
     if (position % BYTES_PER_GROUP == 0) output.put(' ');
@@ -559,6 +562,7 @@ static void putHexGap(Output& output, size_t position, size_t width)
 }
 
 static size_t putHexPart(Output& output, const DumpedBytes& dumped, size_t width)
+    NEEDS_LOCK(destinationLock)
 {
     static const char DIGITS[] = "0123456789ABCDEF";
 
@@ -578,6 +582,7 @@ static size_t putHexPart(Output& output, const DumpedBytes& dumped, size_t width
 }
 
 static size_t putCharPart(Output& output, const DumpedBytes& dumped, size_t width, int translate)
+    NEEDS_LOCK(destinationLock)
 {
     size_t written = 0;
     while (written < width && !endsBefore(dumped, written)) {
@@ -591,6 +596,7 @@ static size_t putCharPart(Output& output, const DumpedBytes& dumped, size_t widt
 }
 
 static size_t putDualLine(Output& output, const DumpedBytes& dumped, size_t width, int translate)
+    NEEDS_LOCK(destinationLock)
 {
     size_t written = putHexPart(output, dumped, width);
     output.put(' ');
@@ -635,13 +641,13 @@ static size_t shownLength(size_t dataLen, const DumpLimits& limits)
     return limits.truncation != 0 ? std::min(length, limits.truncation) : length;
 }
 
-static void putDumpHead(Output& output, const DumpLimits& limits)
+static void putDumpHead(Output& output, const DumpLimits& limits) NEEDS_LOCK(destinationLock)
 {
     output.print("Data truncation size=%lu, offset=%lu\n", traceSize(limits.truncation),
                  traceSize(limits.offset));
 }
 
-static void putAddress(Output& output, const void* address)
+static void putAddress(Output& output, const void* address) NEEDS_LOCK(destinationLock)
 {
     output.makeRoom(DUMP_LINE_ROOM);
     output.print("%p: ", address);
@@ -649,7 +655,7 @@ static void putAddress(Output& output, const void* address)
 
 /* Dumps what is shown of a block, each line under the address that shownAt gives it. */
 static size_t putDump(Output& output, const DumpBlock& block, unsigned int stopWord, size_t width,
-                      int translate)
+                      int translate) NEEDS_LOCK(destinationLock)
 {
     DumpLimits limits;
     putDumpHead(output, limits);
@@ -669,7 +675,7 @@ static size_t putDump(Output& output, const DumpBlock& block, unsigned int stopW
 
 /* Dumps up to the stop word. */
 static size_t putDumpToStopWord(Output& output, const void* startAddr, unsigned int stopWord,
-                                size_t width, int translate)
+                                size_t width, int translate) NEEDS_LOCK(destinationLock)
 {
     DumpLimits limits;
     putDumpHead(output, limits);

@@ -138,7 +138,7 @@ int verifyEciParms(QPX_ECI_PARMS* EciParms, int minVersion)
 
 /* What a call gets on a connection that does not stand (any more), or that is being closed.
  * Locks: tableLock held. */
-static int refusalOf(const _QPX_ConnToken_t* gwTok)
+static int refusalOf(const _QPX_ConnToken_t* gwTok) NEEDS_LOCK(gwTok->tableLock)
 {
     bool stands = gwTok->connStatus == CONN_CONNECTED;
     if (stands && gwTok->brokenOff == 0) return QPX_ERR_GWTOK_CLOSED;
@@ -169,7 +169,7 @@ struct EciCall : OutgoingRequest {
     char userid[sizeof(QPX_ECI_PARMS::eci_userid) + 1];     // outlive the sending
     char password[sizeof(QPX_ECI_PARMS::eci_password) + 1]; // overwritten at the call's end
 
-    int refusal() const { return refusalOf(gwTok); }
+    int refusal() const NEEDS_LOCK(gwTok->tableLock) { return refusalOf(gwTok); }
     void prepareSlot();
     int build();
     int write(Socket socketDescriptor)
@@ -350,13 +350,13 @@ void AsyncCall::traceBegun() const
 
 /* Lowers the count of asynchronous requests; it may have been set to 0 by a close.
  * Locks: tableLock held. */
-static void countOut(_QPX_ConnToken_t* gwTok)
+static void countOut(_QPX_ConnToken_t* gwTok) NEEDS_LOCK(gwTok->tableLock)
 {
     if (gwTok->asyncCount > 0) gwTok->asyncCount -= 1;
 }
 
 /* Whether nobody has collected the request's outcome yet. Locks: tableLock held. */
-static bool isStillOurs(const AsyncCall* call)
+static bool isStillOurs(const AsyncCall* call) NEEDS_LOCK(call->gwTok->tableLock)
 {
     const RequestSlot* slotP = call->slotP;
     return slotP->allocNumber == call->allocNumber &&
@@ -364,13 +364,13 @@ static bool isStillOurs(const AsyncCall* call)
 }
 
 /* Takes back a request that was not sent whole. Locks: tableLock held. */
-static void withdraw(AsyncCall* call)
+static void withdraw(AsyncCall* call) NEEDS_LOCK(call->gwTok->tableLock)
 {
     namespace at = tp::performEciExecute;
 
     _QPX_ConnToken_t* gwTok = call->gwTok;
-    if (call->slotP->state == SLOT_DELIVERED) clapiUnlinkReply(gwTok, call->slotP);
-    countOut(gwTok);
+    if (call->slotP->state == SLOT_DELIVERED) clapiUnlinkReply(call->gwTok, call->slotP);
+    countOut(call->gwTok);
     TRACE(at::uncounted, gwTok->asyncCount.load(), gwTok);
     // Nothing can arrive any more on a closing connection, nor on one that has ended: there a
     // collector may be waiting for this very request.
@@ -472,7 +472,7 @@ struct Collection {
 };
 
 /* Whether the wanted reply can come at all. */
-static int checkQualifier(const Collection& wanted)
+static int checkQualifier(const Collection& wanted) NEEDS_LOCK(wanted.gwTok->tableLock)
 {
     const RequestSlot* slotP = clapiSlotById(&wanted.gwTok->table, wanted.qualifier);
     if (slotP == nullptr || slotP->state == SLOT_FREE || slotP->eciParms.eci_call_type != ECI_ASYNC)
@@ -489,7 +489,7 @@ static bool isQueued(const RequestSlot* slotP)
 
 /* The queued reply that is wanted, or null. While this thread slept, the slot may have become that
  * of a synchronous call, whose outcome is in no queue. */
-static RequestSlot* chooseReply(const Collection& wanted)
+static RequestSlot* chooseReply(const Collection& wanted) NEEDS_LOCK(wanted.gwTok->tableLock)
 {
     if (!wanted.isSpecific) return wanted.gwTok->firstReply;
     RequestSlot* slotP = clapiSlotById(&wanted.gwTok->table, wanted.qualifier);
@@ -502,6 +502,7 @@ static RequestSlot* chooseReply(const Collection& wanted)
  * if another waiter has armed the event again by then.
  */
 static int sleepUntilReply(const Collection& wanted, LockGuard* table)
+    NEEDS_LOCK(wanted.gwTok->tableLock) NOT_ANALYSED("gives up what its caller's guard holds")
 {
     namespace at = tp::getAsyncReply;
 
@@ -528,7 +529,7 @@ static int sleepUntilReply(const Collection& wanted, LockGuard* table)
 }
 
 /* Whether an outcome that is wanted has come, and its sender will deliver it any moment. */
-static bool outcomeIsPending(const Collection& wanted)
+static bool outcomeIsPending(const Collection& wanted) NEEDS_LOCK(wanted.gwTok->tableLock)
 {
     const RequestSlot* slotP = &wanted.gwTok->table.slot[0];
     for (; slotP != nullptr; slotP = slotP->nextSlot) {
@@ -539,6 +540,7 @@ static bool outcomeIsPending(const Collection& wanted)
 }
 
 static int awaitAsyncReply(const Collection& wanted, LockGuard* table)
+    NEEDS_LOCK(wanted.gwTok->tableLock)
 {
     namespace at = tp::getAsyncReply;
 
@@ -554,6 +556,7 @@ static int awaitAsyncReply(const Collection& wanted, LockGuard* table)
 }
 
 static int findReply(const Collection& wanted, LockGuard* table, RequestSlot** slotPP)
+    NEEDS_LOCK(wanted.gwTok->tableLock)
 {
     int rc = wanted.isSpecific ? checkQualifier(wanted) : ECI_NO_ERROR;
     *slotPP = nullptr;
@@ -636,6 +639,7 @@ static int giveChannelBack(ECI_Channel_t* channel)
  * none of its calls will find it: the message ids of later requests depend on which slots are free,
  * and Gateways and traces show them. */
 static int consumeSlot(const Collection& wanted, RequestSlot* slotP)
+    NEEDS_LOCK(wanted.gwTok->tableLock)
 {
     const QPX_ECI_PARMS* EciParms = &slotP->eciParms; // the caller's may be changing
     ECI_Channel_t* channel = takeHeldChannel(slotP);
@@ -653,7 +657,7 @@ static int consumeSlot(const Collection& wanted, RequestSlot* slotP)
 }
 
 /* With nothing queued, later waiters must wait, unless nothing can come any more. */
-static int armForNextReply(_QPX_ConnToken_t* gwTok)
+static int armForNextReply(_QPX_ConnToken_t* gwTok) NEEDS_LOCK(gwTok->tableLock)
 {
     namespace at = tp::getAsyncReply;
 
@@ -665,6 +669,7 @@ static int armForNextReply(_QPX_ConnToken_t* gwTok)
 }
 
 static int takeReply(const Collection& wanted, RequestSlot* slotP)
+    NEEDS_LOCK(wanted.gwTok->tableLock)
 {
     namespace at = tp::getAsyncReply;
 

@@ -44,24 +44,24 @@ static int sockOptOff = 0;
  * it inherits, and no number that is another's by now.
  */
 static ProcessLock openSocketsGuard(RANK_SOCKETS);
-static _QPX_ConnToken_t* firstOpenSocket = nullptr; // by openSocketsGuard
+static _QPX_ConnToken_t* firstOpenSocket GUARDED_BY(openSocketsGuard) = nullptr;
 
-class OpenSocketsHold {
+class HOLDS_A_LOCK OpenSocketsHold {
 public:
-    OpenSocketsHold() { clapiTake(&openSocketsGuard); }
-    ~OpenSocketsHold() { clapiGiveUp(&openSocketsGuard); }
+    OpenSocketsHold() ACQUIRES(openSocketsGuard) { clapiTake(&openSocketsGuard); }
+    ~OpenSocketsHold() RELEASES() { clapiGiveUp(&openSocketsGuard); }
     OpenSocketsHold(const OpenSocketsHold&) = delete;
     OpenSocketsHold& operator=(const OpenSocketsHold&) = delete;
 };
 
 /* Locks: openSocketsGuard held, as in the function that follows. */
-static void noteOpen(_QPX_ConnToken_t* gwTokPtr)
+static void noteOpen(_QPX_ConnToken_t* gwTokPtr) NEEDS_LOCK(openSocketsGuard)
 {
     gwTokPtr->nextOpenSocket = firstOpenSocket;
     firstOpenSocket = gwTokPtr;
 }
 
-static void noteClosing(const _QPX_ConnToken_t* gwTokPtr)
+static void noteClosing(const _QPX_ConnToken_t* gwTokPtr) NEEDS_LOCK(openSocketsGuard)
 {
     _QPX_ConnToken_t** linkPtr = &firstOpenSocket;
     while (*linkPtr != nullptr && *linkPtr != gwTokPtr) linkPtr = &(*linkPtr)->nextOpenSocket;
@@ -84,17 +84,17 @@ static void closeSocket(_QPX_ConnToken_t* gwTokPtr)
     TRACE(at::exit, closeErrno);
 }
 
-void clapiConnectionsForkPrepare(void)
+void clapiConnectionsForkPrepare(void) ACQUIRES(openSocketsGuard)
 {
     clapiTakeForFork(&openSocketsGuard);
 }
 
-void clapiConnectionsForkParent(void)
+void clapiConnectionsForkParent(void) RELEASES(openSocketsGuard)
 {
     clapiGiveUp(&openSocketsGuard);
 }
 
-void clapiConnectionsForkChild(void)
+void clapiConnectionsForkChild(void) RELEASES(openSocketsGuard)
 {
     for (_QPX_ConnToken_t* token = firstOpenSocket; token != nullptr;
          token = token->nextOpenSocket) {
@@ -256,7 +256,7 @@ static int readAside(Receiver* r, const RequestSlot* slotP)
 
 /* Says where an ECI reply goes. A list that comes with a failure goes nowhere.
  * 0 or QPX_ERR_MALLOCFAIL. Locks: tableLock held. */
-static int loadReplyRecord(Receiver* r, RequestSlot* slotP)
+static int loadReplyRecord(Receiver* r, RequestSlot* slotP) NEEDS_LOCK(r->conn->tableLock)
 {
     if (slotP->purpose == SYSTEM_LIST_QUERY && r->header.gatewayRc != QPX_OK) return QPX_OK;
     growReplyBuffer(slotP, &r->sockBuffer);
@@ -308,7 +308,7 @@ static int findReplySlot(Receiver* r)
 
 /* Whether the slot that was found still is in the use that it was found in.
  * Locks: tableLock held. */
-static bool stillWaits(const Receiver* r)
+static bool stillWaits(const Receiver* r) NEEDS_LOCK(r->conn->tableLock)
 {
     return r->slotP != nullptr && clapiAwaitsOutcome(r->slotP) &&
            r->slotP->allocNumber == r->allocNumber;
@@ -366,7 +366,8 @@ static int applyReplyData(const RequestSlot* slotP, const ArrivingBytes* data, i
 
 /* Applies what was read aside for a request that is not being sent any more.
  * Locks: tableLock held; given up meanwhile. */
-static int applyAside(Receiver* r, LockGuard* table)
+static int applyAside(Receiver* r, LockGuard* table) NEEDS_LOCK(r->conn->tableLock)
+    NOT_ANALYSED("gives up what its caller's guard holds")
 {
     bool released = table->release() == 0;
     int rc = applyReplyData(r->slotP, &r->aside, r->header.gatewayRc);
@@ -376,6 +377,7 @@ static int applyAside(Receiver* r, LockGuard* table)
 
 /* Locks: tableLock held, but for what applyAside says. */
 static int settleReply(Receiver* r, ReplyKind kind, LockGuard* table, LaterWake* wakeP)
+    NEEDS_LOCK(r->conn->tableLock)
 {
     // From here on, once it is 0 it stays so: it is looked at once.
     bool overtakes = r->slotP->beingSent != 0;
@@ -475,7 +477,8 @@ static int receiveReply(Receiver* r)
  * reply says ends the connection, and the request with it.
  * Locks: tableLock held; given up while the reply's data is applied. */
 static void deliverPendingOutcome(_QPX_ConnToken_t* gwTokPtr, RequestSlot* slotP, LockGuard* table,
-                                  LaterWake* wakeP)
+                                  LaterWake* wakeP) NEEDS_LOCK(gwTokPtr->tableLock)
+    NOT_ANALYSED("gives up what its caller's guard holds")
 {
     int gatewayRc = slotP->gatewayRc;
     ArrivingBytes data = clapiTakeArrived(&slotP->replyData);
@@ -627,7 +630,7 @@ static void receiveFlows(Receiver* r)
 /* Sets the connection's final state, and tells the connecting thread, if it still waits, what has
  * ended the connection. Locks: tableLock held, so that nobody sees the state before the requests
  * that wait have got their results. */
-static void noteEnd(Receiver* r)
+static void noteEnd(Receiver* r) NEEDS_LOCK(r->conn->tableLock)
 {
     _QPX_ConnToken_t* conn = r->conn;
     if (r->closed) {
@@ -641,14 +644,13 @@ static void noteEnd(Receiver* r)
 
 /* Gives every request that still waits the connection's end as its result, and lets those go
  * that wait for an asynchronous reply. */
-static void completeWaitingRequests(Receiver* r)
+static void completeWaitingRequests(Receiver* r) NEEDS_LOCK(r->conn->tableLock)
 {
-    _QPX_ConnToken_t* conn = r->conn;
-    for (RequestSlot* slotP = &conn->table.slot[0]; slotP != nullptr; slotP = slotP->nextSlot) {
+    for (RequestSlot* slotP = &r->conn->table.slot[0]; slotP != nullptr; slotP = slotP->nextSlot) {
         LaterWake wake;
-        if (clapiAwaitsOutcome(slotP)) clapiSettleSlot(conn, slotP, r->closeRc, &wake);
+        if (clapiAwaitsOutcome(slotP)) clapiSettleSlot(r->conn, slotP, r->closeRc, &wake);
     }
-    clapiClearEvent(&conn->asyncReplyEvent);
+    clapiClearEvent(&r->conn->asyncReplyEvent);
 }
 
 static void endConnection(Receiver* r)
@@ -912,6 +914,7 @@ static int createReceiverThread(_QPX_ConnToken_t* gwTokPtr)
  * open until the handshake is written.
  */
 static int startReceiverThread(_QPX_ConnToken_t* gwTokPtr)
+    NOT_ANALYSED("no other thread counts senders yet")
 {
     namespace at = tp::clapiConnectToGateway;
 

@@ -28,10 +28,10 @@ static const char TOKEN_EYECATCHER[] = "QPXGWTOK";
 static const char SLOT_EYECATCHER[] = "QPXRSLOT";
 
 Clapilock gtlLock;
-static _QPX_ConnToken_t* gtListHeadPtr = nullptr; // guarded by gtlLock
-static _QPX_ConnToken_t* gtListTailPtr = nullptr; // guarded by gtlLock; stale for an empty list
-static AddressSet<_QPX_ConnToken_t, &_QPX_ConnToken_t::nextInSet> listedTokens; // by gtlLock
-static uint64_t lastSerial = 0; // guarded by gtlLock; that of the last token listed
+static _QPX_ConnToken_t* gtListHeadPtr GUARDED_BY(gtlLock) = nullptr;
+static _QPX_ConnToken_t* gtListTailPtr GUARDED_BY(gtlLock) = nullptr; // stale for an empty list
+static AddressSet<_QPX_ConnToken_t, &_QPX_ConnToken_t::nextInSet> listedTokens GUARDED_BY(gtlLock);
+static uint64_t lastSerial GUARDED_BY(gtlLock) = 0; // that of the last token listed
 
 /* Results of findGatewayToken. */
 constexpr int TOKEN_NULL = 1002;
@@ -418,13 +418,13 @@ enum class Seeker {
     Holder  // knows that the token is there, since it opens it or is one of its deleters
 };
 
-static bool showsTo(Seeker seeker, const _QPX_ConnToken_t* token)
+static bool showsTo(Seeker seeker, const _QPX_ConnToken_t* token) NEEDS_LOCK(gtlLock)
 {
     return seeker == Seeker::Holder || token->opening == 0;
 }
 
 /* How many tokens stand before a listed one; counted for the trace alone. */
-static int positionInList(const _QPX_ConnToken_t* token)
+static int positionInList(const _QPX_ConnToken_t* token) NEEDS_LOCK(gtlLock)
 {
     int before = 0;
     while ((token = token->beforeInList) != nullptr) before += 1;
@@ -432,7 +432,7 @@ static int positionInList(const _QPX_ConnToken_t* token)
 }
 
 static int searchTokenList(_QPX_ConnToken_t* targetToken, _QPX_ConnToken_t** parentTokenPtrPtr,
-                           Seeker seeker)
+                           Seeker seeker) NEEDS_LOCK(gtlLock)
 {
     namespace at = tp::findGatewayToken;
 
@@ -458,7 +458,7 @@ static int searchTokenList(_QPX_ConnToken_t* targetToken, _QPX_ConnToken_t** par
 /* Searches the list for a token; *parentTokenPtrPtr, where wanted, receives the token before it.
  * Locks: gtlLock held. */
 static int findGatewayToken(_QPX_ConnToken_t* targetToken, _QPX_ConnToken_t** parentTokenPtrPtr,
-                            Seeker seeker)
+                            Seeker seeker) NEEDS_LOCK(gtlLock)
 {
     namespace at = tp::findGatewayToken;
 
@@ -510,7 +510,7 @@ static int chainGatewayToken(_QPX_ConnToken_t* newToken)
 
 /* Deliberate: when the head goes, the tail is left as it was, for it is read only while there is a
  * head, and then it is right. Locks: gtlLock held. */
-static void unlinkFromList(_QPX_ConnToken_t* token, _QPX_ConnToken_t* parent)
+static void unlinkFromList(_QPX_ConnToken_t* token, _QPX_ConnToken_t* parent) NEEDS_LOCK(gtlLock)
 {
     listedTokens.remove(token);
     if (token->nextGwyTokPtr != nullptr) token->nextGwyTokPtr->beforeInList = parent;
@@ -542,7 +542,7 @@ int clapiFormatGatewayToken(_QPX_ConnToken_t* gwTokPtr, char* formattedToken)
 }
 
 /* Locks: gtlLock and traceLock held. */
-static int dumpTokenList()
+static int dumpTokenList() NEEDS_LOCK(gtlLock, traceLock)
 {
     clapiTracePrint("Gateway Token List dump\n%s", TRACE_DUMP_RULE);
     int entries = 0;
@@ -713,6 +713,7 @@ static void copyApplid(char (&field)[APPLID_SIZE + 1], const char* text)
 
 static void setInitialFields(_QPX_ConnToken_t* token, int port, int connTimeout, const char* applid,
                              const char* applidQualifier)
+    NOT_ANALYSED("nobody else knows the token yet")
 {
     memset(static_cast<void*>(token), 0, sizeof *token);
     memcpy(token->eyecatcher, TOKEN_EYECATCHER, sizeof token->eyecatcher);
@@ -745,10 +746,10 @@ static int buildToken(_QPX_ConnToken_t** newToken, int port, int connTimeout, co
         return QPX_ERR_MALLOCFAIL;
     }
     setInitialFields(token, port, connTimeout, applid, applidQualifier);
-    clapiInitializeTable(&token->table, 1);
-    token->table.lookUp = slotLookup;
-    TRACE(at::slotTable, token->table.slot[0].messageId.load(),
-          lastSlotOf(&token->table)->messageId.load());
+    RequestTable* tableP = &token->table;
+    clapiInitializeTable(tableP, 1);
+    tableP->lookUp = slotLookup;
+    TRACE(at::slotTable, tableP->slot[0].messageId.load(), lastSlotOf(tableP)->messageId.load());
 
     int rc = createPrimitives(token);
     if (rc == QPX_OK) {
@@ -838,7 +839,7 @@ int clapiCreateGatewayToken(QPX_ConnToken_t* gwTokPtr, char* hostname, int port,
 
 /* Whether a close of the token has begun, or has taken it off the list not long ago.
  * Locks: gtlLock held. */
-static bool isClosing(const _QPX_ConnToken_t* gwTokPtr, int findRc)
+static bool isClosing(const _QPX_ConnToken_t* gwTokPtr, int findRc) NEEDS_LOCK(gtlLock)
 {
     return findRc == TOKEN_FOUND ? gwTokPtr->closedown != 0 : clapiHasLeft(gwTokPtr);
 }
@@ -847,7 +848,7 @@ static bool isClosing(const _QPX_ConnToken_t* gwTokPtr, int findRc)
  * Marks a token, and counts whoever has marked it among its deleters in the same hold: from here
  * on the token stays until that thread has been through the delete. Locks: gtlLock held.
  */
-static int markAsClosing(_QPX_ConnToken_t* gwTokPtr)
+static int markAsClosing(_QPX_ConnToken_t* gwTokPtr) NEEDS_LOCK(gtlLock)
 {
     namespace at = tp::clapiCloseGatewayToken;
 
@@ -890,6 +891,7 @@ static int lockAndMarkAsClosing(_QPX_ConnToken_t* gwTokPtr)
 }
 
 int clapiCloseGatewayToken(_QPX_ConnToken_t* gwTokPtr, int lockRequired)
+    NOT_ANALYSED("lockRequired tells who has the lock")
 {
     namespace at = tp::clapiCloseGatewayToken;
 
@@ -956,7 +958,7 @@ static void waitForReceiver(_QPX_ConnToken_t* gwToken)
 }
 
 /* Gives up asynchronous replies that nobody has collected. Locks: tableLock held. */
-static void giveUpReplies(_QPX_ConnToken_t* gwToken)
+static void giveUpReplies(_QPX_ConnToken_t* gwToken) NEEDS_LOCK(gwToken->tableLock)
 {
     int givenUp = gwToken->asyncCount.exchange(0);
     // Another close of the token may be waiting for these very replies.
@@ -965,7 +967,7 @@ static void giveUpReplies(_QPX_ConnToken_t* gwToken)
 
 /* Gives channels that asynchronous requests hold back to the application; not those of calls that
  * are still being made, which do so themselves. Locks: tableLock held. */
-static void unlockChannels(_QPX_ConnToken_t* gwToken)
+static void unlockChannels(_QPX_ConnToken_t* gwToken) NEEDS_LOCK(gwToken->tableLock)
 {
     for (RequestSlot* slotP = &gwToken->table.slot[0]; slotP != nullptr; slotP = slotP->nextSlot) {
         if (slotP->channelHeld == 0 || slotP->eciParms.eci_call_type != ECI_ASYNC) continue;
@@ -989,6 +991,7 @@ static int waitForCalls(_QPX_ConnToken_t* gwToken, int calls)
 
 /* As waitForCalls for a caller that holds tableLock, which is given up meanwhile. */
 static int seeCallsOut(_QPX_ConnToken_t* gwToken, int calls, LockGuard* table)
+    NEEDS_LOCK(gwToken->tableLock) NOT_ANALYSED("gives up what its caller's guard holds")
 {
     namespace at = tp::quiesceConnection;
 
@@ -1072,7 +1075,7 @@ static void freeAllSlots(_QPX_ConnToken_t* token)
 /* Ends a token that is not on the list any more and that nobody works on. Deliberate:
  * recvThreadEndedEvent is not deleted, for the receiver that has posted it may not have left it
  * yet. Locks: gtlLock held. */
-static void freeToken(_QPX_ConnToken_t* token)
+static void freeToken(_QPX_ConnToken_t* token) NEEDS_LOCK(gtlLock)
 {
     namespace at = tp::clapiDeleteGatewayToken;
 
@@ -1093,7 +1096,8 @@ static void freeToken(_QPX_ConnToken_t* token)
 }
 
 /* Finds the token for its delete. Locks: takes gtlLock, and keeps it on success. */
-static int lockAndFind(_QPX_ConnToken_t* token, Deleter deleter)
+static int lockAndFind(_QPX_ConnToken_t* token, Deleter deleter) ACQUIRES_IF_ZERO(gtlLock)
+    NOT_ANALYSED("whether it keeps the lock depends on what it finds")
 {
     namespace at = tp::clapiDeleteGatewayToken;
 
@@ -1116,6 +1120,7 @@ static int lockAndFind(_QPX_ConnToken_t* token, Deleter deleter)
 
 /* Begins a delete and gives up gtlLock, which the caller holds unless lockRequired is set. */
 static int beginDelete(_QPX_ConnToken_t* token, int lockRequired, Deleter deleter)
+    NOT_ANALYSED("lockRequired tells who has the lock")
 {
     namespace at = tp::clapiDeleteGatewayToken;
 
@@ -1139,7 +1144,8 @@ static int beginDelete(_QPX_ConnToken_t* token, int lockRequired, Deleter delete
  * was quiesced; nobody can come after them. False if the token is another delete's.
  * Locks: gtlLock held; given up while waiting, and taken again.
  */
-static bool unlinkForGood(_QPX_ConnToken_t* token, LockGuard* list)
+static bool unlinkForGood(_QPX_ConnToken_t* token, LockGuard* list) NEEDS_LOCK(gtlLock)
+    NOT_ANALYSED("gives up what its caller's guard holds")
 {
     if (token->deleters > 0 || token->quiesced == 0) return false;
     _QPX_ConnToken_t* parent = nullptr;
@@ -1237,7 +1243,7 @@ struct Walk {
 
 /* The next token of the walk, or null. One whose open has not ended belongs to the thread that
  * opens it. */
-static _QPX_ConnToken_t* nextToDelete(const Walk& walk)
+static _QPX_ConnToken_t* nextToDelete(const Walk& walk) NEEDS_LOCK(gtlLock)
 {
     _QPX_ConnToken_t* token = gtListHeadPtr;
     while (token != nullptr && (token->serial <= walk.visited || token->opening != 0))
@@ -1250,13 +1256,13 @@ static _QPX_ConnToken_t* nextToDelete(const Walk& walk)
  * comes to those behind it by now; but once it is past those that it has set out for it looks for
  * no more, lest it never ends while others go on opening.
  */
-static void visit(Walk* walk, const _QPX_ConnToken_t* token)
+static void visit(Walk* walk, const _QPX_ConnToken_t* token) NEEDS_LOCK(gtlLock)
 {
     walk->visited = token->serial;
     if (token->serial <= walk->lastAtStart) walk->lastToVisit = lastSerial;
 }
 
-static void traceTokenToDelete(_QPX_ConnToken_t* token, int entry)
+static void traceTokenToDelete(_QPX_ConnToken_t* token, int entry) NEEDS_LOCK(gtlLock)
 {
     namespace at = tp::clapiDeleteGatewayTokens;
 
@@ -1268,7 +1274,7 @@ static void traceTokenToDelete(_QPX_ConnToken_t* token, int entry)
 
 /* Deletes every token and returns their number. Each delete gives up gtlLock, which is taken
  * again for the look at the list between two of them. */
-static int deleteEveryToken()
+static int deleteEveryToken() NOT_ANALYSED("each delete gives up the lock")
 {
     namespace at = tp::clapiDeleteGatewayTokens;
 

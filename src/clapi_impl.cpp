@@ -31,7 +31,7 @@ static pthread_once_t initState = PTHREAD_ONCE_INIT;
 /* Held by the initialisation and across a fork: a child that is forked meanwhile inherits either
  * nothing of it or the whole. */
 static ProcessLock initGuard(RANK_INIT);
-static bool initHasRun = false; // by initGuard
+static bool initHasRun GUARDED_BY(initGuard) = false;
 
 static char clapiVersion[sizeof QPX_API_VERSION_TEXT];
 static char cldllVersion[sizeof QPX_DLL_VERSION_TEXT];
@@ -229,7 +229,7 @@ int clapiInit(void)
  * taken anywhere, so that the child finds none of them taken by a thread that it does not have, and
  * nothing half changed that they guard. None of the three writes a line or needs memory.
  */
-static void prepareFork(void)
+static void prepareFork(void) NOT_ANALYSED("which locks there are is known at run time")
 {
     clapiTakeForFork(&initGuard);
     if (clapiState != 0) { // the locks exist
@@ -241,7 +241,7 @@ static void prepareFork(void)
     clapiTraceForkPrepare();
 }
 
-static void endForkInParent(void)
+static void endForkInParent(void) NOT_ANALYSED("which locks there are is known at run time")
 {
     clapiTraceForkParent();
     if (clapiState != 0) {
@@ -254,7 +254,7 @@ static void endForkInParent(void)
 }
 
 /* The connections are the parent's: the child has none of their threads, and forgets them. */
-static void endForkInChild(void)
+static void endForkInChild(void) NOT_ANALYSED("which locks there are is known at run time")
 {
     clapiTraceForkChild();
     if (clapiState != 0) {

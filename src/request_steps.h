@@ -36,7 +36,7 @@ struct OutgoingRequest {
 
     /* What it gets on a connection that does not stand. With 0 it goes on, to no socket: that has
      * the same result as a closed one. Locks: tableLock held. */
-    int refusal() const { return QPX_OK; }
+    int refusal() const NEEDS_LOCK(gwTok->tableLock) { return QPX_OK; }
 
     /* It waits now. Locks: tableLock held. */
     void traceBegun() const {}
@@ -76,7 +76,7 @@ int withLock(Clapilock& lock, Step step)
 
 /* Locks: tableLock held. */
 template <typename Request>
-int takeRequestSlot(Request* request)
+int takeRequestSlot(Request* request) NEEDS_LOCK(request->gwTok->tableLock)
 {
     _QPX_ConnToken_t* gwTok = request->gwTok;
     int rc = gwTok->connStatus == CONN_CONNECTED ? QPX_OK : request->refusal();
@@ -98,7 +98,7 @@ int obtainRequestSlot(Request* request)
 {
     using Lines = typename Request::Lines;
 
-    auto take = [&] { return takeRequestSlot(request); };
+    auto take = [&]() NOT_ANALYSED("withLock holds the lock") { return takeRequestSlot(request); };
     return withLock<Lines::noLock, Lines::notUnlocked>(request->gwTok->tableLock, take);
 }
 
@@ -122,7 +122,7 @@ int beginRequest(Request* request, bool* begun)
 {
     using Lines = typename Request::Lines;
 
-    auto begin = [&] {
+    auto begin = [&]() NOT_ANALYSED("withLock holds the lock") {
         *begun = clapiBeginSending(request->gwTok, request->slotP);
         if (!*begun) return request->refusal();
         request->traceBegun();

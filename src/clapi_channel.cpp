@@ -167,9 +167,11 @@ static int localCcsid()
 {
     namespace at = tp::getCurrentCcsid;
 
-    setlocale(LC_ALL, "");
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): applications know that and when it happens
+    static_cast<void>(setlocale(LC_ALL, ""));
     // Deliberate: neither LC_ALL nor LC_CTYPE is asked. The code page would become another one on
     // machines where they are set, and data that servers know would come out differently.
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody may change the environment meanwhile
     const char* lang = getenv("LANG");
     if (lang != nullptr && lang[0] != '\0') return ccsidOfCodeSet(lang);
     TRACE(at::noLang, CCSID_ISO_8859_1);
@@ -1040,35 +1042,36 @@ int ECI_getChannelName(ECI_ChannelToken_t chanTok, char* nameBuffer)
 static void printContainer(FILE* text, const ECI_Container_t* container, int ordinal,
                            int containers)
 {
-    fprintf(text,
-            "   Container list entry -%4.4d/%4.4d- : Container(%p): eyecatcher(%8.8s) "
-            "name(%16.16s) type(%d) ccsid(%d) dataLength(%lu) dataPtr(%p) nextCont(%p)\n",
-            ordinal, containers, static_cast<const void*>(container), container->eyecatcher,
-            container->name, container->type, container->ccsid, traceSize(container->dataLength),
-            static_cast<void*>(container->dataPtr), static_cast<void*>(container->nextCont));
+    static_cast<void>(fprintf(
+        text,
+        "   Container list entry -%4.4d/%4.4d- : Container(%p): eyecatcher(%8.8s) "
+        "name(%16.16s) type(%d) ccsid(%d) dataLength(%lu) dataPtr(%p) nextCont(%p)\n",
+        ordinal, containers, static_cast<const void*>(container), container->eyecatcher,
+        container->name, container->type, container->ccsid, traceSize(container->dataLength),
+        static_cast<void*>(container->dataPtr), static_cast<void*>(container->nextCont)));
 }
 
 static void printChannel(FILE* text, const ECI_Channel_t* channel, int ordinal)
     NEEDS_LOCK(chanListLock)
 {
-    fprintf(text,
-            "Channel list entry -%4.4d- : Channel(%p): eyecatcher(%8.8s) name(%16.16s) "
-            "serlock(%p) unlockEvent(%p) isLocked(%d) ccsid(%d) numContainers(%d) "
-            "nextChannel(%p) firstCont(%p) currentCont(%p)\n",
-            ordinal, static_cast<const void*>(channel), channel->eyecatcher, channel->name,
-            static_cast<const void*>(&channel->serLock),
-            static_cast<const void*>(&channel->unlockEvent), channel->isLocked.load(),
-            channel->ccsid.load(), channel->numContainers.load(),
-            static_cast<void*>(channel->nextChan), static_cast<void*>(channel->firstCont),
-            static_cast<void*>(channel->currentCont.load()));
+    static_cast<void>(fprintf(
+        text,
+        "Channel list entry -%4.4d- : Channel(%p): eyecatcher(%8.8s) name(%16.16s) "
+        "serlock(%p) unlockEvent(%p) isLocked(%d) ccsid(%d) numContainers(%d) "
+        "nextChannel(%p) firstCont(%p) currentCont(%p)\n",
+        ordinal, static_cast<const void*>(channel), channel->eyecatcher, channel->name,
+        static_cast<const void*>(&channel->serLock),
+        static_cast<const void*>(&channel->unlockEvent), channel->isLocked.load(),
+        channel->ccsid.load(), channel->numContainers.load(), static_cast<void*>(channel->nextChan),
+        static_cast<void*>(channel->firstCont), static_cast<void*>(channel->currentCont.load())));
 }
 
 /* The dump as one text. Locks: chanListLock held. */
 static void printChannels(FILE* text) NEEDS_LOCK(chanListLock)
 {
     ContainerListHold hold;
-    fprintf(text, "Channel and container dump\n%s", TRACE_DUMP_RULE);
-    if (chanList == nullptr) fprintf(text, "The channel list is EMPTY\n");
+    static_cast<void>(fprintf(text, "Channel and container dump\n%s", TRACE_DUMP_RULE));
+    if (chanList == nullptr) static_cast<void>(fprintf(text, "The channel list is EMPTY\n"));
     int channels = 0;
     for (const ECI_Channel_t* channel = chanList; channel != nullptr; channel = channel->nextChan) {
         printChannel(text, channel, ++channels);
@@ -1078,7 +1081,7 @@ static void printChannels(FILE* text) NEEDS_LOCK(chanListLock)
              container = container->nextCont)
             printContainer(text, container, ++ordinal, channel->numContainers);
     }
-    fprintf(text, "Total number of channels=%d\n%s", channels, TRACE_DUMP_RULE);
+    static_cast<void>(fprintf(text, "Total number of channels=%d\n%s", channels, TRACE_DUMP_RULE));
 }
 
 /* The text of the dump, which the caller frees, or null. Locks: chanListLock held. */

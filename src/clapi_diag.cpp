@@ -72,7 +72,7 @@ static void putSeconds(char* stamp, const timespec& now)
 {
     tm local = {};
     localtime_r(&now.tv_sec, &local);
-    strftime(stamp, sizeof timeStamp, "%d/%m/%y %H:%M:%S:", &local);
+    static_cast<void>(strftime(stamp, sizeof timeStamp, "%d/%m/%y %H:%M:%S:", &local));
 }
 
 /* Writes the last digits of a number, as many as there is room for, in front of end. */
@@ -124,7 +124,7 @@ void clapiGetDate(char* msgBuf)
     clock_gettime(CLOCK_REALTIME, &now);
     tm local = {};
     localtime_r(&now.tv_sec, &local);
-    strftime(msgBuf, sizeof dateBuf, "%d/%m/%y", &local);
+    static_cast<void>(strftime(msgBuf, sizeof dateBuf, "%d/%m/%y", &local));
 }
 
 #pragma GCC diagnostic pop
@@ -139,6 +139,7 @@ static void providePid()
 {
     if (keptPid != nullptr) return;
     size_t size = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    // cppcheck-suppress invalidFunctionArg ; -1 stands for no file
     void* page = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (page == MAP_FAILED) return;
     if (madvise(page, size, MADV_WIPEONFORK) == 0)
@@ -335,11 +336,11 @@ void Output::printLong(const char* format, va_list args, size_t length)
     char* text = static_cast<char*>(malloc(length + 1));
     if (text == nullptr) {
         // Without memory it leaves in the stream's own pieces.
-        vfprintf(file, format, args);
+        static_cast<void>(vfprintf(file, format, args));
         fflush_unlocked(file);
         return;
     }
-    vsnprintf(text, length + 1, format, args);
+    static_cast<void>(vsnprintf(text, length + 1, format, args));
     write(text, length);
     free(text);
 }
@@ -435,7 +436,7 @@ static FILE* awayFromStandardNumbers(FILE* file)
     int descriptor = fcntl(fileno(file), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     FILE* moved = descriptor < 0 ? nullptr : fdopen(descriptor, "ae");
     int error = errno;
-    fclose(file);
+    fclose(file); // NOLINT(cert-err33-c): nothing has been written to it
     if (moved == nullptr && descriptor >= 0) close(descriptor);
     errno = error;
     return moved;
@@ -488,6 +489,7 @@ TraceSwitch clapiSwitchTrace(const char* name)
         }
     }
     // Nobody can be writing to it any more.
+    // NOLINTNEXTLINE(cert-err33-c): its buffer is empty, and nobody is left to tell
     if (before != nullptr) fclose(before);
     return result;
 }

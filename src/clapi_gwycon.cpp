@@ -713,7 +713,7 @@ static int getHostInfo(const char* address, int port, addrinfo** hostInfo)
     namespace at = tp::getHostInfo;
 
     char portText[16];
-    snprintf(portText, sizeof portText, "%d", port);
+    static_cast<void>(snprintf(portText, sizeof portText, "%d", port));
     addrinfo hints = {};
     hints.ai_flags = AI_ADDRCONFIG | AI_ALL;
     hints.ai_socktype = SOCK_STREAM;

@@ -531,13 +531,13 @@ int clapiFormatGatewayToken(_QPX_ConnToken_t* gwTokPtr, char* formattedToken)
         strcpy(formattedToken, "GatwayToken(NULL)");
         return QPX_OK;
     }
-    snprintf(formattedToken, FORMATTED_TOKEN_SIZE,
-             "GatwayToken(%p) eyecatcher(%8.8s) port(%d) connStatus(%d) socket(%d) applid(%s) "
-             "applidQual(%s) nextGwyTokPtr(%p)",
-             static_cast<void*>(gwTokPtr), gwTokPtr->eyecatcher,
-             static_cast<int>(gwTokPtr->portNumber), gwTokPtr->connStatus.load(),
-             gwTokPtr->socketDescriptor.load(), gwTokPtr->applid, gwTokPtr->applidQualifier,
-             static_cast<void*>(gwTokPtr->nextGwyTokPtr));
+    static_cast<void>(snprintf(
+        formattedToken, FORMATTED_TOKEN_SIZE,
+        "GatwayToken(%p) eyecatcher(%8.8s) port(%d) connStatus(%d) socket(%d) applid(%s) "
+        "applidQual(%s) nextGwyTokPtr(%p)",
+        static_cast<void*>(gwTokPtr), gwTokPtr->eyecatcher, static_cast<int>(gwTokPtr->portNumber),
+        gwTokPtr->connStatus.load(), gwTokPtr->socketDescriptor.load(), gwTokPtr->applid,
+        gwTokPtr->applidQualifier, static_cast<void*>(gwTokPtr->nextGwyTokPtr)));
     return QPX_OK;
 }
 

@@ -179,8 +179,8 @@ static int initializeLibrary()
     clientAPITrace = TRACE_EXCEPTIONS;
     int rc = clapiInitTrace();
     if (rc != QPX_OK) {
-        fprintf(stderr, "clapi_impl.clapiInitFunc() Init of qpxclient API trace failed rc=%d\n",
-                rc);
+        static_cast<void>(fprintf(
+            stderr, "clapi_impl.clapiInitFunc() Init of qpxclient API trace failed rc=%d\n", rc));
         return rc;
     }
     rc = initializeGlobalLocks();
@@ -190,7 +190,7 @@ static int initializeLibrary()
 
     memcpy(clapiVersion, QPX_API_VERSION_TEXT, sizeof clapiVersion);
     memcpy(cldllVersion, QPX_DLL_VERSION_TEXT, sizeof cldllVersion);
-    signal(SIGPIPE, SIG_IGN);
+    static_cast<void>(signal(SIGPIPE, SIG_IGN));
     clapiState = 1;
     clientAPITrace = TRACE_OFF;
     return QPX_OK;

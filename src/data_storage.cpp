@@ -17,6 +17,7 @@ static bool hasOwnPages(size_t length)
 char* clapiAllocateData(size_t length)
 {
     if (!hasOwnPages(length)) return static_cast<char*>(malloc(length));
+    // cppcheck-suppress invalidFunctionArg ; -1 stands for no file
     void* pages = mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     return pages != MAP_FAILED ? static_cast<char*>(pages) : nullptr;
 }

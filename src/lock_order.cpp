@@ -5,6 +5,8 @@
  */
 #include "lock_order.h"
 
+#include "held_locks.h"
+
 #ifdef QPX_CHECK_LOCKS
 
 #include <cstdio>
@@ -50,19 +52,6 @@ constexpr bool risesEverywhere()
     return true;
 }
 static_assert(risesEverywhere(), "a lock is taken before one of a lower rank");
-
-/* No thread holds more, not even over a fork. */
-constexpr int MOST_HELD = 16;
-
-struct HeldLock {
-    const void* lock;
-    LockRank rank;
-};
-
-struct HeldLocks {
-    HeldLock locks[MOST_HELD];
-    int count;
-};
 
 } // namespace
 
@@ -125,6 +114,13 @@ void clapiNoteGivenUp(const void* lock)
         held.locks[i] = held.locks[held.count];
         return;
     }
+}
+
+void clapiExchangeHeldLocks(HeldLocks* others)
+{
+    HeldLocks mine = held;
+    held = *others;
+    *others = mine;
 }
 
 void clapiCheckWait(const void* givenUpMeanwhile)

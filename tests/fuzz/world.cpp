@@ -18,6 +18,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "held_locks.h"
+
 #if defined(__has_feature)
 #if __has_feature(address_sanitizer)
 #define FUZZ_ADDRESS_SANITIZER
@@ -214,6 +216,7 @@ struct Fiber {
     bool timeOver;
     bool hasEnded;
     void* fakeStack;
+    HeldLocks held; // by the one that does not run
 };
 
 constexpr std::size_t STACK_SIZE = 192 * 1024;
@@ -236,7 +239,9 @@ void resume(Fiber* fiber)
 #ifdef FUZZ_ADDRESS_SANITIZER
     __sanitizer_start_switch_fiber(&mainFakeStack, fiber->stack.data(), fiber->stack.size());
 #endif
+    clapiExchangeHeldLocks(&fiber->held);
     swapcontext(&mainContext, &fiber->context);
+    clapiExchangeHeldLocks(&fiber->held);
 #ifdef FUZZ_ADDRESS_SANITIZER
     __sanitizer_finish_switch_fiber(mainFakeStack, nullptr, nullptr);
 #endif
@@ -451,6 +456,7 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
     fiber->timeOver = false;
     fiber->hasEnded = false;
     fiber->fakeStack = nullptr;
+    fiber->held = HeldLocks{};
     getcontext(&fiber->context);
     fiber->context.uc_stack.ss_sp = fiber->stack.data();
     fiber->context.uc_stack.ss_size = fiber->stack.size();
@@ -496,6 +502,18 @@ int __wrap_pthread_cond_broadcast(pthread_cond_t* condition)
     return 0;
 }
 
+// What comes next where everybody waits: another of the application's threads, say, which has none
+// of the locks of the one that waits.
+static bool letOthersAct()
+{
+    if (!rules.onIdle) return false;
+    HeldLocks held = {};
+    clapiExchangeHeldLocks(&held);
+    bool any = rules.onIdle();
+    clapiExchangeHeldLocks(&held);
+    return any;
+}
+
 static int sleepOn(const pthread_cond_t* condition, pthread_mutex_t* mutex, bool limited)
 {
     int rc = 0;
@@ -509,7 +527,7 @@ static int sleepOn(const pthread_cond_t* condition, pthread_mutex_t* mutex, bool
         std::size_t place = mainWaits.size();
         mainWaits.push_back(MainWait{condition, false});
         while (!mainWaits[place].isWoken && rc == 0) {
-            if (runThreads() || (rules.onIdle && rules.onIdle())) continue;
+            if (runThreads() || letOthersAct()) continue;
             if (limited)
                 rc = ETIMEDOUT;
             else

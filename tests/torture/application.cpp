@@ -18,7 +18,8 @@ const Shim* shim = nullptr;
 namespace {
 
 std::mutex guard;
-std::set<std::string> worked; // guarded by guard
+std::set<std::string> worked;       // guarded by guard
+std::map<int, std::string> results; // by thread; guarded by guard
 std::atomic<bool> complained{false};
 bool coldStart = false;
 
@@ -122,9 +123,16 @@ void enter(const char* call)
     callOf[self] = call;
 }
 
+static void noteResult(const char* call, int rc, bool isCertain)
+{
+    std::lock_guard<std::mutex> hold(guard);
+    results[self] += std::string(call) + "=" + (isCertain ? std::to_string(rc) : "any") + ";";
+}
+
 int leave(const char* call, int rc, std::initializer_list<int> expected)
 {
     callOf[self] = nullptr;
+    noteResult(call, rc, expected.size() == 1);
     if (contains(expected, rc)) {
         std::lock_guard<std::mutex> hold(guard);
         worked.insert(call);
@@ -171,6 +179,14 @@ bool isReceiverOfAnOpen()
 void expectColdStart()
 {
     coldStart = true;
+}
+
+std::vector<std::string> toldResults()
+{
+    std::lock_guard<std::mutex> hold(guard);
+    std::vector<std::string> all;
+    for (const auto& [thread, text] : results) all.push_back(text);
+    return all;
 }
 
 bool hasWorked(const char* call)

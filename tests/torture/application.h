@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <initializer_list>
 #include <string>
+#include <vector>
 
 #include "qpxclient_eci.h"
 #include "qpxclient_esi.h"
@@ -57,6 +58,10 @@ bool isReceiverOfAnOpen();
 
 // Where the first call of the process may fail, every other fails with what it has failed with.
 void expectColdStart();
+
+// What the calls of each thread have returned, as one text for each thread, in no order; a result
+// that the order of threads decides on is left open.
+std::vector<std::string> toldResults();
 
 // Whether a call has had the result that is its work.
 bool hasWorked(const char* call);

@@ -1,7 +1,12 @@
-// Runs one scenario once, with one call of the library failing, in a process that ends with it.
+// Runs one scenario once, with one call of the library failing or with all that it reads and writes
+// cut up, in a process that ends with it.
 //
-//     torture_scenarios                             the names of the scenarios and of the faults
+//     torture_scenarios                 the names of the scenarios, of the faults and of the ways
 //     torture_scenarios SCENARIO FAULT K WHEN PORTS HELD
+//     torture_scenarios SCENARIO WAY SEED shredded PORTS HELD
+//
+// A shredded run is one in which nothing fails, and prints the same; with how many calls have been
+// cut or interrupted. One whose connect a real signal has ended, as it may, ends with 6.
 //
 // WHEN is "once" or "on": the K-th call of FAULT, or that and all behind it. A K of 0 only counts,
 // and prints how many calls there are of each kind, which calls of the library have worked, and
@@ -16,8 +21,10 @@
 #include <dlfcn.h>
 #include <sched.h>
 #include <signal.h>
+#include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -65,6 +72,78 @@ void awaitOneThread()
     while (entriesOf("/proc/self/task") != 3) sched_yield();
     leave("the end of all threads", 0, {0});
 }
+
+// ---- Shredding -----------------------------------------------------------------------------------
+
+struct Way {
+    const char* name;
+    Shredding shredding;
+    bool signals;
+    int handlerFlags;
+};
+
+const Way ways[] = {
+    {"received-one-by-one", Shredding::ReceivedOneByOne, false, 0},
+    {"received-at-random", Shredding::ReceivedAtRandom, false, 0},
+    {"sent-by-halves", Shredding::SentByHalves, false, 0},
+    {"interrupted", Shredding::Interrupted, false, 0},
+    {"signals", Shredding::None, true, 0},
+    {"signals-that-restart", Shredding::None, true, SA_RESTART},
+};
+
+const Way* wayOf(const char* name)
+{
+    for (const Way& way : ways)
+        if (std::strcmp(way.name, name) == 0) return &way;
+    return nullptr;
+}
+
+std::atomic<int> signalCount{0};
+
+void countSignal(int)
+{
+    signalCount += 1;
+}
+
+// A signal to the process in each millisecond, as long as this lives.
+class Signals {
+public:
+    explicit Signals(int handlerFlags)
+    {
+        struct sigaction action = {};
+        action.sa_handler = countSignal;
+        action.sa_flags = handlerFlags;
+        sigaction(SIGUSR1, &action, nullptr);
+        sigevent event = {};
+        event.sigev_notify = SIGEV_SIGNAL;
+        event.sigev_signo = SIGUSR1;
+        if (timer_create(CLOCK_MONOTONIC, &event, &timer_) != 0) _exit(95);
+        constexpr timespec millisecond = {0, 1000000};
+        itimerspec times = {millisecond, millisecond};
+        timer_settime(timer_, 0, &times, nullptr);
+    }
+    ~Signals() { timer_delete(timer_); }
+    Signals(const Signals&) = delete;
+    Signals& operator=(const Signals&) = delete;
+
+private:
+    timer_t timer_ = {};
+};
+
+void runShredded(const Scenario& scenario, const Way& way, unsigned seed)
+{
+    shim->shred(way.shredding, seed);
+    if (way.signals) {
+        Signals signals(way.handlerFlags);
+        scenario.run();
+    } else {
+        scenario.run();
+    }
+    std::printf("shreds %s %d\n", way.name, shim->shreds() + signalCount);
+    shim->shred(Shredding::None, 0);
+}
+
+// ---- What is left --------------------------------------------------------------------------------
 
 // What is held, as a number for each site.
 std::map<std::size_t, int> heldBySite()
@@ -156,6 +235,11 @@ void printCounts()
         std::printf("count %s %d\n", shim->faultName(fault), shim->calls(fault));
 }
 
+void printResults()
+{
+    for (const std::string& text : toldResults()) std::printf("told %s\n", text.c_str());
+}
+
 void printWhatRemains(const char* const* calls)
 {
     for (const auto& [site, count] : heldBySite()) std::printf("held %zu %d\n", site, count);
@@ -219,41 +303,57 @@ int printNames()
         std::printf("scenario %s\n", scenarios[i].name);
     for (int fault = 0; fault < shim->faults(); fault += 1)
         std::printf("fault %s\n", shim->faultName(fault));
+    for (const Way& way : ways) std::printf("way %s\n", way.name);
     return 0;
 }
 
-int runScenario(const Scenario& scenario, int fault, int k, bool fromThenOn, const char* held)
+// One run: with a call that fails, or none if k is 0, or shredded.
+struct Plan {
+    const Scenario* scenario = nullptr;
+    int fault = 0;
+    int k = 0;
+    bool fromThenOn = false;
+    const Way* way = nullptr;
+    unsigned seed = 0;
+    const char* held = "";
+};
+
+int runScenario(const Plan& plan)
 {
+    const Scenario& scenario = *plan.scenario;
     if (scenario.cold)
         expectColdStart();
     else
         cleanUp();
     int descriptors = entriesOf("/proc/self/fd");
-    failsForMemory = std::strcmp(shim->faultName(fault), "malloc") == 0;
-    if (failsForMemory || std::strcmp(shim->faultName(fault), "send-nobufs") == 0)
+    failsForMemory = std::strcmp(shim->faultName(plan.fault), "malloc") == 0;
+    if (failsForMemory || std::strcmp(shim->faultName(plan.fault), "send-nobufs") == 0)
         shim->onHit(noteHit);
 
-    shim->arm(fault, k, fromThenOn);
-    scenario.run();
+    shim->arm(plan.fault, plan.k, plan.fromThenOn);
+    if (plan.way == nullptr)
+        scenario.run();
+    else
+        runShredded(scenario, *plan.way, plan.seed);
+    if (shim->interruptedConnects() > 0) return 6;
     shim->disarm();
     shim->onHit(nullptr);
     int failures = shim->hits();
     std::size_t place = shim->place();
-    if (k == 0) printCounts();
+    if (plan.k == 0) printCounts();
+    if (plan.k == 0) printResults();
 
     bool works = expectAllToWork(scenario);
     awaitOneThread();
     // Of a library that has not come to life nobody can take the trace file away.
     if (works && entriesOf("/proc/self/fd") > descriptors) complain("a descriptor is left");
-    if (k == 0)
-        printWhatRemains(exportedCalls);
-    else if (works)
-        compareHeld(readHeld(held));
+    if (plan.k == 0) printWhatRemains(exportedCalls);
+    if (works && (plan.k != 0 || plan.way != nullptr)) compareHeld(readHeld(plan.held));
     if (hasComplained() && failures > 0)
         std::printf("bad the first failure was at %s of the library\n", hex(place).c_str());
     std::fflush(stdout);
     if (hasComplained()) return 1;
-    return k == 0 || failures > 0 ? 0 : 3;
+    return plan.k == 0 || failures > 0 ? 0 : 3;
 }
 
 } // namespace
@@ -271,15 +371,24 @@ int main(int argc, char** argv)
     }
     shim = entry();
     if (argc == 1) return printNames();
-    const Scenario* scenario = argc == 7 ? scenarioOf(argv[1]) : nullptr;
-    int fault = argc == 7 ? faultOf(argv[2]) : -1;
-    if (scenario == nullptr || fault < 0) return 2;
+    if (argc != 7) return 2;
+    Plan plan;
+    plan.scenario = scenarioOf(argv[1]);
+    plan.held = argv[6];
+    plan.way = wayOf(argv[2]);
+    if (plan.way != nullptr) {
+        plan.seed = static_cast<unsigned>(std::atoi(argv[3]));
+    } else {
+        plan.fault = faultOf(argv[2]);
+        plan.k = std::atoi(argv[3]);
+        plan.fromThenOn = std::strcmp(argv[4], "on") == 0;
+    }
+    if (plan.scenario == nullptr || plan.fault < 0) return 2;
     if (std::sscanf(argv[5], "%d,%d,%d,%d", &ports.gateway, &ports.refusing, &ports.dropping,
                     &ports.silent) != 4)
         return 2;
 
     signal(SIGALRM, endHungRun);
     alarm(LONGEST_RUN);
-    return runScenario(*scenario, fault, std::atoi(argv[3]), std::strcmp(argv[4], "on") == 0,
-                       argv[6]);
+    return runScenario(plan);
 }

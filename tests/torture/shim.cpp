@@ -1,5 +1,5 @@
-// The preloaded shim: makes the k-th call of a function that libqpxclient.so makes fail, and keeps
-// account of what the library holds. 32 bits, with the names that the C library gives its functions
+// The preloaded shim: makes the k-th call of a function that libqpxclient.so makes fail, or cuts up
+// what the library reads and writes, and keeps account of what it holds. 32 bits, with the names that the C library gives its functions
 // there where times have 64 bits. Only the return address tells who has called: what the C library
 // calls itself on behalf of the library, and what the rest of the program does, pass by.
 //
@@ -159,6 +159,63 @@ Result failed(int error, Result result)
 {
     errno = error;
     return result;
+}
+
+// ---- What is cut up ------------------------------------------------------------------------------
+
+using torture::Shredding;
+
+std::atomic<Shredding> shredding{Shredding::None};
+std::atomic<unsigned> randomState{1};
+std::atomic<int> shredCount{0};
+std::atomic<int> interruptibleCount{0};
+std::atomic<int> interruptedConnectCount{0};
+
+unsigned randomNumber()
+{
+    unsigned old = randomState.load();
+    unsigned next;
+    do {
+        next = old;
+        next ^= next << 13U;
+        next ^= next >> 17U;
+        next ^= next << 5U;
+    } while (!randomState.compare_exchange_weak(old, next));
+    return next;
+}
+
+bool isShredded(Shredding way, std::uintptr_t caller)
+{
+    return shredding == way && isLibrary(caller);
+}
+
+// How many bytes a recv gets at most.
+std::size_t receivable(std::size_t length, std::uintptr_t caller)
+{
+    std::size_t most = length;
+    if (length > 1 && isShredded(Shredding::ReceivedOneByOne, caller)) most = 1;
+    // Small numbers as often as large ones.
+    if (length > 1 && isShredded(Shredding::ReceivedAtRandom, caller))
+        most = 1 + randomNumber() % (length >> (randomNumber() % 16U) | 1U);
+    if (most < length) shredCount += 1;
+    return most;
+}
+
+std::size_t sendable(std::size_t length, std::uintptr_t caller)
+{
+    if (length < 2 || !isShredded(Shredding::SentByHalves, caller)) return length;
+    shredCount += 1;
+    return length / 2;
+}
+
+// Whether a call is to end as one does that a signal has interrupted.
+bool isInterrupted(std::uintptr_t caller)
+{
+    if (!isShredded(Shredding::Interrupted, caller)) return false;
+    if ((interruptibleCount.fetch_add(1) + 1) % 3 != 0) return false;
+    shredCount += 1;
+    errno = EINTR;
+    return true;
 }
 
 // ---- What is held --------------------------------------------------------------------------------
@@ -371,13 +428,16 @@ SHIM_EXPORT int connect(int descriptor, const sockaddr* address, socklen_t lengt
 {
     REAL(int(int, const sockaddr*, socklen_t), "connect");
     if (fails(CONNECT, CALLER)) return failed(ENETUNREACH, -1);
-    return next(descriptor, address, length);
+    int rc = next(descriptor, address, length);
+    if (rc < 0 && errno == EINTR && isLibrary(CALLER)) interruptedConnectCount += 1;
+    return rc;
 }
 
 SHIM_EXPORT int __select64(int count, void* reading, void* writing, void* failing, void* limit)
 {
     REAL(int(int, void*, void*, void*, void*), "__select64");
     if (fails(SELECT, CALLER)) return failed(ENOMEM, -1);
+    if (isInterrupted(CALLER)) return -1;
     return next(count, reading, writing, failing, limit);
 }
 
@@ -385,6 +445,7 @@ SHIM_EXPORT int poll(struct pollfd* polled, unsigned long count, int limit)
 {
     REAL(int(struct pollfd*, unsigned long, int), "poll");
     if (fails(POLL, CALLER)) return failed(ENOMEM, -1);
+    if (isInterrupted(CALLER)) return -1;
     return next(polled, count, limit);
 }
 
@@ -393,6 +454,7 @@ SHIM_EXPORT int ppoll(struct pollfd* polled, unsigned long count, const void* li
 {
     REAL(int(struct pollfd*, unsigned long, const void*, const void*), "ppoll");
     if (fails(PPOLL, CALLER)) return failed(ENOMEM, -1);
+    if (isInterrupted(CALLER)) return -1;
     return next(polled, count, limit, mask);
 }
 
@@ -409,6 +471,7 @@ SHIM_EXPORT int __ppoll64(struct pollfd* polled, unsigned long count, const void
 {
     REAL(int(struct pollfd*, unsigned long, const void*, const void*), "__ppoll64");
     if (fails(PPOLL, CALLER)) return failed(ENOMEM, -1);
+    if (isInterrupted(CALLER)) return -1;
     return next(polled, count, limit, mask);
 }
 
@@ -420,7 +483,9 @@ SHIM_EXPORT ssize_t send(int descriptor, const void* bytes, std::size_t length, 
     bool half = fails(SEND_HALF, CALLER);
     bool part = fails(SEND_PART, CALLER);
     if (isLibrary(CALLER) && failsBehind(SEND_PART)) return endStream(descriptor, EPIPE);
-    return next(descriptor, bytes, half || part ? (length + 1) / 2 : length, flags);
+    if (isInterrupted(CALLER)) return -1;
+    std::size_t most = sendable(length, CALLER);
+    return next(descriptor, bytes, half || part ? (length + 1) / 2 : most, flags);
 }
 
 SHIM_EXPORT ssize_t recv(int descriptor, void* bytes, std::size_t length, int flags)
@@ -431,7 +496,8 @@ SHIM_EXPORT ssize_t recv(int descriptor, void* bytes, std::size_t length, int fl
         endStream(descriptor, 0);
         return 0;
     }
-    return next(descriptor, bytes, length, flags);
+    if (isInterrupted(CALLER)) return -1;
+    return next(descriptor, bytes, receivable(length, CALLER), flags);
 }
 
 SHIM_EXPORT int shutdown(int descriptor, int how)
@@ -648,6 +714,25 @@ void onHit(void (*hook)())
     hitHook = hook;
 }
 
+void shred(Shredding way, unsigned seed)
+{
+    shredCount = 0;
+    interruptibleCount = 0;
+    interruptedConnectCount = 0;
+    randomState = seed * 2654435761U | 1U;
+    shredding = way;
+}
+
+int shreds()
+{
+    return shredCount;
+}
+
+int interruptedConnects()
+{
+    return interruptedConnectCount;
+}
+
 int held(torture::Held* room, int count)
 {
     EntriesHold hold;
@@ -664,7 +749,8 @@ int held(torture::Held* room, int count)
 
 SHIM_EXPORT const torture::Shim* qpxTortureShim()
 {
-    static const torture::Shim shim = {faultCount, faultName, arm,   disarm, countOf,
-                                       hits,       place,     onHit, held};
+    static const torture::Shim shim = {
+        faultCount, faultName,           arm, disarm, countOf, hits, place, onHit, shred,
+        shreds,     interruptedConnects, held};
     return &shim;
 }

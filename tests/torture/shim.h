@@ -16,6 +16,16 @@ struct Held {
     std::size_t size;
 };
 
+// How what the library reads and writes is cut up. Nothing fails thereby: these are the sizes and the
+// interruptions that the system may have for any program.
+enum class Shredding {
+    None,
+    ReceivedOneByOne, // recv gives one byte
+    ReceivedAtRandom, // recv gives any number up to what is asked for
+    SentByHalves,     // send takes half
+    Interrupted       // every third call that may be interrupted is
+};
+
 struct Shim {
     // How many faults there are, and the name of each.
     int (*faults)();
@@ -31,6 +41,11 @@ struct Shim {
 
     // Called behind each failure, on its thread; may make no call of the library.
     void (*onHit)(void (*hook)());
+
+    // From now on; the seed is that of the random sizes.
+    void (*shred)(Shredding way, unsigned seed);
+    int (*shreds)();              // how many calls have been cut or interrupted
+    int (*interruptedConnects)(); // how many connects a signal has ended
 
     // Fills in what is held, as far as there is room; the number is that of all.
     int (*held)(Held* room, int count);

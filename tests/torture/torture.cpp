@@ -1,6 +1,8 @@
 // Drives the scenarios: for each, for each kind of call that the library makes in it, and for each
-// such call, a run in which that call fails, and one in which it and all behind it fail. Each run is
-// a process of its own; its peers are gateways of this one, where nothing fails.
+// such call, a run in which that call fails, and one in which it and all behind it fail; or for each
+// a run with all that the library reads and writes cut up, which has to be told from one that is not
+// by nothing. Each run is a process of its own; its peers are gateways of this one, where nothing
+// fails.
 //
 //     torture [SCENARIO...] [OPTION...]; --help shows what there is
 #include <arpa/inet.h>
@@ -253,6 +255,8 @@ struct Options {
     int k = 0;                          // all if 0
     unsigned sample = 0;                // one run in so many; all if 0
     bool clean = false;
+    std::vector<std::string> ways; // of shredding; then nothing fails
+    unsigned seeds = 1;
     std::string exports; // the file that names the exported calls
     int jobs = static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
 };
@@ -263,11 +267,14 @@ struct Story {
     std::map<std::string, int> calls; // how many of each kind
     std::string held;
     std::set<std::string> worked;
+    std::multiset<std::string> told; // what the calls of each thread have returned
+    long shreds = 0;
 };
 
 struct Totals {
-    std::mutex guard; // guards what is printed, and worked
+    std::mutex guard; // guards what is printed, worked and shreds
     std::set<std::string> worked;
+    std::map<std::string, long> shreds; // by way
     std::atomic<long> runs{0};
     std::atomic<long> findings{0};
     std::atomic<long> waits{0}; // runs that end in an open that is known to wait for good
@@ -301,6 +308,21 @@ void report(Totals& totals, const std::string& name, const Outcome& outcome)
     std::fflush(stdout);
 }
 
+// What the output of a run in which nothing fails tells.
+void readStory(const Outcome& outcome, Story& story)
+{
+    std::istringstream lines(outcome.output);
+    std::string word, name, rest;
+    while (lines >> word >> name) {
+        if (word == "did") story.worked.insert(name);
+        if (word == "told") story.told.insert(name);
+        if (word == "did" || word == "told" || !(lines >> rest)) continue;
+        if (word == "count") story.calls[name] = std::atoi(rest.c_str());
+        if (word == "held") story.held += name + " " + rest + " ";
+        if (word == "shreds") story.shreds = std::atol(rest.c_str());
+    }
+}
+
 // The run in which nothing fails; false if not all was well.
 bool tellStory(Peers& peers, Totals& totals, Story& story)
 {
@@ -310,14 +332,7 @@ bool tellStory(Peers& peers, Totals& totals, Story& story)
         report(totals, story.scenario + " without a failure", outcome);
         return false;
     }
-    std::istringstream lines(outcome.output);
-    std::string word, name, rest;
-    while (lines >> word >> name) {
-        if (word == "did") story.worked.insert(name);
-        if (word == "did" || !(lines >> rest)) continue;
-        if (word == "count") story.calls[name] = std::atoi(rest.c_str());
-        if (word == "held") story.held += name + " " + rest + " ";
-    }
+    readStory(outcome, story);
     std::lock_guard<std::mutex> hold(totals.guard);
     totals.worked.insert(story.worked.begin(), story.worked.end());
     return true;
@@ -366,6 +381,56 @@ void failEach(Peers& peers, Totals& totals, const Options& options, const Story&
     }
 }
 
+// What a connect that a real signal has ended leaves is known, and no story: such a run is made
+// again.
+constexpr int MOST_INTERRUPTED_CONNECTS = 100;
+
+Outcome runShredded(Peers& peers, const Story& story, const std::string& way, unsigned seed)
+{
+    Outcome outcome;
+    for (int i = 0; i < MOST_INTERRUPTED_CONNECTS; i += 1) {
+        outcome = run(&peers, {story.scenario, way, std::to_string(seed), "shredded", peers.ports(),
+                               story.held});
+        if (!outcome.exited(6)) break;
+    }
+    return outcome;
+}
+
+// A run that is cut up, which has to return and to do what one does that is not.
+void shred(Peers& peers, Totals& totals, const Story& story, const std::string& way, unsigned seed)
+{
+    totals.runs += 1;
+    std::string name = story.scenario + ", " + way + ", seed " + std::to_string(seed);
+    Outcome outcome = runShredded(peers, story, way, seed);
+    Story shredded;
+    if (outcome.exited(0)) readStory(outcome, shredded);
+    if (outcome.exited(0) && (shredded.told != story.told || shredded.worked != story.worked)) {
+        for (const std::string& text : story.told) outcome.output += "without: " + text + "\n";
+        outcome.status = 1 << 8; // as it would have ended by itself
+    }
+    // Whoever reads or sends is cut.
+    bool reads = story.calls.count("recv") != 0 && story.calls.at("recv") > 3;
+    if (outcome.exited(0) && reads && shredded.shreds == 0 && way.compare(0, 7, "signals") != 0) {
+        outcome.output += "nothing has been cut\n";
+        outcome.status = 1 << 8;
+    }
+    if (!outcome.exited(0)) report(totals, name, outcome);
+    std::lock_guard<std::mutex> hold(totals.guard);
+    totals.shreds[way] += shredded.shreds;
+}
+
+void shredEach(Peers& peers, Totals& totals, const Options& options, const Story& story)
+{
+    for (const std::string& way : options.ways) {
+        unsigned seeds = way == "received-at-random" ? options.seeds : 1;
+        for (unsigned seed = 1; seed <= seeds; seed += 1) {
+            std::string name = story.scenario + ", " + way + ", " + std::to_string(seed);
+            if (options.sample != 0 && !isInSample(name, options.sample)) continue;
+            shred(peers, totals, story, way, seed);
+        }
+    }
+}
+
 void work(const Options& options, const std::vector<std::string>& scenarios,
           std::atomic<std::size_t>& next, Totals& totals)
 {
@@ -379,8 +444,9 @@ void work(const Options& options, const std::vector<std::string>& scenarios,
         Story story;
         story.scenario = scenarios[index];
         bool well = tellStory(peers, totals, story);
+        if (well) shredEach(peers, totals, options, story);
         for (const auto& [fault, count] : story.calls) {
-            if (!well || options.clean || count == 0) continue;
+            if (!well || options.clean || !options.ways.empty() || count == 0) continue;
             if (!options.fault.empty() && fault != options.fault) continue;
             failEach(peers, totals, options, story, fault, count);
         }
@@ -440,10 +506,13 @@ int usage()
               "  --call NUMBER   only the one of that number\n"
               "  --sample NUMBER one run in so many, always the same\n"
               "  --clean         only the runs in which nothing fails\n"
+              "  --shred WAY     nothing fails, but all that is read and sent is cut up in this\n"
+              "                  way, or \"all\"\n"
+              "  --seeds NUMBER  so many runs with random sizes instead of one\n"
               "  --exports FILE  fails unless each call that the linker's map FILE exports has\n"
               "                  done its work in some scenario\n"
               "  --jobs NUMBER   so many runs at once; as many as there are processors\n"
-              "  --list          the names of scenarios and kinds\n"
+              "  --list          the names of scenarios, kinds and ways\n"
               "  --help          this text\n"
               "\n"
               "Exit code 1 if a run was not as it has to be.");
@@ -466,12 +535,13 @@ int readArguments(int argc, char** argv, Options& options)
         if (word == "--clean") {
             options.clean = true;
         } else if (word == "--list") {
-            for (const char* kind : {"scenario", "fault"})
+            for (const char* kind : {"scenario", "fault", "way"})
                 for (const std::string& name : namesOf(kind))
                     std::printf("%s %s\n", kind, name.c_str());
             return 0;
         } else if (word == "--fault" || word == "--call" || word == "--exports" ||
-                   word == "--jobs" || word == "--sample") {
+                   word == "--jobs" || word == "--sample" || word == "--shred" ||
+                   word == "--seeds") {
             if (value == nullptr) return refuse(word + " takes a value");
             i += 1;
             if (word == "--fault") options.fault = value;
@@ -479,6 +549,9 @@ int readArguments(int argc, char** argv, Options& options)
             if (word == "--call") options.k = std::atoi(value);
             if (word == "--sample")
                 options.sample = static_cast<unsigned>(std::max(1, std::atoi(value)));
+            if (word == "--shred") options.ways.push_back(value);
+            if (word == "--seeds")
+                options.seeds = static_cast<unsigned>(std::max(1, std::atoi(value)));
             if (word == "--jobs") options.jobs = std::max(1, std::atoi(value));
         } else if (word[0] == '-') {
             return refuse("unknown option " + word);
@@ -509,6 +582,9 @@ int main(int argc, char** argv)
     if (!options.fault.empty() && !contains(namesOf("fault"), options.fault))
         return refuse("no kind of call \"" + options.fault + "\"");
     if (!options.scenarios.empty()) scenarios = options.scenarios;
+    if (contains(options.ways, "all")) options.ways = namesOf("way");
+    for (const std::string& name : options.ways)
+        if (!contains(namesOf("way"), name)) return refuse("no way \"" + name + "\"");
 
     Totals totals;
     std::atomic<std::size_t> next{0};
@@ -520,6 +596,10 @@ int main(int argc, char** argv)
     bool well = totals.findings == 0;
     if (!options.exports.empty() && !everyExportHasWorked(options.exports, totals.worked))
         well = false;
+    for (const std::string& way : options.ways) {
+        std::printf("%-22s %9ld cuts or signals\n", way.c_str(), totals.shreds[way]);
+        if (totals.shreds[way] == 0) well = false;
+    }
     std::printf("%zu scenarios, %ld runs, %ld of them to a wait that is known, %ld findings\n",
                 scenarios.size(), totals.runs.load(), totals.waits.load(), totals.findings.load());
     return well ? 0 : 1;

@@ -24,11 +24,12 @@ TREE = os.path.dirname(os.path.dirname(HERE))
 FILES = ["clapi_socketcomms.cpp", "clapi_eci.cpp", "clapi_gwytok.cpp", "clapi_gwycon.cpp",
          "clapi_channel.cpp"]
 # The test programs in the order in which mutants meet them, and the objects that they are made of.
-SUITES = {"unit": "unit_tests", "schedule": "schedule_tests", "integration": "integration_tests"}
+SUITES = {"unit": "unit_tests", "schedule": "schedule_tests", "integration": "integration_tests",
+          "load": "load_tests"}
 SHARED = "src/libqpxclient.so"
 HEADER_SIZE = 4  # of the page: which mutant is chosen
 LEAST_LIMIT = 4000  # milliseconds that every test gets
-LIMIT_FACTOR = 12  # and how many times what it takes without a mutant
+LIMIT_FACTOR = 4  # and so many times what it takes without a mutant
 
 
 class Failure(Exception):
@@ -283,12 +284,18 @@ class Tests:
 
     def __init__(self, file, digest):
         self.file = file
-        self.data = {"digest": digest, "round": 0, "tests": {}}
+        self.data = {"digest": digest, "tests": {}}
         if os.path.exists(file):
             with open(file, encoding="utf-8") as text:
                 data = json.load(text)
             if data["digest"] == digest:
                 self.data = data
+        self.give_numbers()
+
+    def give_numbers(self):
+        """A number for each test, that results name it by."""
+        for number, test in enumerate(self.data["tests"].values()):
+            test["number"] = number
 
     def save(self):
         with open(self.file + ".new", "w", encoding="utf-8") as file:
@@ -303,7 +310,6 @@ class Tests:
                if suite + " " + test not in known]
         if not new:
             return
-        self.data["round"] += 1
         done = Counter()
         lock = threading.Lock()
 
@@ -312,12 +318,13 @@ class Tests:
             result, taken = worker.run(suite, test, 0, 120000)
             with lock:
                 known[suite + " " + test] = {
-                    "ms": taken, "ok": result == "passed", "round": self.data["round"],
+                    "ms": taken, "ok": result == "passed",
                     "reached": worker.reached() if result == "passed" else []}
                 done[result] += 1
                 say("%d of %d tests without a mutant" % (done.total(), len(new)))
 
         runner.each(new, look)
+        self.give_numbers()
         self.save()
 
     def failed(self):
@@ -403,24 +410,38 @@ class Hunt:
 
     def candidates(self, mutant):
         """The tests to try, those first that have killed others in the same function."""
-        names = self.by_mutant.get(mutant.number, [])
-        before = self.results.of.get(mutant.key)
-        if before and before["status"] == "survived":
-            tried = set(before["suites"])
-            names = [name for name in names if name.split(" ")[0] not in tried or
-                     self.tests.data["tests"][name]["round"] > before["round"]]
+        tried = self.tried_before(mutant)
+        names = [name for name in self.by_mutant.get(mutant.number, [])
+                 if self.number_of(name) not in tried]
         killers = self.killers[mutant.file + " " + mutant.function]
         likely = [name for name, _ in killers.most_common(12)]
         there = set(names)
         first = [name for name in likely if name in there]
         chosen = set(first)
         names = first + [name for name in names if name not in chosen]
-        return names[:self.most] if self.most else names
+        if not self.most:
+            return names
+        left = Counter({suite: self.most for suite in self.suites})
+        chosen = []
+        for name in names:
+            suite = name.split(" ", 1)[0]
+            left[suite] -= 1
+            if left[suite] >= 0:
+                chosen.append(name)
+        return chosen
+
+    def number_of(self, name):
+        return self.tests.data["tests"][name]["number"]
+
+    def tried_before(self, mutant):
+        """The tests that the mutant has survived already."""
+        before = self.results.of.get(mutant.key, {})
+        return set(before.get("passed", []))
 
     def fails(self, worker, name, number):
         """How a test fails with the mutant, if it does, and not without."""
         suite, test = name.split(" ", 1)
-        limit = max(LEAST_LIMIT, LIMIT_FACTOR * self.tests.data["tests"][name]["ms"])
+        limit = LEAST_LIMIT + LIMIT_FACTOR * self.tests.data["tests"][name]["ms"]
         result, _ = worker.run(suite, test, number, limit)
         if result == "passed":
             return None
@@ -444,8 +465,8 @@ class Hunt:
                 self.note(mutant, {"status": "killed", "how": how, "suite": suite, "test": test,
                                    "tried": count})
                 return
-        self.note(mutant, {"status": "survived", "tried": len(candidates), "suites": self.suites,
-                           "round": 0 if self.most else self.tests.data["round"]})
+        passed = self.tried_before(mutant) | {self.number_of(name) for name in candidates}
+        self.note(mutant, {"status": "survived", "tried": len(passed), "passed": sorted(passed)})
 
     def note(self, mutant, result):
         with self.lock:
@@ -541,7 +562,7 @@ def parse(arguments):
     parser.add_argument("--suites", default="unit,schedule,integration",
                         help="the test programs, in the order in which they are tried")
     parser.add_argument("--most", type=int, default=0, metavar="NUMBER",
-                        help="try no more than so many tests; the others count as passed")
+                        help="try no more than so many tests of a program; --again goes on")
     parser.add_argument("--again", action="store_true",
                         help="run those again that have survived, with what tests there are now")
     parser.add_argument("--fresh", action="store_true", help="forget earlier results")

@@ -282,7 +282,12 @@ void Caller::beginAsync()
         shared_.books.change(number, Asked, Answered);
         return;
     }
-    if (!outstanding_.emplace(parms.record.eci_message_qualifier, number).second)
+    noteOutstanding(parms.record.eci_message_qualifier, number);
+}
+
+void Caller::noteOutstanding(int qualifier, int number)
+{
+    if (!outstanding_.emplace(qualifier, number).second)
         problem("two asynchronous calls have one qualifier");
 }
 
@@ -379,8 +384,7 @@ void Caller::callChannel(bool isAsync)
     bool isGood = mayGoOn(rc, "a call with a channel");
     if (isGood && isAsync) {
         channels_[number] = channel;
-        if (!outstanding_.emplace(parms.record.eci_message_qualifier, number).second)
-            problem("two asynchronous calls have one qualifier");
+        noteOutstanding(parms.record.eci_message_qualifier, number);
         return;
     }
     shared_.books.change(number, Asked, Answered);

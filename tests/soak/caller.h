@@ -104,6 +104,7 @@ private:
     void openShared(int life);
     void callThatAbends();
     void beginAsync();
+    void noteOutstanding(int qualifier, int number);
     void collect(bool waits);
     bool collectOne(int callType, int qualifier);
     void collectTheRest();

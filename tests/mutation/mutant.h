@@ -36,6 +36,12 @@ inline int qpxOne(int number)
     return qpxIs(number) ? 1 : 0;
 }
 
+template <typename Level>
+bool qpxTraces(const Level& level)
+{
+    return level > 0;
+}
+
 /* ---- Comparisons: a < QpxCompared{17} < b ---- */
 
 struct QpxCompared {

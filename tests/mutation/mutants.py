@@ -278,7 +278,9 @@ class Maker:
             if re.match(r"pthread_mutex_(lock|unlock)\(", statement):
                 return  # see the locks of a function
             number = self.mutant(begin, kind, "dropped")
-            self.wrap(begin, end, "{ if (!qpxIs(%d)) " % number, " }")
+            # A line that nobody would see is not reached.
+            name = "qpxIs" if kind == "statement" else "qpxTraces(clientAPITrace) && qpxIs"
+            self.wrap(begin, end, "{ if (!(%s(%d))) " % (name, number), " }")
         elif statement in ("break;", "continue;"):
             number = self.mutant(begin, "statement", "dropped")
             self.wrap(begin, end, "{ if (!qpxIs(%d)) " % number, " }")

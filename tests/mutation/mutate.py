@@ -14,6 +14,7 @@ import sys
 import threading
 import time
 import tomllib
+import zlib
 from collections import Counter, defaultdict
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
@@ -25,7 +26,10 @@ FILES = ["clapi_socketcomms.cpp", "clapi_eci.cpp", "clapi_gwytok.cpp", "clapi_gw
          "clapi_channel.cpp"]
 # The test programs in the order in which mutants meet them, and the objects that they are made of.
 SUITES = {"unit": "unit_tests", "schedule": "schedule_tests", "integration": "integration_tests",
-          "load": "load_tests"}
+          "load": "load_tests", "fuzz": "fuzz_"}
+# Each input is a test, run by a program of its own; a build has them with the address sanitizer.
+FUZZ_TARGETS = ["receiver", "socketbuffer", "channels", "connections", "requests"]
+CORPUS = os.path.join(TREE, "tests/fuzz/corpus")
 SHARED = "src/libqpxclient.so"
 HEADER_SIZE = 4  # of the page: which mutant is chosen
 LEAST_LIMIT = 4000  # milliseconds that every test gets
@@ -188,7 +192,11 @@ class Build:
             if made != link and not os.path.exists(link):
                 os.symlink(os.path.basename(made), link)
         for suite in suites:
-            self.link("tests/" + SUITES[suite], programs=True)
+            if suite == "fuzz":
+                for target in FUZZ_TARGETS:
+                    self.link("tests/fuzz/fuzz_" + target, programs=False)
+            else:
+                self.link("tests/" + SUITES[suite], programs=True)
         return {name: sorted(lines) for name, lines in left_out.items() if lines}
 
 
@@ -244,14 +252,29 @@ class Worker:
 
     def run(self, suite, test, mutant, limit):
         """How the test ends with the mutant, and after how many milliseconds."""
-        program = self.program(suite)
         self.page[:] = bytes(len(self.page))
         self.page[:HEADER_SIZE] = mutant.to_bytes(HEADER_SIZE, sys.byteorder)
+        if suite == "fuzz":
+            return self.replay(test, limit)
+        program = self.program(suite)
         program.stdin.write("%d %s\n" % (limit, test))
         answer = program.stdout.readline().split()
         if len(answer) != 2:
             raise Failure("%s has ended" % SUITES[suite])
         return answer[0], int(answer[1])
+
+    def replay(self, test, limit):
+        begin = time.monotonic()
+        try:
+            done = subprocess.run(
+                self.wrapper + [os.path.join(self.work, "fuzz_" + test.split("/")[0]),
+                                os.path.join(CORPUS, test)],
+                env=dict(os.environ, QPX_MUTANT_PAGE=self.page_name), timeout=limit / 1000,
+                stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, check=False)
+            result = "passed" if done.returncode == 0 else "failed"
+        except subprocess.TimeoutExpired:
+            result = "hung"
+        return result, int(1000 * (time.monotonic() - begin))
 
     def reached(self):
         page = self.page[HEADER_SIZE:]
@@ -265,17 +288,21 @@ class Worker:
         os.unlink(self.page_name)
 
 
-def list_tests(program, wrapper):
+def list_tests(work, suite, wrapper):
+    if suite == "fuzz":
+        return [target + "/" + name for target in FUZZ_TARGETS
+                for name in sorted(os.listdir(os.path.join(CORPUS, target)))]
+    program = os.path.join(work, SUITES[suite])
     done = subprocess.run(wrapper + [program, "--gtest_list_tests"], text=True, check=True,
                           stdout=subprocess.PIPE)
-    suite, tests = "", []
+    subject, tests = "", []
     for line in done.stdout.splitlines():
         line = line.split("#")[0].rstrip()
         if line.startswith("  "):
-            if not suite.startswith("DISABLED_") and "DISABLED_" not in line:
-                tests.append(suite + line.strip())
+            if not subject.startswith("DISABLED_") and "DISABLED_" not in line:
+                tests.append(subject + line.strip())
         elif line.endswith("."):
-            suite = line
+            subject = line
     return tests
 
 
@@ -290,12 +317,6 @@ class Tests:
                 data = json.load(text)
             if data["digest"] == digest:
                 self.data = data
-        self.give_numbers()
-
-    def give_numbers(self):
-        """A number for each test, that results name it by."""
-        for number, test in enumerate(self.data["tests"].values()):
-            test["number"] = number
 
     def save(self):
         with open(self.file + ".new", "w", encoding="utf-8") as file:
@@ -306,7 +327,7 @@ class Tests:
         """Runs every test that is not known yet, without a mutant."""
         known = self.data["tests"]
         new = [(suite, test) for suite in suites
-               for test in list_tests(os.path.join(runner.work, SUITES[suite]), wrapper)
+               for test in list_tests(runner.work, suite, wrapper)
                if suite + " " + test not in known]
         if not new:
             return
@@ -324,7 +345,6 @@ class Tests:
                 say("%d of %d tests without a mutant" % (done.total(), len(new)))
 
         runner.each(new, look)
-        self.give_numbers()
         self.save()
 
     def failed(self):
@@ -332,16 +352,37 @@ class Tests:
 
     def by_mutant(self, suites):
         """For each mutant the tests that reach it, in the order in which they are tried: programs
-        in their order; in each the fast ones, and of those that reach few mutants, first."""
+        in their order; in each by turns the one that reaches the fewest mutants, for it is about
+        little else, and a fast one of every subject, whose tests are much alike."""
         found = defaultdict(list)
         for name, test in self.data["tests"].items():
             suite = name.split(" ", 1)[0]
             if suite not in suites or not test["ok"]:
                 continue
-            rank = (suites.index(suite), max(test["ms"], 4).bit_length(), len(test["reached"]))
+            rank = (max(test["ms"], 4).bit_length(), len(test["reached"]), name)
             for number in test["reached"]:
-                found[number].append((rank, name))
-        return {number: [name for _, name in sorted(names)] for number, names in found.items()}
+                found[number, suite].append(rank)
+        order = defaultdict(list)
+        for (number, suite), ranks in sorted(found.items(), key=lambda e: suites.index(e[0][1])):
+            order[number] += self.in_turns(ranks)
+        return order
+
+    @staticmethod
+    def in_turns(ranks):
+        had = Counter()
+        by_subject = []
+        for rank in sorted(ranks):
+            subject = rank[-1].split(".", 1)[0]
+            by_subject.append((had[subject], rank))
+            had[subject] += 1
+        by_subject.sort()
+        # A slow test has to be about little else indeed.
+        few_first = sorted(ranks, key=lambda rank: (rank[1] << max(0, rank[0] - 9), rank))
+        order = {}
+        for i, rank in enumerate(few_first):
+            for other in few_first[2 * i:2 * i + 2] + [by_subject[i][1]]:
+                order.setdefault(other[-1])
+        return list(order)
 
 
 class Runner:
@@ -397,8 +438,9 @@ class Results:
 class Hunt:
     """Runs the tests of mutants until one fails."""
 
-    def __init__(self, tests, results, suites, most):
+    def __init__(self, tests, results, suites, most, build):
         self.tests, self.results, self.suites, self.most = tests, results, suites, most
+        self.build = build
         self.by_mutant = tests.by_mutant(suites)
         self.killers = defaultdict(Counter)  # by function
         self.unsteady = Counter()
@@ -431,7 +473,8 @@ class Hunt:
         return chosen
 
     def number_of(self, name):
-        return self.tests.data["tests"][name]["number"]
+        """The number by which results name a test of this build."""
+        return zlib.crc32((self.build + " " + name).encode())
 
     def tried_before(self, mutant):
         """The tests that the mutant has survived already."""
@@ -453,7 +496,8 @@ class Hunt:
 
     def run(self, worker, mutant):
         if not self.by_mutant.get(mutant.number):
-            self.note(mutant, {"status": "unreached"})
+            if mutant.key not in self.results.of:
+                self.note(mutant, {"status": "unreached"})
             return
         candidates = self.candidates(mutant)
         for count, name in enumerate(candidates, 1):
@@ -571,6 +615,8 @@ def parse(arguments):
                         help="the build whose objects and commands are used")
     parser.add_argument("--work", default=os.path.join(TREE, "build/mutation"), metavar="FOLDER",
                         help="where everything is made")
+    parser.add_argument("--results", metavar="FILE", help="where the results are, so that another "
+                        "build goes on with what one has left; in the folder above unless given")
     parser.add_argument("--list", action="store_true", help="show the mutants and end")
     parser.add_argument("--report", action="store_true", help="show what is known and end")
     return parser.parse_args(arguments)
@@ -640,7 +686,7 @@ def main(arguments):
         if suite not in SUITES:
             raise Failure("there is no test program %s; there are %s" % (suite, ", ".join(SUITES)))
     os.makedirs(options.work, exist_ok=True)
-    results_file = os.path.join(options.work, "results.jsonl")
+    results_file = options.results or os.path.join(options.work, "results.jsonl")
     if options.fresh and os.path.exists(results_file):
         os.unlink(results_file)
     results = Results(results_file)
@@ -657,16 +703,19 @@ def main(arguments):
         runner = Runner(os.path.abspath(options.work), os.path.abspath(options.build), options.jobs,
                         HEADER_SIZE + len(all_mutants) + 8, wrapper)
         tests.look(runner, suites, wrapper, say)
-        hunt_all(chosen, options, runner, Hunt(tests, results, suites, options.most), say)
+        hunt = Hunt(tests, results, suites, options.most, os.path.basename(options.build))
+        hunt_all(chosen, options, runner, hunt, reasons, say)
     for name in tests.failed():
         print("fails without a mutant, and is left out:", name)
     return 1 if report(chosen, results, reasons, tests, print) else 0
 
 
-def hunt_all(chosen, options, runner, hunt, say):
+def hunt_all(chosen, options, runner, hunt, reasons, say):
     def is_due(mutant):
         result = hunt.results.of.get(mutant.key)
-        return result is None or (options.again and result["status"] != "killed")
+        if result is None:
+            return True
+        return options.again and result["status"] != "killed" and mutant.key not in reasons
 
     due = [mutant for mutant in chosen if is_due(mutant)]
 

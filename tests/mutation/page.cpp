@@ -5,9 +5,16 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdlib>
+
+#ifdef SYS_mmap2
+constexpr long MAP_CALL = SYS_mmap2;
+#else
+constexpr long MAP_CALL = SYS_mmap;
+#endif
 
 static struct {
     QpxMutantPage page;
@@ -28,9 +35,10 @@ __attribute__((constructor(101))) static void takePage()
     if (file < 0) abort();
     struct stat status;
     fstat(file, &status);
-    void* page = mmap(nullptr, static_cast<size_t>(status.st_size), PROT_READ | PROT_WRITE,
-                      MAP_SHARED, file, 0);
-    close(file);
-    if (page == MAP_FAILED) abort();
-    qpxMutantPage = static_cast<QpxMutantPage*>(page);
+    // Tests stand between the library and some of these.
+    long page = syscall(MAP_CALL, nullptr, static_cast<size_t>(status.st_size),
+                        PROT_READ | PROT_WRITE, MAP_SHARED, file, 0);
+    syscall(SYS_close, file);
+    if (page == -1) abort();
+    qpxMutantPage = reinterpret_cast<QpxMutantPage*>(page);
 }

@@ -25,6 +25,7 @@ constexpr int QPX_ERR_SYSTEM_ERROR = -9;
 constexpr int LINE_SIZE = 10; // 12 < 13 is no comparison here
 
 #define TRACE(text) trace(text)
+static int clientAPITrace = 1;
 
 struct Clapilock {
     pthread_mutex_t lock;

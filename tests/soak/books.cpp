@@ -9,7 +9,7 @@
 
 namespace soak {
 
-Books::Books(const char* file)
+Books::Books(const char* file) : file_(file)
 {
     int descriptor = open(file, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     void* mapped = MAP_FAILED;
@@ -45,6 +45,11 @@ bool Books::change(int number, Entry from, Entry to)
     char expected = static_cast<char>(from);
     return __atomic_compare_exchange_n(&entries_[number], &expected, static_cast<char>(to), false,
                                        __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
+}
+
+void Books::shorten()
+{
+    if (truncate(file_, used() + 1) != 0) std::perror(file_);
 }
 
 int Books::used() const

@@ -45,7 +45,11 @@ public:
 
     int used() const;
 
+    // Ends the file behind the last entry. No number is to be used afterwards.
+    void shorten();
+
 private:
+    const char* const file_;
     char* entries_; // mapped
     int last_ = 0;  // atomic
 };

@@ -442,27 +442,28 @@ class Hunt:
         self.tests, self.results, self.suites, self.most = tests, results, suites, most
         self.build = build
         self.by_mutant = tests.by_mutant(suites)
-        self.killers = defaultdict(Counter)  # by function
+        self.killers = defaultdict(Counter)  # by file, and by function of a file
         self.unsteady = Counter()
         self.counts = Counter()
         self.lock = threading.Lock()
         for result in results.of.values():
             if result["status"] == "killed":
-                self.killers[result["where"]][result["suite"] + " " + result["test"]] += 1
+                self.note_killer(result["where"], result["suite"] + " " + result["test"])
 
     def candidates(self, mutant):
-        """The tests to try, those first that have killed others in the same function."""
+        """The tests to try, those first that have killed others in the same function or file."""
         tried = self.tried_before(mutant)
         names = [name for name in self.by_mutant.get(mutant.number, [])
                  if self.number_of(name) not in tried]
-        killers = self.killers[mutant.file + " " + mutant.function]
-        likely = [name for name, _ in killers.most_common(12)]
+        likely = [name for name, _ in
+                  self.killers[mutant.file + " " + mutant.function].most_common(12) +
+                  self.killers[mutant.file].most_common(60)]
         there = set(names)
-        first = [name for name in likely if name in there]
-        chosen = set(first)
-        names = first + [name for name in names if name not in chosen]
+        first = [name for name in dict.fromkeys(likely) if name in there]
+        there.difference_update(first)
+        names = [name for name in names if name in there]
         if not self.most:
-            return names
+            return first + names
         left = Counter({suite: self.most for suite in self.suites})
         chosen = []
         for name in names:
@@ -470,7 +471,11 @@ class Hunt:
             left[suite] -= 1
             if left[suite] >= 0:
                 chosen.append(name)
-        return chosen
+        return first + chosen
+
+    def note_killer(self, where, name):
+        self.killers[where][name] += 1
+        self.killers[where.split(" ")[0]][name] += 1
 
     def number_of(self, name):
         """The number by which results name a test of this build."""
@@ -505,7 +510,7 @@ class Hunt:
             if how:
                 suite, test = name.split(" ", 1)
                 with self.lock:
-                    self.killers[mutant.file + " " + mutant.function][name] += 1
+                    self.note_killer(mutant.file + " " + mutant.function, name)
                 self.note(mutant, {"status": "killed", "how": how, "suite": suite, "test": test,
                                    "tried": count})
                 return

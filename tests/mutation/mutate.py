@@ -288,6 +288,14 @@ class Worker:
         os.unlink(self.page_name)
 
 
+def list_subjects(work, suite, wrapper):
+    """All tests of a subject as one, for each."""
+    tests = list_tests(work, suite, wrapper)
+    if suite == "fuzz":
+        return tests
+    return list(dict.fromkeys(test.split(".", 1)[0] + ".*" for test in tests))
+
+
 def list_tests(work, suite, wrapper):
     if suite == "fuzz":
         return [target + "/" + name for target in FUZZ_TARGETS
@@ -323,11 +331,11 @@ class Tests:
             json.dump(self.data, file)
         os.replace(self.file + ".new", self.file)
 
-    def look(self, runner, suites, wrapper, say):
+    def look(self, runner, suites, lister, wrapper, say):
         """Runs every test that is not known yet, without a mutant."""
         known = self.data["tests"]
         new = [(suite, test) for suite in suites
-               for test in list_tests(runner.work, suite, wrapper)
+               for test in lister(runner.work, suite, wrapper)
                if suite + " " + test not in known]
         if not new:
             return
@@ -350,14 +358,14 @@ class Tests:
     def failed(self):
         return sorted(name for name, test in self.data["tests"].items() if not test["ok"])
 
-    def by_mutant(self, suites):
+    def by_mutant(self, suites, subjects):
         """For each mutant the tests that reach it, in the order in which they are tried: programs
         in their order; in each by turns the one that reaches the fewest mutants, for it is about
         little else, and a fast one of every subject, whose tests are much alike."""
         found = defaultdict(list)
         for name, test in self.data["tests"].items():
             suite = name.split(" ", 1)[0]
-            if suite not in suites or not test["ok"]:
+            if suite not in suites or not test["ok"] or name.endswith(".*") != subjects:
                 continue
             rank = (max(test["ms"], 4).bit_length(), len(test["reached"]), name)
             for number in test["reached"]:
@@ -418,7 +426,8 @@ class Runner:
 # ---- Mutants and their tests ----
 
 class Results:
-    """What has become of each mutant, by its key: a line of a file for each."""
+    """What has become of each mutant, by its key: a line of a file for each run of it. What one run
+    has killed is dead, whatever another says that has not seen it."""
 
     def __init__(self, file):
         self.file = file
@@ -427,7 +436,8 @@ class Results:
             with open(file, encoding="utf-8") as lines:
                 for line in lines:
                     result = json.loads(line)
-                    self.of[result["key"]] = result
+                    if self.of.get(result["key"], {}).get("status") != "killed":
+                        self.of[result["key"]] = result
 
     def add(self, result):
         self.of[result["key"]] = result
@@ -438,10 +448,10 @@ class Results:
 class Hunt:
     """Runs the tests of mutants until one fails."""
 
-    def __init__(self, tests, results, suites, most, build):
-        self.tests, self.results, self.suites, self.most = tests, results, suites, most
-        self.build = build
-        self.by_mutant = tests.by_mutant(suites)
+    def __init__(self, tests, results, suites, options):
+        self.tests, self.results, self.suites, self.most = tests, results, suites, options.most
+        self.build = os.path.basename(options.build)
+        self.by_mutant = tests.by_mutant(suites, options.subjects)
         self.killers = defaultdict(Counter)  # by file, and by function of a file
         self.unsteady = Counter()
         self.counts = Counter()
@@ -612,6 +622,9 @@ def parse(arguments):
                         help="the test programs, in the order in which they are tried")
     parser.add_argument("--most", type=int, default=0, metavar="NUMBER",
                         help="try no more than so many tests of a program; --again goes on")
+    parser.add_argument("--subjects", action="store_true",
+                        help="all tests of a subject in one process, which is faster for mutants "
+                        "that survive most of them")
     parser.add_argument("--again", action="store_true",
                         help="run those again that have survived, with what tests there are now")
     parser.add_argument("--fresh", action="store_true", help="forget earlier results")
@@ -707,8 +720,8 @@ def main(arguments):
             print("mutants that do not compile, in lines", left_out)
         runner = Runner(os.path.abspath(options.work), os.path.abspath(options.build), options.jobs,
                         HEADER_SIZE + len(all_mutants) + 8, wrapper)
-        tests.look(runner, suites, wrapper, say)
-        hunt = Hunt(tests, results, suites, options.most, os.path.basename(options.build))
+        tests.look(runner, suites, list_subjects if options.subjects else list_tests, wrapper, say)
+        hunt = Hunt(tests, results, suites, options)
         hunt_all(chosen, options, runner, hunt, reasons, say)
     for name in tests.failed():
         print("fails without a mutant, and is left out:", name)

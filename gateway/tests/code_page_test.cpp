@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include "orders/code_page.h"
+#include "text/code_page.h"
 
-using namespace orders;
+using namespace code_page;
 using standin::Bytes;
 
 namespace {

@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "log/log_text.h"
-#include "orders/code_page.h"
+#include "text/code_page.h"
 
 namespace orders {
 
@@ -57,13 +57,13 @@ void addUp(Invoice& invoice)
 
 std::string left(const std::string& text, std::size_t width)
 {
-    const std::size_t count = characterCount(text);
+    const std::size_t count = code_page::characterCount(text);
     return count < width ? text + std::string(width - count, ' ') : text;
 }
 
 std::string right(const std::string& text, std::size_t width)
 {
-    const std::size_t count = characterCount(text);
+    const std::size_t count = code_page::characterCount(text);
     return count < width ? std::string(width - count, ' ') + text : text;
 }
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <map>
 
-#include "orders/code_page.h"
+#include "text/code_page.h"
 
 namespace orders {
 
@@ -80,13 +80,13 @@ std::string headerText(const Container& container)
         refuse(std::string(kHeaderName) + ": " + std::to_string(container.data.size()) +
                " bytes are more than " + std::to_string(kLongestHeader));
     }
-    if (!isKnownCcsid(container.ccsid)) {
+    if (!code_page::isKnownCcsid(container.ccsid)) {
         refuse(std::string(kHeaderName) + ": CCSID " + std::to_string(container.ccsid) +
                " is not known");
     }
     try {
-        return toUtf8(container.data, container.ccsid);
-    } catch (const ConversionError& error) {
+        return code_page::toUtf8(container.data, container.ccsid);
+    } catch (const code_page::ConversionError& error) {
         refuse(std::string(kHeaderName) + ": " + error.what());
     }
 }
@@ -175,7 +175,7 @@ void checkHeader(const Order& order)
     if (!isDate(order.date)) refuseField("date", order.date, "a day as YYYY-MM-DD");
     if (order.currency.size() != 3 || !consistsOf(order.currency, kCapitals))
         refuseField("currency", order.currency, "three capital letters");
-    if (characterCount(order.reference) > kLongestReference)
+    if (code_page::characterCount(order.reference) > kLongestReference)
         refuseField("reference", order.reference, "at most 40 characters");
 }
 
@@ -252,7 +252,7 @@ std::int32_t ccsidOfAnswer(const Channel& channel)
 {
     const Container* const header = findContainer(channel, kHeaderName);
     const bool isUsable = header != nullptr && header->type == standin::kContainerChar &&
-                          isKnownCcsid(header->ccsid);
+                          code_page::isKnownCcsid(header->ccsid);
     return isUsable ? header->ccsid : kCcsidOfLastResort;
 }
 

@@ -4,9 +4,9 @@
 
 #include "ledger/ledger_store.h"
 #include "log/log_text.h"
-#include "orders/code_page.h"
 #include "orders/invoice.h"
 #include "standin/channel_changes.h"
+#include "text/code_page.h"
 
 namespace orders {
 
@@ -35,7 +35,7 @@ Invoice invoiceFor(ledger::Database& database, const Channel& channel)
 void putText(ChannelChanges& changes, const char* name, const std::string& text, std::int32_t ccsid)
 {
     changes.put({name, standin::Change::Added, standin::kContainerChar, ccsid,
-                 fromUtf8(text, ccsid), std::nullopt});
+                 code_page::fromUtf8(text, ccsid), std::nullopt});
 }
 
 std::string describe(const Invoice& invoice)

@@ -3,8 +3,8 @@
 // Known are the CCSIDs that a client takes from its locale (813, 819, 912, 915, 916, 920, 950, 964,
 // 970, 1089, 1383, 5050), 1208 (UTF-8), 1200 (UTF-16, big-endian), 367 (ASCII), 850, 923, 1252, and
 // the EBCDIC ones 37, 273, 500, 1047, 1140 and 1148; as far as the system's iconv has them.
-#ifndef ORDERS_CODE_PAGE_H
-#define ORDERS_CODE_PAGE_H
+#ifndef GATEWAY_CODE_PAGE_H
+#define GATEWAY_CODE_PAGE_H
 
 #include <cstddef>
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 #include "standin/messages.h"
 
-namespace orders {
+namespace code_page {
 
 bool isKnownCcsid(std::int32_t ccsid);
 
@@ -31,6 +31,6 @@ standin::Bytes fromUtf8(const std::string& text, std::int32_t ccsid);
 // How many characters a text in UTF-8 has.
 std::size_t characterCount(const std::string& text);
 
-} // namespace orders
+} // namespace code_page
 
 #endif

@@ -1,4 +1,4 @@
-#include "orders/code_page.h"
+#include "text/code_page.h"
 
 #include <iconv.h>
 
@@ -7,7 +7,7 @@
 #include <iterator>
 #include <system_error>
 
-namespace orders {
+namespace code_page {
 
 namespace {
 
@@ -127,4 +127,4 @@ std::size_t characterCount(const std::string& text)
            static_cast<std::size_t>(std::count_if(text.begin(), text.end(), isContinuation));
 }
 
-} // namespace orders
+} // namespace code_page

@@ -50,6 +50,7 @@
 #include <utility>
 #include <vector>
 
+#include "standin/call_record.h"
 #include "standin/channel_changes.h"
 #include "standin/log.h"
 #include "standin/misbehaviour.h"
@@ -66,6 +67,7 @@ struct GatewayOptions {
     bool recording = true;  // keep bytes, requests and findings; a long-lived Gateway does without
     std::vector<SystemEntry> systems;    // what a system list query is answered with
     std::size_t mostUnitsOfWork = 10000; // open at once; another one is refused with vornRc -16
+    CallObserver observer;               // is told of every call; empty: nobody is
 };
 
 // Limit of every await function. It is generous: a test waits for the event and only fails by it.
@@ -107,6 +109,9 @@ public:
     // work (0 when that has ended). A function that throws is answered with FLOW_EXCEPTION and its
     // text.
     void setReply(const std::string& name, ReplyFunction reply);
+
+    // Puts a program in front of all others; null: none.
+    void setFirstProgram(std::shared_ptr<FirstProgram> program);
 
     // How ESI requests are answered. Without it they get FLOW_ERROR 61451.
     void setEsiReply(std::function<EsiReply(const EsiRequest&)> reply);

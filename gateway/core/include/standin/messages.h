@@ -6,6 +6,7 @@
 #define STANDIN_MESSAGES_H
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -194,6 +195,12 @@ struct EciReply {
     Bytes commarea;
     std::optional<Channel> channel; // set: flag 0xFF and the change records
     std::int32_t serverNum = 0;     // system list replies only
+
+    // How it is sent; nothing of this is on the wire. Misbehaviours that strike at this one answer,
+    // each as parseMisbehaviour() takes it and without a selector; and how long it is kept before
+    // it goes out.
+    std::vector<std::string> faults;
+    std::chrono::microseconds delay{0};
 
     // A good reply without data: call type, token and qualifier of the request, COMMAREA length 0,
     // so that the client's COMMAREA stays as it is.

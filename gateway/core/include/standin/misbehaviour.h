@@ -117,6 +117,9 @@ struct MisbehaviourInfo {
 const std::vector<MisbehaviourInfo>& misbehaviours();
 std::string_view nameOf(Fault fault);
 
+// Whether it strikes at the answer to a request, and so can be named for a single one.
+bool strikesAtAnswers(Fault fault);
+
 } // namespace standin
 
 #endif

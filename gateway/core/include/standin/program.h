@@ -76,6 +76,18 @@ public:
     virtual void backout(const UnitOfWork& unitOfWork);
 };
 
+// A program that is asked about every call before it goes to the program of its name, whether there
+// is one or not. There may be one on a Gateway.
+class FirstProgram : public Program {
+public:
+    // Whether it wants to run this call. If so, its call() follows, unless its begin() or resume()
+    // refuses. The right to answer later is not given here yet.
+    virtual bool takes(const ProgramCall& call) = 0;
+
+    // Nothing more comes on this connection, and its units of work have ended.
+    virtual void connectionEnded(int connection);
+};
+
 // A program made of one function, without interest in units of work.
 using ReplyFunction = std::function<EciReply(const EciRequest& request)>;
 std::shared_ptr<Program> makeProgram(ReplyFunction reply);

@@ -114,6 +114,11 @@ void Gateway::setReply(const std::string& name, ReplyFunction reply)
     setProgram(name, makeProgram(std::move(reply)));
 }
 
+void Gateway::setFirstProgram(std::shared_ptr<FirstProgram> program)
+{
+    impl_->onThread([&](Server& server) { server.runner().setFirstProgram(std::move(program)); });
+}
+
 void Gateway::setEsiReply(std::function<EsiReply(const EsiRequest&)> reply)
 {
     impl_->onThread([&](Server& server) { server.setEsiReply(std::move(reply)); });

@@ -102,7 +102,8 @@ const char* describe(Ending ending)
 
 Server::Server(const GatewayOptions& options, std::shared_ptr<EventLoop> loop, Recorder& recorder)
     : log_(options.log), loop_(std::move(loop)), recorder_(recorder), acceptor_(loop_->context()),
-      acceptTimer_(loop_->context()), runner_(options.log, options.mostUnitsOfWork)
+      acceptTimer_(loop_->context()), timers_(loop_->context()), calls_(options.observer),
+      runner_(options.log, options.mostUnitsOfWork)
 {
     runner_.setListReply([systems = options.systems](const EciRequest& request) {
         return EciReply::systemList(request, systems);
@@ -222,6 +223,7 @@ void Server::close()
     asio::error_code ignored;
     acceptor_.close(ignored);
     acceptTimer_.cancel();
+    timers_.end();
     const std::map<int, std::shared_ptr<Session>> sessions = sessions_;
     for (const auto& [number, session] : sessions) session->abandon();
     log(LogLevel::Info, "stopped");
@@ -286,6 +288,8 @@ void Server::onEnded(Session& session, Ending ending)
     held_.forgetConnection(number);
     sessions_.erase(number);
     updateHeldCount();
+    runner_.connectionEnded(number);
+    calls_.endConnection(number);
     const bool untimely = ending != Ending::ClosedByGateway &&
                           session.stage() != Session::Stage::Closing;
     log(untimely ? LogLevel::Warning : LogLevel::Info, number,
@@ -407,11 +411,13 @@ void Server::takeRequest(Session& session, const SplitFlow& split, const Bytes& 
     } catch (const MalformedFlow& malformed) {
         report(session, malformed, raw);
         recorder_.receivedRequest(request);
+        calls_.begin(request, malformed.what());
         runner_.giveUp(tokenOf(split.flow), session.number());
         return answerMalformed(session, request.header, malformed);
     }
     // Recorded first, so that a client which has its answer finds its request recorded.
     recorder_.receivedRequest(request);
+    calls_.begin(request);
     answerRequest(session, request);
 }
 
@@ -421,11 +427,17 @@ void Server::answerMalformed(Session& session, const FlowHeader& header,
     const std::int32_t id = header.messageId;
     if (id < 1) return session.drop();
     if (header.flowVersion != kFlowVersion)
-        return send(session, encodeErrorFlow(id, kGatewayBackLevel, "BASE"));
-    if (header.requestType != "ECI" && header.requestType != "ESI") {
-        return send(session, encodeErrorFlow(id, kGatewayInvalidRequestType, "BASE"));
-    }
-    send(session, encodeExceptionFlow(id, malformed.what(), header.requestType));
+        return sendError(session, id, encodeErrorFlow(id, kGatewayBackLevel, "BASE"));
+    if (header.requestType != "ECI" && header.requestType != "ESI")
+        return sendError(session, id, encodeErrorFlow(id, kGatewayInvalidRequestType, "BASE"));
+    sendError(session, id, encodeExceptionFlow(id, malformed.what(), header.requestType));
+}
+
+// The answer to a request that no misbehaviour can strike at.
+void Server::sendError(Session& session, std::int32_t messageId, Bytes flow)
+{
+    calls_.answer(session.number(), messageId, {flow});
+    send(session, std::move(flow));
 }
 
 void Server::decodeBody(Session& session, const SplitFlow& split, ReceivedRequest& request)
@@ -450,8 +462,10 @@ void Server::answerRequest(Session& session, const ReceivedRequest& request)
         log(LogLevel::Warning, session.number(),
             "request " + std::to_string(header.messageId) +
                 (early ? " before the handshake" : " behind the close flow"));
-        if (early)
-            send(session, encodeErrorFlow(header.messageId, kGatewayRefused, header.requestType));
+        if (early) {
+            sendError(session, header.messageId,
+                      encodeErrorFlow(header.messageId, kGatewayRefused, header.requestType));
+        }
         return;
     }
 
@@ -462,6 +476,8 @@ void Server::answerRequest(Session& session, const ReceivedRequest& request)
         log(LogLevel::Warning, session.number(),
             "request " + std::to_string(header.messageId) +
                 " misbehaving: " + std::string(nameOf(strike.misbehaviour.fault)));
+        calls_.struckBy(session.number(), header.messageId,
+                        std::string(nameOf(strike.misbehaviour.fault)));
     }
     if (std::optional<Answer> replaced = replacedAnswer(strikes, header)) {
         if (request.eci && isReplacedByAnError(strikes))
@@ -494,6 +510,7 @@ void Server::answerInEarnest(const ReceivedRequest& request, const std::vector<S
             "request " + std::to_string(header.messageId) +
                 " has failed: " + printable(failure.what()));
         if (request.eci) runner_.giveUp(request.eci->luwToken, request.connection);
+        calls_.exception(request.connection, header.messageId, failure.what());
         give(spoiledAnswer(
             strikes, makeExceptionFlow(header.messageId, failure.what(), header.requestType)));
     }
@@ -502,17 +519,55 @@ void Server::answerInEarnest(const ReceivedRequest& request, const std::vector<S
 void Server::runEci(const ReceivedRequest& request, const std::vector<Strike>& strikes)
 {
     const int connection = request.connection;
-    const std::int32_t messageId = request.header.messageId;
-    const auto deliverReply = [this, connection, messageId, strikes](const EciReply& reply) {
-        log(LogLevel::Info, connection,
-            "answer " + std::to_string(messageId) + " " + describe(reply));
-        answer(connection, messageId, strikes,
-               spoiledAnswer(strikes, makeEciReply(messageId, reply)));
+    const FlowHeader header = request.header;
+    const auto give = [this, connection, header, strikes](const EciReply& reply) {
+        answerEci(connection, header, strikes, reply);
+    };
+    const auto deliverReply = [this, connection, give](const EciReply& reply) {
+        if (reply.delay.count() <= 0) return give(reply);
+        timers_.after(reply.delay, [this, connection, give, reply] {
+            guarded(connection, [&] { give(reply); });
+        });
     };
     const auto later = [this, connection, way = wayOnto(loop_)](std::function<void()> task) {
         way([this, connection, task = std::move(task)] { guarded(connection, task); });
     };
-    runner_.run(*request.eci, messageId, connection, hasGatewayRc(strikes), deliverReply, later);
+    const std::shared_ptr<Session> session = sessions_.at(connection);
+    session->expectAnswer();
+    try {
+        runner_.run(*request.eci, header.messageId, connection, hasGatewayRc(strikes), deliverReply,
+                    later);
+    } catch (...) {
+        session->answerIsHere(); // the exception becomes it
+        throw;
+    }
+}
+
+void Server::answerEci(int connection, const FlowHeader& header, std::vector<Strike> strikes,
+                       EciReply reply)
+{
+    const auto found = sessions_.find(connection);
+    if (found == sessions_.end()) return; // the answer comes too late
+    const std::shared_ptr<Session> session = found->second;
+    const std::int32_t messageId = header.messageId;
+    for (const std::string& fault : reply.faults) {
+        strikes.push_back({parseMisbehaviour(fault).misbehaviour, 0});
+        log(LogLevel::Warning, connection,
+            "answer " + std::to_string(messageId) + " misbehaving: " + fault);
+        calls_.struckBy(connection, messageId, fault.substr(0, fault.find('=')));
+    }
+    if (!reply.faults.empty() && (isReplacedByAnError(strikes) || hasGatewayRc(strikes))) {
+        runner_.giveUp(reply.luwToken, connection);
+        reply.luwToken = 0;
+    }
+    log(LogLevel::Info, connection, "answer " + std::to_string(messageId) + " " + describe(reply));
+    calls_.reply(connection, messageId, reply);
+    std::optional<Answer> replaced;
+    if (!reply.faults.empty()) replaced = replacedAnswer(strikes, header);
+    answer(connection, messageId, strikes,
+           replaced ? std::move(*replaced)
+                    : spoiledAnswer(strikes, makeEciReply(messageId, reply)));
+    session->answerIsHere();
 }
 
 void Server::runEsi(const ReceivedRequest& request, const std::vector<Strike>& strikes)
@@ -544,6 +599,7 @@ void Server::answerEsi(int connection, std::int32_t messageId, const std::vector
     if (found == sessions_.end()) return; // the answer comes too late
     const std::shared_ptr<Session> session = found->second;
     log(LogLevel::Info, connection, "answer " + std::to_string(messageId) + " " + describe(reply));
+    calls_.reply(connection, messageId, reply);
     answer(connection, messageId, strikes, spoiledAnswer(strikes, makeEsiReply(messageId, reply)));
     session->answerIsHere();
 }
@@ -584,6 +640,7 @@ void Server::deliverOne(HeldAnswer held)
                                       ? 0
                                       : static_cast<std::size_t>(pieces->misbehaviour.number);
     std::vector<Bytes>& flows = held.answer.flows;
+    if (session->isOpen()) calls_.answer(held.connection, held.messageId, flows);
     for (Bytes& flow : flows) session->send(std::move(flow), pieceSize, &flow == &flows.back());
 
     end(*session, held.answer.then);

@@ -15,10 +15,12 @@
 #include <asio/ip/tcp.hpp>
 #include <asio/steady_timer.hpp>
 
+#include "conversation/call_book.h"
 #include "conversation/event_loop.h"
 #include "conversation/held_answers.h"
 #include "conversation/recorder.h"
 #include "conversation/session.h"
+#include "conversation/timers.h"
 #include "faults/fault_plan.h"
 #include "programs/call_runner.h"
 #include "standin/gateway.h"
@@ -92,10 +94,13 @@ private:
     void takeRequest(Session& session, const SplitFlow& split, const Bytes& raw);
     void answerMalformed(Session& session, const FlowHeader& header,
                          const MalformedFlow& malformed);
+    void sendError(Session& session, std::int32_t messageId, Bytes flow);
     void decodeBody(Session& session, const SplitFlow& split, ReceivedRequest& request);
     void answerRequest(Session& session, const ReceivedRequest& request);
     void answerInEarnest(const ReceivedRequest& request, const std::vector<Strike>& strikes);
     void runEci(const ReceivedRequest& request, const std::vector<Strike>& strikes);
+    void answerEci(int connection, const FlowHeader& header, std::vector<Strike> strikes,
+                   EciReply reply);
     void runEsi(const ReceivedRequest& request, const std::vector<Strike>& strikes);
     void answerEsi(int connection, std::int32_t messageId, const std::vector<Strike>& strikes,
                    const EsiReply& reply);
@@ -118,6 +123,8 @@ private:
     Recorder& recorder_;
     asio::ip::tcp::acceptor acceptor_;
     asio::steady_timer acceptTimer_;
+    Timers timers_; // of answers that are kept for a time
+    CallBook calls_;
     CallRunner runner_;
     FaultPlan plan_;
     HeldAnswers held_;

@@ -184,4 +184,9 @@ std::string_view nameOf(Fault fault)
     return rowOf(fault).name;
 }
 
+bool strikesAtAnswers(Fault fault)
+{
+    return rowOf(fault).moment == Moment::Request;
+}
+
 } // namespace standin

@@ -95,17 +95,17 @@ void CallRunner::runProgram(const EciRequest& request, std::int32_t messageId, i
         deliver(settle(std::move(reply), failed, requestToken, unitToken));
     };
 
-    const std::shared_ptr<Program> program = findProgram(request.program);
+    ProgramCall call{request, messageId, connection, std::nullopt, nullptr};
+    if (unit != nullptr) call.unitOfWork = unit->id;
+    const std::shared_ptr<Program> program = findProgram(call);
     if (program == nullptr) {
         log(LogLevel::Warning, "program \"" + printable(request.program) + "\" is not there");
         return finish(EciReply::abend(request, kProgramNotFound));
     }
 
-    ProgramCall call{request, messageId, connection, std::nullopt, nullptr};
     if (unit != nullptr) {
         const std::int32_t refused = enlist(*unit, request.program, program);
         if (refused != kServerOk) return finish(EciReply::serverError(request, refused));
-        call.unitOfWork = unit->id;
     }
     call.answerLater = [finish, later] {
         return PendingReply([finish, later](EciReply reply) {
@@ -155,9 +155,10 @@ EciReply CallRunner::endUnit(const EciRequest& request, int connection)
     return reply;
 }
 
-std::shared_ptr<Program> CallRunner::findProgram(const std::string& name) const
+std::shared_ptr<Program> CallRunner::findProgram(const ProgramCall& call) const
 {
-    const auto found = programs_.find(name);
+    if (first_ != nullptr && first_->takes(call)) return first_;
+    const auto found = programs_.find(call.request.program);
     return found == programs_.end() ? nullptr : found->second;
 }
 
@@ -242,6 +243,11 @@ void CallRunner::connectionLost(int connection)
         if (unit.id.connection == connection) tokens.push_back(token);
     }
     for (const std::int32_t token : tokens) backOut(token);
+}
+
+void CallRunner::connectionEnded(int connection)
+{
+    if (first_ != nullptr) first_->connectionEnded(connection);
 }
 
 void CallRunner::log(LogLevel level, const std::string& line) const

@@ -24,6 +24,7 @@ public:
     CallRunner(LogSink log, std::size_t mostUnits);
 
     void setProgram(const std::string& name, std::shared_ptr<Program> program);
+    void setFirstProgram(std::shared_ptr<FirstProgram> program) { first_ = std::move(program); }
     void setListReply(ReplyFunction reply);
 
     // Runs a request and hands its reply to `deliver`: before this returns, or later and then from
@@ -40,6 +41,9 @@ public:
 
     // Backs out every unit of work that the connection has open.
     void connectionLost(int connection);
+
+    // Nothing more comes on it, and connectionLost() has been called.
+    void connectionEnded(int connection);
 
     std::size_t openUnitsOfWork() const { return openCount_; }
 
@@ -58,7 +62,7 @@ private:
                     const std::function<void(std::function<void()>)>& later);
     EciReply endUnit(const EciRequest& request, int connection);
 
-    std::shared_ptr<Program> findProgram(const std::string& name) const;
+    std::shared_ptr<Program> findProgram(const ProgramCall& call) const;
     OpenUnit* findUnit(std::int32_t token, int connection);
     std::int32_t openUnit(int connection); // its token
     std::int32_t enlist(OpenUnit& unit, const std::string& name,
@@ -75,6 +79,7 @@ private:
     LogSink log_;
     const std::size_t mostUnits_;
     std::map<std::string, std::shared_ptr<Program>> programs_;
+    std::shared_ptr<FirstProgram> first_; // null: none
     ReplyFunction listReply_;
     std::map<std::int32_t, OpenUnit> units_; // by token
     std::int32_t lastToken_ = 0;

@@ -57,6 +57,8 @@ std::int32_t Program::commit(const UnitOfWork&)
 
 void Program::backout(const UnitOfWork&) {}
 
+void FirstProgram::connectionEnded(int) {}
+
 // ---------------------------------------------------------------------------------------- programs
 
 namespace {

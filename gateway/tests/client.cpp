@@ -213,6 +213,7 @@ Bytes Client::readBytes(std::size_t count)
     std::size_t done = 0;
     while (done < count) {
         const ssize_t read = ::recv(socket_, bytes.data() + done, count - done, 0);
+        if (read == -1 && errno == EINTR) continue; // a child of the test has ended
         if (read < 1) break;
         done += static_cast<std::size_t>(read);
     }
@@ -265,7 +266,7 @@ bool Client::endsInOrder()
     for (;;) {
         const ssize_t count = ::recv(socket_, thrownAway, sizeof thrownAway, 0);
         if (count == 0) return true;
-        if (count > 0) continue;
+        if (count > 0 || errno == EINTR) continue;
         if (errno == ECONNRESET) return false;
         throw std::system_error(errno, std::generic_category(), "recv");
     }

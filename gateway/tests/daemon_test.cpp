@@ -2,11 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -14,148 +9,17 @@
 #include <thread>
 
 #include "client.h"
+#include "daemon.h"
 #include "standin/gateway.h"
 #include "temporary_directory.h"
 
-extern char** environ;
-
 using standin_test::Call;
 using standin_test::Client;
+using standin_test::Daemon;
 using standin_test::Reply;
 using standin_test::TemporaryDirectory;
 
 namespace {
-
-// A running daemon. What it writes to both of its outputs comes through one pipe.
-class Daemon {
-public:
-    // With `limits` these are commands of the shell that starts it.
-    explicit Daemon(std::vector<std::string> arguments, const std::string& limits = "true")
-    {
-        arguments.insert(arguments.begin(),
-                         {"/bin/sh", "-c", limits + " && exec \"$0\" \"$@\"", GATEWAY_DAEMON});
-        std::vector<char*> argv;
-        for (std::string& argument : arguments) argv.push_back(argument.data());
-        argv.push_back(nullptr);
-
-        int ends[2];
-        if (::pipe2(ends, O_CLOEXEC) != 0)
-            throw std::system_error(errno, std::generic_category(), "pipe");
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
-        posix_spawn_file_actions_adddup2(&actions, ends[1], STDERR_FILENO);
-        const int error = ::posix_spawn(&process_, "/bin/sh", &actions, nullptr, argv.data(),
-                                        environ);
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(ends[1]);
-        output_ = ends[0];
-        if (error != 0) throw std::system_error(error, std::generic_category(), GATEWAY_DAEMON);
-    }
-
-    ~Daemon()
-    {
-        if (process_ > 0) {
-            signal(SIGKILL);
-            end();
-        }
-        if (output_ != -1) ::close(output_);
-    }
-
-    Daemon(const Daemon&) = delete;
-    Daemon& operator=(const Daemon&) = delete;
-
-    // Reads until the text has come; false when the output ends first.
-    bool awaitOutput(const std::string& part)
-    {
-        char buffer[512];
-        while (text_.find(part) == std::string::npos) {
-            const ssize_t count = ::read(output_, buffer, sizeof buffer);
-            if (count < 1) return false;
-            text_.append(buffer, static_cast<std::size_t>(count));
-        }
-        return true;
-    }
-
-    const std::string& output() const { return text_; }
-    bool wrote(const std::string& part) const { return text_.find(part) != std::string::npos; }
-
-    std::uint16_t port()
-    {
-        awaitOutput("ready\n");
-        const std::string mark = "listening on 127.0.0.1:";
-        const std::size_t at = text_.find(mark);
-        if (at == std::string::npos)
-            throw std::runtime_error("the daemon does not listen: " + text_);
-        return static_cast<std::uint16_t>(std::stoi(text_.substr(at + mark.size())));
-    }
-
-    void signal(int number) { ::kill(process_, number); }
-
-    // Whether the bytes stand anywhere in the memory that the daemon can write to. The tables that
-    // a sanitizer keeps of it are far larger than all else, and have no bytes of it.
-    bool hasInMemory(const std::string& bytes) const
-    {
-        constexpr unsigned long most = 1UL << 30;
-        const std::string folder = "/proc/" + std::to_string(process_);
-        std::ifstream maps(folder + "/maps");
-        std::ifstream memory(folder + "/mem", std::ios::binary);
-        if (!maps || !memory) throw std::runtime_error("the daemon's memory cannot be read");
-        std::string line;
-        while (std::getline(maps, line)) {
-            unsigned long first = 0;
-            unsigned long end = 0;
-            char mayRead = 0;
-            char mayWrite = 0;
-            if (std::sscanf(line.c_str(), "%lx-%lx %c%c", &first, &end, &mayRead, &mayWrite) != 4 ||
-                mayRead != 'r' || mayWrite != 'w' || end - first > most) {
-                continue;
-            }
-            std::string region(end - first, '\0');
-            memory.clear();
-            memory.seekg(static_cast<std::streamoff>(first));
-            memory.read(region.data(), static_cast<std::streamsize>(region.size()));
-            if (region.find(bytes) != std::string::npos) return true;
-        }
-        return false;
-    }
-
-    // Waits for the end; the exit code, or -1 when a signal has killed the daemon.
-    int end()
-    {
-        char buffer[512];
-        ssize_t count = 0;
-        while ((count = ::read(output_, buffer, sizeof buffer)) > 0)
-            text_.append(buffer, static_cast<std::size_t>(count));
-        int status = 0;
-        ::waitpid(process_, &status, 0);
-        process_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-    int stop()
-    {
-        signal(SIGTERM);
-        return end();
-    }
-
-    // Nobody reads the output any more.
-    void closeOutput() { ::close(std::exchange(output_, -1)); }
-
-    // As end(), but what has not been read of the output is not read now either.
-    int endUnread()
-    {
-        int status = 0;
-        ::waitpid(process_, &status, 0);
-        process_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-private:
-    pid_t process_ = -1;
-    int output_ = -1;
-    std::string text_;
-};
 
 std::string contentOf(const std::string& file)
 {
@@ -173,7 +37,7 @@ TEST(DaemonOptions, HelpExplainsThemWithExamples)
     Daemon daemon({"--help"});
     EXPECT_EQ(0, daemon.end());
     for (const char* const part :
-         {"--port ", "--port-file", "--host", "--database", "--registry", "--log-level",
+         {"--port ", "--port-file", "--host", "--database", "--registry", "--script", "--log-level",
           "--misbehave", "--list-misbehaviours", "--version", "--config", "--system",
           "Examples:", "qpxgatewayd --port 5770 --database ledger.db", "Exit codes:"}) {
         EXPECT_TRUE(daemon.wrote(part)) << part;
@@ -340,7 +204,7 @@ TEST(DaemonOptions, ComeFromAFileToo)
 namespace {
 
 const char* const kKeysOfTheConfiguration =
-    "host, port, port-file, database, registry, system, misbehave, list-misbehaviours and "
+    "host, port, port-file, database, registry, script, system, misbehave, list-misbehaviours and "
     "log-level";
 
 // That a configuration file with this text is refused for the key in this line.
@@ -411,10 +275,12 @@ TEST(DaemonConfiguration, MayHoldEveryOption)
 {
     const TemporaryDirectory directory;
     std::ofstream(directory.file("registry.toml")) << "[rules]\nshortest = 6\n";
+    std::ofstream(directory.file("answers.toml")) << "seed = 2\n";
     std::ofstream(directory.file("gateway.conf"))
         << "; all there is\n[default]\n\"host\" = 127.0.0.1\n--port=0\nport-file="
         << directory.file("port") << "\ndatabase=" << directory.file("ledger.db")
         << "\nregistry=" << directory.file("registry.toml")
+        << "\nscript=" << directory.file("answers.toml")
         << "\nsystem=[\"ONE=The first\",\n\"TWO=The second\"\n]\n\n# of two lines\nmisbehave=ping\n"
            "list-misbehaviours=false\nlog-level=info\n";
     Daemon daemon({"--config", directory.file("gateway.conf")});

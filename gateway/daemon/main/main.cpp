@@ -23,6 +23,7 @@
 #include "orders/orders.h"
 #include "registry/registry.h"
 #include "registry/worker.h"
+#include "script/script_file.h"
 #include "standin/gateway.h"
 #include "standin/wipe.h"
 
@@ -101,6 +102,7 @@ public:
         sigaddset(&signals_, SIGINT);
         sigaddset(&signals_, SIGTERM);
         sigaddset(&signals_, SIGUSR1);
+        sigaddset(&signals_, SIGHUP);
         pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
         // Whoever reads the log may go; that ends nothing.
         std::signal(SIGPIPE, SIG_IGN);
@@ -187,15 +189,20 @@ std::variant<Registry, int> openRegistry(const Options& options, const Log& log)
 constexpr std::size_t kMostPasswords = 256;
 
 // Passwords are hashed on the worker's thread, so that nobody else waits for them.
-void serveFrom(const Registry& users, registry::Worker& worker, standin::Gateway& gateway)
+registry::Registry::Aside asideOf(registry::Worker& worker, const standin::Gateway& gateway)
 {
-    users->hashAside([&worker, way = gateway.wayOntoThread()](std::function<void()> work,
-                                                              std::function<void()> then) {
+    return [&worker, way = gateway.wayOntoThread()](std::function<void()> work,
+                                                    std::function<void()> then) {
         return worker.give([way, work = std::move(work), then = std::move(then)] {
             work();
             way(then);
         });
-    });
+    };
+}
+
+void serveFrom(const Registry& users, registry::Worker& worker, standin::Gateway& gateway)
+{
+    users->hashAside(asideOf(worker, gateway));
     gateway.setEsiProgram(
         [users](const standin::EsiRequest& request, const standin::PendingEsiReply& pending) {
             users->answer(request,
@@ -203,6 +210,19 @@ void serveFrom(const Registry& users, registry::Worker& worker, standin::Gateway
         });
     gateway.setListReply(
         [users](const standin::EciRequest& request) { return users->list(request); });
+}
+
+// Null: there is no script, or it cannot be used, which has been told.
+std::unique_ptr<script::ScriptFile> openScript(const Options& options, const Log& log)
+{
+    if (options.script.empty()) return nullptr;
+    try {
+        return std::make_unique<script::ScriptFile>(options.script, sinkInto(log));
+    } catch (const std::runtime_error& problem) {
+        log->error("cannot use the script {}: {}. docs/gateway.md describes scripts.",
+                   options.script, problem.what());
+        return nullptr;
+    }
 }
 
 // As many units of work as leave descriptors for everything else: each has a connection to the
@@ -253,15 +273,22 @@ void sayGoodbye(standin::Gateway& gateway)
 }
 
 // Returns when SIGINT or SIGTERM has come.
-void serveUntilStopped(standin::Gateway& gateway, const Log& log, const Signals& signals)
+void serveUntilStopped(standin::Gateway& gateway, script::ScriptFile* script, const Log& log,
+                       const Signals& signals)
 {
-    int signal = signals.wait();
-    while (signal == SIGUSR1) {
-        log->info("releasing {} held answers", gateway.heldCount());
-        gateway.release();
-        signal = signals.wait();
+    for (;;) {
+        const int signal = signals.wait();
+        if (signal == SIGUSR1) {
+            log->info("releasing {} held answers", gateway.heldCount());
+            gateway.release();
+        } else if (signal != SIGHUP) {
+            log->info("ending by signal {}", signal);
+            break;
+        } else if (script != nullptr) {
+            script->reload();
+        }
     }
-    log->info("ending by signal {}", signal);
+    if (script != nullptr) script->abandon();
     sayGoodbye(gateway);
     gateway.stop();
 }
@@ -280,6 +307,9 @@ int serve(const Options& options, const Log& log, const Signals& signals)
         users = std::get<Registry>(opened);
     }
 
+    const std::unique_ptr<script::ScriptFile> script = openScript(options, log);
+    if (script == nullptr && !options.script.empty()) return daemon_options::kBadScript;
+
     registry::Worker worker(kMostPasswords); // outlives what gives work to it
     const std::unique_ptr<standin::Gateway> gateway = openGateway(options, log);
     if (gateway == nullptr) return daemon_options::kCannotListen;
@@ -291,6 +321,7 @@ int serve(const Options& options, const Log& log, const Signals& signals)
     log->info("programs: ECHO, ABEND, CHANECHO, CHANEDIT{}",
               programs ? ", LEDGER and ORDERS on " + options.database
                        : "; no LEDGER and ORDERS without --database");
+    if (script != nullptr) script->serve(*gateway, asideOf(worker, *gateway));
     for (const standin::SelectedMisbehaviour& selected : options.misbehaviours) {
         gateway->misbehave(selected.misbehaviour, selected.selector);
         log->warn("misbehaving on purpose: {}", standin::nameOf(selected.misbehaviour.fault));
@@ -305,7 +336,7 @@ int serve(const Options& options, const Log& log, const Signals& signals)
     }
 
     log->info("ready");
-    serveUntilStopped(*gateway, log, signals);
+    serveUntilStopped(*gateway, script.get(), log, signals);
     return daemon_options::kStopped;
 }
 

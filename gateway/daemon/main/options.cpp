@@ -28,16 +28,20 @@ Examples:
   qpxgatewayd --misbehave pieces=7 --misbehave drop@program:ECHO,nth:3
       Sends everything in pieces of 7 bytes, and drops the connection instead of
       answering the third call of ECHO.
+  qpxgatewayd --port 5770 --script answers.toml
+      Answers calls as answers.toml says, which is read again when it changes.
   qpxgatewayd --config gateway.conf
       Takes options from a file with lines like: port=5770
 
 SIGUSR1 releases all answers that are held and ends the misbehaviour "hold".
+SIGHUP reads the script again.
 
 Exit codes:
   0  stopped by SIGINT or SIGTERM       3  cannot listen on the address
   1  unforeseen failure                 4  cannot use the database file
   2  wrong option, or unknown key       5  cannot write the port file
-     in a file                          6  cannot use the registry file)";
+     in a file                          6  cannot use the registry file
+                                        7  cannot use the script)";
 
 const std::map<std::string, LogLevel> kLogLevels = {
     {"debug", LogLevel::Debug},
@@ -144,6 +148,11 @@ void declare(CLI::App& app, Options& options, RawOptions& raw)
         ->option_text("FILE")
         ->check(notEmpty)
         ->needs(database);
+    app.add_option("--script", options.script,
+                   "Answer calls as FILE says (TOML), in front of all programs; it is read again "
+                   "when it changes")
+        ->option_text("FILE")
+        ->check(notEmpty);
     app.add_option("--system", raw.systems,
                    "A server for the system list, behind those of the registry file; may be "
                    "given several times")

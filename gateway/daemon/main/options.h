@@ -23,6 +23,7 @@ enum ExitCode {
     kBadDatabase = 4,  // the database file cannot be used
     kBadPortFile = 5,  // the port file cannot be written
     kBadRegistry = 6,  // the registry file cannot be used for another reason
+    kBadScript = 7,    // the script cannot be used
 };
 
 struct Options {
@@ -31,6 +32,7 @@ struct Options {
     std::string portFile; // empty: none
     std::string database; // empty: no LEDGER, no ORDERS and no registry
     std::string registry; // file that fills the registry; empty: none
+    std::string script;   // file that says how calls are answered; empty: none
     standin::LogLevel logLevel = standin::LogLevel::Info;
     std::vector<standin::SelectedMisbehaviour> misbehaviours;
     std::vector<standin::SystemEntry> systems;

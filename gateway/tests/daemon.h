@@ -64,12 +64,20 @@ public:
     // Reads until the text has come; false when the output ends first.
     bool awaitOutput(const std::string& part)
     {
-        char buffer[512];
         while (text_.find(part) == std::string::npos) {
-            const ssize_t count = ::read(output_, buffer, sizeof buffer);
-            if (count < 1) return false;
-            text_.append(buffer, static_cast<std::size_t>(count));
+            if (!awaitMore()) return false;
         }
+        return true;
+    }
+
+    // Reads what comes next; false when the output has ended.
+    bool awaitMore()
+    {
+        char buffer[4096];
+        ssize_t count = 0;
+        while ((count = ::read(output_, buffer, sizeof buffer)) == -1 && errno == EINTR) {}
+        if (count < 1) return false;
+        text_.append(buffer, static_cast<std::size_t>(count));
         return true;
     }
 

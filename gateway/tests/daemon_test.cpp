@@ -37,8 +37,8 @@ TEST(DaemonOptions, HelpExplainsThemWithExamples)
     Daemon daemon({"--help"});
     EXPECT_EQ(0, daemon.end());
     for (const char* const part :
-         {"--port ", "--port-file", "--host", "--database", "--registry", "--script", "--log-level",
-          "--misbehave", "--list-misbehaviours", "--version", "--config", "--system",
+         {"--port ", "--port-file", "--host", "--database", "--registry", "--script", "--journal",
+          "--log-level", "--misbehave", "--list-misbehaviours", "--version", "--config", "--system",
           "Examples:", "qpxgatewayd --port 5770 --database ledger.db", "Exit codes:"}) {
         EXPECT_TRUE(daemon.wrote(part)) << part;
     }
@@ -203,9 +203,9 @@ TEST(DaemonOptions, ComeFromAFileToo)
 
 namespace {
 
-const char* const kKeysOfTheConfiguration =
-    "host, port, port-file, database, registry, script, system, misbehave, list-misbehaviours and "
-    "log-level";
+const char* const kKeysOfTheConfiguration = "host, port, port-file, database, registry, script, "
+                                            "journal, system, misbehave, list-misbehaviours and "
+                                            "log-level";
 
 // That a configuration file with this text is refused for the key in this line.
 void expectUnknownKey(const std::string& text, int line, const std::string& key)
@@ -281,6 +281,7 @@ TEST(DaemonConfiguration, MayHoldEveryOption)
         << directory.file("port") << "\ndatabase=" << directory.file("ledger.db")
         << "\nregistry=" << directory.file("registry.toml")
         << "\nscript=" << directory.file("answers.toml")
+        << "\njournal=" << directory.file("calls.jsonl")
         << "\nsystem=[\"ONE=The first\",\n\"TWO=The second\"\n]\n\n# of two lines\nmisbehave=ping\n"
            "list-misbehaviours=false\nlog-level=info\n";
     Daemon daemon({"--config", directory.file("gateway.conf")});

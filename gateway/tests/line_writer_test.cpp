@@ -3,12 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
+#include <fstream>
 #include <memory>
+#include <sstream>
 
 #include "log/line_writer.h"
+#include "temporary_directory.h"
 
 using log_text::LineWriter;
 
@@ -106,4 +111,85 @@ TEST_F(Lines, MayHaveNoReader)
     ::close(std::exchange(reader, -1));
     LineWriter writer(target);
     for (int i = 0; i < kLines; ++i) writer.write(line(i));
+}
+
+namespace {
+
+// Files may grow up to a size, and no further, as if the disk were full.
+class FullDisk {
+public:
+    explicit FullDisk(rlim_t bytes)
+    {
+        ::signal(SIGXFSZ, SIG_IGN);
+        ::getrlimit(RLIMIT_FSIZE, &before_);
+        const rlimit limit{bytes, before_.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
+
+    ~FullDisk() { ::setrlimit(RLIMIT_FSIZE, &before_); }
+
+    FullDisk(const FullDisk&) = delete;
+    FullDisk& operator=(const FullDisk&) = delete;
+
+private:
+    rlimit before_{};
+};
+
+class LinesOnADisk : public testing::Test {
+protected:
+    ~LinesOnADisk() override { ::close(target); }
+
+    LineWriter::Manner manner()
+    {
+        LineWriter::Manner manner;
+        manner.noteOfLoss = [](std::size_t lost) { return "lost " + std::to_string(lost) + "\n"; };
+        manner.trouble = [this](int error) { troubles.push_back(error); };
+        return manner;
+    }
+
+    std::string content() const
+    {
+        std::ostringstream text;
+        text << std::ifstream(file).rdbuf();
+        return text.str();
+    }
+
+    const standin_test::TemporaryDirectory directory;
+    const std::string file = directory.file("lines");
+    const int target = ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    std::vector<int> troubles;
+};
+
+} // namespace
+
+TEST_F(LinesOnADisk, AreCountedWhileItIsFullAndGoOnBehindAWholeLine)
+{
+    LineWriter writer(target, manner());
+    {
+        const FullDisk full(25);
+        for (const char* const line :
+             {"line one.\n", "line two.\n", "line 333.\n", "line 444.\n", "line 555.\n"}) {
+            writer.write(line);
+        }
+        EXPECT_EQ("line one.\nline two.\nline ", content());
+        EXPECT_EQ(std::vector<int>{EFBIG}, troubles) << "told once";
+    }
+    writer.write("line 666.\n");
+    EXPECT_EQ("line one.\nline two.\nline 333.\nlost 2\nline 666.\n", content());
+    EXPECT_EQ((std::vector<int>{EFBIG, 0}), troubles);
+    const FullDisk full(50);
+    writer.write("line 777.\n");
+    EXPECT_EQ((std::vector<int>{EFBIG, 0, EFBIG}), troubles) << "told again";
+}
+
+TEST_F(LinesOnADisk, AreCountedAtTheEndWhenThereIsRoomAgain)
+{
+    {
+        LineWriter writer(target, manner());
+        const FullDisk full(12); // is gone before the writer
+        for (const char* const line : {"line one.\n", "line two.\n", "line 333.\n"})
+            writer.write(line);
+    }
+    EXPECT_EQ("line one.\nline two.\nlost 1\n", content());
+    EXPECT_EQ((std::vector<int>{EFBIG, 0}), troubles);
 }

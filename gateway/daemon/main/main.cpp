@@ -4,10 +4,13 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <iostream>
 #include <memory>
 #include <optional>
+#include <string>
 #include <system_error>
 #include <variant>
+#include <vector>
 
 #include <sys/resource.h>
 #include <unistd.h>
@@ -16,6 +19,8 @@
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
 
+#include "journal/check.h"
+#include "journal/journal.h"
 #include "ledger/ledger.h"
 #include "log/line_writer.h"
 #include "main/options.h"
@@ -104,8 +109,9 @@ public:
         sigaddset(&signals_, SIGUSR1);
         sigaddset(&signals_, SIGHUP);
         pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
-        // Whoever reads the log may go; that ends nothing.
+        // Whoever reads the log may go, and a file may grow no further; that ends nothing.
         std::signal(SIGPIPE, SIG_IGN);
+        std::signal(SIGXFSZ, SIG_IGN);
     }
 
     int wait() const
@@ -241,7 +247,22 @@ std::size_t mostUnitsOfWork()
     return static_cast<std::size_t>(std::clamp<rlim_t>(left / kForEach, 1, kMost));
 }
 
-std::unique_ptr<standin::Gateway> openGateway(const Options& options, const Log& log)
+// Null: there is none, or it cannot be opened, which has been told.
+std::unique_ptr<journal::Journal> openJournal(const Options& options, const Log& log)
+{
+    if (options.journal.empty()) return nullptr;
+    try {
+        return std::make_unique<journal::Journal>(options.journal, sinkInto(log));
+    } catch (const std::system_error& error) {
+        log->error("cannot open the journal {}: {}. Give a file in a directory that may be written "
+                   "to, or - for standard output, with --journal.",
+                   options.journal, error.code().message());
+        return nullptr;
+    }
+}
+
+std::unique_ptr<standin::Gateway> openGateway(const Options& options, journal::Journal* journal,
+                                              const Log& log)
 {
     standin::GatewayOptions gatewayOptions;
     gatewayOptions.host = options.host;
@@ -250,6 +271,11 @@ std::unique_ptr<standin::Gateway> openGateway(const Options& options, const Log&
     gatewayOptions.recording = false;
     gatewayOptions.systems = options.systems;
     gatewayOptions.mostUnitsOfWork = mostUnitsOfWork();
+    if (journal != nullptr) {
+        gatewayOptions.observer = [journal](const standin::CallRecord& call) {
+            journal->add(call);
+        };
+    }
     try {
         return std::make_unique<standin::Gateway>(gatewayOptions);
     } catch (const std::system_error& error) {
@@ -309,9 +335,11 @@ int serve(const Options& options, const Log& log, const Signals& signals)
 
     const std::unique_ptr<script::ScriptFile> script = openScript(options, log);
     if (script == nullptr && !options.script.empty()) return daemon_options::kBadScript;
+    const std::unique_ptr<journal::Journal> journal = openJournal(options, log);
+    if (journal == nullptr && !options.journal.empty()) return daemon_options::kBadJournal;
 
     registry::Worker worker(kMostPasswords); // outlives what gives work to it
-    const std::unique_ptr<standin::Gateway> gateway = openGateway(options, log);
+    const std::unique_ptr<standin::Gateway> gateway = openGateway(options, journal.get(), log);
     if (gateway == nullptr) return daemon_options::kCannotListen;
     if (programs) {
         gateway->setProgram("LEDGER", programs->ledger);
@@ -345,6 +373,8 @@ int serve(const Options& options, const Log& log, const Signals& signals)
 int main(int argc, char** argv)
 {
     try {
+        if (argc > 1 && std::string(argv[1]) == "check")
+            return journal::check({argv + 2, argv + argc}, std::cout, std::cerr);
         const std::variant<Options, int> read = daemon_options::readOptions(argc, argv);
         if (const int* const code = std::get_if<int>(&read)) return *code;
         const Signals signals;

@@ -30,6 +30,10 @@ Examples:
       answering the third call of ECHO.
   qpxgatewayd --port 5770 --script answers.toml
       Answers calls as answers.toml says, which is read again when it changes.
+  qpxgatewayd --port 5770 --journal calls.jsonl
+      Writes every call to calls.jsonl.
+  qpxgatewayd check calls.jsonl expect.toml
+      Names what is missing, unexpected or out of order there.
   qpxgatewayd --config gateway.conf
       Takes options from a file with lines like: port=5770
 
@@ -41,7 +45,7 @@ Exit codes:
   1  unforeseen failure                 4  cannot use the database file
   2  wrong option, or unknown key       5  cannot write the port file
      in a file                          6  cannot use the registry file
-                                        7  cannot use the script)";
+  7  cannot use the script              8  cannot open the journal)";
 
 const std::map<std::string, LogLevel> kLogLevels = {
     {"debug", LogLevel::Debug},
@@ -151,6 +155,11 @@ void declare(CLI::App& app, Options& options, RawOptions& raw)
     app.add_option("--script", options.script,
                    "Answer calls as FILE says (TOML), in front of all programs; it is read again "
                    "when it changes")
+        ->option_text("FILE")
+        ->check(notEmpty);
+    app.add_option("--journal", options.journal,
+                   "Write every call as a line of JSON behind what is in FILE, - for standard "
+                   "output")
         ->option_text("FILE")
         ->check(notEmpty);
     app.add_option("--system", raw.systems,

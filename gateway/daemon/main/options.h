@@ -24,6 +24,7 @@ enum ExitCode {
     kBadPortFile = 5,  // the port file cannot be written
     kBadRegistry = 6,  // the registry file cannot be used for another reason
     kBadScript = 7,    // the script cannot be used
+    kBadJournal = 8,   // the journal cannot be opened
 };
 
 struct Options {
@@ -32,6 +33,7 @@ struct Options {
     std::string portFile; // empty: none
     std::string database; // empty: no LEDGER, no ORDERS and no registry
     std::string registry; // file that fills the registry; empty: none
+    std::string journal;  // file for a line on every call, "-" for standard output; empty: none
     std::string script;   // file that says how calls are answered; empty: none
     standin::LogLevel logLevel = standin::LogLevel::Info;
     std::vector<standin::SelectedMisbehaviour> misbehaviours;

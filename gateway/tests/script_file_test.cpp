@@ -190,9 +190,13 @@ TEST(ScriptFile, MayNotNestWithoutEnd)
 {
     std::string key = "a";
     for (int i = 0; i < 200000; ++i) key += ".a";
-    EXPECT_EQ("line 2, column 64: a key has more than 32 parts", complaint("\n" + key + " = 1\n"));
-    EXPECT_EQ("line 1, column 65: a key has more than 32 parts", complaint("[" + key + "]\n"));
+    EXPECT_EQ("line 2, column 16: a key has more than 8 parts", complaint("\n" + key + " = 1\n"));
+    EXPECT_EQ("line 1, column 17: a key has more than 8 parts", complaint("[" + key + "]\n"));
     EXPECT_NE("none", complaint("a = " + std::string(200000, '[')));
+    std::string tables = "a = 1";
+    for (int i = 0; i < 200; ++i) tables = "a.a.a.a.a.a.a = { " + tables + " }";
+    const std::string deep = complaint(tables + "\n");
+    EXPECT_NE(std::string::npos, deep.find(": this is too deep within others")) << deep;
     EXPECT_EQ("none", complaintAbout("answer = \"" + std::string(200, '.') + "\""));
     EXPECT_EQ("none", complaintAbout("answer = '''\n" + std::string(200, '.') + "\"\n'''"));
 }

@@ -14,7 +14,8 @@ namespace conf {
 namespace {
 
 constexpr std::size_t kLargestFile = 4 * 1024 * 1024;
-constexpr std::size_t kMostParts = 32; // of a key with dots between
+constexpr std::size_t kMostParts = 8; // of a key with dots between
+constexpr int kDeepest = 32;          // values within values
 
 Place placeOf(const toml::source_region& region)
 {
@@ -91,27 +92,29 @@ bool isEarlier(const Place& one, const Place& other)
     return one.line != other.line ? one.line < other.line : one.column < other.column;
 }
 
-Value valueOf(const toml::node& node);
+Value valueOf(const toml::node& node, int depth);
 
-Value tableOf(const toml::table& table)
+Value tableOf(const toml::table& table, int depth)
 {
     Value value;
     for (const auto& [key, node] : table)
-        value.entries.push_back({placeOf(key.source()), std::string(key.str()), valueOf(node)});
+        value.entries.push_back(
+            {placeOf(key.source()), std::string(key.str()), valueOf(node, depth)});
     std::sort(value.entries.begin(), value.entries.end(), [](const Entry& one, const Entry& other) {
         return isEarlier(one.place, other.place);
     });
     return value;
 }
 
-Value valueOf(const toml::node& node)
+Value valueOf(const toml::node& node, int depth)
 {
+    if (depth == kDeepest) throw Wrong(placeOf(node.source()), "this is too deep within others");
     Value value;
     if (const toml::table* const table = node.as_table()) {
-        value = tableOf(*table);
+        value = tableOf(*table, depth + 1);
     } else if (const toml::array* const array = node.as_array()) {
         value.kind = Value::Kind::List;
-        for (const toml::node& element : *array) value.list.push_back(valueOf(element));
+        for (const toml::node& element : *array) value.list.push_back(valueOf(element, depth + 1));
     } else if (const auto text = node.value_exact<std::string>()) {
         value.kind = Value::Kind::Text;
         value.text = *text;
@@ -171,7 +174,7 @@ Value readText(const std::string& text)
 {
     Dots(text).check();
     try {
-        return tableOf(toml::parse(text));
+        return tableOf(toml::parse(text), 0);
     } catch (const toml::parse_error& error) {
         // Its own text may quote what stands there, which may be a password.
         throw Wrong(placeOf(error.source()), "from here on this is no TOML");

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <exception>
 #include <filesystem>
+#include <system_error>
 #include <utility>
 
 #include "exec/exec_json.h"
@@ -52,19 +53,31 @@ bool Pool::give(Call call, Done done)
     {
         const std::lock_guard<std::mutex> guard(lock_);
         if (waiting_.size() >= kMostWaiting) return false;
+        const bool isThreadMissing = idle_ < waiting_.size() + 1 &&
+                                     threads_.size() < command_.workers;
+        if (isThreadMissing && !startThread() && threads_.empty()) return false;
         waiting_.push_back({std::move(call), std::move(done)});
-        if (idle_ < waiting_.size() && threads_.size() < command_.workers) {
-            const std::size_t number = threads_.size() + 1;
-            sigset_t all;
-            sigset_t before;
-            sigfillset(&all);
-            pthread_sigmask(SIG_SETMASK, &all, &before);
-            threads_.emplace_back([this, number] { work(number); });
-            pthread_sigmask(SIG_SETMASK, &before, nullptr);
-        }
     }
     changed_.notify_one();
     return true;
+}
+
+// Needs the lock.
+bool Pool::startThread()
+{
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    bool isStarted = true;
+    try {
+        threads_.emplace_back([this, number = threads_.size() + 1] { work(number); });
+    } catch (const std::system_error& error) {
+        isStarted = false;
+        log(LogLevel::Error, std::string("no thread for it: ") + error.what());
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return isStarted;
 }
 
 void Pool::work(std::size_t number)

@@ -67,8 +67,8 @@ public:
     Pool(const Pool&) = delete;
     Pool& operator=(const Pool&) = delete;
 
-    // Has the call answered, and `done` called on a thread of the pool. False when 1,000 calls wait
-    // already.
+    // Has the call answered, and `done` called on a thread of the pool. False, and it is not, when
+    // 1,000 calls wait already, or when there can be no thread.
     bool give(Call call, Done done);
 
 private:
@@ -77,6 +77,7 @@ private:
         Done done;
     };
 
+    bool startThread();
     void work(std::size_t number);
     standin::EciReply answer(Process& process, const Call& call) const;
     standin::EciReply fail(const Call& call, const char* abend, const std::string& why) const;

@@ -91,8 +91,8 @@ LockRank clapiRankOf([[maybe_unused]] const Lock* lockPtr)
     clapiNoteGivenUp(lockPtr);
 }
 
-/* Sleeps once, until the condition is signalled or for no reason; the lock, which the caller has, is
- * given up meanwhile. Nothing else may be held. */
+/* Sleeps once, until the condition is signalled or for no reason; the lock, which the caller has,
+ * is given up meanwhile. Nothing else may be held. */
 [[gnu::always_inline]] inline void clapiSleep(pthread_cond_t* condPtr, Clapilock* lockPtr)
     NEEDS_LOCK(lockPtr)
 {
@@ -107,8 +107,8 @@ LockRank clapiRankOf([[maybe_unused]] const Lock* lockPtr)
     pthread_cond_wait(condPtr, &lockPtr->mutex);
 }
 
-/* Taking and giving up over a fork, in whose handlers nothing is traced. The order is then that of the ranks
- * alone. Returns 0 or, for a Clapilock, an error number. */
+/* Taking and giving up over a fork, in whose handlers nothing is traced. The order is then that of
+ * the ranks alone. Returns 0 or, for a Clapilock, an error number. */
 [[gnu::always_inline]] inline int clapiTakeForFork(Clapilock* lockPtr) ACQUIRES(lockPtr)
     NOT_ANALYSED("it is the lock")
 {

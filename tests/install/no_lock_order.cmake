@@ -8,8 +8,8 @@ run(symbols ${NM} -C ${LIBRARY})
 if(NOT symbols MATCHES " clapiRegisterRequest\\(")
   message(FATAL_ERROR "clapiRegisterRequest is not among the symbols of ${LIBRARY}")
 endif()
-string(REGEX MATCHALL "[^\n]*(clapiNote(Taken|GivenUp)|clapiCheck(Fork)?Request|clapiCheck(Peer)?Wait)[^\n]*"
-  checks "${symbols}")
+set(looks "clapiNote(Taken|GivenUp)|clapiCheck(Fork)?Request|clapiCheck(Peer)?Wait")
+string(REGEX MATCHALL "[^\n]*(${looks})[^\n]*" checks "${symbols}")
 # What a thread holds would be in memory that each thread has for itself.
 run(sections ${READELF} -W -l ${LIBRARY})
 if(sections MATCHES "\n *TLS ")

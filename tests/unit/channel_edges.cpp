@@ -1,5 +1,5 @@
-// Channels at their edges: names that fill their fields in the lines of a deletion, and what is left
-// when the list cannot be given up.
+// Channels at their edges: names that fill their fields in the lines of a deletion, and what is
+// left when the list cannot be given up.
 
 #include <cerrno>
 

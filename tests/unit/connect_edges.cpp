@@ -1,5 +1,5 @@
-// Opens at their edges: what breaks off behind the first fill of the buffer, lengths that cannot be,
-// a socket whose error cannot be asked for, one that would be a standard stream.
+// Opens at their edges: what breaks off behind the first fill of the buffer, lengths that cannot
+// be, a socket whose error cannot be asked for, one that would be a standard stream.
 #include <fcntl.h>
 #include <unistd.h>
 

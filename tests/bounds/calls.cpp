@@ -44,7 +44,7 @@ int openApplidLimited(Application& application)
     return openWith(application, OPEN_LIMIT, true);
 }
 
-// ---- Programs ------------------------------------------------------------------------------------
+// ---- Programs -----------------------------------------------------------------------------------
 
 constexpr std::size_t AREA = 40;
 
@@ -125,7 +125,7 @@ int change(Application& application)
     return QPX_ESI_changePassword(application.token, "USER", "SECRET", "OTHER", nullptr, nullptr);
 }
 
-// ---- Closes --------------------------------------------------------------------------------------
+// ---- Closes -------------------------------------------------------------------------------------
 
 int closeIt(Application& application)
 {
@@ -144,7 +144,7 @@ int closeAll(Application&)
     return QPX_closeAllGatewayConnections();
 }
 
-// ---- Channels ------------------------------------------------------------------------------------
+// ---- Channels -----------------------------------------------------------------------------------
 
 int createContainer(Application& application)
 {
@@ -334,7 +334,7 @@ const std::vector<Call>& allCalls()
     return all;
 }
 
-// ---- Threads -------------------------------------------------------------------------------------
+// ---- Threads ------------------------------------------------------------------------------------
 
 Running::Running(const std::function<int()>& call) : state_(std::make_shared<State>())
 {

@@ -33,7 +33,7 @@ namespace bounds {
 
 using namespace script;
 
-// ---- Threads -------------------------------------------------------------------------------------
+// ---- Threads ------------------------------------------------------------------------------------
 
 namespace {
 
@@ -134,7 +134,7 @@ bool Situation::settle(const Running& call) const
     return settleThreads(*this, call);
 }
 
-// ---- The peer ------------------------------------------------------------------------------------
+// ---- The peer -----------------------------------------------------------------------------------
 
 int listenHere(int backlog, int* port)
 {
@@ -188,7 +188,7 @@ void Situation::endConnection()
     peer.close();
 }
 
-// ---- The states ----------------------------------------------------------------------------------
+// ---- The states ---------------------------------------------------------------------------------
 
 namespace {
 
@@ -376,7 +376,7 @@ Running bringToOpening(Situation& s, std::optional<ScriptedGateway>& full)
     return call;
 }
 
-// ---- The Gateway goes on -------------------------------------------------------------------------
+// ---- The Gateway goes on ------------------------------------------------------------------------
 
 void readGoodbye(Situation& s)
 {
@@ -421,7 +421,7 @@ void goOn(Situation& s)
         readGoodbye(s);
 }
 
-// ---- The outcome ---------------------------------------------------------------------------------
+// ---- The outcome --------------------------------------------------------------------------------
 
 bool isOneOf(const char* name, std::initializer_list<const char*> names)
 {
@@ -453,7 +453,7 @@ std::string findBound(Situation& s, const Running& call)
     return s.settle(call) ? "application" : "never";
 }
 
-// ---- The next call -------------------------------------------------------------------------------
+// ---- The next call ------------------------------------------------------------------------------
 
 int openCallAndClose(Application& application)
 {
@@ -554,7 +554,7 @@ Result play(Situation& s)
 
 } // namespace
 
-// ---- Cells ---------------------------------------------------------------------------------------
+// ---- Cells --------------------------------------------------------------------------------------
 
 const char* nameOf(State state)
 {

@@ -2,7 +2,7 @@
 //
 //     bounds run [--long] [--jobs NUMBER]            prints the results
 //     bounds compare RESULTS [--long] [--jobs NUMBER]
-//     bounds page RESULTS                            prints the page
+//     bounds page RESULTS TEXT                       prints the page, whose text has places for it
 //     bounds cell CALL STATE FAULT                   one cell, in this process and network
 //     bounds alone CALL STATE FAULT                  the same in a network of its own
 //     bounds list                                    the cells
@@ -66,7 +66,7 @@ bool needsOwnNetwork(const Cell& cell)
            isNamed(cell.fault->name, "unanswered") || isNamed(cell.fault->name, "several");
 }
 
-// ---- One cell ------------------------------------------------------------------------------------
+// ---- One cell -----------------------------------------------------------------------------------
 
 std::string outputOf(const Cell& cell)
 {
@@ -94,7 +94,7 @@ std::string outputOf(const Cell& cell)
     return output.substr(0, output.find('\n'));
 }
 
-// ---- All of them ---------------------------------------------------------------------------------
+// ---- All of them --------------------------------------------------------------------------------
 
 // The line of each cell that this machine lets run, in order.
 std::vector<std::string> runCells(const Options& options)
@@ -168,7 +168,7 @@ int compare(const char* file, const Options& options)
     return different == 0 && !lines.empty() ? 0 : 1;
 }
 
-int printPage(const char* file)
+int printPage(const char* file, const char* textFile)
 {
     std::vector<Result> results;
     for (const std::string& line : linesOf(file)) {
@@ -181,7 +181,10 @@ int printPage(const char* file)
         }
         results.push_back(result);
     }
-    std::fputs(bounds::pageOf(results).c_str(), stdout);
+    std::ifstream stream(textFile);
+    std::string text((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());
+    if (text.empty()) return 1;
+    std::fputs(bounds::pageOf(results, text).c_str(), stdout);
     return 0;
 }
 
@@ -212,7 +215,7 @@ int main(int argc, char** argv)
         return 0;
     }
     if (what == "compare" && argc > 2) return compare(argv[2], options);
-    if (what == "page" && argc == 3) return printPage(argv[2]);
+    if (what == "page" && argc == 4) return printPage(argv[2], argv[3]);
     if (what == "alone" && bounds::enterOwnNetwork()) {
         bounds::lowerTimes();
         what = "cell";

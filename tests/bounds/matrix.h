@@ -1,6 +1,6 @@
 // The matrix: every exported call that can wait, times what the connection is doing when something
-// happens at the other side, times what happens. A cell is one of each, and runs in a process of its
-// own.
+// happens at the other side, times what happens. A cell is one of each, and runs in a process of
+// its own.
 #ifndef BOUNDS_MATRIX_H
 #define BOUNDS_MATRIX_H
 
@@ -77,8 +77,8 @@ std::vector<Cell> allCells();
 // Runs a cell in this process, which ends behind it. Prints the result.
 int runCell(const Cell& cell);
 
-// The page for users that the results make.
-std::string pageOf(const std::vector<Result>& results);
+// The page for users that the results make, with a text that has places for them.
+std::string pageOf(const std::vector<Result>& results, std::string text);
 
 } // namespace bounds
 

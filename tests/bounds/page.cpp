@@ -1,5 +1,4 @@
-// The page for users: what stands in its tables comes from the results, and what they mean from
-// here.
+// The page for users: its text is in page.md, and what stands in its tables comes from the results.
 #include <algorithm>
 #include <cstring>
 #include <map>
@@ -17,66 +16,7 @@ namespace {
 
 using Results = std::vector<const Result*>;
 
-// ---- Words ---------------------------------------------------------------------------------------
-
-const char* const head = R"(# What a call waits for, and how long
-
-For those who must know what happens when a Gateway, its host or the network fails. Each row of the
-tables is a result of `tools/bounds`, which makes %CALLS% calls that can wait, in each state that the
-connection may be in meanwhile, meet %FAULTS% things that may happen at the other side: %CELLS% cases.
-Of each it tells what the call returns, what ends its wait, and where the next call works. `./check`
-tries them again, of those that take seconds a few, and fails if this page says something else.
-
-A call that is not here waits for nobody at the other side. The waits for the look-up of a name and
-for whoever reads the trace are in the [guide](guide.md#waits-without-a-limit).
-
-## In short
-
-- **What can be noticed ends every wait at once**: a connection that is ended or reset, a Gateway
-  that is killed, and what cannot be read. Calls return `QPX_ERR_LOSTGWCON`, closes mostly 0. The
-  one exception is a close that waits for replies which nobody collects.
-- **A dead host or line ends a wait when the kernel gives up**, which is a matter of [its
-  settings](#what-the-kernel-bounds): after a quarter of an hour if something has been sent that
-  nobody acknowledges, and after more than two hours if not. The settings below make it two minutes.
-  An open with a limit returns at its limit.
-- **A Gateway that lives and says nothing, or is stopped, ends no wait**: the kernel of its host
-  answers for it. These waits are [without bound](#waits-without-bound).
-- **A line that comes back before the kernel gives up has lost nothing**: the call returns with its
-  answer.
-- Whatever has happened, **the next call works**: on the same connection, where that has not ended, or
-  on a new one.
-
-A purge with more than 0 seconds first waits for calls in progress, for so many seconds; behind that
-it is as one with 0.
-
-)";
-
-const char* const kernel = R"(## What the kernel bounds
-
-The library sets `SO_KEEPALIVE` on its sockets and leaves all times to the system. The settings count
-for the host, or for the container that has a network of its own (`docker run --sysctl`), and for
-connections that are opened behind their change.
-
-| What ends the wait | Settings | As they are by default | As below |
-|---|---|---|---|
-| retransmission gives up: something has been sent that nobody acknowledges, or cannot be sent for want of room | `net.ipv4.tcp_retries2` | 15: 924 s at least, 928 s measured | 8: 105 s measured |
-| keepalive gives up: the call only waits, and the host is dead | `net.ipv4.tcp_keepalive_time`, `_probes`, `_intvl` | 7,200 + 9 * 75 = 7,875 s, computed | 60 + 6 * 10 s: 120 s measured |
-| keepalive is answered with a reset: the call only waits, and the host was restarted | `net.ipv4.tcp_keepalive_time` | 7,200 s, computed | 60 s, computed |
-| the system gives up connecting: the address drops what comes | `net.ipv4.tcp_syn_retries` | 6: 134 s measured | the open's limit |
-| the system gives up connecting: the address is that of no host on the network | `net.ipv4.neigh.default.mcast_solicit` | 3: 3 s measured | the open's limit |
-
-```
-sysctl -w net.ipv4.tcp_keepalive_time=60 net.ipv4.tcp_keepalive_intvl=10 \
-    net.ipv4.tcp_keepalive_probes=6 net.ipv4.tcp_retries2=8
-```
-
-The time of retransmission grows with that of a packet there and back; here it is that of a fast
-network. A close that is made behind the kernel's giving up returns at once. What is called measured
-was measured by hand, over a link that was cut, with these settings; `tools/bounds` sets all of them
-to a few seconds, in a network of its own, and reads in the kernel's table of connections which timer
-a wait depends on.
-
-)";
+// ---- Words --------------------------------------------------------------------------------------
 
 const char* phraseOf(const std::string& bound)
 {
@@ -151,7 +91,7 @@ std::string wayOut(const Call& call, const Result& result)
            "the Gateway answers its goodbye";
 }
 
-// ---- Tables --------------------------------------------------------------------------------------
+// ---- Tables -------------------------------------------------------------------------------------
 
 std::string joined(const std::vector<std::string>& words, const char* separator)
 {
@@ -223,14 +163,13 @@ std::string callByCall(const std::vector<Result>& results)
         if (section == sections.end()) section = sections.insert(sections.end(), {tables, {}});
         section->second.push_back(call.title);
     }
-    std::string text = "## Call by call\n\n\"With that\" is at once: with the answer, or when the "
-                       "end is noticed.\n";
+    std::string text;
     for (const auto& [tables, titles] : sections)
         text += "\n### " + joined(titles, ", ") + "\n" + tables;
     return text;
 }
 
-// ---- The overview --------------------------------------------------------------------------------
+// ---- The overview -------------------------------------------------------------------------------
 
 std::string boundOf(const std::vector<Result>& results, const Call& call, State state,
                     const char* fault)
@@ -257,7 +196,7 @@ std::string overview(const std::vector<Result>& results)
                        "ends |\n|---|---|---|---|\n";
     for (const auto& [outcome, titles] : rows)
         text += "| " + joined(titles, ", ") + " | " + outcome + " |\n";
-    return text + "\n";
+    return text;
 }
 
 struct Unbounded {
@@ -288,33 +227,30 @@ std::string withoutBound(const std::vector<Result>& results)
                 if (result.state == nameOf(state))
                     row->second.all = resultsOf(results, call.name, state).size();
         }
-    std::string text = "## Waits without bound\n\nNothing that the library or the kernel does ends "
-                       "these:\n\n| Call | The Gateway | Ends | Way out |\n|---|---|---|---|\n";
+    std::string text = "| Call | The Gateway | Ends | Way out |\n|---|---|---|---|\n";
     for (const auto& [outcome, row] : rows)
         text += "| " + joined(row.calls, ", ") + " | " + phrasesOf(row.faults, row.all) + " | " +
                 outcome + " |\n";
-    return text + R"(
-Whoever runs the Gateway ends all that wait for it, but for the open that got a goodbye, by ending
-the connection, the process or the host. So does, as root and where the kernel was built for it,
-`ss --kill dst ADDRESS dport = PORT` on the host of the application.
-
-)";
+    return text;
 }
 
-std::string counted(std::string text, const std::string& word, std::size_t number)
+void fill(std::string& text, const std::string& name, const std::string& value)
 {
-    std::size_t place = text.find(word);
-    return text.replace(place, word.size(), std::to_string(number));
+    std::size_t place = text.find("%" + name + "%");
+    if (place != std::string::npos) text.replace(place, name.size() + 2, value);
 }
 
 } // namespace
 
-std::string pageOf(const std::vector<Result>& results)
+std::string pageOf(const std::vector<Result>& results, std::string text)
 {
-    std::string text = counted(head, "%CALLS%", allCalls().size());
-    text = counted(text, "%FAULTS%", allFaults().size());
-    text = counted(text, "%CELLS%", results.size());
-    return text + overview(results) + withoutBound(results) + kernel + callByCall(results);
+    fill(text, "CALLS", std::to_string(allCalls().size()));
+    fill(text, "FAULTS", std::to_string(allFaults().size()));
+    fill(text, "CELLS", std::to_string(results.size()));
+    fill(text, "OVERVIEW", overview(results));
+    fill(text, "WITHOUT_BOUND", withoutBound(results));
+    fill(text, "CALL_BY_CALL", callByCall(results));
+    return text;
 }
 
 } // namespace bounds

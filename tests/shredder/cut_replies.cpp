@@ -25,7 +25,7 @@ using support::syncCall;
 
 namespace {
 
-// ---- The calls that wait for a reply -------------------------------------------------------------
+// ---- The calls that wait for a reply ------------------------------------------------------------
 
 int callWith(QPX_ConnToken_t token, EciParms parms)
 {
@@ -112,7 +112,7 @@ int changePassword(QPX_ConnToken_t token)
     return QPX_ESI_changePassword(token, "USER", "SECRET", "OTHER", "PROD", details.get());
 }
 
-// ---- The kinds of replies ------------------------------------------------------------------------
+// ---- The kinds of replies -----------------------------------------------------------------------
 
 // What the application is doing when the reply is due.
 enum class State { Opening, Calling, Collecting, Closing };
@@ -197,8 +197,9 @@ bool isNear(std::size_t cut, std::size_t limit)
     return cut + distance > limit && cut < limit + distance;
 }
 
-// After how many bytes a reply is cut off: after any number. Of a long one those around its ends and
-// around the sizes of the library's buffers do, and some in between, unless QPX_SHREDDER asks for all.
+// After how many bytes a reply is cut off: after any number. Of a long one those around its ends
+// and around the sizes of the library's buffers do, and some in between, unless QPX_SHREDDER asks
+// for all.
 std::vector<std::size_t> cutsOf(std::size_t length)
 {
     bool all = length <= 1500 || getenv("QPX_SHREDDER") != nullptr;
@@ -210,7 +211,7 @@ std::vector<std::size_t> cutsOf(std::size_t length)
     return cuts;
 }
 
-// ---- What is left --------------------------------------------------------------------------------
+// ---- What is left -------------------------------------------------------------------------------
 
 int entriesOf(const char* folder)
 {
@@ -227,7 +228,7 @@ void awaitThreads(int count)
     while (entriesOf("/proc/self/task") > count) sched_yield();
 }
 
-// ---- The conversations ---------------------------------------------------------------------------
+// ---- The conversations --------------------------------------------------------------------------
 
 constexpr int RESTING_RECORDS = 64;
 

@@ -14,8 +14,8 @@
 // a number, and no run may hold more. Exit code 0 if all was well, 3 if nothing has failed because
 // there was no K-th call, 1 with lines "bad ..." otherwise. A run that takes too long ends with 4.
 //
-// Two waits without limit are known. A close whose flow cannot be made waits until the peer ends the
-// connection: a byte on descriptor 3 asks the driver to let it. An open whose receiver finds no
+// Two waits without limit are known. A close whose flow cannot be made waits until the peer ends
+// the connection: a byte on descriptor 3 asks the driver to let it. An open whose receiver finds no
 // memory for its read buffer waits for good: such a run ends there, with exit code 5.
 #include <dirent.h>
 #include <dlfcn.h>
@@ -73,7 +73,7 @@ void awaitOneThread()
     leave("the end of all threads", 0, {0});
 }
 
-// ---- Shredding -----------------------------------------------------------------------------------
+// ---- Shredding ----------------------------------------------------------------------------------
 
 struct Way {
     const char* name;
@@ -143,7 +143,7 @@ void runShredded(const Scenario& scenario, const Way& way, unsigned seed)
     shim->shred(Shredding::None, 0);
 }
 
-// ---- What is left --------------------------------------------------------------------------------
+// ---- What is left -------------------------------------------------------------------------------
 
 // What is held, as a number for each site.
 std::map<std::size_t, int> heldBySite()

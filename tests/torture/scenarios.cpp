@@ -21,7 +21,7 @@ namespace {
 char localhost[] = "127.0.0.1";
 char emptyText[] = "";
 
-// ---- Connections ---------------------------------------------------------------------------------
+// ---- Connections --------------------------------------------------------------------------------
 
 // A connection that the scenario closes; where that fails, the closing of all does it.
 struct Connection {
@@ -183,7 +183,7 @@ void closeAllOfThree()
     CALL(QPX_OK, QPX_closeAllGatewayConnections);
 }
 
-// ---- Calls ---------------------------------------------------------------------------------------
+// ---- Calls --------------------------------------------------------------------------------------
 
 constexpr int RESULT = ECI_NO_ERROR;
 
@@ -440,7 +440,7 @@ void callOnADescriptorAboveTheSets()
     for (int descriptor : taken) ::close(descriptor);
 }
 
-// ---- Asynchronous calls --------------------------------------------------------------------------
+// ---- Asynchronous calls -------------------------------------------------------------------------
 
 void collectNext(const Connection& connection, std::size_t length = 40)
 {
@@ -561,7 +561,7 @@ void closeAllOfAsynchronousCalls()
     CALL(QPX_OK, QPX_closeAllGatewayConnections);
 }
 
-// ---- Threads -------------------------------------------------------------------------------------
+// ---- Threads ------------------------------------------------------------------------------------
 
 void purgeOfACallThatWaits()
 {
@@ -609,7 +609,7 @@ void threadsThatOpenAtOnce()
     for (std::thread& opener : openers) opener.join();
 }
 
-// ---- Channels ------------------------------------------------------------------------------------
+// ---- Channels -----------------------------------------------------------------------------------
 
 struct Channel {
     ECI_ChannelToken_t token = nullptr;
@@ -850,7 +850,7 @@ void channelCallThatIsPurged()
     });
 }
 
-// ---- Systems and passwords -----------------------------------------------------------------------
+// ---- Systems and passwords ----------------------------------------------------------------------
 
 void listOfSystems()
 {
@@ -901,7 +901,7 @@ void refusedPassword()
     });
 }
 
-// ---- The trace, and what needs no connection -----------------------------------------------------
+// ---- The trace, and what needs no connection ----------------------------------------------------
 
 char traceName[] = "/dev/null";
 
@@ -971,7 +971,7 @@ void versionsAndNames()
     expect(std::strcmp(name, "QPX_ERR_BADPORT") == 0, "the name of a return code");
 }
 
-// ---- First calls ---------------------------------------------------------------------------------
+// ---- First calls --------------------------------------------------------------------------------
 
 void firstCallOfAll()
 {

@@ -1,7 +1,8 @@
 // The preloaded shim: makes the k-th call of a function that libqpxclient.so makes fail, or cuts up
-// what the library reads and writes, and keeps account of what it holds. 32 bits, with the names that the C library gives its functions
-// there where times have 64 bits. Only the return address tells who has called: what the C library
-// calls itself on behalf of the library, and what the rest of the program does, pass by.
+// what the library reads and writes, and keeps account of what it holds. 32 bits, with the names
+// that the C library gives its functions there where times have 64 bits. Only the return address
+// tells who has called: what the C library calls itself on behalf of the library, and what the rest
+// of the program does, pass by.
 //
 // A failure is one that the system has: what fails has not taken place, but for close and shutdown,
 // behind which the descriptor or the stream is at its end whatever they return. A connection that
@@ -75,7 +76,7 @@ const char* const faultNames[FAULTS] = {
     "clock",      "localtime",  "setlocale",   "sysconf",
 };
 
-// ---- Who calls -----------------------------------------------------------------------------------
+// ---- Who calls ----------------------------------------------------------------------------------
 
 std::uintptr_t libraryBase = 0;
 std::uintptr_t codeBegin = 0;
@@ -116,7 +117,7 @@ Function* real(const char* name, const char* version = nullptr)
 
 #define REAL(type, ...) static auto* const next = real<type>(__VA_ARGS__)
 
-// ---- What fails ----------------------------------------------------------------------------------
+// ---- What fails ---------------------------------------------------------------------------------
 
 std::atomic<bool> armed{false};
 std::atomic<int> chosen{0};
@@ -161,7 +162,7 @@ Result failed(int error, Result result)
     return result;
 }
 
-// ---- What is cut up ------------------------------------------------------------------------------
+// ---- What is cut up -----------------------------------------------------------------------------
 
 using torture::Shredding;
 
@@ -218,7 +219,7 @@ bool isInterrupted(std::uintptr_t caller)
     return true;
 }
 
-// ---- What is held --------------------------------------------------------------------------------
+// ---- What is held -------------------------------------------------------------------------------
 
 // Addresses stand here inverted, so that who looks for memory that nothing points to does not take
 // this table for somebody who still has it.
@@ -265,7 +266,7 @@ void noteGivenBy(const void* address, std::uintptr_t caller)
 
 } // namespace
 
-// ---- Memory --------------------------------------------------------------------------------------
+// ---- Memory -------------------------------------------------------------------------------------
 
 SHIM_EXPORT void* malloc(std::size_t size)
 {
@@ -337,7 +338,7 @@ SHIM_EXPORT int madvise(void* pages, std::size_t length, int advice)
     return next(pages, length, advice);
 }
 
-// ---- Threads -------------------------------------------------------------------------------------
+// ---- Threads ------------------------------------------------------------------------------------
 
 SHIM_EXPORT int pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes)
 {
@@ -361,7 +362,7 @@ SHIM_EXPORT int pthread_create(pthread_t* thread, const pthread_attr_t* attribut
     return next(thread, attributes, start, argument);
 }
 
-// ---- Sockets -------------------------------------------------------------------------------------
+// ---- Sockets ------------------------------------------------------------------------------------
 
 SHIM_EXPORT int getaddrinfo(const char* node, const char* service, const addrinfo* hints,
                             addrinfo** found)
@@ -516,7 +517,7 @@ SHIM_EXPORT int close(int descriptor)
     return rc;
 }
 
-// ---- Streams -------------------------------------------------------------------------------------
+// ---- Streams ------------------------------------------------------------------------------------
 
 SHIM_EXPORT FILE* fopen64(const char* name, const char* mode)
 {
@@ -627,7 +628,7 @@ SHIM_EXPORT int fprintf(FILE* file, const char* format, ...)
     return length;
 }
 
-// ---- Time and place ------------------------------------------------------------------------------
+// ---- Time and place -----------------------------------------------------------------------------
 
 SHIM_EXPORT int __clock_gettime64(int clock, void* time)
 {
@@ -664,7 +665,7 @@ SHIM_EXPORT long sysconf(int name)
     return next(name);
 }
 
-// ---- What the program asks for -------------------------------------------------------------------
+// ---- What the program asks for ------------------------------------------------------------------
 
 namespace {
 

@@ -16,8 +16,8 @@ struct Held {
     std::size_t size;
 };
 
-// How what the library reads and writes is cut up. Nothing fails thereby: these are the sizes and the
-// interruptions that the system may have for any program.
+// How what the library reads and writes is cut up. Nothing fails thereby: these are the sizes and
+// the interruptions that the system may have for any program.
 enum class Shredding {
     None,
     ReceivedOneByOne, // recv gives one byte

@@ -1,8 +1,8 @@
 // Drives the scenarios: for each, for each kind of call that the library makes in it, and for each
-// such call, a run in which that call fails, and one in which it and all behind it fail; or for each
-// a run with all that the library reads and writes cut up, which has to be told from one that is not
-// by nothing. Each run is a process of its own; its peers are gateways of this one, where nothing
-// fails.
+// such call, a run in which that call fails, and one in which it and all behind it fail; or for
+// each a run with all that the library reads and writes cut up, which has to return and to do what
+// one does that is not. Each run is a process of its own; its peers are gateways of this one, where
+// nothing fails.
 //
 //     torture [SCENARIO...] [OPTION...]; --help shows what there is
 #include <arpa/inet.h>
@@ -41,7 +41,7 @@ using standin::Fault;
 
 constexpr int LONGEST_RUN = 90000; // milliseconds; the run itself ends long before
 
-// ---- The peers of a run --------------------------------------------------------------------------
+// ---- The peers of a run -------------------------------------------------------------------------
 
 // A port that nobody listens on, and nobody else gets.
 class UnheardPort {
@@ -126,7 +126,7 @@ private:
     UnheardPort unheard_;
 };
 
-// ---- One run -------------------------------------------------------------------------------------
+// ---- One run ------------------------------------------------------------------------------------
 
 struct Outcome {
     int status = 0; // of waitpid; -1: it had to be killed
@@ -247,7 +247,7 @@ Outcome run(Peers* peers, const std::vector<std::string>& arguments)
     return outcome;
 }
 
-// ---- What is to be run ---------------------------------------------------------------------------
+// ---- What is to be run --------------------------------------------------------------------------
 
 struct Options {
     std::vector<std::string> scenarios; // all if empty
@@ -461,7 +461,7 @@ void work(const Options& options, const std::vector<std::string>& scenarios,
     }
 }
 
-// ---- The program ---------------------------------------------------------------------------------
+// ---- The program --------------------------------------------------------------------------------
 
 std::vector<std::string> namesOf(const char* kind)
 {

@@ -358,7 +358,7 @@ class Tests:
     def failed(self):
         return sorted(name for name, test in self.data["tests"].items() if not test["ok"])
 
-    def by_mutant(self, suites, subjects):
+    def by_mutant(self, suites, subjects, pattern):
         """For each mutant the tests that reach it, in the order in which they are tried: programs
         in their order; in each by turns the one that reaches the fewest mutants, for it is about
         little else, and a fast one of every subject, whose tests are much alike."""
@@ -366,6 +366,8 @@ class Tests:
         for name, test in self.data["tests"].items():
             suite = name.split(" ", 1)[0]
             if suite not in suites or not test["ok"] or name.endswith(".*") != subjects:
+                continue
+            if not re.search(pattern, name):
                 continue
             rank = (max(test["ms"], 4).bit_length(), len(test["reached"]), name)
             for number in test["reached"]:
@@ -451,7 +453,7 @@ class Hunt:
     def __init__(self, tests, results, suites, options):
         self.tests, self.results, self.suites, self.most = tests, results, suites, options.most
         self.build = os.path.basename(options.build)
-        self.by_mutant = tests.by_mutant(suites, options.subjects)
+        self.by_mutant = tests.by_mutant(suites, options.subjects, options.tests)
         self.killers = defaultdict(Counter)  # by file, and by function of a file
         self.unsteady = Counter()
         self.counts = Counter()
@@ -622,6 +624,8 @@ def parse(arguments):
                         help="the test programs, in the order in which they are tried")
     parser.add_argument("--most", type=int, default=0, metavar="NUMBER",
                         help="try no more than so many tests of a program; --again goes on")
+    parser.add_argument("--tests", default="", metavar="PATTERN",
+                        help="only tests whose names match it")
     parser.add_argument("--subjects", action="store_true",
                         help="all tests of a subject in one process, which is faster for mutants "
                         "that survive most of them")

@@ -108,12 +108,11 @@ void clapiNoteTaken(const void* lock, LockRank rank)
 
 void clapiNoteGivenUp(const void* lock)
 {
-    for (int i = held.count - 1; i >= 0; --i) {
-        if (held.locks[i].lock != lock) continue;
-        held.count -= 1;
-        held.locks[i] = held.locks[held.count];
-        return;
-    }
+    int place = held.count - 1;
+    while (place >= 0 && held.locks[place].lock != lock) place -= 1;
+    if (place < 0) return;
+    held.count -= 1;
+    for (; place < held.count; ++place) held.locks[place] = held.locks[place + 1];
 }
 
 void clapiExchangeHeldLocks(HeldLocks* others)

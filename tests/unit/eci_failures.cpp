@@ -358,7 +358,9 @@ TEST_F(EciFailure, ToFreeTheSlotKeepsTheServersCode)
                 auto* mutex = reinterpret_cast<pthread_mutex_t*>(info.first);
                 if (mutex != subjectOf(On::TableLock)) return;
                 unlockings += 1;
-                if (unlockings == nth) pthread_mutex_unlock(mutex);
+                if (unlockings != nth) return;
+                pthread_mutex_unlock(mutex);
+                clapiNoteGivenUp(mutex);
             },
             Threads::Calling);
         Fault fault = fail(Call::MutexUnlock, On::TableLock, nth, EPERM);

@@ -12,6 +12,7 @@
 #include "clapi_types.h"
 #include "support/eci_script.h"
 #include "support/faults.h"
+#include "support/other_thread.h"
 
 using namespace script;
 using support::afterCall;
@@ -66,6 +67,7 @@ protected:
     }
     void awaitSweep()
     {
+        support::OtherThread acting;
         EXPECT_EQ(0, clapiWaitEvent(&connection.token->asyncReplyEvent));
         EXPECT_EQ(0, clapiRequestLock(&connection.token->tableLock));
         EXPECT_EQ(0, clapiReleaseLock(&connection.token->tableLock));
@@ -148,6 +150,7 @@ TEST_F(EciRace, LossBeforeTheSendEndsASynchronousCall)
     EciParms parms = syncCall("PROG");
     Fault lost = beforeTableLock(2, [this] {
         connection.peer.close();
+        support::OtherThread acting;
         EXPECT_EQ(0, clapiWaitEvent(&connection.token->recvThreadEndedEvent));
     });
     EXPECT_RC(QPX_ERR_LOSTGWCON, execute(parms));
@@ -160,6 +163,7 @@ TEST_F(EciRace, LossBeforeTheSendEndsAnAsynchronousCall)
     parms.record.eci_message_qualifier = 99;
     Fault lost = beforeTableLock(2, [this] {
         connection.peer.close();
+        support::OtherThread acting;
         EXPECT_EQ(0, clapiWaitEvent(&connection.token->recvThreadEndedEvent));
     });
     EXPECT_RC(QPX_ERR_LOSTGWCON, execute(parms));
@@ -174,6 +178,7 @@ TEST_F(EciRace, GatewaysCloseBeforeTheSendEndsTheCall)
     EciParms parms = syncCall("PROG");
     Fault closed = beforeTableLock(2, [this] {
         connection.peer.send(closeFlow());
+        support::OtherThread acting;
         EXPECT_EQ(0, clapiWaitEvent(&connection.token->recvThreadEndedEvent));
     });
     EXPECT_RC(QPX_ERR_GATEWAY_CLOSED, execute(parms));
@@ -212,6 +217,7 @@ TEST_F(EciRace, ReplyBeforeTheCallerWaitsEndsTheCall)
         Call::Send, 1,
         [this](const CallInfo&) {
             answer(connection.awaitRequest().messageId(), "fast");
+            support::OtherThread acting;
             EXPECT_EQ(0, clapiWaitEvent(&connection.token->table.slot[0].requestEvent));
         },
         Threads::Calling);

@@ -8,6 +8,7 @@
 
 #include "support/descriptors.h"
 #include "support/esi_script.h"
+#include "support/other_thread.h"
 #include "unit/connect_fixture.h"
 
 using namespace fixture;
@@ -76,6 +77,7 @@ protected:
 
     void awaitReceiversEnd(int state)
     {
+        support::OtherThread acting;
         ASSERT_EQ(0, clapiWaitEvent(&connection.token->recvThreadEndedEvent));
         ASSERT_EQ(state, connection.token->connStatus.load());
     }

@@ -13,6 +13,7 @@
 
 #include "clapi_channel.h"
 #include "support/channel_script.h"
+#include "support/other_thread.h"
 #include "unit/connect_fixture.h"
 
 using namespace script;
@@ -87,6 +88,7 @@ protected:
     // The receiver has given the connection up.
     void expectLost()
     {
+        support::OtherThread acting;
         EXPECT_EQ(0, clapiWaitEvent(&connection.token->recvThreadEndedEvent));
         EXPECT_EQ(3, connection.token->connStatus.load());
         EXPECT_TRUE(connection.peer.awaitEof());
@@ -270,6 +272,7 @@ TEST_F(FlowChannelCall, LeavesTheChannelOfAnAsynchronousRequestInOrderWhenThereI
         Fault noMemory = failCall(Call::Malloc, 1, ENOMEM, Threads::Others);
         answer(ChannelReply(1, added("NEW", 1, 0, text("data"))));
         EXPECT_TRUE(noMemory.awaitHits());
+        support::OtherThread acting;
         EXPECT_EQ(0, clapiWaitEvent(&connection.token->recvThreadEndedEvent));
     }
     EXPECT_EQ(1, isLocked());
@@ -487,6 +490,7 @@ protected:
     void loseAndAwaitSweep()
     {
         connection.peer.close();
+        support::OtherThread acting;
         EXPECT_EQ(0, clapiWaitEvent(&connection.token->asyncReplyEvent));
         EXPECT_EQ(0, clapiRequestLock(&connection.token->tableLock));
         EXPECT_EQ(0, clapiReleaseLock(&connection.token->tableLock));
@@ -504,6 +508,7 @@ TEST_F(FlowChannelRace, GivesTheChannelBackOnceWhenTheConnectionIsLostInTheSend)
         EciParms parms = channelCall(callType, channel);
         Fault losing = beforeSend([&] {
             lost.peer.close();
+            support::OtherThread acting;
             EXPECT_EQ(0, clapiWaitEvent(&lost.token->asyncReplyEvent));
         });
         Fault failing = failCall(Call::Send, 1, EPIPE, Threads::Calling);
@@ -560,6 +565,7 @@ TEST_F(FlowChannelRace, HasAppliedAReplyThatComesBeforeItsCallerWaits)
     Fault early = whenTheChannelIsSent([&] {
         request = connection.awaitRequest();
         answer(ChannelReply(1, deleted("A")));
+        support::OtherThread acting;
         EXPECT_EQ(0, clapiWaitEvent(&connection.token->table.slot[0].requestEvent));
     });
     EXPECT_RC(0, executeChannel(connection, parms));
@@ -573,6 +579,7 @@ TEST_F(FlowChannelRace, AppliesAReplyAtOnceThatComesWhenItsChannelHasBeenRead)
     EciParms parms = channelCall(ECI_SYNC, channel);
     Fault early = beforeSend([&] {
         connection.peer.send(ChannelReply(1, deleted("A")).to(1));
+        support::OtherThread acting;
         EXPECT_EQ(0, clapiWaitEvent(&connection.token->table.slot[0].requestEvent));
         EXPECT_EQ(1, channel.token->numContainers.load());
     });

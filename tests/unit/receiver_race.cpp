@@ -69,14 +69,14 @@ protected:
     int callWhileTheConnectionEnds(EciParms& parms, End end)
     {
         TraceFile trace(3);
-        EXPECT_EQ(0, clapiRequestLock(&correlatorLock));
+        EXPECT_EQ(0, pthread_mutex_lock(&correlatorLock.lock));
         auto call = connection.start(parms);
         EXPECT_TRUE(trace.awaitText("clapi_impl.getNextCorrelator()"));
         end();
         EXPECT_EQ(0, clapiWaitEvent(&connection.token->recvThreadEndedEvent));
         EXPECT_EQ(1, firstSlot().state);
         occupySocketNumber();
-        EXPECT_EQ(0, clapiReleaseLock(&correlatorLock));
+        EXPECT_EQ(0, pthread_mutex_unlock(&correlatorLock.lock));
         return call.get();
     }
 
@@ -401,42 +401,42 @@ TEST_F(ReceiverRace, SendsNoCloseFlowToTheNumberOfALostSocket)
 TEST_F(ReceiverRace, LooksUpTheSlotOfAnErrorWithoutTheTableLock)
 {
     TraceFile trace(1);
-    ASSERT_EQ(0, clapiRequestLock(&connection.token->tableLock));
+    ASSERT_EQ(0, pthread_mutex_lock(&connection.token->tableLock.lock));
 
     connection.peer.send(errorFlow(17, 61445) + exceptionFlow(17, "nobody's"));
 
     EXPECT_TRUE(trace.awaitText("Gateway returned a flow type of FLOW_ERROR, rc=61445"));
     EXPECT_TRUE(trace.awaitText("Exception message: nobody's\n"));
-    EXPECT_EQ(0, clapiReleaseLock(&connection.token->tableLock));
+    EXPECT_EQ(0, pthread_mutex_unlock(&connection.token->tableLock.lock));
     expectAlive();
 }
 
 TEST_F(ReceiverRace, DeliversAReplyWhileOthersHoldTheListAndTheSendLock)
 {
     int messageId = startAsync();
-    ASSERT_EQ(0, clapiRequestLock(&gtlLock));
-    ASSERT_EQ(0, clapiRequestLock(&connection.token->sendLock));
+    ASSERT_EQ(0, pthread_mutex_lock(&gtlLock.lock));
+    ASSERT_EQ(0, pthread_mutex_lock(&connection.token->sendLock.lock));
 
     connection.peer.send(eciReply(messageId, text("answered")));
 
     EXPECT_EQ(0, clapiWaitEvent(&firstSlot().requestEvent));
     EXPECT_EQ(3, firstSlot().state);
-    clapiReleaseLock(&connection.token->sendLock);
-    clapiReleaseLock(&gtlLock);
+    pthread_mutex_unlock(&connection.token->sendLock.lock);
+    pthread_mutex_unlock(&gtlLock.lock);
     EciParms collected = getReply(8);
     EXPECT_RC(QPX_OK, collect(collected));
 }
 
 TEST_F(ReceiverRace, EndsWhileOthersHoldTheListAndTheSendLock)
 {
-    ASSERT_EQ(0, clapiRequestLock(&gtlLock));
-    ASSERT_EQ(0, clapiRequestLock(&connection.token->sendLock));
+    ASSERT_EQ(0, pthread_mutex_lock(&gtlLock.lock));
+    ASSERT_EQ(0, pthread_mutex_lock(&connection.token->sendLock.lock));
 
     connection.peer.close();
 
     expectEnded(3);
-    clapiReleaseLock(&connection.token->sendLock);
-    clapiReleaseLock(&gtlLock);
+    pthread_mutex_unlock(&connection.token->sendLock.lock);
+    pthread_mutex_unlock(&gtlLock.lock);
 }
 
 // ---- What is read without a lock

@@ -142,6 +142,7 @@ TEST_F(DaemonScript, SaysWhichLineAnswers)
     ASSERT_TRUE(client.shakeHands());
     ask(client);
     EXPECT_EQ(0, daemon.stop());
+    EXPECT_TRUE(daemon.wrote("script " + file + ": 1 [[on]]\n")) << daemon.output();
     EXPECT_TRUE(daemon.wrote("script: connection 1, request 1 is answered by line 2\n"))
         << daemon.output();
 }

@@ -37,6 +37,9 @@ public:
     // Puts another script in force and returns the one that was.
     std::shared_ptr<const Script> replace(std::shared_ptr<const Script> script);
 
+    // How many [[on]] the script has.
+    std::size_t rules() const { return script_->rules.size(); }
+
     bool takes(const standin::ProgramCall& call) override;
     std::optional<standin::EciReply> call(const standin::ProgramCall& call) override;
     std::int32_t commit(const standin::UnitOfWork& unit) override;

@@ -15,9 +15,8 @@ using standin::LogLevel;
 
 namespace {
 
-std::string answersOf(const Script& script)
+std::string countOf(std::size_t count)
 {
-    const std::size_t count = script.rules.size();
     return std::to_string(count) + (count == 1 ? " [[on]]" : " [[on]]s");
 }
 
@@ -50,6 +49,7 @@ void ScriptFile::serve(standin::Gateway& gateway, Answers::Aside aside)
 {
     answers_->hashAside(std::move(aside));
     way_ = gateway.wayOntoThread();
+    log_(LogLevel::Info, "script " + file_ + ": " + countOf(answers_->rules()));
     gateway.setFirstProgram(answers_);
     try {
         watch_ = std::make_unique<FileWatch>(file_, [this] { reload(); });
@@ -70,7 +70,7 @@ void ScriptFile::reload()
                                   ". The one that was read before stays in force.");
         return;
     }
-    const std::string count = answersOf(*script);
+    const std::string count = countOf(script->rules.size());
     std::promise<std::shared_ptr<const Script>> before;
     const bool isTaken = way_([&] { before.set_value(answers_->replace(std::move(script))); });
     if (!isTaken) return;

@@ -1,6 +1,7 @@
 # Sets QPX_WRAP_OPTIONS: the link options that put support/faults.cpp between the library's objects
-# and the system. With 64-bit time in a 32-bit program the headers give some functions other names,
-# and fortified builds call checking forms; each name in use is listed.
+# and the system, and support/refusals.cpp where that does not stand. With 64-bit time in a 32-bit
+# program the headers give some functions other names, and fortified builds call checking forms;
+# each name in use is listed.
 
 set(QPX_WRAPPED_CALLS
   malloc calloc realloc strdup free
@@ -17,7 +18,9 @@ set(QPX_WRAPPED_CALLS
   send recv __recv_chk
   getaddrinfo
   gettimeofday __gettimeofday64 clock_gettime __clock_gettime64 time __time64
-  fopen fopen64 fclose write secure_getenv)
+  fopen fopen64 fclose write secure_getenv
+  open_memstream
+  _Z13clapiSetEventP11_ClapiEvent) # the library's own, as it is called from its other modules
 
 # The linker script gathers the library's code in one place, which tells its calls from others.
 set(QPX_WRAP_OPTIONS "-Wl,-T,${CMAKE_CURRENT_LIST_DIR}/library_text.ld")

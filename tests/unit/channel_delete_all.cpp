@@ -181,3 +181,17 @@ TEST_F(ChannelInUse, IsToldOfByADeletionOfAllAsAnyOther)
     EXPECT_RC(-50, unlockChannel(takeStale()));
     EXPECT_EQ(1, trace.timesWroteText("Deleted container \"CUSTOMER\""));
 }
+
+TEST_F(ChannelInUse, IsToldOfAsDeletedWithItsEmptyContainersToo)
+{
+    ASSERT_RC(0, unlockChannel(token()));
+    channel.addBit("EMPTY");
+    ASSERT_RC(0, lockChannel(token()));
+    TraceFile trace(4);
+    EXPECT_RC(0, ECI_deleteAllChannels());
+    EXPECT_EQ(1, trace.timesWrote(1427)); // there is data in the other alone
+    EXPECT_EQ(2, trace.timesWrote(1428));
+    EXPECT_TRUE(
+        trace.wroteText("API.ECI_deleteAllChannels() Deleted container \"EMPTY\" (<ptr>)\n"));
+    EXPECT_RC(-50, unlockChannel(takeStale()));
+}

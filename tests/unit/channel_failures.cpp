@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "support/refusals.h"
 #include "unit/channel_fixture.h"
 
 using namespace fixture;
@@ -231,6 +232,69 @@ TEST_F(ChannelListFailure, OfItsReleaseIsASystemErrorForADump)
     EXPECT_TRUE(isFree(traceLock.lock));
 }
 
+TEST_F(ChannelListFailure, OfItsReleaseIsToldOfANewChannel)
+{
+    ECI_ChannelToken_t other = nullptr;
+    TraceFile trace(1);
+    Fault fault = failCallOn(Call::MutexUnlock, &chanListLock.lock, 1, EPERM);
+    EXPECT_RC(-9, ECI_createChannel("OTHER", &other));
+    EXPECT_TRUE(
+        trace.wrote(1307, "*EXC*", "API.ECI_createChannel() Failed to release channel list lock"));
+}
+
+TEST_F(ChannelListFailure, OfItsReleaseIsToldOfADeletion)
+{
+    TraceFile trace(1);
+    Fault fault = failCallOn(Call::MutexUnlock, &chanListLock.lock, 2, EPERM);
+    EXPECT_RC(-9, ECI_deleteChannel(&channel.token));
+    EXPECT_TRUE(
+        trace.wrote(1424, "*EXC*", "API.ECI_deleteChannel() Failed to release channel list lock"));
+    EXPECT_EQ(0, trace.timesWrote(1308));
+}
+
+TEST_F(ChannelListFailure, OfADeletionThatCannotUnlockTheChannelEitherIsToldTwice)
+{
+    {
+        TraceFile trace(1);
+        Fault list = failCallOn(Call::MutexLock, &chanListLock.lock, 2, EINVAL);
+        Fault post = failUnlock();
+        EXPECT_RC(-9, ECI_deleteChannel(&channel.token));
+        EXPECT_TRUE(
+            trace.wrote(1313, "*EXC*", "API.ECI_deleteChannel() Failed to lock channel list"));
+        EXPECT_TRUE(trace.wrote(1308, "*EXC*", "API.ECI_deleteChannel() Failed to unlock channel"));
+    }
+    EXPECT_TRUE(isUsable(token()));
+}
+
+TEST_F(ChannelListFailure, OfItsReleaseIsToldOfADeletionOfAll)
+{
+    TraceFile trace(1);
+    Fault fault = failCallOn(Call::MutexUnlock, &chanListLock.lock, 1, EPERM);
+    EXPECT_RC(-9, ECI_deleteAllChannels());
+    channel.token = nullptr;
+    EXPECT_TRUE(trace.wrote(1432, "*EXC*",
+                            "API.ECI_deleteAllChannels() Failed to release channel list lock"));
+}
+
+TEST_F(ChannelListFailure, IsToldOfADump)
+{
+    TraceFile trace(1);
+    Fault fault = failCallOn(Call::MutexLock, &chanListLock.lock, 1, EINVAL);
+    EXPECT_RC(-9, QPX_ECI_dumpChannels());
+    EXPECT_TRUE(
+        trace.wrote(1411, "*EXC*", "API.QPX_ECI_dumpChannels() Failed to lock channel list"));
+}
+
+TEST_F(ChannelListFailure, OfItsReleaseIsToldOfADump)
+{
+    TraceFile trace(1);
+    Fault fault = failCallOn(Call::MutexUnlock, &chanListLock.lock, 1, EPERM);
+    EXPECT_RC(-9, QPX_ECI_dumpChannels());
+    EXPECT_TRUE(trace.wrote(1412, "*EXC*",
+                            "API.QPX_ECI_dumpChannels() Failed to release channel list lock"));
+    EXPECT_TRUE(trace.wroteText("Total number of channels=1\n"));
+}
+
 TEST_F(ChannelListFailure, EndsTheCreationOfAContainerFirstOfAll)
 {
     TraceFile trace(1);
@@ -313,6 +377,47 @@ TEST_F(ChannelLockFailure, WithoutTheLockIsNoChannel)
                                        shown(&token()->serLock) + ") Lock request failed errno=22",
                                    "1462 *EXC* clapi_channel.lockChannel() chanTok " +
                                        inParentheses(token()) + " is not a channel"}));
+    EXPECT_TRUE(isUsable(token()));
+}
+
+TEST_F(ChannelLockFailure, OfTheListIsNoChannelEither)
+{
+    TraceFile trace(1);
+    Fault fault = failCallOn(Call::MutexLock, &chanListLock.lock, 1, EINVAL);
+    EXPECT_RC(-50, lockChannel(token()));
+    EXPECT_TRUE(trace.wrote(1462, "*EXC*",
+                            "clapi_channel.lockChannel() chanTok " + inParentheses(token()) +
+                                " is not a channel"));
+    EXPECT_TRUE(isUsable(token()));
+}
+
+TEST_F(ChannelLockFailure, OfTheListIsNoChannelToUnlockEither)
+{
+    ASSERT_RC(0, lockChannel(token()));
+    {
+        TraceFile trace(1);
+        Fault fault = failCallOn(Call::MutexLock, &chanListLock.lock, 1, EINVAL);
+        EXPECT_RC(-50, unlockChannel(token()));
+        EXPECT_TRUE(trace.wrote(1473, "*EXC*",
+                                "clapi_channel.unlockChannel() chanTok " + inParentheses(token()) +
+                                    " is not a channel"));
+    }
+    EXPECT_EQ(1, token()->isLocked);
+    EXPECT_RC(0, unlockChannel(token()));
+    EXPECT_TRUE(isUsable(token()));
+}
+
+TEST_F(ChannelLockFailure, ToArmTheEventLeavesTheChannelFree)
+{
+    {
+        TraceFile trace(1);
+        Refusal refusal(Refused::EventArmed);
+        EXPECT_RC(-9, lockChannel(token()));
+        EXPECT_TRUE(refusal.hasHappened());
+        EXPECT_TRUE(traceReads(trace, {"1467 *EXC* clapi_channel.lockChannel() Failed to set "
+                                       "unlockEvent for channel " +
+                                       inParentheses(token())}));
+    }
     EXPECT_TRUE(isUsable(token()));
 }
 
@@ -667,6 +772,17 @@ TEST_F(ChannelMemoryShortage, EmptiesAContainerThatShouldHaveOtherData)
                                    "bytes for container data"}));
     EXPECT_EQ("", channel.data("CUSTOMER"));
     EXPECT_TRUE(isUsable(token()));
+}
+
+TEST_F(ChannelMemoryShortage, LeavesNothingOfADump)
+{
+    TraceFile trace(1);
+    Refusal refusal(Refused::TextInMemory);
+    EXPECT_RC(-111, QPX_ECI_dumpChannels());
+    EXPECT_TRUE(refusal.hasHappened());
+    EXPECT_TRUE(traceReads(
+        trace, {"1413 *EXC* API.QPX_ECI_dumpChannels() Failed to allocate memory for the dump"}));
+    EXPECT_TRUE(isFree(chanListLock.lock));
 }
 
 TEST_F(ChannelMemoryShortage, IsOverWithTheNextCall)

@@ -338,6 +338,18 @@ TEST_F(DumpLine, OfSixteenCharactersHasABlankAtItsEnd)
     EXPECT_EQ("ABCDEFGHIJKLMNOP ", written());
 }
 
+TEST_F(DumpLine, ShowsCharactersAsTheyAreUnlessTheyAreToBeTranslated)
+{
+    char bytes[] = {'A', '\x01', '\x7F', 'B'};
+    {
+        LockGuard hold(traceLock);
+        EXPECT_EQ(4u, clapiWriteStorageLineChar(bytes, 4, 4, 0, 0));
+    }
+    EXPECT_EQ("A\x01\x7F"
+              "B",
+              written());
+}
+
 // ---- The stop word -----------------------------------------------------------------------------
 
 TEST_F(Dump, OfUnknownLengthStopsAtTheStopWord)
@@ -351,6 +363,45 @@ TEST_F(Dump, OfUnknownLengthDoesNotStopWithinAWord)
 {
     alignas(4) const char bytes[16] = {'A', 'B', 0, 0, 0, 0, 'G', 'H'};
     EXPECT_EQ(8u, dump(bytes, 0));
+}
+
+TEST_F(Dump, UpToAStopWordMayHaveSeveralLines)
+{
+    alignas(8) unsigned char bytes[48];
+    std::memset(bytes, 'x', sizeof bytes);
+    constexpr unsigned int stopWord = 0xDEADBEEF;
+    std::memcpy(bytes + 20, &stopWord, sizeof stopWord);
+    {
+        LockGuard hold(traceLock);
+        EXPECT_EQ(20u, clapiTraceOutStorage(bytes, 0, stopWord, 16, 1));
+    }
+    EXPECT_EQ(2u, byteLines());
+}
+
+TEST_F(Dump, UpToAStopWordThatComesFirstHasNoLine)
+{
+    alignas(8) unsigned char bytes[16];
+    std::memset(bytes, 'x', sizeof bytes);
+    constexpr unsigned int stopWord = 0xDEADBEEF;
+    std::memcpy(bytes, &stopWord, sizeof stopWord);
+    {
+        LockGuard hold(traceLock);
+        EXPECT_EQ(0u, clapiTraceOutStorage(bytes, 0, stopWord, 16, 1));
+    }
+    EXPECT_EQ("Data truncation size=128, offset=0\n", trace_.text());
+}
+
+TEST_F(Dump, UpToAStopWordBehindAFullLineEndsWithThatLine)
+{
+    alignas(8) unsigned char bytes[48];
+    std::memset(bytes, 'x', sizeof bytes);
+    constexpr unsigned int stopWord = 0xDEADBEEF;
+    std::memcpy(bytes + 32, &stopWord, sizeof stopWord);
+    {
+        LockGuard hold(traceLock);
+        EXPECT_EQ(32u, clapiTraceOutStorage(bytes, 0, stopWord, 16, 1));
+    }
+    EXPECT_EQ(2u, byteLines());
 }
 
 // ---- Dumps of trace lines ----------------------------------------------------------------------

@@ -448,6 +448,61 @@ TEST_F(Output, DoesNotSpinOnADestinationThatOthersFillAgainAndAgain)
     EXPECT_LE(polls.hits(), 100);
 }
 
+TEST_F(Output, GoesOnWhereASignalHasInterruptedAWrite)
+{
+    traceTo(first_, 1);
+    std::size_t start = readFile(first_).size();
+    {
+        Fault interrupted = failCall(Call::Write, 1, EINTR);
+        useBadLock();
+        EXPECT_EQ(1, interrupted.hits());
+    }
+    EXPECT_EQ(1, wholeLines(readFile(first_).substr(start), 3104, badLockText, ""));
+}
+
+TEST_F(Output, CountsALineAsLostThatADestinationTakesNothingOf)
+{
+    traceTo(first_, 1);
+    std::size_t start = readFile(first_).size();
+    {
+        Fault nothing = fakeCall(Call::Write, 1, 0);
+        useBadLock();
+        EXPECT_EQ(1, nothing.hits());
+    }
+    EXPECT_EQ("", readFile(first_).substr(start));
+    useBadLock();
+    EXPECT_TRUE(contains(readFile(first_).substr(start), "*** <int> bytes of trace lost ***\n"));
+}
+
+TEST_F(Output, GoesToAStreamWithoutADescriptor)
+{
+    char* text = nullptr;
+    std::size_t size = 0;
+    FILE* memory = open_memstream(&text, &size);
+    ASSERT_NE(nullptr, memory);
+    ASSERT_EQ(-1, fileno(memory));
+    ASSERT_RC(0, QPX_setAPITraceLevel(1));
+    FILE* before = clientAPITraceHandle;
+    clientAPITraceHandle = memory;
+    useBadLock();
+    EXPECT_EQ(1, wholeLines(std::string(text, size), 3104, badLockText, "")); // it waits nowhere
+    clientAPITraceHandle = before;
+    fclose(memory);
+    std::free(text);
+}
+
+TEST_F(Output, GoesToStandardErrorWithoutAStream)
+{
+    ASSERT_RC(0, QPX_setAPITraceLevel(1));
+    FILE* before = clientAPITraceHandle;
+    CapturedStderr captured;
+    clientAPITraceHandle = nullptr;
+    useBadLock();
+    clientAPITraceHandle = before;
+    captured.stop();
+    EXPECT_EQ(1, wholeLines(captured.text(), 3104, badLockText, ""));
+}
+
 // ---- The file's descriptor ---------------------------------------------------------------------
 
 TEST_F(Output, GoesToAFileThatIsClosedOnExec)

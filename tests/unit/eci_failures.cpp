@@ -12,6 +12,7 @@
 #include "clapi_gwytok.h"
 #include "support/eci_script.h"
 #include "support/faults.h"
+#include "support/refusals.h"
 
 using namespace script;
 using support::asyncCall;
@@ -25,6 +26,8 @@ using support::failEveryCall;
 using support::Fault;
 using support::getReply;
 using support::getReplyWait;
+using support::Refusal;
+using support::Refused;
 using support::syncCall;
 using support::Threads;
 using support::TraceFile;
@@ -253,6 +256,59 @@ TEST_F(EciFailure, ToSendTakesTheCountBack)
     expectNothingLeft();
 }
 
+// The request counts as one that nobody has answered yet.
+TEST_F(EciFailure, ToLockTheTableToTakeARequestBackLeavesItToACollector)
+{
+    EciParms parms = asyncCall("PROG", filled(8, 'a'));
+    {
+        Fault send = fail(Call::Send, On::First, 1, EPIPE);
+        Fault lock = fail(Call::MutexLock, On::TableLock, 3);
+        EXPECT_RC(QPX_ERR_LOSTGWCON, execute(parms));
+        EXPECT_EQ(1, send.hits());
+        EXPECT_EQ(1, lock.hits());
+    }
+    expectLine("clapi_eci.performEciExecute() Failed to lock slot table to update async count",
+               1528);
+    EXPECT_EQ(1, connection.token->asyncCount.load());
+    EXPECT_EQ(0, connection.token->senders);
+    connection.peer.send(ProgramReply().to(1));
+    EciParms collecting = getReplyWait(8);
+    EXPECT_RC(0, execute(collecting));
+    expectNothingLeft();
+}
+
+TEST_F(EciFailure, ToUnlockTheTableBehindARequestTakenBackIsTold)
+{
+    EciParms parms = asyncCall("PROG", filled(8, 'a'));
+    {
+        Fault send = fail(Call::Send, On::First, 1, EPIPE);
+        Fault unlock = fail(Call::MutexUnlock, On::TableLock, 3, EPERM);
+        EXPECT_RC(QPX_ERR_LOSTGWCON, execute(parms));
+        EXPECT_EQ(1, unlock.hits());
+    }
+    expectLine("clapi_eci.performEciExecute() Failed to unlock slot table after updating async "
+               "count",
+               1530);
+    expectNothingLeft();
+}
+
+TEST_F(EciFailure, ToArmTheEventOfTheSlotIsToldAndLeavesNothing)
+{
+    for (bool isAsync : {false, true}) {
+        SCOPED_TRACE(isAsync);
+        EciParms parms = isAsync ? asyncCall("PROG") : syncCall("PROG");
+        trace.forget();
+        {
+            Refusal refusal(Refused::EventArmed);
+            EXPECT_RC(QPX_ERR_SYSTEM_ERROR, execute(parms));
+            EXPECT_TRUE(refusal.hasHappened());
+        }
+        expectLine("clapi_eci.performEciExecute() Failed to set request event in slot", 1522);
+        EXPECT_TRUE(connection.peer.isQuiet());
+        expectNothingLeft();
+    }
+}
+
 TEST_F(EciFailure, ToSendGivesAUnitOfWorkUp)
 {
     EciParms opening = syncCall("PROG");
@@ -476,6 +532,35 @@ TEST_F(EciWaitFailure, ToLockTheTableAfterWaitingIsReported)
     expectLine("clapi_eci.getAsyncReply() Failed to lock slot table after waiting", 1540);
     // The reply is queued and nobody has taken it.
     expectStillCollectable(getReply(0));
+}
+
+TEST_F(EciWaitFailure, ToArmTheEventBeforeWaitingIsReported)
+{
+    {
+        Refusal refusal(Refused::EventArmed);
+        EciParms waiting = getReplyWait(0);
+        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, execute(waiting));
+        EXPECT_TRUE(refusal.hasHappened());
+    }
+    expectLine("clapi_eci.getAsyncReply() Failed to set asyncReplyEvent", 1541);
+    answer();
+    expectStillCollectable(getReplyWait(0));
+}
+
+TEST_F(EciWaitFailure, ToArmTheEventBehindAReplyIsReportedWithTheReply)
+{
+    connection.peer.send(ProgramReply().commarea(text("data")).to(qualifier));
+    EXPECT_EQ(0, clapiWaitEvent(&connection.token->asyncReplyEvent));
+    EciParms collecting = getReply(4);
+    {
+        Refusal refusal(Refused::EventArmed);
+        EXPECT_RC(ECI_ERR_SYSTEM_ERROR, execute(collecting));
+        EXPECT_TRUE(refusal.hasHappened());
+    }
+    expectLine("clapi_eci.getAsyncReply() Failed to set asyncReplyEvent", 1546);
+    EXPECT_EQ(qualifier, int(collecting.record.eci_message_qualifier));
+    EXPECT_EQ(text("data"), collecting.commarea());
+    expectNothingLeft();
 }
 
 // ---- The library itself ----

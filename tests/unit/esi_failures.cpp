@@ -8,6 +8,7 @@
 #include "clapi_gwytok.h"
 #include "support/esi_script.h"
 #include "support/faults.h"
+#include "support/refusals.h"
 
 using namespace script;
 using support::afterCall;
@@ -16,6 +17,8 @@ using support::CallInfo;
 using support::failCall;
 using support::failCallOn;
 using support::Fault;
+using support::Refusal;
+using support::Refused;
 using support::Threads;
 using support::TraceFile;
 using support::TraceRecord;
@@ -221,6 +224,18 @@ TEST_F(EsiFailureOfFullTable, KeepsItsCodeWhenTheTableCannotBeUnlocked)
 }
 
 // ---- Sending ----
+
+TEST_F(EsiFailure, ToArmTheEventOfTheSlotFreesIt)
+{
+    {
+        Refusal refusal(Refused::EventArmed);
+        EXPECT_RC(-9, verify());
+        EXPECT_TRUE(refusal.hasHappened());
+    }
+    expectLine(1819, "clapi_esi.performEsiFlow() Failed to set request event");
+    expectNotSent();
+    expectNothingLeft();
+}
 
 TEST_F(EsiFailure, ToLockTheTableBeforeSendingFreesTheSlot)
 {

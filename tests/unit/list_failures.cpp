@@ -7,6 +7,7 @@
 #include "clapi_gwytok.h"
 #include "support/esi_script.h"
 #include "support/faults.h"
+#include "support/refusals.h"
 
 using namespace script;
 using support::beforeCall;
@@ -16,6 +17,8 @@ using support::failCall;
 using support::failCallOn;
 using support::Fault;
 using support::Gate;
+using support::Refusal;
+using support::Refused;
 using support::Threads;
 using support::TraceFile;
 
@@ -148,6 +151,18 @@ TEST_F(ListFailure, ToFindASlotKeepsItsCodeWhenTheTableCannotBeUnlocked)
         EXPECT_EQ(1, slot.state);
         slot.state = 0;
     }
+    expectNotSent();
+    expectNothingLeft();
+}
+
+TEST_F(ListFailure, ToArmTheEventOfTheSlotFreesIt)
+{
+    {
+        Refusal refusal(Refused::EventArmed);
+        EXPECT_RC(-9, list());
+        EXPECT_TRUE(refusal.hasHappened());
+    }
+    expectLine(1023, "API.QPX_listSystems() Failed to set request event");
     expectNotSent();
     expectNothingLeft();
 }

@@ -10,6 +10,7 @@ using namespace script;
 using support::Call;
 using support::EciParms;
 using support::failCall;
+using support::failCallOn;
 using support::Fault;
 using support::getReply;
 using support::getReplyWait;
@@ -234,6 +235,24 @@ TEST_F(ReceiverEnd, FollowsAReplyWhenTheSlotTableCannotBeLocked)
     EXPECT_EQ(1, fault.hits());
     EXPECT_TRUE(trace.wroteText("*EXC*  clapi_gwycon.receiverThread() Failed to acquire table "
                                 "lock\n"));
+    expectEnded(3);
+    EXPECT_EQ(QPX_ERR_SYSTEM_ERROR, connection.token->handshakeRc);
+}
+
+TEST_F(ReceiverEnd, FollowsAReplyWhenTheSlotTableCannotBeLockedForItsDelivery)
+{
+    int messageId = startAsync();
+    TraceFile trace(1);
+    Fault fault = failCallOn(Call::MutexLock, &connection.token->tableLock.lock, 2, EINVAL,
+                             Threads::Others);
+    connection.peer.send(eciReply(messageId, text("answered")));
+
+    EciParms collected = getReplyWait(8);
+    EXPECT_RC(QPX_ERR_LOSTGWCON, collect(collected));
+
+    EXPECT_EQ(1, fault.hits());
+    EXPECT_EQ(1, trace.timesWroteText("*EXC*  clapi_gwycon.receiverThread() Failed to acquire "
+                                      "table lock\n"));
     expectEnded(3);
     EXPECT_EQ(QPX_ERR_SYSTEM_ERROR, connection.token->handshakeRc);
 }

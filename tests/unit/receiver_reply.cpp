@@ -528,4 +528,31 @@ TEST_F(EarlyReply, EndsTheConnectionWithoutMemoryToKeepItsChannelSection)
     EXPECT_RC(QPX_OK, ECI_deleteChannel(&channel));
 }
 
+TEST_F(EarlyReply, EndsTheConnectionWhenItsChannelSectionIsBroken)
+{
+    ECI_ChannelToken_t channel = nullptr;
+    ASSERT_RC(QPX_OK, ECI_createChannel("CHANNEL", &channel));
+    asked = syncCall("PROG");
+    asked.record.channel = channel;
+    auto call = support::callInThread(
+        [&] { return QPX_ECI_Execute_Channel(connection.token, &asked.record); });
+    ASSERT_TRUE(sender.awaitArrival());
+    TraceFile trace(4);
+    Bytes section = support::channelSection("CHANNEL", 819, 1,
+                                            support::changeOf("A", support::changeAdded, 1, 0, 9));
+
+    connection.peer.send(flow(replyType, 1, 0, "ECI", support::replyBody(section)) + pingFlow());
+
+    ASSERT_TRUE(trace.awaitText("Flow type is FLOW_PING")); // behind the reply
+    EXPECT_EQ(0, trace.timesWrote(3029));
+    sender.open();
+    EXPECT_RC(QPX_ERR_LOSTGWCON, call.get());
+    EXPECT_TRUE(trace.wrote(3029, "*EXC*",
+                            "clapi_gwycon.receiverThread() A field or record of a reply goes "
+                            "beyond its message"));
+    connection.awaitRequest();
+    expectEnded(3);
+    EXPECT_RC(QPX_OK, ECI_deleteChannel(&channel));
+}
+
 } // namespace

@@ -329,6 +329,19 @@ TEST_F(SlotTable, RefusesAUnitOfWorkWithAReplyThatNobodyHasTaken)
     EXPECT_EQ(3, busy->state);
 }
 
+TEST_F(SlotTable, TellsWhichSlotOfAUnitOfWorkIsInUse)
+{
+    takeMany(2);
+    table->slot[1].eciParms.eci_luw_token = 42;
+    TraceFile trace(1);
+    RequestSlot* slot = nullptr;
+
+    EXPECT_RC(ECI_ERR_ALREADY_ACTIVE, slotFind(table, 42, &slot));
+    EXPECT_TRUE(trace.wrote(2064, "*EXC*",
+                            "clapi_gwytok.slotFind() LUW token=42 has a call in progress in slot "
+                            "2"));
+}
+
 TEST_F(SlotTable, LooksAtTheFirstSlotOfAUnitOfWorkOnly)
 {
     takeMany(2);

@@ -80,6 +80,22 @@ TEST_F(SocketBufferWait, FailsOnADescriptorThatIsNotOpen)
                     "clapi_socketbuffer.waitForResponse() select failed: Bad file descriptor (9)"));
 }
 
+TEST_F(SocketBufferWait, FailsWithoutADescriptor)
+{
+    bindForReading(8);
+    sockBuffer.socketDesc = -1;
+    int before = callCount(Call::Select) + callCount(Call::Poll);
+    TraceFile trace(1);
+
+    EXPECT_RC(-102, waitForResponse(&sockBuffer, 3600));
+
+    EXPECT_EQ(before, callCount(Call::Select) + callCount(Call::Poll));
+    EXPECT_EQ(EBADF, sockBuffer.socketErr);
+    EXPECT_TRUE(
+        trace.wrote(2523, "*EXC*",
+                    "clapi_socketbuffer.waitForResponse() select failed: Bad file descriptor (9)"));
+}
+
 TEST_F(SocketBufferWait, KeepsTheErrnoOfAFailedWait)
 {
     bindForReading(8);

@@ -75,6 +75,19 @@ TEST_F(TeardownAll, DoesNothingWithAnEmptyList)
     expectListLockIntact();
 }
 
+TEST_F(TeardownAll, ClosesNothingWhenTheListCannotBeLocked)
+{
+    ScriptedConnection only;
+    BrokenLock noList(gtlLock);
+    TraceFile trace(3);
+
+    EXPECT_RC(QPX_OK, clapiDeleteGatewayTokens());
+
+    EXPECT_TRUE(trace.wrote(2037, "EXIT",
+                            "clapi_gwytok.clapiDeleteGatewayTokens() Entries deleted=0, rc=0"));
+    EXPECT_EQ(0, only.token->closedown.load());
+}
+
 TEST_F(TeardownAll, ClosesTheOnlyConnection)
 {
     ScriptedConnection only;

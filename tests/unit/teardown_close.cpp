@@ -3,10 +3,13 @@
 
 #include <memory>
 
+#include "support/refusals.h"
 #include "unit/connect_fixture.h"
 
 using namespace fixture;
 using namespace script;
+using support::Refusal;
+using support::Refused;
 using support::TraceFile;
 
 namespace {
@@ -171,6 +174,25 @@ TEST_F(TeardownClose, ArmsTheEventOfTheLastCallWhileAnAsynchronousRequestIsOut)
     EXPECT_RC(QPX_OK, clapiCloseGatewayToken(connection.token, 1));
 
     EXPECT_EQ(0, connection.token->requestsEnded.eflag);
+}
+
+TEST_F(TeardownClose, TakesTheMarkOffWhenTheEventOfTheLastCallCannotBeArmed)
+{
+    makeACall();
+    connection.token->requestCount = 1;
+    TraceFile trace(1);
+    {
+        Refusal refusal(Refused::EventArmed);
+        EXPECT_RC(QPX_ERR_SYSTEM_ERROR, clapiCloseGatewayToken(connection.token, 1));
+        EXPECT_TRUE(refusal.hasHappened());
+    }
+
+    EXPECT_TRUE(trace.wrote(2065, "*EXC*",
+                            "clapi_gwytok.clapiCloseGatewayToken() Failed to set requestsEnded "
+                            "event"));
+    EXPECT_EQ(0, connection.token->closedown.load());
+    EXPECT_EQ(0, connection.token->deleters);
+    EXPECT_TRUE(support::isFree(gtlLock.lock));
 }
 
 TEST_F(TeardownClose, LeavesTheEventOfTheLastCallAloneWhenNothingIsOutstanding)

@@ -683,6 +683,23 @@ TEST_F(TeardownDelete, FailsWhenTheListCannotBeLockedAfterTheQuiesce)
     expectListedAndClosing();
 }
 
+TEST_F(TeardownDelete, TellsThatTheListCannotBeReleasedBeforeTheQuiesce)
+{
+    loseConnection();
+    ASSERT_RC(QPX_OK, clapiCloseGatewayToken(connection.token, 1));
+    TraceFile trace(1);
+    {
+        Fault fault = failCall(Call::MutexUnlock, 1, EPERM, Threads::Calling);
+        EXPECT_RC(QPX_ERR_SYSTEM_ERROR,
+                  clapiDeleteClosingToken(&connection.token, connection.token, 0));
+    }
+
+    EXPECT_TRUE(trace.wrote(2050, "*EXC*",
+                            "clapi_gwytok.clapiDeleteGatewayToken() Failed to unlock Gateway "
+                            "token list"));
+    freeByClosingAll();
+}
+
 TEST_F(TeardownDelete, FailsWhenTheListCannotBeReleasedBeforeTheQuiesce)
 {
     loseConnection();

@@ -153,6 +153,18 @@ TEST_F(TokenList, IsDumpedWithTheStateOfTheLibrary)
     EXPECT_TRUE(trace.wroteText(opening + rule + entry("0001", only, nullptr) + total(1) + rule));
 }
 
+TEST_F(TokenList, IsDumpedAsOfNoLengthWhenItCannotBeLocked)
+{
+    ScriptedConnection only;
+    BrokenLock noList(gtlLock);
+    TraceFile trace(3);
+
+    clapiDumpGatewayTokens();
+
+    EXPECT_FALSE(trace.wroteText(opening));
+    EXPECT_TRUE(trace.wrote(2039, "EXIT", "clapi_gwytok.clapiDumpGatewayTokens() List length=0"));
+}
+
 TEST_F(TokenList, FindsItsHeadAtEntryZero)
 {
     ScriptedConnection first;

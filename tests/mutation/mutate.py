@@ -234,7 +234,7 @@ class Worker:
 
     def __init__(self, work, model, number, page_size, wrapper):
         self.work, self.model, self.wrapper = work, model, wrapper
-        self.page_name = os.path.join(work, "page.%d" % number)
+        self.page_name = os.path.join(work, "page.%d.%d" % (os.getpid(), number))
         with open(self.page_name, "wb") as file:
             file.write(bytes(page_size))
         with open(self.page_name, "r+b") as file:
@@ -539,16 +539,14 @@ class Hunt:
 # ---- Survivors that are known ----
 
 def known_survivors(file):
-    """The reasons why mutants survive, by their keys."""
+    """By the keys of mutants that are known to survive: whether nobody can tell them from the
+    original, "equivalent", or no test does so far, "open"; and why."""
     if not os.path.exists(file):
         return {}
     with open(file, "rb") as text:
-        groups = tomllib.load(text).get("equivalent", [])
-    reasons = {}
-    for group in groups:
-        for key in group["mutants"]:
-            reasons[key] = group["why"]
-    return reasons
+        listed = tomllib.load(text)
+    return {key: (status, group["why"]) for status in ("equivalent", "open")
+            for group in listed.get(status, []) for key in group["mutants"]}
 
 
 def status_of(mutant, results, reasons):
@@ -558,7 +556,7 @@ def status_of(mutant, results, reasons):
     if result["status"] == "killed":
         return "killed"
     if mutant.key in reasons:
-        return "equivalent"
+        return reasons[mutant.key][0]
     return result["status"]
 
 
@@ -572,13 +570,13 @@ def report(chosen, results, reasons, tests, out):
             table[row]["made"] += 1
             table[row]["reached"] += mutant.number in reached
             table[row][status] += 1
-    out("%-22s %-11s %6s %8s %7s %11s %9s" % ("file", "kind", "made", "reached", "killed",
-                                              "equivalent", "survived"))
+    out("%-22s %-11s %6s %8s %7s %11s %5s %9s" % ("file", "kind", "made", "reached", "killed",
+                                                  "equivalent", "open", "survived"))
     order = FILES + ["all"]
     for (file, kind), row in sorted(table.items(), key=lambda e: (order.index(e[0][0]), e[0][1])):
-        out("%-22s %-11s %6d %8d %7d %11d %9d" % (
+        out("%-22s %-11s %6d %8d %7d %11d %5d %9d" % (
             file, kind or "all", row["made"], row["reached"], row["killed"], row["equivalent"],
-            row["survived"] + row["unreached"]))
+            row["open"], row["survived"] + row["unreached"]))
     all_of = table[("all", "")]
     run = all_of["made"] - all_of["not run"]
     if run:
@@ -594,14 +592,10 @@ def report(chosen, results, reasons, tests, out):
         out("%s %d: %s:%d %s: %s" % (status, mutant.number, mutant.file, mutant.line,
                                      mutant.function, mutant.change))
         out("    " + mutant.text)
-    for key, reason in reasons.items():
+    for key, (status, reason) in reasons.items():
         result = results.of.get(key)
         if result and result["status"] == "killed":
-            out("killed, although said to be equivalent (%s): %s" % (reason, key))
-    keys = {mutant.key for mutant in chosen}
-    for key in reasons:
-        if len(keys) > 2000 and key not in keys:
-            out("no such mutant any more: " + key)
+            out("killed, although said to be %s (%s): %s" % (status, reason, key))
     return len(new)
 
 
@@ -612,7 +606,8 @@ def parse(arguments):
         prog="tools/mutate", description="Makes small changes to sources of the library, one at a "
         "time, and looks whether the tests notice. Everything it makes is in a folder of its own.",
         epilog="Each change that no test notices is shown, unless tests/mutation/survivors.toml "
-        "says why none can. Exit code 1 if there is one that is not listed there.")
+        "says why none can, or none does so far. Exit code 1 if there is one that is not listed "
+        "there.")
     parser.add_argument("--file", action="append", choices=FILES, help="only mutants of this file")
     parser.add_argument("--kind", action="append", choices=list(mutation.KINDS),
                         help="only mutants of this kind")
@@ -737,7 +732,8 @@ def hunt_all(chosen, options, runner, hunt, reasons, say):
         result = hunt.results.of.get(mutant.key)
         if result is None:
             return True
-        return options.again and result["status"] != "killed" and mutant.key not in reasons
+        is_equivalent = reasons.get(mutant.key, ("", ""))[0] == "equivalent"
+        return options.again and result["status"] != "killed" and not is_equivalent
 
     due = [mutant for mutant in chosen if is_due(mutant)]
 

@@ -175,17 +175,19 @@ class Keys(unittest.TestCase):
 class Survivors(unittest.TestCase):
     def test_that_are_listed_are_mutants_and_have_a_reason(self):
         keys = {m.key for source in mutate.read_sources() for m in source.mutants}
-        for key, reason in mutate.known_survivors(os.path.join(HERE, "survivors.toml")).items():
+        listed = mutate.known_survivors(os.path.join(HERE, "survivors.toml"))
+        for key, (_, reason) in listed.items():
             self.assertIn(key, keys)
             self.assertGreater(len(reason), 20, key)
 
     def test_count_as_new_unless_they_are_listed(self):
-        chosen = mutation.make_all({"sample.cpp": SAMPLE})[0].mutants[:3]
+        chosen = mutation.make_all({"sample.cpp": SAMPLE})[0].mutants[:4]
         results = mutate.Results(os.path.join(tempfile.gettempdir(), "there-is-no-such-file"))
         results.of = {chosen[0].key: {"status": "killed"}, chosen[1].key: {"status": "survived"},
-                      chosen[2].key: {"status": "survived"}}
-        reasons = {chosen[1].key: "it is the same"}
-        self.assertEqual(["killed", "equivalent", "survived"],
+                      chosen[2].key: {"status": "survived"}, chosen[3].key: {"status": "survived"}}
+        reasons = {chosen[1].key: ("equivalent", "it is the same"),
+                   chosen[2].key: ("open", "nobody has a test")}
+        self.assertEqual(["killed", "equivalent", "open", "survived"],
                          [mutate.status_of(m, results, reasons) for m in chosen])
 
 

@@ -165,11 +165,12 @@ TEST_F(LockOrder, EndsAProcessThatTakesLocksForAForkOtherThanByTheirRanks)
             SCOPED_TRACE(nameOfWanted + " behind " + nameOfHolding);
             RankedLock first(holding);
             RankedLock second(wanted);
-            if (wanted > holding)
+            if (wanted > holding) {
                 takeBothForFork(first.lock, second.lock);
-            else if (wanted == holding || wanted == holding - 1)
+            } else if (wanted == holding || wanted == holding - 1) {
                 EXPECT_DEATH(takeBothForFork(first.lock, second.lock),
                              refusal("a fork asked for " + nameOfWanted, holding));
+            }
         }
     }
 }

@@ -598,7 +598,9 @@ int main(int argc, char** argv)
         well = false;
     for (const std::string& way : options.ways) {
         std::printf("%-22s %9ld cuts or signals\n", way.c_str(), totals.shreds[way]);
-        if (totals.shreds[way] == 0) well = false;
+        if (totals.shreds[way] != 0) continue;
+        std::printf("FINDING nothing has been cut up in this way: name more scenarios\n");
+        well = false;
     }
     std::printf("%zu scenarios, %ld runs, %ld of them to a wait that is known, %ld findings\n",
                 scenarios.size(), totals.runs.load(), totals.waits.load(), totals.findings.load());

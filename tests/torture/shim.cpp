@@ -719,7 +719,6 @@ void shred(Shredding way, unsigned seed)
 {
     shredCount = 0;
     interruptibleCount = 0;
-    interruptedConnectCount = 0;
     randomState = seed * 2654435761U | 1U;
     shredding = way;
 }

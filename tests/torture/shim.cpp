@@ -17,6 +17,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
@@ -197,7 +198,8 @@ std::size_t receivable(std::size_t length, std::uintptr_t caller)
     if (length > 1 && isShredded(Shredding::ReceivedOneByOne, caller)) most = 1;
     // Small numbers as often as large ones.
     if (length > 1 && isShredded(Shredding::ReceivedAtRandom, caller))
-        most = 1 + randomNumber() % (length >> (randomNumber() % 16U) | 1U);
+        most = std::min<std::size_t>(length,
+                                     1 + randomNumber() % (length >> (randomNumber() % 16U) | 1U));
     if (most < length) shredCount += 1;
     return most;
 }

@@ -54,6 +54,7 @@ TERNARY = re.compile(r"(?:(?<=[=,:] )|(?<=return )|(?<=\())(\w+) \?")
 SCOPES = re.compile(r"^(ContainerListHold|OpenSocketsHold|TraceHold|ApiCall|SignalsBlocked) "
                     r"(\w+);$")
 GUARD = re.compile(r"^LockGuard (\w+)\((.*)\);$", re.S)
+MUTEX = re.compile(r"clapi(Take(?:ForFork)?|GiveUp(?:AfterFork)?)\(([^;]*)\);")
 REQUEST = re.compile(r"\bclapiRequestLock\(&|\b\w+(?:->|\.)request\(\)")
 DECLARATION = re.compile(
     r"^(?:(?:const|unsigned|static|struct)\s+)*[A-Za-z_][\w:]*(?:<[^;=()]*>)?[\s*&]+"
@@ -275,7 +276,7 @@ class Maker:
             self.dropped_call(begin, end, statement)
         elif statement.strip() != ";" and statement not in ("break;", "continue;"):
             kind = "trace" if re.match(r"TRACE(_DATA)?\(", statement) else "statement"
-            if re.match(r"pthread_mutex_(lock|unlock)\(", statement):
+            if MUTEX.match(statement):
                 return  # see the locks of a function
             number = self.mutant(begin, kind, "dropped")
             # A line that nobody would see is not reached.
@@ -466,11 +467,12 @@ class Maker:
         """A mutex that a function locks and unlocks is not taken by it; what does only one of the
         two is a statement as others are, but for the constructors of scopes."""
         calls = {}
-        for found in self.matches(re.compile(r"pthread_mutex_(lock|unlock)\(([^;]*)\);")):
+        for found in self.matches(MUTEX):
             calls.setdefault(found.group(2), []).append(found)
         is_scope = self.function.lstrip("~").endswith("Hold")
         for found_here in calls.values():
-            names = {found.group(1) for found in found_here}
+            names = {"lock" if found.group(1).startswith("Take") else "unlock"
+                     for found in found_here}
             if is_scope:
                 continue
             if names == {"lock", "unlock"}:
@@ -479,7 +481,7 @@ class Maker:
                     self.wrap(found.start(), found.end(), "{ if (!qpxIs(%d)) " % number, " }")
                 continue
             for found in found_here:
-                taken = found.group(1) == "lock"
+                taken = found.group(1).startswith("Take")
                 number = self.mutant(found.start(), "lock" if taken else "statement",
                                      "not taken" if taken else "dropped")
                 self.wrap(found.start(), found.end(), "{ if (!qpxIs(%d)) " % number, " }")

@@ -76,11 +76,29 @@ bool allHasArrived(const Situation& s)
     return s.isGone || s.peer.fd() < 0 || ioctl(s.peer.fd(), SIOCOUTQ, &queued) != 0 || queued == 0;
 }
 
+// Runs on each processor in turn. A thread that another processor has been told to wake still looks
+// asleep; who gets to run there has come behind it.
+void visitEveryProcessor()
+{
+    cpu_set_t all;
+    if (sched_getaffinity(0, sizeof all, &all) != 0) return;
+    for (int processor = 0; processor < CPU_SETSIZE; processor += 1) {
+        if (!CPU_ISSET(processor, &all)) continue;
+        cpu_set_t one;
+        CPU_ZERO(&one);
+        CPU_SET(processor, &one);
+        sched_setaffinity(0, sizeof one, &one);
+    }
+    sched_setaffinity(0, sizeof all, &all);
+}
+
 // Whether every other thread sleeps, and goes on to.
 bool allSleep()
 {
     Threads before = look();
-    return before.allSleep && look() == before;
+    if (!before.allSleep) return false;
+    visitEveryProcessor();
+    return look() == before;
 }
 
 // Waits until the call has ended, or until it cannot go on by itself.

@@ -10,6 +10,7 @@
 
 #include "client.h"
 #include "daemon.h"
+#include "scrambled.h"
 #include "standin/gateway.h"
 #include "temporary_directory.h"
 
@@ -730,23 +731,6 @@ TEST_F(DaemonRegistry, LogsRequestsWithoutPasswords)
     EXPECT_FALSE(daemon.wrote("Green8sea")) << daemon.output();
 }
 
-namespace {
-
-// The password as it travels.
-standin::Bytes scrambled(const std::string& password)
-{
-    standin::Bytes masked;
-    unsigned before = 0xFF;
-    for (const char c : password) {
-        const auto clear = static_cast<unsigned char>(c);
-        masked.push_back(static_cast<std::uint8_t>(clear ^ before));
-        before = clear;
-    }
-    return masked;
-}
-
-} // namespace
-
 TEST_F(DaemonRegistry, KeepsNoPasswordInItsMemory)
 {
     const std::string inFile = "Registered-0-in-the-file";
@@ -757,13 +741,14 @@ TEST_F(DaemonRegistry, KeepsNoPasswordInItsMemory)
     Daemon daemon(arguments);
     Client client(daemon.port());
     ASSERT_TRUE(client.shakeHands());
-    client.send(verification("FRED", scrambled(used[0])));
+    client.send(verification("FRED", standin_test::scrambled(used[0])));
     ASSERT_EQ(4U, client.read().value().body.size());
-    client.send(changeTo("ANNA", scrambled(inFile), scrambled(used[1])));
+    client.send(
+        changeTo("ANNA", standin_test::scrambled(inFile), standin_test::scrambled(used[1])));
     ASSERT_EQ(92U, client.read().value().body.size());
     for (const std::string& password : {used[2], used[3]}) {
         standin::Bytes body = standin_test::eciBody({});
-        const standin::Bytes masked = scrambled(password);
+        const standin::Bytes masked = standin_test::scrambled(password);
         body[48] = static_cast<std::uint8_t>(masked.size());
         body.insert(body.begin() + 49, masked.begin(), masked.end());
         client.send(standin_test::flow(1, 5, "ECI", body));
@@ -774,7 +759,8 @@ TEST_F(DaemonRegistry, KeepsNoPasswordInItsMemory)
     EXPECT_TRUE(daemon.hasInMemory("ECHO"));
     for (const std::string& password : {inFile, used[0], used[1], used[2], used[3]}) {
         EXPECT_FALSE(daemon.hasInMemory(password)) << password;
-        EXPECT_FALSE(daemon.hasInMemory(standin_test::textOf(scrambled(password)))) << password;
+        EXPECT_FALSE(daemon.hasInMemory(standin_test::textOf(standin_test::scrambled(password))))
+            << password;
     }
 }
 

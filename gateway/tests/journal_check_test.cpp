@@ -7,6 +7,7 @@
 
 #include "client.h"
 #include "daemon.h"
+#include "document_example.h"
 #include "journal/check.h"
 #include "journal/journal_line.h"
 #include "temporary_directory.h"
@@ -224,33 +225,12 @@ TEST_F(JournalCheck, ExplainsItself)
     EXPECT_TRUE(nothing.wrote("Usage: ")) << nothing.output();
 }
 
-namespace {
-
-// The example of the document that has this line in it.
-std::string example(const std::string& wanted)
-{
-    std::ifstream document(GATEWAY_DOCUMENT);
-    std::string text;
-    std::string block;
-    bool isInside = false;
-    while (std::getline(document, text)) {
-        if (text.rfind("```", 0) == 0) {
-            if (isInside && block.find(wanted + "\n") != std::string::npos) return block;
-            isInside = !isInside;
-            block.clear();
-        } else if (isInside) {
-            block += text + "\n";
-        }
-    }
-    throw std::runtime_error("docs/gateway.md has no example with " + wanted);
-}
-
-} // namespace
-
 TEST_F(JournalCheck, OfTheDocumentIsWhatItsScriptGives)
 {
-    std::ofstream(directory.file("answers.toml")) << example("program = \"PRICE\"");
-    std::ofstream(directory.file("expect.toml")) << example("answer = { code = -16 }");
+    std::ofstream(directory.file("answers.toml"))
+        << standin_test::documentExample("program = \"PRICE\"");
+    std::ofstream(directory.file("expect.toml"))
+        << standin_test::documentExample("answer = { code = -16 }");
     const std::string calls = directory.file("calls.jsonl");
     {
         standin_test::Daemon daemon(

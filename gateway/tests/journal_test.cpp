@@ -16,6 +16,7 @@
 
 #include "client.h"
 #include "daemon.h"
+#include "scrambled.h"
 #include "temporary_directory.h"
 
 using standin_test::Call;
@@ -41,19 +42,6 @@ std::string timeless(const std::string& text)
     static const std::regex took("\"microseconds\":[0-9]+");
     return std::regex_replace(std::regex_replace(text, time, "\"time\":\"T\""), took,
                               "\"microseconds\":N");
-}
-
-// The password as it travels.
-standin::Bytes scrambled(const std::string& password)
-{
-    standin::Bytes masked;
-    unsigned before = 0xFF;
-    for (const char c : password) {
-        const auto clear = static_cast<unsigned char>(c);
-        masked.push_back(static_cast<std::uint8_t>(clear ^ before));
-        before = clear;
-    }
-    return masked;
 }
 
 standin::Bytes verification(const std::string& user, const standin::Bytes& masked)
@@ -152,7 +140,7 @@ TEST_F(DaemonJournal, HasEveryKindOfRequest)
         client.send(standin_test::flow(
             1, 1, "ECI", Raw().int32(9).int32(5).int16(0).byte(0).int32(-1).int32(7)));
         ASSERT_TRUE(client.read());
-        client.send(verification("FRED", scrambled("Blue7sky")));
+        client.send(verification("FRED", standin_test::scrambled("Blue7sky")));
         ASSERT_TRUE(client.read());
         standin::Bytes body = standin_test::eciBody(echo(""));
         body[7] = 3; // the extend mode
@@ -317,7 +305,7 @@ TEST_F(DaemonJournal, AndLogHaveNoPasswordOfFiveHundred)
     Client client(daemon.port());
     ASSERT_TRUE(client.shakeHands());
     for (std::size_t i = 0; i < passwords.size(); ++i) {
-        const standin::Bytes masked = scrambled(passwords[i]);
+        const standin::Bytes masked = standin_test::scrambled(passwords[i]);
         // Each travels, some of them are looked at, and some come in malformed requests.
         client.send(callOf(i % 50 == 0 ? "SAY" : "ECHO", i % 50 == 0 ? "ANNA" : "FRED", masked));
         ASSERT_EQ(3, client.read().value().flowType);
@@ -352,7 +340,7 @@ TEST_F(DaemonJournal, AndLogHaveNoPasswordOfFiveHundred)
     const std::string journal = contentOf(file);
     EXPECT_EQ(3 * kPasswords, std::count(journal.begin(), journal.end(), '\n'));
     for (const std::string& password : passwords) {
-        const std::string masked = standin_test::textOf(scrambled(password));
+        const std::string masked = standin_test::textOf(standin_test::scrambled(password));
         const std::string hex = standin::toHex(standin::Bytes(password.begin(), password.end()));
         for (const std::string& text : {password, masked, hex}) {
             ASSERT_EQ(std::string::npos, journal.find(text)) << password;

@@ -8,6 +8,7 @@
 
 #include "client.h"
 #include "daemon.h"
+#include "document_example.h"
 #include "temporary_directory.h"
 
 using standin_test::Call;
@@ -157,32 +158,9 @@ TEST(DaemonWithoutAScript, TakesNoNoticeOfSighup)
     EXPECT_EQ(0, daemon.stop());
 }
 
-namespace {
-
-// The example of the document that has this line in it.
-std::string example(const std::string& line)
-{
-    std::ifstream document(GATEWAY_DOCUMENT);
-    std::string text;
-    std::string block;
-    bool isInside = false;
-    while (std::getline(document, text)) {
-        if (text.rfind("```", 0) == 0) {
-            if (isInside && block.find(line + "\n") != std::string::npos) return block;
-            isInside = !isInside;
-            block.clear();
-        } else if (isInside) {
-            block += text + "\n";
-        }
-    }
-    throw std::runtime_error("docs/gateway.md has no example with " + line);
-}
-
-} // namespace
-
 TEST_F(DaemonScript, OfTheDocumentAnswersAnApplicationsOwnProgram)
 {
-    write(example("program = \"PRICE\""));
+    write(standin_test::documentExample("program = \"PRICE\""));
     Daemon daemon({"--script", file});
     Client client(daemon.port());
     ASSERT_TRUE(client.shakeHands());

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "client.h"
+#include "scrambled.h"
 #include "script/script_file.h"
 #include "standin/gateway.h"
 #include "temporary_directory.h"
@@ -500,25 +501,12 @@ TEST(ScriptUnitOfWork, IsBackedOutByAnAnswerWithACode)
 
 namespace {
 
-// The password as it travels.
-standin::Bytes scrambled(const std::string& password)
-{
-    standin::Bytes masked;
-    unsigned before = 0xFF;
-    for (const char c : password) {
-        const auto clear = static_cast<unsigned char>(c);
-        masked.push_back(static_cast<std::uint8_t>(clear ^ before));
-        before = clear;
-    }
-    return masked;
-}
-
 standin::Bytes callOf(const std::string& user, const std::string& password)
 {
     Call call = with("", "PRICE");
     call.user = user;
     standin::Bytes body = standin_test::eciBody(call);
-    const standin::Bytes masked = scrambled(password);
+    const standin::Bytes masked = standin_test::scrambled(password);
     body[48] = static_cast<std::uint8_t>(masked.size());
     body.insert(body.begin() + 49, masked.begin(), masked.end());
     return standin_test::flow(1, 5, "ECI", body);

@@ -973,7 +973,6 @@ static void unlockChannels(_QPX_ConnToken_t* gwToken) NEEDS_LOCK(gwToken->tableL
         if (slotP->channelHeld == 0 || slotP->eciParms.eci_call_type != ECI_ASYNC) continue;
         if (slotP->state == SLOT_ALLOCATED) continue;
         unlockChannel(slotP->eciParms.channel);
-        slotP->eciParms.channel = nullptr;
         slotP->channelHeld = 0;
     }
 }

@@ -222,4 +222,27 @@ TEST_F(SeveralCollectors, FindTheReplyThatAnotherHasHadNoRoomFor)
     expectClosable();
 }
 
+// Such a close gives the channel back, but the reply stays to be collected.
+TEST_F(SeveralCollectors, BringTheChannelOfTheCallThoughAFailedCloseHasGivenItBack)
+{
+    Call sent(Kind::AsyncChannel);
+    ASSERT_RC(0, sent.run(token()));
+    connection.awaitRequest();
+    Collector collector(*this, getReplyWait(8));
+    Hold beforeWrite(SchedulePoint::beforeCloseWrite);
+    auto purging = startClose(Close::Purge, &connection.token);
+    beforeWrite.awaitArrival();
+    connection.peer.shutdownWriting();
+    sendersAwaited.await(1);
+    beforeWrite.release();
+    EXPECT_RC(QPX_ERR_LOSTGWCON, purging.get());
+
+    collector.beforeSleep.release();
+
+    EXPECT_RC(QPX_ERR_LOSTGWCON, collector.call.get());
+    EXPECT_EQ(sent.channel, ECI_ChannelToken_t(collector.parms.record.channel));
+    EXPECT_RC(0, QPX_closeAllGatewayConnections());
+    expectClosed();
+}
+
 } // namespace

@@ -40,8 +40,10 @@ stage() {
     return "$code"
 }
 
-# Compilers are spared what they have done before, where ccache is installed.
+# Compilers are spared what they have done before, where ccache is installed; in whichever folder
+# that was.
 use_ccache_if_there() {
     command -v ccache >/dev/null || return 0
+    export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$PWD} CCACHE_NOHASHDIR=1
     export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
 }

@@ -26,7 +26,7 @@ run_each() {
     local with=$1
 
     for each in echo unit_of_work asynchronous channel "change_password FRED" \
-        "trace $FOLDER/trace"; do
+        "trace $FOLDER/trace" cplusplus; do
         # shellcheck disable=SC2086 # a program and its arguments
         PASSWORDS='Blue7sky\n' run $each "$HOST" "$GATEWAY_PORT"
         "$with" "${each%% *}"
@@ -119,6 +119,24 @@ TraceShowsTheOneCall() {
     ! grep -q QPX_closeGatewayConnection "$FOLDER/trace" || fail "the close is in the trace"
 }
 
+CplusplusCallsPostsAndCollects() {
+    gateway
+    run cplusplus "$HOST" "$GATEWAY_PORT"
+    expect_code 0
+    printf '%s\n' "Hello, Gateway!" posted one two three | diff - "$FOLDER/out" >&2 ||
+        fail "other lines"
+    expect_text gateway.log 'C account="ACC00002" amount=2.50 result=00 balance=3187.25'
+    expect_text gateway.log 'unit of work 1 is committed'
+}
+
+CplusplusPostsNothingWhenACallFails() {
+    gateway --misbehave flow-error=61445@nth:3
+    run cplusplus "$HOST" "$GATEWAY_PORT"
+    expect_code 1
+    expect_line err "QPX_ECI_Execute: QPX_ERR_WORK_WAS_REFUSED (61445)"
+    expect_text gateway.log 'unit of work 1 is backed out'
+}
+
 EachNamesTheErrorWithoutAGateway() {
     closed_port
     run_each expect_no_connection
@@ -140,9 +158,10 @@ expect_full_disk() {
 }
 
 EachIsShort() {
-    for file in "$HERE"/../*.c; do
+    for file in "$HERE"/../*.{c,cpp}; do
         (($(wc -l <"$file") <= 120)) || fail "$file has more than 120 lines"
     done
+    (($(wc -l <"$HERE/../cplusplus.cpp") <= 60)) || fail "that in C++ has more than 60 lines"
 }
 
 run_case

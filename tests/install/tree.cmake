@@ -1,14 +1,14 @@
-# The installed tree: the four public headers as they are, and the library under its three names.
+# The installed tree: the public headers as they are, and the library under its three names.
 
 cmake_minimum_required(VERSION 3.25)
 include(${CMAKE_CURRENT_LIST_DIR}/run.cmake)
 
-set(public_headers eci_channel.h qpxclient.h qpxclient_eci.h qpxclient_esi.h)
+set(public_headers eci_channel.h qpxclient.h qpxclient.hpp qpxclient_eci.h qpxclient_esi.h)
 file(GLOB_RECURSE headers RELATIVE ${TREE}/${INCLUDEDIR} ${TREE}/${INCLUDEDIR}/*)
 expect_same_list("installed headers" "${public_headers}" "${headers}")
 file(GLOB_RECURSE headers_anywhere ${TREE}/*.h ${TREE}/*.hpp)
 list(LENGTH headers_anywhere count)
-if(NOT count EQUAL 4)
+if(NOT count EQUAL 5)
   message(FATAL_ERROR "headers outside ${INCLUDEDIR}: ${headers_anywhere}")
 endif()
 

@@ -1192,7 +1192,10 @@ private:
         std::promise<Result<Channel>> promise;
         Channel channel;
     };
-    using Waiters = std::map<int, std::variant<ForData, ForChannel>>; // by qualifier
+    // By qualifier; of several with the same, the first in is the first that was sent. The library
+    // gives the qualifier of a collected reply to the next call, which may be entered before the
+    // collecting thread has come to the former one.
+    using Waiters = std::multimap<int, std::variant<ForData, ForChannel>>;
 
     struct State {
         explicit State(std::shared_ptr<detail::Link> connection) : link(std::move(connection)) {}
@@ -1226,10 +1229,11 @@ private:
                 held.lock();
                 Waiters answered;
                 const int qualifier = record.eci_message_qualifier;
-                if (qualifier != 0)
-                    answered.insert(waiters.extract(qualifier));
-                else
+                const auto oldest = waiters.lower_bound(qualifier);
+                if (qualifier == 0)
                     answered.swap(waiters); // there is no reply, and none will come
+                else if (oldest != waiters.end() && oldest->first == qualifier)
+                    answered.insert(waiters.extract(oldest));
                 held.unlock();
                 for (auto& each : answered) deliver(each.second, rc, area, record);
                 answered.clear();

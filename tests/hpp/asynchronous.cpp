@@ -127,6 +127,22 @@ TEST_F(Futures, BringEveryReplyToItsCall)
     EXPECT_EQ(0u, collector.outstanding());
 }
 
+// The library gives the qualifier of a reply that was collected to the next call, which may be
+// entered before the collecting thread has come to the former one.
+TEST_F(Futures, AreNotMixedUpWhenAQualifierIsUsedAgain)
+{
+    constexpr int calls = 5000;
+    std::vector<std::future<qpx::Result<std::string>>> replies;
+    for (int i = 0; i < calls; ++i) replies.push_back(collector.call(echo, std::to_string(i)));
+    int right = 0;
+    for (int i = 0; i < calls; ++i) {
+        auto& reply = replies[size_t(i)];
+        ASSERT_EQ(std::future_status::ready, reply.wait_for(support::generousLimit)) << i;
+        right += reply.get().value() == std::to_string(i);
+    }
+    EXPECT_EQ(calls, right);
+}
+
 TEST_F(Futures, AreReadyInTheOrderOfTheReplies)
 {
     gateway.hold();

@@ -848,7 +848,9 @@ class AsyncConnection:
         self._connection: Optional[Connection] = None
         self._executor = ThreadPoolExecutor(1, "qpx-send")
         self._lock = threading.Condition()  # guards the following; held while a call is sent
-        self._waiters: Dict[int, _Waiter] = {}
+        # By qualifier, oldest first: the library gives that of a collected reply to the next call,
+        # which may be entered before the collecting thread has come to the former one.
+        self._waiters: Dict[int, List[_Waiter]] = {}
         self._ending = False
 
     async def __aenter__(self) -> AsyncConnection:
@@ -887,7 +889,7 @@ class AsyncConnection:
     @property
     def outstanding(self) -> int:
         """How many replies are still to come."""
-        return len(self._waiters)
+        return sum(len(each) for each in list(self._waiters.values()))
 
     def _in_thread(self, function: Callable[..., Any], *arguments: Any) -> Any:
         return self._loop.run_in_executor(self._executor, function, *arguments)
@@ -904,7 +906,7 @@ class AsyncConnection:
               waiter: _Waiter) -> None:
         with self._lock:
             execute(connection, request)
-            self._waiters[request.parms.eci_message_qualifier] = waiter
+            self._waiters.setdefault(request.parms.eci_message_qualifier, []).append(waiter)
             self._lock.notify_all()
 
     def _collect_all(self) -> None:
@@ -920,10 +922,14 @@ class AsyncConnection:
             with self._lock:
                 qualifier = collected.parms.eci_message_qualifier
                 if qualifier != 0:
-                    known = self._waiters.pop(qualifier, None)
-                    answered = [] if known is None else [known]
+                    known = self._waiters.get(qualifier, [])
+                    answered = known[:1]
+                    del known[:1]
+                    if not known:
+                        self._waiters.pop(qualifier, None)
                 else:  # there is no reply, and none will come
-                    answered, self._waiters = list(self._waiters.values()), {}
+                    answered = [each for known in self._waiters.values() for each in known]
+                    self._waiters = {}
                 self._lock.notify_all()
             self._deliver(answered, collected)
 

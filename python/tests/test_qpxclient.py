@@ -317,23 +317,22 @@ class Asyncio(WithGateway):
 
     def test_calls_run_side_by_side(self) -> None:
         async def work(connection: qpxclient.AsyncConnection) -> None:
-            asked = [str(number).encode() for number in range(100)]
+            asked = [str(number).encode() for number in range(2000)]
             replies = await asyncio.gather(*(connection.call("ECHO", each) for each in asked))
             self.assertEqual(replies, asked)
         self.run_with(work)
 
     def test_a_reply_that_comes_first_is_there_first(self) -> None:
-        with Gateway("--misbehave", "reverse=3@program:ECHO") as gateway:
-            order = []
-
-            async def call(connection: qpxclient.AsyncConnection, data: bytes) -> None:
-                order.append(await connection.call("ECHO", data))
-
+        with Gateway("--misbehave", "hold@message:1,once") as gateway:
             async def whole() -> None:
                 async with qpxclient.connect_async("127.0.0.1", gateway.port) as connection:
-                    await asyncio.gather(*(call(connection, each) for each in (b"1", b"2", b"3")))
-            asyncio.run(whole())
-        self.assertEqual(order, [b"3", b"2", b"1"])
+                    first = asyncio.ensure_future(connection.call("ECHO", b"first"))
+                    await asyncio.to_thread(gateway.await_line, r"request 1 ECI")
+                    self.assertEqual(await connection.call("ECHO", b"second"), b"second")
+                    self.assertFalse(first.done())
+                    gateway.release()
+                    self.assertEqual(await first, b"first")
+            asyncio.run(asyncio.wait_for(whole(), GENEROUS))
 
     def test_channels_and_failures_come_back(self) -> None:
         async def work(connection: qpxclient.AsyncConnection) -> None:

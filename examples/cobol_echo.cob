@@ -1,0 +1,58 @@
+      * cobol_echo.cob - a call from COBOL, in 64 bits: the program
+      * ECHO answers what it was sent.
+      *
+      *     cobol_echo [HOST [PORT]]
+       IDENTIFICATION DIVISION.
+       PROGRAM-ID. COBOL-ECHO.
+       DATA DIVISION.
+       WORKING-STORAGE SECTION.
+       COPY "qpxclient.cpy".
+       01  HOST     PIC X(64) VALUE "127.0.0.1".
+       01  HOST-Z   PIC X(65).
+       01  PORT     PIC S9(9) COMP-5 VALUE 5770.
+       01  PORT-TEXT PIC X(5).
+       01  TIME-OUT PIC S9(9) COMP-5 VALUE 30.
+       01  GATEWAY  USAGE POINTER VALUE NULL.
+       01  AREA-OF-CALL PIC X(15) VALUE "Hello, Gateway!".
+       01  RC       PIC S9(9) COMP-5.
+       01  RC-TEXT  PIC -(9)9.
+       01  RC-NAME  PIC X(40).
+       01  WHAT     PIC X(16).
+       PROCEDURE DIVISION.
+       MAIN-LINE.
+           ACCEPT HOST-Z FROM ARGUMENT-VALUE
+           IF HOST-Z NOT = SPACES MOVE HOST-Z TO HOST.
+           ACCEPT PORT-TEXT FROM ARGUMENT-VALUE
+           IF PORT-TEXT NOT = SPACES
+               COMPUTE PORT = FUNCTION NUMVAL(PORT-TEXT).
+           STRING HOST DELIMITED BY SPACE X"00" DELIMITED BY SIZE
+               INTO HOST-Z.
+           MOVE "open" TO WHAT
+           CALL STATIC "QPX_openRemoteGatewayConnection" USING
+               BY REFERENCE HOST-Z BY VALUE PORT
+               BY REFERENCE GATEWAY BY VALUE TIME-OUT
+               RETURNING RC
+           IF RC NOT = QPX-OK PERFORM COMPLAIN.
+           MOVE "call" TO WHAT
+           MOVE LOW-VALUES TO QPX-ECI-PARMS
+           MOVE ECI-VERSION-6 TO ECI-VERSION
+           MOVE ECI-SYNC TO ECI-CALL-TYPE
+           MOVE "ECHO" TO ECI-PROGRAM-NAME
+           SET ECI-COMMAREA TO ADDRESS OF AREA-OF-CALL
+           MOVE LENGTH OF AREA-OF-CALL TO ECI-COMMAREA-LENGTH
+           CALL STATIC "QPX_ECI_Execute" USING
+               BY VALUE GATEWAY BY REFERENCE QPX-ECI-PARMS RETURNING RC
+           IF RC NOT = ECI-NO-ERROR PERFORM COMPLAIN.
+           DISPLAY AREA-OF-CALL
+           CALL STATIC "QPX_closeGatewayConnection" USING
+               BY REFERENCE GATEWAY RETURNING RC
+           STOP RUN.
+       COMPLAIN.
+           CALL STATIC "QPX_getRcString" USING BY VALUE RC
+               BY REFERENCE RC-NAME RETURNING NOTHING
+           INSPECT RC-NAME REPLACING ALL X"00" BY SPACE
+           MOVE RC TO RC-TEXT
+           DISPLAY FUNCTION TRIM(WHAT) ": " FUNCTION TRIM(RC-NAME)
+               " (" FUNCTION TRIM(RC-TEXT) ")" UPON STDERR
+           MOVE 1 TO RETURN-CODE
+           STOP RUN.

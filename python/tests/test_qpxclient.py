@@ -401,27 +401,30 @@ class Asyncio(WithGateway):
 class Example(WithGateway):
     database = True
 
-    def run_example(self, *arguments: str) -> "subprocess.CompletedProcess[str]":
+    def run_example(self, name: str, port: int) -> "subprocess.CompletedProcess[str]":
         return subprocess.run(
-            [sys.executable, str(SOURCE / "examples" / "python_calls.py"), *arguments], text=True,
+            [sys.executable, str(SOURCE / "examples" / name), "127.0.0.1", str(port)], text=True,
             capture_output=True, check=False, timeout=GENEROUS)
 
     def test_the_example_calls_posts_and_collects(self) -> None:
-        run = self.run_example("127.0.0.1", str(self.gateway.port))
+        run = self.run_example("python_calls.py", self.gateway.port)
         self.assertEqual(run.stderr, "")
         self.assertEqual(run.stdout, "Hello, Gateway!\nposted\none\ntwo\nthree\n")
         self.gateway.await_line("unit of work 1 is committed")
 
-    def test_the_example_names_the_error_without_a_gateway(self) -> None:
+    def test_the_channel_of_the_example_is_priced(self) -> None:
+        run = self.run_example("python_channel.py", self.gateway.port)
+        self.assertEqual(run.stderr, "")
+        self.assertEqual(run.returncode, 0)
+        self.assertIn("Invoice for order 4711\n", run.stdout)
+
+    def test_the_examples_name_the_error_without_a_gateway(self) -> None:
         with Gateway() as gateway:
             port = gateway.port
-        run = self.run_example("127.0.0.1", str(port))
-        self.assertEqual(run.returncode, 1)
-        self.assertIn("QPX_ERR_CONNECTFAILED", run.stderr)
-
-    def test_the_example_is_short(self) -> None:
-        lines = (SOURCE / "examples" / "python_calls.py").read_text().splitlines()
-        self.assertLessEqual(len(lines), 60)
+        for name in "python_calls.py", "python_channel.py":
+            run = self.run_example(name, port)
+            self.assertEqual(run.returncode, 1)
+            self.assertIn("QPX_ERR_CONNECTFAILED", run.stderr)
 
 
 if __name__ == "__main__":

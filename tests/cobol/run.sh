@@ -54,8 +54,35 @@ EchoNamesTheErrorOfACallThatFails() {
     expect_line err "call: QPX_ERR_WORK_WAS_REFUSED (61445)"
 }
 
-EchoIsShort() {
-    (($(wc -l <"$ROOT/examples/cobol_echo.cob") <= 60)) || fail "it has more than 60 lines"
+TransferPostsBothSides() {
+    gateway
+    compile cobol_transfer "$ROOT/examples/cobol_transfer.cob"
+    run cobol_transfer "$GATEWAY_PORT"
+    expect_code 0
+    expect_line out "posted"
+    expect_text gateway.log 'D account="ACC00001" amount=2.50 result=00'
+    expect_text gateway.log 'C account="ACC00002" amount=2.50 result=00'
+    expect_text gateway.log 'unit of work 1 is committed'
+}
+
+TransferBacksOutWhatIsRefused() {
+    printf '%s\n' '[[on]]' 'program = "LEDGER"' 'commarea = { text = "C" }' \
+        'answer.put = { at = 1, text = "02" }' >"$FOLDER/script.toml"
+    gateway --script "$FOLDER/script.toml"
+    compile cobol_transfer "$ROOT/examples/cobol_transfer.cob"
+    run cobol_transfer "$GATEWAY_PORT"
+    expect_code 0
+    expect_line out "refused"
+    expect_text gateway.log 'unit of work 1 is backed out'
+}
+
+TransferNamesTheErrorOfACallThatFails() {
+    gateway --misbehave flow-error=61445@nth:2
+    compile cobol_transfer "$ROOT/examples/cobol_transfer.cob"
+    run cobol_transfer "$GATEWAY_PORT"
+    expect_code 1
+    expect_line err "QPX_ERR_WORK_WAS_REFUSED"
+    expect_text gateway.log 'unit of work 1 is backed out'
 }
 
 EveryItemOfTheCopybookHasTheLengthOfItsField() {

@@ -1,6 +1,6 @@
 /*
- * code_pages.c - text in the server's code page: EBCDIC goes out and comes back, and iconv converts.
- * The library never does; a container only says what its characters are.
+ * code_pages.c - text in the server's code page: EBCDIC goes out and comes back. iconv converts,
+ * and the library never does; a container only says what its characters are.
  *
  *     code_pages [HOST [PORT]]
  */
@@ -24,7 +24,7 @@ static int convert(const char* to, const char* from, char* text, size_t size, ch
     return failed == 0 ? QPX_OK : complain("convert", ECI_ERR_SYSTEM_ERROR);
 }
 
-/* The server program ORDERS prices the order in whatever code page it comes, and answers in that. */
+/* The server program ORDERS prices orders in any code page, and answers each in its own. */
 static int price(QPX_ConnToken_t gateway, ECI_ChannelToken_t order, char invoice[ROOM])
 {
     char header[] = "order=4711\naccount=ACC00001\ndate=2026-03-02\ncurrency=EUR\n", text[ROOM];

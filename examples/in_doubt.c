@@ -1,6 +1,6 @@
 /*
- * in_doubt.c - a commit whose answer is lost may have been done or not. The program asks, over a new
- * connection, before it tells anybody anything and before it posts again.
+ * in_doubt.c - a commit whose answer is lost may have been done or not. The program asks, over a
+ * new connection, before it tells anybody anything and before it posts again.
  *
  *     in_doubt [HOST [PORT]]
  */

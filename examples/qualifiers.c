@@ -1,6 +1,6 @@
 /*
- * qualifiers.c - each reply by its qualifier: asynchronous calls are collected in the order in which
- * the program wants them, whatever the order in which the replies come.
+ * qualifiers.c - each reply by its qualifier: asynchronous calls are collected in the order that
+ * the program wants, whatever the order in which the replies come.
  *
  *     qualifiers [HOST [PORT]]
  */

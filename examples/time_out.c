@@ -1,6 +1,6 @@
 /*
- * time_out.c - how long the program may take. The limit travels with the call, and it is the Gateway
- * that gives up: the code tells whether the program had begun by then.
+ * time_out.c - how long the program may take. The limit travels with the call, and the Gateway is
+ * who gives up: the code tells whether the program had begun by then.
  *
  *     time_out [HOST [PORT [SECONDS]]]
  */

@@ -208,12 +208,12 @@ WorkersGetTheirOwnReplies() {
 }
 
 WorkersStopWhenACallFails() {
-    gateway --misbehave flow-error=61445@nth:50
+    gateway --misbehave flow-error=61445@skip:49
     run workers "$HOST" "$GATEWAY_PORT"
     expect_code 1
-    expect_lines err 1
+    expect_line out "49 of 100 calls, each with its own reply"
     expect_text err "QPX_ERR_WORK_WAS_REFUSED (61445)"
-    expect_no_text out "100 of 100"
+    (($(wc -l <"$FOLDER/err") <= 4)) || fail "a thread has gone on behind its failure"
 }
 
 ConnectionPoolHasNoMoreThanItsConnections() {
@@ -225,11 +225,11 @@ ConnectionPoolHasNoMoreThanItsConnections() {
 }
 
 ConnectionPoolGoesOnBehindALostConnection() {
-    gateway --misbehave drop@nth:1
+    gateway --misbehave drop@times:2
     run connection_pool "$HOST" "$GATEWAY_PORT"
     expect_code 1
-    expect_line out "5 of 6 calls"
-    expect_lines err 1
+    expect_line out "4 of 6 calls"
+    expect_lines err 2
     expect_line err "QPX_ECI_Execute: QPX_ERR_LOSTGWCON (-102)"
 }
 
@@ -368,7 +368,8 @@ SignalsEndInOrder() {
     "$PROGRAMS/signals" "$HOST" "$GATEWAY_PORT" >"$FOLDER/lines" 2>"$FOLDER/err" &
     pid=$!
     exec {lines}<"$FOLDER/lines"
-    read -r -u "$lines" line && [[ $line == "Hello, Gateway!" ]] || fail "no call"
+    read -r -u "$lines" line || fail "no call"
+    [[ $line == "Hello, Gateway!" ]] || fail "another answer: $line"
     kill -TERM "$pid"
     wait "$pid" || code=$?
     exec {lines}<&-

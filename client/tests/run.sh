@@ -1,0 +1,512 @@
+#!/usr/bin/env bash
+# Runs one case of the tests of qpx: run.sh CASE PROGRAMS DAEMON, with the folder of the program and
+# the path of the gateway's. CMakeLists.txt names the cases; each is a function below.
+set -euo pipefail
+
+HERE=$(cd "$(dirname "$0")" && pwd)
+readonly HERE
+# shellcheck source=tests/support/program_cases.sh
+source "$HERE/../../tests/support/program_cases.sh"
+
+readonly QPX=$PROGRAMS/qpx
+export LC_ALL=C.UTF-8
+# Nothing of the environment in which the tests run, and a home of the case's own.
+for variable in QPX_HOST QPX_PORT QPX_TIMEOUT QPX_SERVER QPX_USER QPX_APPLID QPX_APPLIDQUALIFIER \
+    XDG_CONFIG_HOME NO_COLOR QPX_CLIENT_TRACE_LEVEL QPX_CLIENT_TRACE_FILE; do
+    unset "$variable"
+done
+export HOME=$FOLDER
+
+# ---- Verbs ---------------------------------------------------------------------------------------
+
+# Runs a program, keeps what it writes and its exit code.
+run() {
+    CODE=0
+    (cd "$FOLDER" && "$@" >"$FOLDER/out" 2>"$FOLDER/err" </dev/null) || CODE=$?
+}
+
+# qpx against the gateway of the case.
+qpx() {
+    run "$QPX" --port "$GATEWAY_PORT" "$@"
+}
+
+# The first argument are the passwords, one to a line.
+qpx_with_passwords() {
+    printf '%s\n' "$1" >"$FOLDER/passwords"
+    shift
+    CODE=0
+    (cd "$FOLDER" && "$QPX" --port "$GATEWAY_PORT" "$@" --password-fd 7 >"$FOLDER/out" \
+        2>"$FOLDER/err" </dev/null 7<"$FOLDER/passwords") || CODE=$?
+}
+
+# That a file is exactly what stands on standard input, but for the port and for times.
+expect_exactly() {
+    local file=$1
+    cat >"$FOLDER/expected"
+    sed -E -e "s/:${GATEWAY_PORT:-none}\b/:PORT/" -e 's/("[a-z]*seconds"):[0-9.]+/\1:TIME/g' \
+        "$FOLDER/$file" >"$FOLDER/$file.seen"
+    expect_same "$FOLDER/expected" "$FOLDER/$file.seen"
+}
+
+# That a run has ended with this code, has this first line to complain with, and shows nothing.
+expect_complaint() {
+    local code=$1 line=$2
+    expect_code "$code"
+    head -n 1 "$FOLDER/err" >"$FOLDER/complaint"
+    expect_exactly complaint <<<"$line"
+    expect_nothing out
+}
+
+# That qpx takes these arguments for wrong, with this line.
+expect_usage() {
+    local line=$1
+    shift
+    run "$QPX" "$@"
+    expect_complaint 2 "qpx: $line"
+}
+
+configuration() {
+    mkdir -p "$FOLDER/.config"
+    cat >"$FOLDER/.config/qpx.toml"
+}
+
+# ---- The frame -----------------------------------------------------------------------------------
+
+HelpShowsEveryCommandTheExitCodesAndExamples() {
+    run "$QPX" --help
+    expect_code 0
+    expect_nothing err
+    local text
+    for text in call systems codes "Exit codes:" "Examples:" --json; do
+        expect_text out "$text"
+    done
+}
+
+HelpOfEveryCommandHasExamples() {
+    local command
+    for command in call systems codes; do
+        # shellcheck disable=SC2086 # a command of two words
+        run "$QPX" $command --help
+        expect_code 0
+        expect_nothing err
+        expect_line out "Examples:"
+        expect_text out "  qpx ${command%% *}"
+    done
+}
+
+VersionNamesTheLibraryAndItsWordSize() {
+    run "$QPX" --version
+    expect_code 0
+    grep -qxE 'qpx 10\.1\.0, library 10\.1\.0\.0, (32|64) bits' "$FOLDER/out" || fail "says otherwise"
+}
+
+WrongArgumentsAreRefused() {
+    expect_usage 'A subcommand is required; "qpx --help" shows what there is'
+    expect_usage '--port: a port is a number from 1 to 65535, not x' --port x systems
+    expect_usage '--port: a port is a number from 1 to 65535, not 0' --port 0 systems
+    expect_usage '--timeout: a time-out is a number from 0 to 3600, not 3601' --timeout 3601 systems
+    expect_usage '--applid: longer than 8 characters: NINECHARS' --applid NINECHARS systems
+    expect_usage '--server: longer than 8 characters: NINECHARS' --server NINECHARS systems
+    expect_usage '--color: neither auto, always nor never: blue' --color blue systems
+}
+
+TheEnvironmentTellsWhereTheGatewayIs() {
+    gateway
+    run env QPX_HOST=127.0.0.1 QPX_PORT="$GATEWAY_PORT" "$QPX" call ECHO --text hello
+    expect_code 0
+    expect_exactly out <<<hello
+}
+
+TheConfigurationFileTellsWhereTheGatewayIs() {
+    gateway
+    configuration <<<"port = $GATEWAY_PORT"
+    run "$QPX" call ECHO --text hello
+    expect_code 0
+    expect_exactly out <<<hello
+}
+
+OptionsComeBeforeTheEnvironmentAndThatBeforeTheFile() {
+    configuration <<<'port = "file"'
+    expect_usage "$HOME/.config/qpx.toml, line 1, port: a port is a number from 1 to 65535, not file" systems
+    export QPX_PORT=environment
+    expect_usage "QPX_PORT: a port is a number from 1 to 65535, not environment" systems
+    expect_usage "--port: a port is a number from 1 to 65535, not option" --port option systems
+}
+
+AnUnknownKeyOfTheConfigurationFileIsNamed() {
+    configuration <<'TOML'
+host = "127.0.0.1"
+prot = 5770
+TOML
+    expect_usage "$HOME/.config/qpx.toml, line 2: \"prot\" is no key; there are applid, color, host, port, qualifier, server, timeout, user" systems
+}
+
+AConfigurationFileThatIsNamedMustBeThere() {
+    expect_usage "cannot read the configuration file $FOLDER/none.toml" --config "$FOLDER/none.toml" systems
+}
+
+AnApplidOfTheCommandLineComesBeforeTheEnvironment() {
+    gateway
+    run env QPX_APPLID=OTHER "$QPX" --port "$GATEWAY_PORT" --applid MINE call ECHO
+    expect_code 0
+    expect_text gateway.log 'handshake applid="MINE" qualifier=""'
+}
+
+NoGatewayIsExitCode3WithItsMeaningAndAdvice() {
+    closed_port
+    qpx call ECHO
+    expect_code 3
+    expect_nothing out
+    expect_exactly err <<'TEXT'
+qpx: open 127.0.0.1:PORT: QPX_ERR_CONNECTFAILED (-118): the Gateway could not be reached, or did not take the handshake; with limit 0 also a signal
+  does it run, is the port right, does a firewall stand between? is localhost ::1?
+TEXT
+}
+
+ALostConnectionIsExitCode3() {
+    gateway --misbehave drop
+    qpx call ECHO
+    expect_complaint 3 "qpx: ECHO: QPX_ERR_LOSTGWCON (-102): the connection broke, or the Gateway sent what cannot be read"
+}
+
+ARefusalOfTheGatewayIsExitCode4() {
+    gateway --misbehave refuse-handshake=61445
+    qpx call ECHO
+    expect_complaint 4 "qpx: open 127.0.0.1:PORT: QPX_ERR_WORK_WAS_REFUSED (61445): the Gateway accepts no new work"
+}
+
+ACodeOfTheServerIsExitCode5() {
+    script <<<'[[on]]
+answer = { code = -17 }'
+    qpx call ECHO
+    expect_complaint 5 "qpx: ECHO: ECI_ERR_NO_SESSIONS (-17): the server has no free session"
+}
+
+AnAbendIsExitCode6AndShowsItsCode() {
+    gateway
+    qpx call ABEND --text BOOM
+    expect_complaint 6 "qpx: ABEND: ECI_ERR_TRANSACTION_ABEND (-7), abend code BOOM: the server program ended abnormally"
+}
+
+ErrorsAreJsonAsWell() {
+    gateway
+    qpx call ABEND --text BOOM --json
+    expect_code 6
+    expect_exactly out <<'TEXT'
+{"error":{"step":"ABEND","code":-7,"name":"ECI_ERR_TRANSACTION_ABEND","abend":"BOOM","meaning":"the server program ended abnormally","advice":"eci_abend_code has four characters for whoever maintains it"}}
+TEXT
+}
+
+AFullDiskIsExitCode1() {
+    # shellcheck disable=SC2016 # for the inner shell
+    run bash -c 'exec "$@" >/dev/full' - "$QPX" codes
+    expect_code 1
+    expect_line err "qpx: cannot write to standard output"
+}
+
+ColoursAreForTerminalsOnly() {
+    run "$QPX" codes -118
+    expect_no_text out $'\e'
+    run "$QPX" --color always codes -118
+    expect_text out $'\e[1m-118'
+    # shellcheck disable=SC2016 # for the inner shell
+    run env TERM=xterm script --quiet --return --command "'$QPX' codes -118" /dev/null
+    expect_text out $'\e[1m-118'
+    run env TERM=xterm NO_COLOR=1 script --quiet --return --command "'$QPX' codes -118" /dev/null
+    expect_no_text out $'\e'
+}
+
+# ---- call ----------------------------------------------------------------------------------------
+
+script() {
+    cat >"$FOLDER/script.toml"
+    gateway --script "$FOLDER/script.toml"
+}
+
+CallShowsTheReplyAsText() {
+    gateway
+    qpx call ECHO --text 'Grüß Gott'
+    expect_code 0
+    expect_nothing err
+    expect_exactly out <<<'Grüß Gott'
+}
+
+CallSendsHexadecimalDigitsAndDumpsWhatIsNoText() {
+    gateway
+    qpx call ECHO --hex '00 01 02 41 42'
+    expect_code 0
+    expect_exactly out <<<'000000  00 01 02 41 42                                   |...AB|'
+}
+
+CallSendsAFileByteForByte() {
+    gateway
+    head -c 32767 /dev/urandom >"$FOLDER/data"
+    qpx call ECHO --file "$FOLDER/data" --as raw
+    expect_code 0
+    cmp "$FOLDER/data" "$FOLDER/out" || fail "not what was sent"
+}
+
+CallSendsStandardInput() {
+    gateway
+    CODE=0
+    printf %s hello | "$QPX" --port "$GATEWAY_PORT" call ECHO --file - >"$FOLDER/out" || CODE=$?
+    expect_code 0
+    expect_exactly out <<<hello
+}
+
+CallConvertsTextToTheCodePageAndBack() {
+    gateway
+    qpx call ECHO --ccsid 37 --text 'AB 12' --as hex
+    expect_code 0
+    expect_exactly out <<<c1c240f1f2
+    qpx call ECHO --ccsid 37 --text 'AB 12'
+    expect_code 0
+    expect_exactly out <<<'AB 12'
+    qpx call ECHO --ccsid 819 --text '€'
+    expect_complaint 2 "qpx: the text has characters that code page 819 does not have"
+    qpx call ECHO --ccsid 9 --text x
+    expect_complaint 2 "qpx: this system cannot convert code page 9"
+}
+
+CallMakesRoomForALongerReplyAndSendsNoMoreThanTheData() {
+    script <<<'[[on]]
+program = "PRICE"
+answer = "100106 Bag of flour"'
+    qpx call PRICE --text 100106 --length 80
+    expect_code 0
+    expect_exactly out <<<'100106 Bag of flour'
+    expect_text gateway.log 'program="PRICE" mode=0 token=0 commarea=6/80'
+}
+
+CallWithoutDataHasNoCommarea() {
+    gateway
+    qpx call ECHO
+    expect_code 0
+    expect_nothing out
+    expect_text gateway.log 'commarea=0/0'
+}
+
+CallTellsTheGatewayTransactionAndServer() {
+    gateway --journal "$FOLDER/calls"
+    qpx --server VORNB call ECHO --transaction TRN1
+    expect_code 0
+    expect_text calls '"transaction":"TRN1","server":"VORNB"'
+}
+
+CallWritesJson() {
+    gateway
+    qpx call ECHO --text hello --json
+    expect_code 0
+    expect_exactly out <<'TEXT'
+{"program":"ECHO","code":0,"name":"QPX_OK","microseconds":TIME,"commarea":{"length":5,"text":"hello","hex":"68656c6c6f"}}
+TEXT
+    qpx call ECHO --hex ff --json
+    expect_code 0
+    expect_exactly out <<'TEXT'
+{"program":"ECHO","code":0,"name":"QPX_OK","microseconds":TIME,"commarea":{"length":1,"hex":"ff"}}
+TEXT
+}
+
+CallTakesThePasswordFromADescriptor() {
+    # shellcheck disable=SC2016 # for the gateway
+    script <<<'[[user]]
+id = "FRED"
+password = "Blue7sky"
+[[on]]
+program = "HELLO"
+answer = "Good morning, ${user}"'
+    qpx_with_passwords Blue7sky --user FRED call HELLO --length 40
+    expect_code 0
+    expect_exactly out <<<'Good morning, FRED'
+    qpx_with_passwords wrong --user FRED call HELLO --length 40
+    expect_complaint 7 "qpx: HELLO: ECI_ERR_SECURITY_ERROR (-27): user id or password was refused"
+}
+
+CallRefusesWrongArguments() {
+    expect_usage 'a program or --unit is missing' call
+    expect_usage 'a program has at most 8 characters: NINECHARS' call NINECHARS
+    expect_usage '--hex: "x" is no hexadecimal digit' call ECHO --hex 0x
+    expect_usage '--hex: a hexadecimal digit is missing' call ECHO --hex 000
+    expect_usage 'the length is a number from 5 to 32767, not 4' call ECHO --text hello --length 4
+    expect_usage '--as takes auto, text, hex, dump or raw, not x' call ECHO --as x
+    expect_usage '--extend takes commit or backout, not x' call ECHO --extend x
+    expect_usage '--transaction: longer than 4 characters: TOOLONG' call ECHO --transaction TOOLONG
+    expect_usage '--password-fd is given without a user' call ECHO --password-fd 0
+    expect_usage '--unit takes its programs and their data from the file' call ECHO --unit x
+    expect_usage '--text excludes --hex; "qpx --help" shows what there is' call ECHO --text x --hex 00
+    head -c 32768 /dev/zero >"$FOLDER/data"
+    expect_usage 'a COMMAREA has at most 32767 bytes, not 32768' call ECHO --file "$FOLDER/data"
+}
+
+# ---- call --unit ---------------------------------------------------------------------------------
+
+# A transfer of 100.00 from one account to the other, and a question for the balance of the first.
+transfer() {
+    printf '# a transfer\n'
+    printf 'LEDGER text %-80s\n' 'D  ACC00001000000010000' 'C  ACC00002000000010000'
+}
+
+balance() {
+    qpx call LEDGER --text "$(printf '%-80s' 'Q  ACC00001')"
+    expect_code 0
+    cut -c 24-36 "$FOLDER/out"
+}
+
+UnitIsCommittedWhenAllItsCallsHaveSucceeded() {
+    gateway
+    local before after
+    before=$(balance)
+    transfer >"$FOLDER/unit"
+    qpx call --unit "$FOLDER/unit"
+    expect_code 0
+    expect_exactly err <<<'qpx: committed'
+    after=$(balance)
+    ((10#${before#?} - 10#${after#?} == 10000)) || fail "$before became $after"
+}
+
+UnitIsBackedOutWhenThatIsWanted() {
+    gateway
+    local before after
+    before=$(balance)
+    transfer >"$FOLDER/unit"
+    qpx call --unit "$FOLDER/unit" --extend backout
+    expect_code 0
+    expect_exactly err <<<'qpx: backed out'
+    after=$(balance)
+    [[ $before == "$after" ]] || fail "$before became $after"
+}
+
+UnitStopsAtTheCallThatFailsAndChangesNothing() {
+    gateway
+    local before after
+    before=$(balance)
+    { transfer && printf 'ABEND text FULL\nECHO text never\n'; } >"$FOLDER/unit"
+    qpx call --unit "$FOLDER/unit"
+    expect_code 6
+    expect_text err "qpx: $FOLDER/unit, line 4: ABEND: ECI_ERR_TRANSACTION_ABEND (-7), abend code FULL"
+    expect_no_text gateway.log never
+    after=$(balance)
+    [[ $before == "$after" ]] || fail "$before became $after"
+}
+
+UnitWhoseCommitGetsNoAnswerIsInDoubt() {
+    gateway --misbehave drop@nth:2
+    printf 'ECHO text x\n' >"$FOLDER/unit"
+    qpx call --unit "$FOLDER/unit"
+    expect_code 3
+    expect_text err "qpx: commit: QPX_ERR_LOSTGWCON (-102)"
+    expect_line err "qpx: the unit of work is in doubt: ask the server what it has before you send it again"
+}
+
+UnitWritesJson() {
+    gateway
+    printf 'ECHO text one\nECHO length 5 hex 00ff\n' >"$FOLDER/unit"
+    qpx call --unit "$FOLDER/unit" --json
+    expect_code 0
+    expect_exactly out <<'TEXT'
+{"unit":"committed","calls":[{"program":"ECHO","code":0,"name":"QPX_OK","microseconds":TIME,"commarea":{"length":3,"text":"one","hex":"6f6e65"}},{"program":"ECHO","code":0,"name":"QPX_OK","microseconds":TIME,"commarea":{"length":5,"hex":"00ff000000"}}]}
+TEXT
+}
+
+UnitNamesTheLineThatIsWrong() {
+    printf '\nECHO text one\nECHO texts two\n' >"$FOLDER/unit"
+    expect_usage "$FOLDER/unit, line 3: neither length, text, hex nor file: texts" call --unit "$FOLDER/unit"
+    printf '# nothing\n' >"$FOLDER/unit"
+    expect_usage "$FOLDER/unit has no calls" call --unit "$FOLDER/unit"
+}
+
+# ---- systems -------------------------------------------------------------------------------------
+
+SystemsListsThemAll() {
+    gateway_with_registry
+    qpx systems
+    expect_code 0
+    expect_nothing err
+    expect_exactly out <<'TEXT'
+VORNA     Accounts, head office
+VORNB     Accounts, branch offices
+VORNOLD   Accounts before the merger, read only
+VORNTEST  Tests, at office hours
+TEXT
+}
+
+SystemsWritesJson() {
+    gateway --system 'ONE=The first' --system 'TWO='
+    qpx systems --json
+    expect_code 0
+    expect_exactly out <<'TEXT'
+{"systems":[{"name":"ONE","description":"The first"},{"name":"TWO","description":""}]}
+TEXT
+}
+
+SystemsMakesRoomUntilAllFit() {
+    local number systems=()
+    for ((number = 1; number <= 300; ++number)); do systems+=(--system "S$number=x"); done
+    gateway "${systems[@]}"
+    qpx systems
+    expect_code 0
+    [[ $(wc -l <"$FOLDER/out") == 300 ]] || fail "not all of them"
+    expect_line out "S300      x"
+}
+
+SystemsSaysWhenThereIsNone() {
+    gateway
+    qpx systems
+    expect_code 0
+    expect_nothing out
+    expect_line err "qpx: the Gateway knows no server"
+}
+
+SystemsNamesTheErrorOfAFailedCall() {
+    gateway --misbehave flow-error=61446
+    qpx systems
+    expect_complaint 4 "qpx: systems: QPX_ERR_GATEWAY_EXCEPTION (61446): the Gateway failed over this request"
+}
+
+# ---- codes ---------------------------------------------------------------------------------------
+
+CodesTellsMeaningAndAdviceOfANumber() {
+    run "$QPX" codes -118
+    expect_code 0
+    expect_nothing err
+    expect_exactly out <<'TEXT'
+-118  QPX_ERR_CONNECTFAILED
+  when   While a connection opens
+  means  the Gateway could not be reached, or did not take the handshake; with limit 0 also a signal
+  do     does it run, is the port right, does a firewall stand between? is localhost ::1?
+TEXT
+}
+
+CodesFindsHexadecimalNumbersAndPartsOfNames() {
+    run "$QPX" codes 0xF004
+    expect_code 0
+    expect_line out "61444  QPX_ERR_GATEWAY_CLOSED"
+    run "$QPX" codes connectfail
+    expect_code 0
+    expect_line out "-118  QPX_ERR_CONNECTFAILED"
+}
+
+CodesSaysWhenThereIsNone() {
+    run "$QPX" codes 4711
+    expect_complaint 1 "qpx: no return code is 4711; servers may send codes of their own"
+}
+
+# The page, read here once more and in another way, against what the program says.
+CodesAgreesWithThePage() {
+    sed -En 's/^\| (-?[0-9][-0-9, ]*) \|.*/\1/p' "$HERE/../../docs/return-codes.md" |
+        tr -d ' ' | tr , '\n' >"$FOLDER/values"
+    run "$QPX" codes --json
+    expect_code 0
+    grep -oE '"value":-?[0-9]+' "$FOLDER/out" | cut -d : -f 2 >"$FOLDER/values.seen"
+    expect_same "$FOLDER/values" "$FOLDER/values.seen"
+
+    sed -E 's/\]\([^)]*\)//g; s/[`[]//g' "$HERE/../../docs/return-codes.md" |
+        awk -F ' [|] ?' '/^[|] -?[0-9]/ { n = split($1, v, ","); for (; n > 0; --n) print $3 "|" $4 }' \
+            >"$FOLDER/texts"
+    "$QPX" codes --json | sed 's/},{/\n/g' |
+        sed -E 's/.*"meaning":"(.*)","advice":"(.*)"[]}]*$/\1|\2/; s/\\"/"/g' >"$FOLDER/texts.seen"
+    expect_same "$FOLDER/texts" "$FOLDER/texts.seen"
+    [[ $(wc -l <"$FOLDER/texts") -gt 80 ]] || fail "the page has no codes"
+}
+
+run_case

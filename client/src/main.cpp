@@ -91,6 +91,7 @@ int run(int argc, char** argv)
     declareSettings(app, given);
     declareCall(app, chosen);
     declareSystems(app, chosen);
+    declarePassword(app, chosen);
     declareCodes(app, chosen);
     try {
         app.parse(argc, argv);

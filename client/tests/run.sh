@@ -77,14 +77,14 @@ HelpShowsEveryCommandTheExitCodesAndExamples() {
     expect_code 0
     expect_nothing err
     local text
-    for text in call systems codes "Exit codes:" "Examples:" --json; do
+    for text in call systems password codes "Exit codes:" "Examples:" --json; do
         expect_text out "$text"
     done
 }
 
 HelpOfEveryCommandHasExamples() {
     local command
-    for command in call systems codes; do
+    for command in call systems "password verify" "password change" codes; do
         # shellcheck disable=SC2086 # a command of two words
         run "$QPX" $command --help
         expect_code 0
@@ -461,6 +461,145 @@ SystemsNamesTheErrorOfAFailedCall() {
     gateway --misbehave flow-error=61446
     qpx systems
     expect_complaint 4 "qpx: systems: QPX_ERR_GATEWAY_EXCEPTION (61446): the Gateway failed over this request"
+}
+
+# ---- password ------------------------------------------------------------------------------------
+
+PasswordVerifiesAndTellsOfTheUser() {
+    gateway_with_registry
+    qpx_with_passwords Paper4boat password verify ANNA
+    expect_code 0
+    expect_nothing err
+    expect_line out "The password of ANNA is right."
+    expect_line out "Last verified:   2026-01-30 17:02:11"
+    expect_line out "Last access:     2026-01-30 17:02:12"
+    expect_line out "Wrong attempts:  1"
+}
+
+PasswordWritesJson() {
+    gateway_with_registry
+    qpx_with_passwords Paper4boat password verify ANNA --json
+    expect_code 0
+    sed -i -E 's/("expires":")[0-9: -]+"/\1WHEN"/' "$FOLDER/out"
+    expect_exactly out <<'TEXT'
+{"user":"ANNA","changed":false,"verified":"2026-01-30 17:02:11","accessed":"2026-01-30 17:02:12","expires":"WHEN","invalid":1}
+TEXT
+}
+
+PasswordChangesIt() {
+    gateway_with_registry
+    qpx_with_passwords $'Blue7sky\nGreen8hill' password change FRED
+    expect_code 0
+    expect_line out "The password of FRED is changed."
+    qpx_with_passwords Green8hill password verify FRED
+    expect_code 0
+    qpx_with_passwords Blue7sky password verify FRED
+    expect_code 7
+}
+
+PasswordAsksTheServerThatIsNamed() {
+    gateway_with_registry
+    qpx_with_passwords Blue7sky --server VORNTEST password verify FRED
+    expect_complaint 5 "qpx: verify: ESI_ERR_NO_VORN (-310): the server is not available"
+}
+
+PasswordThatIsWrongIsExitCode7() {
+    gateway_with_registry
+    qpx_with_passwords nonsense password verify FRED
+    expect_complaint 7 "qpx: verify: ESI_ERR_PASSWORD_INVALID (-302): the password is wrong"
+    qpx_with_passwords $'Blue7sky\nshort' password change FRED
+    expect_complaint 7 "qpx: change: ESI_ERR_PASSWORD_REJECTED (-315): the new password breaks the server's rules"
+}
+
+PasswordTellsOfPasswordsThatAreMissing() {
+    GATEWAY_PORT=1
+    : >"$FOLDER/passwords"
+    run bash -c '"$1" password verify FRED --password-fd 0 <"$2"' - "$QPX" "$FOLDER/passwords"
+    expect_complaint 1 "qpx: the password is missing"
+    qpx_with_passwords Blue7sky password change FRED
+    expect_complaint 1 "qpx: the new password is missing"
+    qpx_with_passwords "$(printf '%0513d' 1)" password verify FRED
+    expect_complaint 1 "qpx: the password is longer than 512 characters"
+    run setsid --wait "$QPX" password verify FRED
+    expect_complaint 2 "qpx: there is no terminal to ask for the password at; give it with --password-fd"
+}
+
+PasswordIsNeverShown() {
+    gateway_with_registry
+    export QPX_CLIENT_TRACE_LEVEL=5 QPX_CLIENT_TRACE_FILE=$FOLDER/trace
+    qpx_with_passwords $'Blue7sky\nGreen8hill' password change FRED --json
+    expect_code 0
+    [[ -s $FOLDER/trace ]] || fail "no trace"
+    local file word
+    for file in out err trace gateway.log; do
+        for word in Blue7sky Green8hill; do expect_no_text "$file" "$word"; done
+    done
+}
+
+# Runs qpx at a terminal and types each line when it is asked for something.
+type_at_a_terminal() {
+    local lines=$1 command question line
+    shift
+    local keyboard screen
+
+    printf -v command '%q ' "$@"
+    mkfifo "$FOLDER/keyboard" "$FOLDER/screen"
+    exec {keyboard}<>"$FOLDER/keyboard" {screen}<>"$FOLDER/screen"
+    # A shell starts what is to run beside it with Ctrl-C ignored.
+    env --default-signal=INT script --quiet --return --command "exec $command >$FOLDER/out" \
+        /dev/null <"$FOLDER/keyboard" >"$FOLDER/screen" 2>&1 &
+    : >"$FOLDER/questions"
+    while IFS= read -r line; do
+        IFS= read -r -d : -u "$screen" question
+        printf '%s\n' "${question##*$'\n'}" >>"$FOLDER/questions"
+        # shellcheck disable=SC2059 # what is typed is a format
+        printf "$line" >&"$keyboard"
+    done <<<"$lines"
+    CODE=0
+    wait $! || CODE=$?
+    # What is left on the screen, up to a mark of the case's own.
+    printf '\001' >&"$screen"
+    IFS= read -r -d $'\001' -u "$screen" REST || true
+    printf '%s' "$REST" >"$FOLDER/rest"
+    exec {keyboard}>&- {screen}>&-
+}
+
+PasswordIsAskedForAtTheTerminalAndDoesNotShow() {
+    gateway_with_registry
+    type_at_a_terminal 'Blue7sky\n' "$QPX" --port "$GATEWAY_PORT" password verify FRED
+    expect_code 0
+    expect_exactly questions <<<'The password'
+    expect_line out "The password of FRED is right."
+    expect_no_text rest Blue7sky
+}
+
+PasswordThatIsNewIsAskedForTwice() {
+    gateway_with_registry
+    type_at_a_terminal $'Blue7sky\\n\nGreen8hill\\n\nGreen9hill\\n' \
+        "$QPX" --port "$GATEWAY_PORT" password change FRED
+    expect_code 1
+    expect_exactly questions <<'TEXT'
+The current password
+The new password
+The new password again
+TEXT
+    expect_text rest "the new passwords differ"
+    expect_no_text gateway.log "request"
+}
+
+PasswordIsInterruptedAndLeavesATerminalThatShowsWhatIsTyped() {
+    gateway_with_registry
+    # shellcheck disable=SC2016 # for the inner shell
+    type_at_a_terminal '\003' bash -c 'trap : INT; "${@:2}"; stty -a >"$1"' - "$FOLDER/stty" \
+        "$QPX" --port "$GATEWAY_PORT" password verify FRED
+    expect_text stty " echo "
+    expect_no_text gateway.log "request"
+}
+
+PasswordRefusesWrongArguments() {
+    expect_usage 'user is required; "qpx --help" shows what there is' password verify
+    expect_usage 'longer than 10 characters: ELEVENCHARS' password verify ELEVENCHARS --password-fd 0
+    expect_usage 'a descriptor is a number from 0 to 1048575, not x' password verify FRED --password-fd x
 }
 
 # ---- codes ---------------------------------------------------------------------------------------

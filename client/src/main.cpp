@@ -90,6 +90,7 @@ int run(int argc, char** argv)
     app.get_formatter()->column_width(30);
     declareSettings(app, given);
     declareCall(app, chosen);
+    declareChannel(app, chosen);
     declareSystems(app, chosen);
     declarePassword(app, chosen);
     declareCodes(app, chosen);

@@ -77,14 +77,14 @@ HelpShowsEveryCommandTheExitCodesAndExamples() {
     expect_code 0
     expect_nothing err
     local text
-    for text in call systems password codes "Exit codes:" "Examples:" --json; do
+    for text in call channel systems password codes "Exit codes:" "Examples:" --json; do
         expect_text out "$text"
     done
 }
 
 HelpOfEveryCommandHasExamples() {
     local command
-    for command in call systems "password verify" "password change" codes; do
+    for command in call channel systems "password verify" "password change" codes; do
         # shellcheck disable=SC2086 # a command of two words
         run "$QPX" $command --help
         expect_code 0
@@ -600,6 +600,76 @@ PasswordRefusesWrongArguments() {
     expect_usage 'user is required; "qpx --help" shows what there is' password verify
     expect_usage 'longer than 10 characters: ELEVENCHARS' password verify ELEVENCHARS --password-fd 0
     expect_usage 'a descriptor is a number from 0 to 1048575, not x' password verify FRED --password-fd x
+}
+
+# ---- channel -------------------------------------------------------------------------------------
+
+ChannelShowsEveryContainerOfTheReply() {
+    gateway
+    printf '\0\1\2' >"$FOLDER/data"
+    qpx channel CHANECHO 'GREETING=Grüß Gott' "BYTES=@$FOLDER/data" DIGITS,hex=00ff
+    expect_code 0
+    expect_nothing err
+    expect_exactly out <<'TEXT'
+DIGITS: binary, 2 bytes
+000000  00 ff                                            |..|
+BYTES: binary, 3 bytes
+000000  00 01 02                                         |...|
+GREETING: characters in 1208, 11 bytes
+Grüß Gott
+TEXT
+}
+
+ChannelConvertsTextAndTakesFilesAsTheyAre() {
+    gateway
+    printf '\xc1\xc2' >"$FOLDER/ebcdic"
+    qpx channel CHANECHO 'TYPED,37=AB' "FILE,37=@$FOLDER/ebcdic" --as hex
+    expect_code 0
+    expect_exactly out <<'TEXT'
+FILE: characters in 37, 2 bytes
+c1c2
+TYPED: characters in 37, 2 bytes
+c1c2
+TEXT
+}
+
+ChannelGetsOneContainerAlone() {
+    gateway
+    qpx channel CHANEDIT 'EDITS,819=add ANSWER char 819 fortytwo' --get ANSWER
+    expect_code 0
+    expect_exactly out <<<fortytwo
+    qpx channel CHANECHO A=b --get NONE
+    expect_complaint 1 "qpx: container NONE: ECI_ERR_CONTAINER_NOTFOUND (-58): the channel has no container of that name"
+}
+
+ChannelTakesAnOrderThatIsPriced() {
+    gateway
+    printf 'order=A-1\naccount=ACC00001\ndate=2026-03-02\ncurrency=EUR\n' >"$FOLDER/header"
+    qpx channel ORDERS "ORDER.HEADER,819=@$FOLDER/header" ORDER.LINES,hex=000187090000000100000000 --get STATUS
+    expect_code 0
+    expect_line out "status=PRICED"
+}
+
+ChannelWritesJson() {
+    gateway
+    qpx channel CHANECHO A=b C,hex=00ff --channel MINE --json
+    expect_code 0
+    expect_exactly out <<'TEXT'
+{"program":"CHANECHO","code":0,"name":"QPX_OK","channel":"MINE","containers":[{"name":"C","type":"bit","length":2,"hex":"00ff"},{"name":"A","type":"char","ccsid":1208,"length":1,"text":"b","hex":"62"}]}
+TEXT
+    expect_text gateway.log 'channel="MINE" containers=2'
+}
+
+ChannelRefusesWrongArguments() {
+    expect_usage 'NAME: not NAME=VALUE' channel CHANECHO NAME
+    expect_usage 'A: a code page is a number from 1 to 65535, not x' channel CHANECHO A,x=b
+    expect_usage 'A: a hexadecimal digit is missing' channel CHANECHO A,hex=0
+    run "$QPX" channel CHANECHO 'B(=x'
+    expect_complaint 2 "qpx: container B(: ECI_ERR_INVALID_NAME (-51): a name is not 1 to 16 allowed characters"
+    run "$QPX" channel CHANECHO A=x A=y
+    expect_complaint 2 "qpx: container A: ECI_ERR_CONTAINER_EXISTS (-59): the channel has a container of that name"
+    run "$QPX" channel CHANECHO A=@missing
+    expect_complaint 1 "qpx: cannot read missing"
 }
 
 # ---- codes ---------------------------------------------------------------------------------------

@@ -34,6 +34,7 @@ void declareCall(CLI::App& app, Command& chosen);
 void declareChannel(CLI::App& app, Command& chosen);
 void declareCodes(CLI::App& app, Command& chosen);
 void declarePassword(CLI::App& app, Command& chosen);
+void declarePing(CLI::App& app, Command& chosen);
 void declareSystems(CLI::App& app, Command& chosen);
 
 // One line of JSON on standard output.

@@ -93,6 +93,7 @@ int run(int argc, char** argv)
     declareChannel(app, chosen);
     declareSystems(app, chosen);
     declarePassword(app, chosen);
+    declarePing(app, chosen);
     declareCodes(app, chosen);
     try {
         app.parse(argc, argv);

@@ -77,14 +77,14 @@ HelpShowsEveryCommandTheExitCodesAndExamples() {
     expect_code 0
     expect_nothing err
     local text
-    for text in call channel systems password codes "Exit codes:" "Examples:" --json; do
+    for text in call channel systems password ping codes "Exit codes:" "Examples:" --json; do
         expect_text out "$text"
     done
 }
 
 HelpOfEveryCommandHasExamples() {
     local command
-    for command in call channel systems "password verify" "password change" codes; do
+    for command in call channel systems "password verify" "password change" ping codes; do
         # shellcheck disable=SC2086 # a command of two words
         run "$QPX" $command --help
         expect_code 0
@@ -670,6 +670,101 @@ ChannelRefusesWrongArguments() {
     expect_complaint 2 "qpx: container A: ECI_ERR_CONTAINER_EXISTS (-59): the channel has a container of that name"
     run "$QPX" channel CHANECHO A=@missing
     expect_complaint 1 "qpx: cannot read missing"
+}
+
+# ---- ping ----------------------------------------------------------------------------------------
+
+# Standard output with every time in milliseconds replaced.
+expect_out_but_for_times() {
+    sed -i -E -e 's/time=[0-9.]+ ms/time=T/' -e 's/time [0-9]+ ms/time T/' \
+        -e 's|= [0-9.]+/[0-9.]+/[0-9.]+/[0-9.]+ ms|= T|' "$FOLDER/out"
+    expect_exactly out
+}
+
+PingCountsAnswersAndShowsStatistics() {
+    gateway --journal "$FOLDER/calls"
+    qpx ping --count 3 --interval 0
+    expect_code 0
+    expect_nothing err
+    expect_out_but_for_times <<'TEXT'
+answer from 127.0.0.1:PORT: request=1 time=T
+answer from 127.0.0.1:PORT: request=2 time=T
+answer from 127.0.0.1:PORT: request=3 time=T
+
+--- 127.0.0.1:PORT ping statistics ---
+3 requests, 3 answers, 0% lost, time T
+min/avg/max/mdev = T
+TEXT
+    [[ $(grep -c '"type":"list"' "$FOLDER/calls") == 3 ]] || fail "not three lists were asked for"
+}
+
+PingOpensALostConnectionAnew() {
+    gateway --misbehave drop@nth:2
+    qpx ping --count 3 --interval 0
+    expect_code 3
+    expect_out_but_for_times <<'TEXT'
+answer from 127.0.0.1:PORT: request=1 time=T
+no answer from 127.0.0.1:PORT: request=2 QPX_ERR_LOSTGWCON (-102)
+answer from 127.0.0.1:PORT: request=3 time=T
+
+--- 127.0.0.1:PORT ping statistics ---
+3 requests, 2 answers, 33.33% lost, time T
+min/avg/max/mdev = T
+TEXT
+    expect_text gateway.log "connection 2: accepted"
+}
+
+PingCallsTheProgramThatIsNamed() {
+    gateway
+    qpx ping --program ECHO --count 1
+    expect_code 0
+    expect_text gateway.log 'ECI program="ECHO" mode=0'
+}
+
+PingTellsOfEachFailureWithoutAGateway() {
+    closed_port
+    qpx ping --count 2 --interval 0
+    expect_code 3
+    expect_out_but_for_times <<'TEXT'
+no answer from 127.0.0.1:PORT: request=1 QPX_ERR_CONNECTFAILED (-118)
+no answer from 127.0.0.1:PORT: request=2 QPX_ERR_CONNECTFAILED (-118)
+
+--- 127.0.0.1:PORT ping statistics ---
+2 requests, 0 answers, 100% lost, time T
+TEXT
+}
+
+PingWritesALineOfJsonForEachRequest() {
+    gateway
+    qpx ping --count 2 --interval 0 --json
+    expect_code 0
+    expect_text out '{"request":2,"milliseconds":'
+    expect_text out '{"requests":2,"answers":2,"lostpercent":0.0,"milliseconds":'
+    [[ $(wc -l <"$FOLDER/out") == 3 ]] || fail "not three lines"
+}
+
+# The request is on its way, and its answer is kept.
+PingShowsStatisticsWhenItIsInterrupted() {
+    local pid lines line
+    gateway --misbehave hold@skip:1
+    mkfifo "$FOLDER/fifo"
+    env --default-signal=INT "$QPX" --port "$GATEWAY_PORT" ping --interval 0 >"$FOLDER/fifo" &
+    pid=$!
+    exec {lines}<"$FOLDER/fifo"
+    IFS= read -r -u "$lines" line
+    kill -INT "$pid"
+    cat <&"$lines" >"$FOLDER/out"
+    CODE=0
+    wait "$pid" || CODE=$?
+    expect_code 0
+    expect_line out "--- 127.0.0.1:$GATEWAY_PORT ping statistics ---"
+    expect_text out " 1 answers, "
+}
+
+PingRefusesWrongArguments() {
+    expect_usage '--count is a number from 1 to 1000000000, not 0' ping --count 0
+    expect_usage 'an interval is a number of seconds from 0 to 86400' ping --interval -1
+    expect_usage 'a program has at most 8 characters: NINECHARS' ping --program NINECHARS
 }
 
 # ---- codes ---------------------------------------------------------------------------------------

@@ -94,6 +94,7 @@ int run(int argc, char** argv)
     declareSystems(app, chosen);
     declarePassword(app, chosen);
     declarePing(app, chosen);
+    declareLoad(app, chosen);
     declareCodes(app, chosen);
     try {
         app.parse(argc, argv);

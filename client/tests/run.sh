@@ -77,14 +77,14 @@ HelpShowsEveryCommandTheExitCodesAndExamples() {
     expect_code 0
     expect_nothing err
     local text
-    for text in call channel systems password ping codes "Exit codes:" "Examples:" --json; do
+    for text in call channel systems password ping load codes "Exit codes:" "Examples:" --json; do
         expect_text out "$text"
     done
 }
 
 HelpOfEveryCommandHasExamples() {
     local command
-    for command in call channel systems "password verify" "password change" ping codes; do
+    for command in call channel systems "password verify" "password change" ping load codes; do
         # shellcheck disable=SC2086 # a command of two words
         run "$QPX" $command --help
         expect_code 0
@@ -765,6 +765,61 @@ PingRefusesWrongArguments() {
     expect_usage '--count is a number from 1 to 1000000000, not 0' ping --count 0
     expect_usage 'an interval is a number of seconds from 0 to 86400' ping --interval -1
     expect_usage 'a program has at most 8 characters: NINECHARS' ping --program NINECHARS
+}
+
+# ---- load ----------------------------------------------------------------------------------------
+
+LoadMakesAsManyCallsAsItIsToldTo() {
+    gateway --log-level error --journal "$FOLDER/calls"
+    qpx load ECHO --threads 4 --connections 2 --count 1000
+    expect_code 0
+    expect_nothing err
+    [[ $(wc -l <"$FOLDER/calls") == 1000 ]] || fail "not 1000 calls"
+    expect_line out "ECHO at 127.0.0.1:$GATEWAY_PORT: threads 4, connections 2, window 1, 100 bytes"
+    grep -qE '^1000 calls in [0-9.]+ s, [0-9]+ a second, 0 failed$' "$FOLDER/out" || fail "no count"
+    grep -qE '^50 % [0-9.]+  90 % [0-9.]+  99 % [0-9.]+  99.9 % [0-9.]+ ms$' "$FOLDER/out" ||
+        fail "no percentiles"
+    awk '/ ms  #/ { sum += $NF } END { exit sum != 1000 }' "$FOLDER/out" ||
+        fail "the histogram does not have all of them"
+}
+
+LoadKeepsAWindowOfRequestsOnTheirWay() {
+    gateway --misbehave reverse=8
+    qpx load ECHO --window 8 --count 80 --json
+    expect_code 0
+    expect_text out '"window":8,"calls":80,'
+    expect_text out '"failures":[]'
+}
+
+LoadEndsAfterItsDuration() {
+    gateway --log-level error
+    qpx load ECHO --duration 0.2
+    expect_code 0
+    expect_text out " 0 failed"
+}
+
+LoadCountsFailuresByTheirCode() {
+    gateway
+    qpx load ABEND --count 10
+    expect_code 6
+    expect_text out "10 failed"
+    expect_line out "  10 of ECI_ERR_TRANSACTION_ABEND (-7)"
+}
+
+LoadEndsWhenTheConnectionIsLost() {
+    gateway --misbehave drop@nth:5
+    qpx load ECHO --count 100
+    expect_code 3
+    expect_line out "  1 of QPX_ERR_LOSTGWCON (-102)"
+}
+
+LoadRefusesWrongArguments() {
+    expect_usage '--threads is a number from 1 to 1000, not 0' load ECHO --threads 0
+    expect_usage '--window is a number from 1 to 100000, not x' load ECHO --window x
+    expect_usage '--count is a number from 1 to 1000000000, not 0' load ECHO --count 0
+    expect_usage 'a duration is a number of seconds up to 86400, and more than 0' load ECHO --duration 0
+    expect_usage 'there are fewer threads than connections' load ECHO --connections 2
+    expect_usage 'either --text or --size' load ECHO --text x --size 1
 }
 
 # ---- codes ---------------------------------------------------------------------------------------

@@ -33,6 +33,7 @@ std::shared_ptr<Options> addCommand(CLI::App& app, CLI::App*& command, const std
 void declareCall(CLI::App& app, Command& chosen);
 void declareChannel(CLI::App& app, Command& chosen);
 void declareCodes(CLI::App& app, Command& chosen);
+void declareDoctor(CLI::App& app, Command& chosen);
 void declareLoad(CLI::App& app, Command& chosen);
 void declarePassword(CLI::App& app, Command& chosen);
 void declarePing(CLI::App& app, Command& chosen);

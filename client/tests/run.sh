@@ -77,14 +77,14 @@ HelpShowsEveryCommandTheExitCodesAndExamples() {
     expect_code 0
     expect_nothing err
     local text
-    for text in call channel systems password ping load codes "Exit codes:" "Examples:" --json; do
+    for text in call channel systems password ping load codes doctor "Exit codes:" "Examples:" --json; do
         expect_text out "$text"
     done
 }
 
 HelpOfEveryCommandHasExamples() {
     local command
-    for command in call channel systems "password verify" "password change" ping load codes; do
+    for command in call channel systems "password verify" "password change" ping load codes doctor; do
         # shellcheck disable=SC2086 # a command of two words
         run "$QPX" $command --help
         expect_code 0
@@ -820,6 +820,76 @@ LoadRefusesWrongArguments() {
     expect_usage 'a duration is a number of seconds up to 86400, and more than 0' load ECHO --duration 0
     expect_usage 'there are fewer threads than connections' load ECHO --connections 2
     expect_usage 'either --text or --size' load ECHO --text x --size 1
+}
+
+# ---- doctor --------------------------------------------------------------------------------------
+
+DoctorFindsAGatewayAndItsSystems() {
+    gateway_with_registry
+    export QPX_APPLID=MINE
+    qpx doctor 127.0.0.1
+    expect_code 0
+    expect_nothing err
+    local line
+    for line in 'ok   name       127\.0\.0\.1 has 1 address, found in [0-9.]+ ms' \
+        'ok   IPv4       127\.0\.0\.1 \(the first, which the library takes\): TCP in [0-9.]+ ms, connected with handshake in [0-9.]+ ms' \
+        '     applid     MINE, from QPX_APPLID' \
+        'ok   systems    4, answered in [0-9.]+ ms' \
+        'ok   library    /.*/libqpxclient\.so\.10[0-9.]*, version 10\.1\.0\.0, (32|64) bits' \
+        '     limits     [a-z0-9 ]+ descriptors, stacks of [0-9]+ KiB: about [0-9]+ connections fit' \
+        '     trace      level 0, to standard error'; do
+        grep -qxE -- "$line" "$FOLDER/out" || fail "no line \"$line\""
+    done
+}
+
+DoctorReckonsAfterHowLongTheKernelGivesADeadHostUp() {
+    gateway
+    local time interval probes
+    read -r time </proc/sys/net/ipv4/tcp_keepalive_time
+    read -r interval </proc/sys/net/ipv4/tcp_keepalive_intvl
+    read -r probes </proc/sys/net/ipv4/tcp_keepalive_probes
+    qpx doctor
+    expect_line out "     dead host  noticed after $((time + interval * probes)) s on a silent connection"
+}
+
+DoctorTellsThatNobodyListens() {
+    closed_port
+    qpx doctor 127.0.0.1
+    expect_code 3
+    expect_line out "BAD  IPv4       127.0.0.1 (the first, which the library takes): Connection refused"
+    expect_line out "                 -> does the Gateway run, is the port right, does a firewall stand between?"
+}
+
+DoctorTellsThatWhatListensIsNoGateway() {
+    gateway --misbehave drop-at-handshake
+    qpx doctor 127.0.0.1
+    expect_code 3
+    expect_line out "BAD  IPv4       127.0.0.1 (the first, which the library takes): QPX_ERR_LOSTGWCON (-102)"
+}
+
+DoctorTellsOfATraceFileThatCannotBeWritten() {
+    gateway
+    export QPX_CLIENT_TRACE_FILE=$FOLDER/none/trace
+    qpx doctor 127.0.0.1
+    expect_code 1
+    expect_line out "BAD  trace      $FOLDER/none/trace: No such file or directory"
+}
+
+DoctorFindsAnotherLibraryOnThePath() {
+    gateway
+    mkdir "$FOLDER/other"
+    : >"$FOLDER/other/libqpxclient.so"
+    export LD_LIBRARY_PATH=$FOLDER/other
+    qpx doctor 127.0.0.1
+    expect_line out "     library    another one in LD_LIBRARY_PATH: $FOLDER/other/libqpxclient.so"
+}
+
+DoctorWritesJson() {
+    gateway
+    qpx doctor 127.0.0.1 --json
+    expect_code 0
+    expect_text out '{"reached":true,"findings":[{"state":"good","about":"name",'
+    [[ $(wc -l <"$FOLDER/out") == 1 ]] || fail "not one line"
 }
 
 # ---- codes ---------------------------------------------------------------------------------------

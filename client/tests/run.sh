@@ -822,6 +822,47 @@ LoadRefusesWrongArguments() {
     expect_usage 'either --text or --size' load ECHO --text x --size 1
 }
 
+# ---- completions ---------------------------------------------------------------------------------
+
+# The first words that bash offers behind these.
+completed() {
+    # shellcheck disable=SC1091 # it is there
+    (
+        source "$HERE/../completions/qpx.bash"
+        COMP_WORDS=("$@") COMP_CWORD=$(($# - 1))
+        _qpx
+        printf '%s\n' "${COMPREPLY[@]}"
+    ) >"$FOLDER/out"
+}
+
+BashCompletesCommandsOptionsAndTheirValues() {
+    completed qpx c
+    expect_exactly out <<<$'call\nchannel\ncodes'
+    completed qpx --port 1 call ECHO --as ''
+    expect_exactly out <<<$'auto\ntext\nhex\ndump\nraw'
+    completed qpx load ECHO --w
+    expect_exactly out <<<--window
+    completed qpx password ch
+    expect_exactly out <<<change
+}
+
+CompletionsHaveEveryOptionOfTheHelp() {
+    local command option file
+    for command in '' call channel systems "password verify" "password change" ping load codes doctor; do
+        # shellcheck disable=SC2086 # a command of two words
+        run "$QPX" $command --help
+        expect_code 0
+        grep -oE '^ +(-[a-zA-Z],)?--[a-z-]+' "$FOLDER/out" | grep -oE -- '--[a-z-]+' >"$FOLDER/options"
+        while read -r option; do
+            # shellcheck disable=SC2086 # there may be none
+            completed qpx ${command%% *} "$option"
+            grep -qxF -- "$option" "$FOLDER/out" || fail "bash does not know $option of qpx $command"
+            grep -qF -- "'${option}[" "$HERE/../completions/_qpx" || fail "zsh: no $option"
+            grep -qE -- " -l ${option#--}( |$)" "$HERE/../completions/qpx.fish" || fail "fish: no $option"
+        done <"$FOLDER/options"
+    done
+}
+
 # ---- doctor --------------------------------------------------------------------------------------
 
 DoctorFindsAGatewayAndItsSystems() {

@@ -1,0 +1,59 @@
+# Completion of qpx for fish: put this file into ~/.config/fish/completions.
+
+complete -c qpx -f
+complete -c qpx -n __fish_use_subcommand -a call -d 'a server program with a COMMAREA'
+complete -c qpx -n __fish_use_subcommand -a channel -d 'a server program with a channel'
+complete -c qpx -n __fish_use_subcommand -a systems -d 'the servers that the Gateway knows'
+complete -c qpx -n __fish_use_subcommand -a password -d 'verify or change a password'
+complete -c qpx -n __fish_use_subcommand -a ping -d 'how long answers take'
+complete -c qpx -n __fish_use_subcommand -a load -d 'many calls at once'
+complete -c qpx -n __fish_use_subcommand -a codes -d 'what return codes mean'
+complete -c qpx -n __fish_use_subcommand -a doctor -d 'what stands in the way'
+complete -c qpx -n __fish_use_subcommand -l version
+complete -c qpx -l host -x
+complete -c qpx -l port -x
+complete -c qpx -l timeout -x
+complete -c qpx -l applid -x
+complete -c qpx -l qualifier -x
+complete -c qpx -l server -x
+complete -c qpx -l user -x
+complete -c qpx -l config -r -F
+complete -c qpx -l color -x -a 'auto always never'
+complete -c qpx -l json
+complete -c qpx -l help
+complete -c qpx -n '__fish_seen_subcommand_from call' -l text -x
+complete -c qpx -n '__fish_seen_subcommand_from call' -l hex -x
+complete -c qpx -n '__fish_seen_subcommand_from call' -l length -x
+complete -c qpx -n '__fish_seen_subcommand_from call' -l ccsid -x
+complete -c qpx -n '__fish_seen_subcommand_from call' -l transaction -x
+complete -c qpx -n '__fish_seen_subcommand_from call' -l call-timeout -x
+complete -c qpx -n '__fish_seen_subcommand_from call' -l password-fd -x
+complete -c qpx -n '__fish_seen_subcommand_from channel' -l channel -x
+complete -c qpx -n '__fish_seen_subcommand_from channel' -l get -x
+complete -c qpx -n '__fish_seen_subcommand_from channel' -l transaction -x
+complete -c qpx -n '__fish_seen_subcommand_from channel' -l call-timeout -x
+complete -c qpx -n '__fish_seen_subcommand_from channel' -l password-fd -x
+complete -c qpx -n '__fish_seen_subcommand_from password' -l password-fd -x
+complete -c qpx -n '__fish_seen_subcommand_from ping' -l count -x
+complete -c qpx -n '__fish_seen_subcommand_from ping' -l interval -x
+complete -c qpx -n '__fish_seen_subcommand_from ping' -l program -x
+complete -c qpx -n '__fish_seen_subcommand_from ping' -l transaction -x
+complete -c qpx -n '__fish_seen_subcommand_from ping' -l call-timeout -x
+complete -c qpx -n '__fish_seen_subcommand_from ping' -l password-fd -x
+complete -c qpx -n '__fish_seen_subcommand_from load' -l threads -x
+complete -c qpx -n '__fish_seen_subcommand_from load' -l connections -x
+complete -c qpx -n '__fish_seen_subcommand_from load' -l window -x
+complete -c qpx -n '__fish_seen_subcommand_from load' -l duration -x
+complete -c qpx -n '__fish_seen_subcommand_from load' -l count -x
+complete -c qpx -n '__fish_seen_subcommand_from load' -l size -x
+complete -c qpx -n '__fish_seen_subcommand_from load' -l text -x
+complete -c qpx -n '__fish_seen_subcommand_from load' -l length -x
+complete -c qpx -n '__fish_seen_subcommand_from load' -l transaction -x
+complete -c qpx -n '__fish_seen_subcommand_from load' -l call-timeout -x
+complete -c qpx -n '__fish_seen_subcommand_from load' -l password-fd -x
+complete -c qpx -n '__fish_seen_subcommand_from call' -l file -r -F
+complete -c qpx -n '__fish_seen_subcommand_from call' -l unit -r -F
+complete -c qpx -n '__fish_seen_subcommand_from call' -l as -x -a 'auto text hex dump raw'
+complete -c qpx -n '__fish_seen_subcommand_from channel' -l as -x -a 'auto text hex dump raw'
+complete -c qpx -n '__fish_seen_subcommand_from call' -l extend -x -a 'commit backout'
+complete -c qpx -n '__fish_seen_subcommand_from password' -a 'verify change'

@@ -1,5 +1,6 @@
 // Makes the table of return codes that qpx is compiled with out of docs/return-codes.md: a row for
-// each row of its tables that begins with one value or several, under the heading that it has there.
+// each row of its tables that begins with one value or several, under the heading that it has
+// there.
 //
 //     codes_table PAGE SOURCE
 //

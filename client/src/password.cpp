@@ -1,5 +1,5 @@
-// qpx password - verifies or changes a user's password at a server behind the Gateway. Passwords are
-// never taken from the command line, where other users of the machine could see them, and never
+// qpx password - verifies or changes a user's password at a server behind the Gateway. Passwords
+// are never taken from the command line, where other users of the machine could see them, and never
 // written.
 
 #include <cstdio>

@@ -1,15 +1,20 @@
 # Completion of qpx for fish: put this file into ~/.config/fish/completions.
 
+# Whether there is no command yet. Values of options are none, which fish's own test takes them for.
+function __qpx_needs_command
+    not __fish_seen_subcommand_from call channel systems password ping load codes doctor
+end
+
 complete -c qpx -f
-complete -c qpx -n __fish_use_subcommand -a call -d 'a server program with a COMMAREA'
-complete -c qpx -n __fish_use_subcommand -a channel -d 'a server program with a channel'
-complete -c qpx -n __fish_use_subcommand -a systems -d 'the servers that the Gateway knows'
-complete -c qpx -n __fish_use_subcommand -a password -d 'verify or change a password'
-complete -c qpx -n __fish_use_subcommand -a ping -d 'how long answers take'
-complete -c qpx -n __fish_use_subcommand -a load -d 'many calls at once'
-complete -c qpx -n __fish_use_subcommand -a codes -d 'what return codes mean'
-complete -c qpx -n __fish_use_subcommand -a doctor -d 'what stands in the way'
-complete -c qpx -n __fish_use_subcommand -l version
+complete -c qpx -n __qpx_needs_command -a call -d 'a server program with a COMMAREA'
+complete -c qpx -n __qpx_needs_command -a channel -d 'a server program with a channel'
+complete -c qpx -n __qpx_needs_command -a systems -d 'the servers that the Gateway knows'
+complete -c qpx -n __qpx_needs_command -a password -d 'verify or change a password'
+complete -c qpx -n __qpx_needs_command -a ping -d 'how long answers take'
+complete -c qpx -n __qpx_needs_command -a load -d 'many calls at once'
+complete -c qpx -n __qpx_needs_command -a codes -d 'what return codes mean'
+complete -c qpx -n __qpx_needs_command -a doctor -d 'what stands in the way'
+complete -c qpx -n __qpx_needs_command -l version
 complete -c qpx -l host -x
 complete -c qpx -l port -x
 complete -c qpx -l timeout -x
@@ -56,4 +61,4 @@ complete -c qpx -n '__fish_seen_subcommand_from call' -l unit -r -F
 complete -c qpx -n '__fish_seen_subcommand_from call' -l as -x -a 'auto text hex dump raw'
 complete -c qpx -n '__fish_seen_subcommand_from channel' -l as -x -a 'auto text hex dump raw'
 complete -c qpx -n '__fish_seen_subcommand_from call' -l extend -x -a 'commit backout'
-complete -c qpx -n '__fish_seen_subcommand_from password' -a 'verify change'
+complete -c qpx -n '__fish_seen_subcommand_from password; and not __fish_seen_subcommand_from verify change' -a 'verify change'

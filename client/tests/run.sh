@@ -846,21 +846,131 @@ BashCompletesCommandsOptionsAndTheirValues() {
     expect_exactly out <<<change
 }
 
-CompletionsHaveEveryOptionOfTheHelp() {
-    local command option file
-    for command in '' call channel systems "password verify" "password change" ping load codes doctor; do
+# What zsh or fish offers for the command lines on standard input.
+completed_by() {
+    cat >"$FOLDER/lines"
+    case $1 in
+    zsh) run zsh -f "$HERE/complete.zsh" "$HERE/../completions" "$FOLDER/lines" ;;
+    fish) run fish --no-config "$HERE/complete.fish" "$HERE/../completions/qpx.fish" "$FOLDER/lines" ;;
+    esac
+    expect_code 0
+    expect_nothing err
+}
+
+expect_words_of() {
+    completed_by "$1" <<'TEXT'
+qpx c
+qpx --port 1 c
+qpx call --extend b
+qpx load ECHO --w
+qpx password ch
+qpx --color al
+TEXT
+    expect_exactly out <<'TEXT'
+> qpx c
+call
+channel
+codes
+> qpx --port 1 c
+call
+channel
+codes
+> qpx call --extend b
+backout
+> qpx load ECHO --w
+--window
+> qpx password ch
+change
+> qpx --color al
+always
+TEXT
+}
+
+ZshCompletesCommandsOptionsAndTheirValues() {
+    expect_words_of zsh
+}
+
+FishCompletesCommandsOptionsAndTheirValues() {
+    expect_words_of fish
+}
+
+# "COMMAND OPTION" for each long option that the help of a command has.
+options_of_the_help() {
+    local command
+    for command in '' call channel systems "password verify" "password change" ping load codes \
+        doctor; do
         # shellcheck disable=SC2086 # a command of two words
         run "$QPX" $command --help
         expect_code 0
-        grep -oE '^ +(-[a-zA-Z],)?--[a-z-]+' "$FOLDER/out" | grep -oE -- '--[a-z-]+' >"$FOLDER/options"
-        while read -r option; do
-            # shellcheck disable=SC2086 # there may be none
-            completed qpx ${command%% *} "$option"
-            grep -qxF -- "$option" "$FOLDER/out" || fail "bash does not know $option of qpx $command"
-            grep -qF -- "'${option}[" "$HERE/../completions/_qpx" || fail "zsh: no $option"
-            grep -qE -- " -l ${option#--}( |$)" "$HERE/../completions/qpx.fish" || fail "fish: no $option"
-        done <"$FOLDER/options"
+        grep -oE '^ +(-[a-zA-Z],)?--[a-z-]+' "$FOLDER/out" | grep -oE -- '--[a-z-]+' |
+            sed "s/^/qpx $command /"
     done
+}
+
+BashCompletesEveryOptionOfTheHelp() {
+    local line
+    options_of_the_help >"$FOLDER/all"
+    while read -r line; do
+        # shellcheck disable=SC2086 # words
+        completed $line
+        expect_line out "${line##* }"
+    done <"$FOLDER/all"
+}
+
+# Each line is followed by what it ends with.
+expect_every_option() {
+    options_of_the_help >"$FOLDER/all"
+    [[ -s $FOLDER/all ]] || fail "there are no options"
+    completed_by "$1" <"$FOLDER/all"
+    awk '/^> / { line = substr($0, 3); wanted = $NF } $0 == wanted { print line }' "$FOLDER/out" \
+        >"$FOLDER/found"
+    expect_same "$FOLDER/all" "$FOLDER/found"
+}
+
+ZshCompletesEveryOptionOfTheHelp() {
+    expect_every_option zsh
+}
+
+FishCompletesEveryOptionOfTheHelp() {
+    expect_every_option fish
+}
+
+# ---- installed -----------------------------------------------------------------------------------
+
+expect_installed() {
+    (cd "$FOLDER/$1" && find . -type f -path '*qpx*' ! -path './include/*' ! -name '*.so*' |
+        sed 's/^..//' | sort) >"$FOLDER/tree"
+    expect_exactly tree
+}
+
+InstalledItFindsItsLibraryAndShellsFindItsCompletions() {
+    local part
+    for part in src client; do
+        run cmake --install "$PROGRAMS/../$part" --prefix "$FOLDER/opt"
+        expect_code 0
+    done
+    expect_installed opt <<'TEXT'
+bin/qpx
+share/bash-completion/completions/qpx
+share/fish/vendor_completions.d/qpx.fish
+share/zsh/site-functions/_qpx
+TEXT
+    run "$FOLDER/opt/bin/qpx" --version
+    expect_code 0
+}
+
+InstalledForTheSystemItHasNoPathOfItsOwn() {
+    run env DESTDIR="$FOLDER/root" cmake --install "$PROGRAMS" --prefix /usr
+    expect_code 0
+    expect_installed root/usr <<'TEXT'
+bin/qpx
+share/bash-completion/completions/qpx
+share/fish/vendor_completions.d/qpx.fish
+share/zsh/vendor-completions/_qpx
+TEXT
+    run readelf -d "$FOLDER/root/usr/bin/qpx"
+    expect_text out libqpxclient.so.10
+    expect_no_text out PATH
 }
 
 # ---- doctor --------------------------------------------------------------------------------------

@@ -1,6 +1,7 @@
-# The library goes where its loader looks when it is installed for the system, and into lib under
-# every other prefix; a folder that is given holds for every prefix. PROGRAM is one of the library's
-# word size.
+# The library goes where its loader looks when it is installed for the system; under every other
+# prefix that of 32 bits goes into lib, and that of 64 bits beside it, into the folder of ARCHITECTURE
+# in there or, where the system has no such folders, into lib64. A folder that is given holds for
+# every prefix. PROGRAM is one of the library's word size.
 
 cmake_minimum_required(VERSION 3.25)
 include(${CMAKE_CURRENT_LIST_DIR}/run.cmake)
@@ -35,15 +36,23 @@ if(NOT folder_of_libc MATCHES "^/usr/")
   set(folder_of_libc /usr${folder_of_libc}) # a /lib beside that of /usr
 endif()
 
+if(BITS EQUAL 32)
+  set(folder_elsewhere lib)
+elseif(ARCHITECTURE)
+  set(folder_elsewhere lib/${ARCHITECTURE})
+else()
+  set(folder_elsewhere lib64)
+endif()
+
 file(REMOVE_RECURSE ${SCRATCH})
 configure()
 expect_folder(/usr ${folder_of_libc})
 expect_folder(/usr/ ${folder_of_libc})
-expect_folder(/usr/local /usr/local/lib)
-expect_folder(/opt/qpxclient /opt/qpxclient/lib)
+expect_folder(/usr/local /usr/local/${folder_elsewhere})
+expect_folder(/opt/qpxclient /opt/qpxclient/${folder_elsewhere})
 configure(-DCMAKE_INSTALL_PREFIX=/usr)
 expect_folder(/usr ${folder_of_libc})
-expect_folder(/opt/qpxclient /opt/qpxclient/lib)
+expect_folder(/opt/qpxclient /opt/qpxclient/${folder_elsewhere})
 
 file(REMOVE_RECURSE ${SCRATCH})
 configure(-DCMAKE_INSTALL_LIBDIR=lib)

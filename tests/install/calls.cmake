@@ -1,7 +1,8 @@
-# The library exports these calls, typed out here, and no other symbol.
+# The library exports these calls, typed out here, each of version QPX_10, and no other symbol.
 
 cmake_minimum_required(VERSION 3.25)
 include(${CMAKE_CURRENT_LIST_DIR}/run.cmake)
+include(${CMAKE_CURRENT_LIST_DIR}/exported.cmake)
 
 set(calls
   # versions and state
@@ -48,17 +49,6 @@ set(calls
   QPX_ESI_changePassword
   QPX_ESI_convertTime)
 
-run(symbols ${NM} -D --defined-only --format=posix ${LIBRARY})
-string(REGEX MATCHALL "[^\n]+" symbols "${symbols}")
-set(exported "")
-foreach(symbol ${symbols})
-  string(REGEX REPLACE "^([^ ]+) (.).*" "\\1;\\2" name_and_kind "${symbol}")
-  list(GET name_and_kind 0 name)
-  list(GET name_and_kind 1 kind)
-  if(NOT kind STREQUAL "T")
-    message(FATAL_ERROR "not a function: ${symbol}")
-  endif()
-  list(APPEND exported ${name})
-endforeach()
-
+exported_calls(exported)
+list(TRANSFORM calls APPEND "@@QPX_10")
 expect_same_list("exported calls" "${calls}" "${exported}")

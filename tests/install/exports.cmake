@@ -2,6 +2,7 @@
 
 cmake_minimum_required(VERSION 3.25)
 include(${CMAKE_CURRENT_LIST_DIR}/run.cmake)
+include(${CMAKE_CURRENT_LIST_DIR}/exported.cmake)
 
 # What is left of a header without comments and preprocessor lines are its declarations.
 function(declared_calls header variable)
@@ -19,18 +20,8 @@ foreach(header qpxclient qpxclient_eci qpxclient_esi eci_channel)
   list(APPEND declared ${calls})
 endforeach()
 
-run(symbols ${NM} -D --defined-only --format=posix ${LIBRARY})
-string(REGEX REPLACE "\n$" "" symbols "${symbols}")
-string(REPLACE "\n" ";" symbols "${symbols}")
-set(exported "")
-foreach(symbol ${symbols})
-  string(REGEX MATCH "^([^ ]+) (.)" ignored "${symbol}")
-  if(NOT CMAKE_MATCH_2 STREQUAL "T")
-    message(FATAL_ERROR "not a function: ${symbol}")
-  endif()
-  list(APPEND exported ${CMAKE_MATCH_1})
-endforeach()
-
+exported_calls(exported)
+list(TRANSFORM exported REPLACE "@.*" "")
 expect_same_list("exported calls" "${declared}" "${exported}")
 
 # Calls that every version has; they guard the reading of the headers above.

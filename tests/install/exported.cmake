@@ -1,0 +1,18 @@
+# exported_calls(<variable>): what LIBRARY exports, as NAME@@VERSION. Only functions may be, and the
+# name of the version itself.
+function(exported_calls variable)
+  run(symbols ${NM} -D --defined-only --format=posix ${LIBRARY})
+  string(REGEX MATCHALL "[^\n]+" symbols "${symbols}")
+  set(exported "")
+  foreach(symbol ${symbols})
+    if(symbol MATCHES "^QPX_10 A ")
+      continue()
+    endif()
+    string(REGEX MATCH "^([^ ]+) (.)" ignored "${symbol}")
+    if(NOT CMAKE_MATCH_2 STREQUAL "T")
+      message(FATAL_ERROR "not a function: ${symbol}")
+    endif()
+    list(APPEND exported ${CMAKE_MATCH_1})
+  endforeach()
+  set(${variable} "${exported}" PARENT_SCOPE)
+endfunction()

@@ -197,5 +197,90 @@ ALoadWaitsForACheckBeforeItBuilds() {
     expect_turns ./check "tools/load 1" ./check
 }
 
+# ---- The source archive --------------------------------------------------------------------------
+
+readonly ARCHIVE=qpxclient-10.1.0.tar.gz
+
+# A tree of a few files that git knows, one of them a link, and of some that it does not.
+tree_in_git() {
+    mkdir -p "$TREE/tools" "$TREE/include" "$TREE/packaging/debian" "$TREE/build/release"
+    cp "$SOURCE/tools/release" "$TREE/tools"
+    cp "$SOURCE/CMakeLists.txt" "$SOURCE/CHANGELOG.md" "$TREE"
+    cp "$SOURCE/include/clapi_diag.h" "$TREE/include"
+    printf 'qpxclient (10.1.0-1) unstable; urgency=low\n' >"$TREE/packaging/debian/changelog"
+    printf 'data\n' >"$TREE/a file with blanks"
+    ln -s CHANGELOG.md "$TREE/link"
+    (
+        cd "$TREE"
+        git init -q
+        git add .
+        git -c user.name=somebody -c user.email=somebody@example.org commit -q -m all
+    )
+    printf 'left\n' >"$TREE/left"
+    printf 'built\n' >"$TREE/build/release/program"
+}
+
+make_release() {
+    run tools/release "$1"
+    expect_code 0
+}
+
+AReleaseHoldsTheFilesThatGitKnows() {
+    tree_in_git
+    make_release "$FOLDER/to"
+    (cd "$TREE" && git ls-files -z | tr '\0' '\n' | sed 's|^|qpxclient-10.1.0/|' | sort) \
+        >"$FOLDER/expected"
+    tar -tf "$FOLDER/to/$ARCHIVE" | sort | diff "$FOLDER/expected" - || fail "other files"
+    (cd "$FOLDER/to" && sha256sum --quiet -c "$ARCHIVE.sha256") || fail "another checksum"
+    tar -C "$FOLDER" -xf "$FOLDER/to/$ARCHIVE"
+    [[ $(readlink "$FOLDER/qpxclient-10.1.0/link") == CHANGELOG.md ]] || fail "another link"
+    [[ -x $FOLDER/qpxclient-10.1.0/tools/release ]] || fail "no program"
+}
+
+AReleaseOfTheSameFilesHasTheSameBytes() {
+    tree_in_git
+    make_release "$FOLDER/first"
+    find "$TREE" -type f -exec touch -d 2001-01-01 {} +
+    chmod -R go-rwx "$TREE"
+    make_release "$FOLDER/second"
+    cmp "$FOLDER/first/$ARCHIVE" "$FOLDER/second/$ARCHIVE" || fail "other bytes"
+}
+
+AReleaseCanBeMadeFromARelease() {
+    tree_in_git
+    make_release "$FOLDER/first"
+    rm -rf "$TREE"
+    tar -C "$FOLDER" -xf "$FOLDER/first/$ARCHIVE"
+    mv "$FOLDER/qpxclient-10.1.0" "$TREE"
+    mkdir "$TREE/build"
+    printf 'built\n' >"$TREE/build/program"
+    make_release "$FOLDER/second"
+    cmp "$FOLDER/first/$ARCHIVE" "$FOLDER/second/$ARCHIVE" || fail "other bytes"
+}
+
+AReleaseWhoseVersionsDifferIsRefused() {
+    local file
+
+    tree_in_git
+    for file in CHANGELOG.md include/clapi_diag.h packaging/debian/changelog; do
+        cp "$TREE/$file" "$FOLDER/kept"
+        sed -i 's/10\.1\.0/10.1.1/' "$TREE/$file"
+        run tools/release "$FOLDER/to"
+        expect_code 1
+        expect_line "release: $file is of version \"10.1.1\", CMakeLists.txt of \"10.1.0\""
+        cp "$FOLDER/kept" "$TREE/$file"
+    done
+    make_release "$FOLDER/to"
+}
+
+AReleaseTellsOfChangesThatAreNotCommitted() {
+    tree_in_git
+    make_release "$FOLDER/to"
+    expect_no_text "not committed"
+    printf 'more\n' >>"$TREE/CHANGELOG.md"
+    make_release "$FOLDER/to"
+    expect_line "release: with changes that are not committed"
+}
+
 declare -F "$CASE" >/dev/null || fail "there is no such case"
 "$CASE"

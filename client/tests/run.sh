@@ -938,8 +938,8 @@ FishCompletesEveryOptionOfTheHelp() {
 # ---- installed -----------------------------------------------------------------------------------
 
 expect_installed() {
-    (cd "$FOLDER/$1" && find . -type f -path '*qpx*' ! -path './include/*' ! -name '*.so*' |
-        sed 's/^..//' | sort) >"$FOLDER/tree"
+    (cd "$FOLDER/$1" && find . -type f -path '*qpx*' ! -path './include/*' ! -name '*.so*' \
+        ! -path '*/cmake/*' ! -path '*/pkgconfig/*' | sed 's/^..//' | sort) >"$FOLDER/tree"
     expect_exactly tree
 }
 

@@ -1,7 +1,7 @@
 # The library goes where its loader looks when it is installed for the system; under every other
-# prefix that of 32 bits goes into lib, and that of 64 bits beside it, into the folder of ARCHITECTURE
-# in there or, where the system has no such folders, into lib64. A folder that is given holds for
-# every prefix. PROGRAM is one of the library's word size.
+# prefix that of 32 bits goes into lib, and that of 64 bits beside it, into the folder of
+# ARCHITECTURE in there or, where the system has no such folders, into lib64. A folder that is
+# given holds for every prefix. PROGRAM is one of the library's word size.
 
 cmake_minimum_required(VERSION 3.25)
 include(${CMAKE_CURRENT_LIST_DIR}/run.cmake)

@@ -16,18 +16,22 @@ _qpx() {
     esac
     for ((i = 1; i < COMP_CWORD; ++i)); do
         case ${COMP_WORDS[i]} in
-        call | channel | systems | password | ping | load | codes | doctor)
+        call | channel | systems | password | ping | load | trace | codes | doctor)
             command=${COMP_WORDS[i]} && break
             ;;
         esac
     done
     case $command in
-    '') options="--version call channel systems password ping load codes doctor" ;;
+    '') options="--version call channel systems password ping load trace codes doctor" ;;
     call) options="--text --hex --file --length --ccsid --as --unit --extend $calling" ;;
     channel) options="--channel --get --as $calling" ;;
     password) options="verify change --password-fd" ;;
     ping) options="--count --interval --program $calling" ;;
     load) options="--threads --connections --window --duration --count --size --text --length $calling" ;;
+    trace)
+        options="--slow --failed --all --call --data --connection --follow"
+        [[ $word == -* ]] || { mapfile -t COMPREPLY < <(compgen -f -- "$word") && return; }
+        ;;
     esac
     mapfile -t COMPREPLY < <(compgen -W "$options $settings" -- "$word")
 }

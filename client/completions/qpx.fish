@@ -2,7 +2,7 @@
 
 # Whether there is no command yet. Values of options are none, which fish's own test takes them for.
 function __qpx_needs_command
-    not __fish_seen_subcommand_from call channel systems password ping load codes doctor
+    not __fish_seen_subcommand_from call channel systems password ping load trace codes doctor
 end
 
 complete -c qpx -f
@@ -12,6 +12,7 @@ complete -c qpx -n __qpx_needs_command -a systems -d 'the servers that the Gatew
 complete -c qpx -n __qpx_needs_command -a password -d 'verify or change a password'
 complete -c qpx -n __qpx_needs_command -a ping -d 'how long answers take'
 complete -c qpx -n __qpx_needs_command -a load -d 'many calls at once'
+complete -c qpx -n __qpx_needs_command -a trace -d 'read traces of the library'
 complete -c qpx -n __qpx_needs_command -a codes -d 'what return codes mean'
 complete -c qpx -n __qpx_needs_command -a doctor -d 'what stands in the way'
 complete -c qpx -n __qpx_needs_command -l version
@@ -62,3 +63,11 @@ complete -c qpx -n '__fish_seen_subcommand_from call' -l as -x -a 'auto text hex
 complete -c qpx -n '__fish_seen_subcommand_from channel' -l as -x -a 'auto text hex dump raw'
 complete -c qpx -n '__fish_seen_subcommand_from call' -l extend -x -a 'commit backout'
 complete -c qpx -n '__fish_seen_subcommand_from password; and not __fish_seen_subcommand_from verify change' -a 'verify change'
+complete -c qpx -n '__fish_seen_subcommand_from trace' -F
+complete -c qpx -n '__fish_seen_subcommand_from trace' -l slow -x
+complete -c qpx -n '__fish_seen_subcommand_from trace' -l failed
+complete -c qpx -n '__fish_seen_subcommand_from trace' -l all
+complete -c qpx -n '__fish_seen_subcommand_from trace' -l call -x
+complete -c qpx -n '__fish_seen_subcommand_from trace' -l data
+complete -c qpx -n '__fish_seen_subcommand_from trace' -l connection -x
+complete -c qpx -n '__fish_seen_subcommand_from trace' -s f -l follow

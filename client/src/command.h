@@ -38,6 +38,7 @@ void declareLoad(CLI::App& app, Command& chosen);
 void declarePassword(CLI::App& app, Command& chosen);
 void declarePing(CLI::App& app, Command& chosen);
 void declareSystems(CLI::App& app, Command& chosen);
+void declareTrace(CLI::App& app, Command& chosen);
 
 // One line of JSON on standard output.
 void print(const Json& json);

@@ -95,6 +95,7 @@ int run(int argc, char** argv)
     declarePassword(app, chosen);
     declarePing(app, chosen);
     declareLoad(app, chosen);
+    declareTrace(app, chosen);
     declareDoctor(app, chosen);
     declareCodes(app, chosen);
     try {

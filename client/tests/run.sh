@@ -77,14 +77,15 @@ HelpShowsEveryCommandTheExitCodesAndExamples() {
     expect_code 0
     expect_nothing err
     local text
-    for text in call channel systems password ping load codes doctor "Exit codes:" "Examples:" --json; do
+    for text in call channel systems password ping load trace codes doctor "Exit codes:" "Examples:" --json; do
         expect_text out "$text"
     done
 }
 
 HelpOfEveryCommandHasExamples() {
     local command
-    for command in call channel systems "password verify" "password change" ping load codes doctor; do
+    for command in call channel systems "password verify" "password change" ping load trace codes \
+        doctor; do
         # shellcheck disable=SC2086 # a command of two words
         run "$QPX" $command --help
         expect_code 0
@@ -897,8 +898,8 @@ FishCompletesCommandsOptionsAndTheirValues() {
 # "COMMAND OPTION" for each long option that the help of a command has.
 options_of_the_help() {
     local command
-    for command in '' call channel systems "password verify" "password change" ping load codes \
-        doctor; do
+    for command in '' call channel systems "password verify" "password change" ping load trace \
+        codes doctor; do
         # shellcheck disable=SC2086 # a command of two words
         run "$QPX" $command --help
         expect_code 0
@@ -971,6 +972,385 @@ TEXT
     run readelf -d "$FOLDER/root/usr/bin/qpx"
     expect_text out libqpxclient.so.10
     expect_no_text out PATH
+}
+
+# ---- trace ---------------------------------------------------------------------------------------
+
+# Runs qpx with the library's trace at this level, which goes to trace of $FOLDER.
+traced() {
+    local level=$1
+    shift
+    run env QPX_CLIENT_TRACE_LEVEL="$level" QPX_CLIENT_TRACE_FILE="$FOLDER/trace" \
+        QPX_CLIENT_DATA_LENGTH=0 "$QPX" --port "$GATEWAY_PORT" "$@"
+}
+
+# That out is what stands on standard input, but for what differs from run to run: times, processes,
+# threads, addresses, and the number of lines. Blanks count once.
+expect_trace() {
+    cat >"$FOLDER/expected"
+    sed -E -e "s/:${GATEWAY_PORT:-none}\b/:PORT/" -e 's/[0-9-]*T?[0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{3}/TIME/g' \
+        -e 's/^( +[0-9]+  )TIME +[0-9]+  0x[0-9A-F]{8}/\1TIME PID THREAD/' -e 's/\b[0-9]+ ms/N/g' \
+        -e 's/^ +[0-9]+  0x[0-9A-F]{8}/  AT THREAD/' -e 's/^  TIME  0x[0-9A-F]{8}/  TIME THREAD/' -e 's/process [0-9]+/process PID/' \
+        -e 's/(token|receiver) 0x[0-9a-fA-F]+/\1 X/g' -e 's/; [0-9]+ lines/; N lines/' \
+        -e 's/("(process|milliseconds|gateway|library|lines)"):[0-9]+/\1:N/g' -e 's/"0x[0-9a-fA-F]+"/"X"/g' \
+        -e 's/ +/ /g' "$FOLDER/out" >"$FOLDER/out.seen"
+    expect_same "$FOLDER/expected" "$FOLDER/out.seen"
+}
+
+a_trace_with_a_unit() {
+    gateway
+    printf '%s\n' 'ECHO text one' 'ECHO text two' >"$FOLDER/unit"
+    traced 4 call --unit unit
+    expect_code 0
+}
+
+TraceShowsCallsAsATable() {
+    a_trace_with_a_unit
+    run "$QPX" trace trace
+    expect_code 0
+    expect_nothing err
+    expect_trace <<'TEXT'
+CALL TIME PROCESS THREAD CONN TOTAL GATEWAY LIBRARY RESULT WHAT
+ 1 TIME PID THREAD 1 N N N ok open 127.0.0.1:PORT
+ 2 TIME PID THREAD 1 N N N ok call ECHO, in a unit
+ 3 TIME PID THREAD 1 N N N ok call ECHO, in a unit
+ 4 TIME PID THREAD 1 N N N ok commit
+ 5 TIME PID THREAD 1 N - N ok close
+connection 1: process PID, 127.0.0.1:PORT, token X, receiver X, 5 calls, closed by API
+5 calls, 0 failed, 0 without an end; N lines, level 4
+TEXT
+}
+
+TraceNamesNoProgramsAtLevel3() {
+    gateway
+    traced 3 call ECHO --text hello
+    run "$QPX" trace trace
+    expect_code 0
+    expect_trace <<'TEXT'
+CALL TIME PROCESS THREAD CONN TOTAL GATEWAY LIBRARY RESULT WHAT
+ 1 TIME PID THREAD 1 N N N ok open 127.0.0.1:PORT
+ 2 TIME PID THREAD 1 N N N ok call
+ 3 TIME PID THREAD 1 N - N ok close
+connection 1: process PID, 127.0.0.1:PORT, token X, receiver X, 3 calls, closed by API
+3 calls, 0 failed, 0 without an end; N lines, level 3
+TEXT
+}
+
+TraceTellsWhatLevel2Has() {
+    gateway
+    traced 2 call ECHO --text hello
+    run "$QPX" trace trace
+    expect_code 0
+    expect_trace <<'TEXT'
+CALL TIME PROCESS THREAD CONN TOTAL GATEWAY LIBRARY RESULT WHAT
+ 1 TIME PID THREAD 1 N - - ? call
+connection 1: process PID, 127.0.0.1:PORT, token X, 1 call
+1 calls, 0 failed, 0 without an end; N lines, level 2
+At this level calls are not named, and have no results: that takes level 3.
+TEXT
+}
+
+TraceTellsWhatLevel1Has() {
+    gateway
+    traced 1 call ABEND --text BOOM
+    run "$QPX" trace trace
+    expect_code 0
+    expect_trace <<'TEXT'
+CALL TIME PROCESS THREAD CONN TOTAL GATEWAY LIBRARY RESULT WHAT
+failures outside of calls:
+ TIME THREAD [3035] *EXC* clapi_gwycon.receiverThread() Gateway returned ECI error, rc=-7 (ECI_ERR_TRANSACTION_ABEND)
+0 calls, 0 failed, 0 without an end; N lines, level 1
+At this level calls are not named, and have no results: that takes level 3.
+TEXT
+}
+
+TraceShowsFailedCallsAndWhy() {
+    gateway
+    traced 4 call ABEND --text BOOM
+    traced 4 call ECHO --text hello
+    run "$QPX" trace --failed trace
+    expect_code 0
+    expect_trace <<'TEXT'
+CALL TIME PROCESS THREAD CONN TOTAL GATEWAY LIBRARY RESULT WHAT
+ 2 TIME PID THREAD 1 N N N ECI_ERR_TRANSACTION_ABEND BOOM call ABEND
+ [3035] *EXC* clapi_gwycon.receiverThread() Gateway returned ECI error, rc=-7 (ECI_ERR_TRANSACTION_ABEND)
+connection 1: process PID, 127.0.0.1:PORT, token X, receiver X, 3 calls, 1 failed, closed by API
+connection 2: process PID, 127.0.0.1:PORT, token X, receiver X, 3 calls, closed by API
+7 calls, 1 failed, 0 without an end; N lines, level 4
+TEXT
+}
+
+TraceMeasuresTheTimeAtTheGateway() {
+    script <<<'[[on]]
+answer = { text = "late", delay = "300ms" }'
+    traced 3 call ECHO --text hello
+    run "$QPX" trace --json --slow 300 trace
+    expect_code 0
+    python3 - "$FOLDER/out" <<'PYTHON' || fail "other times"
+import json, sys
+lines = [json.loads(line) for line in open(sys.argv[1])]
+call = [line for line in lines if line.get("function") == "QPX_ECI_Execute"][0]
+assert call["gateway"] >= 299, call
+assert call["milliseconds"] == call["gateway"] + call["library"], call
+PYTHON
+    run "$QPX" trace --slow 1000000 trace
+    expect_code 0
+    expect_no_text out '  ok  '
+}
+
+TraceTellsWhoseReplyItWasWhereSeveralCallsAreOnTheirWay() {
+    gateway --misbehave reverse=4@program:ECHO
+    traced 4 load ECHO --window 4 --count 4
+    expect_code 0
+    run "$QPX" trace --connection 1 trace
+    expect_code 0
+    grep -oE 'call [0-9]+ is (sent|answered)' "$FOLDER/out" | sort -k 4,4r -k 2,2n >"$FOLDER/seen"
+    printf 'call %s is sent\n' 1 2 3 4 5 >"$FOLDER/wanted"
+    printf 'call %s is answered\n' 1 2 3 4 5 >>"$FOLDER/wanted"
+    expect_same "$FOLDER/wanted" "$FOLDER/seen"
+    grep -oE 'call [0-9]+ is answered' "$FOLDER/out" | grep -oE '[0-9]+' | tr '\n' ' ' >"$FOLDER/order"
+    [[ $(cat "$FOLDER/order") == "1 5 4 3 2 " ]] || fail "answered in the order $(cat "$FOLDER/order")"
+}
+
+TraceShowsTheLinesOfACallWithThoseOfItsReply() {
+    gateway
+    traced 4 call ECHO --text "Hello, trace"
+    run "$QPX" trace --call 2 --data trace
+    expect_code 0
+    expect_text out 'call ECHO, process '
+    local text
+    for text in '[1500] ENTRY  API.QPX_ECI_Execute(' '[2526] DATA   clapi_socketbuffer.flushBuffer()' \
+        '[2061] ENTRY  clapi_gwytok.slotLookup(' '[1506] EXIT   API.QPX_ECI_Execute() rc=0 (QPX_OK)' \
+        ': 48656C6C 6F2C2074 72616365          : Hello, trace'; do
+        expect_text out "$text"
+    done
+    expect_no_text out QPX_openRemote
+    expect_no_text out QPX_close
+    run "$QPX" trace --call 2 trace
+    expect_no_text out ': Hello, trace'
+    run "$QPX" trace --call 4 trace
+    expect_complaint 1 'qpx: there is no call 4, the last is 3'
+}
+
+TraceShowsWhatHappenedToAConnection() {
+    gateway --misbehave drop@program:ECHO
+    traced 3 call ECHO --text hello
+    run "$QPX" trace --connection 1 trace
+    expect_code 0
+    expect_text out '  is lost'
+    # When the call learns of it is another matter than when the receiver ends.
+    grep -vE 'EXC|  is lost' "$FOLDER/out" >"$FOLDER/without" && mv "$FOLDER/without" "$FOLDER/out"
+    expect_trace <<'TEXT'
+127.0.0.1:PORT, process PID, token X
+ AT THREAD call 1 begins: open 127.0.0.1:PORT
+ AT THREAD call 1 is sent
+ AT THREAD call 1 is answered
+ AT THREAD call 1 ends: open 127.0.0.1:PORT, ok
+ AT THREAD call 2 begins: call
+ AT THREAD call 2 is sent
+ AT THREAD call 2 ends: call, QPX_ERR_LOSTGWCON
+ AT THREAD call 4 begins: purge
+ AT THREAD call 4 ends: purge, ok
+TEXT
+    run "$QPX" trace --connection 2 trace
+    expect_complaint 1 'qpx: there is no connection 2, the last is 1'
+}
+
+# A line of a trace: its second, process and thread, and the rest.
+trace_line() {
+    printf '22/11/26 19:00:%02d:000 [0x%08X,0x%08X] %s\n' "$1" "$2" "$3" "$4"
+}
+
+TraceReadsSeveralFilesInOneOrder() {
+    local exit='[1028] EXIT   API.QPX_listSystems() rc=0 (QPX_OK)'
+    trace_line 1 1 7 '[1017] ENTRY  API.QPX_listSystems(gwTok=0x5000, Systems=0x1, List=0x2)' >"$FOLDER/a"
+    trace_line 4 1 7 "$exit" >>"$FOLDER/a"
+    trace_line 2 2 7 '[1017] ENTRY  API.QPX_listSystems(gwTok=0x5000, Systems=0x1, List=0x2)' >"$FOLDER/b"
+    trace_line 3 2 7 "$exit" >>"$FOLDER/b"
+    trace_line 5 1 7 '[1017] ENTRY  API.QPX_listSystems(gwTok=0x5000, Systems=0x1, List=0x2)' >>"$FOLDER/b"
+    run "$QPX" trace b a
+    expect_code 0
+    expect_exactly out <<'TEXT'
+CALL  TIME          PROCESS  THREAD      CONN     TOTAL   GATEWAY   LIBRARY  RESULT  WHAT
+   1  19:00:01.000        1  0x00000007     1   3000 ms         -   3000 ms  ok      list systems
+   2  19:00:02.000        2  0x00000007     2   1000 ms         -   1000 ms  ok      list systems
+   3  19:00:05.000        1  0x00000007     1         -         -         -  no end  list systems
+connection 1: process 1, opened before the trace, token 0x5000, 2 calls
+connection 2: process 2, opened before the trace, token 0x5000, 1 call
+3 calls, 0 failed, 1 without an end; 5 lines
+TEXT
+}
+
+TraceFollowsAFileThatGrows() {
+    local rows pid code=0 row
+    local entry='[1017] ENTRY  API.QPX_listSystems(gwTok=0x5000, Systems=0x1, List=0x2)'
+    : >"$FOLDER/trace"
+    mkfifo "$FOLDER/rows"
+    exec {rows}<>"$FOLDER/rows"
+    "$QPX" trace --follow "$FOLDER/trace" >"$FOLDER/rows" 2>"$FOLDER/err" &
+    pid=$!
+    read -r -u "$rows" row # the head
+    trace_line 1 1 7 "$entry" >>"$FOLDER/trace"
+    trace_line 2 1 7 '[1028] EXIT   API.QPX_listSystems() rc=-102 (QPX_ERR_LOSTGWCON)' >>"$FOLDER/trace"
+    read -r -u "$rows" row
+    [[ $row == *"1000 ms  QPX_ERR_LOSTGWCON  list systems" ]] || fail "shows $row"
+    trace_line 3 1 7 "$entry" >>"$FOLDER/trace"
+    trace_line 4 1 7 '[1028] EXIT   API.QPX_listSystems() rc=0 (QPX_OK)' >>"$FOLDER/trace"
+    read -r -u "$rows" row
+    [[ $row == *"1000 ms  ok      list systems" ]] || fail "shows $row"
+    : >"$FOLDER/trace" # emptied in place
+    trace_line 5 1 7 "$entry" >>"$FOLDER/trace"
+    trace_line 7 1 7 '[1028] EXIT   API.QPX_listSystems() rc=0 (QPX_OK)' >>"$FOLDER/trace"
+    read -r -u "$rows" row
+    [[ $row == *"2000 ms  ok      list systems" ]] || fail "shows $row"
+    kill -INT "$pid"
+    wait "$pid" || code=$?
+    [[ $code == 0 ]] || fail "exit code $code"
+    read -r -u "$rows" row
+    read -r -u "$rows" row
+    [[ $row == "3 calls, 1 failed, 0 without an end; 6 lines" ]] || fail "ends with $row"
+}
+
+# The daemon refuses them all; what matters is that they travel.
+TraceNeverShowsAPassword() {
+    gateway
+    run env QPX_CLIENT_TRACE_LEVEL=5 QPX_CLIENT_TRACE_FILE="$FOLDER/trace" QPX_CLIENT_DATA_LENGTH=0 \
+        "$PROGRAMS/tests/qpx_random_passwords" 127.0.0.1 "$GATEWAY_PORT" 500
+    expect_code 0
+    mv "$FOLDER/out" "$FOLDER/words"
+    [[ $(wc -l <"$FOLDER/words") == 1500 ]] || fail "not all passwords are there"
+    run "$QPX" trace --connection 1 --data trace
+    expect_code 0
+    [[ $(grep -c 'ESI_ERR\|ECI_ERR' "$FOLDER/out") -ge 500 ]] || fail "not all calls are there"
+    expect_text out ': ....FRED'
+    cat "$FOLDER/out" >"$FOLDER/all"
+    run "$QPX" trace --connection 1 --data --json trace
+    expect_code 0
+    cat "$FOLDER/out" >>"$FOLDER/all"
+    cut -d ' ' -f 1 "$FOLDER/words" | grep -F -f - "$FOLDER/all" && fail "a password is there"
+    # Digits of dumps, without the blanks between them, both as they are and as they travel.
+    sed -E 's/^.*0x[0-9a-f]+: //; s/ : .*//; s/ //g' "$FOLDER/all" | tr -d '\n' >"$FOLDER/digits"
+    tr ' ' '\n' <"$FOLDER/words" | grep -vE '^.{8}$' | grep -oF -f - "$FOLDER/digits" && fail "a password is there"
+    return 0
+}
+
+# A file of which the library has hidden nothing: digits BD in the place of each asterisk.
+TraceHidesPasswordsThatAFileHas() {
+    gateway
+    run env QPX_CLIENT_TRACE_LEVEL=5 QPX_CLIENT_TRACE_FILE="$FOLDER/trace" QPX_CLIENT_DATA_LENGTH=0 \
+        "$PROGRAMS/tests/qpx_random_passwords" 127.0.0.1 "$GATEWAY_PORT" 1
+    expect_code 0
+    sed -i -E '/^0x/ { s/2A/BD/g; s/\*/=/g }' "$FOLDER/trace"
+    [[ $(grep -c BDBD "$FOLDER/trace") -ge 4 ]] || fail "there is none to hide"
+    run "$QPX" trace --connection 1 --data trace
+    expect_code 0
+    expect_text out '2A2A2A'
+    expect_no_text out BD
+    # Where a dump does not begin at the beginning, a password may be anywhere in it.
+    sed -i 's/, offset=0/, offset=8/' "$FOLDER/trace"
+    run "$QPX" trace --connection 1 --data trace
+    expect_code 0
+    sed -n '/2526/,/^ *[0-9]* *0x[0-9A-F]* /p' "$FOLDER/out" | grep -E 'BDBD' && fail "shown from an offset on"
+    return 0
+}
+
+TraceRefusesWhatIsNoTrace() {
+    : >"$FOLDER/empty"
+    run "$QPX" trace empty
+    expect_complaint 1 'qpx: empty is empty'
+    printf 'port = 5770\n' >"$FOLDER/foreign"
+    run "$QPX" trace foreign
+    expect_complaint 1 'qpx: foreign is no trace of the library'
+    head -c 3000000 /dev/zero >"$FOLDER/zeros"
+    run "$QPX" trace zeros
+    expect_complaint 1 'qpx: zeros is no trace of the library'
+    run "$QPX" trace none
+    expect_complaint 1 'qpx: none: No such file or directory'
+    run "$QPX" trace .
+    expect_complaint 1 'qpx: .: Is a directory'
+}
+
+TraceTellsWhatIsMissingOrForeignInAFile() {
+    a_trace_with_a_unit
+    local lines
+    lines=$(wc -l <"$FOLDER/trace")
+    {
+        head -n 100 "$FOLDER/trace"
+        printf 'something else\n*** 1234 bytes of trace lost ***\n'
+        tail -n +101 "$FOLDER/trace" | head -c -20
+    } >"$FOLDER/broken"
+    run "$QPX" trace broken
+    expect_code 0
+    expect_exactly err <<'TEXT'
+qpx: broken: line 101 is of no trace
+qpx: broken: 1234 bytes are missing: the library could not write them
+qpx: broken: ends within a line
+TEXT
+    # Its first half only: the last call has no end.
+    head -n "$((lines * 6 / 10))" "$FOLDER/trace" >"$FOLDER/half"
+    run "$QPX" trace half
+    expect_code 0
+    expect_text out 'no end'
+    expect_text out '1 without an end'
+    # Its second half: the first call has no beginning.
+    tail -n "$((lines * 6 / 10))" "$FOLDER/trace" >"$FOLDER/half"
+    run "$QPX" trace half
+    expect_code 0
+    grep -qE '^   1  - ' "$FOLDER/out" || fail "the beginning is known"
+    expect_text out 'opened before the trace'
+}
+
+# Whatever a trace is cut to, and in whatever order its lines are, it is read.
+TraceReadsWhatIsCutOrMixed() {
+    a_trace_with_a_unit
+    local size at
+    size=$(stat -c %s "$FOLDER/trace")
+    for at in 1 2 3 5 8 13 21 34 55 89 144; do
+        head -c "$((size * at / 145))" "$FOLDER/trace" >"$FOLDER/piece"
+        run "$QPX" trace --connection 1 --data piece
+        [[ $CODE == 0 || ($CODE == 1 && $(cat "$FOLDER/err") == *"there is no connection 1"*) ]] ||
+            fail "exit code $CODE at $at"
+        shuf --random-source=<(yes "$at") "$FOLDER/trace" >"$FOLDER/mixed"
+        run "$QPX" trace --json --all mixed
+        expect_code 0
+        tail -n 1 "$FOLDER/out" | grep -q '^{"calls":' || fail "no end at $at"
+        tr "\\$((at % 8 + 60))" '\377' <"$FOLDER/trace" >"$FOLDER/changed"
+        run "$QPX" trace --all changed
+        [[ $CODE == 0 || $CODE == 1 ]] || fail "exit code $CODE when changed by $at"
+    done
+}
+
+TraceWritesJson() {
+    gateway
+    traced 4 call ABEND --text BOOM
+    run "$QPX" trace --json trace
+    expect_code 0
+    expect_nothing err
+    expect_trace <<'TEXT'
+{"call":1,"time":"TIME","process":N,"thread":"X","connection":1,"function":"QPX_openRemoteGatewayConnectionApplid","what":"open 127.0.0.1:PORT","ended":true,"code":0,"name":"QPX_OK","milliseconds":N,"gateway":N,"library":N}
+{"call":2,"time":"TIME","process":N,"thread":"X","connection":1,"function":"QPX_ECI_Execute","what":"call ABEND","ended":true,"code":-7,"name":"ECI_ERR_TRANSACTION_ABEND","milliseconds":N,"gateway":N,"library":N,"failures":["[3035] *EXC* clapi_gwycon.receiverThread() Gateway returned ECI error, rc=-7 (ECI_ERR_TRANSACTION_ABEND)"]}
+{"call":4,"time":"TIME","process":N,"thread":"X","connection":1,"function":"QPX_purgeGatewayConnection","what":"purge","ended":true,"code":0,"name":"QPX_OK","milliseconds":N,"gateway":null,"library":N}
+{"calls":4,"failed":1,"unended":0,"lines":N,"level":4,"connections":[{"connection":1,"process":N,"token":"X","place":"127.0.0.1:PORT","receiver":"X","opened":"TIME","closed":"TIME","closing":"by API","calls":3,"failed":1}],"strays":[]}
+TEXT
+}
+
+TraceReadsStandardInput() {
+    gateway
+    traced 3 call ECHO --text hello
+    CODE=0
+    "$QPX" trace - <"$FOLDER/trace" >"$FOLDER/out" 2>"$FOLDER/err" || CODE=$?
+    expect_code 0
+    expect_text out '3 calls, 0 failed'
+}
+
+TraceRefusesWrongArguments() {
+    expect_usage 'files is required; "qpx --help" shows what there is' trace
+    expect_usage '--slow is a number from 0 to 1000000000, not x' trace --slow x file
+    expect_usage '--call is a number from 1 to 2000000000, not 0' trace --call 0 file
+    expect_usage 'either --call or --connection' trace --call 1 --connection 1 file
+    expect_usage '--follow shows the table, neither --call nor --connection' trace --follow --call 1 file
+    expect_usage '--follow takes files, not standard input' trace --follow -
+    expect_usage '--data is for --call and --connection' trace --data file
 }
 
 # ---- doctor --------------------------------------------------------------------------------------

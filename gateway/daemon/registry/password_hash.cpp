@@ -39,12 +39,6 @@ private:
 
 } // namespace
 
-bool isHashable(const std::string& password)
-{
-    return !password.empty() && password.size() <= kLongestPassword &&
-           password.find('\0') == std::string::npos;
-}
-
 std::string hashOf(const std::string& password)
 {
     char setting[CRYPT_GENSALT_OUTPUT_SIZE];

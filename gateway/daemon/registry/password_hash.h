@@ -11,7 +11,11 @@ namespace registry {
 constexpr std::size_t kLongestPassword = 511;
 
 // True for 1 to kLongestPassword bytes without a NUL among them.
-bool isHashable(const std::string& password);
+inline bool isHashable(const std::string& password)
+{
+    return !password.empty() && password.size() <= kLongestPassword &&
+           password.find('\0') == std::string::npos;
+}
 
 // A hash of a hashable password, with a new salt. Throws std::system_error.
 std::string hashOf(const std::string& password);

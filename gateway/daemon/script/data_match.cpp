@@ -3,9 +3,8 @@
 #include <algorithm>
 #include <stdexcept>
 
-#include <re2/re2.h>
-
 #include "conf/section.h"
+#include "script/pattern.h"
 #include "standin/wire.h"
 #include "text/code_page.h"
 
@@ -19,23 +18,10 @@ namespace {
 
 constexpr std::size_t kLongestText = 1024 * 1024;
 constexpr std::int64_t kLargestOffset = 16 * 1024 * 1024;
-constexpr std::int64_t kPatternMemory = 1024 * 1024;
 
 bool isPadding(std::uint8_t byte, const Bytes& blank)
 {
     return byte == 0 || std::find(blank.begin(), blank.end(), byte) != blank.end();
-}
-
-std::shared_ptr<const re2::RE2> patternIn(const Value& value)
-{
-    const std::string text = conf::textIn(value, "pattern", kLongestText);
-    re2::RE2::Options options;
-    options.set_log_errors(false);
-    options.set_dot_nl(true);
-    options.set_max_mem(kPatternMemory);
-    auto pattern = std::make_shared<const re2::RE2>(text, options);
-    if (!pattern->ok()) conf::complain(value, "pattern is no regular expression that can be used");
-    return pattern;
 }
 
 // What text is converted from and to; data whose CCSID says nothing is taken as usual.
@@ -101,7 +87,9 @@ DataMatch::Item DataMatch::itemFrom(const Value& table, const std::string& name)
     item.length = section.number("length", 0, kLargestOffset);
     item.text = section.text("text", kLongestText);
     if (const Value* const hex = section.find("hex")) item.bytes = hexIn(*hex, "hex");
-    if (const Value* const pattern = section.find("pattern")) item.pattern = patternIn(*pattern);
+    if (const Value* const pattern = section.find("pattern")) {
+        item.pattern = Pattern::read(conf::textIn(*pattern, "pattern", kLongestText), *pattern);
+    }
     const int kinds = (item.text ? 1 : 0) + (item.bytes ? 1 : 0) + (item.pattern ? 1 : 0);
     if (kinds > 1) conf::complain(table, name + " has more than one of text, hex and pattern");
     if (kinds == 0 && !item.length)
@@ -160,7 +148,7 @@ bool DataMatch::hasPattern(const Item& item, const Bytes& data, std::int32_t ccs
     }
     const std::size_t end = text.find_last_not_of(std::string(" \0", 2));
     text.resize(end == std::string::npos ? 0 : end + 1);
-    return re2::RE2::PartialMatch(text, *item.pattern);
+    return item.pattern->isIn(text);
 }
 
 } // namespace script

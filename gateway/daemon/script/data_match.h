@@ -14,11 +14,9 @@
 #include "conf/value.h"
 #include "standin/messages.h"
 
-namespace re2 {
-class RE2;
-}
-
 namespace script {
+
+class Pattern;
 
 // What text is in when nothing else is said.
 constexpr std::int32_t kUsualCcsid = 819;
@@ -39,7 +37,7 @@ private:
         std::optional<std::size_t> at; // nothing: all of the data
         std::optional<std::string> text;
         std::optional<standin::Bytes> bytes;
-        std::shared_ptr<const re2::RE2> pattern;
+        std::shared_ptr<const Pattern> pattern;
         std::optional<std::int32_t> ccsid;                      // nothing: that of the data
         mutable std::map<std::int32_t, standin::Bytes> encoded; // the text, by CCSID
     };

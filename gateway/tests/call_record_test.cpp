@@ -70,6 +70,32 @@ TEST_F(ACallRecord, TellsWhatCameAndWhatWent)
     EXPECT_TRUE(record.faults.empty());
 }
 
+TEST(AnArrival, IsToldBeforeItsProgramRunsAndHasNothingOfAnAnswer)
+{
+    std::vector<CallRecord> arrivals;
+    std::vector<std::size_t> arrivedAtCalls;
+    GatewayOptions options;
+    options.arrivals = [&](const CallRecord& call) { arrivals.push_back(call); };
+    Gateway gateway(options);
+    gateway.setReply("ECHO", [&](const EciRequest& request) {
+        arrivedAtCalls.push_back(arrivals.size());
+        return EciReply::to(request);
+    });
+    Client client(gateway.port());
+    ASSERT_TRUE(client.shakeHands());
+    client.call(3, echo());
+    client.send(requestWithPassword(4));
+    ASSERT_TRUE(client.read());
+    gateway.stop();
+    EXPECT_EQ((std::vector<std::size_t>{1, 2}), arrivedAtCalls);
+    ASSERT_EQ(2U, arrivals.size());
+    EXPECT_EQ(1U, arrivals[0].number);
+    EXPECT_EQ("FRED", arrivals[0].eci.value().userId);
+    EXPECT_FALSE(arrivals[0].eciReply);
+    EXPECT_EQ(2U, arrivals[1].number);
+    EXPECT_EQ("", arrivals[1].eci.value().password);
+}
+
 TEST_F(ACallRecord, HasNoPassword)
 {
     client.send(requestWithPassword(1));

@@ -68,6 +68,7 @@ struct GatewayOptions {
     std::vector<SystemEntry> systems;    // what a system list query is answered with
     std::size_t mostUnitsOfWork = 10000; // open at once; another one is refused with vornRc -16
     CallObserver observer;               // is told of every call; empty: nobody is
+    CallObserver arrivals;               // the same as soon as a call has come, before its program
 };
 
 // Limit of every await function. It is generous: a test waits for the event and only fails by it.

@@ -29,7 +29,7 @@ void wipePasswords(CallRecord& record)
 
 void CallBook::begin(const ReceivedRequest& request, const std::string& problem)
 {
-    if (!observer_) return;
+    if (!observer_ && !arrivals_) return;
     Entry entry;
     entry.came = std::chrono::steady_clock::now();
     CallRecord& record = entry.record;
@@ -41,7 +41,8 @@ void CallBook::begin(const ReceivedRequest& request, const std::string& problem)
     record.esi = request.esi;
     record.problem = problem;
     wipePasswords(record);
-    entries_[request.connection].push_back(std::move(entry));
+    if (arrivals_) arrivals_(record);
+    if (observer_) entries_[request.connection].push_back(std::move(entry));
 }
 
 CallBook::Entry* CallBook::find(int connection, std::int32_t messageId)

@@ -1,4 +1,4 @@
-// The calls that are under way, for the observer of a Gateway. Without one nothing is kept.
+// The calls that are under way, for the observers of a Gateway. Without one nothing is kept.
 //
 // Thread: the Gateway's thread only.
 #ifndef STANDIN_CALL_BOOK_H
@@ -18,7 +18,11 @@ namespace standin {
 
 class CallBook {
 public:
-    explicit CallBook(CallObserver observer) : observer_(std::move(observer)) {}
+    // Either may be empty.
+    CallBook(CallObserver observer, CallObserver arrivals)
+        : observer_(std::move(observer)), arrivals_(std::move(arrivals))
+    {
+    }
 
     // A request has come. With a problem it is malformed.
     void begin(const ReceivedRequest& request, const std::string& problem = {});
@@ -47,6 +51,7 @@ private:
     void tell(Entry& entry) const;
 
     CallObserver observer_;
+    CallObserver arrivals_;
     std::uint64_t lastNumber_ = 0;
     std::map<int, std::list<Entry>> entries_; // by connection, the oldest first
 };

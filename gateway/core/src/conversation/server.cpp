@@ -102,8 +102,8 @@ const char* describe(Ending ending)
 
 Server::Server(const GatewayOptions& options, std::shared_ptr<EventLoop> loop, Recorder& recorder)
     : log_(options.log), loop_(std::move(loop)), recorder_(recorder), acceptor_(loop_->context()),
-      acceptTimer_(loop_->context()), timers_(loop_->context()), calls_(options.observer),
-      runner_(options.log, options.mostUnitsOfWork)
+      acceptTimer_(loop_->context()), timers_(loop_->context()),
+      calls_(options.observer, options.arrivals), runner_(options.log, options.mostUnitsOfWork)
 {
     runner_.setListReply([systems = options.systems](const EciRequest& request) {
         return EciReply::systemList(request, systems);

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <ctime>
 #include <stdexcept>
 
 #include "log/log_text.h"
@@ -15,22 +14,6 @@ using call_json::Json;
 using standin::CallRecord;
 
 namespace {
-
-std::string timeText(std::chrono::system_clock::time_point time)
-{
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
-    const auto rest = std::chrono::duration_cast<std::chrono::microseconds>(time - seconds);
-    const std::time_t clock = std::chrono::system_clock::to_time_t(seconds);
-    std::tm local{};
-    ::localtime_r(&clock, &local);
-    char text[64];
-    const std::size_t size = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &local);
-    char zone[16];
-    const std::size_t zoneSize = std::strftime(zone, sizeof zone, "%z", &local);
-    std::string digits = std::to_string(rest.count());
-    digits.insert(0, 6 - digits.size(), '0');
-    return std::string(text, size) + "." + digits + std::string(zone, zoneSize);
-}
 
 std::string nameOfFlow(std::int32_t type)
 {
@@ -109,7 +92,7 @@ std::string lineFor(const CallRecord& call)
 {
     Json json;
     json["call"] = call.number;
-    json["time"] = timeText(call.came);
+    json["time"] = log_text::timeText(call.came);
     json["connection"] = call.connection;
     json["message"] = call.header.messageId;
     json["type"] = typeOf(call);

@@ -1,6 +1,7 @@
 #include "log/log_text.h"
 
 #include <cstdio>
+#include <ctime>
 
 namespace log_text {
 
@@ -28,6 +29,22 @@ std::string listed(const std::vector<std::string>& names)
         text += names[i];
     }
     return text;
+}
+
+std::string timeText(std::chrono::system_clock::time_point time)
+{
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
+    const auto rest = std::chrono::duration_cast<std::chrono::microseconds>(time - seconds);
+    const std::time_t clock = std::chrono::system_clock::to_time_t(seconds);
+    std::tm local{};
+    ::localtime_r(&clock, &local);
+    char text[64];
+    const std::size_t size = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &local);
+    char zone[16];
+    const std::size_t zoneSize = std::strftime(zone, sizeof zone, "%z", &local);
+    std::string digits = std::to_string(rest.count());
+    digits.insert(0, 6 - digits.size(), '0');
+    return std::string(text, size) + "." + digits + std::string(zone, zoneSize);
 }
 
 } // namespace log_text

@@ -26,8 +26,11 @@
 #include "main/options.h"
 #include "main/port_file.h"
 #include "orders/orders.h"
+#include "record/relay.h"
 #include "registry/registry.h"
 #include "registry/worker.h"
+#include "replay/replay.h"
+#include "replay/skeleton.h"
 #include "script/script_file.h"
 #include "standin/gateway.h"
 #include "standin/wipe.h"
@@ -231,19 +234,26 @@ std::unique_ptr<script::ScriptFile> openScript(const Options& options, const Log
     }
 }
 
+// The daemon takes all descriptors that it may have, which are so many.
+rlim_t takeDescriptors()
+{
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return RLIM_INFINITY;
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : RLIM_INFINITY;
+}
+
 // As many units of work as leave descriptors for everything else: each has a connection to the
-// database of its own. The daemon takes all descriptors that it may have.
+// database of its own.
 std::size_t mostUnitsOfWork()
 {
     constexpr rlim_t kOthers = 64;
     constexpr rlim_t kForEach = 4;
     constexpr rlim_t kMost = 1000;
-    rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return kMost;
-    limit.rlim_cur = limit.rlim_max;
-    ::setrlimit(RLIMIT_NOFILE, &limit);
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return kMost;
-    const rlim_t left = limit.rlim_cur > kOthers ? limit.rlim_cur - kOthers : 0;
+    const rlim_t all = takeDescriptors();
+    if (all == RLIM_INFINITY) return kMost;
+    const rlim_t left = all > kOthers ? all - kOthers : 0;
     return static_cast<std::size_t>(std::clamp<rlim_t>(left / kForEach, 1, kMost));
 }
 
@@ -259,6 +269,15 @@ std::unique_ptr<journal::Journal> openJournal(const Options& options, const Log&
                    options.journal, error.code().message());
         return nullptr;
     }
+}
+
+int complainAboutAddress(const Options& options, const std::system_error& error, const Log& log)
+{
+    log->error("cannot listen on {}:{}: {}. Choose another port with --port (0 for any free "
+               "one), or an "
+               "address of this machine with --host.",
+               options.host, options.port, error.code().message());
+    return daemon_options::kCannotListen;
 }
 
 std::unique_ptr<standin::Gateway> openGateway(const Options& options, journal::Journal* journal,
@@ -279,10 +298,7 @@ std::unique_ptr<standin::Gateway> openGateway(const Options& options, journal::J
     try {
         return std::make_unique<standin::Gateway>(gatewayOptions);
     } catch (const std::system_error& error) {
-        log->error("cannot listen on {}:{}: {}. Choose another port with --port (0 for any free "
-                   "one), or an "
-                   "address of this machine with --host.",
-                   options.host, options.port, error.code().message());
+        complainAboutAddress(options, error, log);
         return nullptr;
     }
 }
@@ -319,6 +335,76 @@ void serveUntilStopped(standin::Gateway& gateway, script::ScriptFile* script, co
     gateway.stop();
 }
 
+int complainAboutPortFile(const Options& options, const Log& log)
+{
+    log->error("cannot write the port file {}. Give a file in a directory that may be written "
+               "to, with "
+               "--port-file.",
+               options.portFile);
+    return daemon_options::kBadPortFile;
+}
+
+// Passes on and records, until SIGINT or SIGTERM has come.
+int relay(const Options& options, const Log& log, const Signals& signals)
+{
+    PortFile portFile(options.portFile);
+    takeDescriptors();
+    const record::RelayOptions relayOptions{options.host,          options.port,
+                                            options.record.host,   options.record.port,
+                                            options.record.folder, sinkInto(log)};
+    try {
+        record::Relay relay(relayOptions);
+        if (!portFile.write(relay.port())) return complainAboutPortFile(options, log);
+        log->info("ready");
+        int signal = 0;
+        do signal = signals.wait();
+        while (signal != SIGINT && signal != SIGTERM);
+        log->info("ending by signal {}", signal);
+        relay.stop();
+        return daemon_options::kStopped;
+    } catch (const record::BadFolder& error) {
+        log->error("cannot use the folder {}: {}. Give one that may be written to with --record.",
+                   options.record.folder, error.code().message());
+        return daemon_options::kBadFolder;
+    } catch (const std::system_error& error) {
+        return complainAboutAddress(options, error, log);
+    }
+}
+
+// Null: there is none, or it cannot be used, which has been told.
+std::unique_ptr<replay::Replay> openReplay(const Options& options, const Log& log)
+{
+    if (options.replay.folder.empty()) return nullptr;
+    try {
+        return std::make_unique<replay::Replay>(
+            options.replay.folder,
+            replay::Manner{options.replay.inOrder, options.replay.atRecordedSpeed}, sinkInto(log));
+    } catch (const std::system_error& error) {
+        log->error("cannot replay {}: {}. Give the folder of a recording with --replay.",
+                   options.replay.folder, error.code().message());
+    } catch (const replay::BadRecording& problem) {
+        log->error("cannot replay {}: {}. docs/gateway.md describes recordings.",
+                   options.replay.folder, problem.what());
+    }
+    return nullptr;
+}
+
+// Prints the script of a recording; the code to end with.
+int printSkeleton(const std::string& folder)
+{
+    try {
+        std::cout << replay::skeletonOf(replay::readFolder(folder)) << std::flush;
+        if (std::cout) return daemon_options::kStopped;
+        std::cerr << "qpxgatewayd: the script cannot be written\n";
+        return daemon_options::kFailed;
+    } catch (const std::system_error& error) {
+        std::cerr << "qpxgatewayd: cannot use " << folder << ": " << error.code().message() << "\n";
+    } catch (const replay::BadRecording& problem) {
+        std::cerr << "qpxgatewayd: cannot use " << folder << ": " << problem.what() << "\n";
+    }
+    return daemon_options::kBadFolder;
+}
+
 int serve(const Options& options, const Log& log, const Signals& signals)
 {
     PortFile portFile(options.portFile);
@@ -338,6 +424,9 @@ int serve(const Options& options, const Log& log, const Signals& signals)
     const std::unique_ptr<journal::Journal> journal = openJournal(options, log);
     if (journal == nullptr && !options.journal.empty()) return daemon_options::kBadJournal;
 
+    const std::unique_ptr<replay::Replay> replay = openReplay(options, log);
+    if (replay == nullptr && !options.replay.folder.empty()) return daemon_options::kBadFolder;
+
     registry::Worker worker(kMostPasswords); // outlives what gives work to it
     const std::unique_ptr<standin::Gateway> gateway = openGateway(options, journal.get(), log);
     if (gateway == nullptr) return daemon_options::kCannotListen;
@@ -349,22 +438,21 @@ int serve(const Options& options, const Log& log, const Signals& signals)
     log->info("programs: ECHO, ABEND, CHANECHO, CHANEDIT{}",
               programs ? ", LEDGER and ORDERS on " + options.database
                        : "; no LEDGER and ORDERS without --database");
+    if (replay != nullptr) replay->serve(*gateway);
     if (script != nullptr) script->serve(*gateway, asideOf(worker, *gateway));
     for (const standin::SelectedMisbehaviour& selected : options.misbehaviours) {
         gateway->misbehave(selected.misbehaviour, selected.selector);
         log->warn("misbehaving on purpose: {}", standin::nameOf(selected.misbehaviour.fault));
     }
 
-    if (!portFile.write(gateway->port())) {
-        log->error("cannot write the port file {}. Give a file in a directory that may be written "
-                   "to, with "
-                   "--port-file.",
-                   options.portFile);
-        return daemon_options::kBadPortFile;
-    }
+    if (!portFile.write(gateway->port())) return complainAboutPortFile(options, log);
 
     log->info("ready");
     serveUntilStopped(*gateway, script.get(), log, signals);
+    if (replay != nullptr) {
+        replay->stop();
+        replay->report();
+    }
     return daemon_options::kStopped;
 }
 
@@ -379,7 +467,10 @@ int main(int argc, char** argv)
         if (const int* const code = std::get_if<int>(&read)) return *code;
         const Signals signals;
         const Options& options = std::get<Options>(read);
-        return serve(options, openLog(options.logLevel), signals);
+        if (!options.recordScript.empty()) return printSkeleton(options.recordScript);
+        const Log log = openLog(options.logLevel);
+        if (!options.record.folder.empty()) return relay(options, log, signals);
+        return serve(options, log, signals);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "qpxgatewayd: %s\n", failure.what());
         return daemon_options::kFailed;

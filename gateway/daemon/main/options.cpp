@@ -34,6 +34,13 @@ Examples:
       Writes every call to calls.jsonl.
   qpxgatewayd check calls.jsonl expect.toml
       Names what is missing, unexpected or out of order there.
+  qpxgatewayd --port 5771 --record gateway.example:5770 monday
+      Passes everything on to the Gateway there and back, and writes each flow
+      to a file of its connection in the folder monday.
+  qpxgatewayd --port 5770 --replay monday
+      Answers from that recording.
+  qpxgatewayd --record-script monday
+      Prints the beginning of a script that answers as it.
   qpxgatewayd --config gateway.conf
       Takes options from a file with lines like: port=5770
 
@@ -45,7 +52,8 @@ Exit codes:
   1  unforeseen failure                 4  cannot use the database file
   2  wrong option, or unknown key       5  cannot write the port file
      in a file                          6  cannot use the registry file
-  7  cannot use the script              8  cannot open the journal)";
+  7  cannot use the script              8  cannot open the journal
+  9  cannot use a recording)";
 
 const std::map<std::string, LogLevel> kLogLevels = {
     {"debug", LogLevel::Debug},
@@ -58,6 +66,7 @@ const std::map<std::string, LogLevel> kLogLevels = {
 struct RawOptions {
     std::vector<std::string> misbehaviours;
     std::vector<std::string> systems;
+    std::vector<std::string> record;
     std::string logLevel = "info";
     bool listMisbehaviours = false;
 };
@@ -107,6 +116,28 @@ std::string complaintAboutSystem(const std::string& text)
     return "";
 }
 
+// "HOST:PORT", with brackets around an address that has colons itself. std::invalid_argument.
+RecordOptions recordFrom(const std::vector<std::string>& texts)
+{
+    const std::string& place = texts.at(0);
+    const std::size_t mark = place.rfind(':');
+    RecordOptions record;
+    if (mark != std::string::npos) {
+        record.host = place.substr(0, mark);
+        record.port = place.substr(mark + 1);
+    }
+    if (record.host.size() > 2 && record.host.front() == '[' && record.host.back() == ']')
+        record.host = record.host.substr(1, record.host.size() - 2);
+    const bool isPort = !record.port.empty() && record.port.size() < 6 &&
+                        record.port.find_first_not_of("0123456789") == std::string::npos &&
+                        std::stoi(record.port) > 0 && std::stoi(record.port) < 65536;
+    if (record.host.empty() || !isPort)
+        throw std::invalid_argument("\"" + place + "\" is not HOST:PORT");
+    record.folder = texts.at(1);
+    if (record.folder.empty()) throw std::invalid_argument("the folder has no name");
+    return record;
+}
+
 standin::SystemEntry systemFrom(const std::string& text)
 {
     const std::size_t mark = text.find('=');
@@ -146,32 +177,68 @@ void declare(CLI::App& app, Options& options, RawOptions& raw)
                        "and systems, made when it is not there; without it there is none of them")
             ->option_text("FILE")
             ->check(CLI::Validator(complaintAboutDatabase, ""));
-    app.add_option("--registry", options.registry,
-                   "Fill the registry from FILE (TOML with rules, systems, and users with their "
-                   "passwords in clear, which are hashed); needs --database")
-        ->option_text("FILE")
-        ->check(notEmpty)
-        ->needs(database);
-    app.add_option("--script", options.script,
-                   "Answer calls as FILE says (TOML), in front of all programs; it is read again "
-                   "when it changes")
-        ->option_text("FILE")
-        ->check(notEmpty);
-    app.add_option("--journal", options.journal,
-                   "Write every call as a line of JSON behind what is in FILE, - for standard "
-                   "output")
-        ->option_text("FILE")
-        ->check(notEmpty);
-    app.add_option("--system", raw.systems,
-                   "A server for the system list, behind those of the registry file; may be "
-                   "given several times")
-        ->option_text("NAME=DESCRIPTION")
-        ->allow_extra_args(false)
-        ->check(CLI::Validator(complaintAboutSystem, ""));
-    app.add_option("--misbehave", raw.misbehaviours, "Misbehave; may be given several times")
-        ->option_text("NAME[=ARG][@SELECTOR]")
-        ->allow_extra_args(false)
-        ->check(CLI::Validator(complaintAboutMisbehaviour, ""));
+    CLI::Option* const registry =
+        app.add_option(
+               "--registry", options.registry,
+               "Fill the registry from FILE (TOML with rules, systems, and users with their "
+               "passwords in clear, which are hashed); needs --database")
+            ->option_text("FILE")
+            ->check(notEmpty)
+            ->needs(database);
+    CLI::Option* const script =
+        app.add_option(
+               "--script", options.script,
+               "Answer calls as FILE says (TOML), in front of all programs; it is read again "
+               "when it changes")
+            ->option_text("FILE")
+            ->check(notEmpty);
+    CLI::Option* const journal =
+        app.add_option("--journal", options.journal,
+                       "Write every call as a line of JSON behind what is in FILE, - for standard "
+                       "output")
+            ->option_text("FILE")
+            ->check(notEmpty);
+    CLI::Option* const system =
+        app.add_option("--system", raw.systems,
+                       "A server for the system list, behind those of the registry file; may be "
+                       "given several times")
+            ->option_text("NAME=DESCRIPTION")
+            ->allow_extra_args(false)
+            ->check(CLI::Validator(complaintAboutSystem, ""));
+    CLI::Option* const misbehave = app.add_option("--misbehave", raw.misbehaviours,
+                                                  "Misbehave; may be given several times")
+                                       ->option_text("NAME[=ARG][@SELECTOR]")
+                                       ->allow_extra_args(false)
+                                       ->check(CLI::Validator(complaintAboutMisbehaviour, ""));
+    CLI::Option* const record =
+        app.add_option("--record", raw.record,
+                       "Pass everything on to the Gateway at HOST:PORT and back, and write each "
+                       "flow to a file of its connection in the folder DIR")
+            ->option_text("HOST:PORT DIR")
+            ->expected(2);
+    for (CLI::Option* const other : {database, registry, script, journal, system, misbehave})
+        record->excludes(other);
+
+    CLI::Option* const replay =
+        app.add_option("--replay", options.replay.folder,
+                       "Answer every request from the recording in the folder DIR, whatever its "
+                       "order")
+            ->option_text("DIR")
+            ->check(notEmpty);
+    app.add_flag("--in-order", options.replay.inOrder,
+                 "Replay the requests of each connection in their recorded order only")
+        ->needs(replay);
+    app.add_flag("--recorded-speed", options.replay.atRecordedSpeed,
+                 "Keep each answer that is replayed as long as it took")
+        ->needs(replay);
+    CLI::Option* const recordScript =
+        app.add_option("--record-script", options.recordScript,
+                       "Print a script that answers as the recording in the folder DIR, and end")
+            ->option_text("DIR")
+            ->check(notEmpty);
+    for (CLI::Option* const other : {database, registry, script, system, record, recordScript})
+        replay->excludes(other);
+    recordScript->excludes(record);
     app.add_flag("--list-misbehaviours", raw.listMisbehaviours, "Print all misbehaviours and end");
     app.add_option("--log-level", raw.logLevel, "debug, info, warning or error (default info)")
         ->option_text("LEVEL")
@@ -189,6 +256,10 @@ std::variant<Options, int> readOptions(int argc, const char* const* argv)
     declare(app, options, raw);
     try {
         app.parse(argc, argv);
+        if (!raw.record.empty()) options.record = recordFrom(raw.record);
+    } catch (const std::invalid_argument& refusal) {
+        app.exit(CLI::ValidationError("--record", refusal.what()));
+        return kBadOptions;
     } catch (const CLI::ParseError& reason) {
         return app.exit(reason) == 0 ? kStopped : kBadOptions;
     }

@@ -25,6 +25,21 @@ enum ExitCode {
     kBadRegistry = 6,  // the registry file cannot be used for another reason
     kBadScript = 7,    // the script cannot be used
     kBadJournal = 8,   // the journal cannot be opened
+    kBadFolder = 9,    // the folder of a recording cannot be used, or what is in it
+};
+
+// A recording of what goes through to a Gateway; no folder: there is none.
+struct RecordOptions {
+    std::string host;
+    std::string port;
+    std::string folder;
+};
+
+// A recording that requests are answered from; no folder: there is none.
+struct ReplayOptions {
+    std::string folder;
+    bool inOrder = false;
+    bool atRecordedSpeed = false;
 };
 
 struct Options {
@@ -35,6 +50,9 @@ struct Options {
     std::string registry; // file that fills the registry; empty: none
     std::string journal;  // file for a line on every call, "-" for standard output; empty: none
     std::string script;   // file that says how calls are answered; empty: none
+    RecordOptions record;
+    ReplayOptions replay;
+    std::string recordScript; // folder of a recording that becomes a script; empty: none
     standin::LogLevel logLevel = standin::LogLevel::Info;
     std::vector<standin::SelectedMisbehaviour> misbehaviours;
     std::vector<standin::SystemEntry> systems;

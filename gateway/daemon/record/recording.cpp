@@ -1,0 +1,186 @@
+#include "record/recording.h"
+
+#include <fcntl.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <optional>
+#include <system_error>
+#include <utility>
+
+#include "log/log_text.h"
+
+namespace record {
+
+using call_json::Json;
+using standin::Bytes;
+using standin::SplitFlow;
+
+namespace {
+
+constexpr std::size_t kMostRoom = 1024 * 1024; // that a large flow leaves behind
+
+std::string fileName(int number)
+{
+    char name[64];
+    std::snprintf(name, sizeof name, "connection-%06d.jsonl", number);
+    return name;
+}
+
+// 0 for a file that is no recording.
+int numberOf(const std::string& name)
+{
+    int number = 0;
+    if (std::sscanf(name.c_str(), "connection-%9d.jsonl", &number) != 1) return 0;
+    return number > 0 && fileName(number) == name ? number : 0;
+}
+
+void wipe(Bytes& bytes)
+{
+    ::explicit_bzero(bytes.data(), bytes.size());
+}
+
+// Cuts bytes off the front, and leaves nothing of them behind.
+void cutOff(Bytes& bytes, std::size_t count)
+{
+    const auto end = bytes.begin() + static_cast<std::ptrdiff_t>(count);
+    const auto stale = std::move(end, bytes.end(), bytes.begin());
+    std::fill(stale, bytes.end(), std::uint8_t{0});
+    bytes.erase(stale, bytes.end());
+    if (bytes.capacity() > kMostRoom) bytes.shrink_to_fit();
+}
+
+} // namespace
+
+Folder::Folder(std::string name, standin::LogSink log)
+    : name_(std::move(name)), log_(std::move(log))
+{
+    std::error_code error;
+    std::filesystem::create_directories(name_, error);
+    if (error) throw std::system_error(error);
+    if (::access(name_.c_str(), W_OK | X_OK) != 0)
+        throw std::system_error(errno, std::generic_category());
+    std::filesystem::directory_iterator files(name_, error);
+    for (; !error && files != std::filesystem::directory_iterator(); files.increment(error))
+        last_ = std::max(last_, numberOf(files->path().filename().string()));
+    if (error) throw std::system_error(error);
+}
+
+int Folder::openNext(int& number, std::string& name)
+{
+    int descriptor = -1;
+    do {
+        number = ++last_;
+        name = (std::filesystem::path(name_) / fileName(number)).string();
+        descriptor = ::open(name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0600);
+    } while (descriptor == -1 && errno == EEXIST); // another daemon's
+    if (descriptor == -1) tell(name, errno);
+    return descriptor;
+}
+
+void Folder::tell(const std::string& file, int error)
+{
+    if (failing_ == (error != 0)) return;
+    failing_ = error != 0;
+    if (!log_) return;
+    if (error == 0) return log_(standin::LogLevel::Info, "the recording goes on with " + file);
+    log_(standin::LogLevel::Error, "cannot write the recording " + file + ": " +
+                                       std::generic_category().message(error) +
+                                       "; traffic goes on, and is missing there until it can be "
+                                       "written to");
+}
+
+Recording::Recording(Folder& folder) : folder_(folder), file_(folder.openNext(number_, name_)) {}
+
+Recording::~Recording()
+{
+    for (Stream& stream : streams_) wipe(stream.unread);
+}
+
+Json Recording::begin(Side from)
+{
+    const auto since = std::chrono::duration_cast<std::chrono::microseconds>(
+        std::chrono::steady_clock::now() - start_);
+    Json json;
+    json["connection"] = number_;
+    json["time"] = log_text::timeText(std::chrono::system_clock::now());
+    json["microseconds"] = since.count();
+    json["from"] = nameOf(from);
+    return json;
+}
+
+void Recording::write(const Json& json)
+{
+    const int error = file_.write(call_json::lineOf(json) + "\n");
+    if (error != EBADF) folder_.tell(name_, error);
+}
+
+void Recording::opened(const std::string& application, const std::string& gateway)
+{
+    Json json = begin(Side::Application);
+    json["event"] = "opened";
+    json["application"] = call_json::validText(application);
+    json["to"] = call_json::validText(gateway);
+    write(json);
+}
+
+void Recording::happened(Side from, const char* event)
+{
+    Stream& stream = streamOf(from);
+    if (!stream.unread.empty()) {
+        withhold(from, "cut short", stream.unread.size());
+        wipe(stream.unread);
+        stream.unread.clear();
+    }
+    Json json = begin(from);
+    json["event"] = event;
+    write(json);
+}
+
+void Recording::withhold(Side from, const char* what, std::size_t count)
+{
+    Json json = begin(from);
+    json["flow"] = what;
+    json["withheld"] = count;
+    write(json);
+}
+
+void Recording::passed(Side from, const std::uint8_t* bytes, std::size_t count)
+{
+    Stream& stream = streamOf(from);
+    if (!stream.isReadable) return withhold(from, "unreadable", count);
+    // No room that is given up keeps a password.
+    if (stream.unread.size() + count > stream.unread.capacity()) {
+        Bytes larger;
+        larger.reserve(2 * (stream.unread.size() + count));
+        larger.assign(stream.unread.begin(), stream.unread.end());
+        wipe(stream.unread);
+        stream.unread = std::move(larger);
+    }
+    stream.unread.insert(stream.unread.end(), bytes, bytes + count);
+    takeFlows(stream, from);
+}
+
+void Recording::takeFlows(Stream& stream, Side from)
+{
+    try {
+        while (std::optional<SplitFlow> split = standin::splitFlow(stream.unread)) {
+            Json json = begin(from);
+            fields_.put(json, *split, from);
+            wipe(split->flow.body);
+            write(json);
+            cutOff(stream.unread, split->size);
+        }
+    } catch (const standin::MalformedFlow&) {
+        stream.isReadable = false;
+        withhold(from, "unreadable", stream.unread.size());
+        wipe(stream.unread);
+        stream.unread = {};
+    }
+}
+
+} // namespace record

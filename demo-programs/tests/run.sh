@@ -823,6 +823,50 @@ FanoutShowsHelp() {
     expect_nothing err
 }
 
+run_all_programs() {
+    local with=$1
+    ledger transfers.txt
+    "$with" ledger
+    orders order.txt
+    "$with" orders
+    password Paper4boat verify ANNA
+    "$with" password
+    run "$SYSTEMS" --port "$GATEWAY_PORT"
+    "$with" systems
+    fanout --count 100
+    expect_code 0
+    expect_line out "  answered                            100"
+}
+
+# What each writes in front of a Gateway it writes again when its recording answers. The times that
+# fanout tells differ.
+ProgramsAreAnsweredFromTheirRecording() {
+    gateway_with_registry
+    record_gateway
+    run_all_programs keep_what_it_wrote
+    stop_recording
+    replay_gateway
+    run_all_programs expect_what_it_wrote
+    expect_all_replayed
+}
+
+# Without the place of the gateway, which is another one each time.
+without_its_place() {
+    sed "s/:$GATEWAY_PORT\\b/:PORT/g" "$FOLDER/out"
+}
+
+keep_what_it_wrote() {
+    without_its_place >"$FOLDER/recorded.$1"
+    [[ -s $FOLDER/recorded.$1 ]] || fail "$1 has written nothing"
+    printf '%s\n' "$CODE" >>"$FOLDER/recorded.$1"
+}
+
+expect_what_it_wrote() {
+    without_its_place >"$FOLDER/replayed"
+    printf '%s\n' "$CODE" >>"$FOLDER/replayed"
+    expect_same "$FOLDER/recorded.$1" "$FOLDER/replayed"
+}
+
 ProgramsCallForTheUserThatIsNamed() {
     gateway
     ledger --user FRED --total

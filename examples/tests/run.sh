@@ -403,6 +403,28 @@ CodePagesGoOutAndComeBackInEbcdic() {
     expect_text journal '"name":"INVOICE","change":"added","type":"char","ccsid":37'
 }
 
+# What each example writes in front of a Gateway it writes again when its recording answers.
+EachIsAnsweredFromItsRecording() {
+    gateway_with_registry
+    record_gateway
+    run_each keep_what_it_wrote
+    stop_recording
+    for file in "$FOLDER"/recorded.*; do [[ -s $file ]] || fail "$file is empty"; done
+    replay_gateway
+    run_each expect_what_it_wrote
+    expect_all_replayed
+}
+
+keep_what_it_wrote() {
+    expect_code 0
+    cp "$FOLDER/out" "$FOLDER/recorded.$1"
+}
+
+expect_what_it_wrote() {
+    expect_code 0
+    expect_same "$FOLDER/recorded.$1" "$FOLDER/out"
+}
+
 EachNamesTheErrorWithoutAGateway() {
     closed_port
     run_each expect_no_connection

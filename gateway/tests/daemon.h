@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string>
@@ -122,6 +123,20 @@ public:
             if (region.find(bytes) != std::string::npos) return true;
         }
         return false;
+    }
+
+    // Whether every thread of it waits for something at this moment.
+    bool sleeps() const
+    {
+        const std::string folder = "/proc/" + std::to_string(process_) + "/task";
+        for (const auto& thread : std::filesystem::directory_iterator(folder)) {
+            std::string line;
+            std::getline(std::ifstream(thread.path() / "stat"), line);
+            const std::size_t behindTheName = line.rfind(')');
+            if (behindTheName == std::string::npos || line.compare(behindTheName, 3, ") S") != 0)
+                return false;
+        }
+        return true;
     }
 
     // Waits for the end; the exit code, or -1 when a signal has killed the daemon.

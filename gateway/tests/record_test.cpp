@@ -29,6 +29,7 @@ using standin_test::Client;
 using standin_test::Daemon;
 using standin_test::Listener;
 using standin_test::Raw;
+using standin_test::Received;
 using standin_test::StreamPeer;
 using standin_test::TemporaryDirectory;
 using Ending = StreamPeer::Ending;
@@ -303,9 +304,12 @@ TEST_F(DaemonRecord, TakesNoMoreThanTheOtherSideDoes)
     StreamPeer application = StreamPeer::to(daemon.port());
     StreamPeer gateway = listener.accept();
     Bytes much(64 * 1024 * 1024);
-    std::mt19937 chance(7);
-    for (std::uint8_t& byte : much) byte = static_cast<std::uint8_t>(chance());
-    const std::size_t taken = application.sendWhatIsTaken(much);
+    std::uint32_t last = 7;
+    for (std::uint8_t& byte : much) {
+        last = last * 1664525U + 1013904223U;
+        byte = static_cast<std::uint8_t>(last >> 24U);
+    }
+    const std::size_t taken = application.sendWhatIsTaken(much, [&] { return daemon.sleeps(); });
     EXPECT_LT(taken, much.size() / 2);
     const Bytes rest(much.begin() + static_cast<std::ptrdiff_t>(taken), much.end());
     std::thread sender([&] { EXPECT_TRUE(application.send(rest)); });
@@ -444,7 +448,227 @@ TEST_F(DaemonRecord, HasTheLineBeforeTheApplicationHasItsAnswer)
     }
 }
 
+// ----------------------------------------------------------------------------------- misbehaviours
+
+namespace {
+
+class MisbehavingRecord : public DaemonRecord {
+protected:
+    std::vector<std::string> misbehaving(const std::vector<std::string>& faults) const
+    {
+        std::vector<std::string> options = to(gateway.port());
+        for (const std::string& fault : faults) {
+            options.push_back("--misbehave");
+            options.push_back(fault);
+        }
+        return options;
+    }
+
+    // How many answers of the Gateway are in the recording of the first connection.
+    std::size_t recordedReplies() const
+    {
+        std::size_t count = 0;
+        for (const std::string& line : lines())
+            count += line.find("\"flow\":\"reply\"") == std::string::npos ? 0 : 1;
+        return count;
+    }
+
+    standin::Gateway gateway;
+};
+
+bool ask(Client& client, int messageId)
+{
+    return client.send(standin_test::eciRequest(messageId, echo("x")));
+}
+
+} // namespace
+
+TEST_F(MisbehavingRecord, ReplacesTheAnswerThatTheGatewayHasGivenAndRecordsThat)
+{
+    Daemon daemon(misbehaving({"flow-error=61445@nth:1", "raw=47 61@nth:2"}));
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    ASSERT_TRUE(ask(client, 1));
+    const Received answer = client.read().value();
+    EXPECT_EQ(4, answer.flowType);
+    EXPECT_EQ(1, answer.messageId);
+    EXPECT_EQ(61445, answer.gatewayRc);
+    ASSERT_TRUE(ask(client, 2));
+    EXPECT_EQ((Bytes{0x47, 0x61}), client.readBytes(2));
+    EXPECT_EQ("x", client.call(3, echo("x")).commarea);
+    EXPECT_EQ(3U, gateway.requestCount());
+    EXPECT_EQ(3U, recordedReplies());
+    EXPECT_TRUE(daemon.awaitOutput("warning connection 1: request 1 misbehaving: flow-error\n"));
+}
+
+TEST_F(MisbehavingRecord, ChangesTheHeaderOfAnAnswer)
+{
+    Daemon daemon(misbehaving({"gateway-rc=61446@message:1", "unknown-message-id=7@message:2",
+                               "request-type=XYZWV@message:3", "bad-eyecatcher@message:4"}));
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    ASSERT_TRUE(ask(client, 1));
+    EXPECT_EQ(61446, client.read().value().gatewayRc);
+    ASSERT_TRUE(ask(client, 2));
+    EXPECT_EQ(7, client.read().value().messageId);
+    ASSERT_TRUE(ask(client, 3));
+    const Received typed = client.read().value();
+    EXPECT_EQ("XYZWV", typed.requestType);
+    EXPECT_EQ("x", standin_test::takeApart(typed.body).commarea);
+    ASSERT_TRUE(ask(client, 4));
+    EXPECT_EQ("Etag", standin_test::textOf(client.readBytes(4)));
+}
+
+TEST_F(MisbehavingRecord, SpoilsWhatGoesOutForAnAnswer)
+{
+    Daemon daemon(misbehaving({"duplicate@nth:1", "ping@nth:2", "truncate=40@nth:3"}));
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    ASSERT_TRUE(ask(client, 1));
+    EXPECT_EQ(1, client.read().value().messageId);
+    EXPECT_EQ(1, client.read().value().messageId);
+    ASSERT_TRUE(ask(client, 2));
+    EXPECT_EQ(7, client.read().value().flowType);
+    EXPECT_EQ(2, client.read().value().messageId);
+    ASSERT_TRUE(ask(client, 3));
+    EXPECT_EQ(40U, client.readBytes(41).size());
+    EXPECT_TRUE(gateway.awaitClosed());
+    EXPECT_EQ("\"from\":\"application\",\"event\":\"dropped\"}", said(lines().back()));
+}
+
+TEST_F(MisbehavingRecord, HoldsAnAnswerUntilSigusr1)
+{
+    Daemon daemon(misbehaving({"hold@message:1"}));
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    ASSERT_TRUE(ask(client, 1));
+    EXPECT_EQ("x", client.call(2, echo("x")).commarea); // the Gateway has answered both
+    daemon.signal(SIGUSR1);
+    EXPECT_EQ(1, client.read().value().messageId);
+    EXPECT_TRUE(daemon.awaitOutput("released 1 held answers\n"));
+    ASSERT_TRUE(ask(client, 1));
+    EXPECT_EQ(1, client.read().value().messageId);
+}
+
+TEST_F(MisbehavingRecord, SendsTheAnswersOfSeveralConnectionsTheLastOneFirst)
+{
+    Daemon daemon(misbehaving({"reverse=2", "drop@connection:2"}));
+    Client one(daemon.port());
+    ASSERT_TRUE(one.shakeHands());
+    Client two(daemon.port());
+    ASSERT_TRUE(two.shakeHands());
+    ASSERT_TRUE(ask(one, 1));
+    ASSERT_TRUE(gateway.awaitAnswers(1));
+    ASSERT_TRUE(ask(two, 5));
+    EXPECT_TRUE(two.endsInOrder());
+    EXPECT_EQ(1, one.read().value().messageId);
+}
+
+TEST_F(MisbehavingRecord, DropsAndResetsConnectionsAsTheyOpen)
+{
+    Daemon daemon(
+        misbehaving({"drop-at-connect@connection:1", "reset-at-connect@connection:2",
+                     "no-handshake-answer@connection:3", "refuse-handshake=61450@connection:4"}));
+    EXPECT_EQ(Ending::InOrder, StreamPeer::to(daemon.port()).ending());
+    EXPECT_EQ(Ending::Reset, StreamPeer::to(daemon.port()).ending());
+    EXPECT_EQ(0U, gateway.connectionCount());
+    Client three(daemon.port());
+    ASSERT_TRUE(three.send(standin_test::handshake()));
+    EXPECT_EQ("x", (ask(three, 1), standin_test::takeApart(three.read().value().body).commarea));
+    Client four(daemon.port());
+    ASSERT_TRUE(four.send(standin_test::handshake()));
+    const Received refusal = four.read().value();
+    EXPECT_EQ(-2, refusal.messageId);
+    EXPECT_EQ(61450, refusal.gatewayRc);
+}
+
+TEST_F(MisbehavingRecord, KeepsTheAnswerToACloseFlow)
+{
+    Daemon daemon(misbehaving({"no-close-answer"}));
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    ASSERT_TRUE(client.send(standin_test::closeFlow()));
+    ASSERT_TRUE(gateway.awaitCloseFlows());
+    client.closeSending();
+    EXPECT_TRUE(client.readBytes(1).empty());
+}
+
+TEST_F(MisbehavingRecord, SendsInPieces)
+{
+    Daemon daemon(misbehaving({"pieces=1@connection:2"}));
+    Client one(daemon.port());
+    ASSERT_TRUE(one.shakeHands());
+    Client two(daemon.port());
+    ASSERT_TRUE(two.shakeHands());
+    const unsigned before = two.segmentsReceived();
+    EXPECT_EQ("x", two.call(1, echo("x")).commarea);
+    EXPECT_GT(two.segmentsReceived() - before, 10U);
+    EXPECT_EQ("x", one.call(1, echo("x")).commarea);
+    EXPECT_LT(one.segmentsReceived(), 6U);
+}
+
+TEST_F(DaemonRecord, WithMisbehavioursPassesOnWhatIsNoFlowAndTakesNoMoreThanTheOtherSideDoes)
+{
+    Listener listener;
+    std::vector<std::string> options = to(listener.port());
+    options.insert(options.end(), {"--misbehave", "drop@message:1"});
+    Daemon daemon(options);
+    StreamPeer application = StreamPeer::to(daemon.port());
+    StreamPeer gateway = listener.accept();
+    ASSERT_TRUE(application.send({'a', 'b'}));
+    EXPECT_EQ((Bytes{'a', 'b'}), gateway.read(2));
+    const Bytes much(64 * 1024 * 1024, 'y');
+    const std::size_t taken = gateway.sendWhatIsTaken(much, [&] { return daemon.sleeps(); });
+    EXPECT_LT(taken, much.size() / 2);
+    std::thread sender([&] {
+        gateway.send(Bytes(much.begin() + static_cast<std::ptrdiff_t>(taken), much.end()));
+        gateway.closeSending();
+    });
+    EXPECT_TRUE(much == application.read(much.size() + 1));
+    sender.join();
+    application.closeSending();
+    EXPECT_TRUE(gateway.read(1).empty());
+    EXPECT_TRUE(daemon.awaitOutput("connection 1: closed\n"));
+}
+
+TEST_F(DaemonRecord, WithMisbehavioursPassesOnWhatIsLeftWhenAFlowIsCutShort)
+{
+    Listener listener;
+    std::vector<std::string> options = to(listener.port());
+    options.insert(options.end(), {"--misbehave", "drop@message:1"});
+    Daemon daemon(options);
+    StreamPeer application = StreamPeer::to(daemon.port());
+    StreamPeer gateway = listener.accept();
+    ASSERT_TRUE(gateway.send({'G', 'a', 't', 'e', 0x10}));
+    gateway.closeSending();
+    EXPECT_EQ((Bytes{'G', 'a', 't', 'e', 0x10}), application.read(6));
+}
+
 // ---------------------------------------------------------------------------------------- failures
+
+TEST_F(DaemonRecord, InAFolderThatGoesAwayIsComplainedAboutOnceAndHoldsUpNobody)
+{
+    standin::Gateway gateway;
+    Daemon daemon(to(gateway.port()));
+    daemon.port();
+    std::filesystem::remove(folder);
+    for (int i = 1; i <= 2; ++i) {
+        Client client(daemon.port());
+        ASSERT_TRUE(client.shakeHands());
+        EXPECT_EQ("x", client.call(i, echo("x")).commarea);
+    }
+    std::filesystem::create_directory(folder);
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    EXPECT_EQ(0, daemon.stop());
+    const std::string complaint = "error   cannot write the recording " + file(1) +
+                                  ": No such file or directory; traffic goes on";
+    const std::size_t at = daemon.output().find(complaint);
+    ASSERT_NE(std::string::npos, at) << daemon.output();
+    EXPECT_EQ(std::string::npos, daemon.output().find("cannot write", at + complaint.size()));
+    EXPECT_TRUE(daemon.wrote("the recording goes on with " + file(3))) << daemon.output();
+    EXPECT_EQ(4U, lines(3).size());
+}
 
 TEST_F(DaemonRecord, OnAFullDiskIsComplainedAboutOnceAndHoldsUpNobody)
 {

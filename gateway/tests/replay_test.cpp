@@ -222,6 +222,29 @@ TEST_F(DaemonReplay, HasMisbehavioursOnTop)
     EXPECT_EQ(40U, client.readBytes(41).size());
 }
 
+TEST_F(DaemonReplay, HasMisbehavioursInTheHeaderAndAtRecordedSpeedToo)
+{
+    recordWhat([](Client& client) { answerTo(client, 1, "100105      "); });
+    Daemon daemon(options({"--recorded-speed", "--misbehave", "gateway-rc=61446@nth:1",
+                           "--misbehave", "request-type=XYZWV@nth:2", "--misbehave", "hold@nth:3",
+                           "--misbehave", "truncate=40@nth:4"}));
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    const auto ask = [&](int id) {
+        return client.send(standin_test::eciRequest(id, price("100105      ")));
+    };
+    ASSERT_TRUE(ask(1));
+    EXPECT_EQ(61446, client.read().value().gatewayRc);
+    ASSERT_TRUE(ask(2));
+    const Received typed = client.read().value();
+    EXPECT_EQ("XYZWV", typed.requestType);
+    EXPECT_EQ("price 1", standin_test::takeApart(typed.body).commarea);
+    ASSERT_TRUE(ask(3));
+    ASSERT_TRUE(daemon.awaitOutput("request 3 misbehaving: hold\n"));
+    ASSERT_TRUE(ask(4));
+    EXPECT_EQ(40U, client.readBytes(41).size());
+}
+
 TEST_F(DaemonReplay, OfWhatIsNoRecordingEndsWithCode9AndShowsNothingOfIt)
 {
     Daemon nothing(options());

@@ -6,6 +6,7 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -57,14 +58,20 @@ public:
         return true;
     }
 
-    // Sends until all is gone or nobody takes more; how many are gone then.
-    std::size_t sendWhatIsTaken(const standin::Bytes& bytes)
+    // Sends until all is gone, or there is no room while the other end sleeps; how many are gone
+    // then.
+    template <typename Sleeps>
+    std::size_t sendWhatIsTaken(const standin::Bytes& bytes, Sleeps otherEndSleeps)
     {
-        constexpr int kPatience = 500; // milliseconds
         std::size_t done = 0;
         while (done < bytes.size()) {
+            const bool slept = otherEndSleeps();
             pollfd place{socket_, POLLOUT, 0};
-            if (::poll(&place, 1, kPatience) < 1) return done;
+            if (::poll(&place, 1, 0) < 1) {
+                if (slept && otherEndSleeps()) return done;
+                ::sched_yield();
+                continue;
+            }
             const ssize_t count = ::send(socket_, bytes.data() + done, bytes.size() - done,
                                          MSG_NOSIGNAL | MSG_DONTWAIT);
             if (count > 0) done += static_cast<std::size_t>(count);

@@ -20,7 +20,8 @@ CODE=
 source "$HERE/../../tools/gateway.sh"
 
 FOLDER=$(mktemp -d)
-trap 'stop_gateway || true; rm -rf "$FOLDER"' EXIT
+RECORDED_PID=
+trap 'stop_gateway || true; GATEWAY_PID=$RECORDED_PID; stop_gateway || true; rm -rf "$FOLDER"' EXIT
 
 run_case() {
     declare -F "$CASE" >/dev/null || fail "there is no such case"
@@ -41,6 +42,42 @@ gateway() {
 
 gateway_with_registry() {
     gateway --registry "$REGISTRY"
+}
+
+# A daemon without a database, with these options, whose port is that of the gateway from now on.
+daemon_with() {
+    local log=$1
+    shift
+    : >"$FOLDER/port.$log"
+    "$DAEMON" --port-file "$FOLDER/port.$log" "$@" >"$FOLDER/$log" 2>&1 </dev/null &
+    GATEWAY_PID=$!
+    await_port "$FOLDER/port.$log" || fail "the daemon does not start: $(cat "$FOLDER/$log")"
+}
+
+# Puts a daemon in front of the gateway that runs, which records what is said.
+record_gateway() {
+    RECORDED_PID=$GATEWAY_PID
+    daemon_with recorder.log --record "127.0.0.1:$GATEWAY_PORT" "$FOLDER/recording"
+}
+
+stop_recording() {
+    stop_gateway || fail "the recording does not stop cleanly"
+    GATEWAY_PID=$RECORDED_PID
+    RECORDED_PID=
+    stop_gateway || fail "the gateway does not stop cleanly"
+}
+
+# The recording in the place of the gateway.
+replay_gateway() {
+    daemon_with gateway.log --replay "$FOLDER/recording"
+}
+
+# Ends the replaying; every request has been answered, once.
+expect_all_replayed() {
+    local requests
+    stop_gateway || fail "the gateway does not stop cleanly"
+    requests=$(cat "$FOLDER"/recording/*.jsonl | grep -c '"flow":"request"') || fail "no requests"
+    expect_text gateway.log "replayed: $requests requests, 0 without an answer, 0 answered again; 0 of $requests recorded ones did not come"
 }
 
 # A port at which nothing listens: that of a gateway that has stopped.

@@ -344,21 +344,29 @@ int complainAboutPortFile(const Options& options, const Log& log)
     return daemon_options::kBadPortFile;
 }
 
+void warnOfMisbehaviours(const Options& options, const Log& log)
+{
+    for (const standin::SelectedMisbehaviour& selected : options.misbehaviours)
+        log->warn("misbehaving on purpose: {}", standin::nameOf(selected.misbehaviour.fault));
+}
+
 // Passes on and records, until SIGINT or SIGTERM has come.
 int relay(const Options& options, const Log& log, const Signals& signals)
 {
     PortFile portFile(options.portFile);
     takeDescriptors();
-    const record::RelayOptions relayOptions{options.host,          options.port,
-                                            options.record.host,   options.record.port,
-                                            options.record.folder, sinkInto(log)};
+    const record::RelayOptions relayOptions{
+        options.host,          options.port,  options.record.host,  options.record.port,
+        options.record.folder, sinkInto(log), options.misbehaviours};
     try {
         record::Relay relay(relayOptions);
         if (!portFile.write(relay.port())) return complainAboutPortFile(options, log);
+        warnOfMisbehaviours(options, log);
         log->info("ready");
-        int signal = 0;
-        do signal = signals.wait();
-        while (signal != SIGINT && signal != SIGTERM);
+        int signal = signals.wait();
+        for (; signal != SIGINT && signal != SIGTERM; signal = signals.wait()) {
+            if (signal == SIGUSR1) log->info("released {} held answers", relay.release());
+        }
         log->info("ending by signal {}", signal);
         relay.stop();
         return daemon_options::kStopped;
@@ -440,19 +448,15 @@ int serve(const Options& options, const Log& log, const Signals& signals)
                        : "; no LEDGER and ORDERS without --database");
     if (replay != nullptr) replay->serve(*gateway);
     if (script != nullptr) script->serve(*gateway, asideOf(worker, *gateway));
-    for (const standin::SelectedMisbehaviour& selected : options.misbehaviours) {
+    for (const standin::SelectedMisbehaviour& selected : options.misbehaviours)
         gateway->misbehave(selected.misbehaviour, selected.selector);
-        log->warn("misbehaving on purpose: {}", standin::nameOf(selected.misbehaviour.fault));
-    }
+    warnOfMisbehaviours(options, log);
 
     if (!portFile.write(gateway->port())) return complainAboutPortFile(options, log);
 
     log->info("ready");
     serveUntilStopped(*gateway, script.get(), log, signals);
-    if (replay != nullptr) {
-        replay->stop();
-        replay->report();
-    }
+    if (replay != nullptr) replay->report();
     return daemon_options::kStopped;
 }
 

@@ -205,18 +205,17 @@ void declare(CLI::App& app, Options& options, RawOptions& raw)
             ->option_text("NAME=DESCRIPTION")
             ->allow_extra_args(false)
             ->check(CLI::Validator(complaintAboutSystem, ""));
-    CLI::Option* const misbehave = app.add_option("--misbehave", raw.misbehaviours,
-                                                  "Misbehave; may be given several times")
-                                       ->option_text("NAME[=ARG][@SELECTOR]")
-                                       ->allow_extra_args(false)
-                                       ->check(CLI::Validator(complaintAboutMisbehaviour, ""));
+    app.add_option("--misbehave", raw.misbehaviours, "Misbehave; may be given several times")
+        ->option_text("NAME[=ARG][@SELECTOR]")
+        ->allow_extra_args(false)
+        ->check(CLI::Validator(complaintAboutMisbehaviour, ""));
     CLI::Option* const record =
         app.add_option("--record", raw.record,
                        "Pass everything on to the Gateway at HOST:PORT and back, and write each "
                        "flow to a file of its connection in the folder DIR")
             ->option_text("HOST:PORT DIR")
             ->expected(2);
-    for (CLI::Option* const other : {database, registry, script, journal, system, misbehave})
+    for (CLI::Option* const other : {database, registry, script, journal, system})
         record->excludes(other);
 
     CLI::Option* const replay =

@@ -3,6 +3,7 @@
 #include <string.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <exception>
 #include <utility>
 
@@ -16,6 +17,7 @@
 namespace record {
 
 using asio::ip::tcp;
+using standin::Answer;
 using standin::LogLevel;
 
 namespace {
@@ -38,6 +40,17 @@ void resetAndClose(tcp::socket& socket)
     asio::error_code ignored;
     socket.set_option(asio::socket_base::linger(true, 0), ignored);
     socket.close(ignored);
+}
+
+// Closing a socket with unread bytes would make the system send a reset.
+void closeInOrder(tcp::socket& socket)
+{
+    asio::error_code error;
+    socket.shutdown(tcp::socket::shutdown_send, error);
+    socket.non_blocking(true, error);
+    std::array<std::uint8_t, 4096> thrownAway;
+    while (!error) socket.read_some(asio::buffer(thrownAway), error);
+    socket.close(error);
 }
 
 bool hasError(tcp::socket& socket)
@@ -89,6 +102,10 @@ void Passage::start(const Gateway& gateway)
     place_ = gateway.host + ":" + gateway.port;
     log(LogLevel::Info, "accepted from " + application + ", recorded in " + recording_.file());
     recording([&] { recording_.opened(application, place_); });
+    if (victim_) {
+        const Answer::Then then = victim_->accepted();
+        if (then != Answer::Then::GoOn) return endOnPurpose(then);
+    }
     resolver_.async_resolve(gateway.host, gateway.port,
                             [self = shared_from_this()](const asio::error_code& error,
                                                         const tcp::resolver::results_type& places) {
@@ -104,6 +121,8 @@ void Passage::connect(const tcp::resolver::results_type& places)
         gateway_, places,
         [self = shared_from_this()](const asio::error_code& error, const tcp::endpoint&) {
             if (self->over_) return;
+            // A Gateway that accepts and resets at once may do both before anybody looks.
+            if (error == asio::error::connection_reset) return self->reset(Side::Gateway);
             if (error) return self->refuse(error.message());
             self->onConnected();
         });
@@ -130,6 +149,7 @@ void Passage::onConnected()
 
 void Passage::passOn(Way& way)
 {
+    if (way.isReading) return;
     way.isReading = true;
     way.in.async_read_some(
         asio::buffer(way.buffer),
@@ -146,6 +166,12 @@ void Passage::onRead(Way& way, const asio::error_code& error, std::size_t count)
     if (error == asio::error::eof) return onSourceClosed(way);
     if (error) return reset(way.from);
     recording([&] { recording_.passed(way.from, way.buffer.data(), count); });
+    if (victim_ && way.from == Side::Application) victim_->asked(way.buffer.data(), count);
+    if (victim_ && way.from == Side::Gateway) {
+        victim_->answered(way.buffer.data(), count);
+        if (!over_ && given_.empty()) onAllGiven();
+        return;
+    }
     asio::async_write(
         way.out, asio::buffer(way.buffer.data(), count),
         [self = shared_from_this(), &way](const asio::error_code& failed, std::size_t done) {
@@ -167,6 +193,12 @@ void Passage::onPassed(Way& way, const asio::error_code& error, std::size_t coun
 
 void Passage::onSourceClosed(Way& way)
 {
+    if (victim_ && way.from == Side::Gateway && !isGatewayClosed_) {
+        isGatewayClosed_ = true;
+        victim_->answeredAll();
+        if (!over_ && given_.empty()) onAllGiven();
+        return;
+    }
     recording([&] { recording_.happened(way.from, "closed"); });
     way.isOver = true;
     asio::error_code ignored;
@@ -193,6 +225,76 @@ void Passage::watchForReset(Way& way)
                           if (error || self->over_ || way.isReading) return;
                           if (hasError(way.in)) self->reset(way.from);
                       });
+}
+
+// --------------------------------------------------------------------------------- on the way back
+
+void Passage::endanger(Misbehaving& misbehaving, int connection)
+{
+    victim_.emplace(misbehaving, connection,
+                    [this](const std::string& line) { log(LogLevel::Warning, line); });
+}
+
+void Passage::give(const Answer& answer)
+{
+    if (over_ || isDropping_ || ways_[1].isOver) return;
+    const std::size_t pieceSize = victim_->pieceSize();
+    for (const standin::Bytes& flow : answer.flows) {
+        if (!flow.empty()) given_.push_back({flow, pieceSize, 0});
+    }
+    if (answer.then == Answer::Then::Reset) return endOnPurpose(answer.then);
+    isDropping_ = answer.then == Answer::Then::Drop;
+    if (isGiving_) return;
+    if (!given_.empty()) return giveNext();
+    if (isDropping_) endOnPurpose(answer.then);
+}
+
+void Passage::giveNext()
+{
+    const Given& next = given_.front();
+    const std::size_t rest = next.bytes.size() - next.done;
+    const std::size_t size = next.pieceSize == 0 ? rest : std::min(next.pieceSize, rest);
+    isGiving_ = true;
+    asio::async_write(
+        application_, asio::buffer(next.bytes.data() + next.done, size),
+        [self = shared_from_this()](const asio::error_code& error, std::size_t count) {
+            self->onGiven(error, count);
+        });
+}
+
+void Passage::onGiven(const asio::error_code& error, std::size_t count)
+{
+    isGiving_ = false;
+    if (over_) return;
+    if (error) {
+        ways_[1].isOver = true;
+        ways_[1].hasFailed = true;
+        return finishIfOver();
+    }
+    given_.front().done += count;
+    if (given_.front().done == given_.front().bytes.size()) given_.pop_front();
+    if (!given_.empty()) return giveNext();
+    onAllGiven();
+}
+
+void Passage::onAllGiven()
+{
+    if (isDropping_) return endOnPurpose(Answer::Then::Drop);
+    if (ways_[1].isOver) return;
+    if (isGatewayClosed_) return onSourceClosed(ways_[1]);
+    passOn(ways_[1]);
+}
+
+// The application's connection ends as the misbehaviour wants it, and that to the Gateway with it.
+void Passage::endOnPurpose(Answer::Then then)
+{
+    recording([&] { recording_.happened(Side::Application, "dropped"); });
+    if (then == Answer::Then::Reset) {
+        resetAndClose(application_);
+    } else {
+        closeInOrder(application_);
+    }
+    end(then == Answer::Then::Reset ? "reset on purpose" : "dropped on purpose");
 }
 
 // ----------------------------------------------------------------------------------------- the end

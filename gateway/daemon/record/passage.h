@@ -1,7 +1,8 @@
 // One connection through the relay: a socket to the application, one to the Gateway, and a way in
 // each direction between them. Each way has one buffer and reads again when that has been taken, so
 // a side that is slow slows down the other one, as it does without a relay. A half-close is passed
-// on behind the bytes in front of it, and a reset at once.
+// on behind the bytes in front of it, and a reset at once. With misbehaviours, what comes from the
+// Gateway goes through their hands; it is read from again when the application has taken that.
 //
 // Ownership: the owner holds passages by shared_ptr; the operations under way keep theirs alive. A
 // passage tells its owner when it has ended, once.
@@ -13,12 +14,15 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <asio/ip/tcp.hpp>
 
+#include "record/misbehaving.h"
 #include "record/recording.h"
 #include "standin/log.h"
 
@@ -34,6 +38,11 @@ public:
 
     Passage(asio::io_context& context, asio::ip::tcp::socket application, Folder& folder,
             standin::LogSink log, Ended ended);
+
+    // Misbehaviours may strike at it, as at the connection of this number. They give the
+    // application what the Gateway has sent, with give().
+    void endanger(Misbehaving& misbehaving, int connection);
+    void give(const standin::Answer& answer);
 
     // Connects to the Gateway, and passes on from then.
     void start(const Gateway& gateway);
@@ -65,6 +74,10 @@ private:
     void onSourceClosed(Way& way);
     void watchForReset(Way& way);
     void finishIfOver();
+    void giveNext();
+    void onGiven(const asio::error_code& error, std::size_t count);
+    void onAllGiven();
+    void endOnPurpose(standin::Answer::Then then);
     void refuse(const std::string& problem);
     void reset(Side by);
     void end(const char* how);
@@ -82,6 +95,18 @@ private:
     const standin::LogSink log_;
     const Ended ended_;
     std::string place_; // of the Gateway
+
+    // With misbehaviours only, between the Gateway and the application.
+    struct Given {
+        standin::Bytes bytes;
+        std::size_t pieceSize; // 0: as a whole
+        std::size_t done;
+    };
+    std::optional<Victim> victim_;
+    std::deque<Given> given_;
+    bool isGiving_ = false;
+    bool isDropping_ = false;      // it ends behind what has been given
+    bool isGatewayClosed_ = false; // so does what comes from the Gateway
     bool over_ = false;
 };
 

@@ -1,7 +1,6 @@
 #include "record/recording.h"
 
 #include <fcntl.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,12 +16,9 @@
 namespace record {
 
 using call_json::Json;
-using standin::Bytes;
 using standin::SplitFlow;
 
 namespace {
-
-constexpr std::size_t kMostRoom = 1024 * 1024; // that a large flow leaves behind
 
 std::string fileName(int number)
 {
@@ -37,21 +33,6 @@ int numberOf(const std::string& name)
     int number = 0;
     if (std::sscanf(name.c_str(), "connection-%9d.jsonl", &number) != 1) return 0;
     return number > 0 && fileName(number) == name ? number : 0;
-}
-
-void wipe(Bytes& bytes)
-{
-    ::explicit_bzero(bytes.data(), bytes.size());
-}
-
-// Cuts bytes off the front, and leaves nothing of them behind.
-void cutOff(Bytes& bytes, std::size_t count)
-{
-    const auto end = bytes.begin() + static_cast<std::ptrdiff_t>(count);
-    const auto stale = std::move(end, bytes.end(), bytes.begin());
-    std::fill(stale, bytes.end(), std::uint8_t{0});
-    bytes.erase(stale, bytes.end());
-    if (bytes.capacity() > kMostRoom) bytes.shrink_to_fit();
 }
 
 } // namespace
@@ -96,11 +77,6 @@ void Folder::tell(const std::string& file, int error)
 
 Recording::Recording(Folder& folder) : folder_(folder), file_(folder.openNext(number_, name_)) {}
 
-Recording::~Recording()
-{
-    for (Stream& stream : streams_) wipe(stream.unread);
-}
-
 Json Recording::begin(Side from)
 {
     const auto since = std::chrono::duration_cast<std::chrono::microseconds>(
@@ -130,11 +106,10 @@ void Recording::opened(const std::string& application, const std::string& gatewa
 
 void Recording::happened(Side from, const char* event)
 {
-    Stream& stream = streamOf(from);
-    if (!stream.unread.empty()) {
-        withhold(from, "cut short", stream.unread.size());
-        wipe(stream.unread);
-        stream.unread.clear();
+    FlowStream& stream = streamOf(from);
+    if (!stream.unread().empty()) {
+        withhold(from, "cut short", stream.unread().size());
+        stream.clear();
     }
     Json json = begin(from);
     json["event"] = event;
@@ -151,35 +126,24 @@ void Recording::withhold(Side from, const char* what, std::size_t count)
 
 void Recording::passed(Side from, const std::uint8_t* bytes, std::size_t count)
 {
-    Stream& stream = streamOf(from);
-    if (!stream.isReadable) return withhold(from, "unreadable", count);
-    // No room that is given up keeps a password.
-    if (stream.unread.size() + count > stream.unread.capacity()) {
-        Bytes larger;
-        larger.reserve(2 * (stream.unread.size() + count));
-        larger.assign(stream.unread.begin(), stream.unread.end());
-        wipe(stream.unread);
-        stream.unread = std::move(larger);
-    }
-    stream.unread.insert(stream.unread.end(), bytes, bytes + count);
+    FlowStream& stream = streamOf(from);
+    if (!stream.isReadable()) return withhold(from, "unreadable", count);
+    stream.add(bytes, count);
     takeFlows(stream, from);
 }
 
-void Recording::takeFlows(Stream& stream, Side from)
+void Recording::takeFlows(FlowStream& stream, Side from)
 {
     try {
-        while (std::optional<SplitFlow> split = standin::splitFlow(stream.unread)) {
+        while (std::optional<SplitFlow> split = stream.next()) {
             Json json = begin(from);
             fields_.put(json, *split, from);
             wipe(split->flow.body);
             write(json);
-            cutOff(stream.unread, split->size);
         }
     } catch (const standin::MalformedFlow&) {
-        stream.isReadable = false;
-        withhold(from, "unreadable", stream.unread.size());
-        wipe(stream.unread);
-        stream.unread = {};
+        withhold(from, "unreadable", stream.unread().size());
+        stream.giveUp();
     }
 }
 

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <string>
 
+#include "record/flow_stream.h"
 #include "record/line_file.h"
 #include "record/written_flow.h"
 #include "standin/log.h"
@@ -46,7 +47,6 @@ class Recording {
 public:
     // Begins the file of the next connection.
     explicit Recording(Folder& folder);
-    ~Recording();
 
     Recording(const Recording&) = delete;
     Recording& operator=(const Recording&) = delete;
@@ -63,17 +63,11 @@ public:
     void happened(Side from, const char* event);
 
 private:
-    // What a side has sent, on its way to becoming flows.
-    struct Stream {
-        standin::Bytes unread;  // not yet a whole flow
-        bool isReadable = true; // false: where flows begin cannot be told any more
-    };
-
     call_json::Json begin(Side from);
     void write(const call_json::Json& json);
-    void takeFlows(Stream& stream, Side from);
+    void takeFlows(FlowStream& stream, Side from);
     void withhold(Side from, const char* what, std::size_t count);
-    Stream& streamOf(Side side) { return streams_[side == Side::Application ? 0 : 1]; }
+    FlowStream& streamOf(Side side) { return streams_[side == Side::Application ? 0 : 1]; }
 
     Folder& folder_;
     int number_ = 0;
@@ -81,7 +75,7 @@ private:
     LineFile file_;
     const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
     Fields fields_;
-    std::array<Stream, 2> streams_;
+    std::array<FlowStream, 2> streams_;
 };
 
 } // namespace record

@@ -2,7 +2,8 @@
 
 #include <chrono>
 #include <exception>
-#include <set>
+#include <future>
+#include <map>
 #include <thread>
 #include <utility>
 
@@ -12,6 +13,7 @@
 #include <asio/steady_timer.hpp>
 
 #include "log/log_text.h"
+#include "record/misbehaving.h"
 #include "record/passage.h"
 
 namespace record {
@@ -37,6 +39,9 @@ std::unique_ptr<Folder> openFolder(const RelayOptions& options)
 struct Relay::Impl {
     explicit Impl(const RelayOptions& given)
         : log(given.log), gateway{given.gatewayHost, given.gatewayPort}, folder(openFolder(given)),
+          misbehaving(
+              given.misbehaviours,
+              [this](int connection, const standin::Answer& answer) { give(connection, answer); }),
           acceptor(context), retry(context)
     {
         listen(given);
@@ -96,11 +101,28 @@ struct Relay::Impl {
 
     void onAccepted(tcp::socket socket)
     {
+        const int place = ++accepted;
         const auto passage = std::make_shared<Passage>(
             context, std::move(socket), *folder, log,
-            [this](const std::shared_ptr<Passage>& ended) { passages.erase(ended); });
-        passages.insert(passage);
+            [this, place](const std::shared_ptr<Passage>&) { passages.erase(place); });
+        passages[place] = passage;
+        if (misbehaving.isAny()) passage->endanger(misbehaving, place);
         passage->start(gateway);
+    }
+
+    void give(int connection, const standin::Answer& answer)
+    {
+        const auto found = passages.find(connection);
+        if (found == passages.end()) return;
+        const std::shared_ptr<Passage> passage = found->second; // it may end by this
+        passage->give(answer);
+    }
+
+    std::size_t release()
+    {
+        std::promise<std::size_t> released;
+        asio::post(context, [&] { released.set_value(misbehaving.release()); });
+        return released.get_future().get();
     }
 
     void stop()
@@ -110,8 +132,8 @@ struct Relay::Impl {
             asio::error_code ignored;
             acceptor.close(ignored);
             retry.cancel();
-            const std::set<std::shared_ptr<Passage>> open = passages;
-            for (const std::shared_ptr<Passage>& passage : open) passage->stop();
+            const std::map<int, std::shared_ptr<Passage>> open = passages;
+            for (const auto& [place, passage] : open) passage->stop();
         });
         thread.join();
     }
@@ -119,10 +141,12 @@ struct Relay::Impl {
     const standin::LogSink log;
     const Passage::Gateway gateway;
     std::unique_ptr<Folder> folder;
+    Misbehaving misbehaving; // outlives the passages
     asio::io_context context{1};
     tcp::acceptor acceptor;
     asio::steady_timer retry;
-    std::set<std::shared_ptr<Passage>> passages;
+    std::map<int, std::shared_ptr<Passage>> passages; // by the order in which they were accepted
+    int accepted = 0;
     std::thread thread;
 };
 
@@ -136,6 +160,11 @@ Relay::~Relay()
 std::uint16_t Relay::port() const
 {
     return impl_->acceptor.local_endpoint().port();
+}
+
+std::size_t Relay::release()
+{
+    return impl_->release();
 }
 
 void Relay::stop()

@@ -5,12 +5,15 @@
 #ifndef GATEWAY_RELAY_H
 #define GATEWAY_RELAY_H
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "standin/log.h"
+#include "standin/misbehaviour.h"
 
 namespace record {
 
@@ -21,6 +24,7 @@ struct RelayOptions {
     std::string gatewayPort;
     std::string folder; // of the recordings
     standin::LogSink log;
+    std::vector<standin::SelectedMisbehaviour> misbehaviours; // on top of what the Gateway does
 };
 
 // The folder of the recordings cannot be made, or not be written to.
@@ -39,6 +43,9 @@ public:
     Relay& operator=(const Relay&) = delete;
 
     std::uint16_t port() const;
+
+    // Gives everything that a misbehaviour holds, and ends holding. How much it was.
+    std::size_t release();
 
     // Ends every connection and the thread; what has been passed on is in the recordings.
     void stop();

@@ -1,13 +1,8 @@
 #include "replay/replay.h"
 
 #include <algorithm>
-#include <functional>
-#include <thread>
+#include <chrono>
 #include <utility>
-
-#include <asio/executor_work_guard.hpp>
-#include <asio/io_context.hpp>
-#include <asio/steady_timer.hpp>
 
 #include "log/log_text.h"
 #include "record/written_flow.h"
@@ -73,34 +68,6 @@ std::string countOf(std::size_t count, const char* what)
 
 } // namespace
 
-// Does things later, on a thread of its own.
-class Replay::Clock {
-public:
-    Clock() : work_(asio::make_work_guard(context_)), thread_([this] { context_.run(); }) {}
-
-    ~Clock()
-    {
-        context_.stop();
-        thread_.join();
-    }
-
-    Clock(const Clock&) = delete;
-    Clock& operator=(const Clock&) = delete;
-
-    void after(std::chrono::microseconds delay, std::function<void()> task)
-    {
-        const auto timer = std::make_shared<asio::steady_timer>(context_, delay);
-        timer->async_wait([timer, task = std::move(task)](const asio::error_code& stopped) {
-            if (!stopped) task();
-        });
-    }
-
-private:
-    asio::io_context context_;
-    asio::executor_work_guard<asio::io_context::executor_type> work_;
-    std::thread thread_;
-};
-
 Replay::Replay(const std::string& folder, Manner manner, standin::LogSink log)
     : connections_(readFolder(folder)), manner_(manner), log_(std::move(log))
 {
@@ -113,25 +80,16 @@ Replay::Replay(const std::string& folder, Manner manner, standin::LogSink log)
                                         " could not be written to " + connection.file);
         }
     }
-    if (manner_.atRecordedSpeed) clock_ = std::make_unique<Clock>();
     log_(LogLevel::Info, "replaying " + countOf(recorded_, "request") + " of " +
                              countOf(connections_.size(), "connection") + " in " + folder);
 }
 
-Replay::~Replay() = default;
-
 void Replay::serve(standin::Gateway& gateway)
 {
-    gateway_ = &gateway;
-    gateway.setRawReply([this](const ReceivedRequest& request) { return answer(request); });
+    gateway.setFlowsReply([this](const ReceivedRequest& request) { return answer(request); });
 }
 
-void Replay::stop()
-{
-    clock_.reset();
-}
-
-Bytes Replay::answer(const ReceivedRequest& request)
+Replay::Flows Replay::answer(const ReceivedRequest& request)
 {
     ++asked_;
     standin::SplitFlow split = standin::splitFlow(request.raw).value();
@@ -143,18 +101,12 @@ Bytes Replay::answer(const ReceivedRequest& request)
                                       ? findInOrder(request.connection, keyOf(asked, true))
                                       : findAnywhere(keyOf(asked, false));
     if (found == nullptr) return refuse(request);
-    Bytes all;
+    Flows flows;
     for (const Answer& one : found->answers) {
-        const Bytes flow = madeFor(request, *found, one.flow);
-        if (clock_ != nullptr) {
-            clock_->after(one.delay, [gateway = gateway_, flow, to = request.connection] {
-                gateway->sendRaw(flow, to);
-            });
-        } else {
-            all.insert(all.end(), flow.begin(), flow.end());
-        }
+        flows.push_back({madeFor(request, *found, one.flow),
+                         manner_.atRecordedSpeed ? one.delay : std::chrono::microseconds(0)});
     }
-    return all;
+    return flows;
 }
 
 // One that is not the next of its connection leaves that to be the next.
@@ -178,13 +130,14 @@ const Exchange* Replay::findAnywhere(const std::string& key)
     return line.exchanges.back();
 }
 
-Bytes Replay::refuse(const ReceivedRequest& request)
+Replay::Flows Replay::refuse(const ReceivedRequest& request)
 {
     ++unanswered_;
     const std::string text = "no answer is recorded for " + nameOf(request);
     log_(LogLevel::Warning, "connection " + std::to_string(request.connection) + ": request " +
                                 std::to_string(request.header.messageId) + ": " + text);
-    return standin::encodeExceptionFlow(request.header.messageId, text, request.header.requestType);
+    return {
+        {standin::encodeExceptionFlow(request.header.messageId, text, request.header.requestType)}};
 }
 
 void Replay::report() const

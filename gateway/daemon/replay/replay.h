@@ -7,7 +7,6 @@
 
 #include <cstddef>
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -26,7 +25,6 @@ class Replay {
 public:
     // Throws as readFolder() does.
     Replay(const std::string& folder, Manner manner, standin::LogSink log);
-    ~Replay();
 
     Replay(const Replay&) = delete;
     Replay& operator=(const Replay&) = delete;
@@ -34,33 +32,28 @@ public:
     // From now on the Gateway answers from the recording; it ends before this does.
     void serve(standin::Gateway& gateway);
 
-    // Nothing more is sent.
-    void stop();
-
     // How many requests had an answer, and how many had none, into the log.
     void report() const;
 
 private:
-    class Clock;
-
     // The exchanges that answer one kind of request, in their order.
     struct Line {
         std::vector<const Exchange*> exchanges;
         std::size_t next = 0;
     };
 
-    standin::Bytes answer(const standin::ReceivedRequest& request);
+    using Flows = std::vector<standin::RawFlow>;
+
+    Flows answer(const standin::ReceivedRequest& request);
     const Exchange* findInOrder(int connection, const std::string& key);
     const Exchange* findAnywhere(const std::string& key);
-    standin::Bytes refuse(const standin::ReceivedRequest& request);
+    Flows refuse(const standin::ReceivedRequest& request);
 
     const std::vector<Connection> connections_;
     const Manner manner_;
     const standin::LogSink log_;
     std::map<std::string, Line> byKey_;
     std::map<int, std::size_t> places_; // in each connection
-    std::unique_ptr<Clock> clock_;
-    standin::Gateway* gateway_ = nullptr;
     std::size_t recorded_ = 0;
     std::size_t asked_ = 0;
     std::size_t unanswered_ = 0;

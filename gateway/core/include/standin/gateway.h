@@ -77,6 +77,12 @@ constexpr std::chrono::seconds kAwaitLimit{30};
 // Answers an ESI request, at once or later.
 using EsiProgram = std::function<void(const EsiRequest& request, const PendingEsiReply& pending)>;
 
+// A flow as bytes that goes out so long behind its request.
+struct RawFlow {
+    Bytes bytes;
+    std::chrono::microseconds delay{0};
+};
+
 // A way onto a Gateway's own thread: runs the task there, behind what has been given before. False,
 // and the task is dropped, when the Gateway has stopped; the way may outlive it.
 using WayOntoThread = std::function<bool(std::function<void()> task)>;
@@ -127,6 +133,10 @@ public:
     // Answers every request itself, whatever it is, with the bytes returned; programs and units of
     // work are left out. An empty function ends this. Handy for hand-made replies.
     void setRawReply(std::function<Bytes(const ReceivedRequest&)> reply);
+
+    // The same for answers of several flows, of none, and for those that take their time.
+    // Misbehaviours strike at each of the flows, in its header too.
+    void setFlowsReply(std::function<std::vector<RawFlow>(const ReceivedRequest&)> reply);
 
     // For a program whose work is done elsewhere and whose data belong to the Gateway's thread.
     WayOntoThread wayOntoThread() const;

@@ -139,6 +139,11 @@ void Gateway::setRawReply(std::function<Bytes(const ReceivedRequest&)> reply)
     impl_->onThread([&](Server& server) { server.setRawReply(std::move(reply)); });
 }
 
+void Gateway::setFlowsReply(std::function<std::vector<RawFlow>(const ReceivedRequest&)> reply)
+{
+    impl_->onThread([&](Server& server) { server.setFlowsReply(std::move(reply)); });
+}
+
 WayOntoThread Gateway::wayOntoThread() const
 {
     return impl_->wayOntoThread();

@@ -497,6 +497,8 @@ void Server::answerInEarnest(const ReceivedRequest& request, const std::vector<S
     try {
         if (rawReply_) {
             give(spoiledAnswer(strikes, rawReply_(request)));
+        } else if (flowsReply_) {
+            giveFlows(request, strikes);
         } else if (request.eci) {
             runEci(request, strikes);
         } else if (esiProgram_) {
@@ -513,6 +515,27 @@ void Server::answerInEarnest(const ReceivedRequest& request, const std::vector<S
         calls_.exception(request.connection, header.messageId, failure.what());
         give(spoiledAnswer(
             strikes, makeExceptionFlow(header.messageId, failure.what(), header.requestType)));
+    }
+}
+
+void Server::giveFlows(const ReceivedRequest& request, const std::vector<Strike>& strikes)
+{
+    const int connection = request.connection;
+    const std::int32_t messageId = request.header.messageId;
+    const std::shared_ptr<Session> session = sessions_.at(connection);
+    for (RawFlow& flow : flowsReply_(request)) {
+        Answer given = spoiledFlow(strikes, std::move(flow.bytes));
+        if (flow.delay.count() <= 0) {
+            answer(connection, messageId, strikes, std::move(given));
+            continue;
+        }
+        session->expectAnswer();
+        timers_.after(flow.delay, [this, session, messageId, strikes, given = std::move(given)] {
+            guarded(session->number(), [&] {
+                answer(session->number(), messageId, strikes, given);
+                session->answerIsHere();
+            });
+        });
     }
 }
 

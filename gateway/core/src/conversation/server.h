@@ -30,6 +30,7 @@ namespace standin {
 class Server : public SessionOwner {
 public:
     using RawReply = std::function<Bytes(const ReceivedRequest&)>;
+    using FlowsReply = std::function<std::vector<RawFlow>(const ReceivedRequest&)>;
     using EsiReplyFunction = std::function<EsiReply(const EsiRequest&)>;
 
     // The loop and the recorder must outlive the server. The loop is shared so that an answer that
@@ -51,6 +52,7 @@ public:
     void setEsiReply(EsiReplyFunction reply);
     void setEsiProgram(EsiProgram program) { esiProgram_ = std::move(program); }
     void setRawReply(RawReply reply) { rawReply_ = std::move(reply); }
+    void setFlowsReply(FlowsReply reply) { flowsReply_ = std::move(reply); }
 
     // Sends answers that were taken out of held(); those whose connection has gone are dropped.
     void deliver(std::vector<HeldAnswer> answers);
@@ -98,6 +100,7 @@ private:
     void decodeBody(Session& session, const SplitFlow& split, ReceivedRequest& request);
     void answerRequest(Session& session, const ReceivedRequest& request);
     void answerInEarnest(const ReceivedRequest& request, const std::vector<Strike>& strikes);
+    void giveFlows(const ReceivedRequest& request, const std::vector<Strike>& strikes);
     void runEci(const ReceivedRequest& request, const std::vector<Strike>& strikes);
     void answerEci(int connection, const FlowHeader& header, std::vector<Strike> strikes,
                    EciReply reply);
@@ -130,6 +133,7 @@ private:
     HeldAnswers held_;
     EsiProgram esiProgram_;
     RawReply rawReply_;
+    FlowsReply flowsReply_;
     std::map<int, std::shared_ptr<Session>> sessions_; // by number
     int lastNumber_ = 0;
     bool reading_ = true;

@@ -137,4 +137,17 @@ Answer spoiledAnswer(const std::vector<Strike>& strikes, Bytes bytes)
     return answer;
 }
 
+Answer spoiledFlow(const std::vector<Strike>& strikes, Bytes bytes)
+{
+    std::optional<SplitFlow> split;
+    try {
+        split = splitFlow(bytes);
+    } catch (const MalformedFlow&) {
+        split.reset(); // just bytes, then
+    }
+    if (!split || split->size != bytes.size()) return spoiledAnswer(strikes, std::move(bytes));
+    split->flow.header.requestTypeLength.reset(); // that of another type
+    return spoiledAnswer(strikes, std::move(split->flow));
+}
+
 } // namespace standin

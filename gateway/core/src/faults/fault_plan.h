@@ -69,6 +69,9 @@ Answer spoiledAnswer(const std::vector<Strike>& strikes, Flow answer);
 // The same for an answer that is no flow but just bytes, whose header cannot be changed.
 Answer spoiledAnswer(const std::vector<Strike>& strikes, Bytes answer);
 
+// The same for bytes that are a flow, if they are one.
+Answer spoiledFlow(const std::vector<Strike>& strikes, Bytes answer);
+
 } // namespace standin
 
 #endif

@@ -21,17 +21,28 @@ run() {
     "$PROGRAMS/$program" "$@" >"${OUT:-$FOLDER/out}" 2>"$FOLDER/err" <"$FOLDER/passwords" || CODE=$?
 }
 
-# Each example with what it takes, but for the Gateway.
-run_each() {
-    local with=$1
+# Runs examples, each with what it takes but for the Gateway, and a function behind each.
+run_these() {
+    local with=$1 each
+    shift
 
-    for each in echo unit_of_work asynchronous channel "change_password FRED" \
-        "trace $FOLDER/trace" code_pages connection_pool cplusplus cplusplus_channel deadline fork \
-        in_doubt qualifiers reconnect retry signals time_out window workers; do
+    for each in "$@"; do
         # shellcheck disable=SC2086 # a program and its arguments
         PASSWORDS='Blue7sky\n' run $each "$HOST" "$GATEWAY_PORT"
         "$with" "${each%% *}"
     done
+}
+
+# Those whose calls are the same in every run.
+run_steady_ones() {
+    run_these "$1" echo unit_of_work asynchronous channel "change_password FRED" \
+        "trace $FOLDER/trace" code_pages cplusplus_channel
+}
+
+run_each() {
+    run_steady_ones "$1"
+    run_these "$1" connection_pool cplusplus deadline fork in_doubt qualifiers reconnect retry \
+        signals time_out window workers
 }
 
 # A gateway whose script has one [[on]], of these lines.
@@ -407,11 +418,11 @@ CodePagesGoOutAndComeBackInEbcdic() {
 EachIsAnsweredFromItsRecording() {
     gateway_with_registry
     record_gateway
-    run_each keep_what_it_wrote
+    run_steady_ones keep_what_it_wrote
     stop_recording
     for file in "$FOLDER"/recorded.*; do [[ -s $file ]] || fail "$file is empty"; done
     replay_gateway
-    run_each expect_what_it_wrote
+    run_steady_ones expect_what_it_wrote
     expect_all_replayed
 }
 

@@ -11,6 +11,8 @@ import threading
 import unittest
 from typing import Dict, List, Sequence
 
+import qpxclient
+
 RECIPES = pathlib.Path(__file__).resolve().parents[1]
 DAEMON = os.environ["QPX_GATEWAY_DAEMON"]
 GENEROUS = 90  # seconds, after which a test that waits fails
@@ -108,6 +110,14 @@ class RecipeTest(unittest.TestCase):
         self.addCleanup(folder.cleanup)
         self.folder = pathlib.Path(folder.name)
 
+    def assert_not_opened(self, port: int) -> None:
+        """An open over something that accepts, and ends the connection when it can go no further:
+        that may be before the library has sent its handshake."""
+        with self.assertRaises(qpxclient.Error) as error:
+            qpxclient.connect("127.0.0.1", port).close()
+        self.assertIn(error.exception.code, (qpxclient.Code.QPX_ERR_LOSTGWCON,
+                                             qpxclient.Code.QPX_ERR_CONNECTFAILED))
+
     def run_program(self, command: Sequence[str], **options: object) -> Logging:
         program = Logging(command, **options)
         self.addCleanup(program.stop)
@@ -128,3 +138,17 @@ class RecipeTest(unittest.TestCase):
         listener = socket.create_server(("127.0.0.1", 0), backlog=256)
         self.addCleanup(listener.close)
         return listener
+
+
+def listening_port(process: int) -> int:
+    """The port at which the process listens, having been told to take any."""
+    inodes = set()
+    for each in pathlib.Path(f"/proc/{process}/fd").iterdir():
+        socket_name = re.fullmatch(r"socket:\[(\d+)\]", os.readlink(each))
+        if socket_name:
+            inodes.add(socket_name.group(1))
+    for line in pathlib.Path("/proc/net/tcp").read_text().splitlines()[1:]:
+        fields = line.split()
+        if fields[3] == "0A" and fields[9] in inodes:
+            return int(fields[1].split(":")[1], 16)
+    raise AssertionError(f"process {process} listens nowhere")

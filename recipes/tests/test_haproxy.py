@@ -81,8 +81,7 @@ class HaproxyConnections(HaproxyTest):
     def test_a_gateway_refuses_the_line_of_the_proxy_protocol(self) -> None:
         gateway = self.gateway()
         port = self.proxy(gateway, changes={"on-marked-down": "send-proxy on-marked-down"})
-        with self.assertRaises(qpxclient.ConnectionEnded):
-            self.connect(port)
+        self.assert_not_opened(port)
         gateway.await_line("malformed flow: eyecatcher")
 
     # Two proxies, one of them with the time-outs alone that are usual, of a second each.
@@ -143,9 +142,7 @@ class HaproxyChecks(HaproxyTest):
         port = self.proxy(gateway)
         gateway.kill()
         self.haproxy.await_line("'gateways' has no server available")
-        with self.assertRaises(qpxclient.ConnectionEnded) as ended:
-            self.connect(port)
-        self.assertEqual(ended.exception.code, qpxclient.Code.QPX_ERR_LOSTGWCON)
+        self.assert_not_opened(port)
 
     def test_a_gateway_that_hangs_lets_its_callers_go(self) -> None:
         gateway = self.gateway()

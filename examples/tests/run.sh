@@ -41,8 +41,8 @@ run_steady_ones() {
 
 run_each() {
     run_steady_ones "$1"
-    run_these "$1" connection_pool cplusplus deadline fork in_doubt qualifiers reconnect retry \
-        signals time_out window workers
+    run_these "$1" connection_pool cplusplus deadline fork in_doubt many_connections qualifiers \
+        reconnect retry signals time_out window workers
 }
 
 # A gateway whose script has one [[on]], of these lines.
@@ -434,6 +434,30 @@ keep_what_it_wrote() {
 expect_what_it_wrote() {
     expect_code 0
     expect_same "$FOLDER/recorded.$1" "$FOLDER/out"
+}
+
+ManyConnectionsOpensThem() {
+    gateway
+    run many_connections "$HOST" "$GATEWAY_PORT" 20
+    expect_code 0
+    expect_line out "20 of 20 connections"
+    expect_connections 20
+}
+
+# Of 700 stacks those of 8 MiB would take 5.5 GB, those of 256 KiB take 175 MB.
+ManyConnectionsFitWithSmallStacks() {
+    gateway --log-level warning
+    run many_connections "$HOST" "$GATEWAY_PORT" 700 256
+    expect_code 0
+    expect_line out "700 of 700 connections"
+}
+
+ManyConnectionsDoNotFitWithLargeStacks() {
+    gateway --log-level warning
+    run many_connections "$HOST" "$GATEWAY_PORT" 700 8192
+    expect_code 1
+    expect_lines err 1
+    expect_line err "open: QPX_ERR_SYSTEM_ERROR (-9)"
 }
 
 EachNamesTheErrorWithoutAGateway() {

@@ -9,7 +9,7 @@ import subprocess
 import tempfile
 import threading
 import unittest
-from typing import Dict, List, Sequence
+from typing import Callable, Dict, List, Sequence
 
 import qpxclient
 
@@ -29,6 +29,16 @@ class Logging:
             text=True, **options)
         self._reader = threading.Thread(target=self._read, daemon=True)
         self._reader.start()
+
+    def when_line(self, pattern: str, work: Callable[[], None]) -> threading.Thread:
+        """Does the work when the line is there, while the caller goes on."""
+        def wait() -> None:
+            self.await_line(pattern)
+            work()
+
+        thread = threading.Thread(target=wait)
+        thread.start()
+        return thread
 
     def await_line(self, pattern: str, times: int = 1) -> "re.Match[str]":
         """Waits for the line, which may have been written already, to be there so often."""
@@ -73,9 +83,9 @@ class Logging:
 class Gateway(Logging):
     """The stand-in gateway's daemon, on a free port."""
 
-    def __init__(self, options: Sequence[str]) -> None:
-        super().__init__([DAEMON, *options])
-        listens = self.await_line(r"listening on 127\.0\.0\.1:(\d+)")
+    def __init__(self, options: Sequence[str], wrapper: Sequence[str] = ()) -> None:
+        super().__init__([*wrapper, DAEMON, *options])
+        listens = self.await_line(r"listening on [\d.]+:(\d+)")
         self.port = int(listens.group(1))
         self.await_line(r"info +ready$")
 

@@ -175,8 +175,8 @@ TEST_F(SlotContents, AreLookedForInTheTrace)
 
     take();
 
-    EXPECT_TRUE(trace.wrote(2059, "DEBUG",
-                            "clapi_gwytok.slotFind() Creating request event for slot 2"));
+    EXPECT_TRUE(
+        trace.wrote(2059, "DEBUG", "clapi_gwytok.slotFind() Creating request event for slot 2"));
 }
 
 TEST_F(SlotContents, OfAnUnknownUnitOfWorkAreToldInTheTrace)

@@ -103,6 +103,32 @@ TEST_F(TokensEnd, WaitsForACallThatCameBehindTheQuiesce)
     expectClosed();
 }
 
+// The list is given up for the wait, and taken again.
+TEST_F(TokensEnd, ComesWithTheListLockedBehindTheLastCall)
+{
+    TraceFile trace(4);
+    _QPX_ConnToken_t* record = token();
+    QuiescedClose closing(Close::InOrder, connection);
+    Hold inside(SchedulePoint::callRegistered);
+    auto call = startQuickCall();
+    inside.awaitArrival();
+    Hold freeing(SchedulePoint::lockReleased, &record->tableLock);
+    closing.release();
+    awaitWaitForTheCallInside();
+
+    inside.release();
+
+    EXPECT_RC(0, call.get());
+    freeing.awaitArrival();
+    EXPECT_FALSE(support::isFree(gtlLock.lock));
+    freeing.release();
+    EXPECT_RC(0, closing.get());
+    EXPECT_TRUE(trace.wrote(2032, "clapi_gwytok.clapiDeleteGatewayToken() Freeing gateway token "
+                                  "at gwTokPtr=" +
+                                      support::shown(record)));
+    expectClosed();
+}
+
 TEST_F(TokensEnd, LetsNobodyInWhileItWaitsForTheLastCalls)
 {
     QuiescedClose closing(Close::InOrder, connection);

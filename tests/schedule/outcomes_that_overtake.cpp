@@ -6,6 +6,7 @@
 #include <string>
 
 #include "schedule/race_fixture.h"
+#include "support/channel_bytes.h"
 
 using namespace race;
 
@@ -313,6 +314,25 @@ TEST_F(OvertakenSender, HasNoOutcomeWhileItChangesItsChannel)
     expectClosable();
 }
 
+// The lock is given up for the changes of the channel, and taken again.
+TEST_F(OvertakenSender, HasTheTableWhenItDeliversTheReply)
+{
+    Hold delivers(SchedulePoint::slotDelivered);
+    holdSender();
+    putAside(channelReply(1, "answered"));
+
+    beforeWrite.release();
+
+    delivers.awaitArrival();
+    EXPECT_FALSE(support::isFree(token()->tableLock.lock));
+    EXPECT_EQ(0, slot(1).outcomePending); // it is there for whoever collects it
+    delivers.release();
+    EXPECT_RC(0, call.get());
+    connection.awaitRequest();
+    expectCollected(0);
+    expectClosable();
+}
+
 // ---- Synchronous calls ----
 
 class OvertakenCaller : public RaceTest {
@@ -353,6 +373,23 @@ TEST_F(OvertakenCaller, ReturnsWithTheRefusalOnceItsRequestIsWritten)
 
     EXPECT_RC(61445, call.get());
     connection.awaitRequest();
+    expectClosable();
+}
+
+TEST_F(OvertakenCaller, LosesTheConnectionToASectionOfWhichNothingHasCome)
+{
+    Hold beforeWrite(SchedulePoint::beforeRequestWrite);
+    auto call = start(work);
+    beforeWrite.awaitArrival();
+    Bytes body = support::replyBody(Bytes()); // a channel follows, and nothing does
+    connection.peer.send(flow(replyType, 1, 0, "ECI", body));
+    awaitSweep();
+    EXPECT_EQ(CONN_LOST, token()->connStatus.load());
+
+    beforeWrite.release();
+
+    EXPECT_RC(QPX_ERR_LOSTGWCON, call.get());
+    work.expectUnchanged();
     expectClosable();
 }
 
@@ -535,6 +572,28 @@ TEST_F(OvertakenCommarea, IsChangedByTheReceiverOnceItsSenderIsThrough)
     expectClosable();
 }
 
+// The lock is given up for the change of the COMMAREA, and taken again.
+TEST_F(OvertakenCommarea, IsChangedByAReceiverThatDeliversWithTheTableLocked)
+{
+    Hold read(SchedulePoint::replyRead);
+    Hold delivers(SchedulePoint::slotDelivered);
+    beforeWrite.awaitArrival();
+    connection.peer.send(reply(8, "answered"));
+    read.awaitArrival();
+    beforeWrite.release();
+    replyAwaited.await(1);
+
+    read.release();
+
+    delivers.awaitArrival();
+    EXPECT_FALSE(support::isFree(token()->tableLock.lock));
+    EXPECT_EQ(text("answered"), parms.commarea());
+    delivers.release();
+    EXPECT_RC(0, call.get());
+    expectSent();
+    expectClosable();
+}
+
 // The end of the connection comes within the reply, so that there is none.
 TEST_F(OvertakenCommarea, IsLeftAloneByAReplyThatBreaksOff)
 {
@@ -549,6 +608,27 @@ TEST_F(OvertakenCommarea, IsLeftAloneByAReplyThatBreaksOff)
 
     EXPECT_NE(0, call.get());
     EXPECT_EQ(filled(8, 'q'), parms.commarea());
+    expectClosable();
+}
+
+// ---- Calls without data ----
+
+class OvertakenWithoutData : public RaceTest {};
+
+TEST_F(OvertakenWithoutData, ReturnsWithTheReplyOnceItsRequestIsWritten)
+{
+    Counter aside(SchedulePoint::outcomePutAside);
+    Hold beforeWrite(SchedulePoint::beforeRequestWrite);
+    EciParms parms = syncCall("PROG");
+    auto call = start(parms);
+    beforeWrite.awaitArrival();
+    connection.peer.send(ProgramReply().to(1));
+    aside.await(1);
+
+    beforeWrite.release();
+
+    EXPECT_RC(0, call.get());
+    connection.awaitRequest();
     expectClosable();
 }
 

@@ -126,8 +126,8 @@ struct DueHook {
 class Passage {
 public:
     Passage(Call call, Style style, const void* caller, std::uintptr_t first, std::uintptr_t second,
-            std::uintptr_t output = 0)
-        : info_{call, first, second, 0, 0, output}
+            std::uintptr_t output = 0, std::uintptr_t hints = 0)
+        : info_{call, first, second, 0, 0, output, hints}
     {
         if (!isLibrary(caller) || insideHook) return;
         Book& all = book();
@@ -563,9 +563,20 @@ extern "C" int wrap_getaddrinfo(const char* node, const char* service, const voi
                                 void* found)
 {
     Passage passage(Call::GetAddrInfo, Style::Number, __builtin_return_address(0), asNumber(node),
-                    asNumber(service), asNumber(found));
+                    asNumber(service), asNumber(found), asNumber(hints));
     if (passage.isReplaced()) return passage.replacement<int>();
     return passage.done(real_getaddrinfo(node, service, hints, found));
+}
+
+extern "C" void real_freeaddrinfo(void* found) __asm__("__real_freeaddrinfo");
+extern "C" void wrap_freeaddrinfo(void* found) __asm__("__wrap_freeaddrinfo");
+extern "C" void wrap_freeaddrinfo(void* found)
+{
+    Passage passage(Call::FreeAddrInfo, Style::Number, __builtin_return_address(0), asNumber(found),
+                    0);
+    if (passage.isReplaced()) return;
+    real_freeaddrinfo(found);
+    passage.done(0);
 }
 
 WRAP(gettimeofday, Clock, MinusOne, int, (void* now, void* zone), (now, zone), now, 0)

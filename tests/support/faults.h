@@ -51,6 +51,7 @@ enum class Call {
     Shutdown,
     Close,
     GetAddrInfo,
+    FreeAddrInfo,
     Clock, // gettimeofday and clock_gettime
     Time,  // time
     Fopen,
@@ -75,6 +76,7 @@ struct CallInfo {
     int number;            // 1 for the first call since the fault was made
     long result;           // after the call; pointers as numbers
     std::uintptr_t output; // where GetAddrInfo leaves what it has found
+    std::uintptr_t hints;  // what GetAddrInfo is asked for
 };
 
 using Hook = std::function<void(const CallInfo&)>;

@@ -16,7 +16,7 @@ set(QPX_WRAPPED_CALLS
   select __select64 pselect __pselect64
   poll __poll_chk ppoll __ppoll64 __ppoll_chk
   send recv __recv_chk
-  getaddrinfo
+  getaddrinfo freeaddrinfo
   gettimeofday __gettimeofday64 clock_gettime __clock_gettime64 time __time64
   fopen fopen64 fclose write secure_getenv
   open_memstream

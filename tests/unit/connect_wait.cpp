@@ -244,4 +244,33 @@ TEST_F(ConnectWait, WaitsForOneSecondWhenASignalComesAtTheStart)
     EXPECT_EQ(1, signal.hits());
 }
 
+// How many seconds the wait has that follows a signal, when so many of 3600 are over.
+class ConnectWaitAgain : public ConnectWait,
+                         public ::testing::WithParamInterface<std::pair<time_t, time_t>> {};
+
+TEST_P(ConnectWaitAgain, HasWhatIsLeftOfTheLimitOrOneSecond)
+{
+    SlowConnect slow;
+    SteadyClock clock({1000, 1000 + GetParam().first});
+    Fault signal = failCall(Call::Select, 1, EINTR, Threads::Calling);
+    timeval limit = {};
+    Fault second = beforeCall(
+        Call::Select, 2,
+        [&](const CallInfo& info) { limit = *reinterpret_cast<timeval*>(info.second); },
+        Threads::Calling);
+    Fault over = support::fakeCall(Call::Select, 2, 0, Threads::Calling);
+
+    EXPECT_RC(QPX_ERR_CONNECTTIMEOUT, open(3600));
+
+    EXPECT_EQ(GetParam().second, limit.tv_sec);
+    EXPECT_EQ(0, limit.tv_usec);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , ConnectWaitAgain,
+    ::testing::Values(std::pair<time_t, time_t>{0, 1}, std::pair<time_t, time_t>{1, 3599},
+                      std::pair<time_t, time_t>{10, 3590}, std::pair<time_t, time_t>{3599, 1},
+                      std::pair<time_t, time_t>{3600, 1}, std::pair<time_t, time_t>{3605, 1}),
+    [](const auto& made) { return "After" + std::to_string(made.param.first); });
+
 } // namespace

@@ -28,6 +28,7 @@ _qpx() {
     password) options="verify change --password-fd" ;;
     ping) options="--count --interval --program $calling" ;;
     load) options="--threads --connections --window --duration --count --size --text --length $calling" ;;
+    doctor) options="--pid" ;;
     trace)
         options="--slow --failed --all --call --data --connection --follow"
         [[ $word == -* ]] || { mapfile -t COMPREPLY < <(compgen -f -- "$word") && return; }

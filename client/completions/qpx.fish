@@ -71,3 +71,4 @@ complete -c qpx -n '__fish_seen_subcommand_from trace' -l call -x
 complete -c qpx -n '__fish_seen_subcommand_from trace' -l data
 complete -c qpx -n '__fish_seen_subcommand_from trace' -l connection -x
 complete -c qpx -n '__fish_seen_subcommand_from trace' -s f -l follow
+complete -c qpx -n '__fish_seen_subcommand_from doctor' -l pid -x -a '(__fish_complete_pids)'

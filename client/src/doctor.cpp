@@ -22,6 +22,8 @@
 #include "calling.h"
 #include "command.h"
 #include "connection.h"
+#include "process.h"
+#include "report.h"
 
 namespace qpx {
 
@@ -31,59 +33,20 @@ const char* const kFooter = R"(
 The exit code is 0 if nothing is wrong, and 3 if the library reaches no Gateway
 there; else it is 1.
 
+With --pid it examines a running process that uses the library, without stopping
+it: the connections, what is on its way on them, and the threads that receive.
+It reads /proc, as the process's user or as root.
+
 Examples:
   qpx doctor gateway.example
-  qpx doctor gateway.example --port 5770 --json)";
+  qpx doctor gateway.example --port 5770 --json
+  qpx doctor --pid 4711)";
 
 using Clock = std::chrono::steady_clock;
 
 struct DoctorOptions {
     std::string host;
-};
-
-// What is found, in the order in which it is: good, worth knowing, or wrong; what to do about it.
-class Report {
-public:
-    explicit Report(const Settings& settings) : settings_(settings) {}
-
-    void good(const std::string& about, const std::string& what) { add("good", about, what, ""); }
-
-    void bad(const std::string& about, const std::string& what, const std::string& advice)
-    {
-        add("bad", about, what, advice);
-        anyBad_ = true;
-    }
-
-    void know(const std::string& about, const std::string& what, const std::string& advice = "")
-    {
-        add("know", about, what, advice);
-    }
-
-    bool anyBad() const { return anyBad_; }
-
-    const Json& json() const { return findings_; }
-
-private:
-    void add(const std::string& state, const std::string& about, const std::string& what,
-             const std::string& advice)
-    {
-        Json finding = {{"state", state}, {"about", about}, {"finding", what}};
-        if (!advice.empty()) finding["advice"] = advice;
-        findings_.push_back(finding);
-        if (settings_.json) return;
-        const std::string mark = state == "good"  ? green(settings_, "ok  ")
-                                 : state == "bad" ? red(settings_, "BAD ")
-                                                  : "    ";
-        std::string label = about;
-        label.resize(std::max<std::size_t>(10, label.size()), ' ');
-        std::cout << mark << ' ' << label << ' ' << what << '\n';
-        if (!advice.empty()) std::cout << "                 -> " << advice << '\n';
-        std::cout.flush();
-    }
-
-    const Settings& settings_;
-    Json findings_ = Json::array();
-    bool anyBad_ = false;
+    std::optional<std::string> pid;
 };
 
 std::string milliseconds(Clock::duration time)
@@ -338,6 +301,10 @@ void examineTrace(Report& report)
 
 ExitCode runDoctor(const Settings& given, const DoctorOptions& options)
 {
+    if (options.pid) {
+        if (!options.host.empty()) throw Failure(kUsage, "either a host or --pid");
+        return examineProcess(given, numberFrom(*options.pid, 1, 1 << 22, "--pid"));
+    }
     Settings settings = given;
     if (!options.host.empty()) settings.host = options.host;
     Report report(settings);
@@ -369,6 +336,7 @@ void declareDoctor(CLI::App& app, Command& chosen)
     command->footer(kFooter);
     command->add_option("host", options->host, "The host, if not that of the settings")
         ->option_text("[HOST]");
+    command->add_option("--pid", options->pid, "Examine this process")->option_text("NUMBER");
 }
 
 } // namespace qpx

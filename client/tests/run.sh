@@ -9,6 +9,7 @@ readonly HERE
 source "$HERE/../../tests/support/program_cases.sh"
 
 readonly QPX=$PROGRAMS/qpx
+APPLICATION=
 export LC_ALL=C.UTF-8
 # Nothing of the environment in which the tests run, and a home of the case's own.
 for variable in QPX_HOST QPX_PORT QPX_TIMEOUT QPX_SERVER QPX_USER QPX_APPLID QPX_APPLIDQUALIFIER \
@@ -1421,6 +1422,97 @@ DoctorWritesJson() {
     expect_code 0
     expect_text out '{"reached":true,"findings":[{"state":"good","about":"name",'
     [[ $(wc -l <"$FOLDER/out") == 1 ]] || fail "not one line"
+}
+
+# Starts an application whose call of ECHO is held, and waits until it waits.
+waiting_application() {
+    local line
+    "$QPX" --port "$GATEWAY_PORT" call ECHO --text hello >"$FOLDER/application" 2>&1 &
+    APPLICATION=$!
+    while read -r line; do
+        [[ $line != *"request 1 ECI"* ]] || break
+    done < <(tail -n +1 -f --pid="$APPLICATION" "$FOLDER/gateway.log")
+}
+
+end_application() {
+    kill -KILL "$APPLICATION"
+    wait "$APPLICATION" 2>/dev/null || true
+}
+
+expect_found() {
+    grep -qxE -- "$1" "$FOLDER/out" || fail "no line \"$1\""
+}
+
+DoctorTellsOfARunningProcess() {
+    gateway --misbehave hold@program:ECHO
+    waiting_application
+    qpx doctor --pid "$APPLICATION"
+    end_application
+    expect_code 0
+    expect_nothing err
+    expect_found "ok   process    $APPLICATION, qpx, waits"
+    expect_found 'ok   library    /.*/libqpxclient\.so\.10[0-9.]*, (32|64) bits'
+    expect_found '     receiver   thread [0-9]+ waits'
+    expect_found "ok   gateway    descriptor [0-9]+, 127\.0\.0\.1:[0-9]+ to 127\.0\.0\.1:$GATEWAY_PORT, established, [0-9]+ bytes not acknowledged, 0 not read"
+}
+
+DoctorTellsWhatAStoppedProcessHasNotRead() {
+    script <<<'[[on]]
+answer = { text = "late", delay = "200ms" }'
+    waiting_application
+    kill -STOP "$APPLICATION"
+    # Until the answer is there; the time limit of the test ends this if it never comes.
+    until qpx doctor --pid "$APPLICATION" && ! grep -q ', 0 not read' "$FOLDER/out"; do continue; done
+    end_application
+    expect_code 1
+    expect_found "BAD  process    $APPLICATION, qpx, is stopped"
+    expect_line out "                 -> kill -CONT $APPLICATION lets it go on"
+    expect_found 'ok   gateway    .*, established, [0-9]+ bytes not acknowledged, [1-9][0-9]+ not read'
+}
+
+DoctorWritesJsonOfAProcess() {
+    gateway --misbehave hold@program:ECHO
+    waiting_application
+    qpx doctor --json --pid "$APPLICATION"
+    end_application
+    expect_code 0
+    python3 - "$FOLDER/out" "$APPLICATION" "$GATEWAY_PORT" <<'PYTHON' || fail "other findings"
+import json, sys
+found = json.load(open(sys.argv[1]))
+assert found["process"] == int(sys.argv[2])
+assert [r["state"] for r in found["receivers"]] == ["waits"]
+[connection] = found["connections"]
+assert connection["remote"] == "127.0.0.1:" + sys.argv[3]
+assert connection["state"] == "established" and connection["unread"] == 0
+PYTHON
+}
+
+DoctorTellsThatAProcessIsNotThereOrNotOneOfTheLibrary() {
+    true &
+    local ended=$!
+    wait "$ended"
+    run "$QPX" doctor --pid "$ended"
+    expect_complaint 1 "qpx: there is no process $ended"
+    tail -f /dev/null &
+    local other=$!
+    run "$QPX" doctor --pid "$other"
+    kill "$other"
+    expect_code 1
+    expect_line out 'BAD  library    the process does not use libqpxclient.so'
+    expect_usage '--pid is a number from 1 to 4194304, not 0' doctor --pid 0
+    expect_usage 'either a host or --pid' doctor --pid 1 localhost
+}
+
+# As nobody, with what nobody may read of what has been built.
+DoctorTellsThatAProcessMayNotBeLookedAt() {
+    local as=()
+    if [[ $(id -u) == 0 ]]; then
+        as=(setpriv --reuid=65534 --regid=65534 --clear-groups)
+        chmod 755 "$FOLDER"
+    fi
+    cp "$QPX" "$PROGRAMS/../src/libqpxclient.so.10" "$FOLDER"
+    run env LD_LIBRARY_PATH="$FOLDER" HOME=/nonexistent "${as[@]}" "$FOLDER/qpx" doctor --pid 1
+    expect_complaint 1 'qpx: process 1 may not be looked at: that takes its own user, or root'
 }
 
 # ---- codes ---------------------------------------------------------------------------------------

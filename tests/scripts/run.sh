@@ -210,6 +210,8 @@ tree_in_git() {
     printf 'qpxclient (10.1.0-1) unstable; urgency=low\n' >"$TREE/packaging/debian/changelog"
     printf 'data\n' >"$TREE/a file with blanks"
     ln -s CHANGELOG.md "$TREE/link"
+    mkdir "$TREE/deep"
+    printf 'data\n' >"$TREE/deep/building"
     (
         cd "$TREE"
         git init -q

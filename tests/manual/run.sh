@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Runs one case of the tests of the manual: run.sh CASE SOURCE BUILD EXAMPLES GATEWAY, with the
+# Runs one case of the tests of the manual and of the site: run.sh CASE SOURCE BUILD EXAMPLES GATEWAY, with the
 # program of the examples and the stand-in gateway. CMakeLists.txt names the cases; each is a
 # function below.
 set -euo pipefail
@@ -192,6 +192,63 @@ ThePagesAreInstalled() {
     diff -r "$PAGES/man3" "$FOLDER/prefix/share/man/man3" || fail "other pages"
     diff -r "$PAGES/man7" "$FOLDER/prefix/share/man/man7" || fail "other pages"
     diff -r "$PAGES/man8" "$FOLDER/prefix/share/man/man8" || fail "other pages"
+}
+
+# ---- The pages for a browser ---------------------------------------------------------------------
+
+readonly SITE=$FOLDER/site
+
+TheSiteHasEveryDocumentAndCallAndNoLinkThatLeadsNowhere() {
+    local file
+
+    python3 -B "$SOURCE/tools/site" "$SITE" || fail "see above"
+    for file in "$SOURCE"/docs/*.md "$SOURCE"/{CHANGELOG,CONTRIBUTING,SECURITY}.md; do
+        [[ -s $SITE/$(basename "$file" .md).html ]] || fail "no page of $file"
+    done
+    for file in $(calls); do
+        grep -q "<h1[^>]*>$file</h1>" "$SITE/calls/$file.html" || fail "no page of $file"
+    done
+    grep -qF 'href="calls/index.html"' "$SITE/index.html" || fail "no way to the calls"
+}
+
+# Pages in which one thing is wrong: expect_found PAGE LINE
+expect_found() {
+    mkdir "$SITE"
+    printf '<h1 id="top">One</h1><a href="two.html#there">two</a>%s' "$1" >"$SITE/one.html"
+    printf '<h1 id="there">Two</h1><a href="one.html">one</a>' >"$SITE/two.html"
+    ! python3 -B "$SOURCE/tools/site" --check "$SITE" >"$FOLDER/out" 2>"$FOLDER/errors" ||
+        fail "nothing is found"
+    [[ $(<"$FOLDER/out") == "$2" ]] || fail "found: $(<"$FOLDER/out") $(<"$FOLDER/errors")"
+}
+
+ALinkToNoPageIsFound() {
+    expect_found '<a href="three.html">three</a>' "one.html: three.html is not there"
+}
+
+ALinkToNoPlaceOfAPageIsFound() {
+    expect_found '<a href="two.html#here">two</a>' "one.html: two.html#here is no place there"
+}
+
+WhatIsLoadedFromElsewhereIsFound() {
+    expect_found '<img src="https://example.org/x.png"><a href="https://example.org">x</a>' \
+        "one.html: https://example.org/x.png is loaded from elsewhere"
+}
+
+ADocumentThatLinksToNoFileIsRefused() {
+    local file
+
+    mkdir "$FOLDER/tree"
+    for file in "$SOURCE"/*; do
+        case $file in
+        */build*) ;;
+        */docs | */tools) cp -r "$file" "$FOLDER/tree" ;;
+        *) ln -s "$file" "$FOLDER/tree" ;;
+        esac
+    done
+    printf '\n[gone](nowhere.md#place)\n' >>"$FOLDER/tree/docs/guide.md"
+    ! python3 -B "$FOLDER/tree/tools/site" "$SITE" 2>"$FOLDER/errors" || fail "it is taken"
+    grep -qxF "site: docs/guide.md: no nowhere.md#place" "$FOLDER/errors" ||
+        fail "$(<"$FOLDER/errors")"
 }
 
 declare -F "$CASE" >/dev/null || fail "there is no such case"

@@ -14,6 +14,9 @@
 
 namespace standin {
 
+// Longer flows are not kept for a watcher.
+constexpr std::size_t kLongestKeptFlow = 256 * 1024;
+
 struct CallRecord {
     std::uint64_t number = 0; // of the call on its Gateway, from 1
     int connection = 0;
@@ -37,6 +40,11 @@ struct CallRecord {
     std::optional<std::int32_t> flowType;
     std::int32_t gatewayRc = kGatewayOk;
     std::size_t bytes = 0;
+
+    // The flows themselves, for a watcher only: the request's with its passwords overwritten by
+    // 0x00, and the last one that went. Nothing when they are longer than kLongestKeptFlow.
+    Bytes requestFlow;
+    Bytes answerFlow;
     std::chrono::microseconds took{0}; // until it went, or until it was clear that nothing would
 };
 

@@ -56,6 +56,7 @@
 #include "standin/misbehaviour.h"
 #include "standin/program.h"
 #include "standin/records.h"
+#include "standin/watcher.h"
 #include "standin/wire.h"
 
 namespace standin {
@@ -69,6 +70,7 @@ struct GatewayOptions {
     std::size_t mostUnitsOfWork = 10000; // open at once; another one is refused with vornRc -16
     CallObserver observer;               // is told of every call; empty: nobody is
     CallObserver arrivals;               // the same as soon as a call has come, before its program
+    std::shared_ptr<Watcher> watcher;    // is told of everything; null: nobody is
 };
 
 // Limit of every await function. It is generous: a test waits for the event and only fails by it.
@@ -81,6 +83,20 @@ using EsiProgram = std::function<void(const EsiRequest& request, const PendingEs
 struct RawFlow {
     Bytes bytes;
     std::chrono::microseconds delay{0};
+};
+
+// A misbehaviour that has been added and not ended.
+struct MisbehaviourInForce {
+    std::uint64_t number = 0; // in the order of adding, never used again
+    SelectedMisbehaviour selected;
+    int seen = 0;   // matching events so far, while it strikes
+    int struck = 0; // of these it has struck
+};
+
+// An answer that is held.
+struct HeldCall {
+    int connection = 0;
+    std::int32_t messageId = 0;
 };
 
 // A way onto a Gateway's own thread: runs the task there, behind what has been given before. False,
@@ -148,10 +164,15 @@ public:
 
     // From now on; the first one added that matches a request and replaces its answer wins, the
     // others add up. Holding comes last of all, so what is held already carries the other faults.
-    void misbehave(Misbehaviour misbehaviour, Selector selector = everything());
+    // Returns its number; 0 when the Gateway has stopped.
+    std::uint64_t misbehave(Misbehaviour misbehaviour, Selector selector = everything());
 
-    // Ends all of them; what is held stays held.
+    // Ends all of them, or one; what is held stays held. False when there is none of that number.
     void behave();
+    bool behave(std::uint64_t number);
+
+    // Those in force, in the order of adding.
+    std::vector<MisbehaviourInForce> misbehavioursInForce();
 
     // Keeps the answers to matching requests from now on. Answers to handshakes and close flows are
     // never held.
@@ -165,6 +186,9 @@ public:
     std::size_t releaseNext(std::size_t count = 1);
     std::size_t releaseReversed();
     std::size_t releaseMessage(std::int32_t messageId);
+
+    // What is held, the oldest first.
+    std::vector<HeldCall> heldCalls();
 
     // Sends something right now, behind what has been sent before, on one connection or (0) on all
     // that are open. True when there was one to send on.

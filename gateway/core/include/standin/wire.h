@@ -86,6 +86,10 @@ Handshake decodeHandshake(const Bytes& body, std::size_t bodyOffset);
 EciRequest decodeEciRequest(const Bytes& body, std::size_t bodyOffset);
 EsiRequest decodeEsiRequest(const Bytes& body, std::size_t bodyOffset);
 
+// Overwrites what a request's flow has of passwords by 0x00. Where a flow is so malformed that it
+// cannot be told where they stand, all that may be one is overwritten.
+void hidePasswords(Bytes& flow);
+
 // The token of the unit of work that an ECI request names, however malformed it is behind that; 0
 // when it names none.
 std::int32_t tokenOf(const Flow& request);

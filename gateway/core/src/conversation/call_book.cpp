@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "standin/wire.h"
+
 namespace standin {
 
 namespace {
@@ -29,7 +31,7 @@ void wipePasswords(CallRecord& record)
 
 void CallBook::begin(const ReceivedRequest& request, const std::string& problem)
 {
-    if (!observer_ && !arrivals_) return;
+    if (!observer_ && !arrivals_ && watcher_ == nullptr) return;
     Entry entry;
     entry.came = std::chrono::steady_clock::now();
     CallRecord& record = entry.record;
@@ -42,7 +44,12 @@ void CallBook::begin(const ReceivedRequest& request, const std::string& problem)
     record.problem = problem;
     wipePasswords(record);
     if (arrivals_) arrivals_(record);
-    if (observer_) entries_[request.connection].push_back(std::move(entry));
+    if (watcher_ != nullptr && request.raw.size() <= kLongestKeptFlow) {
+        record.requestFlow = request.raw;
+        hidePasswords(record.requestFlow);
+    }
+    if (watcher_ != nullptr) watcher_->callBegan(record);
+    if (observer_ || watcher_ != nullptr) entries_[request.connection].push_back(std::move(entry));
 }
 
 CallBook::Entry* CallBook::find(int connection, std::int32_t messageId)
@@ -100,6 +107,9 @@ void CallBook::answer(int connection, std::int32_t messageId, const std::vector<
         done.record.flowType = int32At(flows.back(), kTypeOffset);
         done.record.gatewayRc = int32At(flows.back(), kCodeOffset);
     }
+    const bool isKept = watcher_ != nullptr && !flows.empty() &&
+                        flows.back().size() <= kLongestKeptFlow;
+    if (isKept) done.record.answerFlow = flows.back();
     tell(done);
 }
 
@@ -116,7 +126,8 @@ void CallBook::tell(Entry& entry) const
 {
     entry.record.took = std::chrono::duration_cast<std::chrono::microseconds>(
         std::chrono::steady_clock::now() - entry.came);
-    observer_(entry.record);
+    if (observer_) observer_(entry.record);
+    if (watcher_ != nullptr) watcher_->callEnded(std::move(entry.record));
 }
 
 } // namespace standin

@@ -1,4 +1,5 @@
-// The calls that are under way, for the observers of a Gateway. Without one nothing is kept.
+// The calls that are under way, for the observers and the watcher of a Gateway. Without one nothing
+// is kept.
 //
 // Thread: the Gateway's thread only.
 #ifndef STANDIN_CALL_BOOK_H
@@ -8,19 +9,22 @@
 #include <cstdint>
 #include <list>
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "standin/call_record.h"
 #include "standin/records.h"
+#include "standin/watcher.h"
 
 namespace standin {
 
 class CallBook {
 public:
-    // Either may be empty.
-    CallBook(CallObserver observer, CallObserver arrivals)
-        : observer_(std::move(observer)), arrivals_(std::move(arrivals))
+    // Each may be empty.
+    CallBook(CallObserver observer, CallObserver arrivals, std::shared_ptr<Watcher> watcher)
+        : observer_(std::move(observer)), arrivals_(std::move(arrivals)),
+          watcher_(std::move(watcher))
     {
     }
 
@@ -52,6 +56,7 @@ private:
 
     CallObserver observer_;
     CallObserver arrivals_;
+    std::shared_ptr<Watcher> watcher_;
     std::uint64_t lastNumber_ = 0;
     std::map<int, std::list<Entry>> entries_; // by connection, the oldest first
 };

@@ -156,15 +156,32 @@ std::size_t Gateway::openUnitsOfWork() const
 
 // ----------------------------------------------------------------------------------- misbehaviours
 
-void Gateway::misbehave(Misbehaviour misbehaviour, Selector selector)
+std::uint64_t Gateway::misbehave(Misbehaviour misbehaviour, Selector selector)
 {
-    impl_->onThread(
-        [&](Server& server) { server.plan().add(std::move(misbehaviour), std::move(selector)); });
+    std::uint64_t number = 0;
+    impl_->onThread([&](Server& server) {
+        number = server.plan().add(std::move(misbehaviour), std::move(selector));
+    });
+    return number;
 }
 
 void Gateway::behave()
 {
     impl_->onThread([](Server& server) { server.plan().clear(); });
+}
+
+bool Gateway::behave(std::uint64_t number)
+{
+    bool ended = false;
+    impl_->onThread([&](Server& server) { ended = server.plan().remove(number); });
+    return ended;
+}
+
+std::vector<MisbehaviourInForce> Gateway::misbehavioursInForce()
+{
+    std::vector<MisbehaviourInForce> inForce;
+    impl_->onThread([&](Server& server) { inForce = server.plan().inForce(); });
+    return inForce;
 }
 
 void Gateway::hold(Selector selector)
@@ -192,6 +209,16 @@ std::size_t Gateway::releaseMessage(std::int32_t messageId)
 {
     return impl_->releaseSome(
         [messageId](HeldAnswers& held) { return held.takeMessage(messageId); });
+}
+
+std::vector<HeldCall> Gateway::heldCalls()
+{
+    std::vector<HeldCall> calls;
+    impl_->onThread([&](Server& server) {
+        for (const HeldAnswer& answer : server.held().all())
+            calls.push_back({answer.connection, answer.messageId});
+    });
+    return calls;
 }
 
 bool Gateway::sendRaw(Bytes bytes, int connection)

@@ -41,6 +41,7 @@ public:
 
     // How many answers are held, without those that are being collected.
     std::size_t size() const { return held_.size(); }
+    const std::vector<HeldAnswer>& all() const { return held_; }
 
 private:
     std::vector<HeldAnswer> takeIf(const std::function<bool(const HeldAnswer&)>& wanted);

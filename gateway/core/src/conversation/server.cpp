@@ -102,9 +102,11 @@ const char* describe(Ending ending)
 
 Server::Server(const GatewayOptions& options, std::shared_ptr<EventLoop> loop, Recorder& recorder)
     : log_(options.log), loop_(std::move(loop)), recorder_(recorder), acceptor_(loop_->context()),
-      acceptTimer_(loop_->context()), timers_(loop_->context()),
-      calls_(options.observer, options.arrivals), runner_(options.log, options.mostUnitsOfWork)
+      acceptTimer_(loop_->context()), timers_(loop_->context()), watcher_(options.watcher),
+      calls_(options.observer, options.arrivals, options.watcher),
+      runner_(options.log, options.mostUnitsOfWork)
 {
+    runner_.setWatcher(options.watcher);
     runner_.setListReply([systems = options.systems](const EciRequest& request) {
         return EciReply::systemList(request, systems);
     });
@@ -185,6 +187,7 @@ void Server::welcome(Session& session, const std::string& peer)
 {
     const int number = session.number();
     recorder_.connected(number, peer);
+    if (watcher_ != nullptr) watcher_->connectionBegan(number, peer);
     log(LogLevel::Info, number, "accepted from " + peer);
 
     const std::vector<Strike> strikes = plan_.strike({Moment::Connect, number, 0, {}});
@@ -290,6 +293,7 @@ void Server::onEnded(Session& session, Ending ending)
     updateHeldCount();
     runner_.connectionEnded(number);
     calls_.endConnection(number);
+    if (watcher_ != nullptr) watcher_->connectionEnded(number, ending);
     const bool untimely = ending != Ending::ClosedByGateway &&
                           session.stage() != Session::Stage::Closing;
     log(untimely ? LogLevel::Warning : LogLevel::Info, number,
@@ -344,6 +348,7 @@ void Server::takeHandshake(Session& session, const SplitFlow& split, const Bytes
             "handshake applid=" + inQuotes(handshake.applid) +
                 " qualifier=" + inQuotes(handshake.applidQualifier));
         recorder_.receivedHandshake(session.number(), handshake);
+        if (watcher_ != nullptr) watcher_->handshakeCame(session.number(), handshake);
     } catch (const MalformedFlow& malformed) {
         report(session, malformed, raw);
         send(session, encodeErrorFlow(kHandshakeMessageId, codeFor(header), "BASE"));

@@ -126,7 +126,8 @@ private:
     Recorder& recorder_;
     asio::ip::tcp::acceptor acceptor_;
     asio::steady_timer acceptTimer_;
-    Timers timers_; // of answers that are kept for a time
+    Timers timers_;                    // of answers that are kept for a time
+    std::shared_ptr<Watcher> watcher_; // null: nobody watches
     CallBook calls_;
     CallRunner runner_;
     FaultPlan plan_;

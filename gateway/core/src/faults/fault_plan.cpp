@@ -33,9 +33,31 @@ const Kind* effectOf(const Strike& strike)
 
 // --------------------------------------------------------------------------------------- FaultPlan
 
-void FaultPlan::add(Misbehaviour misbehaviour, Selector selector)
+std::uint64_t FaultPlan::add(Misbehaviour misbehaviour, Selector selector)
 {
     entries_.push_back({++lastNumber_, std::move(misbehaviour), std::move(selector), 0});
+    return lastNumber_;
+}
+
+bool FaultPlan::remove(std::uint64_t number)
+{
+    const auto isMeant = [number](const Entry& entry) { return entry.number == number; };
+    const auto found = std::find_if(entries_.begin(), entries_.end(), isMeant);
+    if (found == entries_.end()) return false;
+    entries_.erase(found);
+    return true;
+}
+
+std::vector<MisbehaviourInForce> FaultPlan::inForce() const
+{
+    std::vector<MisbehaviourInForce> inForce;
+    for (const Entry& entry : entries_) {
+        inForce.push_back({entry.number,
+                           {entry.misbehaviour, entry.selector},
+                           entry.seen,
+                           std::max(0, entry.seen - entry.selector.skip)});
+    }
+    return inForce;
 }
 
 void FaultPlan::clear(Fault fault)

@@ -11,6 +11,7 @@
 
 #include "faults/answer.h"
 #include "faults/fault_table.h"
+#include "standin/gateway.h"
 #include "standin/misbehaviour.h"
 
 namespace standin {
@@ -30,9 +31,13 @@ struct Strike {
 
 class FaultPlan {
 public:
-    void add(Misbehaviour misbehaviour, Selector selector);
+    // Returns the number of the entry.
+    std::uint64_t add(Misbehaviour misbehaviour, Selector selector);
     void clear() { entries_.clear(); }
     void clear(Fault fault);
+    bool remove(std::uint64_t number);
+
+    std::vector<MisbehaviourInForce> inForce() const;
 
     // What strikes this event, in the order of adding. Every matching entry counts the event.
     std::vector<Strike> strike(const Event& event);

@@ -149,8 +149,9 @@ EciReply CallRunner::endUnit(const EciRequest& request, int connection)
         backOut(request.luwToken);
         throw;
     }
-    if (reply.vornRc == kServerOk)
-        log(LogLevel::Info, unitText(request.luwToken) + " is committed");
+    const bool isCommitted = reply.vornRc == kServerOk;
+    if (isCommitted) log(LogLevel::Info, unitText(request.luwToken) + " is committed");
+    tell(*unit, isCommitted ? UnitState::Stage::Committed : UnitState::Stage::BackedOut);
     forgetUnit(request.luwToken);
     return reply;
 }
@@ -182,6 +183,7 @@ std::int32_t CallRunner::openUnit(int connection)
     openCount_ = units_.size();
     log(LogLevel::Info,
         unitText(lastToken_) + " is opened by connection " + std::to_string(connection));
+    tell(unit, UnitState::Stage::Open);
     return lastToken_;
 }
 
@@ -192,7 +194,9 @@ std::int32_t CallRunner::enlist(OpenUnit& unit, const std::string& name,
         if (memberName == name && member == program) return program->resume(unit.id);
     }
     const std::int32_t rc = program->begin(unit.id);
-    if (rc == kServerOk) unit.members.emplace_back(name, program);
+    if (rc != kServerOk) return rc;
+    unit.members.emplace_back(name, program);
+    tell(unit, UnitState::Stage::Open);
     return rc;
 }
 
@@ -219,6 +223,7 @@ void CallRunner::backOut(std::int32_t token)
     if (found == units_.end()) return;
     const OpenUnit unit = std::move(found->second);
     forgetUnit(token);
+    tell(unit, UnitState::Stage::BackedOut);
     for (const auto& [name, program] : unit.members) {
         try {
             program->backout(unit.id);
@@ -248,6 +253,14 @@ void CallRunner::connectionLost(int connection)
 void CallRunner::connectionEnded(int connection)
 {
     if (first_ != nullptr) first_->connectionEnded(connection);
+}
+
+void CallRunner::tell(const OpenUnit& unit, UnitState::Stage stage) const
+{
+    if (watcher_ == nullptr) return;
+    UnitState state{unit.id.token, unit.id.connection, {}, stage};
+    for (const auto& [name, program] : unit.members) state.programs.push_back(name);
+    watcher_->unitChanged(state);
 }
 
 void CallRunner::log(LogLevel level, const std::string& line) const

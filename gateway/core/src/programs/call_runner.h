@@ -14,6 +14,7 @@
 
 #include "standin/log.h"
 #include "standin/program.h"
+#include "standin/watcher.h"
 
 namespace standin {
 
@@ -47,6 +48,9 @@ public:
 
     std::size_t openUnitsOfWork() const { return openCount_; }
 
+    // Is told of every unit of work; null: nobody is.
+    void setWatcher(std::shared_ptr<Watcher> watcher) { watcher_ = std::move(watcher); }
+
 private:
     // One unit of work and the programs that take part in it, in the order of their first call.
     struct OpenUnit {
@@ -76,7 +80,10 @@ private:
 
     void log(LogLevel level, const std::string& line) const;
 
+    void tell(const OpenUnit& unit, UnitState::Stage stage) const;
+
     LogSink log_;
+    std::shared_ptr<Watcher> watcher_;
     const std::size_t mostUnits_;
     std::map<std::string, std::shared_ptr<Program>> programs_;
     std::shared_ptr<FirstProgram> first_; // null: none

@@ -4,16 +4,25 @@
 #ifndef JOURNAL_LINE_H
 #define JOURNAL_LINE_H
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "standin/call_record.h"
+#include "json/call_json.h"
 
 namespace journal {
 
-// With its end.
+call_json::Json jsonOf(const standin::CallRecord& call);
+
+// The time of a call as it stands there, and its type: "program", "list", ...
+std::string timeText(std::chrono::system_clock::time_point time);
+std::string typeOf(const standin::CallRecord& call);
+std::string nameOfFlow(std::int32_t type);
+
+// The same as a line, with its end.
 std::string lineFor(const standin::CallRecord& call);
 
 // The line that stands for so many that could not be written.

@@ -67,12 +67,6 @@ std::string withoutPadding(const std::string& text)
 
 const char* const kModes[] = {"single", "extended", "commit", nullptr, "backout"};
 
-std::string nameOfMode(std::int32_t mode)
-{
-    const bool isKnown = mode >= 0 && mode <= standin::kModeBackout && kModes[mode] != nullptr;
-    return isKnown ? kModes[mode] : std::to_string(mode);
-}
-
 std::string textAt(const Json& json, const char* key)
 {
     return json.value(key, std::string());
@@ -91,6 +85,17 @@ std::string validText(const std::string& text)
                                      [](char c) { return static_cast<unsigned char>(c) < 0x80; });
     if (isAscii) return text;
     return code_page::toUtf8(Bytes(text.begin(), text.end()), kLatin1);
+}
+
+std::string nameOfMode(std::int32_t mode)
+{
+    const bool isKnown = mode >= 0 && mode <= standin::kModeBackout && kModes[mode] != nullptr;
+    return isKnown ? kModes[mode] : std::to_string(mode);
+}
+
+std::string nameText(const std::string& padded)
+{
+    return validText(withoutPadding(padded));
 }
 
 Json areaOf(const Bytes& data, Form form)
@@ -134,10 +139,10 @@ Json channelOf(const Channel& channel, Form form)
 
 void putRequest(Json& json, const EciRequest& request, Form form)
 {
-    json["program"] = validText(withoutPadding(request.program));
-    json["transaction"] = validText(withoutPadding(request.transid));
-    json["server"] = validText(withoutPadding(request.server));
-    json["user"] = validText(withoutPadding(request.userId));
+    json["program"] = nameText(request.program);
+    json["transaction"] = nameText(request.transid);
+    json["server"] = nameText(request.server);
+    json["user"] = nameText(request.userId);
     json["mode"] = nameOfMode(request.extendMode);
     json["unit"] = request.luwToken;
     json["commarea"] = areaOf(request.commareaAsSeenByProgram(), form);

@@ -32,6 +32,12 @@ std::string validText(const std::string& text);
 Json areaOf(const standin::Bytes& data, Form form);
 Json channelOf(const standin::Channel& channel, Form form);
 
+// "single", "extended", "commit", "backout", or the number of another one.
+std::string nameOfMode(std::int32_t mode);
+
+// A name as it travels, without its padding, as JSON takes it.
+std::string nameText(const std::string& padded);
+
 // The call of a program: program, transaction, server, user, mode, unit, commarea and channel.
 void putRequest(Json& json, const standin::EciRequest& request, Form form);
 

@@ -76,9 +76,21 @@ Answers::Answers(std::shared_ptr<const Script> script, standin::LogSink log)
 std::shared_ptr<const Script> Answers::replace(std::shared_ptr<const Script> script)
 {
     positions_.clear();
+    matches_.clear();
     counters_.clear();
     chance_.seed(script->seed);
     return std::exchange(script_, std::move(script));
+}
+
+std::vector<Answers::RuleState> Answers::state() const
+{
+    std::vector<RuleState> state;
+    for (const Rule& rule : script_->rules) {
+        const auto found = matches_.find(&rule);
+        state.push_back(
+            {rule.line, rule.match.describe(), found == matches_.end() ? 0 : found->second});
+    }
+    return state;
 }
 
 // ---------------------------------------------------------------------------------- which answer
@@ -204,6 +216,7 @@ void Answers::answerBehindPassword(const Turn& turn, bool isRight, const Pending
 std::optional<EciReply> Answers::answer(const Rule& rule, const Turn& turn,
                                         const std::function<PendingReply()>& later)
 {
+    ++matches_[&rule];
     // Without a unit of work there is no place to keep anything for one.
     Position ofNoUnit;
     const bool isKept = rule.per != Per::Unit || turn.unit != 0;

@@ -40,6 +40,14 @@ public:
     // How many [[on]] the script has.
     std::size_t rules() const { return script_->rules.size(); }
 
+    // Each of them, and how many calls it has answered since it is in force.
+    struct RuleState {
+        std::uint32_t line = 0;
+        std::string calls; // that it means
+        std::uint64_t matches = 0;
+    };
+    std::vector<RuleState> state() const;
+
     bool takes(const standin::ProgramCall& call) override;
     std::optional<standin::EciReply> call(const standin::ProgramCall& call) override;
     std::int32_t commit(const standin::UnitOfWork& unit) override;
@@ -93,6 +101,7 @@ private:
     Aside aside_;
     Chance chance_;
     std::map<PositionKey, Position> positions_; // the second number: 0, a connection, or a token
+    std::map<const Rule*, std::uint64_t> matches_;
     std::map<std::string, std::uint64_t> counters_;
     std::map<int, Kept> kept_; // by connection
 };

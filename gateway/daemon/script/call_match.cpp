@@ -116,6 +116,29 @@ bool CallMatch::fits(const EciRequest& request) const
     return commarea_->fits(&commarea, kUsualCcsid);
 }
 
+std::string CallMatch::describe() const
+{
+    std::vector<std::string> parts;
+    const auto add = [&parts](const std::string& key, const NameMatch& name) {
+        std::string text = key;
+        for (const std::string& pattern : name.patterns())
+            text += (text.size() == key.size() ? " " : " or ") + pattern;
+        parts.push_back(text);
+    };
+    for (const auto& [field, name] : names_) {
+        for (const NameKey& one : kNameKeys) {
+            if (one.field == field) add(one.key, name);
+        }
+    }
+    if (hasChannel_) parts.emplace_back(*hasChannel_ ? "a channel" : "no channel");
+    if (channel_) add("channel", *channel_);
+    for (const auto& [name, data] : containers_) parts.push_back("container " + name);
+    if (commarea_) parts.emplace_back("commarea");
+    std::string text;
+    for (const std::string& part : parts) text += (text.empty() ? "" : ", ") + part;
+    return text.empty() ? "every call" : text;
+}
+
 std::vector<std::pair<std::string, DataMatch>> containersIn(const Value& value)
 {
     if (!value.isTable()) conf::complain(value, "containers is no table of names");

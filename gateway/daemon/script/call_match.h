@@ -22,6 +22,8 @@ public:
 
     bool fits(const std::string& text) const;
 
+    const std::vector<std::string>& patterns() const { return patterns_; }
+
 private:
     std::vector<std::string> patterns_;
 };
@@ -35,6 +37,9 @@ public:
     static CallMatch read(const conf::Section& section);
 
     bool fits(const standin::EciRequest& request) const;
+
+    // For people, without the data that are looked for: "program PRICE, commarea".
+    std::string describe() const;
 
 private:
     std::vector<std::pair<std::string standin::EciRequest::*, NameMatch>> names_;

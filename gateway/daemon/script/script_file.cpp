@@ -23,9 +23,8 @@ std::string countOf(std::size_t count)
 } // namespace
 
 ScriptFile::ScriptFile(std::string file, standin::LogSink log)
-    : file_(std::move(file)), log_(std::move(log)),
-      abandoned_(std::make_shared<std::atomic<bool>>(false)),
-      answers_(std::make_shared<Answers>(read(), log_))
+    : log_(std::move(log)), abandoned_(std::make_shared<std::atomic<bool>>(false)),
+      file_(std::move(file)), answers_(std::make_shared<Answers>(read(file_), log_))
 {
 }
 
@@ -35,14 +34,14 @@ ScriptFile::~ScriptFile()
     abandon();
 }
 
-std::shared_ptr<const Script> ScriptFile::read() const
+std::shared_ptr<const Script> ScriptFile::read(const std::string& file) const
 {
-    std::filesystem::path folder = std::filesystem::path(file_).parent_path();
+    std::filesystem::path folder = std::filesystem::path(file).parent_path();
     if (folder.empty()) folder = ".";
     struct Wiper {
         ~Wiper() { standin::wipeStack(); } // the file may have passwords in clear
     } const wiper;
-    return readScript(conf::readFile(file_), {folder.string(), {log_, abandoned_}});
+    return readScript(conf::readFile(file), {folder.string(), {log_, abandoned_}});
 }
 
 void ScriptFile::serve(standin::Gateway& gateway, Answers::Aside aside)
@@ -51,31 +50,68 @@ void ScriptFile::serve(standin::Gateway& gateway, Answers::Aside aside)
     way_ = gateway.wayOntoThread();
     log_(LogLevel::Info, "script " + file_ + ": " + countOf(answers_->rules()));
     gateway.setFirstProgram(answers_);
+    watch(file_);
+}
+
+void ScriptFile::watch(const std::string& file)
+{
     try {
-        watch_ = std::make_unique<FileWatch>(file_, [this] { reload(); });
+        watch_ = std::make_unique<FileWatch>(file, [this] { reload(); });
     } catch (const std::system_error& error) {
-        log_(LogLevel::Warning, "script " + file_ + " cannot be watched (" +
-                                    error.code().message() + "); SIGHUP has it read again");
+        log_(LogLevel::Warning, "script " + file + " cannot be watched (" + error.code().message() +
+                                    "); SIGHUP has it read again");
     }
 }
 
-void ScriptFile::reload()
+std::string ScriptFile::reload()
 {
     const std::lock_guard<std::mutex> guard(lock_);
-    std::shared_ptr<const Script> script;
     try {
-        script = read();
+        std::shared_ptr<const Script> script = read(file_);
+        const std::string count = countOf(script->rules.size());
+        if (!putInForce(std::move(script))) return {};
+        problem_.clear();
+        log_(LogLevel::Info, "script " + file_ + " is read again: " + count);
     } catch (const std::exception& problem) {
-        log_(LogLevel::Error, "script " + file_ + ": " + problem.what() +
+        problem_ = problem.what();
+        log_(LogLevel::Error, "script " + file_ + ": " + problem_ +
                                   ". The one that was read before stays in force.");
-        return;
     }
+    return problem_;
+}
+
+void ScriptFile::load(const std::string& file)
+{
+    const std::lock_guard<std::mutex> oneAtATime(loading_);
+    std::shared_ptr<const Script> script = read(file);
     const std::string count = countOf(script->rules.size());
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        putInForce(std::move(script));
+        file_ = file;
+        problem_.clear();
+    }
+    log_(LogLevel::Info, "script " + file + ": " + count);
+    watch_.reset(); // what it is doing may need the lock
+    watch(file);
+}
+
+ScriptFile::State ScriptFile::state()
+{
+    const std::lock_guard<std::mutex> guard(lock_);
+    std::promise<std::vector<Answers::RuleState>> rules;
+    State state{file_, problem_, {}};
+    if (way_([&] { rules.set_value(answers_->state()); })) state.rules = rules.get_future().get();
+    return state;
+}
+
+// False when the Gateway has stopped.
+bool ScriptFile::putInForce(std::shared_ptr<const Script> script)
+{
     std::promise<std::shared_ptr<const Script>> before;
     const bool isTaken = way_([&] { before.set_value(answers_->replace(std::move(script))); });
-    if (!isTaken) return;
-    dispose(before.get_future().get());
-    log_(LogLevel::Info, "script " + file_ + " is read again: " + count);
+    if (isTaken) dispose(before.get_future().get());
+    return isTaken;
 }
 
 // The programs of a script that was in force answer what they have been given. Nobody waits for

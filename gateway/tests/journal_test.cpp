@@ -196,12 +196,15 @@ TEST_F(DaemonJournal, GoesOnBehindWhatIsThereOnALineOfItsOwn)
 
 TEST_F(DaemonJournal, MayBeStandardOutput)
 {
-    Daemon daemon({"--journal", "-", "--log-level", "error"}, "exec 2>/dev/null");
+    const std::string port = directory.file("port");
+    Daemon daemon({"--journal", "-", "--log-level", "error", "--port-file", port},
+                  "exec 2>/dev/null");
     Daemon other({"--journal", "-"});
     Client client(other.port());
     ASSERT_TRUE(client.shakeHands());
     client.call(1, echo("x"));
     EXPECT_TRUE(other.awaitOutput("\n{\"call\":1,\"time\":"));
+    while (!std::filesystem::exists(port)) {} // until it understands signals
     EXPECT_EQ(0, daemon.stop());
     EXPECT_EQ("", daemon.output());
 }

@@ -19,6 +19,8 @@
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/spdlog.h>
 
+#include "control/control.h"
+#include "control/guard.h"
 #include "journal/check.h"
 #include "journal/journal.h"
 #include "ledger/ledger.h"
@@ -281,6 +283,7 @@ int complainAboutAddress(const Options& options, const std::system_error& error,
 }
 
 std::unique_ptr<standin::Gateway> openGateway(const Options& options, journal::Journal* journal,
+                                              const std::shared_ptr<control::Book>& book,
                                               const Log& log)
 {
     standin::GatewayOptions gatewayOptions;
@@ -290,6 +293,7 @@ std::unique_ptr<standin::Gateway> openGateway(const Options& options, journal::J
     gatewayOptions.recording = false;
     gatewayOptions.systems = options.systems;
     gatewayOptions.mostUnitsOfWork = mostUnitsOfWork();
+    gatewayOptions.watcher = book;
     if (journal != nullptr) {
         gatewayOptions.observer = [journal](const standin::CallRecord& call) {
             journal->add(call);
@@ -300,6 +304,50 @@ std::unique_ptr<standin::Gateway> openGateway(const Options& options, journal::J
     } catch (const std::system_error& error) {
         complainAboutAddress(options, error, log);
         return nullptr;
+    }
+}
+
+// Null: it cannot listen, which has been told.
+std::unique_ptr<control::Control> openControl(const Options& options, std::string token,
+                                              const std::shared_ptr<control::Book>& book,
+                                              standin::Gateway& gateway, script::ScriptFile* script,
+                                              const Log& log)
+{
+    control::Settings settings;
+    settings.host = options.controlHost;
+    settings.port = *options.control;
+    settings.token = std::move(token);
+    settings.version = daemon_options::kVersion;
+    settings.database = options.database;
+    settings.journal = options.journal;
+    settings.systems = options.systems;
+    try {
+        auto control = std::make_unique<control::Control>(std::move(settings), book, gateway,
+                                                          script);
+        const bool isNumber = options.controlHost.find(':') == std::string::npos;
+        log->info("control on http://{}:{}/",
+                  isNumber ? options.controlHost : "[" + options.controlHost + "]",
+                  control->port());
+        return control;
+    } catch (const std::runtime_error& error) {
+        log->error("cannot listen on {}:{}: {}. Choose another port with --control (0 for any free "
+                   "one), or an address of this machine with --control-host.",
+                   options.controlHost, *options.control, error.what());
+        return nullptr;
+    }
+}
+
+// Nothing: the file cannot be used, which has been told.
+std::optional<std::string> readToken(const Options& options, const Log& log)
+{
+    if (options.controlToken.empty()) return std::string();
+    try {
+        return control::readToken(options.controlToken);
+    } catch (const std::runtime_error& problem) {
+        log->error("cannot use the token file {}: {}. Give a file that has the token in its first "
+                   "line with --control-token.",
+                   options.controlToken, problem.what());
+        return std::nullopt;
     }
 }
 
@@ -315,8 +363,8 @@ void sayGoodbye(standin::Gateway& gateway)
 }
 
 // Returns when SIGINT or SIGTERM has come.
-void serveUntilStopped(standin::Gateway& gateway, script::ScriptFile* script, const Log& log,
-                       const Signals& signals)
+void waitForTheEnd(standin::Gateway& gateway, script::ScriptFile* script, const Log& log,
+                   const Signals& signals)
 {
     for (;;) {
         const int signal = signals.wait();
@@ -325,14 +373,11 @@ void serveUntilStopped(standin::Gateway& gateway, script::ScriptFile* script, co
             gateway.release();
         } else if (signal != SIGHUP) {
             log->info("ending by signal {}", signal);
-            break;
+            return;
         } else if (script != nullptr) {
             script->reload();
         }
     }
-    if (script != nullptr) script->abandon();
-    sayGoodbye(gateway);
-    gateway.stop();
 }
 
 int complainAboutPortFile(const Options& options, const Log& log)
@@ -434,9 +479,14 @@ int serve(const Options& options, const Log& log, const Signals& signals)
 
     const std::unique_ptr<replay::Replay> replay = openReplay(options, log);
     if (replay == nullptr && !options.replay.folder.empty()) return daemon_options::kBadFolder;
+    std::optional<std::string> token = readToken(options, log);
+    if (!token) return daemon_options::kBadToken;
+    const auto book = options.control ? std::make_shared<control::Book>(control::Book::Limits())
+                                      : nullptr;
 
     registry::Worker worker(kMostPasswords); // outlives what gives work to it
-    const std::unique_ptr<standin::Gateway> gateway = openGateway(options, journal.get(), log);
+    const std::unique_ptr<standin::Gateway> gateway = openGateway(options, journal.get(), book,
+                                                                  log);
     if (gateway == nullptr) return daemon_options::kCannotListen;
     if (programs) {
         gateway->setProgram("LEDGER", programs->ledger);
@@ -452,10 +502,20 @@ int serve(const Options& options, const Log& log, const Signals& signals)
         gateway->misbehave(selected.misbehaviour, selected.selector);
     warnOfMisbehaviours(options, log);
 
+    std::unique_ptr<control::Control> control;
+    if (options.control) {
+        control = openControl(options, std::move(*token), book, *gateway, script.get(), log);
+        if (control == nullptr) return daemon_options::kCannotListen;
+    }
+
     if (!portFile.write(gateway->port())) return complainAboutPortFile(options, log);
 
     log->info("ready");
-    serveUntilStopped(*gateway, script.get(), log, signals);
+    waitForTheEnd(*gateway, script.get(), log, signals);
+    control.reset();
+    if (script != nullptr) script->abandon();
+    sayGoodbye(*gateway);
+    gateway->stop();
     if (replay != nullptr) replay->report();
     return daemon_options::kStopped;
 }

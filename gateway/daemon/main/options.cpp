@@ -8,6 +8,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "control/guard.h"
 #include "main/config_file.h"
 
 namespace daemon_options {
@@ -32,6 +33,8 @@ Examples:
       Answers calls as answers.toml says, which is read again when it changes.
   qpxgatewayd --port 5770 --journal calls.jsonl
       Writes every call to calls.jsonl.
+  qpxgatewayd --port 5770 --control 8080
+      Shows all that happens on http://127.0.0.1:8080/, and switches there.
   qpxgatewayd check calls.jsonl expect.toml
       Names what is missing, unexpected or out of order there.
   qpxgatewayd --port 5771 --record gateway.example:5770 monday
@@ -53,7 +56,7 @@ Exit codes:
   2  wrong option, or unknown key       5  cannot write the port file
      in a file                          6  cannot use the registry file
   7  cannot use the script              8  cannot open the journal
-  9  cannot use a recording)";
+  9  cannot use a recording            10  cannot use the token of the control)";
 
 const std::map<std::string, LogLevel> kLogLevels = {
     {"debug", LogLevel::Debug},
@@ -198,6 +201,21 @@ void declare(CLI::App& app, Options& options, RawOptions& raw)
                        "output")
             ->option_text("FILE")
             ->check(notEmpty);
+    CLI::Option* const control =
+        app.add_option("--control", options.control,
+                       "Show what happens, and take orders, over HTTP on PORT, 0 for any free one")
+            ->option_text("PORT");
+    app.add_option("--control-token", options.controlToken,
+                   "Ask who comes over HTTP for the token in FILE (its first line)")
+        ->option_text("FILE")
+        ->check(notEmpty)
+        ->needs(control);
+    app.add_option("--control-host", options.controlHost,
+                   "Address for --control (default 127.0.0.1); one that others reach needs "
+                   "--control-token")
+        ->option_text("ADDRESS")
+        ->check(CLI::Validator(complaintAboutHost, ""))
+        ->needs(control);
     CLI::Option* const system =
         app.add_option("--system", raw.systems,
                        "A server for the system list, behind those of the registry file; may be "
@@ -215,7 +233,7 @@ void declare(CLI::App& app, Options& options, RawOptions& raw)
                        "flow to a file of its connection in the folder DIR")
             ->option_text("HOST:PORT DIR")
             ->expected(2);
-    for (CLI::Option* const other : {database, registry, script, journal, system})
+    for (CLI::Option* const other : {database, registry, script, journal, control, system})
         record->excludes(other);
 
     CLI::Option* const replay =
@@ -246,6 +264,8 @@ void declare(CLI::App& app, Options& options, RawOptions& raw)
 
 } // namespace
 
+const char* const kVersion = GATEWAY_VERSION;
+
 std::variant<Options, int> readOptions(int argc, const char* const* argv)
 {
     Options options;
@@ -265,6 +285,12 @@ std::variant<Options, int> readOptions(int argc, const char* const* argv)
     if (raw.listMisbehaviours) {
         printMisbehaviours();
         return kStopped;
+    }
+    if (options.controlToken.empty() && !control::isLoopback(options.controlHost)) {
+        std::cerr << "--control-host: others reach " << options.controlHost
+                  << "; give a file with a token, too, with --control-token\n"
+                  << "Run with --help for more information.\n";
+        return kBadOptions;
     }
     options.logLevel = kLogLevels.at(raw.logLevel);
     for (const std::string& text : raw.misbehaviours)

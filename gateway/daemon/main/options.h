@@ -3,6 +3,7 @@
 #define GATEWAY_OPTIONS_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -26,6 +27,7 @@ enum ExitCode {
     kBadScript = 7,    // the script cannot be used
     kBadJournal = 8,   // the journal cannot be opened
     kBadFolder = 9,    // the folder of a recording cannot be used, or what is in it
+    kBadToken = 10,    // the file with the token of the control cannot be used
 };
 
 // A recording of what goes through to a Gateway; no folder: there is none.
@@ -53,10 +55,15 @@ struct Options {
     RecordOptions record;
     ReplayOptions replay;
     std::string recordScript; // folder of a recording that becomes a script; empty: none
+    std::optional<std::uint16_t> control; // port of the control; nothing: there is none
+    std::string controlHost = "127.0.0.1";
+    std::string controlToken; // file; empty: no token is asked for
     standin::LogLevel logLevel = standin::LogLevel::Info;
     std::vector<standin::SelectedMisbehaviour> misbehaviours;
     std::vector<standin::SystemEntry> systems;
 };
+
+extern const char* const kVersion;
 
 // Reads the command line. An int instead of options: the daemon is to end with this exit code; what
 // the user asked for, or did wrong, has been printed.

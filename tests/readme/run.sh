@@ -1,19 +1,20 @@
 #!/usr/bin/env bash
 # Runs one block of README.md as a reader does who pastes it into a shell:
 #
-#   run.sh --list SOURCE        names the blocks: heading, and number under it
+#   run.sh --list SOURCE BITS   names the blocks: heading, and number under it
 #   run.sh BLOCK SOURCE BUILD   runs one, with the build of the tree in place of that of ./demo
 #
-# Blocks are marked "sh" or "c". Those of commands run line by line in a copy of the tree; a program
-# in C is compiled and run. A block fails with its first command that does, and where a program
-# reads the lines behind it, which have been pasted at once.
+# Blocks are marked "sh", "c", "cpp" or "python"; the last are for 64 bits, the others for 32. Those
+# of commands run line by line in a copy of the tree; a program is compiled, if need be, and run. A
+# block fails with its first command that does, and where a program reads the lines behind it, which
+# have been pasted at once.
 #
 # Commands that build the whole tree or run its tests are not run from within the tests: ./demo,
 # ./check, the build of a preset and its tests. A block of them is checked for its names alone.
 set -euo pipefail
 
 BLOCK=$1 SOURCE=$2 BUILD=${3:-}
-readonly BLOCK SOURCE BUILD
+readonly SOURCE BUILD
 readonly NOT_RUN='^(\./demo|\./check|cmake --preset|cmake --build --preset|ctest --preset)( |$)'
 
 # shellcheck source=tools/gateway.sh
@@ -55,7 +56,7 @@ clean_up() {
 copy_tree() {
     mkdir -p "$FOLDER/tree/build" "$FOLDER/temporary"
     cp -r "$SOURCE"/{CMakeLists.txt,CMakePresets.json,cmake,include,src,gateway,tools} \
-        "$SOURCE"/{demo-programs,examples} "$FOLDER/tree"
+        "$SOURCE"/{client,demo-programs,docs,examples,manual} "$FOLDER/tree"
     ln -s "$BUILD" "$FOLDER/tree/build/demo"
 }
 
@@ -111,19 +112,46 @@ check_commands() {
     fi
 }
 
-# The program expects the gateway at a port that may be taken here; it gets another.
-check_program() {
-    lines_of_block >"$FOLDER/program.c"
+# Programs expect the gateway at a port that may be taken here; they get another.
+prepare_program() {
+    lines_of_block >"$FOLDER/$1"
     start_gateway "$BUILD/gateway/daemon/qpxgatewayd" "$FOLDER"
-    sed -i "s/\\b5770\\b/$GATEWAY_PORT/" "$FOLDER/program.c"
-    gcc -m32 -std=c99 -Wall -Wextra -Wpedantic -Werror "-I$SOURCE/include" "$FOLDER/program.c" \
+    sed -i "s/\\b5770\\b/$GATEWAY_PORT/" "$FOLDER/$1"
+}
+
+check_program() {
+    prepare_program "$1"
+    "${@:2}" -m32 -Wall -Wextra -Wpedantic -Werror "-I$SOURCE/include" "$FOLDER/$1" \
         -o "$FOLDER/program" "-L$BUILD/src" -lqpxclient
-    [[ $(LD_LIBRARY_PATH=$BUILD/src "$FOLDER/program") == "Hello, Gateway!" ]] ||
-        fail "the program does not say what it is meant to"
+    expect_greeting env LD_LIBRARY_PATH="$BUILD/src" "$FOLDER/program"
+}
+
+check_script() {
+    prepare_program program.py
+    expect_greeting env PYTHONPATH="$SOURCE/python" PYTHONDONTWRITEBYTECODE=1 \
+        QPX_CLIENT_LIBRARY="$BUILD/src/libqpxclient.so" python3 "$FOLDER/program.py"
+}
+
+expect_greeting() {
+    [[ $("$@") == "Hello, Gateway!" ]] || fail "the program does not say what it is meant to"
+}
+
+# Whether a block of this kind is for the word size.
+is_for() {
+    if [[ $1 == python ]]; then [[ $2 == 64 ]]; else [[ $2 == 32 ]]; fi
+}
+
+list_blocks() {
+    local kind
+
+    for BLOCK in $(blocks | cut -f1 | uniq | grep .); do
+        kind=$(kind_of_block)
+        ! is_for "$kind" "$1" || printf '%s\n' "$BLOCK"
+    done
 }
 
 if [[ $BLOCK == --list ]]; then
-    blocks | cut -f1 | uniq | grep .
+    list_blocks "$3"
     exit
 fi
 
@@ -131,6 +159,8 @@ FOLDER=$(mktemp -d)
 trap clean_up EXIT
 case $(kind_of_block) in
 sh) check_commands ;;
-c) check_program ;;
-*) fail "is neither marked \"sh\" nor \"c\"" ;;
+c) check_program program.c gcc -std=c99 ;;
+cpp) check_program program.cpp g++ -std=c++17 ;;
+python) check_script ;;
+*) fail "is marked \"$(kind_of_block)\", and that is nothing that can be run" ;;
 esac

@@ -199,6 +199,16 @@ TEST_F(ChannelLines, TellOfANewContainer)
                                 shown(channel.token) + ")"));
 }
 
+TEST_F(ChannelLines, TellOfACodePageThatIsTheLocalOne)
+{
+    TraceFile trace(4);
+
+    channel.addChar("TEXT", 0, "abc");
+
+    EXPECT_TRUE(trace.wrote(1332, "DEBUG",
+                            "API.ECI_createContainer() Channel CCSID set to <int> from locale"));
+}
+
 TEST_F(ChannelLines, TellWhoeverWaitsThatTheChannelIsNoMore)
 {
     TraceFile trace(4);

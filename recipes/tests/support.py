@@ -8,14 +8,16 @@ import socket
 import subprocess
 import tempfile
 import threading
+import time
 import unittest
-from typing import Callable, Dict, List, Sequence
+from typing import Callable, Dict, List, Optional, Sequence
 
 import qpxclient
 
 RECIPES = pathlib.Path(__file__).resolve().parents[1]
 DAEMON = os.environ["QPX_GATEWAY_DAEMON"]
 GENEROUS = 90  # seconds, after which a test that waits fails
+KEEPALIVE = 2  # the number of that timer in the kernel's table of connections
 
 
 class Logging:
@@ -128,6 +130,15 @@ class RecipeTest(unittest.TestCase):
         self.assertIn(error.exception.code, (qpxclient.Code.QPX_ERR_LOSTGWCON,
                                              qpxclient.Code.QPX_ERR_CONNECTFAILED))
 
+    def await_keepalive(self, connection: qpxclient.Connection, local: Optional[int] = None,
+                        remote: Optional[int] = None) -> None:
+        """Until the timer that the kernel runs for the other end is that of keepalive, as it is
+        while nothing is on its way."""
+        end = time.monotonic() + GENEROUS
+        while KEEPALIVE not in timers(local, remote):
+            self.assertLess(time.monotonic(), end, "no keepalive")
+            connection.call("ECHO", b"hello")
+
     def run_program(self, command: Sequence[str], **options: object) -> Logging:
         program = Logging(command, **options)
         self.addCleanup(program.stop)
@@ -148,6 +159,17 @@ class RecipeTest(unittest.TestCase):
         listener = socket.create_server(("127.0.0.1", 0), backlog=256)
         self.addCleanup(listener.close)
         return listener
+
+
+def timers(local: Optional[int], remote: Optional[int]) -> List[int]:
+    """Which timers run for the established connections with these ports."""
+    found = []
+    for line in pathlib.Path("/proc/thread-self/net/tcp").read_text().splitlines()[1:]:
+        fields = line.split()
+        ports = [int(each.split(":")[1], 16) for each in fields[1:3]]
+        if fields[3] == "01" and local in (None, ports[0]) and remote in (None, ports[1]):
+            found.append(int(fields[5].split(":")[0], 16))
+    return found
 
 
 def listening_port(process: int) -> int:

@@ -11,10 +11,9 @@ import unittest
 from typing import Dict
 
 import qpxclient
-from support import GENEROUS, Gateway, RecipeTest, recipe
+from support import GENEROUS, KEEPALIVE, Gateway, RecipeTest, recipe
 
 NEW_MOUNTS, NEW_USER, NEW_NETWORK = 0x00020000, 0x10000000, 0x40000000
-KEEPALIVE = 2
 ADDRESS = "10.9.0.2"
 
 

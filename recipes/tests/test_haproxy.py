@@ -44,18 +44,30 @@ class HaproxyTest(RecipeTest):
         return int(listener.getsockname()[1])
 
     def order(self, text: str, name: str = "haproxy") -> str:
-        while True:
-            with socket.socket(socket.AF_UNIX) as admin:
-                admin.settimeout(GENEROUS)
-                try:
-                    admin.connect(str(self.folder / f"{name}.sock"))
-                except ConnectionRefusedError:  # the master executes itself anew behind its start
-                    continue
-                admin.sendall(text.encode() + b"\n")
-                return admin.makefile().read().strip()
+        with socket.socket(socket.AF_UNIX) as admin:
+            admin.settimeout(GENEROUS)
+            admin.connect(str(self.folder / f"{name}.sock"))
+            admin.sendall(text.encode() + b"\n")
+            admin.shutdown(socket.SHUT_WR)
+            return admin.makefile().read().strip()
 
-    def connect(self, port: int) -> qpxclient.Connection:
-        connection = qpxclient.connect("127.0.0.1", port, applid="CALLER")
+    def reload(self) -> None:
+        # Behind its start, and at a reload, the master executes itself anew: whoever asks it then is
+        # refused, or cut off.
+        while True:
+            try:
+                if self.order("show proc", "master"):
+                    break
+            except ConnectionError:
+                pass
+        try:
+            self.order("reload", "master")
+        except ConnectionError:
+            pass
+        self.haproxy.await_line("Reloading HAProxy")
+
+    def connect(self, port: int, applid: str = "CALLER") -> qpxclient.Connection:
+        connection = qpxclient.connect("127.0.0.1", port, applid=applid)
         self.addCleanup(self.end, connection)
         return connection
 
@@ -70,13 +82,19 @@ class HaproxyTest(RecipeTest):
 class HaproxyConnections(HaproxyTest):
     """What becomes of connections, and of long calls on them."""
 
-    def test_connections_are_spread(self) -> None:
+    def test_connections_go_where_there_are_fewest(self) -> None:
         first, second = self.gateway(), self.gateway()
         port = self.proxy(first, second)
-        for _ in range(4):
-            self.assertEqual(self.connect(port).call("ECHO", b"hello"), b"hello")
+        connections = [self.connect(port, f"CALLER{number}") for number in range(4)]
         first.await_callers(2)
         second.await_callers(2)
+        for number, each in enumerate(connections):
+            if first.lines(f'applid="CALLER{number}"'):
+                each.close()
+        self.haproxy.await_line("gateways/gateway1 ", times=2)  # their lines, when they have ended
+        for number in range(2):
+            self.connect(port)
+        first.await_callers(4)
 
     def test_a_gateway_refuses_the_line_of_the_proxy_protocol(self) -> None:
         gateway = self.gateway()
@@ -104,10 +122,8 @@ class HaproxyConnections(HaproxyTest):
         gateway = self.gateway()
         port = self.proxy(gateway)
         connection = self.connect(port)
-        # While nothing is on its way the timer of a connection is that of keepalive.
-        for side in (port, None), (None, gateway.port):
-            while 2 not in timers(*side):
-                connection.call("ECHO", b"hello")
+        self.await_keepalive(connection, local=port)
+        self.await_keepalive(connection, remote=gateway.port)
 
 
 class HaproxyChecks(HaproxyTest):
@@ -184,7 +200,7 @@ class HaproxyChanges(HaproxyTest):
         gateway = self.gateway()
         port = self.proxy(gateway)
         connection = self.connect(port)
-        self.order("reload", "master")
+        self.reload()
         self.haproxy.await_line("Proxy applications stopped")
         self.haproxy.await_line("Loading success", times=2)
         self.assertEqual(connection.call("ECHO", b"hello"), b"hello")
@@ -196,13 +212,21 @@ class HaproxyChanges(HaproxyTest):
         connection = self.connect(port)
         reply = self.pool.submit(connection.call, "ECHO", b"hello")
         gateway.await_line('program="ECHO"')
-        self.order("reload", "master")
+        self.reload()
         with self.assertRaises(qpxclient.ConnectionEnded):
             reply.result(GENEROUS)
 
 
 class HaproxyDeath(HaproxyTest):
     """A Gateway that dies under load."""
+
+    def test_an_open_that_meets_it_before_the_checks_do_is_passed_on(self) -> None:
+        first, second = self.gateway(), self.gateway()
+        port = self.proxy(first, second, changes={"inter 5s": "inter 1d"})
+        second.kill()
+        for _ in range(4):
+            self.assertEqual(self.connect(port).call("ECHO", b"hello"), b"hello")
+        first.await_callers(4)
 
     def test_a_gateway_that_is_killed_takes_only_its_own_connections_along(self) -> None:
         books = [self.folder / "first.db", self.folder / "second.db"]
@@ -278,17 +302,6 @@ class Teller:
         with self._more:
             self.posted += 1
             self._more.notify_all()
-
-
-def timers(local: Optional[int], remote: Optional[int]) -> List[int]:
-    """Which timers run for the established connections with these ports."""
-    found = []
-    for line in pathlib.Path("/proc/net/tcp").read_text().splitlines()[1:]:
-        fields = line.split()
-        ports = [int(each.split(":")[1], 16) for each in fields[1:3]]
-        if fields[3] == "01" and local in (None, ports[0]) and remote in (None, ports[1]):
-            found.append(int(fields[5].split(":")[0], 16))
-    return found
 
 
 def total(book: pathlib.Path) -> int:

@@ -90,6 +90,17 @@ class TlsRight(TlsTest):
         self.check("stunnel", "haproxy")
 
 
+    def test_keepalive_watches_every_connection(self) -> None:
+        gateway = self.gateway()
+        for kind in "stunnel", "haproxy":
+            far = self.beside_the_gateway(kind, gateway.port)
+            port = self.beside_the_application(kind, far.port).port
+            with qpxclient.connect("127.0.0.1", port) as connection:
+                self.await_keepalive(connection, local=port)
+                self.await_keepalive(connection, remote=far.port)
+                self.await_keepalive(connection, local=far.port)
+                self.await_keepalive(connection, remote=gateway.port)
+
     def test_the_check_of_several_gateways_goes_through_tls(self) -> None:
         gateway = self.gateway()
         far = self.beside_the_gateway("stunnel", gateway.port)

@@ -255,6 +255,10 @@ void TraceCalls::lookAtCall(const TraceLine& line, TracedCall& current)
     case 2015:
     case 2020: giveConnection(line, current, line.behind("gwTokPtr=")); break;
     case 2066: giveConnection(line, current, line.behind("gwToken=")); break;
+    case 2052:
+        if (current.connection != 0)
+            tables_[{line.process, line.behind("requestTableP=")}] = current.connection;
+        break;
     case 2525: send(current, line.time); break;
     case 1504:
     case 1513: lookAtRecord(line, current); break;
@@ -349,6 +353,14 @@ void TraceCalls::lookAtReceiver(const TraceLine& line, ThreadState& thread)
         thread.receives = connectionOf(line, line.behind("conn="));
         connection(thread.receives).receiver = line.thread;
     }
+    if (line.point == 2524) thread.arrived = line.time;
+    // A receiver that was there before the trace is known by the table in which it looks.
+    if (line.point == 2061 && thread.receives == 0) {
+        const auto known = tables_.find({line.process, line.behind("requestTableP=")});
+        if (known == tables_.end()) return;
+        thread.receives = known->second;
+        connection(thread.receives).receiver = line.thread;
+    }
     if (thread.receives == 0) return;
     TracedConnection& at = connection(thread.receives);
     switch (line.point) {
@@ -357,7 +369,6 @@ void TraceCalls::lookAtReceiver(const TraceLine& line, ThreadState& thread)
         thread.block.clear();
         break;
     case 2524:
-        thread.arrived = line.time;
         if (!at.waiting.empty() && call(at.waiting.front()).messageId == kHandshake)
             answer(at, thread, call(at.waiting.front()));
         break;

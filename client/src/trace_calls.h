@@ -149,6 +149,7 @@ private:
     std::deque<TracedConnection> connections_;
     std::map<Thread, ThreadState> threads_;
     std::map<std::pair<unsigned long, std::string>, unsigned> tokens_; // the latest of each
+    std::map<std::pair<unsigned long, std::string>, unsigned> tables_; // of requests, the same
     std::vector<TracedEvent> strays_;
     std::vector<TracedEvent> timeLine_;
 };

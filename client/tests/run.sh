@@ -8,7 +8,7 @@ readonly HERE
 # shellcheck source=tests/support/program_cases.sh
 source "$HERE/../../tests/support/program_cases.sh"
 
-readonly QPX=$PROGRAMS/qpx
+readonly QPX=$PROGRAMS/qpx TOOLS=$HERE/../../tools
 APPLICATION=
 export LC_ALL=C.UTF-8
 # Nothing of the environment in which the tests run, and a home of the case's own.
@@ -955,6 +955,7 @@ InstalledItFindsItsLibraryAndShellsFindItsCompletions() {
 bin/qpx
 share/bash-completion/completions/qpx
 share/fish/vendor_completions.d/qpx.fish
+share/qpxclient/qpx.lua
 share/zsh/site-functions/_qpx
 TEXT
     run "$FOLDER/opt/bin/qpx" --version
@@ -968,6 +969,7 @@ InstalledForTheSystemItHasNoPathOfItsOwn() {
 bin/qpx
 share/bash-completion/completions/qpx
 share/fish/vendor_completions.d/qpx.fish
+share/qpxclient/qpx.lua
 share/zsh/vendor-completions/_qpx
 TEXT
     run readelf -d "$FOLDER/root/usr/bin/qpx"
@@ -1333,6 +1335,99 @@ TraceWritesJson() {
 {"call":4,"time":"TIME","process":N,"thread":"X","connection":1,"function":"QPX_purgeGatewayConnection","what":"purge","ended":true,"code":0,"name":"QPX_OK","milliseconds":N,"gateway":null,"library":N}
 {"calls":4,"failed":1,"unended":0,"lines":N,"level":4,"connections":[{"connection":1,"process":N,"token":"X","place":"127.0.0.1:PORT","receiver":"X","opened":"TIME","closed":"TIME","closing":"by API","calls":3,"failed":1}],"strays":[]}
 TEXT
+}
+
+# An application that calls again and again, with a file for its trace. READER takes what it writes.
+calling_application() {
+    local row
+    mkfifo "$FOLDER/pings"
+    QPX_CLIENT_TRACE_FILE="$FOLDER/trace" QPX_CLIENT_TRACE_LEVEL=0 \
+        "$QPX" --port "$GATEWAY_PORT" ping --program ECHO --interval 0.01 >"$FOLDER/pings" &
+    APPLICATION=$!
+    exec {PINGS}<"$FOLDER/pings"
+    read -r -u "$PINGS" row # it is connected
+    cat <&"$PINGS" >"$FOLDER/pinged" &
+    READER=$!
+}
+
+# Where no process may attach to another the tool says so, and the application does not notice.
+TraceIsSwitchedOnInARunningProcess() {
+    local line
+    gateway
+    calling_application
+    run "$TOOLS/trace-attach" "$APPLICATION" 3
+    if [[ $CODE != 0 ]]; then
+        expect_text err 'trace-attach: gdb cannot do it: '
+    else
+        : >>"$FOLDER/trace"
+        while read -r line; do
+            [[ $line != *'[1506] EXIT'* ]] || break
+        done < <(tail -n +1 -f --pid="$APPLICATION" "$FOLDER/trace")
+        run "$TOOLS/trace-attach" "$APPLICATION" 0
+        expect_code 0
+    fi
+    kill -INT "$APPLICATION"
+    CODE=0
+    wait "$APPLICATION" || CODE=$?
+    expect_code 0
+    wait "$READER"
+    expect_text pinged ', 0% lost, '
+    [[ -s $FOLDER/trace ]] || return 0
+    # The trace begins in the middle; each whole call has its reply all the same.
+    run "$QPX" trace --json trace
+    expect_code 0
+    python3 - "$FOLDER/out" <<'PYTHON' || fail "calls without their replies"
+import json, sys
+lines = [json.loads(line) for line in open(sys.argv[1])]
+calls = [line for line in lines if line.get("function") == "QPX_ECI_Execute" and line["ended"]]
+assert calls and all(call["code"] == 0 for call in calls), calls
+assert all(call["gateway"] is not None for call in calls[1:-1]), calls
+PYTHON
+}
+
+TraceAttachRefusesWhatIsNotOfTheLibrary() {
+    local other
+    tail -f /dev/null &
+    other=$!
+    run "$TOOLS/trace-attach" "$other" 3
+    kill "$other"
+    wait "$other" || true
+    expect_complaint 1 "trace-attach: process $other does not use libqpxclient.so"
+    run "$TOOLS/trace-attach" "$other" 3
+    expect_complaint 1 "trace-attach: there is no process $other"
+    run "$TOOLS/trace-attach" "$other" 6
+    expect_complaint 2 'trace-attach: a level is a digit from 0 to 5, not 6'
+    run "$TOOLS/trace-attach" x 3
+    expect_complaint 2 'trace-attach: no process: x'
+    run "$TOOLS/trace-attach" "$other"
+    expect_complaint 2 'trace-attach: a process and a level; --help tells more'
+}
+
+# The program of the page, which switches its trace by a signal.
+TraceIsSwitchedBySignalAsThePageShows() {
+    local line
+    gateway
+    # shellcheck disable=SC2016 # the lines of the page
+    sed -n '/^```c$/,/^```$/p' "$HERE/../../docs/seeing.md" | sed '1d;$d' >"$FOLDER/page"
+    sed -n '/^static void\* switchTrace/,/^}/p' "$HERE/trace_switch.c" >"$FOLDER/program"
+    expect_same "$FOLDER/program" "$FOLDER/page"
+    "$PROGRAMS/tests/qpx_trace_switch" 127.0.0.1 "$GATEWAY_PORT" "$FOLDER/trace" >"$FOLDER/out" 2>&1 &
+    APPLICATION=$!
+    while read -r line; do
+        [[ $line != *"answer 1"* ]] || break
+    done < <(tail -n +1 -f --pid="$APPLICATION" "$FOLDER/gateway.log")
+    [[ ! -s $FOLDER/trace ]] || fail "there is a trace before it is wanted"
+    kill -USR1 "$APPLICATION"
+    : >>"$FOLDER/trace"
+    while read -r line; do
+        [[ $line != *'[1506] EXIT'* ]] || break
+    done < <(tail -n +1 -f --pid="$APPLICATION" "$FOLDER/trace")
+    kill -USR2 "$APPLICATION"
+    CODE=0
+    wait "$APPLICATION" || CODE=$?
+    expect_code 0
+    expect_line out 'level 3'
+    expect_line out 'level 0'
 }
 
 TraceReadsStandardInput() {

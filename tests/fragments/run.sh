@@ -27,7 +27,7 @@ extract() {
 # A whole program is compiled as it is, anything else as the body of a function.
 compile() {
     local options=("-m$BITS" -std=c99 -D_POSIX_C_SOURCE=200809L -Wall -Wextra -Werror
-        "-I$SOURCE/include" -fsyntax-only)
+        "-I$SOURCE/include" "-I$SOURCE/gateway/standin/include" -fsyntax-only)
 
     if ! grep -q '^int main(' "$1"; then
         options+=(-Wno-unused -Wno-unused-but-set-variable)

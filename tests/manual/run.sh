@@ -167,11 +167,12 @@ TEXT
 
 # In a copy of what the manual is made of.
 ACallWithoutExampleIsRefused() {
-    mkdir "$FOLDER/tree"
+    mkdir -p "$FOLDER/tree/tests"
     cp -r "$SOURCE"/{CMakeLists.txt,include,docs,manual,tools} "$FOLDER/tree"
-    sed -i 's/QPX_getRcString_example/somethingElse/' "$FOLDER/tree/manual/examples.c"
+    cp -r "$SOURCE/tests/manual" "$FOLDER/tree/tests"
+    sed -i 's/QPX_getRcString_example/somethingElse/' "$FOLDER/tree/tests/manual/examples.c"
     ! python3 -B "$FOLDER/tree/tools/manual" "$PAGES" 2>"$FOLDER/errors" || fail "it is taken"
-    grep -qxF "manual: manual/examples.c and the headers do not have the same calls: QPX_getRcString" \
+    grep -qxF "manual: tests/manual/examples.c and the headers do not have the same calls: QPX_getRcString" \
         "$FOLDER/errors" || fail "$(cat "$FOLDER/errors")"
 }
 

@@ -57,6 +57,7 @@ copy_tree() {
     mkdir -p "$FOLDER/tree/build" "$FOLDER/temporary"
     cp -r "$SOURCE"/{CMakeLists.txt,CMakePresets.json,cmake,include,src,gateway,tools} \
         "$SOURCE"/{client,demo-programs,docs,examples,manual} "$FOLDER/tree"
+    mkdir "$FOLDER/tree/tests" && cp -r "$SOURCE/tests/manual" "$FOLDER/tree/tests"
     ln -s "$BUILD" "$FOLDER/tree/build/demo"
 }
 

@@ -714,8 +714,10 @@ private:
             if (now.settings != told.settings) changed.push_back("settings");
             if (now.forgotten != told.forgotten) changed.push_back("forgotten");
             const std::vector<Summary> ended = book_->endedSince(told.ended, kMostCalls);
+            const std::uint64_t all = now.ended - told.ended;
             const Json calls = {{"ended", listOf(ended, summaryJson)},
-                                {"underWay", listOf(book_->underWay(kUsualCalls), summaryJson)}};
+                                {"underWay", listOf(book_->underWay(kUsualCalls), summaryJson)},
+                                {"missed", all - std::min<std::uint64_t>(all, ended.size())}};
             std::string piece = eventOf("state", state());
             if (!changed.empty()) piece += eventOf("changed", changed);
             if (now.begun != told.begun || now.ended != told.ended)

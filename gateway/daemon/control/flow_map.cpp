@@ -1,6 +1,7 @@
 #include "control/flow_map.h"
 
 #include <cstdint>
+#include <cstdio>
 #include <utility>
 
 #include "log/log_text.h"
@@ -22,6 +23,14 @@ public:
     std::int32_t takeInt(const std::string& name)
     {
         return static_cast<std::int32_t>(takeNumber(name, 4));
+    }
+
+    void takeVersion(const std::string& name)
+    {
+        char text[16];
+        const std::uint32_t version = takeNumber(name, 4);
+        std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(version));
+        if (!fields_.empty() && fields_.back().name == name) fields_.back().value = text;
     }
 
     std::int32_t takeShort(const std::string& name)
@@ -111,7 +120,7 @@ Header takeHeader(Namer& in)
 {
     Header header;
     in.takeText("eyecatcher", 4);
-    in.takeInt("flow version");
+    in.takeVersion("flow version");
     header.flowType = in.takeInt("flow type");
     in.takeInt("message id");
     in.takeInt("gateway return code");

@@ -75,6 +75,9 @@ TEST(ParseMisbehaviour, ReadsEveryKindOfArgument)
     EXPECT_EQ(7, parseMisbehaviour("pieces=7").misbehaviour.number);
     EXPECT_EQ(42, parseMisbehaviour("unknown-flow=42").misbehaviour.number);
     EXPECT_EQ(0, parseMisbehaviour("unknown-flow").misbehaviour.number);
+    EXPECT_EQ(50, parseMisbehaviour("latency=50~20").misbehaviour.number);
+    EXPECT_EQ(20, parseMisbehaviour("latency=50~20").misbehaviour.spread);
+    EXPECT_EQ(0, parseMisbehaviour("latency=50").misbehaviour.spread);
     EXPECT_EQ("no luck=today", parseMisbehaviour("flow-exception=no luck=today").misbehaviour.text);
     EXPECT_EQ((Bytes{0x47, 0x61}), parseMisbehaviour("raw=47 61").misbehaviour.bytes);
 }
@@ -107,6 +110,11 @@ TEST(ParseMisbehaviour, SaysWhatIsWrong)
     EXPECT_EQ("pieces needs a number of at least 1, not \"0\"", complaint("pieces=0"));
     EXPECT_EQ("flow-error needs a number, not \"12x\"", complaint("flow-error=12x"));
     EXPECT_EQ("flow-error needs a number, not \"\"", complaint("flow-error="));
+    EXPECT_EQ("the jitter of latency needs a number of at least 1, not \"0\"",
+              complaint("latency=5~0"));
+    EXPECT_EQ("latency needs a number, not \"5ms\"", complaint("latency=5ms"));
+    EXPECT_EQ("send-rate is of a connection, and has no message or program",
+              complaint("send-rate=5@program:ECHO"));
     EXPECT_EQ("'G' is not a hexadecimal digit", complaint("raw=0G"));
     EXPECT_EQ("\"never\" is no selector; there are connection:N, message:ID, program:NAME, skip:N, "
               "times:N, nth:N and once",
@@ -127,7 +135,7 @@ TEST(Misbehaviours, HaveNamesOfTheirOwnAndCanBeReadBack)
         EXPECT_EQ(info.fault, parseMisbehaviour(text).misbehaviour.fault) << text;
         EXPECT_EQ(info.name, nameOf(info.fault));
     }
-    EXPECT_EQ(28U, names.size());
+    EXPECT_EQ(35U, names.size());
 }
 
 TEST(Misbehaviours, AreDocumentedWordForWord)
@@ -143,6 +151,7 @@ TEST(Misbehaviours, HaveTheirHeadingsOnceEach)
     }
     EXPECT_EQ((std::vector<std::string_view>{
                   "while a connection opens", "while it closes", "however it sends",
+                  "as fast as a connection is", "on the way of any answer",
                   "instead of the answer to a request", "before the answer", "in the answer"}),
               headings);
 }

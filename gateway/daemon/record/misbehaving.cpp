@@ -177,7 +177,7 @@ bool Victim::replaces(Moment moment)
 
 void Victim::pass(Bytes bytes)
 {
-    misbehaving_.give(connection_, 0, {}, {{std::move(bytes)}, Answer::Then::GoOn});
+    misbehaving_.give(connection_, 0, {}, {{std::move(bytes)}, Answer::Then::GoOn, {}});
 }
 
 std::size_t Victim::pieceSize()

@@ -52,6 +52,7 @@
 
 #include "standin/call_record.h"
 #include "standin/channel_changes.h"
+#include "standin/clock.h"
 #include "standin/log.h"
 #include "standin/misbehaviour.h"
 #include "standin/program.h"
@@ -71,6 +72,8 @@ struct GatewayOptions {
     CallObserver observer;               // is told of every call; empty: nobody is
     CallObserver arrivals;               // the same as soon as a call has come, before its program
     std::shared_ptr<Watcher> watcher;    // is told of everything; null: nobody is
+    std::shared_ptr<Clock> clock;        // for what is done later; null: the system's
+    std::uint64_t seed = 1;              // of chance in misbehaviours
 };
 
 // Limit of every await function. It is generous: a test waits for the event and only fails by it.
@@ -171,6 +174,9 @@ public:
     void behave();
     bool behave(std::uint64_t number);
 
+    // Ends all with this fault.
+    void behave(Fault fault);
+
     // Those in force, in the order of adding.
     std::vector<MisbehaviourInForce> misbehavioursInForce();
 
@@ -178,7 +184,8 @@ public:
     // never held.
     void hold(Selector selector = everything());
 
-    // Sends everything that is held, oldest first, and ends every hold.
+    // Sends everything that is held, oldest first, and ends every hold. Connections that have
+    // stalled go on.
     void release();
 
     // Sends the oldest `count` held answers, or all held answers the newest first, or the ones to
@@ -205,6 +212,18 @@ public:
     // there was one. awaitClosed() tells when it is gone; a reset is done when the call returns.
     bool dropConnection(int connection = 0);
     bool resetConnection(int connection = 0);
+
+    // Closes the Gateway's side of one connection or (0) of all that are open, behind what has been
+    // sent before; it is read from as before. True when there was one.
+    bool halfCloseConnection(int connection = 0);
+
+    // Sends and reads nothing on one connection or (0) on all that are open for so long; what comes
+    // meanwhile waits. True when there was one.
+    bool partition(std::chrono::microseconds time, int connection = 0);
+
+    // Runs the task on the Gateway's thread when so much time has passed by its clock; never when
+    // the Gateway stops before.
+    void after(std::chrono::microseconds delay, std::function<void()> task);
 
     // Stops taking bytes off the sockets of all connections, until resumed: a client that goes on
     // sending blocks once the buffers of the system are full.

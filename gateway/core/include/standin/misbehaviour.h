@@ -26,6 +26,7 @@ enum class Fault {
     // While a connection opens; these match by connection.
     DropAtConnect,
     ResetAtConnect,
+    Silence,
     NoHandshakeAnswer,
     RefuseHandshake,
     CloseAtHandshake,
@@ -38,6 +39,16 @@ enum class Fault {
     // How everything is sent on a connection; matches by connection.
     Pieces,
 
+    // How fast a connection is; these match by connection, and count connections.
+    SendRate,
+    ReceiveRate,
+
+    // On the way of any answer: to a handshake, a request or a close flow. With a program or a
+    // message id only of those to requests.
+    Latency,
+    Stall,
+    Partition,
+
     // Instead of the answer to a request.
     Hold,
     NoAnswer,
@@ -48,6 +59,7 @@ enum class Fault {
     Close,
     Drop,
     Reset,
+    HalfClose,
     Raw,
 
     // Before the answer.
@@ -86,6 +98,7 @@ Selector nth(int number); // the number-th matching event only, counted from 1
 struct Misbehaviour {
     Fault fault = Fault::Hold;
     std::int32_t number = 0; // CODE, N, TYPE or ID; 0 takes the default where the table names one
+    std::int32_t spread = 0; // JITTER
     std::string text;        // TEXT or NAME
     Bytes bytes;             // HEX
 
@@ -119,6 +132,10 @@ std::string_view nameOf(Fault fault);
 
 // Whether it strikes at the answer to a request, and so can be named for a single one.
 bool strikesAtAnswers(Fault fault);
+
+// Whether it is one of the connection rather than of what is said: how fast it is, what arrives
+// late or never, and who is silent.
+bool isOfTheConnection(Fault fault);
 
 } // namespace standin
 

@@ -165,6 +165,11 @@ std::uint64_t Gateway::misbehave(Misbehaviour misbehaviour, Selector selector)
     return number;
 }
 
+void Gateway::behave(Fault fault)
+{
+    impl_->onThread([&](Server& server) { server.plan().clear(fault); });
+}
+
 void Gateway::behave()
 {
     impl_->onThread([](Server& server) { server.plan().clear(); });
@@ -193,6 +198,7 @@ void Gateway::release()
 {
     impl_->onThread([](Server& server) { server.plan().clear(Fault::Hold); });
     impl_->releaseSome([](HeldAnswers& held) { return held.takeAll(); });
+    impl_->onThread([](Server& server) { server.resume(); });
 }
 
 std::size_t Gateway::releaseNext(std::size_t count)
@@ -264,6 +270,21 @@ bool Gateway::dropConnection(int connection)
 bool Gateway::resetConnection(int connection)
 {
     return impl_->onSessions(connection, [](Server&, Session& session) { session.reset(); });
+}
+
+bool Gateway::halfCloseConnection(int connection)
+{
+    return impl_->onSessions(connection, [](Server&, Session& session) { session.halfClose(); });
+}
+
+bool Gateway::partition(std::chrono::microseconds time, int connection)
+{
+    return impl_->onSessions(connection, [&](Server&, Session& session) { session.cutOff(time); });
+}
+
+void Gateway::after(std::chrono::microseconds delay, std::function<void()> task)
+{
+    impl_->onThread([&](Server& server) { server.after(delay, std::move(task)); });
 }
 
 void Gateway::stopReading()

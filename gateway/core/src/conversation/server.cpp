@@ -102,9 +102,9 @@ const char* describe(Ending ending)
 
 Server::Server(const GatewayOptions& options, std::shared_ptr<EventLoop> loop, Recorder& recorder)
     : log_(options.log), loop_(std::move(loop)), recorder_(recorder), acceptor_(loop_->context()),
-      acceptTimer_(loop_->context()), timers_(loop_->context()), watcher_(options.watcher),
+      acceptTimer_(loop_->context()), timers_(loop_, options.clock), watcher_(options.watcher),
       calls_(options.observer, options.arrivals, options.watcher),
-      runner_(options.log, options.mostUnitsOfWork)
+      runner_(options.log, options.mostUnitsOfWork), plan_(options.seed)
 {
     runner_.setWatcher(options.watcher);
     runner_.setListReply([systems = options.systems](const EciRequest& request) {
@@ -192,7 +192,8 @@ void Server::welcome(Session& session, const std::string& peer)
 
     const std::vector<Strike> strikes = plan_.strike({Moment::Connect, number, 0, {}});
     const Answer::Then then = endingAtConnect(strikes);
-    if (then != Answer::Then::GoOn) return end(session, then);
+    end(session, then);
+    if (!session.isOpen()) return;
     session.setReading(reading_);
     session.start();
 }
@@ -206,13 +207,32 @@ std::vector<std::shared_ptr<Session>> Server::openSessions(int number) const
     return found;
 }
 
-void Server::send(Session& session, Bytes bytes)
+void Server::send(Session& session, Bytes bytes, Manner manner)
 {
     const std::vector<Strike> strikes = plan_.strike({Moment::Sending, session.number(), 0, {}});
     const Strike* pieces = findStrike(strikes, Fault::Pieces);
-    session.send(std::move(bytes),
-                 pieces == nullptr ? 0 : static_cast<std::size_t>(pieces->misbehaviour.number),
-                 false);
+    if (pieces != nullptr) manner.pieceSize = static_cast<std::size_t>(pieces->misbehaviour.number);
+    session.send(std::move(bytes), manner, false);
+}
+
+void Server::after(std::chrono::microseconds delay, std::function<void()> task)
+{
+    timers_.after(delay, std::move(task));
+}
+
+void Server::resume()
+{
+    for (const auto& session : openSessions(0)) session->resume();
+}
+
+std::size_t Server::sendRate(const Session& session)
+{
+    return static_cast<std::size_t>(plan_.standing(Fault::SendRate, session.number()));
+}
+
+std::size_t Server::receiveRate(const Session& session)
+{
+    return static_cast<std::size_t>(plan_.standing(Fault::ReceiveRate, session.number()));
 }
 
 void Server::setReading(bool reading)
@@ -360,13 +380,10 @@ void Server::takeHandshake(Session& session, const SplitFlow& split, const Bytes
 void Server::answerHandshake(Session& session)
 {
     const std::vector<Strike> strikes = plan_.strike({Moment::Handshake, session.number(), 0, {}});
-    if (strikes.empty()) {
-        session.setStage(Session::Stage::Ready);
-        recorder_.acceptedHandshake(session.number());
-        return send(session, encodeHandshakeAccepted());
-    }
-
-    sendInstead(session, strikes);
+    if (isReplaced(session, strikes)) return;
+    session.setStage(Session::Stage::Ready);
+    recorder_.acceptedHandshake(session.number());
+    send(session, encodeHandshakeAccepted(), plan_.mannerFor(strikes));
 }
 
 void Server::takeCloseFlow(Session& session, const SplitFlow& split, const Bytes& raw)
@@ -381,22 +398,36 @@ void Server::takeCloseFlow(Session& session, const SplitFlow& split, const Bytes
     session.setStage(Session::Stage::Closing);
     runner_.connectionLost(session.number());
     const std::vector<Strike> strikes = plan_.strike({Moment::CloseFlow, session.number(), 0, {}});
-    if (strikes.empty()) return send(session, encodeCloseFlow());
-    sendInstead(session, strikes);
+    if (!isReplaced(session, strikes)) send(session, encodeCloseFlow(), plan_.mannerFor(strikes));
 }
 
-void Server::sendInstead(Session& session, const std::vector<Strike>& strikes)
+bool Server::isReplaced(Session& session, const std::vector<Strike>& strikes)
 {
-    log(LogLevel::Warning, session.number(),
-        "misbehaving: " + std::string(nameOf(strikes.front().misbehaviour.fault)));
+    for (const Strike& strike : strikes) {
+        log(LogLevel::Warning, session.number(),
+            "misbehaving: " + std::string(nameOf(strike.misbehaviour.fault)));
+    }
+    cutOff(session, strikes);
     std::optional<Answer> answer = replacedAnswer(strikes, {});
-    if (!answer) return;
-    for (Bytes& flow : answer->flows) send(session, std::move(flow));
+    if (!answer) return false;
+    const Manner manner = plan_.mannerFor(strikes);
+    for (Bytes& flow : answer->flows) send(session, std::move(flow), manner);
     end(session, answer->then);
+    return true;
+}
+
+void Server::cutOff(Session& session, const std::vector<Strike>& strikes)
+{
+    for (const Strike& strike : strikes) {
+        if (strike.misbehaviour.fault == Fault::Partition)
+            session.cutOff(std::chrono::milliseconds(strike.misbehaviour.number));
+    }
 }
 
 void Server::end(Session& session, Answer::Then then)
 {
+    if (then == Answer::Then::FallSilent) session.fallSilent();
+    if (then == Answer::Then::HalfClose) session.halfClose();
     if (then == Answer::Then::Drop) session.drop();
     if (then == Answer::Then::Reset) session.reset();
 }
@@ -484,6 +515,7 @@ void Server::answerRequest(Session& session, const ReceivedRequest& request)
         calls_.struckBy(session.number(), header.messageId,
                         std::string(nameOf(strike.misbehaviour.fault)));
     }
+    cutOff(session, strikes);
     if (std::optional<Answer> replaced = replacedAnswer(strikes, header)) {
         if (request.eci && isReplacedByAnError(strikes))
             runner_.giveUp(request.eci->luwToken, session.number());
@@ -578,12 +610,15 @@ void Server::answerEci(int connection, const FlowHeader& header, std::vector<Str
     if (found == sessions_.end()) return; // the answer comes too late
     const std::shared_ptr<Session> session = found->second;
     const std::int32_t messageId = header.messageId;
+    std::vector<Strike> own;
     for (const std::string& fault : reply.faults) {
-        strikes.push_back({parseMisbehaviour(fault).misbehaviour, 0});
+        own.push_back({parseMisbehaviour(fault).misbehaviour, 0});
         log(LogLevel::Warning, connection,
             "answer " + std::to_string(messageId) + " misbehaving: " + fault);
         calls_.struckBy(connection, messageId, fault.substr(0, fault.find('=')));
     }
+    cutOff(*session, own);
+    strikes.insert(strikes.end(), own.begin(), own.end());
     if (!reply.faults.empty() && (isReplacedByAnError(strikes) || hasGatewayRc(strikes))) {
         runner_.giveUp(reply.luwToken, connection);
         reply.luwToken = 0;
@@ -638,6 +673,7 @@ void Server::answer(int connection, std::int32_t messageId, const std::vector<St
                     Answer answer)
 {
     if (sessions_.count(connection) == 0) return; // the answer comes too late
+    answer.manner = plan_.mannerFor(strikes);
     HeldAnswer held{connection, messageId, std::move(answer)};
     if (findStrike(strikes, Fault::Hold) != nullptr) {
         held_.hold(std::move(held));
@@ -664,12 +700,16 @@ void Server::deliverOne(HeldAnswer held)
 
     const std::vector<Strike> strikes = plan_.strike({Moment::Sending, held.connection, 0, {}});
     const Strike* pieces = findStrike(strikes, Fault::Pieces);
-    const std::size_t pieceSize = pieces == nullptr
-                                      ? 0
-                                      : static_cast<std::size_t>(pieces->misbehaviour.number);
+    Manner manner = held.answer.manner;
+    if (pieces != nullptr) manner.pieceSize = static_cast<std::size_t>(pieces->misbehaviour.number);
+    const std::optional<std::size_t> stallAt = std::exchange(manner.stallAt, std::nullopt);
     std::vector<Bytes>& flows = held.answer.flows;
     if (session->isOpen()) calls_.answer(held.connection, held.messageId, flows);
-    for (Bytes& flow : flows) session->send(std::move(flow), pieceSize, &flow == &flows.back());
+    for (Bytes& flow : flows) {
+        const bool isLast = &flow == &flows.back();
+        if (isLast) manner.stallAt = stallAt;
+        session->send(std::move(flow), manner, isLast);
+    }
 
     end(*session, held.answer.then);
 }

@@ -61,7 +61,13 @@ public:
     std::vector<std::shared_ptr<Session>> openSessions(int number) const;
 
     // Sends bytes that are no answer, in the manner of the connection.
-    void send(Session& session, Bytes bytes);
+    void send(Session& session, Bytes bytes, Manner manner = {});
+
+    // Does something later, by the Gateway's clock.
+    void after(std::chrono::microseconds delay, std::function<void()> task);
+
+    // Lets all connections that have stalled go on.
+    void resume();
 
     void setReading(bool reading);
 
@@ -77,6 +83,9 @@ private:
     void onLeaving(Session& session) override;
     void onAnswerSent(Session& session) override;
     void onCongestion(Session& session, std::size_t waiting) override;
+    std::size_t sendRate(const Session& session) override;
+    std::size_t receiveRate(const Session& session) override;
+    Timers& timers() override { return timers_; }
     void onFailed(Session& session, const char* failure) override;
     void onEnded(Session& session, Ending ending) override;
 
@@ -89,8 +98,12 @@ private:
     void answerHandshake(Session& session);
     void takeCloseFlow(Session& session, const SplitFlow& split, const Bytes& raw);
 
-    // Does what the strikes put in the place of the answer to a handshake or a close flow.
-    void sendInstead(Session& session, const std::vector<Strike>& strikes);
+    // Does what the strikes put in the place of the answer to a handshake or a close flow. False:
+    // the good answer is to be sent.
+    bool isReplaced(Session& session, const std::vector<Strike>& strikes);
+
+    // Does to the connection what the strikes want, before anything is sent.
+    void cutOff(Session& session, const std::vector<Strike>& strikes);
     static void end(Session& session, Answer::Then then);
 
     void takeRequest(Session& session, const SplitFlow& split, const Bytes& raw);

@@ -41,6 +41,20 @@ void noticeVanishing(int socket)
     setOption(socket, IPPROTO_TCP, TCP_USER_TIMEOUT, kUserTimeout);
 }
 
+// A rate lets so many bytes through at a time, a twentieth of a second's.
+std::size_t roomWithin(std::size_t rate, std::size_t most)
+{
+    return rate == 0 ? most : std::min(most, std::max<std::size_t>(1, rate / 20));
+}
+
+// The time that the bytes take, rounded up.
+std::chrono::microseconds timeFor(std::size_t count, std::size_t rate)
+{
+    if (rate == 0) return std::chrono::microseconds(0);
+    const std::uint64_t product = std::uint64_t{count} * 1000000U;
+    return std::chrono::microseconds((product + rate - 1) / rate);
+}
+
 } // namespace
 
 Session::Session(asio::ip::tcp::socket socket, int number, SessionOwner& owner)
@@ -68,10 +82,11 @@ void Session::setReading(bool reading)
 
 void Session::readMore()
 {
-    if (!mayRead() || readUnderWay_) return;
+    if (!mayRead() || readUnderWay_ || waitsToRead()) return;
     readUnderWay_ = true;
+    const std::size_t most = roomWithin(owner_.receiveRate(*this), arrived_.size());
     socket_.async_read_some(
-        asio::buffer(arrived_),
+        asio::buffer(arrived_.data(), most),
         [self = shared_from_this()](const asio::error_code& error, std::size_t count) {
             self->guarded([&] { self->onArrived(error, count); });
         });
@@ -83,6 +98,7 @@ void Session::onArrived(const asio::error_code& error, std::size_t count)
     if (ended_ || dropping_) return;
     if (error) return onReadFailed(error);
     owner_.onBytesReceived(*this, arrived_.data(), count);
+    mayReadAt_ = owner_.timers().now() + timeFor(count, owner_.receiveRate(*this));
     unread_.insert(unread_.end(), arrived_.begin(),
                    arrived_.begin() + static_cast<std::ptrdiff_t>(count));
     ::explicit_bzero(arrived_.data(), count); // there may be a password
@@ -143,16 +159,19 @@ void Session::onReadFailed(const asio::error_code& error)
     if (error != asio::error::eof) return end(Ending::Reset);
     leaving_ = true;
     owner_.onLeaving(*this);
+    if (stalled_) return end(Ending::ClosedByClient); // what has stalled goes nowhere any more
     endIfNothingIsLeft();
 }
 
 // ----------------------------------------------------------------------------------------- sending
 
-void Session::send(Bytes bytes, std::size_t pieceSize, bool isAnswer)
+void Session::send(Bytes bytes, const Manner& manner, bool isAnswer)
 {
-    if (!isOpen()) return;
+    if (!isOpen() || silent_ || halfClosing_) return;
     waiting_ += bytes.size();
-    outgoing_.push_back({std::move(bytes), pieceSize, isAnswer});
+    outgoing_.push_back({std::move(bytes), manner, isAnswer});
+    if (manner.latency.count() > 0)
+        outgoing_.back().notBefore = owner_.timers().now() + manner.latency;
     if (outgoing_.size() == 1) sendNextPiece();
     if (!congested_ && waiting_ > kMostWaiting) setCongested(true);
 }
@@ -167,9 +186,13 @@ void Session::setCongested(bool congested)
 
 void Session::sendNextPiece()
 {
+    if (stalled_ || waitsToSend()) return;
     const Outgoing& flow = outgoing_.front();
     const std::size_t rest = flow.bytes.size() - flow.done;
-    const std::size_t size = flow.pieceSize == 0 ? rest : std::min(flow.pieceSize, rest);
+    std::size_t size = flow.manner.pieceSize == 0 ? rest : std::min(flow.manner.pieceSize, rest);
+    if (flow.manner.stallAt && *flow.manner.stallAt > flow.done)
+        size = std::min(size, *flow.manner.stallAt - flow.done);
+    size = roomWithin(owner_.sendRate(*this), size);
     // Told first, so that a client which has the bytes finds them told.
     owner_.onBytesSending(*this, flow.bytes.data() + flow.done, size);
     asio::async_write(
@@ -191,14 +214,92 @@ void Session::onPieceSent(std::size_t count)
     Outgoing& flow = outgoing_.front();
     flow.done += count;
     waiting_ -= count;
+    maySendAt_ = owner_.timers().now() + timeFor(count, owner_.sendRate(*this));
+    if (flow.manner.stallAt && flow.done >= std::min(*flow.manner.stallAt, flow.bytes.size())) {
+        flow.manner.stallAt.reset();
+        stalled_ = true;
+    }
     if (flow.done == flow.bytes.size()) {
         const bool wasAnswer = flow.isAnswer;
         outgoing_.pop_front();
         if (wasAnswer) owner_.onAnswerSent(*this);
     }
     if (ended_) return;
+    if (stalled_ && leaving_) return end(Ending::ClosedByClient);
+    if (stalled_ && dropping_) outgoing_.clear();
     if (!outgoing_.empty()) sendNextPiece();
     if (congested_ && waiting_ <= kMostWaiting) setCongested(false);
+    endIfNothingIsLeft();
+}
+
+// ---------------------------------------------------------------------------------- slow and silent
+
+void Session::later(std::chrono::microseconds time, void (Session::*step)())
+{
+    owner_.timers().after(time, [weak = weak_from_this(), step] {
+        const std::shared_ptr<Session> self = weak.lock();
+        if (self != nullptr && !self->ended_) self->guarded([&] { (*self.*step)(); });
+    });
+}
+
+// Whether nothing may be read yet; it is gone on with in time then.
+bool Session::waitsToRead()
+{
+    const auto time = mayReadAt_ - owner_.timers().now();
+    if (time.count() <= 0) return false;
+    if (!readTimed_) later(time, &Session::readOn);
+    readTimed_ = true;
+    return true;
+}
+
+void Session::readOn()
+{
+    readTimed_ = false;
+    readMore();
+}
+
+bool Session::waitsToSend()
+{
+    const auto first = std::max({maySendAt_, cutUntil_, outgoing_.front().notBefore});
+    const auto time = first - owner_.timers().now();
+    if (time.count() <= 0) return false;
+    if (!sendTimed_) later(time, &Session::sendOn);
+    sendTimed_ = true;
+    return true;
+}
+
+void Session::sendOn()
+{
+    sendTimed_ = false;
+    if (!outgoing_.empty()) sendNextPiece();
+}
+
+void Session::cutOff(std::chrono::microseconds time)
+{
+    cutUntil_ = std::max(cutUntil_, owner_.timers().now() + time);
+    cut_ = true;
+    later(time, &Session::endCut);
+}
+
+void Session::endCut()
+{
+    if (!cut_ || owner_.timers().now() < cutUntil_) return;
+    cut_ = false;
+    takeFlows();
+    readMore();
+}
+
+bool Session::resume()
+{
+    if (!std::exchange(stalled_, false)) return false;
+    if (!outgoing_.empty()) sendNextPiece();
+    return true;
+}
+
+void Session::halfClose()
+{
+    if (!isOpen()) return;
+    halfClosing_ = true;
     endIfNothingIsLeft();
 }
 
@@ -214,6 +315,7 @@ void Session::drop()
 {
     if (!isOpen()) return;
     dropping_ = true;
+    if (stalled_) outgoing_.clear();
     if (!leaving_) owner_.onLeaving(*this);
     endIfNothingIsLeft();
 }
@@ -223,6 +325,10 @@ void Session::endIfNothingIsLeft()
 {
     if (ended_ || !outgoing_.empty()) return;
     if (dropping_) return finishDrop();
+    if (halfClosing_ && !std::exchange(halfClosed_, true)) {
+        asio::error_code ignored;
+        socket_.shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
+    }
     if (leaving_ && expected_ == 0) end(Ending::ClosedByClient);
 }
 

@@ -11,6 +11,7 @@
 #define STANDIN_SESSION_H
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -18,6 +19,8 @@
 
 #include <asio/ip/tcp.hpp>
 
+#include "conversation/timers.h"
+#include "faults/answer.h"
 #include "standin/records.h"
 #include "standin/wire.h"
 
@@ -51,6 +54,11 @@ public:
     // is over.
     virtual void onCongestion(Session& session, std::size_t waiting) = 0;
 
+    // How many bytes a second are sent and read; 0: as many as can be.
+    virtual std::size_t sendRate(const Session& session) = 0;
+    virtual std::size_t receiveRate(const Session& session) = 0;
+    virtual Timers& timers() = 0;
+
     // Something that the session's bytes led to has failed, as an allocation may; it ends then.
     virtual void onFailed(Session& session, const char* failure) = 0;
     virtual void onEnded(Session& session, Ending ending) = 0;
@@ -75,9 +83,9 @@ public:
     // Begins to read.
     void start();
 
-    // Sends the bytes behind what is under way, in pieces of `pieceSize` (0: as a whole). With
-    // `isAnswer` the owner is told when the last byte has been handed to the system.
-    void send(Bytes bytes, std::size_t pieceSize, bool isAnswer);
+    // Sends the bytes behind what is under way. With `isAnswer` the owner is told when the last byte
+    // has been handed to the system.
+    void send(Bytes bytes, const Manner& manner, bool isAnswer);
 
     // Closes the connection in order, behind what is under way.
     void drop();
@@ -87,6 +95,18 @@ public:
 
     // Closes the connection at once, without caring for what is under way.
     void abandon();
+
+    // Closes its own side behind what is under way, and reads on; nothing more is sent.
+    void halfClose();
+
+    // Nothing more is sent from now on.
+    void fallSilent() { silent_ = true; }
+
+    // Sends and reads nothing for so long.
+    void cutOff(std::chrono::microseconds time);
+
+    // Goes on sending when it has stalled. True when it had.
+    bool resume();
 
     void setReading(bool reading);
 
@@ -98,13 +118,20 @@ public:
 private:
     struct Outgoing {
         Bytes bytes;
-        std::size_t pieceSize;
+        Manner manner;
         bool isAnswer;
+        std::chrono::microseconds notBefore{0};
         std::size_t done = 0; // bytes handed to the system
     };
 
-    bool mayRead() const { return isOpen() && !leaving_ && reading_ && !congested_; }
+    bool mayRead() const { return isOpen() && !leaving_ && reading_ && !congested_ && !cut_; }
     void readMore();
+    bool waitsToRead();
+    bool waitsToSend();
+    void later(std::chrono::microseconds time, void (Session::*step)());
+    void readOn();
+    void sendOn();
+    void endCut();
     void onArrived(const asio::error_code& error, std::size_t count);
     void onPieceDone(const asio::error_code& error, std::size_t count);
     template <typename Step>
@@ -136,6 +163,18 @@ private:
     bool leaving_ = false; // the client has closed its side
     bool dropping_ = false;
     bool ended_ = false;
+
+    // By the clock of the timers.
+    std::chrono::microseconds mayReadAt_{0};
+    std::chrono::microseconds maySendAt_{0};
+    std::chrono::microseconds cutUntil_{0};
+    bool cut_ = false;       // until then
+    bool readTimed_ = false; // readOn() comes
+    bool sendTimed_ = false; // sendOn() comes
+    bool stalled_ = false;   // until it is resumed
+    bool silent_ = false;
+    bool halfClosing_ = false; // it closes its own side behind what is under way
+    bool halfClosed_ = false;
 };
 
 } // namespace standin

@@ -9,10 +9,22 @@ namespace standin {
 
 namespace {
 
-bool matches(const Selector& selector, const Event& event)
+bool isFlow(Moment moment)
+{
+    return moment == Moment::Handshake || moment == Moment::CloseFlow || moment == Moment::Request;
+}
+
+bool strikesAt(Moment ofFault, Moment ofEvent)
+{
+    return ofFault == ofEvent || (ofFault == Moment::Flow && isFlow(ofEvent));
+}
+
+bool matches(Moment moment, const Selector& selector, const Event& event)
 {
     if (selector.connection != 0 && selector.connection != event.connection) return false;
-    if (event.moment != Moment::Request) return true;
+    if (event.moment != Moment::Request) {
+        return moment != Moment::Flow || (selector.messageId == 0 && selector.program.empty());
+    }
     if (selector.messageId != 0 && selector.messageId != event.messageId) return false;
     return selector.program.empty() || selector.program == event.program;
 }
@@ -35,7 +47,7 @@ const Kind* effectOf(const Strike& strike)
 
 std::uint64_t FaultPlan::add(Misbehaviour misbehaviour, Selector selector)
 {
-    entries_.push_back({++lastNumber_, std::move(misbehaviour), std::move(selector), 0});
+    entries_.push_back({++lastNumber_, std::move(misbehaviour), std::move(selector), 0, {}});
     return lastNumber_;
 }
 
@@ -70,9 +82,8 @@ std::vector<Strike> FaultPlan::strike(const Event& event)
 {
     std::vector<Strike> strikes;
     for (Entry& entry : entries_) {
-        if (rowOf(entry.misbehaviour.fault).moment != event.moment ||
-            !matches(entry.selector, event))
-            continue;
+        const Moment moment = rowOf(entry.misbehaviour.fault).moment;
+        if (!strikesAt(moment, event.moment) || !matches(moment, entry.selector, event)) continue;
         const int position = entry.seen - entry.selector.skip;
         const bool over = entry.selector.times != 0 && position >= entry.selector.times;
         if (over) continue;
@@ -80,6 +91,42 @@ std::vector<Strike> FaultPlan::strike(const Event& event)
         if (position >= 0) strikes.push_back({entry.misbehaviour, entry.number});
     }
     return strikes;
+}
+
+std::int32_t FaultPlan::standing(Fault fault, int connection)
+{
+    std::int32_t number = 0;
+    for (Entry& entry : entries_) {
+        const Selector& selector = entry.selector;
+        if (entry.misbehaviour.fault != fault ||
+            (selector.connection != 0 && selector.connection != connection))
+            continue;
+        const auto [place, isNew] = entry.places.try_emplace(connection, entry.seen);
+        if (isNew) ++entry.seen;
+        const int position = place->second - selector.skip;
+        const bool strikes = position >= 0 && (selector.times == 0 || position < selector.times);
+        if (strikes && number == 0) number = entry.misbehaviour.number;
+    }
+    return number;
+}
+
+Manner FaultPlan::mannerFor(const std::vector<Strike>& strikes)
+{
+    Manner manner;
+    for (const Strike& strike : strikes) {
+        const Misbehaviour& misbehaviour = strike.misbehaviour;
+        if (misbehaviour.fault == Fault::Stall && !manner.stallAt)
+            manner.stallAt = static_cast<std::size_t>(misbehaviour.number);
+        if (misbehaviour.fault != Fault::Latency) continue;
+        const std::int64_t spread = std::int64_t{misbehaviour.spread} * 1000;
+        const auto room = static_cast<std::uint64_t>(2 * spread + 1);
+        const std::int64_t more = spread == 0
+                                      ? 0
+                                      : static_cast<std::int64_t>(chance_() % room) - spread;
+        const std::chrono::microseconds latency(std::int64_t{misbehaviour.number} * 1000 + more);
+        manner.latency += std::max(latency, std::chrono::microseconds(0));
+    }
+    return manner;
 }
 
 // ----------------------------------------------------------------------------------------- answers

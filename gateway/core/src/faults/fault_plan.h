@@ -5,7 +5,9 @@
 #define STANDIN_FAULT_PLAN_H
 
 #include <cstdint>
+#include <map>
 #include <optional>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -31,6 +33,9 @@ struct Strike {
 
 class FaultPlan {
 public:
+    // Chance is the same for a seed.
+    explicit FaultPlan(std::uint64_t seed = 1) : chance_(seed) {}
+
     // Returns the number of the entry.
     std::uint64_t add(Misbehaviour misbehaviour, Selector selector);
     void clear() { entries_.clear(); }
@@ -42,16 +47,25 @@ public:
     // What strikes this event, in the order of adding. Every matching entry counts the event.
     std::vector<Strike> strike(const Event& event);
 
+    // The number of the first misbehaviour with this fault, which strikes always, that is in force
+    // for the connection; 0: there is none. Every matching entry counts the connection, once.
+    std::int32_t standing(Fault fault, int connection);
+
+    // How something that is struck is sent; the latency by chance.
+    Manner mannerFor(const std::vector<Strike>& strikes);
+
 private:
     struct Entry {
         std::uint64_t number;
         Misbehaviour misbehaviour;
         Selector selector;
-        int seen; // matching events so far
+        int seen;                  // matching events so far
+        std::map<int, int> places; // of connections that were asked for, each with its count then
     };
 
     std::vector<Entry> entries_;
     std::uint64_t lastNumber_ = 0;
+    std::mt19937_64 chance_;
 };
 
 // The first strike with this fault, or null.

@@ -17,7 +17,7 @@ constexpr const char* kDefaultRequestType = "XYZ";
 
 Answer only(const Flow& flow)
 {
-    return {{encodeFlow(flow)}, Answer::Then::GoOn};
+    return {{encodeFlow(flow)}, Answer::Then::GoOn, {}};
 }
 
 Answer nothing(const Misbehaviour&, const FlowHeader&)
@@ -27,12 +27,22 @@ Answer nothing(const Misbehaviour&, const FlowHeader&)
 
 Answer aDrop(const Misbehaviour&, const FlowHeader&)
 {
-    return {{}, Answer::Then::Drop};
+    return {{}, Answer::Then::Drop, {}};
+}
+
+Answer silence(const Misbehaviour&, const FlowHeader&)
+{
+    return {{}, Answer::Then::FallSilent, {}};
+}
+
+Answer aHalfClose(const Misbehaviour&, const FlowHeader&)
+{
+    return {{}, Answer::Then::HalfClose, {}};
 }
 
 Answer aReset(const Misbehaviour&, const FlowHeader&)
 {
-    return {{}, Answer::Then::Reset};
+    return {{}, Answer::Then::Reset, {}};
 }
 
 Answer aCloseFlow(const Misbehaviour&, const FlowHeader&)
@@ -57,7 +67,7 @@ Answer anException(const Misbehaviour& misbehaviour, const FlowHeader& request)
 
 Answer theBytesGiven(const Misbehaviour& misbehaviour, const FlowHeader&)
 {
-    return {{misbehaviour.bytes}, Answer::Then::GoOn};
+    return {{misbehaviour.bytes}, Answer::Then::GoOn, {}};
 }
 
 // ------------------------------------------------------------------------------- before the answer
@@ -125,6 +135,9 @@ constexpr Argument kCode{Argument::Kind::Number, "CODE"};
 constexpr Argument kType{Argument::Kind::Number, "TYPE", true};
 constexpr Argument kId{Argument::Kind::Number, "ID", true};
 constexpr Argument kCount{Argument::Kind::Count, "N"};
+constexpr Argument kRate{Argument::Kind::Count, "BYTES"};
+constexpr Argument kTime{Argument::Kind::Count, "MS"};
+constexpr Argument kJitter{Argument::Kind::Jitter, "MS[~JITTER]"};
 constexpr Argument kText{Argument::Kind::Text, "TEXT"};
 constexpr Argument kName{Argument::Kind::Text, "NAME", true};
 constexpr Argument kHex{Argument::Kind::Hex, "HEX"};
@@ -135,6 +148,8 @@ constexpr std::array<FaultRow, kFaultCount> kRows = {{
      "closes the connection once it is accepted"},
     {Fault::ResetAtConnect, "reset-at-connect", Moment::Connect, kNone, Instead{aReset},
      "resets the connection once it is accepted"},
+    {Fault::Silence, "silence", Moment::Connect, kNone, Instead{silence},
+     "accepts the connection, reads what comes and never sends anything"},
     {Fault::NoHandshakeAnswer, "no-handshake-answer", Moment::Handshake, kNone, Instead{nothing},
      "never answers the handshake"},
     {Fault::RefuseHandshake, "refuse-handshake", Moment::Handshake, kCode,
@@ -151,6 +166,18 @@ constexpr std::array<FaultRow, kFaultCount> kRows = {{
 
     {Fault::Pieces, "pieces", Moment::Sending, kCount, InDelivery{},
      "sends every flow in pieces of N bytes"},
+
+    {Fault::SendRate, "send-rate", Moment::Always, kRate, InDelivery{},
+     "sends no more than BYTES a second"},
+    {Fault::ReceiveRate, "receive-rate", Moment::Always, kRate, InDelivery{},
+     "reads no more than BYTES a second"},
+
+    {Fault::Latency, "latency", Moment::Flow, kJitter, InDelivery{},
+     "sends it MS milliseconds later, and up to JITTER more or less"},
+    {Fault::Stall, "stall", Moment::Flow, kCount, InDelivery{},
+     "sends N bytes of it, and then nothing on the connection until it is released"},
+    {Fault::Partition, "partition", Moment::Flow, kTime, InDelivery{},
+     "sends and reads nothing on the connection for MS milliseconds"},
 
     {Fault::Hold, "hold", Moment::Request, kNone, InDelivery{},
      "keeps the answer until it is released"},
@@ -170,6 +197,8 @@ constexpr std::array<FaultRow, kFaultCount> kRows = {{
      "closes the connection instead of answering"},
     {Fault::Reset, "reset", Moment::Request, kNone, Instead{aReset},
      "resets the connection instead of answering"},
+    {Fault::HalfClose, "half-close", Moment::Request, kNone, Instead{aHalfClose},
+     "closes its side of the connection instead of answering, and reads on"},
     {Fault::Raw, "raw", Moment::Request, kHex, Instead{theBytesGiven},
      "answers with these bytes"},
 
@@ -239,6 +268,8 @@ std::string_view headingOf(const FaultRow& row)
     case Moment::Handshake: return "while a connection opens";
     case Moment::CloseFlow: return "while it closes";
     case Moment::Sending: return "however it sends";
+    case Moment::Always: return "as fast as a connection is";
+    case Moment::Flow: return "on the way of any answer";
     case Moment::Request: break;
     }
     if (std::holds_alternative<Before>(row.effect)) return "before the answer";

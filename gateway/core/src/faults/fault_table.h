@@ -17,12 +17,13 @@
 
 namespace standin {
 
-// The moments at which a misbehaviour can strike; every fault belongs to exactly one.
-enum class Moment { Connect, Handshake, CloseFlow, Sending, Request };
+// The moments at which a misbehaviour can strike; every fault belongs to exactly one. Flow is a
+// handshake, a request or a close flow, whichever comes, and Always no moment at all.
+enum class Moment { Connect, Handshake, CloseFlow, Sending, Always, Flow, Request };
 
 // What stands behind the "=" of a name, and the word for it.
 struct Argument {
-    enum class Kind { None, Number, Count, Text, Hex };
+    enum class Kind { None, Number, Count, Jitter, Text, Hex };
 
     Kind kind = Kind::None;
     std::string_view word;

@@ -96,11 +96,21 @@ const FaultRow& rowNamed(std::string_view name)
     refuse(inQuotes(name) + " is no misbehaviour; --list-misbehaviours shows them all");
 }
 
+// "50" or "50~20".
+Misbehaviour timeFrom(const FaultRow& row, std::string_view argument)
+{
+    const auto [time, jitter] = cut(argument, argument.find('~'));
+    Misbehaviour misbehaviour(row.fault, countFrom(time, row.name));
+    if (jitter) misbehaviour.spread = countFrom(*jitter, "the jitter of " + std::string(row.name));
+    return misbehaviour;
+}
+
 Misbehaviour withArgument(const FaultRow& row, std::string_view argument)
 {
     switch (row.argument.kind) {
     case Argument::Kind::Number: return {row.fault, numberFrom(argument, row.name)};
     case Argument::Kind::Count: return {row.fault, countFrom(argument, row.name)};
+    case Argument::Kind::Jitter: return timeFrom(row, argument);
     case Argument::Kind::Hex: return {row.fault, fromHex(argument)};
     case Argument::Kind::Text: return {row.fault, std::string(argument)};
     case Argument::Kind::None: break;
@@ -169,8 +179,10 @@ SelectedMisbehaviour parseMisbehaviour(std::string_view text)
     const auto [front, selector] = cut(text, text.rfind('@'));
     const auto [name, argument] = cut(front, front.find('='));
     const FaultRow& row = rowNamed(name);
-    return {argument ? withArgument(row, *argument) : withoutArgument(row),
-            selector ? selectorFrom(*selector) : everything()};
+    const Selector selected = selector ? selectorFrom(*selector) : everything();
+    if (row.moment == Moment::Always && (selected.messageId != 0 || !selected.program.empty()))
+        refuse(std::string(row.name) + " is of a connection, and has no message or program");
+    return {argument ? withArgument(row, *argument) : withoutArgument(row), selected};
 }
 
 const std::vector<MisbehaviourInfo>& misbehaviours()
@@ -186,7 +198,13 @@ std::string_view nameOf(Fault fault)
 
 bool strikesAtAnswers(Fault fault)
 {
-    return rowOf(fault).moment == Moment::Request;
+    return rowOf(fault).moment == Moment::Request || rowOf(fault).moment == Moment::Flow;
+}
+
+bool isOfTheConnection(Fault fault)
+{
+    return rowOf(fault).moment == Moment::Always || rowOf(fault).moment == Moment::Flow ||
+           fault == Fault::Silence || fault == Fault::HalfClose;
 }
 
 } // namespace standin

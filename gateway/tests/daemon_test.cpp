@@ -206,8 +206,8 @@ namespace {
 
 const char* const kKeysOfTheConfiguration =
     "host, port, port-file, database, registry, script, journal, control, control-token, "
-    "control-host, system, misbehave, record, replay, in-order, recorded-speed, record-script, "
-    "list-misbehaviours and log-level";
+    "control-host, system, misbehave, scenario, record, replay, in-order, recorded-speed, "
+    "record-script, list-misbehaviours and log-level";
 
 // That a configuration file with this text is refused for the key in this line.
 void expectUnknownKey(const std::string& text, int line, const std::string& key)

@@ -33,6 +33,8 @@
 #include "registry/worker.h"
 #include "replay/replay.h"
 #include "replay/skeleton.h"
+#include "scenario/player.h"
+#include "scenario/scenario.h"
 #include "script/script_file.h"
 #include "standin/gateway.h"
 #include "standin/wipe.h"
@@ -284,7 +286,7 @@ int complainAboutAddress(const Options& options, const std::system_error& error,
 
 std::unique_ptr<standin::Gateway> openGateway(const Options& options, journal::Journal* journal,
                                               const std::shared_ptr<control::Book>& book,
-                                              const Log& log)
+                                              const scenario::Player* scenario, const Log& log)
 {
     standin::GatewayOptions gatewayOptions;
     gatewayOptions.host = options.host;
@@ -294,6 +296,7 @@ std::unique_ptr<standin::Gateway> openGateway(const Options& options, journal::J
     gatewayOptions.systems = options.systems;
     gatewayOptions.mostUnitsOfWork = mostUnitsOfWork();
     gatewayOptions.watcher = book;
+    if (scenario != nullptr) gatewayOptions.seed = scenario->seed();
     if (journal != nullptr) {
         gatewayOptions.observer = [journal](const standin::CallRecord& call) {
             journal->add(call);
@@ -425,6 +428,20 @@ int relay(const Options& options, const Log& log, const Signals& signals)
 }
 
 // Null: there is none, or it cannot be used, which has been told.
+std::unique_ptr<scenario::Player> openScenario(const Options& options, const Log& log)
+{
+    if (options.scenario.empty()) return nullptr;
+    try {
+        return std::make_unique<scenario::Player>(
+            scenario::readScenario(conf::readFile(options.scenario)), sinkInto(log));
+    } catch (const std::runtime_error& problem) {
+        log->error("cannot use the scenario {}: {}. docs/gateway.md describes scenarios.",
+                   options.scenario, problem.what());
+        return nullptr;
+    }
+}
+
+// Null: there is none, or it cannot be used, which has been told.
 std::unique_ptr<replay::Replay> openReplay(const Options& options, const Log& log)
 {
     if (options.replay.folder.empty()) return nullptr;
@@ -484,9 +501,12 @@ int serve(const Options& options, const Log& log, const Signals& signals)
     const auto book = options.control ? std::make_shared<control::Book>(control::Book::Limits())
                                       : nullptr;
 
+    const std::unique_ptr<scenario::Player> scenario = openScenario(options, log);
+    if (scenario == nullptr && !options.scenario.empty()) return daemon_options::kBadScenario;
+
     registry::Worker worker(kMostPasswords); // outlives what gives work to it
-    const std::unique_ptr<standin::Gateway> gateway = openGateway(options, journal.get(), book,
-                                                                  log);
+    const std::unique_ptr<standin::Gateway> gateway =
+        openGateway(options, journal.get(), book, scenario.get(), log);
     if (gateway == nullptr) return daemon_options::kCannotListen;
     if (programs) {
         gateway->setProgram("LEDGER", programs->ledger);
@@ -510,6 +530,7 @@ int serve(const Options& options, const Log& log, const Signals& signals)
 
     if (!portFile.write(gateway->port())) return complainAboutPortFile(options, log);
 
+    if (scenario != nullptr) scenario->start(*gateway);
     log->info("ready");
     waitForTheEnd(*gateway, script.get(), log, signals);
     control.reset();

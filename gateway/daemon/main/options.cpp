@@ -37,6 +37,8 @@ Examples:
       Shows all that happens on http://127.0.0.1:8080/, and switches there.
   qpxgatewayd check calls.jsonl expect.toml
       Names what is missing, unexpected or out of order there.
+  qpxgatewayd --port 5770 --scenario storm.toml
+      Misbehaves over time as storm.toml says.
   qpxgatewayd --port 5771 --record gateway.example:5770 monday
       Passes everything on to the Gateway there and back, and writes each flow
       to a file of its connection in the folder monday.
@@ -56,7 +58,8 @@ Exit codes:
   2  wrong option, or unknown key       5  cannot write the port file
      in a file                          6  cannot use the registry file
   7  cannot use the script              8  cannot open the journal
-  9  cannot use a recording            10  cannot use the token of the control)";
+  9  cannot use a recording            10  cannot use the token of the control
+ 11  cannot use the scenario)";
 
 const std::map<std::string, LogLevel> kLogLevels = {
     {"debug", LogLevel::Debug},
@@ -227,13 +230,19 @@ void declare(CLI::App& app, Options& options, RawOptions& raw)
         ->option_text("NAME[=ARG][@SELECTOR]")
         ->allow_extra_args(false)
         ->check(CLI::Validator(complaintAboutMisbehaviour, ""));
+    CLI::Option* const scenario = app.add_option(
+                                         "--scenario", options.scenario,
+                                         "Misbehave over time as FILE says (TOML), from the start")
+                                      ->option_text("FILE")
+                                      ->check(notEmpty);
     CLI::Option* const record =
         app.add_option("--record", raw.record,
                        "Pass everything on to the Gateway at HOST:PORT and back, and write each "
                        "flow to a file of its connection in the folder DIR")
             ->option_text("HOST:PORT DIR")
             ->expected(2);
-    for (CLI::Option* const other : {database, registry, script, journal, control, system})
+    for (CLI::Option* const other :
+         {database, registry, script, journal, control, system, scenario})
         record->excludes(other);
 
     CLI::Option* const replay =
@@ -290,6 +299,13 @@ std::variant<Options, int> readOptions(int argc, const char* const* argv)
         std::cerr << "--control-host: others reach " << options.controlHost
                   << "; give a file with a token, too, with --control-token\n"
                   << "Run with --help for more information.\n";
+        return kBadOptions;
+    }
+    for (const std::string& text : raw.misbehaviours) {
+        const standin::Fault fault = standin::parseMisbehaviour(text).misbehaviour.fault;
+        if (options.record.folder.empty() || !standin::isOfTheConnection(fault)) continue;
+        app.exit(CLI::ValidationError("--misbehave", std::string(standin::nameOf(fault)) +
+                                                         " cannot lie on top of --record"));
         return kBadOptions;
     }
     options.logLevel = kLogLevels.at(raw.logLevel);

@@ -28,6 +28,7 @@ enum ExitCode {
     kBadJournal = 8,   // the journal cannot be opened
     kBadFolder = 9,    // the folder of a recording cannot be used, or what is in it
     kBadToken = 10,    // the file with the token of the control cannot be used
+    kBadScenario = 11, // the scenario cannot be used
 };
 
 // A recording of what goes through to a Gateway; no folder: there is none.
@@ -52,6 +53,7 @@ struct Options {
     std::string registry; // file that fills the registry; empty: none
     std::string journal;  // file for a line on every call, "-" for standard output; empty: none
     std::string script;   // file that says how calls are answered; empty: none
+    std::string scenario; // file that says what goes wrong when; empty: none
     RecordOptions record;
     ReplayOptions replay;
     std::string recordScript; // folder of a recording that becomes a script; empty: none

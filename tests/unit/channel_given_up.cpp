@@ -224,7 +224,7 @@ INSTANTIATE_TEST_SUITE_P(OfTheHold, ChannelBadHandleTrace,
 TEST_F(ChannelGivenUp, HasAListThatHoldsWhenAReplacedContainerIsDeleted)
 {
     Channel channel;
-    for (const char* name : {"C", "B", "A"}) channel.addBit(name, "1");
+    for (const char* name : {"C", "B", "A"}) channel.addBit(name);
     ECI_Container_t replacement = {};
     std::memcpy(replacement.eyecatcher, "QPXCONTA", 8);
     replacement.name[0] = 'B';

@@ -2,13 +2,14 @@
 
 import concurrent.futures
 import pathlib
+import re
 import socket
 import sqlite3
 import threading
 from typing import Dict, List, Optional
 
 import qpxclient
-from support import GENEROUS, Gateway, RecipeTest, recipe
+from support import GENEROUS, RECIPES, Gateway, RecipeTest, recipe
 
 LEDGER = "LEDGER"
 
@@ -135,6 +136,14 @@ class HaproxyChecks(HaproxyTest):
         gateway.await_line('handshake applid="" qualifier=""')
         gateway.await_line("close flow", times=4)
         self.assertEqual(gateway.lines("warn"), [])
+
+    def test_its_bytes_are_those_of_the_protocol(self) -> None:
+        handshake, goodbye = (bytes.fromhex(each) for each in re.findall(
+            r"send-binary (\w+)", recipe("haproxy/haproxy.cfg", {})))
+        self.assertEqual(goodbye, dump("Close"))
+        # But for the applid and its qualifier, which are empty, and the length of it all.
+        whole = dump("Handshake")
+        self.assertEqual(handshake, whole[:29] + (22).to_bytes(4, "big") + whole[33:51] + bytes(4))
 
     def test_a_check_without_goodbye_makes_the_gateway_warn(self) -> None:
         gateway = self.gateway()
@@ -302,6 +311,14 @@ class Teller:
         with self._more:
             self.posted += 1
             self._more.notify_all()
+
+
+def dump(flow: str) -> bytes:
+    """The bytes of a flow, as docs/protocol.md shows them."""
+    page = (RECIPES.parent / "docs" / "protocol.md").read_text()
+    shown = re.search(rf"^### {flow}$.*?^```\n(.*?)^```", page, re.DOTALL | re.MULTILINE)
+    assert shown is not None
+    return bytes.fromhex("".join(line[6:53] for line in shown.group(1).splitlines()))
 
 
 def total(book: pathlib.Path) -> int:

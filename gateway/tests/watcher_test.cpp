@@ -169,7 +169,7 @@ TEST_F(AWatcher, GetsTheFlowsOfACallAsTheyWereOnTheWire)
     ASSERT_EQ(1U, notes->calls().size());
     EXPECT_EQ(standin_test::eciRequest(7, call), notes->calls().front().requestFlow);
     const Bytes sent = gateway.sent();
-    const Bytes& answer = notes->calls().front().answerFlow;
+    const Bytes answer = notes->calls().front().answerFlow;
     ASSERT_LT(answer.size(), sent.size());
     EXPECT_EQ(answer, Bytes(sent.end() - static_cast<std::ptrdiff_t>(answer.size()), sent.end()));
 }

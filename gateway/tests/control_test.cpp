@@ -463,6 +463,8 @@ TEST_F(ControlPort, TakesASelectorInPartsAndRefusesWhatIsWrong)
         return error(answer);
     };
     EXPECT_EQ("\"drpo\" is no misbehaviour", refusal(R"({"fault":"drpo"})"));
+    EXPECT_EQ("GET /api/faults shows them all",
+              Json::parse(post("/api/faults", R"({"fault":"drpo"})").body)["help"]);
     EXPECT_EQ("fault is missing", refusal("{}").substr(0, 16));
     EXPECT_EQ("there is no member \"falt\"", refusal(R"({"falt":"drop"})"));
     EXPECT_EQ("the body is no JSON", refusal("{"));

@@ -95,7 +95,7 @@ void Book::change(std::uint64_t Version::*part)
 {
     ++(version_.*part);
     ++version_.all;
-    changed_.notify_all();
+    if (waiting_ > 0) changed_.notify_all();
 }
 
 // ----------------------------------------------------------------------------------- the Gateway's
@@ -270,14 +270,16 @@ Book::Version Book::version() const
 bool Book::awaitChange(const Version& since, std::chrono::milliseconds limit) const
 {
     std::unique_lock<std::mutex> guard(lock_);
+    ++waiting_;
     changed_.wait_for(guard, limit, [&] { return closed_ || version_.all != since.all; });
+    --waiting_;
     return !closed_ && version_.all != since.all;
 }
 
 bool Book::pause(std::chrono::milliseconds limit) const
 {
     std::unique_lock<std::mutex> guard(lock_);
-    return !changed_.wait_for(guard, limit, [&] { return closed_; });
+    return !end_.wait_for(guard, limit, [&] { return closed_; });
 }
 
 std::vector<Summary> Book::endedSince(std::uint64_t ended, std::size_t most) const
@@ -316,6 +318,7 @@ void Book::close()
     const std::lock_guard<std::mutex> guard(lock_);
     closed_ = true;
     changed_.notify_all();
+    end_.notify_all();
 }
 
 } // namespace control

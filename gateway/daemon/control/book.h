@@ -163,6 +163,8 @@ private:
     const Limits limits_;
     mutable std::mutex lock_;
     mutable std::condition_variable changed_;
+    mutable std::condition_variable end_; // by itself, so that no change wakes whoever pauses
+    mutable std::size_t waiting_ = 0;     // for a change
     bool closed_ = false;
     Version version_;
     Totals totals_;

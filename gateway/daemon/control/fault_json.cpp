@@ -136,8 +136,12 @@ standin::SelectedMisbehaviour faultFrom(const Json& json)
             throw BadRequest("there is a selector in fault, and another one beside it; give one");
         if (json.size() > 1) selected.selector = selector;
         return selected;
-    } catch (const std::invalid_argument& problem) {
-        throw BadRequest(call_json::validText(problem.what()));
+    } catch (const std::invalid_argument& refusal) {
+        std::string problem = refusal.what();
+        const std::string option = "--list-misbehaviours";
+        const std::size_t at = problem.find("; " + option);
+        if (at != std::string::npos) problem.replace(at + 2, option.size(), "GET /api/faults");
+        throw BadRequest(call_json::validText(problem));
     }
 }
 

@@ -232,7 +232,7 @@ void Session::onPieceSent(std::size_t count)
     endIfNothingIsLeft();
 }
 
-// ---------------------------------------------------------------------------------- slow and silent
+// --------------------------------------------------------------------------------- slow and silent
 
 void Session::later(std::chrono::microseconds time, void (Session::*step)())
 {

@@ -83,7 +83,7 @@ public:
     // Begins to read.
     void start();
 
-    // Sends the bytes behind what is under way. With `isAnswer` the owner is told when the last byte
+    // Sends the bytes behind what is under way. With `isAnswer` the owner is told when the last one
     // has been handed to the system.
     void send(Bytes bytes, const Manner& manner, bool isAnswer);
 

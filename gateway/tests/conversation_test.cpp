@@ -14,6 +14,7 @@
 #include <system_error>
 #include <thread>
 #include <tuple>
+#include <vector>
 
 #include "client.h"
 #include "standin/gateway.h"
@@ -266,6 +267,27 @@ TEST_F(Conversation, DoesNotReadFromAClientThatTakesNothing)
     for (int id = 1; id <= kRequests; ++id) EXPECT_EQ(id, client.read().value().messageId);
     EXPECT_TRUE(logged("connection 1: is read from again"));
     EXPECT_EQ(0, client.call(kRequests + 1, {}).vornRc);
+}
+
+TEST(AGatewaysLog, HasNothingLessThanWhatItBeginsWith)
+{
+    std::mutex lock;
+    std::vector<LogLevel> levels;
+    GatewayOptions options;
+    options.logFrom = LogLevel::Warning;
+    options.log = [&](LogLevel level, const std::string&) {
+        const std::lock_guard<std::mutex> guard(lock);
+        levels.push_back(level);
+    };
+    Gateway gateway(options);
+    Client client(gateway.port());
+    ASSERT_TRUE(client.shakeHands());
+    client.call(1, {});
+    gateway.misbehave(Fault::Ping, onMessage(2));
+    client.send(eciRequest(2, {}));
+    ASSERT_TRUE(client.read());
+    gateway.stop();
+    EXPECT_EQ(std::vector<LogLevel>{LogLevel::Warning}, levels);
 }
 
 // An allocation that fails is played by a log that throws.

@@ -292,6 +292,7 @@ std::unique_ptr<standin::Gateway> openGateway(const Options& options, journal::J
     gatewayOptions.host = options.host;
     gatewayOptions.port = options.port;
     gatewayOptions.log = sinkInto(log);
+    gatewayOptions.logFrom = options.logLevel;
     gatewayOptions.recording = false;
     gatewayOptions.systems = options.systems;
     gatewayOptions.mostUnitsOfWork = mostUnitsOfWork();

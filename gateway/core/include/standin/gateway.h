@@ -64,9 +64,10 @@ namespace standin {
 
 struct GatewayOptions {
     std::string host = "127.0.0.1";
-    std::uint16_t port = 0; // 0: any free port
-    LogSink log;            // empty: silent
-    bool recording = true;  // keep bytes, requests and findings; a long-lived Gateway does without
+    std::uint16_t port = 0;             // 0: any free port
+    LogSink log;                        // empty: silent
+    LogLevel logFrom = LogLevel::Debug; // what is less is not put into words
+    bool recording = true; // keep bytes, requests and findings; a long-lived Gateway does without
     std::vector<SystemEntry> systems;    // what a system list query is answered with
     std::size_t mostUnitsOfWork = 10000; // open at once; another one is refused with vornRc -16
     CallObserver observer;               // is told of every call; empty: nobody is

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "standin/wire.h"
 
@@ -20,24 +21,24 @@ public:
     }
 
     // Each throws MalformedFlow when the bytes end inside the field, which `field` names.
-    std::uint8_t takeByte(const std::string& field);
-    std::int16_t takeShort(const std::string& field);
-    std::int32_t takeInt(const std::string& field);
-    Bytes takeBytes(std::size_t count, const std::string& field);
-    std::string takeText(std::size_t count, const std::string& field);
+    std::uint8_t takeByte(std::string_view field);
+    std::int16_t takeShort(std::string_view field);
+    std::int32_t takeInt(std::string_view field);
+    Bytes takeBytes(std::size_t count, std::string_view field);
+    std::string takeText(std::size_t count, std::string_view field);
 
     // A 4-byte length, then that many bytes.
-    Bytes takeCounted(const std::string& field);
+    Bytes takeCounted(std::string_view field);
 
     // A 4-byte length or count that must not be negative.
-    std::int32_t takeLength(const std::string& field);
+    std::int32_t takeLength(std::string_view field);
 
     // One byte that must be 0xFF (true) or 0x00 (false).
-    bool takeFlag(const std::string& field);
+    bool takeFlag(std::string_view field);
 
     // A fixed field of text filled up with 0x00 bytes; any other byte behind the first 0x00 is
     // malformed.
-    std::string takePadded(std::size_t width, const std::string& field);
+    std::string takePadded(std::size_t width, std::string_view field);
 
     // Throws unless every byte has been taken.
     void expectEnd() const;
@@ -48,7 +49,11 @@ public:
     std::size_t offset() const { return firstOffset_ + position_; }
 
 private:
-    void need(std::size_t count, const std::string& field) const;
+    void need(std::size_t count, std::string_view field) const
+    {
+        if (count > remaining()) complain(count, field);
+    }
+    [[noreturn]] void complain(std::size_t count, std::string_view field) const;
 
     const Bytes& bytes_;
     std::size_t firstOffset_;

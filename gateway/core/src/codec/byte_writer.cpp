@@ -1,18 +1,23 @@
 #include "codec/byte_writer.h"
 
+#include <iterator>
+
 namespace standin {
 
 void ByteWriter::putShort(std::uint16_t value)
 {
-    putByte(static_cast<std::uint8_t>(value >> 8));
-    putByte(static_cast<std::uint8_t>(value & 0xFFU));
+    const std::uint8_t bytes[] = {static_cast<std::uint8_t>(value >> 8U),
+                                  static_cast<std::uint8_t>(value & 0xFFU)};
+    bytes_.insert(bytes_.end(), std::begin(bytes), std::end(bytes));
 }
 
 void ByteWriter::putInt(std::int32_t value)
 {
     const auto bits = static_cast<std::uint32_t>(value);
-    putShort(static_cast<std::uint16_t>(bits >> 16));
-    putShort(static_cast<std::uint16_t>(bits & 0xFFFFU));
+    const std::uint8_t bytes[] = {
+        static_cast<std::uint8_t>(bits >> 24U), static_cast<std::uint8_t>(bits >> 16U & 0xFFU),
+        static_cast<std::uint8_t>(bits >> 8U & 0xFFU), static_cast<std::uint8_t>(bits & 0xFFU)};
+    bytes_.insert(bytes_.end(), std::begin(bytes), std::end(bytes));
 }
 
 void ByteWriter::putText(std::string_view text)

@@ -12,6 +12,9 @@ namespace standin {
 
 class ByteWriter {
 public:
+    // So many bytes will follow.
+    void reserve(std::size_t count) { bytes_.reserve(bytes_.size() + count); }
+
     void putByte(std::uint8_t value) { bytes_.push_back(value); }
     void putShort(std::uint16_t value);
     void putInt(std::int32_t value);

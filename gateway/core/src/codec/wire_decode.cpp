@@ -46,18 +46,19 @@ std::string quoted(const std::string& text)
 
 std::string withoutPadding(std::string text)
 {
-    const std::size_t last = text.find_last_not_of(std::string(" \0", 2));
+    const std::size_t last = text.find_last_not_of(std::string_view(" \0", 2));
     text.resize(last == std::string::npos ? 0 : last + 1);
     return text;
 }
 
 // Reads an int that must have one certain value.
-void expectInt(ByteReader& in, std::int32_t wanted, const std::string& field)
+void expectInt(ByteReader& in, std::int32_t wanted, std::string_view field)
 {
     const std::size_t start = in.offset();
     const std::int32_t value = in.takeInt(field);
     if (value != wanted)
-        reject(start, field + " is " + std::to_string(value) + ", not " + std::to_string(wanted));
+        reject(start, std::string(field) + " is " + std::to_string(value) + ", not " +
+                          std::to_string(wanted));
 }
 
 // --------------------------------------------------------------------------------------- handshake
@@ -154,14 +155,14 @@ std::int32_t takeExtendMode(ByteReader& in)
 
 // One of the two optional lengths: a flag, and behind 0xFF a length of 1 to `largest`.
 std::optional<std::int32_t> takeOptionalLength(ByteReader& in, std::int32_t largest,
-                                               const std::string& field)
+                                               const char* flag, const char* field)
 {
-    if (!in.takeFlag(field + " flag")) return std::nullopt;
+    if (!in.takeFlag(flag)) return std::nullopt;
     const std::size_t start = in.offset();
     const std::int32_t length = in.takeInt(field);
     if (length < 1 || length > largest) {
-        reject(start, field + " is " + std::to_string(length) + ", not 1 to the COMMAREA length " +
-                          std::to_string(largest));
+        reject(start, std::string(field) + " is " + std::to_string(length) +
+                          ", not 1 to the COMMAREA length " + std::to_string(largest));
     }
     return length;
 }
@@ -174,8 +175,10 @@ void takeCommarea(ByteReader& in, EciRequest& request)
         reject(start, "COMMAREA length is " + std::to_string(request.commareaLength) +
                           ", not 0 to " + std::to_string(kLargestCommarea));
     }
-    request.outboundLength = takeOptionalLength(in, request.commareaLength, "outbound length");
-    request.inboundLength = takeOptionalLength(in, request.commareaLength, "inbound length");
+    request.outboundLength = takeOptionalLength(in, request.commareaLength, "outbound length flag",
+                                                "outbound length");
+    request.inboundLength = takeOptionalLength(in, request.commareaLength, "inbound length flag",
+                                               "inbound length");
     if (request.endsUnitOfWork()) return;
     const std::int32_t sent = request.outboundLength.value_or(request.commareaLength);
     request.commarea = in.takeBytes(static_cast<std::size_t>(sent), "COMMAREA");

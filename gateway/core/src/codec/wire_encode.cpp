@@ -11,9 +11,11 @@ namespace standin {
 
 namespace {
 
-constexpr std::size_t kNameWidth = 16;        // channel and container names
-constexpr std::size_t kSystemNameWidth = 9;   // in a system list entry
-constexpr std::size_t kDescriptionWidth = 61; // in a system list entry
+constexpr std::size_t kNameWidth = 16;          // channel and container names
+constexpr std::size_t kSystemNameWidth = 9;     // in a system list entry
+constexpr std::size_t kDescriptionWidth = 61;   // in a system list entry
+constexpr std::size_t kFixedHeaderSize = 29;    // without the request type
+constexpr std::size_t kRoomForFixedFields = 64; // of a reply, at least as many as it has
 constexpr std::uint8_t kSet = 0xFF;
 constexpr std::uint8_t kNotSet = 0x00;
 
@@ -114,6 +116,7 @@ Bytes encodeFlow(const Flow& flow)
 {
     const FlowHeader& header = flow.header;
     ByteWriter out;
+    out.reserve(kFixedHeaderSize + header.requestType.size() + flow.body.size());
     out.putInt(header.eyecatcher);
     out.putInt(header.flowVersion);
     out.putInt(header.flowType);
@@ -222,6 +225,7 @@ Bytes encodeExceptionBody(std::string_view text)
 Bytes encodeEciReplyBody(const EciReply& reply)
 {
     ByteWriter out;
+    out.reserve(kRoomForFixedFields + reply.commarea.size());
     out.putInt(reply.callType);
     if (reply.callType == kCallListSystems) {
         putListReply(out, reply);

@@ -69,13 +69,15 @@ std::string describe(const EsiReply& reply)
     return text;
 }
 
-// Wipes what a request has of a password in clear, at the end of its way.
+// Wipes what a request has of a password in clear, at the end of its way. One that was malformed
+// may have had a password in front of what was wrong.
 class PasswordWiper {
 public:
     explicit PasswordWiper(ReceivedRequest& request) : request_(request) {}
 
     ~PasswordWiper()
     {
+        if (request_.eci && request_.eci->password.empty()) return;
         if (request_.eci) wipe(request_.eci->password);
         wipeStack();
     }
@@ -101,9 +103,9 @@ const char* describe(Ending ending)
 } // namespace
 
 Server::Server(const GatewayOptions& options, std::shared_ptr<EventLoop> loop, Recorder& recorder)
-    : log_(options.log), loop_(std::move(loop)), recorder_(recorder), acceptor_(loop_->context()),
-      acceptTimer_(loop_->context()), timers_(loop_, options.clock), watcher_(options.watcher),
-      calls_(options.observer, options.arrivals, options.watcher),
+    : log_(options.log), leastLevel_(options.logFrom), loop_(std::move(loop)), recorder_(recorder),
+      acceptor_(loop_->context()), acceptTimer_(loop_->context()), timers_(loop_, options.clock),
+      watcher_(options.watcher), calls_(options.observer, options.arrivals, options.watcher),
       runner_(options.log, options.mostUnitsOfWork), plan_(options.seed)
 {
     runner_.setWatcher(options.watcher);
@@ -478,16 +480,15 @@ void Server::sendError(Session& session, std::int32_t messageId, Bytes flow)
 
 void Server::decodeBody(Session& session, const SplitFlow& split, ReceivedRequest& request)
 {
-    std::string text;
     if (request.header.requestType == "ECI") {
         request.eci = decodeEciRequest(split.flow.body, split.headerSize);
-        text = describe(*request.eci);
     } else {
         request.esi = decodeEsiRequest(split.flow.body, split.headerSize);
-        text = describe(*request.esi);
     }
+    if (!logs(LogLevel::Info)) return;
     log(LogLevel::Info, session.number(),
-        "request " + std::to_string(request.header.messageId) + " " + text);
+        "request " + std::to_string(request.header.messageId) + " " +
+            (request.eci ? describe(*request.eci) : describe(*request.esi)));
 }
 
 void Server::answerRequest(Session& session, const ReceivedRequest& request)
@@ -580,17 +581,17 @@ void Server::runEci(const ReceivedRequest& request, const std::vector<Strike>& s
 {
     const int connection = request.connection;
     const FlowHeader header = request.header;
-    const auto give = [this, connection, header, strikes](const EciReply& reply) {
-        answerEci(connection, header, strikes, reply);
-    };
-    const auto deliverReply = [this, connection, give](const EciReply& reply) {
-        if (reply.delay.count() <= 0) return give(reply);
-        timers_.after(reply.delay, [this, connection, give, reply] {
-            guarded(connection, [&] { give(reply); });
+    const auto deliverReply = [this, connection, header, strikes](EciReply reply) {
+        if (reply.delay.count() <= 0)
+            return answerEci(connection, header, strikes, std::move(reply));
+        timers_.after(reply.delay, [this, connection, header, strikes, reply] {
+            guarded(connection, [&] { answerEci(connection, header, strikes, reply); });
         });
     };
-    const auto later = [this, connection, way = wayOnto(loop_)](std::function<void()> task) {
-        way([this, connection, task = std::move(task)] { guarded(connection, task); });
+    const auto later = [this, connection]() -> CallRunner::Later {
+        return [this, connection, way = wayOnto(loop_)](std::function<void()> task) {
+            way([this, connection, task = std::move(task)] { guarded(connection, task); });
+        };
     };
     const std::shared_ptr<Session> session = sessions_.at(connection);
     session->expectAnswer();
@@ -623,7 +624,10 @@ void Server::answerEci(int connection, const FlowHeader& header, std::vector<Str
         runner_.giveUp(reply.luwToken, connection);
         reply.luwToken = 0;
     }
-    log(LogLevel::Info, connection, "answer " + std::to_string(messageId) + " " + describe(reply));
+    if (logs(LogLevel::Info)) {
+        log(LogLevel::Info, connection,
+            "answer " + std::to_string(messageId) + " " + describe(reply));
+    }
     calls_.reply(connection, messageId, reply);
     std::optional<Answer> replaced;
     if (!reply.faults.empty()) replaced = replacedAnswer(strikes, header);
@@ -716,14 +720,19 @@ void Server::deliverOne(HeldAnswer held)
 
 // --------------------------------------------------------------------------------------------- log
 
+bool Server::logs(LogLevel level) const
+{
+    return log_ && level >= leastLevel_;
+}
+
 void Server::log(LogLevel level, const std::string& line) const
 {
-    if (log_) log_(level, line);
+    if (logs(level)) log_(level, line);
 }
 
 void Server::log(LogLevel level, int connection, const std::string& line) const
 {
-    log(level, "connection " + std::to_string(connection) + ": " + line);
+    if (logs(level)) log_(level, "connection " + std::to_string(connection) + ": " + line);
 }
 
 } // namespace standin

@@ -75,6 +75,7 @@ public:
     void complain(const char* failure) const;
 
 private:
+    ReadRoom& readRoom() override { return readRoom_; }
     void onBytesReceived(Session& session, const std::uint8_t* bytes, std::size_t count) override;
     void onBytesSending(Session& session, const std::uint8_t* bytes, std::size_t count) override;
     void onFlow(Session& session, const SplitFlow& split, const Bytes& raw) override;
@@ -131,10 +132,12 @@ private:
     void updateHeldCount() { recorder_.setHeld(held_.size()); }
 
     void report(const Session& session, const MalformedFlow& malformed, const Bytes& raw);
+    bool logs(LogLevel level) const;
     void log(LogLevel level, const std::string& line) const;
     void log(LogLevel level, int connection, const std::string& line) const;
 
     LogSink log_;
+    const LogLevel leastLevel_;
     std::shared_ptr<EventLoop> loop_;
     Recorder& recorder_;
     asio::ip::tcp::acceptor acceptor_;
@@ -149,6 +152,7 @@ private:
     RawReply rawReply_;
     FlowsReply flowsReply_;
     std::map<int, std::shared_ptr<Session>> sessions_; // by number
+    ReadRoom readRoom_{};
     int lastNumber_ = 0;
     bool reading_ = true;
 };

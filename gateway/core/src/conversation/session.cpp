@@ -63,6 +63,7 @@ Session::Session(asio::ip::tcp::socket socket, int number, SessionOwner& owner)
     // Every piece is to travel by itself.
     asio::error_code ignored;
     socket_.set_option(asio::ip::tcp::no_delay(true), ignored);
+    socket_.non_blocking(true, ignored);
     noticeVanishing(socket_.native_handle());
 }
 
@@ -84,26 +85,34 @@ void Session::readMore()
 {
     if (!mayRead() || readUnderWay_ || waitsToRead()) return;
     readUnderWay_ = true;
-    const std::size_t most = roomWithin(owner_.receiveRate(*this), arrived_.size());
-    socket_.async_read_some(
-        asio::buffer(arrived_.data(), most),
-        [self = shared_from_this()](const asio::error_code& error, std::size_t count) {
-            self->guarded([&] { self->onArrived(error, count); });
-        });
+    socket_.async_wait(asio::ip::tcp::socket::wait_read,
+                       [self = shared_from_this()](const asio::error_code& error) {
+                           self->guarded([&] { self->onReadable(error); });
+                       });
 }
 
-void Session::onArrived(const asio::error_code& error, std::size_t count)
+void Session::onReadable(const asio::error_code& error)
 {
     readUnderWay_ = false;
     if (ended_ || dropping_) return;
     if (error) return onReadFailed(error);
-    owner_.onBytesReceived(*this, arrived_.data(), count);
+    ReadRoom& room = owner_.readRoom();
+    const std::size_t most = roomWithin(owner_.receiveRate(*this), room.size());
+    asio::error_code problem;
+    const std::size_t count = socket_.read_some(asio::buffer(room.data(), most), problem);
+    if (problem == asio::error::would_block) return readMore();
+    if (problem) return onReadFailed(problem);
+    takeArrived(room.data(), count);
     mayReadAt_ = owner_.timers().now() + timeFor(count, owner_.receiveRate(*this));
-    unread_.insert(unread_.end(), arrived_.begin(),
-                   arrived_.begin() + static_cast<std::ptrdiff_t>(count));
-    ::explicit_bzero(arrived_.data(), count); // there may be a password
+    ::explicit_bzero(room.data(), count); // there may be a password
     takeFlows();
     readMore();
+}
+
+void Session::takeArrived(const std::uint8_t* bytes, std::size_t count)
+{
+    owner_.onBytesReceived(*this, bytes, count);
+    unread_.insert(unread_.end(), bytes, bytes + count);
 }
 
 // What goes wrong on one connection ends that one only.
@@ -346,7 +355,7 @@ void Session::discardUnread()
 {
     asio::error_code error;
     socket_.non_blocking(true, error);
-    while (!error) socket_.read_some(asio::buffer(arrived_), error);
+    while (!error) socket_.read_some(asio::buffer(owner_.readRoom()), error);
 }
 
 void Session::reset()

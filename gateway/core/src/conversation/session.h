@@ -28,8 +28,13 @@ namespace standin {
 
 class Session;
 
+// Where what arrives is read into. It is one for all sessions, since none keeps anything there.
+using ReadRoom = std::array<std::uint8_t, 65536>;
+
 class SessionOwner {
 public:
+    virtual ReadRoom& readRoom() = 0;
+
     virtual void onBytesReceived(Session& session, const std::uint8_t* bytes,
                                  std::size_t count) = 0;
     virtual void onBytesSending(Session& session, const std::uint8_t* bytes, std::size_t count) = 0;
@@ -132,7 +137,8 @@ private:
     void readOn();
     void sendOn();
     void endCut();
-    void onArrived(const asio::error_code& error, std::size_t count);
+    void onReadable(const asio::error_code& error);
+    void takeArrived(const std::uint8_t* bytes, std::size_t count);
     void onPieceDone(const asio::error_code& error, std::size_t count);
     template <typename Step>
     void guarded(Step step);
@@ -152,8 +158,7 @@ private:
     const int number_;
     SessionOwner& owner_;
     Stage stage_ = Stage::Connected;
-    std::array<std::uint8_t, 65536> arrived_{}; // target of the read under way
-    Bytes unread_;                              // received, not yet a whole flow
+    Bytes unread_; // received, not yet a whole flow
     std::deque<Outgoing> outgoing_;
     std::size_t waiting_ = 0; // bytes in outgoing_ that have not been handed to the system
     bool reading_ = true;

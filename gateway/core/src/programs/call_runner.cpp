@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <functional>
 #include <limits>
 #include <utility>
 
@@ -42,8 +43,7 @@ void CallRunner::setListReply(ReplyFunction reply)
 // ------------------------------------------------------------------------------------------- calls
 
 void CallRunner::run(const EciRequest& request, std::int32_t messageId, int connection, bool failed,
-                     const Deliver& deliver,
-                     const std::function<void(std::function<void()>)>& later)
+                     const Deliver& deliver, const std::function<Later()>& later)
 {
     if (request.callType == kCallListSystems) {
         deliver(listReply_(request));
@@ -68,7 +68,7 @@ void CallRunner::run(const EciRequest& request, std::int32_t messageId, int conn
 
 void CallRunner::runInUnit(const EciRequest& request, std::int32_t messageId, int connection,
                            bool failed, std::int32_t token, const Deliver& deliver,
-                           const std::function<void(std::function<void()>)>& later)
+                           const std::function<Later()>& later)
 {
     try {
         runProgram(request, messageId, connection, failed, findUnit(token, connection), deliver,
@@ -87,12 +87,11 @@ void CallRunner::giveUp(std::int32_t token, int connection)
 
 void CallRunner::runProgram(const EciRequest& request, std::int32_t messageId, int connection,
                             bool failed, OpenUnit* unit, const Deliver& deliver,
-                            const std::function<void(std::function<void()>)>& later)
+                            const std::function<Later()>& later)
 {
     const std::int32_t unitToken = unit != nullptr ? unit->id.token : 0;
-    const auto finish = [this, deliver, failed, unitToken,
-                         requestToken = request.luwToken](EciReply reply) {
-        deliver(settle(std::move(reply), failed, requestToken, unitToken));
+    const auto finish = [&](EciReply reply) {
+        deliver(settle(std::move(reply), failed, request.luwToken, unitToken));
     };
 
     ProgramCall call{request, messageId, connection, std::nullopt, nullptr};
@@ -107,11 +106,16 @@ void CallRunner::runProgram(const EciRequest& request, std::int32_t messageId, i
         const std::int32_t refused = enlist(*unit, request.program, program);
         if (refused != kServerOk) return finish(EciReply::serverError(request, refused));
     }
-    call.answerLater = [finish, later] {
-        return PendingReply([finish, later](EciReply reply) {
-            later([finish, answer = std::move(reply)] { finish(answer); });
+    const auto answerLater = [&] {
+        const auto finishLater = [this, deliver, failed, unitToken,
+                                  requestToken = request.luwToken](EciReply reply) {
+            deliver(settle(std::move(reply), failed, requestToken, unitToken));
+        };
+        return PendingReply([finishLater, way = later()](EciReply reply) {
+            way([finishLater, answer = std::move(reply)] { finishLater(answer); });
         });
     };
+    call.answerLater = std::cref(answerLater);
 
     std::optional<EciReply> reply = program->call(call);
     if (reply) finish(std::move(*reply));

@@ -21,6 +21,7 @@ namespace standin {
 class CallRunner {
 public:
     using Deliver = std::function<void(EciReply)>;
+    using Later = std::function<void(std::function<void()>)>;
 
     CallRunner(LogSink log, std::size_t mostUnits);
 
@@ -29,13 +30,13 @@ public:
     void setListReply(ReplyFunction reply);
 
     // Runs a request and hands its reply to `deliver`: before this returns, or later and then from
-    // any thread. `later` must bring a function onto the Gateway's thread, or drop it when that has
-    // ended.
+    // any thread. For that `later` gives a way that must bring a function onto the Gateway's
+    // thread, or drop it when that has ended.
     //
     // With `failed` the client gets a code in place of the reply's own outcome, so the unit of work
     // that the call belongs to ends.
     void run(const EciRequest& request, std::int32_t messageId, int connection, bool failed,
-             const Deliver& deliver, const std::function<void(std::function<void()>)>& later);
+             const Deliver& deliver, const std::function<Later()>& later);
 
     // Backs out the unit of work, if the connection has it open.
     void giveUp(std::int32_t token, int connection);
@@ -59,11 +60,9 @@ private:
     };
 
     void runInUnit(const EciRequest& request, std::int32_t messageId, int connection, bool failed,
-                   std::int32_t token, const Deliver& deliver,
-                   const std::function<void(std::function<void()>)>& later);
+                   std::int32_t token, const Deliver& deliver, const std::function<Later()>& later);
     void runProgram(const EciRequest& request, std::int32_t messageId, int connection, bool failed,
-                    OpenUnit* unit, const Deliver& deliver,
-                    const std::function<void(std::function<void()>)>& later);
+                    OpenUnit* unit, const Deliver& deliver, const std::function<Later()>& later);
     EciReply endUnit(const EciRequest& request, int connection);
 
     std::shared_ptr<Program> findProgram(const ProgramCall& call) const;

@@ -706,7 +706,7 @@ TEST_F(Control, RefusesATokenThatIsTooShortOrNotThere)
     std::ofstream(directory.file("short")) << "fifteen-letters\n";
     for (const char* const file : {"short", "not-there"}) {
         Daemon daemon({"--control", "0", "--control-token", directory.file(file)});
-        EXPECT_EQ(9, daemon.end());
+        EXPECT_EQ(10, daemon.end());
         EXPECT_TRUE(daemon.wrote("cannot use the token file")) << daemon.output();
         EXPECT_FALSE(daemon.wrote("fifteen-letters"));
     }

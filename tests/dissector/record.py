@@ -1,8 +1,9 @@
-"""Records a session: record.py GATEWAY_PORT PCAP [SEGMENT] stands between an application and the gateway.
+"""Records a session: record.py GATEWAY_PORT PCAP [SEGMENT] is between an application and a gateway.
 
-Writes the port to which the application is to connect to standard output, takes connections until its
+Writes the port to which the application is to connect, takes connections until its
 standard input ends, and then writes what has travelled as a capture file, for which it makes up the
-headers of IP and TCP. With SEGMENT no segment is longer than so many bytes.
+headers of IP and TCP. With SEGMENT all segments but the last before the other side speaks have so
+many bytes, wherever flows end.
 """
 import select
 import socket
@@ -46,6 +47,7 @@ class Session:
             gateway: (application, (server, client)),
         }
         self.sequence = {client: 1000, server: 5000}
+        self.kept = (None, b"")  # what has come from one side and is not in a packet yet
         capture.packet((client, server), SYN, 999, 0)
         capture.packet((server, client), SYN | ACK, 4999, 1000)
         capture.packet((client, server), ACK, 1000, 5000)
@@ -57,16 +59,26 @@ class Session:
             data = source.recv(65536)
         except ConnectionResetError:
             data = b""
-        step = self.capture.segment or 60000
-        for at in range(0, len(data), step):
-            piece = data[at:at + step]
-            self.capture.packet(ends, ACK, self.sequence[ends[0]], self.sequence[ends[1]], piece)
-            self.sequence[ends[0]] += len(piece)
+        if self.kept[0] != ends or not data or not self.capture.segment:
+            self.flush()
+        self.kept = (ends, self.kept[1] + data)
+        if not self.capture.segment:
+            self.flush()
         if data:
             target.sendall(data)
             return True
         self.capture.packet(ends, FIN | ACK, self.sequence[ends[0]], self.sequence[ends[1]])
         return False
+
+    def flush(self):
+        """Makes packets of what has been kept."""
+        ends, data = self.kept
+        step = self.capture.segment or 60000
+        for at in range(0, len(data), step):
+            piece = data[at:at + step]
+            self.capture.packet(ends, ACK, self.sequence[ends[0]], self.sequence[ends[1]], piece)
+            self.sequence[ends[0]] += len(piece)
+        self.kept = (None, b"")
 
     def close(self):
         for each in self.ways:

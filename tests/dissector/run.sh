@@ -247,12 +247,13 @@ FlowsAreTheSameHoweverTheyAreCutIntoSegments() {
         "$PROGRAMS/asynchronous" 127.0.0.1 "$PORT"
         "$DEMO/systems" --port "$PORT"
     }
-    gateway_with_registry
+    # All requests of one program stand behind one another, and so do the replies to them.
+    gateway --registry "$REGISTRY" --misbehave reverse=5@program:ECHO
     record a_session
     flows
     sort "$FOLDER/flows" >"$FOLDER/whole"
     [[ $(wc -l <"$FOLDER/whole") == 26 ]] || fail "not all flows are there"
-    for segment in 1 7 32; do
+    for segment in 1 7 100; do
         record a_session "$segment"
         flows
         sort "$FOLDER/flows" | expect_same "$FOLDER/whole" -
@@ -272,7 +273,8 @@ ALongChannelIsPutTogether() {
     expect_same - "$FOLDER/out" <<<$'300000\n300000'
 }
 
-WhatTheGatewayDoesWrongIsNamed() {
+# Each line: a misbehaviour of the gateway, and a flow that a call meets then.
+expect_with_misbehaviours() {
     local fault wanted
     an_error() { an_echo || true; }
     while IFS='|' read -r fault wanted; do
@@ -281,23 +283,34 @@ WhatTheGatewayDoesWrongIsNamed() {
         stop_gateway || fail "the gateway does not stop cleanly"
         flows
         expect_line flows "$wanted"
-    done <<'TEXT'
+    done
+}
+
+RefusalsOfTheGatewayAreNamed() {
+    expect_with_misbehaviours <<'TEXT'
 flow-error=61445|Error [1], QPX_ERR_WORK_WAS_REFUSED
 flow-exception=out of order|Exception: out of order [1], QPX_ERR_GATEWAY_EXCEPTION
 connection-error=61444|Error [-2], QPX_ERR_GATEWAY_CLOSED
 refuse-handshake=61445|Error [-2], QPX_ERR_WORK_WAS_REFUSED
+TEXT
+}
+
+WhatTheGatewaySendsUnaskedIsNamed() {
+    expect_with_misbehaviours <<'TEXT'
 ping|Ping
 close|Close by the Gateway
-unknown-flow=99|Flow of the unknown type 99 [1], malformed
+unknown-flow=99|Flow of the unknown type 99 [0], malformed
 bad-eyecatcher|No flow begins here
 TEXT
-    # Of two answers the second has no request.
+}
+
+ASecondReplyHasNoRequest() {
     gateway --misbehave duplicate@program:ECHO
     record an_echo
     read_session -Y qpx.unasked
-    grep -q 'Reply \[1\], ECI_NO_ERROR' "$FOLDER/out" || fail "the second answer is as good as the first"
+    grep -q 'Reply \[1\], ECI_NO_ERROR' "$FOLDER/out" || fail "the second is as good as the first"
     read_session -T fields -e qpx.request_in -Y 'qpx.flow_type == 3'
-    [[ $(grep -o 6 "$FOLDER/out" | wc -l) == 1 ]] || fail "both answers are those of the request"
+    [[ $(grep -o 6 "$FOLDER/out" | wc -l) == 1 ]] || fail "both are those of the request"
 }
 
 ASessionOnAnotherPortIsRecognised() {

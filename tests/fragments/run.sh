@@ -24,12 +24,16 @@ extract() {
         file != "" { print >file }' "$1"
 }
 
-# A whole program is compiled as it is, anything else as the body of a function.
+# A whole program is compiled as it is, a function behind the prelude, and anything else as the body
+# of one.
 compile() {
     local options=("-m$BITS" -std=c99 -D_POSIX_C_SOURCE=200809L -Wall -Wextra -Werror
         "-I$SOURCE/include" "-I$SOURCE/gateway/standin/include" -fsyntax-only)
 
-    if ! grep -q '^int main(' "$1"; then
+    if grep -q '^static .*)$' "$1"; then
+        options+=(-Wno-unused)
+        { printf '#include "%s"\n' "$SOURCE/tests/fragments/prelude.h" && cat "$1"; } >"$1.c"
+    elif ! grep -q '^int main(' "$1"; then
         options+=(-Wno-unused -Wno-unused-but-set-variable)
         {
             printf '#include "%s"\nvoid fragment(void);\nvoid fragment(void)\n{\n' \

@@ -75,7 +75,8 @@ function(test_document bits folder)
     message(FATAL_ERROR "price_test.c has ${count} lines")
   endif()
   options_of(qpxstandin ${folder} options)
-  file(WRITE ${BUILD}/alone.c "#include <standin.h>\nint main(void) { return standin_stop(NULL); }\n")
+  file(WRITE ${BUILD}/alone.c
+    "#include <standin.h>\nint main(void) { return standin_stop(NULL); }\n")
   run(ignored ${CC} -m${bits} -std=c89 -Wall -Wextra -Wpedantic -Werror ${BUILD}/alone.c
     -o ${BUILD}/alone ${options})
   run(ignored ${CC} -m${bits} -std=c99 -Wall -Wextra -Wpedantic -Werror ${BUILD}/price_test.c

@@ -546,7 +546,7 @@ local function remember(flow, pinfo, name)
     elseif flow.kind == CLOSE then
         what.answers = conversation.closed
         conversation.closed = true
-    elseif flow.kind ~= PING then
+    elseif flow_types[flow.kind] and flow.kind ~= PING then
         local request = conversation.waiting[flow.id]
         conversation.waiting[flow.id] = nil
         if request then

@@ -23,7 +23,7 @@
 namespace control {
 
 using call_json::Json;
-using journal::timeText;
+using log_text::timeText;
 
 namespace {
 

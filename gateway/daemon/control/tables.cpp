@@ -4,7 +4,7 @@
 #include <optional>
 
 #include "database/database.h"
-#include "journal/journal_line.h"
+#include "log/log_text.h"
 
 namespace control {
 
@@ -21,7 +21,7 @@ constexpr int kMostRows = 1000;
 Json timeFrom(std::optional<std::int64_t> milliseconds)
 {
     if (!milliseconds) return nullptr;
-    return journal::timeText(
+    return log_text::timeText(
         std::chrono::system_clock::time_point(std::chrono::milliseconds(*milliseconds)));
 }
 

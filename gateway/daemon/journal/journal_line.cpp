@@ -15,20 +15,6 @@ using standin::CallRecord;
 
 namespace {
 
-std::string nameOfFlow(std::int32_t type)
-{
-    switch (static_cast<standin::FlowType>(type)) {
-    case standin::FlowType::Reply: return "reply";
-    case standin::FlowType::Error: return "error";
-    case standin::FlowType::Exception: return "exception";
-    case standin::FlowType::Ping: return "ping";
-    case standin::FlowType::Close: return "close";
-    case standin::FlowType::Request:
-    case standin::FlowType::Handshake: break;
-    }
-    return std::to_string(type);
-}
-
 void putWhatCame(Json& json, const CallRecord& call)
 {
     if (call.eci && call.eci->callType == standin::kCallListSystems) {
@@ -79,22 +65,6 @@ void readAnswer(Entry& entry, const Json& json)
 }
 
 } // namespace
-
-std::string timeText(std::chrono::system_clock::time_point time)
-{
-    const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
-    const auto rest = std::chrono::duration_cast<std::chrono::microseconds>(time - seconds);
-    const std::time_t clock = std::chrono::system_clock::to_time_t(seconds);
-    std::tm local{};
-    ::localtime_r(&clock, &local);
-    char text[64];
-    const std::size_t size = std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &local);
-    char zone[16];
-    const std::size_t zoneSize = std::strftime(zone, sizeof zone, "%z", &local);
-    std::string digits = std::to_string(rest.count());
-    digits.insert(0, 6 - digits.size(), '0');
-    return std::string(text, size) + "." + digits + std::string(zone, zoneSize);
-}
 
 std::string nameOfFlow(std::int32_t type)
 {

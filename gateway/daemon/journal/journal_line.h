@@ -18,7 +18,6 @@ namespace journal {
 call_json::Json jsonOf(const standin::CallRecord& call);
 
 // The time of a call as it stands there, and its type: "program", "list", ...
-std::string timeText(std::chrono::system_clock::time_point time);
 std::string typeOf(const standin::CallRecord& call);
 std::string nameOfFlow(std::int32_t type);
 

@@ -506,8 +506,8 @@ int serve(const Options& options, const Log& log, const Signals& signals)
     if (scenario == nullptr && !options.scenario.empty()) return daemon_options::kBadScenario;
 
     registry::Worker worker(kMostPasswords); // outlives what gives work to it
-    const std::unique_ptr<standin::Gateway> gateway =
-        openGateway(options, journal.get(), book, scenario.get(), log);
+    const std::unique_ptr<standin::Gateway> gateway = openGateway(options, journal.get(), book,
+                                                                  scenario.get(), log);
     if (gateway == nullptr) return daemon_options::kCannotListen;
     if (programs) {
         gateway->setProgram("LEDGER", programs->ledger);

@@ -204,8 +204,9 @@ size_t standin_answer_count(const standin_gateway* gateway);
 size_t standin_finding_count(const standin_gateway* gateway);
 
 /* The call with this number, from 1 in the order in which they came since the start or
- * standin_forget(), as it stands now. It belongs to the caller, who gives it to standin_free_call().
- * STANDIN_ERR_NO_CALL when there have not been so many, STANDIN_ERR_ARGUMENT, STANDIN_ERR_MEMORY. */
+ * standin_forget(), as it stands now. It belongs to the caller, who gives it to
+ * standin_free_call(). STANDIN_ERR_NO_CALL when there have not been so many,
+ * STANDIN_ERR_ARGUMENT, STANDIN_ERR_MEMORY. */
 int standin_read_call(standin_gateway* gateway, size_t number, standin_call** call);
 
 /* NULL is harmless. */

@@ -1,5 +1,5 @@
-/* A test as somebody writes it in C: a call that a function answers, and that is read back; one that
- * a script answers; and a wait that is in vain. */
+/* A test as somebody writes it in C: a call that a function answers, and that is read back; one
+ * that a script answers; and a wait that is in vain. */
 #include <standin.h>
 #include <stdio.h>
 #include <string.h>

@@ -48,9 +48,9 @@ struct CallRecord {
     std::chrono::microseconds took{0}; // until it went, or until it was clear that nothing would
 };
 
-// Is told of each call right before its answer goes out, or when nothing can be sent any more; told
-// of arrivals it sees what came, and nothing of an answer. Runs on the Gateway's own thread, and must
-// not call back into the Gateway.
+// Is told of each call right before its answer goes out, or when nothing can be sent any more;
+// told of arrivals it sees what came, and nothing of an answer. Runs on the Gateway's own thread,
+// and must not call back into the Gateway.
 using CallObserver = std::function<void(const CallRecord& call)>;
 
 } // namespace standin

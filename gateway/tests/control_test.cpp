@@ -453,6 +453,16 @@ TEST_F(ControlPort, TurnsAFaultOnThatStrikesTheNextCallAndOffAgain)
     EXPECT_EQ(Json::array({"flow-error"}), get("/api/calls/1")["faults"]);
 }
 
+TEST_F(ControlPort, ShowsTheWholeArgumentOfAFault)
+{
+    for (const char* const argument : {"50~20", "50", "0"}) {
+        const HttpAnswer made = post("/api/faults",
+                                     std::string(R"({"fault":"latency=)") + argument + R"("})");
+        ASSERT_EQ(201, made.status) << made.body;
+        EXPECT_EQ(argument, get("/api/faults")["inForce"].back()["argument"]);
+    }
+}
+
 TEST_F(ControlPort, TakesASelectorInPartsAndRefusesWhatIsWrong)
 {
     EXPECT_EQ(201, post("/api/faults", R"({"fault":"pieces=7","connection":3})").status);

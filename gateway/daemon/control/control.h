@@ -24,7 +24,7 @@ struct Settings {
     std::string version;                       // of the daemon
     std::string database;                      // empty: there is none
     std::string journal;                       // empty: there is none
-    std::string recordings;                    // folder; empty: nothing is recorded
+    std::string recordings;                    // folder that is replayed; empty: none
     std::vector<standin::SystemEntry> systems; // without a database
 };
 

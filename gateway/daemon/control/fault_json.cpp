@@ -41,8 +41,10 @@ std::string argumentOf(const standin::Misbehaviour& misbehaviour)
     if (form.find('=') == std::string::npos) return {};
     if (!misbehaviour.text.empty()) return misbehaviour.text;
     if (!misbehaviour.bytes.empty()) return hexOf(misbehaviour.bytes);
-    const bool isOptional = form.find('[') != std::string::npos;
-    return isOptional && misbehaviour.number == 0 ? "" : std::to_string(misbehaviour.number);
+    const bool isOptional = form.find("[=") != std::string::npos;
+    if (isOptional && misbehaviour.number == 0) return {};
+    const std::string number = std::to_string(misbehaviour.number);
+    return misbehaviour.spread == 0 ? number : number + "~" + std::to_string(misbehaviour.spread);
 }
 
 } // namespace

@@ -325,6 +325,7 @@ std::unique_ptr<control::Control> openControl(const Options& options, std::strin
     settings.database = options.database;
     settings.journal = options.journal;
     settings.systems = options.systems;
+    settings.recordings = options.replay.folder;
     try {
         auto control = std::make_unique<control::Control>(std::move(settings), book, gateway,
                                                           script);

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <set>
@@ -453,9 +454,26 @@ TEST_F(ControlPort, TurnsAFaultOnThatStrikesTheNextCallAndOffAgain)
     EXPECT_EQ(Json::array({"flow-error"}), get("/api/calls/1")["faults"]);
 }
 
+TEST_F(Control, ShowsTheRecordingThatIsReplayed)
+{
+    const std::string folder = directory.file("monday");
+    std::filesystem::create_directory(folder);
+    std::ofstream(folder + "/connection-000001.jsonl").close();
+    Daemon daemon({"--control", "0", "--replay", folder});
+    daemon.port();
+
+    const HttpAnswer answer = ask(controlPort(daemon), "GET", "/api/recordings");
+
+    EXPECT_EQ(200, answer.status);
+    const Json recordings = Json::parse(answer.body);
+    EXPECT_EQ(folder, recordings["folder"]);
+    EXPECT_EQ(Json::array({{{"name", "connection-000001.jsonl"}, {"size", 0}}}),
+              recordings["recordings"]);
+}
+
 TEST_F(ControlPort, ShowsTheWholeArgumentOfAFault)
 {
-    for (const char* const argument : {"50~20", "50", "0"}) {
+    for (const char* const argument : {"50~20", "50"}) {
         const HttpAnswer made = post("/api/faults",
                                      std::string(R"({"fault":"latency=)") + argument + R"("})");
         ASSERT_EQ(201, made.status) << made.body;

@@ -99,6 +99,7 @@ TEST_F(ConnectEdge, TakesNoSocketThatWouldBeTheStandardErrorStream)
     EXPECT_RC(QPX_OK, opening.get());
     EXPECT_LT(STDERR_FILENO, descriptor);
     peer.close();
+    ASSERT_EQ(0, clapiWaitEvent(&token->recvThreadEndedEvent)); // or the purge may meet the end
     EXPECT_RC(QPX_OK, QPX_purgeGatewayConnection(&token, 0));
 }
 

@@ -240,9 +240,9 @@ ADocumentThatLinksToNoFileIsRefused() {
 
     mkdir "$FOLDER/tree"
     for file in "$SOURCE"/*; do
-        case $file in
-        */build*) ;;
-        */docs | */tools) cp -r "$file" "$FOLDER/tree" ;;
+        case ${file##*/} in
+        build*) ;;
+        docs | tools) cp -r "$file" "$FOLDER/tree" ;;
         *) ln -s "$file" "$FOLDER/tree" ;;
         esac
     done

@@ -65,7 +65,10 @@ class Session:
         if not self.capture.segment:
             self.flush()
         if data:
-            target.sendall(data)
+            try:
+                target.sendall(data)
+            except (BrokenPipeError, ConnectionResetError):
+                pass  # it has ended by itself meanwhile, and tells so when it is read
             return True
         self.capture.packet(ends, FIN | ACK, self.sequence[ends[0]], self.sequence[ends[1]])
         return False

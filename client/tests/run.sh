@@ -1542,7 +1542,8 @@ expect_found() {
 DoctorTellsOfARunningProcess() {
     gateway --misbehave hold@program:ECHO
     waiting_application
-    qpx doctor --pid "$APPLICATION"
+    # Until both of its threads wait; the time limit of the test ends this if they never do.
+    until qpx doctor --pid "$APPLICATION" && (($(grep -c ' waits$' "$FOLDER/out") == 2)); do continue; done
     end_application
     expect_code 0
     expect_nothing err
@@ -1553,10 +1554,12 @@ DoctorTellsOfARunningProcess() {
 }
 
 DoctorTellsWhatAStoppedProcessHasNotRead() {
-    script <<<'[[on]]
-answer = { text = "late", delay = "200ms" }'
+    gateway --misbehave hold@program:ECHO
     waiting_application
     kill -STOP "$APPLICATION"
+    # Until each of its threads is stopped, and reads no more.
+    while grep -qv ') T ' "/proc/$APPLICATION"/task/*/stat; do continue; done
+    kill -USR1 "$GATEWAY_PID" # sends the answer
     # Until the answer is there; the time limit of the test ends this if it never comes.
     until qpx doctor --pid "$APPLICATION" && ! grep -q ', 0 not read' "$FOLDER/out"; do continue; done
     end_application
@@ -1569,7 +1572,7 @@ answer = { text = "late", delay = "200ms" }'
 DoctorWritesJsonOfAProcess() {
     gateway --misbehave hold@program:ECHO
     waiting_application
-    qpx doctor --json --pid "$APPLICATION"
+    until qpx doctor --json --pid "$APPLICATION" && grep -q '"state":"waits"' "$FOLDER/out"; do continue; done
     end_application
     expect_code 0
     python3 - "$FOLDER/out" "$APPLICATION" "$GATEWAY_PORT" <<'PYTHON' || fail "other findings"

@@ -453,6 +453,7 @@ class Test:
 
     def fits_a_window_of_400_pixels_in_light_and_dark(self):
         self.browser.resize(400, 800)
+        self.browser.wait_for(lambda: self.browser.run("return window.innerWidth === 400"), "the size")
         colours = set()
         for scheme in ("light", "dark"):
             self.browser.scheme(scheme)

@@ -176,7 +176,11 @@ def listening_port(process: int) -> int:
     """The port at which the process listens, having been told to take any."""
     inodes = set()
     for each in pathlib.Path(f"/proc/{process}/fd").iterdir():
-        socket_name = re.fullmatch(r"socket:\[(\d+)\]", os.readlink(each))
+        try:
+            target = os.readlink(each)
+        except FileNotFoundError:  # closed meanwhile
+            continue
+        socket_name = re.fullmatch(r"socket:\[(\d+)\]", target)
         if socket_name:
             inodes.add(socket_name.group(1))
     for line in pathlib.Path("/proc/net/tcp").read_text().splitlines()[1:]:

@@ -155,8 +155,7 @@ class HaproxyChecks(HaproxyTest):
 
     def test_a_gateway_that_does_not_answer_gets_no_connection(self) -> None:
         good, silent = self.gateway(), self.gateway("--misbehave", "no-handshake-answer")
-        port = self.proxy(good, silent, changes={"timeout check 5s": "timeout check 2s",
-                                                 "fall 3": "fall 1"})
+        port = self.proxy(good, silent, changes={"timeout check 5s": "timeout check 2s"})
         self.haproxy.await_line("gateway2 is DOWN")
         for _ in range(3):
             self.connect(port).call("ECHO", b"hello")

@@ -124,7 +124,10 @@ class Browser:
         for program in ("chromium", "chromedriver"):
             if shutil.which(program) is None:
                 raise Failed(f"{program} is not there, and the page is tested in it; {INSTALL}")
-        self.driver = Process(["chromedriver", "--port=0"])
+        os.mkdir(folder)
+        # What it keeps besides, of its crashes say, goes there too: a home need not be writable.
+        self.driver = Process(["env", "-u", "XDG_CONFIG_HOME", "-u", "XDG_CACHE_HOME",
+                               f"HOME={folder}", "chromedriver", "--port=0"])
         port = self.driver.await_line(r"started successfully on port (\d+)").group(1)
         self.base = f"http://127.0.0.1:{port}"
         options = {

@@ -5,6 +5,7 @@ set -euo pipefail
 
 CASE=$1 SOURCE=$2 CC=$3 BITS=$4
 readonly CASE SOURCE CC BITS
+export LC_ALL=C # the language in which the compiler complains
 
 FOLDER=$(mktemp -d)
 readonly FOLDER

@@ -80,10 +80,17 @@ expect_all_replayed() {
     expect_text gateway.log "replayed: $requests requests, 0 without an answer, 0 answered again; 0 of $requests recorded ones did not come"
 }
 
-# A port at which nothing listens: that of a gateway that has stopped.
+# A port at which nothing listens, and nothing else of this machine will: somebody has it.
 closed_port() {
-    gateway
-    stop_gateway || fail "the gateway does not stop cleanly"
+    mkfifo "$FOLDER/closed"
+    python3 -c 'import signal, socket
+place = socket.socket()
+place.bind(("127.0.0.1", 0))
+print(place.getsockname()[1], flush=True)
+signal.pause()' >"$FOLDER/closed" &
+    # shellcheck disable=SC2034 # ends with the case, as a gateway does
+    GATEWAY_PID=$!
+    read -r GATEWAY_PORT <"$FOLDER/closed" || fail "there is no port"
 }
 
 expect_code() {

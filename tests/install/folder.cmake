@@ -8,7 +8,8 @@ include(${CMAKE_CURRENT_LIST_DIR}/run.cmake)
 
 # What is installed need not be a library to show where it goes.
 function(configure)
-  run(ignored ${CMAKE_COMMAND} -S ${SOURCE} -B ${SCRATCH}/build -DQPX_BITS=${BITS} ${ARGN})
+  run(ignored ${CMAKE_COMMAND} -S ${SOURCE} -B ${SCRATCH}/build -G ${GENERATOR}
+    -DQPX_BITS=${BITS} ${ARGN})
   foreach(name libqpxclient.so libqpxclient.so.10 libqpxclient.so.10.1.0)
     file(WRITE ${SCRATCH}/build/src/${name} "")
   endforeach()

@@ -9,7 +9,7 @@ set(prefix ${SCRATCH}/prefix)
 foreach(bits 32 64)
   # What is installed need not be a library to show where it goes.
   set(build ${SCRATCH}/build${bits})
-  run(ignored ${CMAKE_COMMAND} -S ${TREE_SOURCE} -B ${build} -DQPX_BITS=${bits})
+  run(ignored ${CMAKE_COMMAND} -S ${TREE_SOURCE} -B ${build} -G ${GENERATOR} -DQPX_BITS=${bits})
   foreach(name libqpxclient.so libqpxclient.so.10 libqpxclient.so.10.1.0)
     file(WRITE ${build}/src/${name} "${bits} bits")
   endforeach()

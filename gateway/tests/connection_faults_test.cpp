@@ -282,6 +282,18 @@ TEST_F(ConnectionFaults, PartitionOfTheGatewayIsOfTheConnectionsThatAreOpen)
     EXPECT_EQ(1, client.read().value().messageId);
 }
 
+TEST_F(ConnectionFaults, PartitionTakesNothingOffTheSocket)
+{
+    ASSERT_TRUE(client.shakeHands());
+    ASSERT_TRUE(gateway.partition(2s, 1)); // while it waits for bytes
+    ask(client, 1);
+    Client other(gateway.port());
+    ASSERT_TRUE(other.shakeHands());
+    EXPECT_EQ(handshake(), gateway.received(1));
+    clock->advance(2s);
+    EXPECT_EQ(1, client.read().value().messageId);
+}
+
 // ---------------------------------------------------------------------------- silent, half a side
 
 TEST_F(ConnectionFaults, SilenceAcceptsAndReadsAndNeverSendsAnything)

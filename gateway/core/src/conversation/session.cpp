@@ -96,6 +96,7 @@ void Session::onReadable(const asio::error_code& error)
     readUnderWay_ = false;
     if (ended_ || dropping_) return;
     if (error) return onReadFailed(error);
+    if (cut_) return; // endCut() goes on with it
     ReadRoom& room = owner_.readRoom();
     const std::size_t most = roomWithin(owner_.receiveRate(*this), room.size());
     asio::error_code problem;

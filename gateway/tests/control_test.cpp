@@ -9,6 +9,8 @@
 #include <set>
 #include <sstream>
 
+#include <sys/stat.h>
+
 #include <nlohmann/json.hpp>
 
 #include "client.h"
@@ -598,6 +600,15 @@ TEST_F(Control, ShowsTheScriptWithItsMatchesAndLoadsAnotherOne)
         const std::string body = Json{{"file", file}}.dump();
         EXPECT_EQ(400, ask(control, "POST", "/api/script", body).status) << file;
     }
+}
+
+TEST_F(Control, DoesNotWaitForAPipeThatIsToBeAScript)
+{
+    ASSERT_EQ(0, ::mkfifo(directory.file("pipe.toml").c_str(), 0600));
+    Daemon daemon({"--control", "0", "--script", directory.file("answers.toml")});
+    const HttpAnswer answer = ask(controlPort(daemon), "POST", "/api/script",
+                                  R"({"file":"pipe.toml"})");
+    EXPECT_EQ(400, answer.status) << answer.body;
 }
 
 TEST_F(ControlPort, SaysWhatIsNotThereWithoutItsOption)

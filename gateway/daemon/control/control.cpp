@@ -652,8 +652,13 @@ private:
             throw BadRequest("file is no name without a folder; only scripts in " + scripts_ +
                              " can be loaded");
         }
+        const std::filesystem::path path = std::filesystem::path(scripts_) / text;
+        std::error_code none;
+        if (std::filesystem::is_other(path, none)) // a pipe would be waited for, and so would this
+            throw BadRequest("this script cannot be used: it is no file; the one before stays in "
+                             "force");
         try {
-            file.load((std::filesystem::path(scripts_) / text).string());
+            file.load(path.string());
         } catch (const std::runtime_error& problem) {
             throw BadRequest("this script cannot be used: " + std::string(problem.what()) +
                              "; the one before stays in force");

@@ -169,6 +169,21 @@ TEST_F(ACallRecord, ComesWhenItIsClearThatNothingGoes)
     EXPECT_TRUE(records[1].eciReply.has_value()) << "there was one";
 }
 
+TEST_F(ACallRecord, OfARequestBehindTheCloseFlowComesAtOnce)
+{
+    client.send(standin_test::closeFlow());
+    client.send(standin_test::eciRequest(7, echo()));
+    Client other(gateway.port());
+    ASSERT_TRUE(gateway.awaitRequests(1));
+    ASSERT_TRUE(other.shakeHands());
+    other.call(1, echo());
+    ASSERT_EQ(2U, end().size());
+    EXPECT_EQ(7, records[0].header.messageId) << "while its connection is open";
+    EXPECT_FALSE(records[0].flowType.has_value());
+    EXPECT_EQ(0U, records[0].bytes);
+    EXPECT_EQ(1, records[1].header.messageId);
+}
+
 TEST_F(ACallRecord, OfAHeldAnswerComesWhenItIsReleased)
 {
     gateway.hold();

@@ -113,6 +113,15 @@ void CallBook::answer(int connection, std::int32_t messageId, const std::vector<
     tell(done);
 }
 
+void CallBook::refuse(int connection)
+{
+    const auto found = entries_.find(connection);
+    if (found == entries_.end() || found->second.empty()) return;
+    Entry refused = std::move(found->second.back());
+    found->second.pop_back();
+    tell(refused);
+}
+
 void CallBook::endConnection(int connection)
 {
     const auto found = entries_.find(connection);

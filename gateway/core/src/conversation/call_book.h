@@ -40,6 +40,9 @@ public:
     // These flows go out for it now, or none will; the observer is told.
     void answer(int connection, std::int32_t messageId, const std::vector<Bytes>& flows);
 
+    // Nothing will go out for the request that has come last on the connection.
+    void refuse(int connection);
+
     // Nothing goes out any more; the observer is told of what is under way.
     void endConnection(int connection);
 

@@ -499,11 +499,9 @@ void Server::answerRequest(Session& session, const ReceivedRequest& request)
         log(LogLevel::Warning, session.number(),
             "request " + std::to_string(header.messageId) +
                 (early ? " before the handshake" : " behind the close flow"));
-        if (early) {
-            sendError(session, header.messageId,
-                      encodeErrorFlow(header.messageId, kGatewayRefused, header.requestType));
-        }
-        return;
+        if (!early) return calls_.refuse(session.number());
+        return sendError(session, header.messageId,
+                         encodeErrorFlow(header.messageId, kGatewayRefused, header.requestType));
     }
 
     const std::string program = request.eci ? request.eci->program : std::string();

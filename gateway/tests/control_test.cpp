@@ -8,6 +8,7 @@
 #include <random>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 
 #include <sys/stat.h>
 
@@ -15,6 +16,7 @@
 
 #include "client.h"
 #include "control/control.h"
+#include "control/web.h"
 #include "daemon.h"
 #include "http_client.h"
 #include "scrambled.h"
@@ -609,6 +611,33 @@ TEST_F(Control, DoesNotWaitForAPipeThatIsToBeAScript)
     const HttpAnswer answer = ask(controlPort(daemon), "POST", "/api/script",
                                   R"({"file":"pipe.toml"})");
     EXPECT_EQ(400, answer.status) << answer.body;
+}
+
+TEST(ControlWeb, AStreamThatFailsEndsItsOwnConnectionOnly)
+{
+    control::WebHandler handler;
+    handler.precheck = [](const std::string&, const std::string&) {
+        control::WebAnswer good;
+        good.status = 0;
+        return good;
+    };
+    handler.handle = [](const control::WebRequest& request) {
+        control::WebAnswer answer;
+        if (request.path == "/stream") {
+            answer.stream = [](const control::WritePiece&) {
+                throw std::runtime_error("it has failed");
+            };
+        }
+        return answer;
+    };
+    handler.isPublic = [](const std::string&) { return true; };
+    handler.errorBody = [](const std::string& problem) { return problem; };
+    control::WebServer server("127.0.0.1", 0, "", handler);
+    server.start();
+    HttpConnection watching(server.port());
+    ASSERT_TRUE(watching.send(httpRequest("GET", "/stream")));
+    watching.readAll(); // until its end
+    EXPECT_EQ(200, ask(server.port(), "GET", "/").status);
 }
 
 TEST_F(ControlPort, SaysWhatIsNotThereWithoutItsOption)

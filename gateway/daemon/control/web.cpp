@@ -397,19 +397,32 @@ private:
         ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
         Line line(socket, stopping_);
         lineOfThread = &line;
-        bool good = true;
-        for (std::size_t count = 1; good && count <= kMostRequests; ++count) {
-            if (!line.awaitRequest()) break;
-            line.beginRequest();
-            mustClose = false;
-            bool closed = false;
-            good = process_request(line, count == kMostRequests, closed,
-                                   [](httplib::Request&) {}) &&
-                   !closed && !mustClose;
-        }
+        const bool good = answerRequests(line);
         lineOfThread = nullptr;
         if (mustClose) line.drain();
         endSocket(socket);
+        return good;
+    }
+
+    // What fails behind the beginning of an answer, as a stream may, ends the connection only: the
+    // library catches nothing there.
+    bool answerRequests(Line& line)
+    {
+        bool good = true;
+        try {
+            for (std::size_t count = 1; good && count <= kMostRequests; ++count) {
+                if (!line.awaitRequest()) break;
+                line.beginRequest();
+                mustClose = false;
+                bool closed = false;
+                good = process_request(line, count == kMostRequests, closed,
+                                       [](httplib::Request&) {}) &&
+                       !closed && !mustClose;
+            }
+        } catch (const std::exception&) {
+            mustClose = false;
+            good = false;
+        }
         return good;
     }
 

@@ -245,6 +245,20 @@ TEST_F(ConnectionFaults, AStalledConnectionCanBeDroppedAndEndsWithItsClient)
     EXPECT_TRUE(gateway.awaitClosed(2));
 }
 
+TEST_F(ConnectionFaults, ARateStrikesNoMoreConnectionsThanItTells)
+{
+    misbehave("send-rate=1000@nth:2");
+    ASSERT_TRUE(client.shakeHands());
+    Client second(gateway.port());
+    ASSERT_TRUE(second.shakeHands());
+    Client third(gateway.port());
+    ASSERT_TRUE(third.shakeHands());
+    const std::vector<MisbehaviourInForce> inForce = gateway.misbehavioursInForce();
+    ASSERT_EQ(1U, inForce.size());
+    EXPECT_EQ(2, inForce[0].seen);
+    EXPECT_EQ(1, inForce[0].struck);
+}
+
 // --------------------------------------------------------------------------------------- partition
 
 TEST_F(ConnectionFaults, PartitionLetsNothingThroughForItsTime)

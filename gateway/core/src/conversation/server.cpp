@@ -311,6 +311,7 @@ void Server::onEnded(Session& session, Ending ending)
     const int number = session.number();
     runner_.connectionLost(number);
     held_.forgetConnection(number);
+    plan_.forget(number);
     sessions_.erase(number);
     updateHeldCount();
     runner_.connectionEnded(number);

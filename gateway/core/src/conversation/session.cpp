@@ -356,7 +356,11 @@ void Session::discardUnread()
 {
     asio::error_code error;
     socket_.non_blocking(true, error);
-    while (!error) socket_.read_some(asio::buffer(owner_.readRoom()), error);
+    ReadRoom& room = owner_.readRoom();
+    while (!error) {
+        const std::size_t count = socket_.read_some(asio::buffer(room), error);
+        ::explicit_bzero(room.data(), count); // there may be a password
+    }
 }
 
 void Session::reset()

@@ -102,12 +102,17 @@ std::int32_t FaultPlan::standing(Fault fault, int connection)
             (selector.connection != 0 && selector.connection != connection))
             continue;
         const auto [place, isNew] = entry.places.try_emplace(connection, entry.seen);
-        if (isNew) ++entry.seen;
         const int position = place->second - selector.skip;
+        if (isNew && (selector.times == 0 || position < selector.times)) ++entry.seen;
         const bool strikes = position >= 0 && (selector.times == 0 || position < selector.times);
         if (strikes && number == 0) number = entry.misbehaviour.number;
     }
     return number;
+}
+
+void FaultPlan::forget(int connection)
+{
+    for (Entry& entry : entries_) entry.places.erase(connection);
 }
 
 Manner FaultPlan::mannerFor(const std::vector<Strike>& strikes)

@@ -51,6 +51,9 @@ public:
     // for the connection; 0: there is none. Every matching entry counts the connection, once.
     std::int32_t standing(Fault fault, int connection);
 
+    // The connection has ended, and is asked for no more.
+    void forget(int connection);
+
     // How something that is struck is sent; the latency by chance.
     Manner mannerFor(const std::vector<Strike>& strikes);
 

@@ -65,6 +65,18 @@ TEST(ControlBook, ForgetsTheOldestCallsBeyondItsBytes)
     EXPECT_NE(nullptr, book.call(8));
 }
 
+TEST(ControlBook, CountsTheMisbehavioursOfACallAmongItsBytes)
+{
+    Book book(limits(1000, 100000));
+    for (std::uint64_t number = 1; number <= 10; ++number) {
+        CallRecord call = callOf(number, 1);
+        call.faults.assign(1000, "unknown-message-id");
+        book.callEnded(std::move(call));
+    }
+    EXPECT_LE(book.totals().kept, 2U);
+    EXPECT_EQ(nullptr, book.call(1));
+}
+
 TEST(ControlBook, KeepsTheBeginningsOfContainersThatAreVeryLarge)
 {
     Book book(limits(1000, 64 * 1024 * 1024));

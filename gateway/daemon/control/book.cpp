@@ -31,6 +31,8 @@ std::size_t costOf(const std::optional<Channel>& channel)
 std::size_t costOf(const CallRecord& call)
 {
     std::size_t cost = kForEach + call.requestFlow.size() + call.answerFlow.size();
+    cost += call.problem.size() + call.exception.size();
+    for (const std::string& fault : call.faults) cost += fault.size() + sizeof fault;
     if (call.eci) cost += call.eci->commarea.size() + costOf(call.eci->channel);
     if (call.eciReply) cost += call.eciReply->commarea.size() + costOf(call.eciReply->channel);
     return cost;

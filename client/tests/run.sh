@@ -941,7 +941,7 @@ FishCompletesEveryOptionOfTheHelp() {
 
 expect_installed() {
     (cd "$FOLDER/$1" && find . -type f -path '*qpx*' ! -path './include/*' ! -name '*.so*' \
-        ! -path '*/cmake/*' ! -path '*/pkgconfig/*' | sed 's/^..//' | sort) >"$FOLDER/tree"
+        ! -path '*/cmake/*' ! -path '*/pkgconfig/*' ! -name '*.py' ! -name '*.cpy' | sed 's/^..//' | sort) >"$FOLDER/tree"
     expect_exactly tree
 }
 

@@ -11,11 +11,13 @@ namespace journal {
 
 using call_json::Form;
 using call_json::Json;
+using call_json::Line;
 using standin::CallRecord;
 
 namespace {
 
-void putWhatCame(Json& json, const CallRecord& call)
+template <typename Object>
+void putWhatCame(Object& json, const CallRecord& call)
 {
     if (call.eci && call.eci->callType == standin::kCallListSystems) {
         json["room"] = call.eci->serverNum;
@@ -28,10 +30,11 @@ void putWhatCame(Json& json, const CallRecord& call)
     if (!call.problem.empty()) json["problem"] = call_json::validText(call.problem);
 }
 
-Json answerOf(const CallRecord& call)
+template <typename Object>
+Object answerOf(const CallRecord& call)
 {
     if (!call.flowType && call.bytes == 0) return nullptr;
-    Json json;
+    Object json;
     json["flow"] = call.flowType ? nameOfFlow(*call.flowType) : "none";
     json["bytes"] = call.bytes;
     json["gateway"] = call.gatewayRc;
@@ -47,8 +50,9 @@ Json answerOf(const CallRecord& call)
                 std::string(reply.abendCode.data(), reply.abendCode.size()));
         }
         json["unit"] = reply.luwToken;
-        json["commarea"] = call_json::areaOf(reply.commarea, Form::Either);
-        if (reply.channel) json["channel"] = call_json::channelOf(*reply.channel, Form::Either);
+        json["commarea"] = call_json::areaOf<Object>(reply.commarea, Form::Either);
+        if (reply.channel)
+            json["channel"] = call_json::channelOf<Object>(*reply.channel, Form::Either);
     }
     return json;
 }
@@ -88,24 +92,28 @@ std::string typeOf(const CallRecord& call)
     return "malformed";
 }
 
-Json jsonOf(const CallRecord& call)
+template <typename Object>
+Object jsonOf(const CallRecord& call)
 {
-    Json json;
+    Object json;
     json["call"] = call.number;
     json["time"] = log_text::timeText(call.came);
     json["connection"] = call.connection;
     json["message"] = call.header.messageId;
     json["type"] = typeOf(call);
     putWhatCame(json, call);
-    json["answer"] = answerOf(call);
+    json["answer"] = answerOf<Object>(call);
     if (!call.faults.empty()) json["faults"] = call.faults;
     json["microseconds"] = call.took.count();
     return json;
 }
 
+template Json jsonOf<Json>(const CallRecord& call);
+template Line jsonOf<Line>(const CallRecord& call);
+
 std::string lineFor(const CallRecord& call)
 {
-    return call_json::lineOf(jsonOf(call)) + "\n";
+    return jsonOf<Line>(call).text() + "\n";
 }
 
 std::string noteOfMissing(std::size_t count)

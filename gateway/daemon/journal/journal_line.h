@@ -15,7 +15,9 @@
 
 namespace journal {
 
-call_json::Json jsonOf(const standin::CallRecord& call);
+// For Json, and for Line, which is written faster.
+template <typename Object = call_json::Json>
+Object jsonOf(const standin::CallRecord& call);
 
 // The time of a call as it stands there, and its type: "program", "list", ...
 std::string typeOf(const standin::CallRecord& call);

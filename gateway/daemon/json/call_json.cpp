@@ -38,12 +38,50 @@ bool isPlain(std::uint8_t byte)
     return (byte >= ' ' && byte <= '~') || byte == '\n' || byte == '\r' || byte == '\t';
 }
 
-// Without the 0x00 at the end.
-Bytes withoutFill(const Bytes& data)
+// Where the 0x00 at the end begin.
+Bytes::const_iterator endOfFilled(const Bytes& data)
 {
-    const auto last = std::find_if(data.rbegin(), data.rend(),
-                                   [](std::uint8_t byte) { return byte != 0; });
-    return Bytes(data.begin(), last.base());
+    return std::find_if(data.rbegin(), data.rend(), [](std::uint8_t byte) { return byte != 0; })
+        .base();
+}
+
+// As the library would write the value, which does so for all that is not looked at here.
+void append(std::string& line, const Json& value);
+
+void appendObject(std::string& line, const Json& object)
+{
+    char before = '{';
+    for (const auto& [key, value] : object.get_ref<const Json::object_t&>()) {
+        line += before;
+        appendText(line, key);
+        line += ':';
+        append(line, value);
+        before = ',';
+    }
+    line += before == '{' ? "{}" : "}";
+}
+
+void appendArray(std::string& line, const Json& array)
+{
+    char before = '[';
+    for (const Json& value : array) {
+        line += before;
+        append(line, value);
+        before = ',';
+    }
+    line += before == '[' ? "[]" : "]";
+}
+
+void append(std::string& line, const Json& value)
+{
+    switch (value.type()) {
+    case Json::value_t::object: return appendObject(line, value);
+    case Json::value_t::array: return appendArray(line, value);
+    case Json::value_t::string: return appendText(line, value.get_ref<const std::string&>());
+    case Json::value_t::number_integer: line += std::to_string(value.get<std::int64_t>()); return;
+    case Json::value_t::number_unsigned: line += std::to_string(value.get<std::uint64_t>()); return;
+    default: line += value.dump(); return;
+    }
 }
 
 // The characters, when they come to the same bytes again.
@@ -76,7 +114,11 @@ std::string textAt(const Json& json, const char* key)
 
 std::string lineOf(const Json& json)
 {
-    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+    constexpr std::size_t kUsualLength = 1024;
+    std::string line;
+    line.reserve(kUsualLength);
+    append(line, json);
+    return line;
 }
 
 std::string validText(const std::string& text)
@@ -98,27 +140,29 @@ std::string nameText(const std::string& padded)
     return validText(withoutPadding(padded));
 }
 
-Json areaOf(const Bytes& data, Form form)
+template <typename Object>
+Object areaOf(const Bytes& data, Form form)
 {
-    Json json;
+    Object json;
     json["length"] = data.size();
-    const Bytes filled = withoutFill(data);
+    const auto end = endOfFilled(data);
     if (form == Form::Both) {
-        json["text"] = code_page::toUtf8(filled, kLatin1);
+        json["text"] = code_page::toUtf8(Bytes(data.begin(), end), kLatin1);
         json["hex"] = hexOf(data);
-    } else if (std::all_of(filled.begin(), filled.end(), isPlain)) {
-        json["text"] = std::string(filled.begin(), filled.end());
+    } else if (std::all_of(data.begin(), end, isPlain)) {
+        json["text"] = std::string(data.begin(), end);
     } else {
         json["hex"] = hexOf(data);
     }
     return json;
 }
 
-Json channelOf(const Channel& channel, Form form)
+template <typename Object>
+Object channelOf(const Channel& channel, Form form)
 {
-    Json containers = Json::array();
+    Object containers = Object::array();
     for (const Container& container : channel.containers) {
-        Json json;
+        Object json;
         json["name"] = validText(container.name);
         if (form == Form::Either) {
             const auto index = static_cast<std::size_t>(container.change) - 1;
@@ -132,12 +176,15 @@ Json channelOf(const Channel& channel, Form form)
         if (!text || form == Form::Both) json["hex"] = hexOf(container.data);
         containers.push_back(std::move(json));
     }
-    return {{"name", validText(channel.name)},
-            {"ccsid", channel.ccsid},
-            {"containers", std::move(containers)}};
+    Object json;
+    json["name"] = validText(channel.name);
+    json["ccsid"] = channel.ccsid;
+    json["containers"] = std::move(containers);
+    return json;
 }
 
-void putRequest(Json& json, const EciRequest& request, Form form)
+template <typename Object>
+void putRequest(Object& json, const EciRequest& request, Form form)
 {
     json["program"] = nameText(request.program);
     json["transaction"] = nameText(request.transid);
@@ -145,9 +192,16 @@ void putRequest(Json& json, const EciRequest& request, Form form)
     json["user"] = nameText(request.userId);
     json["mode"] = nameOfMode(request.extendMode);
     json["unit"] = request.luwToken;
-    json["commarea"] = areaOf(request.commareaAsSeenByProgram(), form);
-    if (request.channel) json["channel"] = channelOf(*request.channel, form);
+    json["commarea"] = areaOf<Object>(request.commareaAsSeenByProgram(), form);
+    if (request.channel) json["channel"] = channelOf<Object>(*request.channel, form);
 }
+
+template Json areaOf<Json>(const Bytes& data, Form form);
+template Line areaOf<Line>(const Bytes& data, Form form);
+template Json channelOf<Json>(const Channel& channel, Form form);
+template Line channelOf<Line>(const Channel& channel, Form form);
+template void putRequest<Json>(Json& json, const EciRequest& request, Form form);
+template void putRequest<Line>(Line& json, const EciRequest& request, Form form);
 
 Bytes areaFrom(const Json& json)
 {

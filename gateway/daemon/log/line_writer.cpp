@@ -2,6 +2,7 @@
 
 #include <limits.h>
 #include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,6 +22,13 @@ std::string usualNote(std::size_t lost)
     return std::to_string(lost) + " lines are missing here: nobody took them\n";
 }
 
+// Nobody waits for one, so nobody has to ask whether it has room.
+bool isRegularFile(int descriptor)
+{
+    struct stat status {};
+    return ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+}
+
 LineWriter::Manner usual(std::chrono::milliseconds lastPatience)
 {
     LineWriter::Manner manner;
@@ -37,7 +45,8 @@ LineWriter::LineWriter(int descriptor, std::chrono::milliseconds lastPatience)
 }
 
 LineWriter::LineWriter(int descriptor, Manner manner)
-    : descriptor_(descriptor), manner_(std::move(manner)), thread_([this] { work(); })
+    : descriptor_(descriptor), isFile_(isRegularFile(descriptor)), manner_(std::move(manner)),
+      thread_([this] { work(); })
 {
 }
 
@@ -86,6 +95,7 @@ void LineWriter::keepNoteOfLoss()
 // Also true when writing fails at once.
 bool LineWriter::hasRoom(std::chrono::milliseconds patience) const
 {
+    if (isFile_) return true;
     pollfd place{descriptor_, POLLOUT, 0};
     return ::poll(&place, 1, static_cast<int>(patience.count())) > 0;
 }

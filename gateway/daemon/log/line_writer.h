@@ -60,6 +60,7 @@ private:
     void work();
 
     const int descriptor_;
+    const bool isFile_;
     const Manner manner_;
     std::mutex lock_;
     std::condition_variable changed_;

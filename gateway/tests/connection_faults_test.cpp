@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <future>
 #include <memory>
 
 #include "client.h"
@@ -42,6 +43,17 @@ protected:
         call.program = program;
         call.commarea = commarea;
         ASSERT_TRUE(asking.send(eciRequest(messageId, call)));
+    }
+
+    // Requests 1 to `count` in one segment.
+    void askTogether(int count)
+    {
+        Bytes together;
+        for (int id = 1; id <= count; ++id) {
+            const Bytes one = eciRequest(id, Call());
+            together.insert(together.end(), one.begin(), one.end());
+        }
+        ASSERT_TRUE(client.send(together));
     }
 
     const std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
@@ -306,6 +318,78 @@ TEST_F(ConnectionFaults, PartitionTakesNothingOffTheSocket)
     EXPECT_EQ(handshake(), gateway.received(1));
     clock->advance(2s);
     EXPECT_EQ(1, client.read().value().messageId);
+}
+
+// ----------------------------------------------------------------------- what has come together
+
+TEST_F(ConnectionFaults, AnswersToRequestsThatCameTogetherGoTogether)
+{
+    ASSERT_TRUE(client.shakeHands());
+    const unsigned before = client.segmentsReceived();
+    askTogether(3);
+    for (int id = 1; id <= 3; ++id) EXPECT_EQ(id, client.read().value().messageId);
+    EXPECT_EQ(1U, client.segmentsReceived() - before);
+}
+
+TEST_F(ConnectionFaults, NoMoreThanSixteenAnswersWaitForTheNext)
+{
+    std::promise<void> read;
+    int count = 0;
+    bool wasRead = false;
+    gateway.setReply("ECHO", [&](const EciRequest& request) {
+        if (++count == 17) wasRead = read.get_future().wait_for(30s) == std::future_status::ready;
+        return EciReply::to(request);
+    });
+    ASSERT_TRUE(client.shakeHands());
+    askTogether(17);
+    for (int id = 1; id <= 16; ++id) EXPECT_EQ(id, client.read().value().messageId);
+    read.set_value();
+    EXPECT_EQ(17, client.read().value().messageId);
+    EXPECT_TRUE(wasRead);
+}
+
+TEST_F(ConnectionFaults, PartitionDoesNotStopTheAnswerInFrontOfIt)
+{
+    misbehave("partition=1000@message:2");
+    ASSERT_TRUE(client.shakeHands());
+    askTogether(3);
+    EXPECT_EQ(1, client.read().value().messageId);
+    ASSERT_TRUE(clock->awaitTasks(2)); // its end, and the answer
+    EXPECT_EQ(2U, gateway.requestCount());
+    clock->advance(1s);
+    EXPECT_EQ(2, client.read().value().messageId);
+    EXPECT_EQ(3, client.read().value().messageId);
+}
+
+TEST_F(ConnectionFaults, ResetComesBehindTheAnswerInFrontOfIt)
+{
+    misbehave("reset@message:2");
+    ASSERT_TRUE(client.shakeHands());
+    askTogether(3);
+    EXPECT_EQ(1, client.read().value().messageId);
+    EXPECT_FALSE(client.endsInOrder());
+}
+
+TEST_F(ConnectionFaults, ALateAnswerKeepsTheOnesThatCameWithItInTheirOrder)
+{
+    misbehave("latency=1000@message:2");
+    ASSERT_TRUE(client.shakeHands());
+    askTogether(3);
+    EXPECT_EQ(1, client.read().value().messageId);
+    ASSERT_TRUE(clock->awaitTasks(1));
+    clock->advance(1s);
+    EXPECT_EQ(2, client.read().value().messageId);
+    EXPECT_EQ(3, client.read().value().messageId);
+}
+
+TEST_F(ConnectionFaults, DropComesBehindTheAnswersInFrontOfIt)
+{
+    misbehave("drop@message:3");
+    ASSERT_TRUE(client.shakeHands());
+    askTogether(4);
+    EXPECT_EQ(1, client.read().value().messageId);
+    EXPECT_EQ(2, client.read().value().messageId);
+    EXPECT_TRUE(client.endsInOrder());
 }
 
 // ---------------------------------------------------------------------------- silent, half a side

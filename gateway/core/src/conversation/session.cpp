@@ -6,7 +6,9 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <array>
 #include <exception>
+#include <iterator>
 #include <utility>
 
 #include <asio/buffer.hpp>
@@ -18,6 +20,7 @@ namespace standin {
 namespace {
 
 constexpr std::size_t kMostWaiting = 4 * 1024 * 1024;
+constexpr std::size_t kMostAtOnce = 16; // flows in one piece
 
 // A client is asked after a minute of silence whether it is still there, and is not after another
 // one without an answer. What it does not take for two minutes it will never take.
@@ -129,9 +132,34 @@ void Session::guarded(Step step)
     }
 }
 
+// While it lives, what is sent gathers.
+class Session::Gathering {
+public:
+    explicit Gathering(Session& session)
+        : session_(session), before_(std::exchange(session.gathering_, true))
+    {
+    }
+
+    ~Gathering() { session_.gathering_ = before_; }
+
+    Gathering(const Gathering&) = delete;
+    Gathering& operator=(const Gathering&) = delete;
+
+private:
+    Session& session_;
+    const bool before_;
+};
+
+// Answers to flows that came together go together, unless they are many.
 void Session::takeFlows()
 {
-    while (mayRead() && !unread_.empty() && takeOneFlow()) {}
+    {
+        const Gathering gathering(*this);
+        while (mayRead() && !unread_.empty() && takeOneFlow()) {
+            if (outgoing_.size() >= kMostAtOnce) sendGathered();
+        }
+    }
+    sendWhatMay();
 }
 
 bool Session::takeOneFlow()
@@ -175,6 +203,16 @@ void Session::onReadFailed(const asio::error_code& error)
 
 // ----------------------------------------------------------------------------------------- sending
 
+// What goes to the system in one call.
+struct Session::Piece {
+    std::array<asio::const_buffer, kMostAtOnce> parts;
+    std::size_t count = 0;
+    bool isPlain = false;
+
+    const asio::const_buffer* begin() const { return parts.data(); }
+    const asio::const_buffer* end() const { return parts.data() + count; }
+};
+
 void Session::send(Bytes bytes, const Manner& manner, bool isAnswer)
 {
     if (!isOpen() || silent_ || halfClosing_) return;
@@ -182,7 +220,7 @@ void Session::send(Bytes bytes, const Manner& manner, bool isAnswer)
     outgoing_.push_back({std::move(bytes), manner, isAnswer});
     if (manner.latency.count() > 0)
         outgoing_.back().notBefore = owner_.timers().now() + manner.latency;
-    if (outgoing_.size() == 1) sendNextPiece();
+    sendWhatMay();
     if (!congested_ && waiting_ > kMostWaiting) setCongested(true);
 }
 
@@ -194,22 +232,72 @@ void Session::setCongested(bool congested)
     readMore();
 }
 
-void Session::sendNextPiece()
+void Session::sendWhatMay()
 {
-    if (stalled_ || waitsToSend()) return;
-    const Outgoing& flow = outgoing_.front();
-    const std::size_t rest = flow.bytes.size() - flow.done;
-    std::size_t size = flow.manner.pieceSize == 0 ? rest : std::min(flow.manner.pieceSize, rest);
-    if (flow.manner.stallAt && *flow.manner.stallAt > flow.done)
-        size = std::min(size, *flow.manner.stallAt - flow.done);
-    size = roomWithin(owner_.sendRate(*this), size);
-    // Told first, so that a client which has the bytes finds them told.
-    owner_.onBytesSending(*this, flow.bytes.data() + flow.done, size);
+    while (!ended_ && !outgoing_.empty() && !sendUnderWay_ && !gathering_ && !stalled_ &&
+           !waitsToSend()) {
+        sendPiece();
+    }
+}
+
+void Session::sendGathered()
+{
+    const bool before = std::exchange(gathering_, false);
+    sendWhatMay();
+    gathering_ = before;
+}
+
+// A flow in a manner of its own takes its turn among all that the loop has to do.
+void Session::sendPiece()
+{
+    const Piece piece = nextPiece();
+    if (piece.isPlain) {
+        asio::error_code problem; // the call below meets it again, and the loop tells of it
+        const std::size_t count = socket_.write_some(piece, problem);
+        if (!problem) return onPieceSent(count);
+    }
     asio::async_write(
-        socket_, asio::buffer(flow.bytes.data() + flow.done, size),
+        socket_, piece,
         [self = shared_from_this()](const asio::error_code& error, std::size_t count) {
+            self->sendUnderWay_ = false;
             self->guarded([&] { self->onPieceDone(error, count); });
         });
+    sendUnderWay_ = true;
+}
+
+// Of the first flow what its manner lets through, and all behind it that nothing sets apart.
+Session::Piece Session::nextPiece()
+{
+    Piece piece;
+    Outgoing& first = outgoing_.front();
+    const std::size_t rest = first.bytes.size() - first.done;
+    std::size_t size = first.manner.pieceSize == 0 ? rest : std::min(first.manner.pieceSize, rest);
+    if (first.manner.stallAt && *first.manner.stallAt > first.done)
+        size = std::min(size, *first.manner.stallAt - first.done);
+    size = roomWithin(owner_.sendRate(*this), size);
+    add(piece, first, size);
+    piece.isPlain = isPlain(first);
+    for (auto flow = std::next(outgoing_.begin());
+         piece.isPlain && piece.count < kMostAtOnce && flow != outgoing_.end(); ++flow) {
+        if (!isPlain(*flow) || flow->notBefore.count() > 0) break;
+        add(piece, *flow, flow->bytes.size());
+    }
+    return piece;
+}
+
+bool Session::isPlain(const Outgoing& flow) const
+{
+    return flow.manner.pieceSize == 0 && !flow.manner.stallAt && owner_.sendRate(*this) == 0;
+}
+
+// The owner is told first, so that a client which has the bytes finds them told.
+void Session::add(Piece& piece, Outgoing& flow, std::size_t size)
+{
+    const std::uint8_t* const bytes = flow.bytes.data();
+    const std::size_t end = flow.done + size;
+    const std::size_t told = std::exchange(flow.told, std::max(flow.told, end));
+    if (end > told) owner_.onBytesSending(*this, bytes + told, end - told);
+    piece.parts[piece.count++] = asio::buffer(bytes + flow.done, size);
 }
 
 void Session::onPieceDone(const asio::error_code& error, std::size_t count)
@@ -217,14 +305,29 @@ void Session::onPieceDone(const asio::error_code& error, std::size_t count)
     if (ended_) return;
     if (error) return end(leaving_ ? Ending::ClosedByClient : Ending::Reset);
     onPieceSent(count);
+    sendWhatMay();
 }
 
 void Session::onPieceSent(std::size_t count)
 {
-    Outgoing& flow = outgoing_.front();
-    flow.done += count;
     waiting_ -= count;
     maySendAt_ = owner_.timers().now() + timeFor(count, owner_.sendRate(*this));
+    do {
+        count -= takeSent(count);
+    } while (count > 0);
+    if (ended_) return;
+    if (stalled_ && leaving_) return end(Ending::ClosedByClient);
+    if (stalled_ && dropping_) outgoing_.clear();
+    if (congested_ && waiting_ <= kMostWaiting) setCongested(false);
+    endIfNothingIsLeft();
+}
+
+// So many bytes are with the system. Takes those of the first flow, and says how many they were.
+std::size_t Session::takeSent(std::size_t count)
+{
+    Outgoing& flow = outgoing_.front();
+    const std::size_t part = std::min(count, flow.bytes.size() - flow.done);
+    flow.done += part;
     if (flow.manner.stallAt && flow.done >= std::min(*flow.manner.stallAt, flow.bytes.size())) {
         flow.manner.stallAt.reset();
         stalled_ = true;
@@ -234,12 +337,7 @@ void Session::onPieceSent(std::size_t count)
         outgoing_.pop_front();
         if (wasAnswer) owner_.onAnswerSent(*this);
     }
-    if (ended_) return;
-    if (stalled_ && leaving_) return end(Ending::ClosedByClient);
-    if (stalled_ && dropping_) outgoing_.clear();
-    if (!outgoing_.empty()) sendNextPiece();
-    if (congested_ && waiting_ <= kMostWaiting) setCongested(false);
-    endIfNothingIsLeft();
+    return part;
 }
 
 // --------------------------------------------------------------------------------- slow and silent
@@ -281,11 +379,12 @@ bool Session::waitsToSend()
 void Session::sendOn()
 {
     sendTimed_ = false;
-    if (!outgoing_.empty()) sendNextPiece();
+    sendWhatMay();
 }
 
 void Session::cutOff(std::chrono::microseconds time)
 {
+    sendGathered();
     cutUntil_ = std::max(cutUntil_, owner_.timers().now() + time);
     cut_ = true;
     later(time, &Session::endCut);
@@ -302,7 +401,7 @@ void Session::endCut()
 bool Session::resume()
 {
     if (!std::exchange(stalled_, false)) return false;
-    if (!outgoing_.empty()) sendNextPiece();
+    sendWhatMay();
     return true;
 }
 

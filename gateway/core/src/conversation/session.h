@@ -104,6 +104,9 @@ public:
     // Closes its own side behind what is under way, and reads on; nothing more is sent.
     void halfClose();
 
+    // Sends what would wait for the answers to the flows that came with its own.
+    void sendGathered();
+
     // Nothing more is sent from now on.
     void fallSilent() { silent_ = true; }
 
@@ -126,8 +129,11 @@ private:
         Manner manner;
         bool isAnswer;
         std::chrono::microseconds notBefore{0};
+        std::size_t told = 0; // bytes that the owner knows of
         std::size_t done = 0; // bytes handed to the system
     };
+    struct Piece;
+    class Gathering;
 
     bool mayRead() const { return isOpen() && !leaving_ && reading_ && !congested_ && !cut_; }
     void readMore();
@@ -146,8 +152,13 @@ private:
     bool takeOneFlow();
     Bytes takeUnread(std::size_t count);
     void onReadFailed(const asio::error_code& error);
-    void sendNextPiece();
+    bool isPlain(const Outgoing& flow) const;
+    Piece nextPiece();
+    void add(Piece& piece, Outgoing& flow, std::size_t size);
+    void sendWhatMay();
+    void sendPiece();
     void onPieceSent(std::size_t count);
+    std::size_t takeSent(std::size_t count);
     void setCongested(bool congested);
     void finishDrop();
     void endIfNothingIsLeft();
@@ -164,8 +175,10 @@ private:
     bool reading_ = true;
     bool congested_ = false;
     bool readUnderWay_ = false;
-    int expected_ = 0;     // answers that are being made
-    bool leaving_ = false; // the client has closed its side
+    bool sendUnderWay_ = false;
+    bool gathering_ = false; // what is to be sent waits for what else comes of the same bytes
+    int expected_ = 0;       // answers that are being made
+    bool leaving_ = false;   // the client has closed its side
     bool dropping_ = false;
     bool ended_ = false;
 

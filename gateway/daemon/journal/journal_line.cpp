@@ -113,7 +113,9 @@ template Line jsonOf<Line>(const CallRecord& call);
 
 std::string lineFor(const CallRecord& call)
 {
-    return jsonOf<Line>(call).text() + "\n";
+    std::string line = jsonOf<Line>(call).text();
+    line += '\n';
+    return line;
 }
 
 std::string noteOfMissing(std::size_t count)

@@ -33,9 +33,24 @@ std::string hexOf(const Bytes& data)
     return hex;
 }
 
-bool isPlain(std::uint8_t byte)
+// The bytes that are no text.
+constexpr std::array<bool, 256> strangeBytes()
 {
-    return (byte >= ' ' && byte <= '~') || byte == '\n' || byte == '\r' || byte == '\t';
+    std::array<bool, 256> strange{};
+    for (std::size_t byte = 0; byte < strange.size(); ++byte)
+        strange[byte] = byte < ' ' || byte > '~';
+    for (const char plain : {'\n', '\r', '\t'}) strange[static_cast<std::size_t>(plain)] = false;
+    return strange;
+}
+
+constexpr std::array<bool, 256> kStrange = strangeBytes();
+
+// All are looked at, without a branch for each.
+bool isPlain(Bytes::const_iterator begin, Bytes::const_iterator end)
+{
+    unsigned strange = 0;
+    for (auto byte = begin; byte != end; ++byte) strange |= kStrange[*byte];
+    return strange == 0;
 }
 
 // Where the 0x00 at the end begin.
@@ -149,8 +164,9 @@ Object areaOf(const Bytes& data, Form form)
     if (form == Form::Both) {
         json["text"] = code_page::toUtf8(Bytes(data.begin(), end), kLatin1);
         json["hex"] = hexOf(data);
-    } else if (std::all_of(data.begin(), end, isPlain)) {
-        json["text"] = std::string(data.begin(), end);
+    } else if (isPlain(data.begin(), end)) {
+        const auto size = static_cast<std::size_t>(end - data.begin());
+        json["text"] = std::string(reinterpret_cast<const char*>(data.data()), size);
     } else {
         json["hex"] = hexOf(data);
     }

@@ -35,7 +35,7 @@ public:
         void operator=(const std::string& text) { appendText(line_, text); }
         void operator=(const char* text) { appendText(line_, text); }
         void operator=(const std::vector<std::string>& texts);
-        void operator=(const Line& value) { line_ += value.text(); }
+        void operator=(const Line& value) { value.appendTo(line_); }
 
     private:
         std::string& line_;
@@ -53,6 +53,7 @@ public:
 
     // All of it, without a line end.
     std::string text() const;
+    void appendTo(std::string& line) const;
 
 private:
     enum class Kind { Null, Object, Array };

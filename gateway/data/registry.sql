@@ -13,9 +13,9 @@ CREATE TABLE IF NOT EXISTS rules (
     attempts INTEGER NOT NULL  -- wrong passwords that revoke a user; 0: none do
 );
 
-INSERT OR IGNORE INTO rules VALUES (1, 6, 32, 1, 3, 90, 3);
+INSERT INTO rules VALUES (1, 6, 32, 1, 3, 90, 3) ON CONFLICT DO NOTHING;
 
-CREATE TABLE IF NOT EXISTS user (
+CREATE TABLE IF NOT EXISTS "user" (
     id       TEXT    PRIMARY KEY CHECK (length(id) BETWEEN 1 AND 10),
     expiry   INTEGER,                    -- of the password; NULL: never
     verified INTEGER,                    -- when the password was last verified; NULL: never
@@ -32,10 +32,10 @@ CREATE TABLE IF NOT EXISTS user (
 
 -- Every password that a user has had; the one in force has the highest number.
 CREATE TABLE IF NOT EXISTS password (
-    user   TEXT    NOT NULL REFERENCES user (id),
+    "user" TEXT    NOT NULL REFERENCES "user" (id),
     number INTEGER NOT NULL,
     hash   TEXT    NOT NULL,
-    PRIMARY KEY (user, number)
+    PRIMARY KEY ("user", number)
 ) WITHOUT ROWID;
 
 -- What a system may be like, and the code that it then answers; 0 is good.
@@ -44,7 +44,7 @@ CREATE TABLE IF NOT EXISTS state (
     code INTEGER NOT NULL
 ) WITHOUT ROWID;
 
-INSERT OR IGNORE INTO state VALUES
+INSERT INTO state VALUES
     ('available',                      0),
     ('unavailable',                   -3),
     ('died',                          -4),
@@ -54,7 +54,8 @@ INSERT OR IGNORE INTO state VALUES
     ('too many systems',             -28),
     ('too many sessions',            -29),
     ('no password management',      -103),
-    ('password management inactive', -104);
+    ('password management inactive', -104)
+ON CONFLICT DO NOTHING;
 
 -- The first one is the default.
 CREATE TABLE IF NOT EXISTS system (

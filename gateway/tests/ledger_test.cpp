@@ -3,49 +3,22 @@
 
 #include <gtest/gtest.h>
 
-#include <sqlite3.h>
-
-#include <filesystem>
 #include <mutex>
 
 #include "client.h"
 #include "ledger/ledger.h"
 #include "standin/gateway.h"
-#include "temporary_directory.h"
+#include "test_database.h"
 
 using namespace standin;
 using standin_test::Call;
 using standin_test::Client;
 using standin_test::Reply;
-using standin_test::TemporaryDirectory;
+using standin_test::TestDatabase;
 
 namespace {
 
 constexpr std::int64_t kOpeningTotal = 12101060; // cents, all twelve accounts
-
-// Asks the file behind the ledger's back.
-std::int64_t ask(const std::string& file, const char* sql)
-{
-    sqlite3* database = nullptr;
-    sqlite3_stmt* statement = nullptr;
-    std::int64_t number = -1;
-    if (sqlite3_open_v2(file.c_str(), &database, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK &&
-        sqlite3_prepare_v2(database, sql, -1, &statement, nullptr) == SQLITE_OK &&
-        sqlite3_step(statement) == SQLITE_ROW) {
-        number = sqlite3_column_int64(statement, 0);
-    }
-    sqlite3_finalize(statement);
-    sqlite3_close(database);
-    return number;
-}
-
-void change(const std::string& file, const char* sql)
-{
-    sqlite3* database = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open(file.c_str(), &database));
-    EXPECT_EQ(SQLITE_OK, sqlite3_exec(database, sql, nullptr, nullptr, nullptr));
-    sqlite3_close(database);
-}
 
 // An answer of the ledger taken apart.
 struct Answer {
@@ -80,7 +53,7 @@ class LedgerProgram : public testing::Test {
 protected:
     void SetUp() override
     {
-        gateway.setProgram("LEDGER", std::make_shared<ledger::Ledger>(file, sink()));
+        gateway.setProgram("LEDGER", std::make_shared<ledger::Ledger>(database.name(), sink()));
         ASSERT_TRUE(client.shakeHands());
         ASSERT_TRUE(second.shakeHands());
     }
@@ -118,10 +91,9 @@ protected:
 
     std::int64_t total() { return std::stoll(run("T").balance); }
 
-    std::int64_t journalSize() { return ask(file, "SELECT count(*) FROM journal"); }
+    std::int64_t journalSize() { return database.ask("SELECT count(*) FROM journal"); }
 
-    TemporaryDirectory directory;
-    const std::string file = directory.file("ledger.db");
+    const TestDatabase database;
     std::mutex lock;
     std::string lines; // of the ledger's log; guarded by lock
     Gateway gateway;
@@ -131,7 +103,7 @@ protected:
 
 } // namespace
 
-// ---------------------------------------------------------------------------------------- the file
+// ------------------------------------------------------------------------------------ the database
 
 TEST_F(LedgerProgram, OpensWithTwelveAccounts)
 {
@@ -140,39 +112,29 @@ TEST_F(LedgerProgram, OpensWithTwelveAccounts)
     EXPECT_EQ("00", answer.result);
     EXPECT_EQ("0012", answer.count);
     EXPECT_EQ("+000012101060", answer.balance);
-    EXPECT_EQ(50000, ask(file, "SELECT min(balance) FROM account"));
-    EXPECT_EQ(2500000, ask(file, "SELECT max(balance) FROM account"));
-    EXPECT_EQ(12, ask(file, "SELECT count(DISTINCT balance) FROM account"));
-    EXPECT_EQ(12, ask(file, "SELECT count(DISTINCT name) FROM account"));
-    EXPECT_EQ(
-        12,
-        ask(file, "SELECT count(*) FROM account WHERE number BETWEEN 'ACC00001' AND 'ACC00012'"));
+    EXPECT_EQ(50000, database.ask("SELECT min(balance) FROM account"));
+    EXPECT_EQ(2500000, database.ask("SELECT max(balance) FROM account"));
+    EXPECT_EQ(12, database.ask("SELECT count(DISTINCT balance) FROM account"));
+    EXPECT_EQ(12, database.ask("SELECT count(DISTINCT name) FROM account"));
+    EXPECT_EQ(12,
+              database.ask(
+                  "SELECT count(*) FROM account WHERE number BETWEEN 'ACC00001' AND 'ACC00012'"));
     EXPECT_EQ(0, journalSize());
 }
 
 TEST_F(LedgerProgram, KeepsItsAccountsFromOneStartToTheNext)
 {
     run("C  ACC00005000000000001");
-    gateway.setProgram("LEDGER", std::make_shared<ledger::Ledger>(file, sink()));
+    gateway.setProgram("LEDGER", std::make_shared<ledger::Ledger>(database.name(), sink()));
     EXPECT_EQ("+000000050001", balance("ACC00005"));
     EXPECT_EQ(1, journalSize());
 }
 
-TEST(LedgerFile, IsRefusedWhenItHoldsSomethingElse)
+TEST(LedgerDatabase, IsRefusedWhenItHoldsSomethingElse)
 {
-    const TemporaryDirectory directory;
-    const std::string file = directory.file("other.db");
-    change(file, "CREATE TABLE other (x)");
-    EXPECT_THROW(ledger::Ledger(file, nullptr), ledger::DatabaseError);
-    change(file, "DROP TABLE other; PRAGMA user_version = 2");
-    EXPECT_THROW(ledger::Ledger(file, nullptr), ledger::DatabaseError);
-}
-
-TEST(LedgerFile, IsRefusedWhenItCannotBeMade)
-{
-    const TemporaryDirectory directory;
-    EXPECT_THROW(ledger::Ledger(directory.file("missing/ledger.db"), nullptr),
-                 ledger::DatabaseError);
+    const TestDatabase database;
+    database.change("CREATE TABLE other (x INTEGER)");
+    EXPECT_THROW(ledger::Ledger(database.name(), nullptr), ledger::DatabaseError);
 }
 
 // ------------------------------------------------------------------------------------------- calls
@@ -208,12 +170,12 @@ TEST_F(LedgerProgram, WritesEveryPostingIntoTheJournal)
     run("D  ACC00001000000000200");
     run("C  ACC00002000000000300");
     EXPECT_EQ(2, journalSize());
-    EXPECT_EQ(1, ask(file, "SELECT count(*) FROM journal WHERE posting = 1 AND account = "
-                           "'ACC00001' AND kind = 'D' "
-                           "AND amount = 200 AND balance = 1249800"));
-    EXPECT_EQ(1, ask(file, "SELECT count(*) FROM journal WHERE posting = 2 AND account = "
-                           "'ACC00002' AND kind = 'C' "
-                           "AND amount = 300 AND balance = 318775"));
+    EXPECT_EQ(1, database.ask("SELECT count(*) FROM journal WHERE posting = 1 AND account = "
+                              "'ACC00001' AND kind = 'D' "
+                              "AND amount = 200 AND balance = 1249800"));
+    EXPECT_EQ(1, database.ask("SELECT count(*) FROM journal WHERE posting = 2 AND account = "
+                              "'ACC00002' AND kind = 'C' "
+                              "AND amount = 300 AND balance = 318775"));
 }
 
 TEST_F(LedgerProgram, RefusesAnUnknownAccount)
@@ -346,7 +308,7 @@ TEST_F(LedgerProgram, BacksOutWhenTheConnectionIsLost)
     second.close();
     ASSERT_TRUE(gateway.awaitClosed());
     EXPECT_EQ("+000001250000", balance("ACC00001"));
-    EXPECT_EQ("00", run("D  ACC00001000000000001").result); // and the file is free again
+    EXPECT_EQ("00", run("D  ACC00001000000000001").result); // and the database is free again
 }
 
 TEST_F(LedgerProgram, BacksOutWhenACallInTheUnitOfWorkAbends)
@@ -408,19 +370,7 @@ TEST_F(LedgerProgram, LosesAndDoublesNothingInManyTransfers)
     }
     EXPECT_EQ(kOpeningTotal, total());
     EXPECT_EQ(2 * 133, journalSize());
-    EXPECT_EQ(
-        0, ask(file, "SELECT sum(CASE kind WHEN 'D' THEN -amount ELSE amount END) FROM journal"));
+    EXPECT_EQ(0, database.ask(
+                     "SELECT sum(CASE kind WHEN 'D' THEN -amount ELSE amount END) FROM journal"));
     EXPECT_EQ(0U, gateway.openUnitsOfWork());
-}
-
-TEST_F(LedgerProgram, LeavesNoLongLogBehindAnIdleUnitOfWork)
-{
-    const auto logSize = [this] { return std::filesystem::file_size(file + "-wal"); };
-    run(second, "T"); // whose connection to the file stays
-    const Answer reading = run(client, "T", 1);
-    ASSERT_EQ(0, reading.vornRc);
-    change(file, "CREATE TABLE much (bytes BLOB); INSERT INTO much VALUES (zeroblob(8000000))");
-    EXPECT_LT(8000000U, logSize());
-    EXPECT_EQ(0, run(client, "", 4, reading.luwToken).vornRc);
-    EXPECT_GT(5000000U, logSize());
 }

@@ -2,15 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include <sqlite3.h>
-
 #include <mutex>
 
 #include "client.h"
 #include "ledger/ledger.h"
 #include "orders/orders.h"
 #include "standin/gateway.h"
-#include "temporary_directory.h"
+#include "test_database.h"
 
 using namespace standin;
 using standin_test::Call;
@@ -19,7 +17,7 @@ using standin_test::Client;
 using standin_test::Raw;
 using standin_test::record;
 using standin_test::Reply;
-using standin_test::TemporaryDirectory;
+using standin_test::TestDatabase;
 using standin_test::textOf;
 
 namespace {
@@ -70,19 +68,11 @@ std::string line(int article, int quantity, int discount)
 
 const std::string kLines = line(100105, 12, 500) + line(100205, 3, 0) + line(200310, 1, 250);
 
-void change(const std::string& file, const std::string& sql)
-{
-    sqlite3* database = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open(file.c_str(), &database));
-    EXPECT_EQ(SQLITE_OK, sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr));
-    sqlite3_close(database);
-}
-
 class OrdersProgram : public testing::Test {
 protected:
     void SetUp() override
     {
-        gateway.setProgram("ORDERS", std::make_shared<orders::Orders>(file, sink()));
+        gateway.setProgram("ORDERS", std::make_shared<orders::Orders>(database.name(), sink()));
         ASSERT_TRUE(client.shakeHands());
     }
 
@@ -154,8 +144,7 @@ protected:
         return header.replace(start, header.find('\n', start) - start, value);
     }
 
-    TemporaryDirectory directory;
-    const std::string file = directory.file("ledger.db");
+    const TestDatabase database;
     std::mutex lock;
     std::string log; // guarded by lock
     Gateway gateway;
@@ -194,9 +183,9 @@ TEST_F(OrdersProgram, PricesInTheCurrencyOfTheOrder)
 
 TEST_F(OrdersProgram, TakesAnOrderUpToWhatAnAccountCanHoldAndNotMore)
 {
-    change(file, "UPDATE price SET price = 99999999 WHERE article = 900200");
+    database.change("UPDATE price SET price = 99999999 WHERE article = 900200");
     const std::string almost = line(900200, 100, 0); // 99,999,999.00
-    change(file, "UPDATE price SET price = 99 WHERE article = 900100 AND currency = 'EUR'");
+    database.change("UPDATE price SET price = 99 WHERE article = 900100 AND currency = 'EUR'");
     EXPECT_EQ("total=100000000.18\n", total(almost + line(900100, 1, 0))); // with tax of 0.19
     expectRefused("the order comes to more than 99,999,999.99", kHeader,
                   almost + line(900100, 2, 0));
@@ -214,16 +203,16 @@ TEST_F(OrdersProgram, PostsNothing)
     const Bytes priced = answer(kHeader, kLines, 819,
                                 {text("INVOICE", kInvoice), text("STATUS", kStatus)});
     EXPECT_EQ(priced, order(kHeader, kLines).channel);
-    ledger::Database database(file);
-    ledger::Statement journal(database, "SELECT count(*) FROM journal");
+    ledger::Database asked(database.name());
+    ledger::Statement journal(asked, "SELECT count(*) FROM journal");
     ASSERT_TRUE(journal.step());
     EXPECT_EQ(0, journal.number(0));
 }
 
 TEST_F(OrdersProgram, PricesBesideSomebodyWhoWrites)
 {
-    ledger::Database writer(file);
-    writer.run("BEGIN IMMEDIATE");
+    ledger::Database writer(database.name());
+    const ledger::Transaction transaction(writer, ledger::Transaction::Kind::Immediate);
     writer.run("UPDATE account SET balance = 0");
     EXPECT_EQ("total=256.13\n", total(kLines));
 }
@@ -304,7 +293,7 @@ TEST_F(OrdersProgram, RefusesWhatTheDatabaseDoesNotHave)
                   line(100105, 1, 0) + line(100106, 1, 0));
     expectRefused("ORDER.LINES, line 1: article 4294967295 is unknown", kHeader, line(-1, 1, 0));
 
-    change(file, "DELETE FROM price WHERE article = 100110 AND currency = 'EUR'");
+    database.change("DELETE FROM price WHERE article = 100110 AND currency = 'EUR'");
     expectRefused("ORDER.LINES, line 1: article 100110 has no price in EUR", kHeader,
                   line(100110, 1, 0));
 }
@@ -333,7 +322,7 @@ TEST_F(OrdersProgram, AbendsWithoutAChannel)
 
 TEST_F(OrdersProgram, TellsOfADatabaseThatFails)
 {
-    change(file, "DROP TABLE price");
+    database.change("DROP TABLE price");
     const Reply reply = order(kHeader, kLines);
     EXPECT_EQ(-9, reply.vornRc);
     EXPECT_TRUE(reply.channel.empty());
@@ -370,61 +359,56 @@ TEST_F(OrdersProgram, DeletesTheInvoiceOfAnEarlierOrder)
               run({text("INVOICE", "old"), text("STATUS", "old")}).channel);
 }
 
-// ---------------------------------------------------------------------------------------- the file
+// ------------------------------------------------------------------------------------ the database
 
 TEST(PriceList, IsPutIntoALedgerThatHasNone)
 {
-    const TemporaryDirectory directory;
-    const std::string file = directory.file("ledger.db");
-    const ledger::Ledger only(file, nullptr);
-    ledger::Database database(file);
-    const orders::Orders added(file, nullptr);
-    ledger::Statement articles(database, "SELECT count(*) FROM article");
+    const TestDatabase database;
+    const ledger::Ledger only(database.name(), nullptr);
+    ledger::Database asked(database.name());
+    const orders::Orders added(database.name(), nullptr);
+    ledger::Statement articles(asked, "SELECT count(*) FROM article");
     ASSERT_TRUE(articles.step());
     EXPECT_EQ(27, articles.number(0));
-    ledger::Statement accounts(database, "SELECT count(*) FROM account");
+    ledger::Statement accounts(asked, "SELECT count(*) FROM account");
     ASSERT_TRUE(accounts.step());
     EXPECT_EQ(12, accounts.number(0));
 }
 
 TEST(PriceList, HasAPriceInEachCurrencyForEveryArticle)
 {
-    const TemporaryDirectory directory;
-    const std::string file = directory.file("ledger.db");
-    const orders::Orders prepared(file, nullptr);
-    ledger::Database database(file);
-    ledger::Statement prices(database, "SELECT count(*) FROM article, (SELECT DISTINCT currency "
-                                       "FROM price) AS c JOIN price ON price.article = number "
-                                       "AND price.currency = c.currency");
+    const TestDatabase database;
+    const orders::Orders prepared(database.name(), nullptr);
+    ledger::Database asked(database.name());
+    ledger::Statement prices(asked, "SELECT count(*) FROM article, (SELECT DISTINCT currency "
+                                    "FROM price) AS c JOIN price ON price.article = number "
+                                    "AND price.currency = c.currency");
     ASSERT_TRUE(prices.step());
     EXPECT_EQ(81, prices.number(0));
 }
 
 TEST(PriceList, KeepsItsPricesFromOneStartToTheNext)
 {
-    const TemporaryDirectory directory;
-    const std::string file = directory.file("ledger.db");
-    const orders::Orders first(file, nullptr);
-    change(file, "UPDATE price SET price = 1 WHERE article = 100105");
-    const orders::Orders second(file, nullptr);
-    ledger::Database database(file);
-    ledger::Statement price(database, "SELECT sum(price) FROM price WHERE article = 100105");
+    const TestDatabase database;
+    const orders::Orders first(database.name(), nullptr);
+    database.change("UPDATE price SET price = 1 WHERE article = 100105");
+    const orders::Orders second(database.name(), nullptr);
+    ledger::Database asked(database.name());
+    ledger::Statement price(asked, "SELECT sum(price) FROM price WHERE article = 100105");
     ASSERT_TRUE(price.step());
     EXPECT_EQ(3, price.number(0));
 }
 
 TEST(PriceList, IsNotPutIntoSomethingElse)
 {
-    const TemporaryDirectory directory;
-    const std::string file = directory.file("other.db");
-    change(file, "CREATE TABLE other (x)");
-    EXPECT_THROW(orders::Orders(file, nullptr), ledger::DatabaseError);
+    const TestDatabase database;
+    database.change("CREATE TABLE other (x INTEGER)");
+    EXPECT_THROW(orders::Orders(database.name(), nullptr), ledger::DatabaseError);
 }
 
 TEST(PriceList, LeavesALedgerThatOthersKnow)
 {
-    const TemporaryDirectory directory;
-    const std::string file = directory.file("ledger.db");
-    const orders::Orders prepared(file, nullptr);
-    EXPECT_NO_THROW(ledger::Ledger(file, nullptr));
+    const TestDatabase database;
+    const orders::Orders prepared(database.name(), nullptr);
+    EXPECT_NO_THROW(ledger::Ledger(database.name(), nullptr));
 }

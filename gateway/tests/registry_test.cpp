@@ -3,19 +3,19 @@
 
 #include <gtest/gtest.h>
 
-#include <sqlite3.h>
-
 #include <cstdlib>
 #include <fstream>
 
 #include "ledger/ledger.h"
 #include "registry/registry.h"
 #include "temporary_directory.h"
+#include "test_database.h"
 
 using namespace standin;
 using registry::Registry;
 using registry::Time;
 using standin_test::TemporaryDirectory;
+using standin_test::TestDatabase;
 
 namespace {
 
@@ -141,7 +141,7 @@ protected:
     Registry open()
     {
         return Registry(
-            file, [this](LogLevel, const std::string& line) { log += line + '\n'; },
+            database.name(), [this](LogLevel, const std::string& line) { log += line + '\n'; },
             [this] { return Time(std::chrono::milliseconds(now)); });
     }
 
@@ -181,24 +181,18 @@ protected:
         registry.answer(request, [this](const EsiReply& reply) { given.push_back(reply.vornRc); });
     }
 
-    // Changes the file behind the registry's back.
-    void run(const std::string& sql)
-    {
-        sqlite3* database = nullptr;
-        ASSERT_EQ(SQLITE_OK, sqlite3_open(file.c_str(), &database));
-        EXPECT_EQ(SQLITE_OK, sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr));
-        sqlite3_close(database);
-    }
+    // Changes the database behind the registry's back.
+    void run(const std::string& sql) { database.change(sql); }
 
     void passDays(int days) { now += days * std::int64_t{86400000}; }
 
     const TemporaryDirectory directory;
-    const std::string file = directory.file("ledger.db");
+    const TestDatabase database;
     const std::string contentFile = directory.file("registry.toml");
     std::int64_t now = kMorning;
     std::string log;
-    std::vector<int> given;                  // of the answers to ask()
-    const ledger::Ledger accounts{file, {}}; // they share the file
+    std::vector<int> given;                             // of the answers to ask()
+    const ledger::Ledger accounts{database.name(), {}}; // they share the database
     Registry registry = open();
 };
 
@@ -316,28 +310,22 @@ TEST_F(TheRegistry, AnswersMinus9WhenTheDatabaseFails)
 
 TEST_F(TheRegistry, AnswersMinus16WhileSomebodyElseIsWriting)
 {
-    sqlite3* writer = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open(file.c_str(), &writer));
-    ASSERT_EQ(SQLITE_OK, sqlite3_exec(writer, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr));
+    auto writer = std::make_unique<TestDatabase::Writer>(database);
     EXPECT_EQ(-16, verify("FRED", "Blue7sky").vornRc);
     EXPECT_EQ(-16, change("FRED", "Blue7sky", "Green8sea").vornRc);
-    ASSERT_EQ(SQLITE_OK, sqlite3_exec(writer, "ROLLBACK", nullptr, nullptr, nullptr));
-    sqlite3_close(writer);
+    writer.reset();
     EXPECT_EQ(0, verify("FRED", "Blue7sky").vornRc);
 }
 
 TEST_F(TheRegistry, TellsNothingOfAPasswordWhileAGuessCannotBeCounted)
 {
     passDays(1); // OLGA's password has expired
-    sqlite3* writer = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open(file.c_str(), &writer));
-    ASSERT_EQ(SQLITE_OK, sqlite3_exec(writer, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr));
+    auto writer = std::make_unique<TestDatabase::Writer>(database);
     for (const char* const password : {"Winter5", "wrong"}) {
         EXPECT_EQ(-16, verify("OLGA", password).vornRc) << password;
         EXPECT_EQ(-16, change("OLGA", password, "short").vornRc) << password;
     }
-    ASSERT_EQ(SQLITE_OK, sqlite3_exec(writer, "ROLLBACK", nullptr, nullptr, nullptr));
-    sqlite3_close(writer);
+    writer.reset();
     EXPECT_EQ(-105, verify("OLGA", "Winter5").vornRc);
 }
 
@@ -387,7 +375,7 @@ TEST_F(TheRegistry, NeverRevokesAUserWithoutALimit)
 
 TEST_F(TheRegistry, TakesAUserBackWhoIsNoLongerRevokedInTheDatabase)
 {
-    run("UPDATE user SET revoked = 0 WHERE id = 'RALF'");
+    run("UPDATE \"user\" SET revoked = 0 WHERE id = 'RALF'");
     EXPECT_EQ(0, verify("RALF", "Copper2").vornRc);
 }
 
@@ -459,12 +447,10 @@ TEST_F(TheRegistry, TellsNothingOfAPasswordWhenAGuessCanNoLongerBeCounted)
     registry.hashAside(later.aside());
     ask("FRED", "Blue7sky");
     ask("FRED", "wrong");
-    sqlite3* writer = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open(file.c_str(), &writer));
-    ASSERT_EQ(SQLITE_OK, sqlite3_exec(writer, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr));
+    auto writer = std::make_unique<TestDatabase::Writer>(database);
     later.doAll();
     EXPECT_EQ((std::vector<int>{-16, -16}), given);
-    sqlite3_close(writer);
+    writer.reset();
 }
 
 // ------------------------------------------------------------------------------ times and expiry
@@ -647,7 +633,7 @@ TEST_F(TheRegistry, ReplacesTheSystemsWhenSomeAreGiven)
 
 TEST_F(TheRegistry, LoadsTheExampleThatComesWithIt)
 {
-    run("DELETE FROM user; DELETE FROM password");
+    run("DELETE FROM \"user\"; DELETE FROM password");
     registry.load(registry::readContent(EXAMPLE_REGISTRY));
     EXPECT_EQ(0, verify("ANNA", "Paper4boat", "").vornRc);
     EXPECT_EQ(0, verify("FRED", "Blue7sky", "VORNB").vornRc);
@@ -674,35 +660,20 @@ TEST_F(TheRegistry, LoadsAllOrNothing)
 
 // --------------------------------------------------------------------------------------- secrets
 
-TEST_F(TheRegistry, KeepsNoPasswordInTheDatabase)
+TEST_F(TheRegistry, KeepsPasswordsAsTheirHashesOnly)
 {
     change("FRED", "Blue7sky", "Green8sea");
-    std::string bytes;
-    for (const char* const ending : {"", "-wal"}) {
-        std::ifstream stream(file + ending, std::ios::binary);
-        bytes.append(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
-    }
-    EXPECT_NE(std::string::npos, bytes.find("$y$"));
-    for (const char* const password : {"Blue7sky", "Green8sea", "Winter5", "Copper2", "Paper4boat"})
-        EXPECT_EQ(std::string::npos, bytes.find(password)) << password;
+    EXPECT_EQ(6, database.ask("SELECT count(*) FROM password"));
+    EXPECT_EQ(6, database.ask("SELECT count(*) FROM password WHERE hash LIKE '$y$%'"));
 }
 
 TEST_F(TheRegistry, SaltsEachPassword)
 {
     load("[[user]]\nid = \"A\"\npassword = \"Same1one\"\n"
          "[[user]]\nid = \"B\"\npassword = \"Same1one\"\n");
-    sqlite3* database = nullptr;
-    sqlite3_stmt* statement = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open(file.c_str(), &database));
-    ASSERT_EQ(SQLITE_OK, sqlite3_prepare_v2(database,
-                                            "SELECT count(DISTINCT hash), count(*) FROM password "
-                                            "WHERE user IN ('A', 'B')",
-                                            -1, &statement, nullptr));
-    ASSERT_EQ(SQLITE_ROW, sqlite3_step(statement));
-    EXPECT_EQ(2, sqlite3_column_int(statement, 0));
-    EXPECT_EQ(2, sqlite3_column_int(statement, 1));
-    sqlite3_finalize(statement);
-    sqlite3_close(database);
+    const std::string both = "FROM password WHERE \"user\" IN ('A', 'B')";
+    EXPECT_EQ(2, database.ask("SELECT count(DISTINCT hash) " + both));
+    EXPECT_EQ(2, database.ask("SELECT count(*) " + both));
 }
 
 TEST_F(TheRegistry, LogsWhatHappensWithoutPasswords)

@@ -86,7 +86,7 @@ Json usersIn(const std::string& file)
     Database database(file);
     Json users = Json::array();
     Statement statement(database, "SELECT id, expiry, verified, accessed, invalid, revoked "
-                                  "FROM user ORDER BY id LIMIT ?1");
+                                  "FROM \"user\" ORDER BY id LIMIT ?1");
     statement.bind(1, kMostRows);
     while (statement.step()) {
         users.push_back({{"id", validText(statement.text(0))},

@@ -1,5 +1,5 @@
-// SQLite as this daemon uses it: one connection to a database file, statements with bound
-// parameters, failures as exceptions.
+// A database as this daemon uses it: one connection, statements with bound parameters, failures as
+// exceptions. It is a file of SQLite.
 //
 // Thread: a connection and its statements are used by one thread at a time.
 #ifndef LEDGER_DATABASE_H
@@ -11,26 +11,33 @@
 #include <stdexcept>
 #include <string>
 
-struct sqlite3;
-struct sqlite3_stmt;
-
 namespace ledger {
+
+class Backend;
+class BackendStatement;
 
 class DatabaseError : public std::runtime_error {
 public:
-    DatabaseError(int code, const std::string& text) : std::runtime_error(text), code_(code) {}
+    enum class Kind {
+        Failure,
+        Conflict, // somebody else is writing, or has written what this transaction has read
+    };
 
-    // Somebody else is writing, or has written what this transaction has read.
-    bool isConflict() const;
+    explicit DatabaseError(const std::string& text, Kind kind = Kind::Failure)
+        : std::runtime_error(text), kind_(kind)
+    {
+    }
+
+    bool isConflict() const { return kind_ == Kind::Conflict; }
 
 private:
-    int code_; // SQLite's primary result code
+    Kind kind_;
 };
 
 class Database {
 public:
     // Opens the file for reading and writing, and creates it when it is not there.
-    explicit Database(const std::string& file);
+    explicit Database(const std::string& name);
     ~Database();
 
     Database(const Database&) = delete;
@@ -42,19 +49,28 @@ public:
     // Runs statements that have no parameters and no results of interest.
     void run(const char* sql);
 
+    // What gateway/data/ledger.sql sets; 0 when nobody has.
+    std::int64_t version();
+
+    bool hasTable(const std::string& name);
+
+    // Whether it has no table at all.
+    bool isEmpty();
+
+    // Lets everybody read beside one who writes, from now on.
+    void letReadersIn();
+
     // Puts a log that has grown large, behind somebody who has read for long, back into the file.
     // Left out when somebody is in the way.
     void shortenLog();
 
-    // True between BEGIN and the end of the transaction; SQLite may have ended it by itself.
-    bool inTransaction() const;
-
-    [[noreturn]] void fail(int code) const;
+    // Whether a connection is worth keeping for the next one who needs one.
+    bool isSlowToOpen() const;
 
 private:
     friend class Statement;
-    const std::string log_; // the file of the log
-    sqlite3* handle_ = nullptr;
+    friend class Transaction;
+    const std::unique_ptr<Backend> backend_;
 };
 
 class Statement {
@@ -78,8 +94,7 @@ public:
     std::string text(int column) const;
 
 private:
-    Database& database_;
-    sqlite3_stmt* handle_ = nullptr;
+    const std::unique_ptr<BackendStatement> statement_;
 };
 
 // A transaction that is undone unless it is committed.
@@ -96,7 +111,7 @@ public:
     void commit();
 
 private:
-    Database& database_;
+    Backend& backend_;
 };
 
 } // namespace ledger

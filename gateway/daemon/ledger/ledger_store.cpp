@@ -8,26 +8,18 @@ constexpr std::int64_t kLedgerVersion = 1;
 constexpr int kPreparationPatience =
     5000; // milliseconds; another daemon may be preparing the same file
 
-std::int64_t oneNumber(Database& database, const char* sql)
-{
-    Statement statement(database, sql);
-    return statement.step() ? statement.number(0) : 0;
-}
-
 bool isLedger(Database& database)
 {
-    return oneNumber(database, "PRAGMA user_version") == kLedgerVersion;
+    return database.version() == kLedgerVersion;
 }
 
 void createTables(Database& database)
 {
     Transaction transaction(database, Transaction::Kind::Immediate);
     if (isLedger(database)) return; // another daemon was faster
-    const bool isNew = oneNumber(database, "PRAGMA user_version") == 0 &&
-                       oneNumber(database, "SELECT count(*) FROM sqlite_master") == 0;
-    if (!isNew) {
-        throw DatabaseError(0, "it holds something else than a ledger of version " +
-                                   std::to_string(kLedgerVersion));
+    if (database.version() != 0 || !database.isEmpty()) {
+        throw DatabaseError("it holds something else than a ledger of version " +
+                            std::to_string(kLedgerVersion));
     }
     database.run(kLedgerSql);
     transaction.commit();
@@ -39,8 +31,7 @@ void prepareLedger(Database& database)
 {
     database.setPatience(kPreparationPatience);
     if (!isLedger(database)) createTables(database);
-    // Readers and one writer get along with each other; the file remembers it.
-    database.run("PRAGMA journal_mode = WAL");
+    database.letReadersIn();
     database.setPatience(0);
 }
 
@@ -54,7 +45,7 @@ std::optional<std::int64_t> balanceOf(Database& database, const std::string& acc
 
 AllAccounts allAccounts(Database& database)
 {
-    Statement statement(database, "SELECT ifnull(sum(balance), 0), count(*) FROM account");
+    Statement statement(database, "SELECT coalesce(sum(balance), 0), count(*) FROM account");
     statement.step();
     return {statement.number(0), statement.number(1)};
 }

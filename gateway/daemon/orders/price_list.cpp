@@ -13,8 +13,7 @@ constexpr int kPreparationPatience =
 
 bool hasPriceList(Database& database)
 {
-    Statement statement(database, "SELECT 1 FROM sqlite_master WHERE name = 'article'");
-    return statement.step();
+    return database.hasTable("article");
 }
 
 } // namespace

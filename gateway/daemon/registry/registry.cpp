@@ -134,7 +134,7 @@ void Registry::proceed(const std::shared_ptr<Inquiry>& inquiry)
 {
     EsiReply reply;
     try {
-        if (!inquiry->failure.empty()) throw DatabaseError(0, inquiry->failure);
+        if (!inquiry->failure.empty()) throw DatabaseError(inquiry->failure);
         const std::optional<Outcome> outcome = outcomeOf(*inquiry);
         if (!outcome && findOutAside(inquiry)) return;
         if (outcome) {

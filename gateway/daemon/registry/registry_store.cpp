@@ -1,5 +1,7 @@
 #include "registry/registry_store.h"
 
+#include <algorithm>
+
 namespace registry {
 
 namespace {
@@ -49,10 +51,9 @@ void makeTables(Database& database)
 
 bool hasAllTables(Database& database)
 {
-    Statement statement(database,
-                        "SELECT count(*) FROM sqlite_master WHERE type = 'table' AND name "
-                        "IN ('rules', 'user', 'password', 'state', 'system')");
-    return statement.step() && statement.number(0) == 5;
+    const auto tables = {"rules", "user", "password", "state", "system"};
+    return std::all_of(tables.begin(), tables.end(),
+                       [&database](const char* name) { return database.hasTable(name); });
 }
 
 } // namespace
@@ -75,7 +76,7 @@ void prepareRegistry(Database& database)
 std::optional<User> findUser(Database& database, const std::string& id)
 {
     Statement statement(database, "SELECT expiry, verified, accessed, invalid, revoked "
-                                  "FROM user WHERE id = ?1");
+                                  "FROM \"user\" WHERE id = ?1");
     statement.bind(1, id);
     if (!statement.step()) return std::nullopt;
     User user;
@@ -90,7 +91,7 @@ std::optional<User> findUser(Database& database, const std::string& id)
 
 void addUser(Database& database, const User& user, const GivenRules& ownRules)
 {
-    Statement statement(database, "INSERT INTO user (id, shortest, longest, digit, history, "
+    Statement statement(database, "INSERT INTO \"user\" (id, shortest, longest, digit, history, "
                                   "lifetime, attempts) VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)");
     statement.bind(1, user.id);
     bindRules(statement, 2, ownRules);
@@ -100,7 +101,7 @@ void addUser(Database& database, const User& user, const GivenRules& ownRules)
 
 void updateUser(Database& database, const User& user)
 {
-    Statement statement(database, "UPDATE user SET expiry = ?2, verified = ?3, accessed = ?4, "
+    Statement statement(database, "UPDATE \"user\" SET expiry = ?2, verified = ?3, accessed = ?4, "
                                   "invalid = ?5, revoked = ?6 WHERE id = ?1");
     statement.bind(1, user.id).bind(2, toColumn(user.expiry)).bind(3, toColumn(user.verified));
     statement.bind(4, toColumn(user.accessed)).bind(5, user.invalidCount);
@@ -111,15 +112,15 @@ void updateUser(Database& database, const User& user)
 Rules rulesOf(Database& database, const std::string& id)
 {
     Statement statement(database,
-                        "SELECT ifnull(user.shortest, rules.shortest), "
-                        "ifnull(user.longest, rules.longest), ifnull(user.digit, rules.digit), "
-                        "ifnull(user.history, rules.history), "
-                        "ifnull(user.lifetime, rules.lifetime), "
-                        "ifnull(user.attempts, rules.attempts) "
-                        "FROM rules LEFT JOIN user ON user.id = ?1");
+                        "SELECT coalesce(own.shortest, rules.shortest), "
+                        "coalesce(own.longest, rules.longest), coalesce(own.digit, rules.digit), "
+                        "coalesce(own.history, rules.history), "
+                        "coalesce(own.lifetime, rules.lifetime), "
+                        "coalesce(own.attempts, rules.attempts) "
+                        "FROM rules LEFT JOIN \"user\" AS own ON own.id = ?1");
     statement.bind(1, id);
     Rules rules;
-    if (!statement.step()) throw DatabaseError(0, "the table \"rules\" is empty");
+    if (!statement.step()) throw DatabaseError("the table \"rules\" is empty");
     rules.shortest = statement.number(0);
     rules.longest = statement.number(1);
     rules.digit = statement.number(2) != 0;
@@ -131,28 +132,30 @@ Rules rulesOf(Database& database, const std::string& id)
 
 void setRules(Database& database, const GivenRules& rules)
 {
-    Statement statement(database, "UPDATE rules SET shortest = ifnull(?1, shortest), "
-                                  "longest = ifnull(?2, longest), digit = ifnull(?3, digit), "
-                                  "history = ifnull(?4, history), lifetime = ifnull(?5, lifetime), "
-                                  "attempts = ifnull(?6, attempts)");
+    Statement statement(database,
+                        "UPDATE rules SET shortest = coalesce(?1, shortest), "
+                        "longest = coalesce(?2, longest), digit = coalesce(?3, digit), "
+                        "history = coalesce(?4, history), lifetime = coalesce(?5, lifetime), "
+                        "attempts = coalesce(?6, attempts)");
     bindRules(statement, 1, rules);
     statement.step();
 }
 
 bool hasRules(Database& database, const GivenRules& rules)
 {
-    Statement statement(database, "SELECT 1 FROM rules WHERE shortest = ifnull(?1, shortest) "
-                                  "AND longest = ifnull(?2, longest) AND digit = ifnull(?3, digit) "
-                                  "AND history = ifnull(?4, history) "
-                                  "AND lifetime = ifnull(?5, lifetime) "
-                                  "AND attempts = ifnull(?6, attempts)");
+    Statement statement(database,
+                        "SELECT 1 FROM rules WHERE shortest = coalesce(?1, shortest) "
+                        "AND longest = coalesce(?2, longest) AND digit = coalesce(?3, digit) "
+                        "AND history = coalesce(?4, history) "
+                        "AND lifetime = coalesce(?5, lifetime) "
+                        "AND attempts = coalesce(?6, attempts)");
     bindRules(statement, 1, rules);
     return statement.step();
 }
 
 std::vector<std::string> lastHashes(Database& database, const std::string& id, std::int64_t count)
 {
-    Statement statement(database, "SELECT hash FROM password WHERE user = ?1 "
+    Statement statement(database, "SELECT hash FROM password WHERE \"user\" = ?1 "
                                   "ORDER BY number DESC LIMIT ?2");
     statement.bind(1, id).bind(2, count);
     std::vector<std::string> hashes;
@@ -162,8 +165,9 @@ std::vector<std::string> lastHashes(Database& database, const std::string& id, s
 
 void addHash(Database& database, const std::string& id, const std::string& hash)
 {
-    Statement statement(database, "INSERT INTO password (user, number, hash) SELECT ?1, "
-                                  "ifnull(max(number), 0) + 1, ?2 FROM password WHERE user = ?1");
+    Statement statement(database,
+                        "INSERT INTO password (\"user\", number, hash) SELECT ?1, "
+                        "coalesce(max(number), 0) + 1, ?2 FROM password WHERE \"user\" = ?1");
     statement.bind(1, id).bind(2, hash);
     statement.step();
 }
@@ -179,7 +183,7 @@ std::optional<SystemState> stateOf(Database& database, const std::string& system
     statement.bind(1, system);
     if (!statement.step()) return std::nullopt;
     const std::optional<std::int64_t> code = statement.numberIfAny(1);
-    if (!code) throw DatabaseError(0, "there is no state \"" + statement.text(0) + "\"");
+    if (!code) throw DatabaseError("there is no state \"" + statement.text(0) + "\"");
     return SystemState{statement.text(0), static_cast<std::int32_t>(*code)};
 }
 

@@ -380,9 +380,10 @@ TEST(PriceList, HasAPriceInEachCurrencyForEveryArticle)
     const TestDatabase database;
     const orders::Orders prepared(database.name(), nullptr);
     ledger::Database asked(database.name());
-    ledger::Statement prices(asked, "SELECT count(*) FROM article, (SELECT DISTINCT currency "
-                                    "FROM price) AS c JOIN price ON price.article = number "
-                                    "AND price.currency = c.currency");
+    ledger::Statement prices(asked,
+                             "SELECT count(*) FROM article CROSS JOIN (SELECT DISTINCT currency "
+                             "FROM price) AS c JOIN price ON price.article = number "
+                             "AND price.currency = c.currency");
     ASSERT_TRUE(prices.step());
     EXPECT_EQ(81, prices.number(0));
 }

@@ -17,6 +17,7 @@
 #include "control/tables.h"
 #include "control/web.h"
 #include "database/database.h"
+#include "database/name.h"
 #include "journal/journal_line.h"
 #include "log/log_text.h"
 
@@ -370,7 +371,7 @@ private:
         json["kept"] = totals.kept;
         json["held"] = gateway_.heldCount();
         json["faults"] = gateway_.misbehavioursInForce().size();
-        json["database"] = orNull(settings_.database);
+        json["database"] = orNull(ledger::shownName(settings_.database));
         json["journal"] = orNull(settings_.journal);
         json["recordings"] = orNull(settings_.recordings);
         json["script"] = script_ == nullptr ? Json(nullptr)

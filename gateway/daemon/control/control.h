@@ -22,7 +22,7 @@ struct Settings {
     std::uint16_t port = 0;
     std::string token;                         // empty: none is asked for
     std::string version;                       // of the daemon
-    std::string database;                      // empty: there is none
+    std::string database;                      // may have a password; empty: there is none
     std::string journal;                       // empty: there is none
     std::string recordings;                    // folder that is replayed; empty: none
     std::vector<standin::SystemEntry> systems; // without a database

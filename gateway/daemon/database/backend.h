@@ -1,6 +1,6 @@
 // What a kind of database offers to database.h, which is what everybody else uses: a connection,
-// and statements on it. Statements are written as SQLite reads them, with parameters ?1, ?2, ..., in
-// words that the others know as well; what they say otherwise stands in one table of theirs.
+// and statements on it. Statements are written as SQLite reads them, with parameters ?1, ?2 and so
+// on, in words that the other kind knows as well; what it says otherwise stands in one table there.
 //
 // Thread: a connection and its statements are used by one thread at a time.
 #ifndef LEDGER_DATABASE_BACKEND_H
@@ -59,7 +59,7 @@ public:
     virtual bool isSlowToOpen() const = 0;
 };
 
-// One for each kind. Throws DatabaseError.
+// Throws DatabaseError; postgresql.h has the other one.
 std::unique_ptr<Backend> openSqlite(const std::string& file);
 
 } // namespace ledger

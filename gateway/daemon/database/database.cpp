@@ -1,12 +1,17 @@
 #include "database/database.h"
 
 #include "database/backend.h"
+#include "database/name.h"
+#include "database/postgresql.h"
 
 namespace ledger {
 
 // ---------------------------------------------------------------------------------------- Database
 
-Database::Database(const std::string& name) : backend_(openSqlite(name)) {}
+Database::Database(const std::string& name)
+    : backend_(isUrl(name) ? openPostgresql(name) : openSqlite(name))
+{
+}
 
 Database::~Database() = default;
 

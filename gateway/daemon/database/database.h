@@ -1,5 +1,5 @@
 // A database as this daemon uses it: one connection, statements with bound parameters, failures as
-// exceptions. It is a file of SQLite.
+// exceptions. It is a file of SQLite, or is at a server of PostgreSQL, as its name says.
 //
 // Thread: a connection and its statements are used by one thread at a time.
 #ifndef LEDGER_DATABASE_H
@@ -36,7 +36,8 @@ private:
 
 class Database {
 public:
-    // Opens the file for reading and writing, and creates it when it is not there.
+    // Opens the file for reading and writing, and creates it when it is not there; or connects to
+    // the server of the URL.
     explicit Database(const std::string& name);
     ~Database();
 

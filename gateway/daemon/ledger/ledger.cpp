@@ -15,6 +15,7 @@ using standin::UnitOfWork;
 namespace {
 
 const char* const kWrongLength = "ALEN"; // abend code
+constexpr std::size_t kMostIdle = 8;     // connections that wait for units of work
 
 Outcome refusal(const char* result, const std::string& message)
 {
@@ -76,13 +77,13 @@ Outcome carryOut(Database& database, const Question& question)
     return posting(database, question);
 }
 
-Ledger::Unit::Unit(const std::string& file)
-    : database(file), transaction(database, Transaction::Kind::Deferred)
+Ledger::Unit::Unit(std::unique_ptr<Database> theDatabase)
+    : database(std::move(theDatabase)), transaction(*database, Transaction::Kind::Deferred)
 {
 }
 
-Ledger::Ledger(std::string file, standin::LogSink log)
-    : file_(std::move(file)), log_(std::move(log)), own_(file_)
+Ledger::Ledger(std::string database, standin::LogSink log)
+    : name_(std::move(database)), log_(std::move(log)), own_(name_)
 {
     prepareLedger(own_);
 }
@@ -109,7 +110,7 @@ EciReply Ledger::answer(const standin::ProgramCall& call, const standin::Bytes& 
     const Question question = readQuestion(record);
     Outcome outcome;
     if (call.unitOfWork) {
-        outcome = carryOut(units_.at(call.unitOfWork->token)->database, question);
+        outcome = carryOut(*units_.at(call.unitOfWork->token)->database, question);
     } else {
         Transaction transaction(own_, Transaction::Kind::Deferred);
         outcome = carryOut(own_, question);
@@ -124,7 +125,7 @@ EciReply Ledger::answer(const standin::ProgramCall& call, const standin::Bytes& 
 std::int32_t Ledger::begin(const UnitOfWork& unitOfWork)
 {
     try {
-        units_[unitOfWork.token] = std::make_unique<Unit>(file_);
+        units_[unitOfWork.token] = std::make_unique<Unit>(connection());
         return standin::kServerOk;
     } catch (const DatabaseError& error) {
         units_.erase(unitOfWork.token);
@@ -148,10 +149,24 @@ void Ledger::backout(const UnitOfWork& unitOfWork)
     endUnit(unitOfWork.token);
 }
 
+// One that an earlier unit of work has left, or a new one.
+std::unique_ptr<Database> Ledger::connection()
+{
+    if (idle_.empty()) return std::make_unique<Database>(name_);
+    std::unique_ptr<Database> kept = std::move(idle_.back());
+    idle_.pop_back();
+    return kept;
+}
+
 // The log could not be put back into the file behind what the unit has read.
 void Ledger::endUnit(std::int32_t token)
 {
-    units_.erase(token);
+    const auto unit = units_.find(token);
+    if (unit == units_.end()) return;
+    std::unique_ptr<Database> database = std::move(unit->second->database);
+    units_.erase(unit);
+    if (database->isSlowToOpen() && idle_.size() < kMostIdle) idle_.push_back(std::move(database));
+    database.reset();
     own_.shortenLog();
 }
 

@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "database/database.h"
 #include "ledger/ledger_record.h"
@@ -25,8 +26,8 @@ namespace ledger {
 
 class Ledger final : public standin::Program {
 public:
-    // Opens the file, and makes the ledger in it when it is new. Throws DatabaseError.
-    Ledger(std::string file, standin::LogSink log);
+    // Opens the database, and makes the ledger in it when it is new. Throws DatabaseError.
+    Ledger(std::string database, standin::LogSink log);
 
     std::optional<standin::EciReply> call(const standin::ProgramCall& call) override;
     std::int32_t begin(const standin::UnitOfWork& unitOfWork) override;
@@ -37,20 +38,22 @@ private:
     // A unit of work: undone with its transaction when it is dropped. The order of the members
     // matters.
     struct Unit {
-        explicit Unit(const std::string& file);
+        explicit Unit(std::unique_ptr<Database> theDatabase);
 
-        Database database;
+        std::unique_ptr<Database> database;
         Transaction transaction;
     };
 
+    std::unique_ptr<Database> connection();
     void endUnit(std::int32_t token);
     standin::EciReply answer(const standin::ProgramCall& call, const standin::Bytes& record);
     std::int32_t vornRcFor(const DatabaseError& error, const std::string& what) const;
     void log(standin::LogLevel level, const std::string& line) const;
 
-    const std::string file_;
+    const std::string name_; // of the database
     standin::LogSink log_;
     Database own_;                                        // for calls in mode 0
+    std::vector<std::unique_ptr<Database>> idle_;         // for units of work to come
     std::map<std::int32_t, std::unique_ptr<Unit>> units_; // by token
 };
 

@@ -21,6 +21,7 @@
 
 #include "control/control.h"
 #include "control/guard.h"
+#include "database/name.h"
 #include "journal/check.h"
 #include "journal/journal.h"
 #include "ledger/ledger.h"
@@ -144,10 +145,8 @@ std::optional<DatabasePrograms> openDatabase(const Options& options, const Log& 
         return DatabasePrograms{std::make_shared<ledger::Ledger>(options.database, sinkInto(log)),
                                 std::make_shared<orders::Orders>(options.database, sinkInto(log))};
     } catch (const ledger::DatabaseError& error) {
-        log->error("cannot use the database {}: {}. Give a ledger, or a new file in a directory "
-                   "that may be "
-                   "written to, with --database.",
-                   options.database, error.what());
+        log->error("cannot use the database {}: {}. {}", ledger::shownName(options.database),
+                   error.what(), ledger::adviceFor(options.database));
         return std::nullopt;
     }
 }
@@ -193,7 +192,8 @@ std::variant<Registry, int> openRegistry(const Options& options, const Log& log)
     } catch (const registry::BadContent& error) {
         return complainAboutRegistry(options, log, error, daemon_options::kBadRegistry);
     } catch (const registry::DatabaseError& error) {
-        log->error("cannot fill the registry in {}: {}.", options.database, error.what());
+        log->error("cannot fill the registry in {}: {}.", ledger::shownName(options.database),
+                   error.what());
         return daemon_options::kBadDatabase;
     }
 }
@@ -516,7 +516,7 @@ int serve(const Options& options, const Log& log, const Signals& signals)
     }
     if (users != nullptr) serveFrom(users, worker, *gateway);
     log->info("programs: ECHO, ABEND, CHANECHO, CHANEDIT{}",
-              programs ? ", LEDGER and ORDERS on " + options.database
+              programs ? ", LEDGER and ORDERS on " + ledger::shownName(options.database)
                        : "; no LEDGER and ORDERS without --database");
     if (replay != nullptr) replay->serve(*gateway);
     if (script != nullptr) script->serve(*gateway, asideOf(worker, *gateway));

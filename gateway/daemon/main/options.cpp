@@ -4,11 +4,13 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 
 #include <CLI/CLI.hpp>
 
 #include "control/guard.h"
+#include "database/name.h"
 #include "main/config_file.h"
 
 namespace daemon_options {
@@ -23,6 +25,8 @@ Examples:
       Serves all programs on 127.0.0.1, port 5770.
   qpxgatewayd --port 5770 --database ledger.db --registry registry.toml
       Also verifies and changes the passwords of the users in registry.toml.
+  qpxgatewayd --port 5770 --database postgresql://gateway@db.example/ledger
+      Has accounts, prices and users in common with other daemons.
   qpxgatewayd --port-file port.txt
       Serves those that need no database on a free port, and writes its number
       to port.txt.
@@ -54,7 +58,7 @@ SIGHUP reads the script again.
 
 Exit codes:
   0  stopped by SIGINT or SIGTERM       3  cannot listen on the address
-  1  unforeseen failure                 4  cannot use the database file
+  1  unforeseen failure                 4  cannot use the database
   2  wrong option, or unknown key       5  cannot write the port file
      in a file                          6  cannot use the registry file
   7  cannot use the script              8  cannot open the journal
@@ -102,14 +106,6 @@ std::string complaintAboutEmptiness(const std::string& text)
 std::string complaintAboutHost(const std::string& text)
 {
     return text.empty() ? "the address is empty; 0.0.0.0 is every address of this machine" : "";
-}
-
-std::string complaintAboutDatabase(const std::string& text)
-{
-    if (text.empty()) return "the file has no name; leave the option out for no database";
-    if (text == ":memory:")
-        return "\":memory:\" is no file, and every unit of work opens the database anew";
-    return "";
 }
 
 std::string complaintAboutSystem(const std::string& text)
@@ -180,9 +176,10 @@ void declare(CLI::App& app, Options& options, RawOptions& raw)
     CLI::Option* const database =
         app.add_option("--database", options.database,
                        "SQLite file of the programs LEDGER and ORDERS and of the registry of users "
-                       "and systems, made when it is not there; without it there is none of them")
-            ->option_text("FILE")
-            ->check(CLI::Validator(complaintAboutDatabase, ""));
+                       "and systems, made when it is not there, or PostgreSQL's URL of a database, "
+                       "which several daemons share; without it there is none of them")
+            ->option_text("FILE|URL")
+            ->check(CLI::Validator(ledger::complaintAbout, ""));
     CLI::Option* const registry =
         app.add_option(
                "--registry", options.registry,
@@ -289,7 +286,10 @@ std::variant<Options, int> readOptions(int argc, const char* const* argv)
         app.exit(CLI::ValidationError("--record", refusal.what()));
         return kBadOptions;
     } catch (const CLI::ParseError& reason) {
-        return app.exit(reason) == 0 ? kStopped : kBadOptions;
+        std::ostringstream text;
+        const int code = app.exit(reason, text, text);
+        (code == 0 ? std::cout : std::cerr) << ledger::withoutPasswords(text.str());
+        return code == 0 ? kStopped : kBadOptions;
     }
     if (raw.listMisbehaviours) {
         printMisbehaviours();

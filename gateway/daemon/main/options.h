@@ -21,7 +21,7 @@ enum ExitCode {
     kBadOptions = 2,   // the command line or the configuration file is wrong, or the registry file
                        // has a key that nobody knows
     kCannotListen = 3, // the address or port cannot be had
-    kBadDatabase = 4,  // the database file cannot be used
+    kBadDatabase = 4,  // the database cannot be used
     kBadPortFile = 5,  // the port file cannot be written
     kBadRegistry = 6,  // the registry file cannot be used for another reason
     kBadScript = 7,    // the script cannot be used
@@ -49,7 +49,7 @@ struct Options {
     std::string host = "127.0.0.1";
     std::uint16_t port = 0;
     std::string portFile; // empty: none
-    std::string database; // empty: no LEDGER, no ORDERS and no registry
+    std::string database; // may have a password; empty: no LEDGER, no ORDERS and no registry
     std::string registry; // file that fills the registry; empty: none
     std::string journal;  // file for a line on every call, "-" for standard output; empty: none
     std::string script;   // file that says how calls are answered; empty: none

@@ -6,7 +6,7 @@ import re
 import socket
 import sqlite3
 import threading
-from typing import Dict, List, Optional
+from typing import Dict, Iterable, List, Optional
 
 import qpxclient
 from support import GENEROUS, RECIPES, Gateway, RecipeTest, recipe
@@ -294,8 +294,8 @@ class Teller:
     def _transfer(self, gateway: qpxclient.Connection) -> None:
         unit = gateway.unit_of_work()
         try:
-            for each in f"D  {self.account}", "C  ACC00001":
-                unit.call(LEDGER, f"{each}{1:012}".encode("ascii").ljust(80))
+            for each in self.postings():
+                unit.call(LEDGER, each)
         except qpxclient.ConnectionEnded:
             raise
         except qpxclient.Error as busy:
@@ -306,10 +306,23 @@ class Teller:
             unit.commit()
         except qpxclient.ConnectionEnded:
             self.in_doubt += 1
+            self.doubt()
             raise
+        self.acknowledged()
         with self._more:
             self.posted += 1
             self._more.notify_all()
+
+    def postings(self) -> Iterable[bytes]:
+        """Those of the next transfer."""
+        return [f"{each}{1:012}".encode("ascii").ljust(80)
+                for each in (f"D  {self.account}", "C  ACC00001")]
+
+    def acknowledged(self) -> None:
+        """The transfer is done."""
+
+    def doubt(self) -> None:
+        """Nobody knows of the transfer whether it is."""
 
 
 def dump(flow: str) -> bytes:

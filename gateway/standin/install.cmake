@@ -1,32 +1,27 @@
-# Where the stand-in is installed: the libraries and their packages beside the library, the native
-# ones in the folder of the system's own word size. The prefix may be given as late as to
-# "cmake --install", so what depends on it is written there.
+# Where the stand-in is installed: the libraries beside the library, the native ones in the folder of
+# the system's own word size. What pkg-config and CMake read is found as that of the library is,
+# whatever the word size. The prefix may be given as late as to "cmake --install", so what depends
+# on it is written there.
 
 # standin_install(<interface> <core> <bits> <folder under /usr> <folder elsewhere>)
 function(standin_install interface core bits folder_of_system folder)
-  set(QPX_STANDIN_BITS ${bits})
-  math(EXPR QPX_STANDIN_POINTER "${bits} / 8")
-  set(package ${CMAKE_CURRENT_BINARY_DIR}/package-${bits})
-  foreach(file qpxstandin-config.cmake qpxstandin-config-version.cmake qpxstandin.pc
-      qpxstandin-core.pc)
-    configure_file(package/${file}.in ${package}/${file}.in @ONLY)
-  endforeach()
   install(CODE "
-    set(standin_folder \"${folder}\")
+    set(QPX_STANDIN_BITS ${bits})
+    set(QPX_STANDIN_VERSION ${PROJECT_VERSION})
+    set(QPX_STANDIN_VERSION_MAJOR ${PROJECT_VERSION_MAJOR})
+    set(QPX_STANDIN_LIBDIR \"${folder}\")
     if(CMAKE_INSTALL_PREFIX MATCHES \"^/usr/?\$\")
-      set(standin_folder \"${folder_of_system}\")
+      set(QPX_STANDIN_LIBDIR \"${folder_of_system}\")
     endif()
-    set(standin_package \"${package}\")
-    set(standin_include \"${CMAKE_INSTALL_INCLUDEDIR}\")
-    include(\"${CMAKE_CURRENT_SOURCE_DIR}/package/write.cmake\")"
+    set(QPX_STANDIN_INCLUDEDIR \"${CMAKE_INSTALL_INCLUDEDIR}\")
+    set(QPX_STANDIN_DATADIR \"${CMAKE_INSTALL_DATADIR}\")
+    set(QPX_STANDIN_TEMPLATES \"${CMAKE_CURRENT_SOURCE_DIR}/package\")
+    set(QPX_STANDIN_SCRATCH \"${CMAKE_CURRENT_BINARY_DIR}/package-${bits}\")"
     COMPONENT standin)
-  install(TARGETS ${interface} LIBRARY DESTINATION "\${standin_folder}" COMPONENT standin)
-  install(FILES $<TARGET_FILE:${core}> DESTINATION "\${standin_folder}"
+  install(TARGETS ${interface} LIBRARY DESTINATION "\${QPX_STANDIN_LIBDIR}" COMPONENT standin)
+  install(FILES $<TARGET_FILE:${core}> DESTINATION "\${QPX_STANDIN_LIBDIR}"
     RENAME libqpxstandin-core.a COMPONENT standin)
-  install(FILES ${package}/qpxstandin-config.cmake ${package}/qpxstandin-config-version.cmake
-    DESTINATION "\${standin_folder}/cmake/qpxstandin" COMPONENT standin)
-  install(FILES ${package}/qpxstandin.pc ${package}/qpxstandin-core.pc
-    DESTINATION "\${standin_folder}/pkgconfig" COMPONENT standin)
+  install(SCRIPT package/write.cmake COMPONENT standin)
 endfunction()
 
 install(FILES include/standin.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT standin)

@@ -9,10 +9,10 @@ include(${CMAKE_CURRENT_LIST_DIR}/run.cmake)
 file(REMOVE_RECURSE ${BUILD})
 file(MAKE_DIRECTORY ${BUILD})
 
-# Options of one of the packages, without what the machine has installed.
-function(options_of package folder variable)
+# Options of some of the packages in a folder, without what the machine has installed.
+function(options_of packages folder variable)
   run(output ${CMAKE_COMMAND} -E env --unset=PKG_CONFIG_PATH
-    PKG_CONFIG_LIBDIR=${TREE}/${folder}/pkgconfig ${PKG_CONFIG} --cflags --libs ${package})
+    PKG_CONFIG_LIBDIR=${TREE}/${folder}/pkgconfig ${PKG_CONFIG} --cflags --libs ${packages})
   separate_arguments(output UNIX_COMMAND "${output}")
   set(${variable} "${output}" PARENT_SCOPE)
 endfunction()
@@ -29,24 +29,46 @@ function(test_with_cmake bits folder)
     -DCMAKE_C_COMPILER=${CC} -DCMAKE_CXX_COMPILER=${CXX}
     -DCMAKE_C_FLAGS=-m${bits} -DCMAKE_CXX_FLAGS=-m${bits} -DCMAKE_PREFIX_PATH=${TREE})
   file(STRINGS ${build}/CMakeCache.txt found REGEX "^qpxstandin_DIR:")
-  if(NOT found STREQUAL "qpxstandin_DIR:PATH=${TREE}/${folder}/cmake/qpxstandin")
+  if(NOT found STREQUAL "qpxstandin_DIR:PATH=${TREE}/lib/cmake/qpxstandin${bits}")
     message(FATAL_ERROR "with ${bits} bits CMake has found ${found}")
   endif()
   run(ignored ${CMAKE_COMMAND} --build ${build})
   run(ignored ${CMAKE_COMMAND} -E chdir ${build} ${CMAKE_CTEST_COMMAND} --output-on-failure)
 endfunction()
 
+# By the folder of the word size, and by a name that has it.
 function(test_with_pkg_config bits folder)
   set(run_it ${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${TREE}/${folder})
-  options_of(qpxstandin ${folder} options)
-  run(ignored ${CC} -m${bits} ${SOURCE}/in_c.c -o ${BUILD}/in_c-${bits} ${options})
-  run(output ${run_it} ${BUILD}/in_c-${bits} ${SOURCE}/answers.toml)
-  expect_output("${output}" "tested in C")
-  options_of("qpxstandin;qpxstandin-core" ${folder} options)
-  run(ignored ${CXX} -m${bits} -std=c++17 ${SOURCE}/in_cpp.cpp -o ${BUILD}/in_cpp-${bits}
-    ${options})
-  run(output ${run_it} ${BUILD}/in_cpp-${bits})
-  expect_output("${output}" "tested in C++")
+  foreach(place ${folder}= share=${bits})
+    string(REGEX REPLACE "=.*" "" packages ${place})
+    string(REGEX REPLACE ".*=" "" suffix ${place})
+    options_of(qpxstandin${suffix} ${packages} options)
+    run(ignored ${CC} ${SOURCE}/in_c.c -o ${BUILD}/in_c-${bits} ${options})
+    run(output ${run_it} ${BUILD}/in_c-${bits} ${SOURCE}/answers.toml)
+    expect_output("${output}" "tested in C")
+    options_of("qpxstandin${suffix};qpxstandin-core${suffix}" ${packages} options)
+    run(ignored ${CXX} -std=c++17 ${SOURCE}/in_cpp.cpp -o ${BUILD}/in_cpp-${bits} ${options})
+    run(output ${run_it} ${BUILD}/in_cpp-${bits})
+    expect_output("${output}" "tested in C++")
+  endforeach()
+endfunction()
+
+# A project of a word size that is not there is told what to do.
+function(test_wrong_word_size bits)
+  math(EXPR other "96 - ${bits}")
+  set(build ${BUILD}/wrong-${bits})
+  execute_process(COMMAND ${CMAKE_COMMAND} -S ${SOURCE} -B ${build} -G ${GENERATOR}
+    -DCMAKE_C_COMPILER=${CC} -DCMAKE_CXX_COMPILER=${CXX}
+    -DCMAKE_C_FLAGS=-m${other} -DCMAKE_CXX_FLAGS=-m${other}
+    -Dqpxstandin_DIR=${TREE}/lib/cmake/qpxstandin${bits}
+    OUTPUT_VARIABLE output ERROR_VARIABLE output RESULT_VARIABLE result)
+  string(REGEX REPLACE "[ \n]+" " " output "${output}")
+  set(advice "for programs of ${bits} bits, and this one is compiled for ${other}: compile it with \
+-m${bits}")
+  string(FIND "${output}" "${advice}" place)
+  if(result EQUAL 0 OR place EQUAL -1)
+    message(FATAL_ERROR "with ${other} bits nobody is told \"${advice}\":\n${output}")
+  endif()
 endfunction()
 
 # The C interface exports what its header declares, and nothing else.
@@ -94,6 +116,7 @@ foreach(size IN LISTS SIZES)
   test_with_cmake(${bits} ${folder})
   test_with_pkg_config(${bits} ${folder})
   test_exports(${folder})
+  test_wrong_word_size(${bits})
   if(size STREQUAL first)
     test_document(${bits} ${folder})
   endif()

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+#include <sys/un.h>
+
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -28,6 +31,36 @@ std::string contentOf(const std::string& file)
     content << std::ifstream(file).rdbuf();
     return content.str();
 }
+
+// Where a service manager listens to what its services tell.
+class ServiceManager {
+public:
+    explicit ServiceManager(const std::string& file)
+        : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        file.copy(address.sun_path, sizeof address.sun_path - 1);
+        if (::bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+            throw std::system_error(errno, std::generic_category(), file);
+    }
+
+    ~ServiceManager() { ::close(socket_); }
+
+    ServiceManager(const ServiceManager&) = delete;
+    ServiceManager& operator=(const ServiceManager&) = delete;
+
+    // What has been told by now, once; "" for nothing.
+    std::string told() const
+    {
+        char text[64];
+        const ssize_t length = ::recv(socket_, text, sizeof text, MSG_DONTWAIT);
+        return {text, length > 0 ? static_cast<std::size_t>(length) : 0};
+    }
+
+private:
+    const int socket_;
+};
 
 } // namespace
 
@@ -342,6 +375,37 @@ TEST(DaemonService, WritesThePortToAFileAndTakesItAwayAtTheEnd)
     EXPECT_TRUE(Client(port).shakeHands());
     EXPECT_EQ(0, daemon.stop());
     EXPECT_FALSE(std::filesystem::exists(file));
+}
+
+TEST(DaemonService, TellsTheServiceManagerWhenItServesAndItsProgramsNothingOfIt)
+{
+    const TemporaryDirectory directory;
+    const std::string script = directory.file("answers.toml");
+    std::ofstream(script) << "[[on]]\nprogram = \"VARIABLE\"\n"
+                             "answer = { exec = [\"./program\"] }\n";
+    std::ofstream(directory.file("program"))
+        << "#!/bin/sh\nread call\necho \"{\\\"commarea\\\":\\\"${NOTIFY_SOCKET-none}\\\"}\"\n";
+    std::filesystem::permissions(directory.file("program"), std::filesystem::perms::owner_all);
+    const ServiceManager manager(directory.file("manager"));
+
+    Daemon daemon({"--script", script}, "export NOTIFY_SOCKET=" + directory.file("manager"));
+    Client client(daemon.port());
+    EXPECT_EQ("READY=1", manager.told());
+    ASSERT_TRUE(client.shakeHands());
+    Call call;
+    call.program = "VARIABLE";
+    call.commarea = "????";
+    EXPECT_EQ("none", client.call(1, call).commarea);
+    EXPECT_EQ(0, daemon.stop());
+}
+
+TEST(DaemonService, ServesWhereTheServiceManagerCannotBeTold)
+{
+    const TemporaryDirectory directory;
+    Daemon daemon({}, "export NOTIFY_SOCKET=" + directory.file("nobody"));
+    EXPECT_TRUE(Client(daemon.port()).shakeHands());
+    EXPECT_TRUE(daemon.wrote("the service manager cannot be told")) << daemon.output();
+    EXPECT_EQ(0, daemon.stop());
 }
 
 TEST(DaemonService, LeavesThePortFileOfAnotherAlone)

@@ -28,6 +28,7 @@
 #include "log/line_writer.h"
 #include "main/options.h"
 #include "main/port_file.h"
+#include "main/service_manager.h"
 #include "orders/orders.h"
 #include "record/relay.h"
 #include "registry/registry.h"
@@ -44,6 +45,7 @@ namespace {
 
 using daemon_options::Options;
 using daemon_options::PortFile;
+using daemon_options::ServiceManager;
 using Log = std::shared_ptr<spdlog::logger>;
 using Registry = std::shared_ptr<registry::Registry>;
 
@@ -400,8 +402,15 @@ void warnOfMisbehaviours(const Options& options, const Log& log)
         log->warn("misbehaving on purpose: {}", standin::nameOf(selected.misbehaviour.fault));
 }
 
+void tellReady(const ServiceManager& manager, const Log& log)
+{
+    if (!manager.tellReady()) log->warn("the service manager cannot be told that this is ready");
+    log->info("ready");
+}
+
 // Passes on and records, until SIGINT or SIGTERM has come.
-int relay(const Options& options, const Log& log, const Signals& signals)
+int relay(const Options& options, const Log& log, const Signals& signals,
+          const ServiceManager& manager)
 {
     PortFile portFile(options.portFile);
     takeDescriptors();
@@ -412,7 +421,7 @@ int relay(const Options& options, const Log& log, const Signals& signals)
         record::Relay relay(relayOptions);
         if (!portFile.write(relay.port())) return complainAboutPortFile(options, log);
         warnOfMisbehaviours(options, log);
-        log->info("ready");
+        tellReady(manager, log);
         int signal = signals.wait();
         for (; signal != SIGINT && signal != SIGTERM; signal = signals.wait()) {
             if (signal == SIGUSR1) log->info("released {} held answers", relay.release());
@@ -477,7 +486,8 @@ int printSkeleton(const std::string& folder)
     return daemon_options::kBadFolder;
 }
 
-int serve(const Options& options, const Log& log, const Signals& signals)
+int serve(const Options& options, const Log& log, const Signals& signals,
+          const ServiceManager& manager)
 {
     PortFile portFile(options.portFile);
     std::optional<DatabasePrograms> programs;
@@ -533,7 +543,7 @@ int serve(const Options& options, const Log& log, const Signals& signals)
     if (!portFile.write(gateway->port())) return complainAboutPortFile(options, log);
 
     if (scenario != nullptr) scenario->start(*gateway);
-    log->info("ready");
+    tellReady(manager, log);
     waitForTheEnd(*gateway, script.get(), log, signals);
     control.reset();
     if (script != nullptr) script->abandon();
@@ -552,12 +562,13 @@ int main(int argc, char** argv)
             return journal::check({argv + 2, argv + argc}, std::cout, std::cerr);
         const std::variant<Options, int> read = daemon_options::readOptions(argc, argv);
         if (const int* const code = std::get_if<int>(&read)) return *code;
+        const ServiceManager manager;
         const Signals signals;
         const Options& options = std::get<Options>(read);
         if (!options.recordScript.empty()) return printSkeleton(options.recordScript);
         const Log log = openLog(options.logLevel);
-        if (!options.record.folder.empty()) return relay(options, log, signals);
-        return serve(options, log, signals);
+        if (!options.record.folder.empty()) return relay(options, log, signals, manager);
+        return serve(options, log, signals, manager);
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "qpxgatewayd: %s\n", failure.what());
         return daemon_options::kFailed;

@@ -1,97 +1,60 @@
 /*
- * change_password.c - verifies a user's password at a server, and changes it if a second one is
- * there.
- *
- * Passwords are read from standard input, one to a line, never from the command line, where others
- * could see them. They do show where they are typed; demo-programs/password.c asks without that.
+ * change_password.c - verifies a user's password, and changes it if a second one is there: lines of
+ * standard input, never of the command line, where others could see them. They do show where they
+ * are typed; demo-programs/password.c asks without that.
  *
  *     change_password USER [HOST [PORT]]
  */
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
 #include <time.h>
 
+#include "example.h"
 #include "qpxclient_esi.h"
 
 #define PASSWORD_SIZE 64
 
-static int complain(const char* what, int rc)
+static char current[PASSWORD_SIZE], changed[PASSWORD_SIZE];
+
+/* Reads a line without its end, LF or CR LF. */
+static char* read_password(char password[PASSWORD_SIZE])
 {
-    char name[QPX_RC_STRING_SIZE];
-
-    fprintf(stderr, "%s: %s (%d)\n", what, QPX_getRcString(rc, name), rc);
-    return rc;
-}
-
-/* Reads a line without its end, LF or CR LF; 0 if there is none. */
-static int read_password(char password[PASSWORD_SIZE])
-{
-    size_t length;
-
-    if (fgets(password, PASSWORD_SIZE, stdin) == NULL) return 0;
-    length = strlen(password);
-    if (length > 0 && password[length - 1] == '\n') password[--length] = '\0';
-    if (length > 0 && password[length - 1] == '\r') password[--length] = '\0';
-    return length > 0;
+    if (fgets(password, PASSWORD_SIZE, stdin) == NULL) return NULL;
+    password[strcspn(password, "\r\n")] = '\0';
+    return *password == '\0' ? NULL : password;
 }
 
 /* Overwrites a password in a way that no compiler leaves out. */
-static void wipe(char password[PASSWORD_SIZE])
+static void wipe(volatile char* password)
 {
-    volatile char* at = password;
-    int i;
-
-    for (i = 0; i < PASSWORD_SIZE; ++i) at[i] = '\0';
-}
-
-static void show(const char* user, const ESI_DETAILS* details)
-{
-    struct tm expiry;
-    char text[32] = "never";
-
-    QPX_ESI_convertTime(&details->expiryTime, &expiry);
-    if (details->expiryTime.year != 0) strftime(text, sizeof text, "%Y-%m-%d", &expiry);
-    printf("%s: expires %s, wrong attempts %d\n", user, text, details->invalidCount);
-}
-
-/* The server that is asked is the Gateway's default. */
-static int run(QPX_ConnToken_t gateway, const char* user, const char* current, const char* changed)
-{
-    ESI_DETAILS details;
-    int rc = changed == NULL
-                 ? QPX_ESI_verifyPassword(gateway, user, current, NULL, &details)
-                 : QPX_ESI_changePassword(gateway, user, current, changed, NULL, &details);
-
-    if (rc != QPX_OK) return complain(changed == NULL ? "verify" : "change", rc);
-    show(user, &details);
-    return rc;
+    for (int i = 0; i < PASSWORD_SIZE; ++i) password[i] = '\0';
 }
 
 int main(int argc, char** argv)
 {
     QPX_ConnToken_t gateway = NULL;
-    char current[PASSWORD_SIZE] = "", changed[PASSWORD_SIZE] = "";
-    int is_change, rc;
+    ESI_DETAILS details;
+    struct tm expiry;
+    char text[32] = "never", *second;
+    int rc;
 
     setvbuf(stdin, NULL, _IONBF, 0); /* no second copy of them */
-    if (argc < 2 || !read_password(current)) {
-        fprintf(stderr,
-                "change_password USER [HOST [PORT]], with the password on standard input\n");
+    if (argc < 2 || read_password(current) == NULL) {
+        fprintf(stderr, "change_password USER [HOST [PORT]], the password on standard input\n");
         return 2;
     }
-    is_change = read_password(changed);
-    rc = QPX_openRemoteGatewayConnection(argc > 2 ? argv[2] : "127.0.0.1",
-                                         argc > 3 ? atoi(argv[3]) : 5770, &gateway, 30);
-    if (rc == QPX_OK) {
-        rc = run(gateway, argv[1], current, is_change ? changed : NULL);
-        QPX_closeGatewayConnection(&gateway);
-    } else {
-        complain("open", rc);
+    second = read_password(changed);
+    rc = open_gateway(argc - 1, argv + 1, &gateway);
+    if (rc == QPX_OK) { /* NULL: at the Gateway's default server */
+        rc = second == NULL
+                 ? QPX_ESI_verifyPassword(gateway, argv[1], current, NULL, &details)
+                 : QPX_ESI_changePassword(gateway, argv[1], current, second, NULL, &details);
+        if (rc != QPX_OK) complain(second == NULL ? "verify" : "change", rc);
     }
+    close_gateway(&gateway);
     wipe(current);
     wipe(changed);
-    if (fflush(stdout) == 0 && !ferror(stdout)) return rc != QPX_OK;
-    fprintf(stderr, "cannot write to standard output\n");
-    return 1;
+    if (rc != QPX_OK) return end_with(rc);
+    QPX_ESI_convertTime(&details.expiryTime, &expiry);
+    if (details.expiryTime.year != 0) strftime(text, sizeof text, "%Y-%m-%d", &expiry);
+    printf("%s: expires %s, wrong attempts %d\n", argv[1], text, details.invalidCount);
+    return end_with(rc);
 }

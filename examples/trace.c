@@ -6,20 +6,9 @@
  * The environment does the same for a whole program, without a change to it:
  * QPX_CLIENT_TRACE_LEVEL=4 QPX_CLIENT_TRACE_FILE=FILE.
  */
-#include <stdio.h>
-#include <stdlib.h>
-
-#include "qpxclient.h"
+#include "example.h"
 
 #define ROOM 16
-
-static int complain(const char* what, int rc)
-{
-    char name[QPX_RC_STRING_SIZE];
-
-    fprintf(stderr, "%s: %s (%d)\n", what, QPX_getRcString(rc, name), rc);
-    return rc;
-}
 
 /* Both texts are printed no further than their fields reach. */
 static int list(QPX_ConnToken_t gateway)
@@ -51,17 +40,13 @@ int main(int argc, char** argv)
         fprintf(stderr, "trace FILE [HOST [PORT]]\n");
         return 2;
     }
-    rc = QPX_openRemoteGatewayConnection(argc > 2 ? argv[2] : "127.0.0.1",
-                                         argc > 3 ? atoi(argv[3]) : 5770, &gateway, 30);
-    if (rc != QPX_OK) return complain("open", rc) != QPX_OK;
+    if (open_gateway(argc - 1, argv + 1, &gateway) != QPX_OK) return 1;
 
     rc = QPX_setAPITraceFile(argv[1]);
     if (rc == QPX_OK) rc = QPX_setAPITraceLevel(4);
     if (rc != QPX_OK) complain("trace", rc);
     if (rc == QPX_OK) rc = list(gateway);
     QPX_setAPITraceLevel(0);
-    QPX_closeGatewayConnection(&gateway);
-    if (fflush(stdout) == 0 && !ferror(stdout)) return rc != QPX_OK;
-    fprintf(stderr, "cannot write to standard output\n");
-    return 1;
+    close_gateway(&gateway);
+    return end_with(rc);
 }

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -120,6 +122,22 @@ TEST_F(DaemonScript, StaysInForceWhenTheNextOneIsWrong)
     write(answering("three"));
     ASSERT_TRUE(daemon.awaitOutput("is read again"));
     EXPECT_EQ("three", ask(client));
+}
+
+// Nobody writes to the pipe: whoever reads it would wait for ever, at the end of the daemon, too.
+TEST_F(DaemonScript, StaysInForceWhenAPipeTakesItsPlace)
+{
+    write(answering("one"));
+    Daemon daemon({"--script", file});
+    Client client(daemon.port());
+    ASSERT_TRUE(client.shakeHands());
+    ASSERT_EQ(0, ::mkfifo(directory.file("pipe").c_str(), 0600));
+    ASSERT_EQ(0, std::rename(directory.file("pipe").c_str(), file.c_str()));
+    ASSERT_TRUE(daemon.awaitOutput("script " + file +
+                                   ": it is a pipe, which is read at the start only. The one that "
+                                   "was read before stays in force.\n"))
+        << daemon.output();
+    EXPECT_EQ("one", ask(client));
 }
 
 TEST_F(DaemonScript, BeginsItsCountsAnewWhenItIsReadAgain)

@@ -120,9 +120,10 @@ struct Relay::Impl {
 
     std::size_t release()
     {
-        std::promise<std::size_t> released;
-        asio::post(context, [&] { released.set_value(misbehaving.release()); });
-        return released.get_future().get();
+        std::packaged_task<std::size_t()> release([this] { return misbehaving.release(); });
+        std::future<std::size_t> released = release.get_future();
+        asio::post(context, [&release] { release(); });
+        return released.get();
     }
 
     void stop()

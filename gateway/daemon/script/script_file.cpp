@@ -15,6 +15,15 @@ using standin::LogLevel;
 
 namespace {
 
+// A pipe may be a script at the start. Later nobody need be there who writes to it, and whoever reads
+// would wait for that, even at the end.
+void expectNoPipe(const std::string& file)
+{
+    std::error_code unknown;
+    if (std::filesystem::is_fifo(file, unknown))
+        throw conf::Unreadable("it is a pipe, which is read at the start only");
+}
+
 std::string countOf(std::size_t count)
 {
     return std::to_string(count) + (count == 1 ? " [[on]]" : " [[on]]s");
@@ -67,6 +76,7 @@ std::string ScriptFile::reload()
 {
     const std::lock_guard<std::mutex> guard(lock_);
     try {
+        expectNoPipe(file_);
         std::shared_ptr<const Script> script = read(file_);
         const std::string count = countOf(script->rules.size());
         if (!putInForce(std::move(script))) return {};
@@ -99,18 +109,22 @@ void ScriptFile::load(const std::string& file)
 ScriptFile::State ScriptFile::state()
 {
     const std::lock_guard<std::mutex> guard(lock_);
-    std::promise<std::vector<Answers::RuleState>> rules;
+    std::packaged_task<std::vector<Answers::RuleState>()> rules(
+        [this] { return answers_->state(); });
+    std::future<std::vector<Answers::RuleState>> found = rules.get_future();
     State state{file_, problem_, {}};
-    if (way_([&] { rules.set_value(answers_->state()); })) state.rules = rules.get_future().get();
+    if (way_([&rules] { rules(); })) state.rules = found.get();
     return state;
 }
 
 // False when the Gateway has stopped.
 bool ScriptFile::putInForce(std::shared_ptr<const Script> script)
 {
-    std::promise<std::shared_ptr<const Script>> before;
-    const bool isTaken = way_([&] { before.set_value(answers_->replace(std::move(script))); });
-    if (isTaken) dispose(before.get_future().get());
+    std::packaged_task<std::shared_ptr<const Script>()> replace(
+        [&] { return answers_->replace(std::move(script)); });
+    std::future<std::shared_ptr<const Script>> before = replace.get_future();
+    const bool isTaken = way_([&replace] { replace(); });
+    if (isTaken) dispose(before.get());
     return isTaken;
 }
 

@@ -263,6 +263,16 @@ namespace {
 
 class DaemonAtTheServer : public testing::Test {
 protected:
+    // The server stays when a case is run again.
+    void TearDown() override
+    {
+        for (const char* const what :
+             {"DATABASE IF EXISTS latin WITH (FORCE)", "DATABASE IF EXISTS accounts WITH (FORCE)",
+              "ROLE IF EXISTS secretive", "ROLE IF EXISTS poor"}) {
+            server.run(std::string("DROP ") + what);
+        }
+    }
+
     void expectRefusal(const std::string& url, int code, const std::string& complaint)
     {
         Daemon daemon({"--port-file", "/nonexistent/port", "--database", url});
@@ -270,6 +280,8 @@ protected:
         EXPECT_TRUE(daemon.wrote(complaint)) << daemon.output();
         EXPECT_FALSE(daemon.wrote("Hidden7")) << daemon.output();
     }
+
+    const Session server{urlAt("postgres")};
 };
 
 } // namespace
@@ -303,7 +315,7 @@ TEST_F(DaemonAtTheServer, SaysThatADatabaseIsMissing)
 
 TEST_F(DaemonAtTheServer, SaysThatTheEncodingIsAnother)
 {
-    Session(urlAt("postgres")).run("CREATE DATABASE latin ENCODING 'SQL_ASCII' TEMPLATE template0");
+    server.run("CREATE DATABASE latin ENCODING 'SQL_ASCII' TEMPLATE template0");
     expectRefusal(urlAt("latin"), 4,
                   "cannot use the database postgresql:///latin: its encoding is "
                   "not UTF8");
@@ -311,7 +323,7 @@ TEST_F(DaemonAtTheServer, SaysThatTheEncodingIsAnother)
 
 TEST_F(DaemonAtTheServer, SaysThatItMayMakeNoTables)
 {
-    Session(urlAt("postgres")).run("CREATE ROLE poor LOGIN");
+    server.run("CREATE ROLE poor LOGIN");
     expectRefusal(urlAt("postgres", "&user=poor&password=Hidden7"), 4,
                   "cannot use the database postgresql:///postgres: permission denied for schema "
                   "public. See that");
@@ -319,9 +331,8 @@ TEST_F(DaemonAtTheServer, SaysThatItMayMakeNoTables)
 
 TEST_F(DaemonAtTheServer, ShowsThePasswordToNobody)
 {
-    const Session session(urlAt("postgres"));
-    session.run("CREATE ROLE secretive LOGIN PASSWORD 'Hidden7'");
-    session.run("CREATE DATABASE accounts OWNER secretive");
+    server.run("CREATE ROLE secretive LOGIN PASSWORD 'Hidden7'");
+    server.run("CREATE DATABASE accounts OWNER secretive");
     std::string url = urlAt("accounts", "&user=secretive");
     expectRefusal(url, 4, "fe_sendauth: no password supplied");
     expectRefusal(url + "&password=Hidden77", 4, "password authentication failed");
@@ -339,12 +350,12 @@ TEST_F(DaemonAtTheServer, ShowsThePasswordToNobody)
     EXPECT_EQ("00", client.call(1, call).commarea.substr(1, 2));
     EXPECT_TRUE(daemon.wrote("LEDGER and ORDERS on postgresql://secretive@/accounts"))
         << daemon.output();
-    session.run("SELECT pg_terminate_backend(pid, 60000) FROM pg_stat_activity "
-                "WHERE usename = 'secretive'");
+    server.run("SELECT pg_terminate_backend(pid, 60000) FROM pg_stat_activity "
+               "WHERE usename = 'secretive'");
     EXPECT_EQ(0, client.call(1, call).vornRc);
-    session.run("ALTER DATABASE accounts ALLOW_CONNECTIONS false");
-    session.run("SELECT pg_terminate_backend(pid, 60000) FROM pg_stat_activity "
-                "WHERE usename = 'secretive'");
+    server.run("ALTER DATABASE accounts ALLOW_CONNECTIONS false");
+    server.run("SELECT pg_terminate_backend(pid, 60000) FROM pg_stat_activity "
+               "WHERE usename = 'secretive'");
     EXPECT_EQ(-9, client.call(1, call).vornRc);
 
     const std::string mark = "control on http://127.0.0.1:";

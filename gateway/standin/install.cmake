@@ -1,5 +1,5 @@
-# Where the stand-in is installed: the libraries beside the library, the native ones in the folder of
-# the system's own word size. What pkg-config and CMake read is found as that of the library is,
+# Where the stand-in is installed: the libraries beside the library, the native ones in the folder
+# of the system's own word size. What pkg-config and CMake read is found as that of the library is,
 # whatever the word size. The prefix may be given as late as to "cmake --install", so what depends
 # on it is written there.
 

@@ -328,7 +328,7 @@ class Teller:
 def dump(flow: str) -> bytes:
     """The bytes of a flow, as docs/protocol.md shows them."""
     page = (RECIPES.parent / "docs" / "protocol.md").read_text()
-    shown = re.search(rf"^### {flow}$.*?^```\n(.*?)^```", page, re.DOTALL | re.MULTILINE)
+    shown = re.search(rf"^### {flow}$.*?^```text\n(.*?)^```", page, re.DOTALL | re.MULTILINE)
     assert shown is not None
     return bytes.fromhex("".join(line[6:53] for line in shown.group(1).splitlines()))
 

@@ -4,6 +4,10 @@
 
 #include <future>
 #include <memory>
+#include <new>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "client.h"
 #include "standin/gateway.h"
@@ -45,15 +49,35 @@ protected:
         ASSERT_TRUE(asking.send(eciRequest(messageId, call)));
     }
 
+    struct Request {
+        int messageId;
+        const char* program;
+    };
+
+    static Bytes together(const std::vector<Request>& requests)
+    {
+        Bytes all;
+        for (const Request& request : requests) {
+            Call call;
+            call.program = request.program;
+            const Bytes one = eciRequest(request.messageId, call);
+            all.insert(all.end(), one.begin(), one.end());
+        }
+        return all;
+    }
+
+    // All in one segment.
+    void askTogether(const std::vector<Request>& requests)
+    {
+        ASSERT_TRUE(client.send(together(requests)));
+    }
+
     // Requests 1 to `count` in one segment.
     void askTogether(int count)
     {
-        Bytes together;
-        for (int id = 1; id <= count; ++id) {
-            const Bytes one = eciRequest(id, Call());
-            together.insert(together.end(), one.begin(), one.end());
-        }
-        ASSERT_TRUE(client.send(together));
+        std::vector<Request> requests;
+        for (int id = 1; id <= count; ++id) requests.push_back({id, "ECHO"});
+        askTogether(requests);
     }
 
     const std::shared_ptr<ManualClock> clock = std::make_shared<ManualClock>();
@@ -390,6 +414,77 @@ TEST_F(ConnectionFaults, DropComesBehindTheAnswersInFrontOfIt)
     EXPECT_EQ(1, client.read().value().messageId);
     EXPECT_EQ(2, client.read().value().messageId);
     EXPECT_TRUE(client.endsInOrder());
+}
+
+TEST_F(ConnectionFaults, ResetByAProgramComesBehindTheAnswersInFrontOfIt)
+{
+    gateway.setReply("RESET", [&](const EciRequest& request) {
+        gateway.resetConnection();
+        return EciReply::to(request);
+    });
+    ASSERT_TRUE(client.shakeHands());
+    askTogether({{1, "ECHO"}, {2, "ECHO"}, {3, "RESET"}});
+    EXPECT_EQ(1, client.read().value().messageId);
+    EXPECT_EQ(2, client.read().value().messageId);
+    EXPECT_FALSE(client.endsInOrder());
+}
+
+// An allocation that fails is played by a log that throws.
+TEST_F(ConnectionFaults, FailureComesBehindTheAnswersInFrontOfIt)
+{
+    GatewayOptions options;
+    options.log = [](LogLevel, const std::string& line) {
+        if (line.find("connection 1: request 3") == 0) throw std::bad_alloc();
+    };
+    Gateway failing(options);
+    Client asking(failing.port());
+    ASSERT_TRUE(asking.shakeHands());
+    ASSERT_TRUE(asking.send(together({{1, "ECHO"}, {2, "ECHO"}, {3, "ECHO"}})));
+    EXPECT_EQ(1, asking.read().value().messageId);
+    EXPECT_EQ(2, asking.read().value().messageId);
+    EXPECT_FALSE(asking.endsInOrder());
+}
+
+// The answers are released at the very moment at which a late one may go, and before it has gone.
+class AnswersReleasedInTime : public ConnectionFaults {
+protected:
+    void SetUp() override
+    {
+        misbehave("latency=1000@message:1");
+        misbehave("hold@message:2");
+        gateway.after(1s, [&] { gateway.release(); });
+        ASSERT_TRUE(client.shakeHands());
+    }
+};
+
+TEST_F(AnswersReleasedInTime, StayTogetherWhenTheyEndACongestion)
+{
+    constexpr std::size_t kMuch = 4 * 1024 * 1024 + 1;
+    misbehave("duplicate@message:2");
+    gateway.setRawReply([](const ReceivedRequest& request) {
+        const int id = request.header.messageId;
+        return standin_test::flow(3, id, "ECI", Bytes(id == 1 ? kMuch : 0));
+    });
+    askTogether({{2, "ECHO"}, {1, "ECHO"}, {3, "ECHO"}});
+    ASSERT_TRUE(clock->awaitTasks(2));
+    clock->advance(1s);
+    for (const int id : {1, 2, 2, 3}) EXPECT_EQ(id, client.read().value().messageId);
+}
+
+TEST_F(AnswersReleasedInTime, GoOutAllWhenTheClientHasClosedItsSide)
+{
+    misbehave("ping@message:2");
+    askTogether({{2, "ECHO"}, {1, "ECHO"}});
+    ASSERT_TRUE(clock->awaitTasks(2));
+    ASSERT_TRUE(client.send({'G'}));
+    client.closeSending();
+    ASSERT_TRUE(gateway.awaitFindings());
+    clock->advance(1s);
+    EXPECT_EQ(1, client.read().value().messageId);
+    EXPECT_EQ(7, client.read().value().flowType);
+    const std::optional<standin_test::Received> last = client.read();
+    ASSERT_TRUE(last);
+    EXPECT_EQ(2, last->messageId);
 }
 
 // ---------------------------------------------------------------------------- silent, half a side

@@ -432,10 +432,7 @@ void Server::end(Session& session, Answer::Then then)
     if (then == Answer::Then::FallSilent) session.fallSilent();
     if (then == Answer::Then::HalfClose) session.halfClose();
     if (then == Answer::Then::Drop) session.drop();
-    if (then == Answer::Then::Reset) {
-        session.sendGathered();
-        session.reset();
-    }
+    if (then == Answer::Then::Reset) session.reset();
 }
 
 // ---------------------------------------------------------------------------------------- requests

@@ -153,11 +153,14 @@ private:
 // Answers to flows that came together go together, unless they are many.
 void Session::takeFlows()
 {
-    {
+    try {
         const Gathering gathering(*this);
         while (mayRead() && !unread_.empty() && takeOneFlow()) {
             if (outgoing_.size() >= kMostAtOnce) sendGathered();
         }
+    } catch (...) {
+        sendWhatMay(); // the answers in front of what has failed
+        throw;
     }
     sendWhatMay();
 }
@@ -242,16 +245,17 @@ void Session::sendWhatMay()
 
 void Session::sendGathered()
 {
-    const bool before = std::exchange(gathering_, false);
+    if (!std::exchange(gathering_, false)) return;
     sendWhatMay();
-    gathering_ = before;
+    gathering_ = true;
 }
 
-// A flow in a manner of its own takes its turn among all that the loop has to do.
+// A flow in a manner of its own takes its turn among all that the loop has to do. So does what may
+// end the session or a congestion, since neither is to happen to a caller between two flows.
 void Session::sendPiece()
 {
     const Piece piece = nextPiece();
-    if (piece.isPlain) {
+    if (piece.isPlain && !congested_ && !leaving_) {
         asio::error_code problem; // the call below meets it again, and the loop tells of it
         const std::size_t count = socket_.write_some(piece, problem);
         if (!problem) return onPieceSent(count);
@@ -465,6 +469,7 @@ void Session::discardUnread()
 void Session::reset()
 {
     if (ended_) return;
+    sendGathered();
     asio::error_code ignored;
     socket_.set_option(asio::socket_base::linger(true, 0), ignored);
     end(Ending::Reset);

@@ -95,7 +95,8 @@ public:
     // Closes the connection in order, behind what is under way.
     void drop();
 
-    // Closes the connection at once with a reset.
+    // Closes the connection at once with a reset. Only what would wait for the answers to the flows
+    // that came with its own still goes out.
     void reset();
 
     // Closes the connection at once, without caring for what is under way.
@@ -103,9 +104,6 @@ public:
 
     // Closes its own side behind what is under way, and reads on; nothing more is sent.
     void halfClose();
-
-    // Sends what would wait for the answers to the flows that came with its own.
-    void sendGathered();
 
     // Nothing more is sent from now on.
     void fallSilent() { silent_ = true; }
@@ -156,6 +154,7 @@ private:
     Piece nextPiece();
     void add(Piece& piece, Outgoing& flow, std::size_t size);
     void sendWhatMay();
+    void sendGathered(); // what waits for the answers to the flows that came with its own
     void sendPiece();
     void onPieceSent(std::size_t count);
     std::size_t takeSent(std::size_t count);

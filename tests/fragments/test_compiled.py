@@ -6,7 +6,7 @@ import re
 import subprocess
 import tempfile
 import unittest
-from typing import Dict, List, Sequence
+from typing import Dict, List, Sequence, Tuple
 
 from blocks import Block, blocks, blocks_of
 from support import SOURCE, Gateway, answers, here
@@ -51,13 +51,16 @@ class Compiled(unittest.TestCase):
         self.assertGreaterEqual(len(found), least)
         self.assertEqual(self.complaints(found), "")
 
-    def assertFound(self, language: str, line: str, complaint: str) -> None:
-        """The message names the document and the line."""
+    def assertFound(self, language: str, *wrong: Tuple[str, str]) -> None:
+        """Each line has a complaint, which names the document and the line."""
         with tempfile.TemporaryDirectory() as folder:
             document = pathlib.Path(folder, "page.md")
-            document.write_text(f"Text.\n\n```{language}\nint one = 1;\n{line}\n```\n")
-            found = list(blocks_of(document, "page.md"))
-        self.assertRegex(self.complaints(found), f"(?m)^page.md:5:.*{complaint}")
+            lines = "".join(line + "\n" for line, _ in wrong)
+            document.write_text(f"Text.\n\n```{language}\nint one = 1;\n{lines}```\n")
+            complaints = self.complaints(list(blocks_of(document, "page.md")))
+        for number, (line, expected) in enumerate(wrong, 5):
+            with self.subTest(line):
+                self.assertRegex(complaints, f"(?m)^page.md:{number}:.*{expected}")
 
 
 def is_program(block: Block) -> bool:
@@ -89,13 +92,13 @@ class C(Compiled):
         self.assertAllCompile("c", 12)
 
     def test_a_block_that_does_not_compile_is_found(self) -> None:
-        self.assertFound("c", "rc = QPX_listSystems(gateway);", "too few arguments")
+        self.assertFound("c", ("rc = QPX_listSystems(gateway);", "too few arguments"))
 
     def test_a_block_with_a_warning_is_found(self) -> None:
-        self.assertFound("c", 'printf("%s", rc);', "expects argument")
+        self.assertFound("c", ('printf("%s", rc);', "expects argument"))
 
     def test_a_block_that_uses_what_no_reader_knows_is_found(self) -> None:
-        self.assertFound("c", "rc = somewhere;", "undeclared")
+        self.assertFound("c", ("rc = somewhere;", "undeclared"))
 
 
 class Cplusplus(Compiled):
@@ -108,14 +111,10 @@ class Cplusplus(Compiled):
     def test_every_block_compiles(self) -> None:
         self.assertAllCompile("cpp", 5)
 
-    def test_a_block_that_does_not_compile_is_found(self) -> None:
-        self.assertFound("cpp", "gateway.call();", "no matching function")
-
-    def test_a_block_with_a_warning_is_found(self) -> None:
-        self.assertFound("cpp", "gateway.call(ledger, debit);", "ignoring return")
-
-    def test_a_block_that_uses_what_no_reader_knows_is_found(self) -> None:
-        self.assertFound("cpp", "use(somewhere);", "not declared")
+    def test_what_does_not_compile_warns_or_is_known_to_no_reader_is_found(self) -> None:
+        self.assertFound("cpp", ("gateway.call();", "no matching function"),
+                         ("gateway.call(ledger, debit);", "ignoring return"),
+                         ("use(somewhere);", "not declared"))
 
 
 class CplusplusRuns(Compiled):

@@ -15,8 +15,8 @@ using standin::LogLevel;
 
 namespace {
 
-// A pipe may be a script at the start. Later nobody need be there who writes to it, and whoever reads
-// would wait for that, even at the end.
+// A pipe may be a script at the start. Later nobody need be there who writes to it, and whoever
+// reads would wait for that, even at the end.
 void expectNoPipe(const std::string& file)
 {
     std::error_code unknown;

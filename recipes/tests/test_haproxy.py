@@ -295,7 +295,8 @@ class Teller:
         unit = gateway.unit_of_work()
         try:
             for each in self.postings():
-                unit.call(LEDGER, each)
+                reply = unit.call(LEDGER, each)
+                assert reply[1:3] == b"00", reply
         except qpxclient.ConnectionEnded:
             raise
         except qpxclient.Error as busy:

@@ -71,7 +71,7 @@ TEST(PurgeChecks, RefusesANegativeTimeOutAndLeavesTheConnectionOpen)
     EXPECT_TRUE(trace.wrote(1083, "*EXC*",
                             "API.QPX_purgeGatewayConnection() Timeout value out of range, "
                             "closeTimeout=-1"));
-    EXPECT_EQ(3U, trace.records().size());
+    EXPECT_EQ(3U, trace.ownRecords().size());
     EXPECT_TRUE(connection.peer.isQuiet());
     connection.closeInOrder();
 }

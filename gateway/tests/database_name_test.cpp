@@ -108,3 +108,11 @@ TEST(PlainText, HasACharacterForEachByteThatIsNoText)
         EXPECT_EQ(bytes, plain_text::toBytes(plain_text::fromBytes(bytes)));
     }
 }
+
+TEST(PlainText, IsAnotherForOtherBytes)
+{
+    const std::string ours = "\xF4\x8F\xBC\x80";
+    EXPECT_NE(plain_text::fromBytes(std::string(1, '\0')), plain_text::fromBytes(ours));
+    EXPECT_EQ(ours, plain_text::toBytes(plain_text::fromBytes(ours)));
+    EXPECT_EQ("\xF4\x8F\xBB\xBF", plain_text::fromBytes("\xF4\x8F\xBB\xBF"));
+}

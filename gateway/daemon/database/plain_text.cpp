@@ -14,7 +14,8 @@ bool isBehind(unsigned byte)
     return (byte & 0xC0U) == 0x80U;
 }
 
-// How many bytes the character has that begins there; 0 when none does. A NUL is none.
+// How many bytes the character has that begins there; 0 when none does. A NUL is none, and those of
+// ours are none: they would come back as the bytes that they stand for.
 std::size_t lengthAt(const std::string& text, std::size_t at)
 {
     const auto byte = [&text, at](std::size_t offset) {
@@ -32,8 +33,9 @@ std::size_t lengthAt(const std::string& text, std::size_t at)
     if (first >= 0xF0 && first < 0xF5) {
         const bool isTooLong = first == 0xF0 && second < 0x90;
         const bool isTooLarge = first == 0xF4 && second > 0x8F;
+        const bool isOurs = first == 0xF4 && second == 0x8F && byte(2) >= 0xBC;
         const bool isWhole = isBehind(byte(1)) && isBehind(byte(2)) && isBehind(byte(3));
-        return isWhole && !isTooLong && !isTooLarge ? 4 : 0;
+        return isWhole && !isTooLong && !isTooLarge && !isOurs ? 4 : 0;
     }
     return 0;
 }

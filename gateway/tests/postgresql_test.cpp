@@ -120,6 +120,20 @@ TEST_F(AtTheServer, AUnitOfWorkIsRefusedBehindAnyPostingOfAnotherGateway)
     EXPECT_EQ(-16, first.run("D  ACC00002000000000001", 1, token).vornRc);
 }
 
+TEST_F(AtTheServer, AUnitOfWorkIsNotRefusedBehindAnotherGatewayThatHasChangedNothing)
+{
+    registry::Registry registry(database.name(), nullptr);
+    const int token = first.run("Q  ACC00001", 1).luwToken;
+    EXPECT_EQ("02", second.run("D  ACC00005000999999999").commarea.substr(1, 2));
+    standin::EsiRequest request; // there is no such user
+    request.userId = "FRED";
+    request.currentPassword = "Blue7sky";
+    registry.answer(request, [](const standin::EsiReply& reply) { EXPECT_NE(0, reply.vornRc); });
+    EXPECT_EQ(0, first.run("D  ACC00002000000000001", 1, token).vornRc);
+    EXPECT_EQ(0, first.run("", 2, token).vornRc);
+    EXPECT_EQ("+000000318474", second.balance("ACC00002"));
+}
+
 TEST_F(AtTheServer, AWrongPasswordCountsAtBothGateways)
 {
     registry::Registry here(database.name(), nullptr);

@@ -199,6 +199,7 @@ private:
     int patience_ = 0;      // milliseconds
     bool begun_ = false;    // a transaction
     bool mayWrite_ = false; // in it
+    bool wrote_ = false;    // more than the right to
     ConnectionHandle handle_{nullptr, PQfinish};
 };
 
@@ -323,6 +324,7 @@ void Postgresql::start(const char* isolation)
     }
     begun_ = true;
     mayWrite_ = false;
+    wrote_ = false;
 }
 
 void Postgresql::begin(bool writesFromTheBeginning)
@@ -366,7 +368,7 @@ bool Postgresql::makeState()
         if (!hasTable("gateway_state")) {
             execute("CREATE TABLE gateway_state (version BIGINT NOT NULL, writes BIGINT NOT NULL); "
                     "INSERT INTO gateway_state VALUES (0, 0)");
-            mayWrite_ = true;
+            mayWrite_ = wrote_ = true;
             return true;
         }
     } catch (const DatabaseError&) {
@@ -377,13 +379,15 @@ bool Postgresql::makeState()
     return false;
 }
 
-// Only what the server has said is committed.
+// Only what the server has said is committed. Who has had the right to write and has changed
+// nothing is nobody's reason for a conflict, as in a file.
 void Postgresql::commit()
 {
     begun_ = false;
+    const char* const end = mayWrite_ && !wrote_ ? "ROLLBACK" : "COMMIT";
     try {
-        const Result done = execute("COMMIT");
-        if (std::strcmp(PQcmdStatus(done.get()), "COMMIT") != 0)
+        const Result done = execute(end);
+        if (std::strcmp(PQcmdStatus(done.get()), end) != 0)
             throw DatabaseError("the transaction had failed before, and is backed out");
     } catch (const Refused&) {
         throw;
@@ -413,6 +417,7 @@ void Postgresql::run(const char* sql)
         takeRightToWrite();
     else
         makeSureOfConnection();
+    wrote_ = true;
     execute(inItsWords(sql));
 }
 
@@ -420,8 +425,11 @@ void Postgresql::run(const char* sql)
 Result Postgresql::query(const std::string& sql, const Parameters& parameters)
 {
     if (begun_) {
-        if (writes(sql)) takeRightToWrite();
-        return ask(sql, parameters);
+        if (!writes(sql)) return ask(sql, parameters);
+        takeRightToWrite();
+        Result changed = ask(sql, parameters);
+        wrote_ = wrote_ || std::strcmp(PQcmdTuples(changed.get()), "0") != 0;
+        return changed;
     }
     makeSureOfConnection();
     try {

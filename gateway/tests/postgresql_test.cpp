@@ -3,15 +3,20 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/types.h>
+
+#include <chrono>
 #include <csignal>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 #include "client.h"
 #include "daemon.h"
+#include "database/database.h"
 #include "http_client.h"
 #include "ledger/ledger.h"
 #include "orders/orders.h"
@@ -215,6 +220,38 @@ TEST(AServerThatHangs, IsWaitedForAsLongAsTheUrlSays)
     ASSERT_EQ(0, ::kill(static_cast<pid_t>(process), SIGCONT));
     session.run("SELECT pg_terminate_backend(" + std::to_string(process) + ", 60000)");
     EXPECT_EQ(0, branch.run("C  ACC00003000000000001").vornRc); // over a connection of its own
+}
+
+// Or a gateway that ends would wait for it once for each unit of work.
+TEST(AServerThatHangs, IsWaitedForOnceByWhatIsOnlyBackedOut)
+{
+    using Clock = std::chrono::steady_clock;
+    const TestDatabase database;
+    constexpr int kUnits = 5;
+    std::vector<std::unique_ptr<ledger::Database>> connections;
+    std::vector<std::unique_ptr<ledger::Transaction>> units;
+    for (int i = 0; i < kUnits; ++i) {
+        connections.push_back(
+            std::make_unique<ledger::Database>(database.name() + "&connect_timeout=2"));
+        units.push_back(std::make_unique<ledger::Transaction>(*connections.back(),
+                                                              ledger::Transaction::Kind::Deferred));
+    }
+    const Session session(urlAt("postgres"));
+    const std::string theirs = " FROM pg_stat_activity WHERE state = 'idle in transaction'";
+    ASSERT_LE(kUnits, session.run("SELECT count(*)" + theirs));
+    std::vector<pid_t> processes;
+    for (int i = 0; i < kUnits; ++i) {
+        processes.push_back(static_cast<pid_t>(session.run(
+            "SELECT pid" + theirs + " ORDER BY backend_start DESC OFFSET " + std::to_string(i))));
+    }
+    for (const pid_t process : processes) ASSERT_EQ(0, ::kill(process, SIGSTOP));
+    const auto begun = Clock::now();
+    units.clear();
+    EXPECT_GT(std::chrono::seconds(2 * kUnits), Clock::now() - begun); // what each by itself takes
+    for (const pid_t process : processes) {
+        ASSERT_EQ(0, ::kill(process, SIGCONT));
+        session.run("SELECT pg_terminate_backend(" + std::to_string(process) + ", 60000)");
+    }
 }
 
 // ------------------------------------------------------------------------------------ the database

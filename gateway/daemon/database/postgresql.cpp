@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -62,6 +63,10 @@ const std::array<std::array<const char*, 2>, 6> kWords = {{
      "to_char(clock_timestamp() AT TIME ZONE 'UTC', 'YYYY-MM-DD\"T\"HH24:MI:SS.MS\"Z\"')"},
     {"PRAGMA user_version =", "UPDATE gateway_state SET version ="},
 }};
+
+// Until when no connection waits for the end of what is only backed out: the server has not
+// answered another one, and backs out by itself what has lost its connection.
+std::atomic<Clock::time_point> silentUntil{Clock::time_point()};
 
 void replaceAll(std::string& text, const std::string& old, const std::string& by)
 {
@@ -250,6 +255,7 @@ void Postgresql::await(short events, Clock::time_point until)
         const int ready = ::poll(&descriptor, 1, static_cast<int>(std::max<long long>(left, 0)));
         if (ready > 0 || (ready == -1 && errno != EINTR)) return;
         if (ready == -1 || left > 0) continue;
+        silentUntil = Clock::now() + std::chrono::seconds(limit_);
         handle_.reset(); // an answer that comes yet would be taken for that of the next statement
         throw DatabaseError("the server has not answered for " + std::to_string(limit_) +
                             " seconds; the connection is given up");
@@ -278,6 +284,7 @@ Result Postgresql::answer(int wasSent)
         if (next == nullptr) break;
         last.reset(next);
     }
+    silentUntil = Clock::time_point();
     complainOf(last.get());
     return last;
 }
@@ -402,6 +409,7 @@ void Postgresql::rollback()
 {
     begun_ = false;
     if (handle_ == nullptr || PQstatus(handle_.get()) != CONNECTION_OK) return;
+    if (Clock::now() < silentUntil.load()) return handle_.reset();
     try {
         execute("ROLLBACK");
     } catch (const DatabaseError&) {

@@ -273,6 +273,23 @@ TEST(ANewDatabaseAtTheServer, IsMadeByOneOfManyThatBegin)
     EXPECT_EQ(1, database.ask("SELECT count(*) FROM rules"));
 }
 
+// As it is for who began just before another one had made it.
+TEST(ANewDatabaseAtTheServer, IsWaitedForWhileItsRowIsNotSeen)
+{
+    const TestDatabase database;
+    ledger::Ledger(database.name(), nullptr);
+    database.change("DELETE FROM gateway_state");
+    ledger::Database connection(database.name());
+    try {
+        const ledger::Transaction early(connection, ledger::Transaction::Kind::Immediate);
+        FAIL() << "writes without the right to";
+    } catch (const ledger::DatabaseError& error) {
+        EXPECT_TRUE(error.isConflict()) << error.what();
+    }
+    database.change("INSERT INTO gateway_state VALUES (1, 0)");
+    EXPECT_NO_THROW(ledger::Transaction(connection, ledger::Transaction::Kind::Immediate).commit());
+}
+
 TEST(ANewDatabaseAtTheServer, IsLeftAsItWasWhenItIsSomebodyElses)
 {
     const TestDatabase database;

@@ -356,12 +356,13 @@ void Postgresql::begin(bool writesFromTheBeginning)
     }
 }
 
+// A transaction that has begun just before the table was made sees the table, and not its row.
 void Postgresql::takeRightToWrite()
 {
     if (mayWrite_) return;
     const Result changed = execute("UPDATE gateway_state SET writes = writes + 1");
     if (std::strcmp(PQcmdTuples(changed.get()), "1") != 0)
-        throw DatabaseError("the table gateway_state does not have its one row");
+        throw Refused("the table gateway_state does not have its one row", kSerialization);
     mayWrite_ = true;
 }
 

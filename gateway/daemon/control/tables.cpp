@@ -12,6 +12,7 @@ using call_json::Json;
 using call_json::validText;
 using ledger::Database;
 using ledger::Statement;
+using ledger::Transaction;
 
 namespace {
 
@@ -30,6 +31,7 @@ Json timeFrom(std::optional<std::int64_t> milliseconds)
 Json ledgerIn(const std::string& file)
 {
     Database database(file);
+    const Transaction transaction(database, Transaction::Kind::Deferred); // one moment for all
     Json json;
     Statement sum(database, "SELECT count(*), coalesce(sum(balance), 0) FROM account");
     sum.step();

@@ -242,9 +242,12 @@ void Postgresql::connect()
     execute(kSettings);
 }
 
+// One that is still in a transaction, whose end could not be sent, takes that along.
 void Postgresql::makeSureOfConnection()
 {
-    if (handle_ == nullptr || PQstatus(handle_.get()) != CONNECTION_OK) connect();
+    const bool isFree = handle_ != nullptr && PQstatus(handle_.get()) == CONNECTION_OK &&
+                        PQtransactionStatus(handle_.get()) == PQTRANS_IDLE;
+    if (!isFree) connect();
 }
 
 void Postgresql::await(short events, Clock::time_point until)

@@ -19,6 +19,16 @@ std::size_t behindScheme(const std::string& text)
     return std::string::npos;
 }
 
+// A URL of something else, or one in capital letters. As the name of a file it would be shown
+// whole, with its password.
+bool isForeignUrl(const std::string& name)
+{
+    const std::size_t end = name.find("://");
+    return end != std::string::npos && end > 0 && behindScheme(name) == std::string::npos &&
+           name.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                  "0123456789+-.") == end;
+}
+
 // HOST, HOST:PORT or [ADDRESS]:PORT, each of which may be empty. A password that has lost its way
 // is no port.
 bool isPlace(const std::string& text)
@@ -96,6 +106,7 @@ std::string complaintAbout(const std::string& name)
     if (name.empty()) return "the file has no name; leave the option out for no database";
     if (name == ":memory:")
         return "\":memory:\" is no file, and every unit of work opens the database anew";
+    if (isForeignUrl(name)) return "the URL is not " + kForm;
     if (!isUrl(name)) return "";
     if (!partsOf(name.substr(behindScheme(name))).areClear) {
         return "the URL is not " + kForm +

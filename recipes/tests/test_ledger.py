@@ -110,24 +110,26 @@ class LedgerShared(LedgerTest):
 
 
 class NumberingTeller(Teller):
-    """Pays another amount with each transfer, and knows which were acknowledged."""
+    """Pays another amount with each transfer, and knows which were acknowledged. One that was
+    refused is tried again as it was, so that the payments to and fro take turns."""
 
     def __init__(self, port: int, number: int) -> None:
         super().__init__(port, number)
-        self.amount = 0
+        self.amount = 1
         self.told: Set[Transfer] = set()
         self.doubted: Set[Transfer] = set()
 
     def postings(self) -> Tuple[bytes, bytes]:
-        self.amount += 1
         payer, payee = (POOL, self.account) if self.amount % 2 else (self.account, POOL)
         return record(f"D  {payer}", self.amount), record(f"C  {payee}", self.amount)
 
     def acknowledged(self) -> None:
         self.told.add((self.account, self.amount))
+        self.amount += 1
 
     def doubt(self) -> None:
         self.doubted.add((self.account, self.amount))
+        self.amount += 1
 
 
 def record(front: str, amount: int) -> bytes:

@@ -134,8 +134,8 @@ public:
         server_ = std::make_unique<Program>(
             "postgres",
             std::vector<std::string>{"-D", data, "-k", folder(), "-c", "listen_addresses=", "-c",
-                                     "fsync=off", "-c", "max_connections=60", "-c",
-                                     "log_min_messages=log"},
+                                     "fsync=off", "-c", "autovacuum=off", "-c",
+                                     "max_connections=60", "-c", "log_min_messages=log"},
             user);
         if (!server_->awaitOutput("ready to accept connections"))
             throw std::runtime_error("postgres: " + server_->output());
@@ -166,7 +166,8 @@ testing::Environment* const kEnd = testing::AddGlobalTestEnvironment(new EndOfSe
 std::string urlAt(const std::string& database, const std::string& more)
 {
     if (server == nullptr) server = std::make_unique<Server>();
-    return "postgresql:///" + database + "?host=" + server->folder() +
+    // Longer than a busy machine takes for anything.
+    return "postgresql:///" + database + "?connect_timeout=90&host=" + server->folder() +
            (more.find("user=") == std::string::npos ? "&user=tester" : "") + more;
 }
 

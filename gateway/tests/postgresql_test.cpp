@@ -203,7 +203,8 @@ TEST_F(AtTheServer, ACommitWhoseConnectionIsLostIsNotAnsweredAsCommitted)
 TEST(AServerThatHangs, IsWaitedForAsLongAsTheUrlSays)
 {
     const TestDatabase database;
-    Branch branch(database.name() + "&connect_timeout=2");
+    const ledger::Ledger made(database.name(), nullptr); // with more time than the branch has
+    Branch branch(database.name() + "&connect_timeout=7");
     const int token = branch.run("D  ACC00001000000010000", 1).luwToken;
     ASSERT_NE(0, token);
     const Session session(urlAt("postgres"));
@@ -215,7 +216,7 @@ TEST(AServerThatHangs, IsWaitedForAsLongAsTheUrlSays)
     EXPECT_EQ(-9, branch.run("", 2, token).vornRc);
     EXPECT_NE(std::string::npos,
               branch.log().find("whether it is committed is in doubt: the server has not answered "
-                                "for 2 seconds"))
+                                "for 7 seconds"))
         << branch.log();
     ASSERT_EQ(0, ::kill(static_cast<pid_t>(process), SIGCONT));
     session.run("SELECT pg_terminate_backend(" + std::to_string(process) + ", 60000)");

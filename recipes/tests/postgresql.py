@@ -31,7 +31,8 @@ class Server(Logging):
                         "--no-instructions"], check=True, stdout=subprocess.DEVNULL)
         (data / "pg_hba.conf").write_text("local all admin trust\nlocal all all scram-sha-256\n")
         super().__init__([*before, str(PROGRAMS / "postgres"), "-D", str(data),
-                          "-k", str(self.folder), "-c", "listen_addresses=", "-c", "fsync=off"])
+                          "-k", str(self.folder), "-c", "listen_addresses=", "-c", "fsync=off",
+                          "-c", "autovacuum=off"])
         self.await_line("ready to accept connections")
 
     def psql(self, database: str, *arguments: str) -> str:

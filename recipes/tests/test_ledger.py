@@ -1,4 +1,4 @@
-"""Gateways that share a ledger at PostgreSQL, behind haproxy: one is killed, and the books agree."""
+"""Gateways that share a ledger at PostgreSQL, behind haproxy: one is killed, the books agree."""
 
 import collections
 from typing import Dict, Set, Tuple

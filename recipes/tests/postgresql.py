@@ -3,7 +3,6 @@
 import os
 import pathlib
 import pwd
-import shutil
 import signal
 import subprocess
 import tempfile
@@ -19,7 +18,8 @@ class Server(Logging):
     test, however that ends; root, whom it would refuse, has it run as somebody else."""
 
     def __init__(self) -> None:
-        self.folder = pathlib.Path(tempfile.mkdtemp())
+        self._kept = tempfile.TemporaryDirectory()  # gone, too, when the server does not start
+        self.folder = pathlib.Path(self._kept.name)
         before: List[str] = ["setpriv", "--pdeathsig", "QUIT"]
         if os.geteuid() == 0:
             user = pwd.getpwnam("postgres")
@@ -45,4 +45,4 @@ class Server(Logging):
 
     def end(self) -> None:
         self.stop(signal.SIGINT)
-        shutil.rmtree(self.folder)
+        self._kept.cleanup()

@@ -263,7 +263,7 @@ TEST(ANewDatabaseAtTheServer, IsMadeByOneOfManyThatBegin)
 {
     const TestDatabase database;
     std::vector<std::thread> daemons;
-    for (int i = 0; i < 4; ++i) {
+    for (int i = 0; i < 2; ++i) {
         daemons.emplace_back([&database] {
             EXPECT_NO_THROW(ledger::Ledger(database.name(), nullptr));
             EXPECT_NO_THROW(orders::Orders(database.name(), nullptr));

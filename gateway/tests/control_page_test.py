@@ -25,6 +25,7 @@ import time
 import urllib.error
 import urllib.request
 
+MOST_STARTS = 20
 LIMIT = 180  # seconds, for anything
 INSTALL = "install it with: tools/install-packages browser"
 
@@ -117,6 +118,20 @@ class Process:
         return self.process.returncode
 
 
+def start_driver(folder):
+    """chromedriver and its port: a free one of ::1 that is to be free at 127.0.0.1, too. When
+    somebody else has it there, chromedriver ends, and another one looks for another port."""
+    for _ in range(MOST_STARTS):
+        # What it keeps besides, of its crashes say, goes there too: a home need not be writable.
+        driver = Process(["env", "-u", "XDG_CONFIG_HOME", "-u", "XDG_CACHE_HOME",
+                          f"HOME={folder}", "chromedriver", "--port=0"])
+        port = driver.await_line(r"started successfully on port (\d+)|port not available").group(1)
+        if port:
+            return driver, port
+        driver.end()
+    raise Failed("chromedriver has found no port that is free")
+
+
 class Browser:
     """What of WebDriver is needed here."""
 
@@ -125,10 +140,7 @@ class Browser:
             if shutil.which(program) is None:
                 raise Failed(f"{program} is not there, and the page is tested in it; {INSTALL}")
         os.mkdir(folder)
-        # What it keeps besides, of its crashes say, goes there too: a home need not be writable.
-        self.driver = Process(["env", "-u", "XDG_CONFIG_HOME", "-u", "XDG_CACHE_HOME",
-                               f"HOME={folder}", "chromedriver", "--port=0"])
-        port = self.driver.await_line(r"started successfully on port (\d+)").group(1)
+        self.driver, port = start_driver(folder)
         self.base = f"http://127.0.0.1:{port}"
         options = {
             "binary": shutil.which("chromium"),

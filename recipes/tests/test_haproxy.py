@@ -6,7 +6,7 @@ import re
 import socket
 import sqlite3
 import threading
-from typing import Dict, Iterable, List, Optional
+from typing import Dict, Iterable, List, Optional, Sequence
 
 import qpxclient
 from support import GENEROUS, RECIPES, Gateway, RecipeTest, recipe
@@ -78,6 +78,27 @@ class HaproxyTest(RecipeTest):
             connection.purge()
         except qpxclient.Error:
             pass
+
+    def kill_the_second_under_load(self, gateways: List[Gateway],
+                                   tellers: Sequence["Teller"]) -> None:
+        """Four tellers, two at each Gateway: those at the other one lose nothing."""
+        runs = []
+        for each in tellers:  # one after the other, so that each finds the others counted
+            runs.append(self.pool.submit(each.run))
+            each.await_posted(3)
+        for gateway in gateways:
+            gateway.await_callers(2)
+        safe = [each for each in tellers if gateways[0].lines(f'applid="{each.applid}"')]
+        gateways[1].kill()
+        posted = [each.posted for each in tellers]
+        for each, number in zip(tellers, posted):
+            each.await_posted(number + 3)
+            each.enough.set()
+        for run in runs:
+            run.result(GENEROUS)
+
+        self.assertEqual([each.lost for each in safe], [0, 0])
+        self.assertEqual(sum(each.lost > 0 for each in tellers), 2)
 
 
 class HaproxyConnections(HaproxyTest):
@@ -242,23 +263,8 @@ class HaproxyDeath(HaproxyTest):
         before = [total(book) for book in books]
         port = self.proxy(*gateways)
         tellers = [Teller(port, number) for number in range(4)]
-        runs = []
-        for each in tellers:  # one after the other, so that each finds the others counted
-            runs.append(self.pool.submit(each.run))
-            each.await_posted(3)
-        for gateway in gateways:
-            gateway.await_callers(2)
-        safe = [each for each in tellers if gateways[0].lines(f'applid="{each.applid}"')]
-        gateways[1].kill()
-        posted = [each.posted for each in tellers]
-        for each, number in zip(tellers, posted):
-            each.await_posted(number + 3)
-            each.enough.set()
-        for run in runs:
-            run.result(GENEROUS)
+        self.kill_the_second_under_load(gateways, tellers)
 
-        self.assertEqual([each.lost for each in safe], [0, 0])
-        self.assertEqual(sum(each.lost > 0 for each in tellers), 2)
         gateways[0].await_callers(4)
         self.assertEqual([total(book) for book in books], before)
         done = sum(transfers(book) for book in books)

@@ -67,23 +67,7 @@ class LedgerShared(LedgerTest):
         before = self.balances()
         port = self.proxy(*gateways)
         tellers = [NumberingTeller(port, number) for number in range(4)]
-        runs = []
-        for each in tellers:  # one after the other, so that each finds the others counted
-            runs.append(self.pool.submit(each.run))
-            each.await_posted(3)
-        for gateway in gateways:
-            gateway.await_callers(2)
-        safe = [each for each in tellers if gateways[0].lines(f'applid="{each.applid}"')]
-        gateways[1].kill()
-        posted = [each.posted for each in tellers]
-        for each, number in zip(tellers, posted):
-            each.await_posted(number + 3)
-            each.enough.set()
-        for run in runs:
-            run.result(GENEROUS)
-
-        self.assertEqual([each.lost for each in safe], [0, 0])
-        self.assertEqual(sum(each.lost > 0 for each in tellers), 2)
+        self.kill_the_second_under_load(gateways, tellers)
         self.check_books(before, tellers)
 
     def check_books(self, before: Dict[str, int], tellers: "list[NumberingTeller]") -> None:

@@ -314,7 +314,11 @@ class Test:
         self.port = int(self.daemon.await_line(r"listening on 127\.0\.0\.1:(\d+)").group(1))
         self.page = self.daemon.await_line(r"control on (http://\S+)").group(1)
         self.daemon.await_line("ready")
-        self.browser = Browser(os.path.join(folder, "browser"))
+        try:
+            self.browser = Browser(os.path.join(folder, "browser"))
+        except Failed:
+            self.daemon.end()
+            raise
         self.processes.append(self.browser)
 
     def end(self):

@@ -559,12 +559,12 @@ static int findReply(const Collection& wanted, LockGuard* table, RequestSlot** s
     NEEDS_LOCK(wanted.gwTok->tableLock)
 {
     int rc = wanted.isSpecific ? checkQualifier(wanted) : ECI_NO_ERROR;
-    *slotPP = nullptr;
-    while (rc == ECI_NO_ERROR && *slotPP == nullptr) {
+    while (rc == ECI_NO_ERROR) {
         if (wanted.gwTok->closedown != 0 && wanted.gwTok->asyncCount == 0)
             return QPX_ERR_GWTOK_CLOSED;
         *slotPP = chooseReply(wanted);
-        if (*slotPP == nullptr) rc = awaitAsyncReply(wanted, table);
+        if (*slotPP != nullptr) return ECI_NO_ERROR;
+        rc = awaitAsyncReply(wanted, table);
     }
     return rc;
 }

@@ -273,11 +273,10 @@ static void writeChannel(SocketBuffer* sockBuffer, ECI_Channel_t* channel)
 }
 
 /* Reads the record's data into storage of its own, which grows with what arrives. Nothing is stored
- * for a length of 0, nor of data that has not come whole. */
+ * for a length of 0, nor of data that has not come whole: the caller's null pointer stays. */
 template <const TracePoint& noMemory>
 static int readData(SocketBuffer* sockBuffer, size_t length, char** dataPtr)
 {
-    *dataPtr = nullptr;
     if (length == 0) return QPX_OK;
     ArrivingBytes bytes = {};
     int rc = readArrivingBytes(sockBuffer, &bytes, length);
@@ -377,7 +376,7 @@ static int readDataOfOtherLength(SocketBuffer* sockBuffer, ECI_Container_t* cont
         TRACE(at::freeing, traceSize(container->dataLength), container->dataPtr);
         dropData(container);
     }
-    char* data;
+    char* data = nullptr;
     int rc = readData<at::noMemory>(sockBuffer, length, &data);
     if (data != nullptr) clapiExchangeData(container, data, length);
     return rc;

@@ -24,6 +24,7 @@
 #include "clapi_impl.h"
 #include "clapi_rc.h"
 #include "container_index.h"
+#include "growing_text.h"
 #include "qpxclient_eci.h"
 #include "schedule_points.h"
 #include "trace_points/clapi_channel.h"
@@ -1039,23 +1040,21 @@ int ECI_getChannelName(ECI_ChannelToken_t chanTok, char* nameBuffer)
 
 /* ---- The dump of all channels ---- */
 
-static void printContainer(FILE* text, const ECI_Container_t* container, int ordinal,
+static void printContainer(GrowingText* text, const ECI_Container_t* container, int ordinal,
                            int containers)
 {
-    static_cast<void>(fprintf(
-        text,
+    text->print(
         "   Container list entry -%4.4d/%4.4d- : Container(%p): eyecatcher(%8.8s) "
         "name(%16.16s) type(%d) ccsid(%d) dataLength(%lu) dataPtr(%p) nextCont(%p)\n",
         ordinal, containers, static_cast<const void*>(container), container->eyecatcher,
         container->name, container->type, container->ccsid, traceSize(container->dataLength),
-        static_cast<void*>(container->dataPtr), static_cast<void*>(container->nextCont)));
+        static_cast<void*>(container->dataPtr), static_cast<void*>(container->nextCont));
 }
 
-static void printChannel(FILE* text, const ECI_Channel_t* channel, int ordinal)
+static void printChannel(GrowingText* text, const ECI_Channel_t* channel, int ordinal)
     NEEDS_LOCK(chanListLock)
 {
-    static_cast<void>(fprintf(
-        text,
+    text->print(
         "Channel list entry -%4.4d- : Channel(%p): eyecatcher(%8.8s) name(%16.16s) "
         "serlock(%p) unlockEvent(%p) isLocked(%d) ccsid(%d) numContainers(%d) "
         "nextChannel(%p) firstCont(%p) currentCont(%p)\n",
@@ -1063,15 +1062,15 @@ static void printChannel(FILE* text, const ECI_Channel_t* channel, int ordinal)
         static_cast<const void*>(&channel->serLock),
         static_cast<const void*>(&channel->unlockEvent), channel->isLocked.load(),
         channel->ccsid.load(), channel->numContainers.load(), static_cast<void*>(channel->nextChan),
-        static_cast<void*>(channel->firstCont), static_cast<void*>(channel->currentCont.load())));
+        static_cast<void*>(channel->firstCont), static_cast<void*>(channel->currentCont.load()));
 }
 
 /* The dump as one text. Locks: chanListLock held. */
-static void printChannels(FILE* text) NEEDS_LOCK(chanListLock)
+static void printChannels(GrowingText* text) NEEDS_LOCK(chanListLock)
 {
     ContainerListHold hold;
-    static_cast<void>(fprintf(text, "Channel and container dump\n%s", TRACE_DUMP_RULE));
-    if (chanList == nullptr) static_cast<void>(fprintf(text, "The channel list is EMPTY\n"));
+    text->print("Channel and container dump\n%s", TRACE_DUMP_RULE);
+    if (chanList == nullptr) text->print("The channel list is EMPTY\n");
     int channels = 0;
     for (const ECI_Channel_t* channel = chanList; channel != nullptr; channel = channel->nextChan) {
         printChannel(text, channel, ++channels);
@@ -1081,23 +1080,7 @@ static void printChannels(FILE* text) NEEDS_LOCK(chanListLock)
              container = container->nextCont)
             printContainer(text, container, ++ordinal, channel->numContainers);
     }
-    static_cast<void>(fprintf(text, "Total number of channels=%d\n%s", channels, TRACE_DUMP_RULE));
-}
-
-/* The text of the dump, which the caller frees, or null. Locks: chanListLock held. */
-static char* makeDump() NEEDS_LOCK(chanListLock)
-{
-    char* dump = nullptr;
-    size_t size = 0;
-    FILE* text = open_memstream(&dump, &size);
-    if (text == nullptr) return nullptr;
-    printChannels(text);
-    bool failed = ferror(text) != 0;
-    if (fclose(text) != 0 || failed) {
-        free(dump);
-        return nullptr;
-    }
-    return dump;
+    text->print("Total number of channels=%d\n%s", channels, TRACE_DUMP_RULE);
 }
 
 static void writeDump(const char* dump)
@@ -1110,7 +1093,7 @@ static int dumpChannels()
 {
     namespace at = tp::QPX_ECI_dumpChannels;
 
-    char* dump;
+    GrowingText dump;
     int releaseRc;
     {
         LockGuard list(chanListLock);
@@ -1118,16 +1101,15 @@ static int dumpChannels()
             TRACE(at::noListLock);
             return ECI_ERR_SYSTEM_ERROR;
         }
-        dump = makeDump();
+        printChannels(&dump);
         releaseRc = list.release();
     }
-    if (dump == nullptr) {
+    if (dump.whole() == nullptr) {
         TRACE(at::noMemory);
         return ECI_ERR_MEMORY_SHORTAGE;
     }
     // Not under the lock that every call on a channel takes: the trace may be slow.
-    writeDump(dump);
-    free(dump);
+    writeDump(dump.whole());
     if (releaseRc == 0) return ECI_NO_ERROR;
     TRACE(at::notReleased);
     return ECI_ERR_SYSTEM_ERROR;

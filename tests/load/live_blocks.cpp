@@ -26,7 +26,6 @@ void* __real_calloc(std::size_t count, std::size_t size);
 void* __real_realloc(void* block, std::size_t size);
 char* __real_strdup(const char* text);
 void __real_free(void* block);
-FILE* __real_open_memstream(char** text, std::size_t* length);
 
 void* __wrap_malloc(std::size_t size)
 {
@@ -53,14 +52,6 @@ void __wrap_free(void* block)
 {
     if (block != nullptr) live.fetch_sub(1, std::memory_order_relaxed);
     __real_free(block);
-}
-
-// The C library makes the text, the caller frees it.
-FILE* __wrap_open_memstream(char** text, std::size_t* length)
-{
-    FILE* stream = __real_open_memstream(text, length);
-    if (stream != nullptr) live.fetch_add(1, std::memory_order_relaxed);
-    return stream;
 }
 }
 

@@ -1,8 +1,5 @@
 #include "support/refusals.h"
 
-#include <cerrno>
-#include <cstdio>
-
 #include "clapi_lock.h"
 
 namespace support {
@@ -53,14 +50,6 @@ int __wrap__Z13clapiSetEventP11_ClapiEvent(ClapiEvent* eventPtr)
 {
     if (support::isDue(support::Refused::EventArmed)) return -1;
     return __real__Z13clapiSetEventP11_ClapiEvent(eventPtr);
-}
-
-FILE* __real_open_memstream(char** text, std::size_t* length);
-FILE* __wrap_open_memstream(char** text, std::size_t* length)
-{
-    if (!support::isDue(support::Refused::TextInMemory)) return __real_open_memstream(text, length);
-    errno = ENOMEM;
-    return nullptr;
 }
 }
 

@@ -1,6 +1,5 @@
 // What the library can be refused besides the calls of faults.h: an event that is not armed, which
-// the callers of clapiSetEvent are ready for though no system brings it about, and a text in memory
-// to write to.
+// the callers of clapiSetEvent are ready for though no system brings it about.
 //
 //     Refusal refusal(Refused::EventArmed);              // the next one of this thread
 //     EXPECT_RC(-9, lockChannel(token));
@@ -14,8 +13,7 @@
 namespace support {
 
 enum class Refused {
-    EventArmed,  // clapiSetEvent says that it has failed, and leaves the event as it is
-    TextInMemory // open_memstream finds no memory
+    EventArmed // clapiSetEvent says that it has failed, and leaves the event as it is
 };
 
 class Refusal {

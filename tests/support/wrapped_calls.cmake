@@ -19,7 +19,6 @@ set(QPX_WRAPPED_CALLS
   getaddrinfo freeaddrinfo
   gettimeofday __gettimeofday64 clock_gettime __clock_gettime64 time __time64
   fopen fopen64 fclose write secure_getenv
-  open_memstream
   _Z13clapiSetEventP11_ClapiEvent) # the library's own, as it is called from its other modules
 
 # The linker script gathers the library's code in one place, which tells its calls from others.

@@ -33,10 +33,10 @@ namespace {
 enum Fault {
     MALLOC,
     CALLOC,
+    REALLOC,
     MMAP,
     MREMAP,
     MADVISE,
-    MEMSTREAM,
     MUTEX_INIT,
     COND_INIT,
     THREAD_CREATE,
@@ -69,7 +69,7 @@ enum Fault {
 };
 
 const char* const faultNames[FAULTS] = {
-    "malloc",     "calloc",     "mmap",        "mremap",      "madvise",   "open_memstream",
+    "malloc",     "calloc",     "realloc",     "mmap",        "mremap",    "madvise",
     "mutex_init", "cond_init",  "thread",      "getaddrinfo", "socket",    "fcntl",
     "setsockopt", "getsockopt", "ioctl",       "connect",     "select",    "poll",
     "ppoll",      "send",       "send-nobufs", "send-half",   "send-part", "recv",
@@ -286,6 +286,16 @@ SHIM_EXPORT void* calloc(std::size_t count, std::size_t size)
     void* block = next(count, size);
     noteHeld(block, count * size, CALLER);
     return block;
+}
+
+SHIM_EXPORT void* realloc(void* block, std::size_t size)
+{
+    REAL(void*(void*, std::size_t), "realloc");
+    if (fails(REALLOC, CALLER)) return failed<void*>(ENOMEM, nullptr);
+    noteGivenBy(block, CALLER);
+    void* moved = next(block, size);
+    noteHeld(moved != nullptr ? moved : block, size, CALLER);
+    return moved;
 }
 
 SHIM_EXPORT void free(void* block)
@@ -535,15 +545,6 @@ SHIM_EXPORT FILE* fdopen(int descriptor, const char* mode)
     REAL(FILE * (int, const char*), "fdopen", "GLIBC_2.1");
     if (fails(FDOPEN, CALLER)) return failed<FILE*>(ENOMEM, nullptr);
     FILE* file = next(descriptor, mode);
-    noteHeld(file, 0, CALLER);
-    return file;
-}
-
-SHIM_EXPORT FILE* open_memstream(char** text, std::size_t* size)
-{
-    REAL(FILE * (char**, std::size_t*), "open_memstream");
-    if (fails(MEMSTREAM, CALLER)) return failed<FILE*>(ENOMEM, nullptr);
-    FILE* file = next(text, size);
     noteHeld(file, 0, CALLER);
     return file;
 }

@@ -4,7 +4,9 @@
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
+#include "support/live_blocks.h"
 #include "support/refusals.h"
 #include "unit/channel_fixture.h"
 
@@ -777,12 +779,24 @@ TEST_F(ChannelMemoryShortage, EmptiesAContainerThatShouldHaveOtherData)
 TEST_F(ChannelMemoryShortage, LeavesNothingOfADump)
 {
     TraceFile trace(1);
-    Refusal refusal(Refused::TextInMemory);
+    Fault fault = failCall(Call::Malloc, 1, ENOMEM);
     EXPECT_RC(-111, QPX_ECI_dumpChannels());
-    EXPECT_TRUE(refusal.hasHappened());
     EXPECT_TRUE(traceReads(
         trace, {"1413 *EXC* API.QPX_ECI_dumpChannels() Failed to allocate memory for the dump"}));
     EXPECT_TRUE(isFree(chanListLock.lock));
+}
+
+TEST_F(ChannelMemoryShortage, LeavesNothingOfTheBeginningOfALongDump)
+{
+    for (int i = 0; i < 40; ++i) channel.addBit(("MORE" + std::to_string(i)).c_str(), "data");
+    TraceFile trace(1);
+    LiveBlocks blocks;
+    Fault fault = failCall(Call::Malloc, 2, ENOMEM);
+    EXPECT_RC(-111, QPX_ECI_dumpChannels());
+    EXPECT_TRUE(traceReads(
+        trace, {"1413 *EXC* API.QPX_ECI_dumpChannels() Failed to allocate memory for the dump"}));
+    EXPECT_TRUE(isFree(chanListLock.lock));
+    EXPECT_EQ(0, blocks.count());
 }
 
 TEST_F(ChannelMemoryShortage, IsOverWithTheNextCall)

@@ -1,111 +1,39 @@
 #include "postgresql_server.h"
 
-#include <fcntl.h>
 #include <pwd.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <memory>
 #include <stdexcept>
-#include <system_error>
 #include <vector>
 
+#include "child_process.h"
 #include "temporary_directory.h"
-
-extern char** environ;
 
 namespace standin_test {
 
 namespace {
 
-// A program of the server's, whose output can be read.
-class Program {
-public:
-    // setpriv has the kernel end it with this process, and makes it somebody else's than root's.
-    Program(const std::string& name, const std::vector<std::string>& arguments, const passwd* user)
-    {
-        std::vector<std::string> command = {"setpriv", "--pdeathsig", "QUIT"};
-        if (user != nullptr) {
-            const std::string group = std::to_string(user->pw_gid);
-            command.insert(command.end(), {"--reuid", std::to_string(user->pw_uid), "--regid",
-                                           group, "--clear-groups"});
-        }
-        command.push_back(std::string(POSTGRESQL_PROGRAMS) + '/' + name);
-        command.insert(command.end(), arguments.begin(), arguments.end());
-        std::vector<char*> argv;
-        for (std::string& each : command) argv.push_back(each.data());
-        argv.push_back(nullptr);
-
-        int ends[2];
-        if (::pipe2(ends, O_CLOEXEC) != 0)
-            throw std::system_error(errno, std::generic_category(), "pipe");
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-        posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
-        posix_spawn_file_actions_adddup2(&actions, ends[1], STDERR_FILENO);
-        const int error = ::posix_spawnp(&process_, argv[0], &actions, nullptr, argv.data(),
-                                         environ);
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(ends[1]);
-        output_ = ends[0];
-        if (error != 0) throw std::system_error(error, std::generic_category(), name);
+// How a program of the server's is started: setpriv has the kernel end it with this process, and
+// makes it somebody else's than root's.
+std::vector<std::string> commandOf(const std::string& name,
+                                   const std::vector<std::string>& arguments, const passwd* user)
+{
+    std::vector<std::string> command = {"setpriv", "--pdeathsig", "QUIT"};
+    if (user != nullptr) {
+        const std::string group = std::to_string(user->pw_gid);
+        command.insert(command.end(), {"--reuid", std::to_string(user->pw_uid), "--regid", group,
+                                       "--clear-groups"});
     }
-
-    ~Program()
-    {
-        if (process_ > 0) {
-            ::kill(process_, SIGQUIT);
-            end();
-        }
-        ::close(output_);
-    }
-
-    Program(const Program&) = delete;
-    Program& operator=(const Program&) = delete;
-
-    bool awaitOutput(const std::string& part)
-    {
-        while (text_.find(part) == std::string::npos) {
-            if (!readMore()) return false;
-        }
-        return true;
-    }
-
-    const std::string& output() const { return text_; }
-
-    // The exit code; -1 when a signal has killed it.
-    int end()
-    {
-        while (readMore()) {}
-        int status = 0;
-        ::waitpid(process_, &status, 0);
-        process_ = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-
-private:
-    bool readMore()
-    {
-        char buffer[4096];
-        ssize_t count = 0;
-        while ((count = ::read(output_, buffer, sizeof buffer)) == -1 && errno == EINTR) {}
-        if (count < 1) return false;
-        text_.append(buffer, static_cast<std::size_t>(count));
-        return true;
-    }
-
-    pid_t process_ = -1;
-    int output_ = -1;
-    std::string text_;
-};
+    command.push_back(std::string(POSTGRESQL_PROGRAMS) + '/' + name);
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return command;
+}
 
 class Server {
 public:
@@ -124,19 +52,21 @@ public:
                 throw std::runtime_error("nobody can run the server");
         }
         const std::string data = folder_.file("data");
-        Program initdb("initdb",
-                       {"--pgdata", data, "--username", "tester", "--auth", "trust", "--encoding",
-                        "UTF8", "--locale", "C", "--no-sync", "--no-instructions"},
-                       user);
+        ChildProcess initdb(
+            commandOf("initdb",
+                      {"--pgdata", data, "--username", "tester", "--auth", "trust", "--encoding",
+                       "UTF8", "--locale", "C", "--no-sync", "--no-instructions"},
+                      user));
         if (initdb.end() != 0) throw std::runtime_error("initdb: " + initdb.output());
         std::ofstream(folder_.file("data/pg_hba.conf"))
             << "local all secretive scram-sha-256\nlocal all all trust\n";
-        server_ = std::make_unique<Program>(
-            "postgres",
-            std::vector<std::string>{"-D", data, "-k", folder(), "-c", "listen_addresses=", "-c",
-                                     "fsync=off", "-c", "autovacuum=off", "-c",
-                                     "max_connections=60", "-c", "log_min_messages=log"},
-            user);
+        server_ = std::make_unique<ChildProcess>(
+            commandOf("postgres",
+                      {"-D", data, "-k", folder(), "-c", "listen_addresses=", "-c", "fsync=off",
+                       "-c", "autovacuum=off", "-c", "max_connections=60", "-c",
+                       "log_min_messages=log"},
+                      user),
+            SIGQUIT);
         if (!server_->awaitOutput("ready to accept connections"))
             throw std::runtime_error("postgres: " + server_->output());
     }
@@ -149,7 +79,7 @@ public:
 
 private:
     const TemporaryDirectory folder_;
-    std::unique_ptr<Program> server_;
+    std::unique_ptr<ChildProcess> server_;
 };
 
 std::unique_ptr<Server> server;

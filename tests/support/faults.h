@@ -25,8 +25,9 @@
 namespace support {
 
 enum class Call {
-    Malloc, // malloc, calloc, realloc, strdup
-    Free,   // hooks before it see the block; a failed or faked one keeps it
+    Malloc,    // malloc, calloc, realloc, strdup
+    Free,      // hooks before it see the block; a failed or faked one keeps it
+    Overwrite, // explicit_bzero; hooks before it see what goes
     MutexInit,
     MutexLock,
     MutexUnlock,

@@ -124,6 +124,52 @@ TEST_F(ReceiverBlocks, OfAnExceptionsTextAreAsLongAsWhatHasComeOfIt)
     EXPECT_TRUE(trace.wrote(3043, "clapi_gwycon.receiverThread() Exception message: cut here"));
 }
 
+// What the library shows of it is what has come, and nothing that was in its memory before.
+TEST_F(ReceiverBlocks, OfAnExceptionsTextThatBreaksOffAreEmptyBehindWhatHasCome)
+{
+    // So much of the text is staged at once: what a buffer holds, without the byte and the length
+    // in front.
+    constexpr std::size_t staged = 33'000 - 3;
+    asked = syncCall("PROG");
+    auto call = connection.start(asked);
+    connection.awaitRequest();
+    TraceFile trace(1);
+
+    Bytes whole = flow(exceptionType, 1, 0, "ECI", hex("00") + be16(40'000) + filled(40'000, 'x'));
+    connection.peer.send(Bytes(whole.begin(), whole.end() - 1'000));
+    connection.peer.close();
+
+    EXPECT_RC(QPX_ERR_LOSTGWCON, call.get());
+    EXPECT_TRUE(trace.wrote(3043, "clapi_gwycon.receiverThread() Exception message: " +
+                                      std::string(staged, 'x')));
+}
+
+// ---- What has been read ahead ----
+
+TEST_F(ReceiverBlocks, OfWhatHasBeenReadAheadAreOverwrittenWhole)
+{
+    constexpr std::size_t ahead = 2048;
+    asked = syncCall("PROG", filled(4'000, 'q'));
+    auto call = connection.start(asked);
+    connection.awaitRequest();
+    Bytes reply = eciReply(1, filled(4'000, 'r'));
+    std::atomic<bool> wasWhole{false};
+    Fault overwriting = beforeCall(
+        Call::Overwrite, 0,
+        [&](const CallInfo& info) {
+            const void* bytes = reinterpret_cast<const void*>(info.first);
+            if (memmem(bytes, info.second, reply.data(), ahead) != nullptr) wasWhole = true;
+        },
+        Threads::Others);
+
+    connection.peer.send(reply);
+
+    EXPECT_RC(QPX_OK, call.get());
+    connection.peer.close();
+    expectEnded(3);
+    EXPECT_TRUE(wasWhole.load());
+}
+
 // ---- Channel sections ----
 
 class ReceiverChannelBlocks : public ReceiverBlocks {

@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -124,6 +126,28 @@ protected:
     ScriptedConnection connection;
 };
 
+// How the copies of the secret that the library overwrites are covered by what it overwrites.
+class Overwritten {
+public:
+    int whole() const { return whole_.load(); }
+    int cut() const { return cut_.load(); } // all but an end of the secret
+
+private:
+    void note(const CallInfo& info)
+    {
+        const char* bytes = reinterpret_cast<const char*>(info.first);
+        const char* end = bytes + info.second;
+        constexpr std::size_t most = secretSize - 1;
+        for (const char* at = std::search(bytes, end, secret, secret + most); at != end;
+             at = std::search(at + 1, end, secret, secret + most))
+            (at + most != end && at[most] == secret[most] ? whole_ : cut_) += 1;
+    }
+
+    std::atomic<int> whole_{0};
+    std::atomic<int> cut_{0};
+    Fault watching_ = beforeCall(Call::Overwrite, 0, [this](const CallInfo& info) { note(info); });
+};
+
 class SecretOfVersion : public SecretAtRest, public ::testing::WithParamInterface<int> {};
 
 INSTANTIATE_TEST_SUITE_P(, SecretOfVersion, ::testing::Values(3, 4),
@@ -146,6 +170,14 @@ TEST_P(SecretOfVersion, IsGoneAfterACallWithoutAUnitOfWork)
 {
     EXPECT_RC(0, call(GetParam(), ECI_NO_EXTEND, 0, ProgramReply()));
     EXPECT_EQ(0, memory.findings());
+}
+
+TEST_P(SecretOfVersion, IsOverwrittenUpToItsLastCharacterWhereverItWas)
+{
+    Overwritten copies;
+    EXPECT_RC(0, call(GetParam(), ECI_NO_EXTEND, 0, ProgramReply()));
+    EXPECT_LT(0, copies.whole());
+    EXPECT_EQ(0, copies.cut());
 }
 
 TEST_P(SecretOfVersion, IsGoneAfterACallThatTheServerRefused)

@@ -13,6 +13,7 @@ using support::Call;
 using support::CallInfo;
 using support::EciParms;
 using support::failCall;
+using support::failCallOn;
 using support::failCallWith;
 using support::Fault;
 using support::Gate;
@@ -68,6 +69,24 @@ protected:
         return callInThread([this, &parms] {
             marked = true;
             return QPX_ECI_Execute(connection.token, &parms.record);
+        });
+    }
+
+    // A call that asks nothing of the connection, and stops before it leaves the token.
+    support::RunningCall<int> startInside(Gate gate)
+    {
+        return callInThread([gwTok = connection.token, gate] {
+            int locks = 0;
+            Fault stop = beforeCall(
+                Call::MutexLock, 0,
+                [&](const CallInfo& info) mutable {
+                    if (info.first != asNumber(&gtlLock.lock)) return;
+                    locks += 1;
+                    if (locks == 2) Gate(gate).pass();
+                },
+                Threads::Calling);
+            char* applid = nullptr;
+            return QPX_getApplid(gwTok, &applid);
         });
     }
 };
@@ -681,6 +700,46 @@ TEST_F(TeardownDelete, FailsWhenTheListCannotBeLockedAfterTheQuiesce)
                                 "Gateway token list after quiesce\n"));
     trace.forget();
     expectListedAndClosing();
+}
+
+// The record then stays for good: without the lock nobody can tell whether the call is through.
+TEST_F(TeardownDelete, LeavesTheRecordToACallInsideIfTheListCannotBeLockedBehindTheWait)
+{
+    loseConnection();
+    ASSERT_RC(QPX_OK, clapiCloseGatewayToken(connection.token, 1));
+    _QPX_ConnToken_t* record = connection.token;
+    Gate inside;
+    std::unique_ptr<support::RunningCall<int>> call;
+    // The delete takes the list at its begin, behind the quiesce, and behind the wait for the call,
+    // which comes when the quiesce has ended.
+    int locks = 0;
+    Fault coming = beforeCall(
+        Call::MutexLock, 0,
+        [&](const CallInfo& info) {
+            if (info.first != asNumber(&gtlLock.lock)) return;
+            locks += 1;
+            if (locks != 2) return;
+            call = std::make_unique<support::RunningCall<int>>(startInside(inside));
+            EXPECT_TRUE(inside.awaitArrival());
+        },
+        Threads::Calling);
+    Fault leaving = beforeCall(
+        Call::CondWait, 0,
+        [&](const CallInfo& info) {
+            if (info.first == asNumber(&record->requestsEnded.cond)) inside.open();
+        },
+        Threads::Calling);
+    Fault noList = failCallOn(Call::MutexLock, &gtlLock.lock, 3, EINVAL, Threads::Calling);
+
+    EXPECT_RC(QPX_OK, clapiDeleteClosingToken(&connection.token, record, 0));
+
+    EXPECT_EQ(1, noList.hits());
+    ASSERT_TRUE(call != nullptr);
+    EXPECT_RC(QPX_OK, call->get());
+    EXPECT_EQ(1, record->quiesced); // nothing of it has been overwritten
+    EXPECT_TRUE(support::isFree(gtlLock.lock));
+    connection.forget();
+    EXPECT_EQ(emptyList(), dumpedTokens());
 }
 
 TEST_F(TeardownDelete, TellsThatTheListCannotBeReleasedBeforeTheQuiesce)

@@ -1,7 +1,7 @@
 /*
  * growing_text.h - a text in memory that grows with what is printed to it.
  *
- * Once there is no memory for all of it there is no text: what is printed from then on is dropped.
+ * Once a piece cannot be printed whole there is no text: what is printed from then on is dropped.
  * Locks: none, it belongs to who has made it.
  */
 #ifndef GROWING_TEXT_H
@@ -19,12 +19,14 @@ public:
 
     __attribute__((format(printf, 2, 3))) void print(const char* format, ...);
 
-    /* All that has been printed, owned by this object, or null if there was no memory for it. */
+    /* All that has been printed, owned by this object; null if there was no memory for it, or
+     * nothing has been printed. */
     const char* whole() const { return isCut ? nullptr : text; }
 
 private:
     size_t room() const { return capacity - length; }
-    size_t printWithin(const char* format, va_list args);
+    __attribute__((format(printf, 2, 0))) bool printAll(const char* format, va_list args,
+                                                        va_list again);
     bool makeRoom(size_t wanted);
 
     char* text = nullptr; // capacity bytes, owned

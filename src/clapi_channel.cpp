@@ -1043,26 +1043,26 @@ int ECI_getChannelName(ECI_ChannelToken_t chanTok, char* nameBuffer)
 static void printContainer(GrowingText* text, const ECI_Container_t* container, int ordinal,
                            int containers)
 {
-    text->print(
-        "   Container list entry -%4.4d/%4.4d- : Container(%p): eyecatcher(%8.8s) "
-        "name(%16.16s) type(%d) ccsid(%d) dataLength(%lu) dataPtr(%p) nextCont(%p)\n",
-        ordinal, containers, static_cast<const void*>(container), container->eyecatcher,
-        container->name, container->type, container->ccsid, traceSize(container->dataLength),
-        static_cast<void*>(container->dataPtr), static_cast<void*>(container->nextCont));
+    text->print("   Container list entry -%4.4d/%4.4d- : Container(%p): eyecatcher(%8.8s) "
+                "name(%16.16s) type(%d) ccsid(%d) dataLength(%lu) dataPtr(%p) nextCont(%p)\n",
+                ordinal, containers, static_cast<const void*>(container), container->eyecatcher,
+                container->name, container->type, container->ccsid,
+                traceSize(container->dataLength), static_cast<void*>(container->dataPtr),
+                static_cast<void*>(container->nextCont));
 }
 
 static void printChannel(GrowingText* text, const ECI_Channel_t* channel, int ordinal)
     NEEDS_LOCK(chanListLock)
 {
-    text->print(
-        "Channel list entry -%4.4d- : Channel(%p): eyecatcher(%8.8s) name(%16.16s) "
-        "serlock(%p) unlockEvent(%p) isLocked(%d) ccsid(%d) numContainers(%d) "
-        "nextChannel(%p) firstCont(%p) currentCont(%p)\n",
-        ordinal, static_cast<const void*>(channel), channel->eyecatcher, channel->name,
-        static_cast<const void*>(&channel->serLock),
-        static_cast<const void*>(&channel->unlockEvent), channel->isLocked.load(),
-        channel->ccsid.load(), channel->numContainers.load(), static_cast<void*>(channel->nextChan),
-        static_cast<void*>(channel->firstCont), static_cast<void*>(channel->currentCont.load()));
+    text->print("Channel list entry -%4.4d- : Channel(%p): eyecatcher(%8.8s) name(%16.16s) "
+                "serlock(%p) unlockEvent(%p) isLocked(%d) ccsid(%d) numContainers(%d) "
+                "nextChannel(%p) firstCont(%p) currentCont(%p)\n",
+                ordinal, static_cast<const void*>(channel), channel->eyecatcher, channel->name,
+                static_cast<const void*>(&channel->serLock),
+                static_cast<const void*>(&channel->unlockEvent), channel->isLocked.load(),
+                channel->ccsid.load(), channel->numContainers.load(),
+                static_cast<void*>(channel->nextChan), static_cast<void*>(channel->firstCont),
+                static_cast<void*>(channel->currentCont.load()));
 }
 
 /* The dump as one text. Locks: chanListLock held. */

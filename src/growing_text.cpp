@@ -15,18 +15,6 @@ GrowingText::~GrowingText()
     free(text);
 }
 
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-
-/* Prints behind the text, as much as there is room for. Returns the length of all of it. */
-size_t GrowingText::printWithin(const char* format, va_list args)
-{
-    int printed = vsnprintf(text + length, room(), format, args);
-    return static_cast<size_t>(std::max(printed, 0));
-}
-
-#pragma GCC diagnostic pop
-
 bool GrowingText::makeRoom(size_t wanted)
 {
     size_t wider = std::max({length + wanted, 2 * capacity, FIRST_CAPACITY});
@@ -37,6 +25,20 @@ bool GrowingText::makeRoom(size_t wanted)
     return true;
 }
 
+/* Prints behind the text; false if that cannot be, or there is no memory for all of it. */
+bool GrowingText::printAll(const char* format, va_list args, va_list again)
+{
+    int printed = vsnprintf(text + length, room(), format, args);
+    if (printed < 0) return false;
+    size_t size = static_cast<size_t>(printed);
+    if (size >= room()) {
+        if (!makeRoom(size + 1)) return false;
+        static_cast<void>(vsnprintf(text + length, room(), format, again));
+    }
+    length += size;
+    return true;
+}
+
 void GrowingText::print(const char* format, ...)
 {
     if (isCut) return;
@@ -44,12 +46,7 @@ void GrowingText::print(const char* format, ...)
     va_list again;
     va_start(args, format);
     va_copy(again, args);
-    size_t printed = printWithin(format, args);
-    if (printed >= room()) {
-        isCut = !makeRoom(printed + 1);
-        if (!isCut) printWithin(format, again);
-    }
-    length += printed;
+    isCut = !printAll(format, args, again);
     va_end(again);
     va_end(args);
 }

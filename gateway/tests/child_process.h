@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <string>
 #include <system_error>
 #include <utility>

@@ -177,8 +177,18 @@ std::string textOf(const Bytes& bytes)
 
 // ------------------------------------------------------------------------------------------ Client
 
-Client::Client(std::uint16_t port) : socket_(::socket(AF_INET, SOCK_STREAM, 0))
+// To be told before the connection is there.
+static void takeLittleAhead(int socket)
 {
+    const int bytes = 16384;
+    ::setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+    const int segment = 536;
+    ::setsockopt(socket, IPPROTO_TCP, TCP_MAXSEG, &segment, sizeof segment);
+}
+
+Client::Client(std::uint16_t port, Room room) : socket_(::socket(AF_INET, SOCK_STREAM, 0))
+{
+    if (room == Room::Little) takeLittleAhead(socket_);
     const timeval limit{kReadLimitSeconds, 0};
     ::setsockopt(socket_, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     sockaddr_in address{};

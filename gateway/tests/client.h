@@ -80,10 +80,14 @@ Bytes record(const std::string& name, int change, int type, int ccsid, std::size
              const std::string& data = "");
 Bytes channelSection(const std::string& name, int ccsid, const std::vector<Bytes>& records);
 
+// How much is on its way to a client that does not read. Little is far less than a megabyte, of
+// short segments for which neither side takes much room, whatever has been usual on this machine.
+enum class Room { AsUsual, Little };
+
 // Thread: one at a time.
 class Client {
 public:
-    explicit Client(std::uint16_t port);
+    explicit Client(std::uint16_t port, Room room = Room::AsUsual);
     ~Client();
 
     Client(const Client&) = delete;

@@ -459,16 +459,18 @@ protected:
 
 TEST_F(AnswersReleasedInTime, StayTogetherWhenTheyEndACongestion)
 {
-    constexpr std::size_t kMuch = 4 * 1024 * 1024 + 1;
+    constexpr std::size_t kMuch = 5 * 1024 * 1024; // of which more than four wait
+    Client slow(gateway.port(), standin_test::Room::Little);
+    ASSERT_TRUE(slow.shakeHands());
     misbehave("duplicate@message:2");
     gateway.setRawReply([](const ReceivedRequest& request) {
         const int id = request.header.messageId;
         return standin_test::flow(3, id, "ECI", Bytes(id == 1 ? kMuch : 0));
     });
-    askTogether({{2, "ECHO"}, {1, "ECHO"}, {3, "ECHO"}});
+    ASSERT_TRUE(slow.send(together({{2, "ECHO"}, {1, "ECHO"}, {3, "ECHO"}})));
     ASSERT_TRUE(clock->awaitTasks(2));
     clock->advance(1s);
-    for (const int id : {1, 2, 2, 3}) EXPECT_EQ(id, client.read().value().messageId);
+    for (const int id : {1, 2, 2, 3}) EXPECT_EQ(id, slow.read().value().messageId);
 }
 
 TEST_F(AnswersReleasedInTime, GoOutAllWhenTheClientHasClosedItsSide)

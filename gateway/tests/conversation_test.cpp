@@ -371,19 +371,20 @@ TEST(GatewayWithoutRecording, CountsButKeepsNothing)
 
 TEST_F(Conversation, AnswersAClientThatHasClosedItsSide)
 {
-    constexpr int kRequests = 8; // more than the system takes at once
-    ASSERT_TRUE(client.shakeHands());
+    constexpr int kRequests = 8;
+    Client slow(gateway.port(), standin_test::Room::Little);
+    ASSERT_TRUE(slow.shakeHands());
     answerBig();
     Call call;
     call.program = "BIG";
     Raw all;
     for (int id = 1; id <= kRequests; ++id) all.bytes(eciRequest(id, call));
-    client.send(all);
-    client.closeSending();
-    for (int id = 1; id <= kRequests; ++id) ASSERT_EQ(id, client.read().value().messageId);
-    EXPECT_TRUE(client.endsInOrder());
+    slow.send(all);
+    slow.closeSending();
+    for (int id = 1; id <= kRequests; ++id) ASSERT_EQ(id, slow.read().value().messageId);
+    EXPECT_TRUE(slow.endsInOrder());
     ASSERT_TRUE(gateway.awaitClosed());
-    EXPECT_EQ(Ending::ClosedByClient, gateway.connections().at(0).ending);
+    EXPECT_EQ(Ending::ClosedByClient, gateway.connections().back().ending);
 }
 
 TEST_F(Conversation, GivesALateAnswerToAClientThatHasClosedItsSide)

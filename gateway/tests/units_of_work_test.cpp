@@ -301,16 +301,22 @@ TEST_F(UnitsOfWork, IsBackedOutAtAMalformedFlowWhateverTheClientStillHasToTake)
         reply.channel->containers[0].data.resize(4000000);
         return reply;
     });
-    call(1, 0);
+    Client slow(gateway.port(), standin_test::Room::Little);
+    ASSERT_TRUE(slow.shakeHands());
+    Call opening;
+    opening.program = "DIARY";
+    opening.mode = 1;
+    slow.call(1, opening);
+    EXPECT_EQ(1U, gateway.openUnitsOfWork());
     Call big;
     big.program = "BIG";
-    client.send(standin_test::Raw().bytes(standin_test::eciRequest(2, big)).text("HTTP"));
+    slow.send(standin_test::Raw().bytes(standin_test::eciRequest(2, big)).text("HTTP"));
     ASSERT_TRUE(gateway.awaitFindings());
     gateway.behave(); // behind what the flow leads to
     EXPECT_EQ(0U, gateway.closedCount()) << "the answer has been taken";
     EXPECT_EQ(0U, gateway.openUnitsOfWork());
-    EXPECT_EQ(2, client.read().value().messageId);
-    EXPECT_TRUE(client.endsInOrder());
+    EXPECT_EQ(2, slow.read().value().messageId);
+    EXPECT_TRUE(slow.endsInOrder());
 }
 
 TEST_F(UnitsOfWork, IsBackedOutWhenACallInItIsAnsweredByAnErrorOrAnException)

@@ -1,7 +1,6 @@
 #include "load/live_blocks.h"
 
 #include <malloc.h>
-#include <stdio.h>
 
 #include <atomic>
 #include <cstddef>

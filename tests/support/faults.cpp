@@ -487,26 +487,28 @@ extern "C" void wrap_free(void* block)
 
 extern "C" void real_explicit_bzero(void* bytes,
                                     std::size_t length) __asm__("__real_explicit_bzero");
-static void overwrite(const void* caller, void* bytes, std::size_t length)
+extern "C" void wrap_explicit_bzero(void* bytes,
+                                    std::size_t length) __asm__("__wrap_explicit_bzero");
+extern "C" void wrap_explicit_bzero(void* bytes, std::size_t length)
 {
-    Passage passage(Call::Overwrite, Style::Number, caller, asNumber(bytes), asNumber(length));
+    Passage passage(Call::Overwrite, Style::Number, __builtin_return_address(0), asNumber(bytes),
+                    asNumber(length));
     if (passage.isReplaced()) return;
     real_explicit_bzero(bytes, length);
     passage.done(0);
 }
 
-extern "C" void wrap_explicit_bzero(void* bytes,
-                                    std::size_t length) __asm__("__wrap_explicit_bzero");
-extern "C" void wrap_explicit_bzero(void* bytes, std::size_t length)
-{
-    overwrite(__builtin_return_address(0), bytes, length);
-}
-
+extern "C" void real_explicit_bzero_chk(void* bytes, std::size_t length,
+                                        std::size_t room) __asm__("__real___explicit_bzero_chk");
 extern "C" void wrap_explicit_bzero_chk(void* bytes, std::size_t length,
                                         std::size_t room) __asm__("__wrap___explicit_bzero_chk");
-extern "C" void wrap_explicit_bzero_chk(void* bytes, std::size_t length, std::size_t /*room*/)
+extern "C" void wrap_explicit_bzero_chk(void* bytes, std::size_t length, std::size_t room)
 {
-    overwrite(__builtin_return_address(0), bytes, length);
+    Passage passage(Call::Overwrite, Style::Number, __builtin_return_address(0), asNumber(bytes),
+                    asNumber(length));
+    if (passage.isReplaced()) return;
+    real_explicit_bzero_chk(bytes, length, room);
+    passage.done(0);
 }
 
 WRAP(pthread_mutex_init, MutexInit, Number, int, (void* mutex, const void* attributes),

@@ -736,7 +736,7 @@ void dumpOfChannels()
     withChannel([](Channel& channel) {
         channel.add("BITS", "0123456789");
         channel.add("TEXT", "abc", ECI_CHAR, 1208);
-        for (int i = 0; i < 40; i += 1) // so that the dump's text grows twice
+        for (int i = 0; i < 80; i += 1) // so that the dump's text grows twice
             channel.add(("MORE" + std::to_string(i)).c_str(), "data");
         CALL(RESULT, QPX_ECI_dumpChannels);
     });

@@ -69,12 +69,11 @@ enum Fault {
 };
 
 const char* const faultNames[FAULTS] = {
-    "malloc",     "calloc",     "realloc",     "mmap",        "mremap",    "madvise",
-    "mutex_init", "cond_init",  "thread",      "getaddrinfo", "socket",    "fcntl",
-    "setsockopt", "getsockopt", "ioctl",       "connect",     "select",    "poll",
-    "ppoll",      "send",       "send-nobufs", "send-half",   "send-part", "recv",
-    "recv-end",   "shutdown",   "close",       "fopen",       "fdopen",    "write",
-    "clock",      "localtime",  "setlocale",   "sysconf",
+    "malloc",    "calloc",    "realloc",     "mmap",      "mremap",    "madvise",    "mutex_init",
+    "cond_init", "thread",    "getaddrinfo", "socket",    "fcntl",     "setsockopt", "getsockopt",
+    "ioctl",     "connect",   "select",      "poll",      "ppoll",     "send",       "send-nobufs",
+    "send-half", "send-part", "recv",        "recv-end",  "shutdown",  "close",      "fopen",
+    "fdopen",    "write",     "clock",       "localtime", "setlocale", "sysconf",
 };
 
 // ---- Who calls ----------------------------------------------------------------------------------

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
+#include <cstddef>
 #include <string>
 
 #include "support/faults.h"
@@ -94,4 +96,14 @@ TEST(GrowingText, IsNoneWithoutMemoryForItsMiddle)
         EXPECT_EQ(1, fault.calls()); // nothing is tried behind it
     }
     EXPECT_EQ(0, blocks.count());
+}
+
+TEST(GrowingText, IsNoneWithAPieceThatIsTooLongToBePrinted)
+{
+    volatile int widest = INT_MAX; // lest the compiler refuses it
+    GrowingText text;
+    text.print("first");
+    text.print("%*d%*d", widest, 1, widest, 2);
+    text.print("last");
+    EXPECT_TRUE(text.whole() == nullptr);
 }

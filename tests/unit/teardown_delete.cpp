@@ -75,14 +75,14 @@ protected:
     // A call that asks nothing of the connection, and stops before it leaves the token.
     support::RunningCall<int> startInside(Gate gate)
     {
-        return callInThread([gwTok = connection.token, gate] {
+        return callInThread([gwTok = connection.token, gate]() mutable {
             int locks = 0;
             Fault stop = beforeCall(
                 Call::MutexLock, 0,
-                [&](const CallInfo& info) mutable {
+                [&](const CallInfo& info) {
                     if (info.first != asNumber(&gtlLock.lock)) return;
                     locks += 1;
-                    if (locks == 2) Gate(gate).pass();
+                    if (locks == 2) gate.pass();
                 },
                 Threads::Calling);
             char* applid = nullptr;

@@ -864,6 +864,19 @@ static int reachHost(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host, int* sock
     return waitForConnection(&socketDescriptor, sockError, gwTokPtr->connTimeout);
 }
 
+/* Whether a connection has no other side. Where nobody listens at a port of this machine that the
+ * system also gives out, a connect may be given that very port, and what it meets is itself. */
+static bool isConnectedToItself(Socket socketDescriptor)
+{
+    sockaddr_storage own = {};
+    sockaddr_storage peer = {};
+    socklen_t ownSize = sizeof own;
+    socklen_t peerSize = sizeof peer;
+    return getsockname(socketDescriptor, reinterpret_cast<sockaddr*>(&own), &ownSize) == 0 &&
+           getpeername(socketDescriptor, reinterpret_cast<sockaddr*>(&peer), &peerSize) == 0 &&
+           memcmp(&own, &peer, sizeof own) == 0;
+}
+
 /* Connects within the token's time limit. A limit of 0 leaves the socket in blocking mode. */
 static int connectSocket(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host, const char* hostname)
 {
@@ -873,6 +886,10 @@ static int connectSocket(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host, const
     if (limited) ioctl(gwTokPtr->socketDescriptor, FIONBIO, &sockOptOn);
     int sockError = 0;
     int rc = reachHost(gwTokPtr, host, &sockError);
+    if (rc == QPX_OK && isConnectedToItself(gwTokPtr->socketDescriptor)) {
+        sockError = ECONNREFUSED;
+        rc = QPX_ERR_CONNECTFAILED;
+    }
     if (rc != QPX_OK) {
         ErrorText text;
         TRACE(at::notConnected, traceError(sockError, text), sockError);

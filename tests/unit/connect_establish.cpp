@@ -266,6 +266,35 @@ TEST_F(ConnectEstablish, FailsWhenAConnectWithATimeOutIsRefused)
                                 "to Gateway: Connection refused (111)\n"));
 }
 
+// A connect to a port of this machine at which nobody listens may be given that port as its own.
+TEST_F(ConnectEstablish, TakesAConnectionToItselfForARefusal)
+{
+    int before = support::openDescriptors();
+    TraceFile trace(1);
+    Fault samePort = beforeCall(Call::Connect, 0, [](const CallInfo& info) {
+        int descriptor = static_cast<int>(info.first);
+        auto* destination = reinterpret_cast<sockaddr_in*>(info.second);
+        sockaddr_in own = {};
+        own.sin_family = AF_INET;
+        own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        auto* address = reinterpret_cast<sockaddr*>(&own);
+        socklen_t size = sizeof own;
+        EXPECT_EQ(0, bind(descriptor, address, size));
+        EXPECT_EQ(0, getsockname(descriptor, address, &size));
+        destination->sin_port = own.sin_port;
+    });
+
+    for (int limit : {0, 30}) {
+        EXPECT_RC(QPX_ERR_CONNECTFAILED, open(limit));
+        EXPECT_EQ(nullptr, token);
+    }
+
+    EXPECT_EQ(2, trace.timesWroteText("*EXC*  clapi_gwycon.clapiConnectToGateway() Unable to "
+                                      "connect to Gateway: Connection refused (111)\n"));
+    EXPECT_EQ(0, sends.calls());
+    EXPECT_EQ(before, support::openDescriptors() - 1); // one more: the trace file
+}
+
 TEST_F(ConnectEstablish, TakesAnyOtherConnectErrorAsAFailure)
 {
     TraceFile trace(1);

@@ -20,7 +20,7 @@
 using namespace support;
 
 #if defined(__SANITIZE_THREAD__)
-// The children of processes with threads use what the sanitizer wraps, some of them threads as well.
+// The children of processes with threads use what the sanitizer wraps, threads among them.
 extern "C" const char* __tsan_default_options();
 extern "C" const char* __tsan_default_options()
 {

@@ -151,8 +151,10 @@ private:
 
 /*
  * For a fork: between the first and one of the others no other thread is inside a line or changes
- * the trace, and both processes find the locks of the trace free afterwards. Locks: the first
- * takes traceLock, so everything else that is held over a fork is taken before.
+ * the trace, and both processes find the locks of the trace free afterwards. The child's lines need
+ * none of the C library's locks of the time zone, unless it is the child of a single thread; their
+ * offset from UTC is that of the fork. Locks: the first takes traceLock, so everything else that is
+ * held over a fork is taken before.
  */
 void clapiTraceForkPrepare(void);
 void clapiTraceForkParent(void);

@@ -21,6 +21,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/single_threaded.h>
 #include <unistd.h>
 
 #include "qpxclient.h"
@@ -60,19 +61,97 @@ struct PrefixText {
 
 /* ---- Time, process and thread ---- */
 
-// The year of two digits is the trace's form.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-y2k"
-
-/* The part of a time stamp in front of its milliseconds, "dd/mm/yy hh:mm:ss:". */
+/* The part of a time stamp in front of its milliseconds, "dd/mm/yy hh:mm:ss:", and its date. */
+constexpr size_t DATE_LENGTH = 8;
 constexpr size_t SECONDS_LENGTH = 18;
 constexpr size_t MILLISECOND_DIGITS = 3;
 
-static void putSeconds(char* stamp, const timespec& now)
+constexpr int64_t SECONDS_PER_DAY = 24 * 60 * 60;
+constexpr int64_t DAYS_PER_YEAR = 365;
+constexpr int64_t DAYS_PER_CENTURY = 100 * DAYS_PER_YEAR + 24;
+constexpr int64_t DAYS_PER_ERA = 4 * DAYS_PER_CENTURY + 1; // in which the calendar repeats itself
+
+/*
+ * The child of a process that had several threads asks the C library for no local time: the lock
+ * behind it may be one that another thread held at the fork, and stays held. It goes on with the
+ * offset from UTC that its parent looked up for the fork. Written while a fork is prepared, and in
+ * the child; what decides in a process changes there before it has a second thread.
+ */
+static bool asksForLocalTime = true;
+static bool childAsksForLocalTime = true;
+static int64_t offsetAtFork = 0;
+
+namespace {
+
+struct CivilDate {
+    int64_t year;
+    int64_t month; // from 1 on
+    int64_t day;
+};
+
+} // namespace
+
+static int64_t dividedDown(int64_t number, int64_t divisor)
 {
+    return number / divisor - (number % divisor < 0 ? 1 : 0);
+}
+
+/* The date of a day of the Gregorian calendar, counted from 1 January 1970. Years begin in March
+ * here, so that a leap day is the last of its year, and eras with the year 0 of their 400. */
+static CivilDate dateOfDay(int64_t day)
+{
+    constexpr int64_t FIRST_OF_ERA = -719468; // 1 March of the year 0
+    int64_t era = dividedDown(day - FIRST_OF_ERA, DAYS_PER_ERA);
+    int64_t dayOfEra = day - FIRST_OF_ERA - era * DAYS_PER_ERA;
+    // Without the leap days, of which the last of a century and of four years ends its year.
+    int64_t yearOfEra = (dayOfEra - dayOfEra / (4 * DAYS_PER_YEAR) + dayOfEra / DAYS_PER_CENTURY -
+                         dayOfEra / (DAYS_PER_ERA - 1)) /
+                        DAYS_PER_YEAR;
+    int64_t dayOfYear = dayOfEra - (DAYS_PER_YEAR * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
+    // Five months in a row have 153 days, wherever in the year.
+    int64_t monthOfYear = (5 * dayOfYear + 2) / 153;
+    int64_t dayOfMonth = dayOfYear - (153 * monthOfYear + 2) / 5 + 1;
+    bool isNextYear = monthOfYear >= 10; // January and February
+    return CivilDate{400 * era + yearOfEra + (isNextYear ? 1 : 0),
+                     monthOfYear + (isNextYear ? -9 : 3), dayOfMonth};
+}
+
+/* The fields of a time stamp, as localtime_r gives them, of a time that is offset from UTC. */
+static tm brokenDown(int64_t seconds, int64_t offset)
+{
+    int64_t day = dividedDown(seconds, SECONDS_PER_DAY);
+    int64_t secondOfDay = seconds - day * SECONDS_PER_DAY + offset;
+    int64_t shift = dividedDown(secondOfDay, SECONDS_PER_DAY);
+    secondOfDay -= shift * SECONDS_PER_DAY;
+    CivilDate date = dateOfDay(day + shift);
+    tm local = {};
+    local.tm_year = static_cast<int>(date.year - 1900);
+    local.tm_mon = static_cast<int>(date.month - 1);
+    local.tm_mday = static_cast<int>(date.day);
+    local.tm_hour = static_cast<int>(secondOfDay / 3600);
+    local.tm_min = static_cast<int>(secondOfDay / 60 % 60);
+    local.tm_sec = static_cast<int>(secondOfDay % 60);
+    return local;
+}
+
+static tm localTime(const timespec& now)
+{
+    if (!asksForLocalTime) return brokenDown(now.tv_sec, offsetAtFork);
     tm local = {};
     localtime_r(&now.tv_sec, &local);
-    static_cast<void>(strftime(stamp, sizeof timeStamp, "%d/%m/%y %H:%M:%S:", &local));
+    return local;
+}
+
+/* Before a fork. A thread that is alone is not inside the C library while it forks, so that its
+ * child may ask as before. */
+static void keepOffsetForChild()
+{
+    if (!asksForLocalTime) return; // a child itself, whose own keep what it has
+    childAsksForLocalTime = __libc_single_threaded != 0;
+    if (childAsksForLocalTime) return;
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    offsetAtFork = localTime(now).tm_gmtoff;
 }
 
 /* Writes the last digits of a number, as many as there is room for, in front of end. */
@@ -83,6 +162,37 @@ static void putDigits(char* begin, char* end, unsigned int number, unsigned int 
         *end = "0123456789ABCDEF"[number % base];
         number /= base;
     }
+}
+
+static void putTwoDigits(char* begin, int number)
+{
+    putDigits(begin, begin + 2, static_cast<unsigned int>(number), 10);
+}
+
+/* Three numbers of two digits with something in between, as strftime writes them in any locale,
+ * which may ask for the time zone, too. */
+static void putTriple(char* begin, char between, int first, int second, int third)
+{
+    putTwoDigits(begin, first);
+    begin[2] = between;
+    putTwoDigits(begin + 3, second);
+    begin[5] = between;
+    putTwoDigits(begin + 6, third);
+}
+
+static void putDate(char* begin, const tm& local)
+{
+    int year = static_cast<int>(local.tm_year % 100);
+    putTriple(begin, '/', local.tm_mday, local.tm_mon + 1, year < 0 ? year + 100 : year);
+}
+
+static void putSeconds(char* stamp, const timespec& now)
+{
+    tm local = localTime(now);
+    putDate(stamp, local);
+    stamp[DATE_LENGTH] = ' ';
+    putTriple(stamp + DATE_LENGTH + 1, ':', local.tm_hour, local.tm_min, local.tm_sec);
+    stamp[SECONDS_LENGTH - 1] = ':';
 }
 
 static void putMilliseconds(char* stamp, const timespec& now)
@@ -122,12 +232,9 @@ void clapiGetDate(char* msgBuf)
 {
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
-    tm local = {};
-    localtime_r(&now.tv_sec, &local);
-    static_cast<void>(strftime(msgBuf, sizeof dateBuf, "%d/%m/%y", &local));
+    putDate(msgBuf, localTime(now));
+    msgBuf[DATE_LENGTH] = '\0';
 }
-
-#pragma GCC diagnostic pop
 
 /*
  * The id of this process, on a page that a fork of any kind empties in the child: to ask for it
@@ -505,6 +612,7 @@ void clapiTraceForkPrepare(void) NOT_ANALYSED("whether there is a traceLock is k
                           clapiTakeForFork(&traceLock) == 0;
     clapiTakeForFork(&destinationLock);
     forkHoldsTraceLock = holdsTraceLock;
+    keepOffsetForChild();
 }
 
 void clapiTraceForkParent(void) NOT_ANALYSED("whether there is a traceLock is known at run time")
@@ -516,6 +624,7 @@ void clapiTraceForkParent(void) NOT_ANALYSED("whether there is a traceLock is kn
 
 void clapiTraceForkChild(void) NOT_ANALYSED("whether there is a traceLock is known at run time")
 {
+    asksForLocalTime = childAsksForLocalTime;
     clapiTraceForkParent();
 }
 

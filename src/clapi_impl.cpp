@@ -227,7 +227,8 @@ int clapiInit(void)
 /*
  * Every lock that the whole process shares is held across a fork, in the order in which they are
  * taken anywhere, so that the child finds none of them taken by a thread that it does not have, and
- * nothing half changed that they guard. None of the three writes a line or needs memory.
+ * nothing half changed that they guard. None of the three writes a line or needs memory, but for
+ * what the C library takes when it reads the time zone.
  */
 static void prepareFork(void) NOT_ANALYSED("which locks there are is known at run time")
 {

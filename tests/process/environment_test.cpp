@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "support/connection_script.h"
+#include "support/forked.h"
 
 using namespace script;
 
@@ -161,6 +162,18 @@ TEST(ProcessLocale, IsLeftAsTheProgramSetsItBehindTheFirstContainer)
     useConnection();
 
     EXPECT_EQ("C", locale());
+}
+
+TEST(ProcessLocale, IsLeftAsItIsByTheChildOfAProcessThatHasMadeItsFirstContainer)
+{
+    setenv("LC_ALL", "C.UTF-8", 1);
+    makeContainer();
+    std::setlocale(LC_ALL, "C");
+
+    EXPECT_EQ(0, support::inChild([] {
+                  makeContainer();
+                  return locale() == "C" ? 0 : 1;
+              }));
 }
 
 } // namespace

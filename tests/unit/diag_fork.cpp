@@ -1,11 +1,19 @@
 // The trace over a fork: both processes go on tracing, whatever other threads were about.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -26,6 +34,84 @@ void useBadLock()
 {
     Clapilock lock = {};
     EXPECT_EQ(-1, clapiRequestLock(&lock));
+}
+
+// Runs in a thread that forks, behind everything that the library does before the fork.
+thread_local const std::function<void()>* lastBeforeFork = nullptr;
+
+// Handlers that are registered first run last, and the library registers its own with this
+// program's other constructors.
+__attribute__((constructor(101))) void registerLastBeforeFork()
+{
+    pthread_atfork(
+        [] {
+            if (lastBeforeFork != nullptr) (*lastBeforeFork)();
+        },
+        nullptr, nullptr);
+}
+
+void useTimeZone(const char* zone)
+{
+    setenv("TZ", zone, 1);
+    tzset();
+}
+
+// A second thread of this process, as long as the object is there.
+class SecondThread {
+public:
+    ~SecondThread() { gate_.open(); }
+
+private:
+    Gate gate_;
+    RunningCall<void> running_ = callInThread([gate = gate_]() mutable { gate.pass(); });
+};
+
+// Makes the library's clock show the seconds in a variable.
+Fault clockShowing(const long long& seconds)
+{
+    return afterCall(Call::Clock, 0, [&seconds](const CallInfo& info) {
+        auto* now = reinterpret_cast<timespec*>(info.second);
+        now->tv_sec = static_cast<time_t>(seconds);
+        now->tv_nsec = 0;
+    });
+}
+
+std::string stampNow()
+{
+    char stamp[24];
+    clapiGetTimestamp(stamp);
+    return stamp;
+}
+
+// 15 November 2026, 17:21:12 UTC.
+constexpr long long someTime = 1794763272;
+
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-y2k" // the trace's form
+
+std::string stampOf(const tm& time)
+{
+    char stamp[24];
+    std::strftime(stamp, sizeof stamp, "%d/%m/%y %H:%M:%S:000", &time);
+    return stamp;
+}
+
+#pragma GCC diagnostic pop
+
+// Whether the library's stamps and dates are those of UTC, as the C library has it, at a time.
+bool stampsUtc(long long seconds)
+{
+    auto time = static_cast<time_t>(seconds);
+    tm utc{};
+    gmtime_r(&time, &utc);
+    std::string expected = stampOf(utc);
+    std::string stamp = stampNow();
+    char date[10];
+    clapiGetDate(date);
+    if (stamp == expected && date == expected.substr(0, 8)) return true;
+    std::fprintf(stderr, "%lld: %s and %s, not %s\n", seconds, stamp.c_str(), date,
+                 expected.c_str());
+    return false;
 }
 
 } // namespace
@@ -113,4 +199,135 @@ TEST(TraceFork, ShowsTheChildsOwnIdAfterEveryKindOfFork)
         ASSERT_EQ(child, waitpid(child, &status, 0));
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
     }
+}
+
+// ---- Local time --------------------------------------------------------------------------------
+
+TEST(TraceFork, GivesAChildThatWritesLinesThoughTheTimeZoneWasBeingReadByAnotherThread)
+{
+    EXPECT_RC(0, clapiInit());
+    TemporaryDirectory directory;
+    std::string other = directory.file("other");
+    std::string zone = directory.file("zone");
+    ASSERT_EQ(0, mkfifo(zone.c_str(), 0600));
+    TraceFile trace(1);
+    TRACE(tpExc(6, "of the parent\n"));
+    long long seconds = someTime;
+    int zoneText = -1;
+    Gate gate;
+    auto reader = callInThread([&] {
+        gate.pass();
+        useTimeZone(zone.c_str());
+    });
+    ASSERT_TRUE(gate.awaitArrival());
+    std::function<void()> letItRead = [&] {
+        gate.open();
+        zoneText = open(zone.c_str(), O_WRONLY | O_CLOEXEC); // waits until it is inside
+    };
+    lastBeforeFork = &letItRead;
+    int code = inChild([&] {
+        Fault clock = clockShowing(seconds);
+        TRACE(tpExc(7, "of the child\n"));
+        useBadLock();
+        return QPX_setAPITraceFile(other.data());
+    });
+    lastBeforeFork = nullptr;
+    close(zoneText);
+    reader.get();
+    useTimeZone("UTC0");
+    EXPECT_EQ(0, code);
+    EXPECT_EQ((std::vector<std::string>{"of the child"}), trace.messages(7));
+    EXPECT_EQ(1, trace.timesWrote(3104));
+}
+
+TEST(TraceFork, GivesAChildThatKeepsTheOffsetFromUtcThatLocalTimeHadThen)
+{
+    SecondThread second;
+    useTimeZone("XYZ-3");
+    EXPECT_EQ(0, inChild([] {
+                  useTimeZone("XYZ5");
+                  long long seconds = someTime;
+                  Fault clock = clockShowing(seconds);
+                  return stampNow() == "15/11/26 20:21:12:000" ? 0 : 1;
+              }));
+}
+
+TEST(TraceFork, GivesAChildWhoseOwnChildrenKeepThatOffsetToo)
+{
+    SecondThread second;
+    useTimeZone("XYZ-3");
+    EXPECT_EQ(0, inChild([] {
+                  useTimeZone("XYZ5");
+                  return inChild([] {
+                      long long seconds = someTime;
+                      Fault clock = clockShowing(seconds);
+                      return stampNow() == "15/11/26 20:21:12:000" ? 0 : 1;
+                  });
+              }));
+}
+
+TEST(TraceFork, LeavesTheParentWithLocalTimeAsItChanges)
+{
+    SecondThread second;
+    useTimeZone("XYZ-3");
+    EXPECT_EQ(0, inChild([] { return 0; }));
+    useTimeZone("XYZ5");
+    long long seconds = someTime;
+    Fault clock = clockShowing(seconds);
+    EXPECT_EQ("15/11/26 12:21:12:000", stampNow());
+}
+
+// The thread sanitizer has a thread of its own.
+#ifndef __SANITIZE_THREAD__
+
+TEST(TraceFork, GivesTheChildOfASingleThreadLocalTimeAsItChanges)
+{
+    useTimeZone("XYZ-3");
+    EXPECT_EQ(0, inChild([] {
+                  useTimeZone("XYZ5");
+                  long long seconds = someTime;
+                  Fault clock = clockShowing(seconds);
+                  return stampNow() == "15/11/26 12:21:12:000" ? 0 : 1;
+              }));
+}
+
+#endif
+
+TEST(TraceFork, GivesAChildWithTheDatesOfTheCalendar)
+{
+    constexpr long long secondsPerDay = 86400;
+    SecondThread second;
+    useTimeZone("UTC0");
+    EXPECT_EQ(0, inChild([] {
+                  long long seconds = 0;
+                  Fault clock = clockShowing(seconds);
+                  // Four centuries and more around the beginning of time, by the day.
+                  for (long long day = -80000; day < 80000; ++day) {
+                      seconds = day * secondsPerDay + (day & 1 ? 0 : secondsPerDay - 1);
+                      if (!stampsUtc(seconds)) return 1;
+                  }
+                  // Up to the year 40,000, with other times of the day.
+                  for (seconds = 1; seconds < 1200000000000; seconds += 86399999)
+                      if (!stampsUtc(seconds)) return 1;
+                  return 0;
+              }));
+}
+
+TEST(TraceFork, GivesAChildThatFindsTheDayOfItsOwnOffset)
+{
+    SecondThread second;
+    auto stampsOfChild = [](const char* zone, long long seconds) {
+        useTimeZone(zone);
+        return inChild([seconds] {
+            Fault clock = clockShowing(seconds);
+            auto time = static_cast<time_t>(seconds);
+            tm local{};
+            localtime_r(&time, &local);
+            return stampNow() == stampOf(local) ? 0 : 1;
+        });
+    };
+    EXPECT_EQ(0, stampsOfChild("XYZ12:34:56", 0)); // on the last day of the year before
+    EXPECT_EQ(0, stampsOfChild("XYZ0:00:01", 951782400));
+    EXPECT_EQ(0, stampsOfChild("XYZ-14", 1709164800 - 3600)); // from 28 to 29 February
+    EXPECT_EQ(0, stampsOfChild("XYZ-0:00:01", 4107542399));   // into 1 March 2100
 }

@@ -297,6 +297,11 @@ static bool lineIsCut GUARDED_BY(destinationLock) = false;
 /* How long a destination that is full is waited for, once until it takes something again. */
 constexpr timespec FULL_LIMIT = {1, 0};
 
+// In 32 bits the C library's header may turn ppoll into the one with 32-bit time, fortified as it
+// is; both read the same here: the seconds, and nothing behind them.
+static_assert(FULL_LIMIT.tv_nsec == 0 && FULL_LIMIT.tv_sec <= INT32_MAX,
+              "a limit of whole seconds that 32 bits hold");
+
 /* How often it is waited for in a row, if others fill it as soon as there is room. */
 constexpr int MOST_WAITS = 100;
 

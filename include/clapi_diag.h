@@ -269,6 +269,9 @@ __attribute__((format(printf, 1, 2))) inline void clapiCheckFormat(const char*, 
 __attribute__((format(printf, 1, 2))) void clapiTracePrint(const char* format, ...)
     NEEDS_LOCK(traceLock);
 
+/* The same of a text as it stands, of whatever length, for which no memory is needed. */
+void clapiTraceText(const char* text) NEEDS_LOCK(traceLock);
+
 /* What stands in front of a line's message. */
 struct LinePrefix {
     const char* stamp;

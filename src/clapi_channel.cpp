@@ -1086,7 +1086,7 @@ static void printChannels(GrowingText* text) NEEDS_LOCK(chanListLock)
 static void writeDump(const char* dump)
 {
     TraceHold hold;
-    clapiTracePrint("%s", dump);
+    clapiTraceText(dump);
 }
 
 static int dumpChannels()

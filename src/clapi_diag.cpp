@@ -341,6 +341,7 @@ public:
         NEEDS_LOCK(destinationLock);
     void printArgs(const char* format, va_list args) NEEDS_LOCK(destinationLock);
     void put(char character) NEEDS_LOCK(destinationLock);
+    void putText(const char* text) NEEDS_LOCK(destinationLock);
     void putPrefix(const LinePrefix& prefix) NEEDS_LOCK(destinationLock);
     /* So that so many characters leave as one piece. */
     void makeRoom(size_t room) NEEDS_LOCK(destinationLock);
@@ -436,6 +437,12 @@ void Output::put(char character)
     if (pendingSize == sizeof pending) putOut();
     pending[pendingSize] = character;
     pendingSize += 1;
+}
+
+void Output::putText(const char* text)
+{
+    putOut();
+    write(text, strlen(text));
 }
 
 #pragma GCC diagnostic push
@@ -884,4 +891,10 @@ void clapiTracePrint(const char* format, ...)
     DestinationHold hold;
     Output().printArgs(format, args);
     va_end(args);
+}
+
+void clapiTraceText(const char* text)
+{
+    DestinationHold hold;
+    Output().putText(text);
 }

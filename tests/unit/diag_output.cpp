@@ -350,6 +350,20 @@ TEST_F(Output, OfAVeryLongLineIsWholeWithoutMemory)
     EXPECT_EQ(1, wholeLines(readFile(first_), 7, "name=" + name, ""));
 }
 
+TEST_F(Output, OfATextIsWholeWithoutMemoryOrAFormat)
+{
+    traceTo(first_, 1);
+    std::size_t start = readFile(first_).size();
+    std::string text = std::string(200000, 't') + "%s\n";
+    {
+        Fault memory = failEveryCall(Call::Malloc, ENOMEM);
+        TraceHold hold;
+        clapiTraceText(text.c_str());
+        EXPECT_EQ(0, memory.hits());
+    }
+    EXPECT_TRUE(text == readFile(first_).substr(start));
+}
+
 TEST_F(Output, ComesBehindWhatTheApplicationHasLeftInTheBufferOfStandardError)
 {
     CapturedStderr output;

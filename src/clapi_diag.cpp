@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cinttypes>
 #include <csignal>
 #include <cstdarg>
 #include <cstdint>
@@ -290,8 +291,9 @@ static ProcessLock destinationLock(RANK_DESTINATION);
 static char pending[TRACE_PIECE_SIZE] GUARDED_BY(destinationLock);
 static size_t pendingSize GUARDED_BY(destinationLock) = 0;
 
-/* What the destination has not taken and has not been told of yet. */
-static size_t lostBytes GUARDED_BY(destinationLock) = 0;
+/* What the destination has not taken and has not been told of yet; more than fits into memory, if
+ * nobody reads for long. */
+static uint64_t lostBytes GUARDED_BY(destinationLock) = 0;
 static bool lineIsCut GUARDED_BY(destinationLock) = false;
 
 /* How long a destination that is full is waited for, once until it takes something again. */
@@ -391,8 +393,8 @@ static size_t writeAll(int descriptor, const char* bytes, size_t length) NEEDS_L
 static bool tellOfLoss(int descriptor) NEEDS_LOCK(destinationLock)
 {
     char text[80];
-    int length = snprintf(text, sizeof text, "%s*** %lu bytes of trace lost ***\n",
-                          lineIsCut ? "\n" : "", traceSize(lostBytes));
+    int length = snprintf(text, sizeof text, "%s*** %" PRIu64 " bytes of trace lost ***\n",
+                          lineIsCut ? "\n" : "", lostBytes);
     size_t size = static_cast<size_t>(length);
     size_t taken = writeAll(descriptor, text, size);
     if (taken != 0) lineIsCut = taken != size;

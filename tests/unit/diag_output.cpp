@@ -434,6 +434,22 @@ TEST_F(Output, WaitsOnceForADestinationThatStaysFullAndTellsWhatIsMissing)
               told);
 }
 
+TEST_F(Output, TellsHowManyBytesAreMissingBeyondWhatFitsIntoMemory)
+{
+    traceTo(first_, 1);
+    std::string text(64 << 20, 'x');
+    constexpr unsigned long long times = 65;
+    std::size_t start = readFile(first_).size();
+    {
+        Fault writes = failEveryCall(Call::Write, ENOSPC);
+        TraceHold hold;
+        for (unsigned long long i = 0; i < times; ++i) clapiTraceText(text.c_str());
+    }
+    useBadLock();
+    EXPECT_EQ(0u, readFile(first_).substr(start).find("*** " + std::to_string(times * text.size()) +
+                                                      " bytes of trace lost ***\n"));
+}
+
 TEST_F(Output, BeginsALineOfItsOwnBehindOneThatWasCut)
 {
     traceTo(first_, 1);

@@ -351,6 +351,7 @@ public:
 private:
     void putOut() NEEDS_LOCK(destinationLock);
     void printLong(const char* format, va_list args, size_t length) NEEDS_LOCK(destinationLock);
+    void printInPieces(const char* format, va_list args, size_t length) NEEDS_LOCK(destinationLock);
     void write(const char* bytes, size_t length) NEEDS_LOCK(destinationLock);
 
     FILE* file;
@@ -450,15 +451,23 @@ void Output::putText(const char* text)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 
+/* Without memory it leaves in the stream's own pieces. If one of them does not, nobody knows how
+ * many have, and all of it counts as lost. */
+void Output::printInPieces(const char* format, va_list args, size_t length)
+{
+    bool takesBytes = lostBytes == 0;
+    if (takesBytes && vfprintf(file, format, args) >= 0 && fflush_unlocked(file) == 0) return;
+    lostBytes += length;
+    if (takesBytes) lineIsCut = true;
+}
+
 /* Prints what is too long to wait for the rest. */
 void Output::printLong(const char* format, va_list args, size_t length)
 {
     putOut();
     char* text = static_cast<char*>(malloc(length + 1));
     if (text == nullptr) {
-        // Without memory it leaves in the stream's own pieces.
-        static_cast<void>(vfprintf(file, format, args));
-        fflush_unlocked(file);
+        printInPieces(format, args, length);
         return;
     }
     static_cast<void>(vsnprintf(text, length + 1, format, args));

@@ -450,6 +450,55 @@ TEST_F(Output, TellsHowManyBytesAreMissingBeyondWhatFitsIntoMemory)
                                                       " bytes of trace lost ***\n"));
 }
 
+TEST_F(Output, TellsThatAVeryLongLineIsMissingForWhichThereWasNoMemory)
+{
+    int ends[2];
+    ASSERT_EQ(0, pipe2(ends, O_NONBLOCK | O_CLOEXEC));
+    FILE* pipe = fdopen(ends[1], "w");
+    ASSERT_RC(0, QPX_setAPITraceLevel(1));
+    FILE* before = clientAPITraceHandle;
+    clientAPITraceHandle = pipe;
+    std::string name(200000, 'n'); // more than the pipe takes
+    {
+        Fault memory = failEveryCall(Call::Malloc, ENOMEM);
+        TRACE(tpExc(7, "name=%s\n"), name.c_str());
+        EXPECT_EQ(1, memory.hits());
+    }
+    std::string taken;
+    char piece[4096];
+    for (ssize_t got = 0; (got = read(ends[0], piece, sizeof piece)) > 0;)
+        taken.append(piece, static_cast<std::size_t>(got));
+    useBadLock();
+    ssize_t got = read(ends[0], piece, sizeof piece);
+    clientAPITraceHandle = before;
+    std::fclose(pipe);
+    close(ends[0]);
+    EXPECT_LT(taken.size(), name.size());
+    std::size_t length = name.size() + sizeof "name=\n" - 1;
+    std::string told = "\n*** " + std::to_string(length) + " bytes of trace lost ***\n";
+    EXPECT_EQ(told, std::string(piece, static_cast<std::size_t>(std::max<ssize_t>(got, 0)))
+                        .substr(0, told.size()));
+}
+
+TEST_F(Output, CountsAVeryLongLineWithoutMemoryWhereBytesAreMissingAlready)
+{
+    traceTo(first_, 1);
+    std::string name(200000, 'n');
+    std::size_t start = readFile(first_).size();
+    {
+        Fault full = failEveryCall(Call::Write, ENOSPC);
+        Fault memory = failEveryCall(Call::Malloc, ENOMEM);
+        TRACE(tpExc(7, "name=%s\n"), name.c_str());
+        EXPECT_EQ(1, memory.hits());
+    }
+    EXPECT_EQ(start, readFile(first_).size()); // no half of a line
+    TRACE(tpExc(7, "name=%s\n"), name.c_str());
+    std::string text = readFile(first_).substr(start);
+    std::string told = text.substr(0, text.find('\n') + 1);
+    EXPECT_EQ("*** " + std::to_string(text.size() - told.size()) + " bytes of trace lost ***\n",
+              told.substr(0, 100));
+}
+
 TEST_F(Output, BeginsALineOfItsOwnBehindOneThatWasCut)
 {
     traceTo(first_, 1);

@@ -22,11 +22,20 @@ char* clapiAllocateData(size_t length)
     return pages != MAP_FAILED ? static_cast<char*>(pages) : nullptr;
 }
 
+/* The process does not get pages back with what they held. Where it has as many mappings as it may,
+ * those between others stay, but with nothing in them: they are given back one by one, or, locked
+ * into memory, overwritten. */
+static void freePages(char* data, size_t length)
+{
+    if (munmap(data, length) == 0 || madvise(data, length, MADV_DONTNEED) == 0) return;
+    explicit_bzero(data, length);
+}
+
 void clapiFreeData(char* data, size_t length)
 {
     if (data == nullptr) return;
     if (hasOwnPages(length)) {
-        munmap(data, length); // the process does not get them back with what they held
+        freePages(data, length);
         return;
     }
     explicit_bzero(data, length);

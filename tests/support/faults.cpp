@@ -511,6 +511,11 @@ extern "C" void wrap_explicit_bzero_chk(void* bytes, std::size_t length, std::si
     passage.done(0);
 }
 
+WRAP(munmap, Unmap, MinusOne, int, (void* pages, std::size_t length), (pages, length), pages,
+     length)
+WRAP(madvise, Advise, MinusOne, int, (void* pages, std::size_t length, int advice),
+     (pages, length, advice), pages, length)
+
 WRAP(pthread_mutex_init, MutexInit, Number, int, (void* mutex, const void* attributes),
      (mutex, attributes), mutex, attributes)
 WRAP(pthread_mutex_lock, MutexLock, Number, int, (void* mutex), (mutex), mutex, 0)

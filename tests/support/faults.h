@@ -28,6 +28,8 @@ enum class Call {
     Malloc,    // malloc, calloc, realloc, strdup
     Free,      // hooks before it see the block; a failed or faked one keeps it
     Overwrite, // explicit_bzero; hooks before it see what goes
+    Unmap,     // munmap
+    Advise,    // madvise
     MutexInit,
     MutexLock,
     MutexUnlock,

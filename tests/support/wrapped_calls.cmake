@@ -5,7 +5,7 @@
 
 set(QPX_WRAPPED_CALLS
   malloc calloc realloc strdup free
-  explicit_bzero __explicit_bzero_chk
+  explicit_bzero __explicit_bzero_chk munmap madvise
   pthread_mutex_init pthread_mutex_lock pthread_mutex_unlock pthread_mutex_destroy
   pthread_cond_init pthread_cond_destroy pthread_cond_wait pthread_cond_broadcast
   pthread_cond_timedwait __pthread_cond_timedwait64

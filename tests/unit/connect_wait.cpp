@@ -244,6 +244,24 @@ TEST_F(ConnectWait, WaitsForOneSecondWhenASignalComesAtTheStart)
     EXPECT_EQ(1, signal.hits());
 }
 
+TEST_F(ConnectWait, GoesOnBeyondItsLimitAsLongAsSignalsCome)
+{
+    constexpr int signals = 10;
+    SlowConnect slow;
+    std::vector<time_t> seconds{1000};
+    std::vector<Fault> waits;
+    for (int i = 1; i <= signals; ++i) {
+        seconds.push_back(1002 + i);
+        waits.push_back(failCall(Call::Select, i, EINTR, Threads::Calling));
+    }
+    SteadyClock clock(seconds);
+    Fault over = support::fakeCall(Call::Select, signals + 1, 0, Threads::Calling);
+
+    EXPECT_RC(QPX_ERR_CONNECTTIMEOUT, open(2));
+
+    EXPECT_EQ(1 + signals, clock.looks());
+}
+
 // How many seconds the wait has that follows a signal, when so many of 3600 are over.
 class ConnectWaitAgain : public ConnectWait,
                          public ::testing::WithParamInterface<std::pair<time_t, time_t>> {};

@@ -263,6 +263,18 @@ TEST_F(DaemonReplay, OfWhatIsNoRecordingEndsWithCode9AndShowsNothingOfIt)
     EXPECT_FALSE(wrong.wrote("Blue7sky"));
 }
 
+// A folder opens as files do, and fails when it is read.
+TEST_F(DaemonReplay, OfAFileThatCannotBeReadToItsEndEndsWithCode9)
+{
+    recordWhat([](Client& client) { EXPECT_EQ("price 1", answerTo(client, 1, "100105      ")); });
+    std::filesystem::create_directory(folder + "/connection-000002.jsonl");
+    Daemon daemon(options());
+    EXPECT_EQ(9, daemon.end());
+    EXPECT_TRUE(daemon.wrote("cannot replay " + folder +
+                             ": connection-000002.jsonl cannot be read to its end"))
+        << daemon.output();
+}
+
 // -------------------------------------------------------------------------------------- the script
 
 TEST_F(DaemonReplay, MakesAScriptThatAnswersAsTheRecording)

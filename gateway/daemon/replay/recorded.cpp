@@ -88,6 +88,7 @@ Connection readFile(const std::filesystem::path& file)
                                " is not one of a recording");
         }
     }
+    if (in.bad()) throw BadRecording(file.filename().string() + " cannot be read to its end");
     return reader.end();
 }
 

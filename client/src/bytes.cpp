@@ -1,12 +1,13 @@
 #include "bytes.h"
 
+#include <fcntl.h>
 #include <iconv.h>
+#include <poll.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
-#include <fstream>
-#include <iostream>
-#include <iterator>
+#include <cstring>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -93,6 +94,57 @@ bool convert(const std::string& input, int ccsid, bool toUtf8, std::string& outp
     }
     throw Failure(kUsage, "this system cannot convert code page " + std::to_string(ccsid));
 }
+
+// ---- Files --------------------------------------------------------------------------------------
+
+class Input {
+public:
+    explicit Input(const std::string& name)
+        : name_(name == "-" ? "standard input" : name), owned_(name != "-"),
+          descriptor_(owned_ ? open(name.c_str(), O_RDONLY | O_CLOEXEC) : STDIN_FILENO)
+    {
+        if (descriptor_ < 0) fail();
+    }
+
+    ~Input()
+    {
+        if (owned_) close(descriptor_);
+    }
+
+    Input(const Input&) = delete;
+    Input& operator=(const Input&) = delete;
+
+    // The next bytes; 0 are the end.
+    std::size_t read(char* room, std::size_t size)
+    {
+        for (;;) {
+            const ssize_t length = ::read(descriptor_, room, size);
+            if (length >= 0) return static_cast<std::size_t>(length);
+            if (errno == EAGAIN) {
+                await();
+            } else if (errno != EINTR) {
+                fail();
+            }
+        }
+    }
+
+private:
+    // Who has started qpx may have given it a pipe that does not block.
+    void await()
+    {
+        pollfd input = {descriptor_, POLLIN, 0};
+        if (poll(&input, 1, -1) < 0 && errno != EINTR) fail();
+    }
+
+    [[noreturn]] void fail() const
+    {
+        throw Failure(kFailed, "cannot read " + name_ + ": " + std::strerror(errno));
+    }
+
+    std::string name_;
+    bool owned_;
+    int descriptor_;
+};
 
 // ---- What can be shown --------------------------------------------------------------------------
 
@@ -191,11 +243,11 @@ std::string toDump(const std::string& bytes)
 
 std::string readFile(const std::string& name)
 {
-    std::ifstream file;
-    if (name != "-") file.open(name, std::ios::binary);
-    std::istream& input = name == "-" ? std::cin : file;
-    std::string content(std::istreambuf_iterator<char>(input), {});
-    if (!file || input.bad()) throw Failure(kFailed, "cannot read " + name);
+    Input input(name);
+    std::string content;
+    char piece[16384];
+    while (const std::size_t length = input.read(piece, sizeof piece))
+        content.append(piece, length);
     return content;
 }
 

@@ -15,7 +15,8 @@ std::string toHex(const std::string& bytes);
 // Lines of sixteen bytes: offset, digits, characters.
 std::string toDump(const std::string& bytes);
 
-// The content of a file, "-" is standard input. Throws a Failure.
+// The whole content of a file, "-" is standard input. Throws a Failure that names what cannot be
+// read to its end.
 std::string readFile(const std::string& name);
 
 // From UTF-8 to the code page of a CCSID, and back. A CCSID of 0 leaves the bytes as they are.

@@ -97,7 +97,8 @@ ConfigurationFile readConfiguration(const GivenSettings& given)
     if (name.empty()) return {};
     std::ifstream file(name);
     std::ostringstream content;
-    if (!file || !(file.peek() == std::ifstream::traits_type::eof() || content << file.rdbuf())) {
+    if (!file || !(file.peek() == std::ifstream::traits_type::eof() || content << file.rdbuf()) ||
+        file.bad()) {
         if (given.config || access(name.c_str(), F_OK) == 0)
             throw Failure(kUsage, "cannot read the configuration file " + name);
         return {};

@@ -31,6 +31,13 @@ qpx() {
     run "$QPX" --port "$GATEWAY_PORT" "$@"
 }
 
+# The same from a shell that does this first, and ends with exec "$@".
+qpx_within() {
+    local commands=$1
+    shift
+    run bash -c "$commands" - "$QPX" --port "$GATEWAY_PORT" "$@"
+}
+
 # The first argument are the passwords, one to a line.
 qpx_with_passwords() {
     printf '%s\n' "$1" >"$FOLDER/passwords"
@@ -38,6 +45,14 @@ qpx_with_passwords() {
     CODE=0
     (cd "$FOLDER" && "$QPX" --port "$GATEWAY_PORT" "$@" --password-fd 7 >"$FOLDER/out" \
         2>"$FOLDER/err" </dev/null 7<"$FOLDER/passwords") || CODE=$?
+}
+
+# Waits until the gateway has the first request of the application.
+await_request() {
+    local line
+    while read -r line; do
+        [[ $line != *"request 1 ECI"* ]] || break
+    done < <(tail -n +1 -f --pid="$APPLICATION" "$FOLDER/gateway.log")
 }
 
 # That a file is exactly what stands on standard input, but for the port and for times.
@@ -147,6 +162,10 @@ AConfigurationFileThatIsNamedMustBeThere() {
     expect_usage "cannot read the configuration file $FOLDER/none.toml" --config "$FOLDER/none.toml" systems
 }
 
+AConfigurationFileThatIsNamedMustBeAFile() {
+    expect_usage "cannot read the configuration file $FOLDER" --config "$FOLDER" systems
+}
+
 AnApplidOfTheCommandLineComesBeforeTheEnvironment() {
     gateway
     run env QPX_APPLID=OTHER "$QPX" --port "$GATEWAY_PORT" --applid MINE call ECHO
@@ -254,6 +273,22 @@ CallSendsStandardInput() {
     printf %s hello | "$QPX" --port "$GATEWAY_PORT" call ECHO --file - >"$FOLDER/out" || CODE=$?
     expect_code 0
     expect_exactly out <<<hello
+}
+
+CallEndsWhereItsInputCannotBeRead() {
+    gateway
+    qpx call ECHO --file missing
+    expect_complaint 1 "qpx: cannot read missing: No such file or directory"
+    qpx call ECHO --file "$FOLDER"
+    expect_complaint 1 "qpx: cannot read $FOLDER: Is a directory"
+    # shellcheck disable=SC2016 # for the inner shell
+    {
+        qpx_within 'exec "$@" <.' call ECHO --file -
+        expect_complaint 1 "qpx: cannot read standard input: Is a directory"
+        qpx_within 'exec "$@" <&-' call ECHO --file -
+        expect_complaint 1 "qpx: cannot read standard input: Bad file descriptor"
+    }
+    expect_no_text gateway.log ECI
 }
 
 CallConvertsTextToTheCodePageAndBack() {
@@ -398,6 +433,76 @@ UnitWhoseCommitGetsNoAnswerIsInDoubt() {
     expect_code 3
     expect_text err "qpx: commit: QPX_ERR_LOSTGWCON (-102)"
     expect_line err "qpx: the unit of work is in doubt: ask the server what it has before you send it again"
+}
+
+# Runs a unit of work, with its first line on standard input when it begins. When qpx has read that
+# and waits, the second comes on a pipe that does not block, or the connection is reset that standard
+# input is.
+unit_in_pieces() {
+    transfer >"$FOLDER/unit"
+    CODE=0
+    python3 - "$1" "$FOLDER/unit" "$QPX" --port "$GATEWAY_PORT" call --unit - <<'PYTHON' \
+        >"$FOLDER/out" 2>"$FOLDER/err" || CODE=$?
+import array, fcntl, os, socket, struct, subprocess, sys, termios
+
+kind, unit, *command = sys.argv[1:]
+lines = open(unit, "rb").read().splitlines(True)
+if kind == "pipe":
+    its, ours = os.pipe()
+    os.set_blocking(its, False)
+else:
+    listener = socket.create_server(("127.0.0.1", 0))
+    peer = socket.create_connection(listener.getsockname())
+    standard_input = listener.accept()[0]
+    its, ours = standard_input.fileno(), peer.fileno()
+
+
+def unread():
+    count = array.array("i", [0])
+    fcntl.ioctl(its, termios.FIONREAD, count)
+    return count[0]
+
+
+def state(process):
+    with open(f"/proc/{process.pid}/stat") as stat:
+        return stat.read().rpartition(")")[2].split()[0]
+
+
+first = b"".join(lines[:2])
+os.write(ours, first)
+while unread() < len(first):
+    pass
+qpx = subprocess.Popen(command, stdin=its)
+while unread() > 0 or state(qpx) not in "SZ":
+    pass
+if kind == "pipe":
+    os.write(ours, b"".join(lines[2:]))
+    os.close(ours)
+else:
+    peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    peer.close()
+sys.exit(qpx.wait())
+PYTHON
+}
+
+UnitIsReadToTheEndOfAPipeThatDoesNotBlock() {
+    gateway
+    local before after
+    before=$(balance)
+    unit_in_pieces pipe
+    expect_code 0
+    expect_exactly err <<<'qpx: committed'
+    expect_text out "D00ACC00001000000010000"
+    expect_text out "C00ACC00002000000010000"
+    after=$(balance)
+    ((10#${before#?} - 10#${after#?} == 10000)) || fail "$before became $after"
+}
+
+UnitWhoseInputBreaksOffChangesNothing() {
+    gateway
+    unit_in_pieces connection
+    expect_complaint 1 "qpx: cannot read standard input: Connection reset by peer"
+    expect_no_text gateway.log ECI
 }
 
 UnitWritesJson() {
@@ -662,6 +767,14 @@ TEXT
     expect_text gateway.log 'channel="MINE" containers=2'
 }
 
+ChannelEndsWhereItsInputCannotBeRead() {
+    gateway
+    # shellcheck disable=SC2016 # for the inner shell
+    qpx_within 'exec "$@" <&-' channel CHANECHO A=@-
+    expect_complaint 1 "qpx: cannot read standard input: Bad file descriptor"
+    expect_no_text gateway.log ECI
+}
+
 ChannelRefusesWrongArguments() {
     expect_usage 'NAME: not NAME=VALUE' channel CHANECHO NAME
     expect_usage 'A: a code page is a number from 1 to 65535, not x' channel CHANECHO A,x=b
@@ -671,7 +784,7 @@ ChannelRefusesWrongArguments() {
     run "$QPX" channel CHANECHO A=x A=y
     expect_complaint 2 "qpx: container A: ECI_ERR_CONTAINER_EXISTS (-59): the channel has a container of that name"
     run "$QPX" channel CHANECHO A=@missing
-    expect_complaint 1 "qpx: cannot read missing"
+    expect_complaint 1 "qpx: cannot read missing: No such file or directory"
 }
 
 # ---- ping ----------------------------------------------------------------------------------------
@@ -1522,12 +1635,9 @@ DoctorWritesJson() {
 
 # Starts an application whose call of ECHO is held, and waits until it waits.
 waiting_application() {
-    local line
     "$QPX" --port "$GATEWAY_PORT" call ECHO --text hello >"$FOLDER/application" 2>&1 &
     APPLICATION=$!
-    while read -r line; do
-        [[ $line != *"request 1 ECI"* ]] || break
-    done < <(tail -n +1 -f --pid="$APPLICATION" "$FOLDER/gateway.log")
+    await_request
 }
 
 end_application() {

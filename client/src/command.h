@@ -40,6 +40,10 @@ void declarePing(CLI::App& app, Command& chosen);
 void declareSystems(CLI::App& app, Command& chosen);
 void declareTrace(CLI::App& app, Command& chosen);
 
+// Writes what is left for standard output. Gives the code to end with: the result, or kFailed where
+// that is kDone and something could not be written.
+int endWith(int result);
+
 // One line of JSON on standard output.
 void print(const Json& json);
 

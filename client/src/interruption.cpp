@@ -3,8 +3,9 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <iostream>
 #include <thread>
+
+#include "command.h"
 
 namespace qpx {
 
@@ -19,9 +20,7 @@ void onInterruption(std::function<int()> tell)
     std::thread([signals, tell = std::move(tell)] {
         int number = 0;
         if (sigwait(&signals, &number) != 0) return;
-        const int code = tell();
-        std::cout.flush();
-        _exit(code);
+        _exit(endWith(tell()));
     }).detach();
 }
 

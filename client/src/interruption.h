@@ -8,7 +8,8 @@
 namespace qpx {
 
 // Must be called before other threads are started. From then on SIGINT and SIGTERM call tell, which
-// takes the locks that it needs, and end the program with the code that tell gives.
+// takes the locks that it needs, and end the program with the code that tell gives, or
+// that endWith() makes of it.
 void onInterruption(std::function<int()> tell);
 
 } // namespace qpx

@@ -2,6 +2,7 @@
 // not come through. Over the public calls of the library only.
 
 #include <clocale>
+#include <cstdio>
 #include <iostream>
 #include <new>
 
@@ -106,20 +107,21 @@ int run(int argc, char** argv)
     return perform(given, chosen);
 }
 
-int endWith(int result)
-{
-    std::cout.flush();
-    if (std::cout) return result;
-    complain("cannot write to standard output");
-    return result == kDone ? kFailed : result;
-}
-
 std::string coloured(const Settings& settings, const char* code, const std::string& text)
 {
     return settings.colour ? "\x1b[" + std::string(code) + "m" + text + "\x1b[0m" : text;
 }
 
 } // namespace
+
+int endWith(int result)
+{
+    std::cout.flush();
+    // The stream does not know of what was written without it.
+    if (std::cout && std::fflush(stdout) == 0 && std::ferror(stdout) == 0) return result;
+    complain("cannot write to standard output");
+    return result == kDone ? kFailed : result;
+}
 
 void print(const Json& json)
 {

@@ -225,6 +225,36 @@ AFullDiskIsExitCode1() {
     expect_line err "qpx: cannot write to standard output"
 }
 
+# qpx with an output that takes nothing.
+qpx_without_output() {
+    # shellcheck disable=SC2016 # for the inner shell
+    qpx_within 'exec "$@" >/dev/full' "$@"
+    expect_code 1
+    expect_line err "qpx: cannot write to standard output"
+}
+
+AFullDiskIsExitCode1ForWhateverIsWritten() {
+    gateway
+    qpx_without_output ping --count 2 --interval 0
+    qpx_without_output ping --count 2 --interval 0 --json
+    qpx_without_output load ECHO --count 10
+    qpx_without_output load ECHO --count 10 --json
+    qpx_without_output call ECHO --text hello
+}
+
+AFullDiskIsExitCode1WhenItIsInterrupted() {
+    gateway --misbehave hold@program:ECHO
+    env --default-signal=INT "$QPX" --port "$GATEWAY_PORT" ping --program ECHO >/dev/full \
+        2>"$FOLDER/err" &
+    APPLICATION=$!
+    await_request
+    kill -INT "$APPLICATION"
+    CODE=0
+    wait "$APPLICATION" || CODE=$?
+    expect_code 1
+    expect_line err "qpx: cannot write to standard output"
+}
+
 ColoursAreForTerminalsOnly() {
     run "$QPX" codes -118
     expect_no_text out $'\e'

@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <system_error>
 #include <thread>
 
 #include "command.h"
@@ -17,11 +18,17 @@ void onInterruption(std::function<int()> tell)
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    std::thread([signals, tell = std::move(tell)] {
+    const auto takeSignal = [signals, tell = std::move(tell)] {
         int number = 0;
         if (sigwait(&signals, &number) != 0) return;
         _exit(endWith(tell()));
-    }).detach();
+    };
+    try {
+        std::thread(takeSignal).detach();
+    } catch (const std::system_error& error) {
+        throw Failure(kFailed, "cannot start a thread: " + error.code().message() +
+                                   "; ulimit -u, -v and -s set how many there can be");
+    }
 }
 
 } // namespace qpx

@@ -1,6 +1,7 @@
 // qpx load - many calls of a server program at once: how many there are in a second, and how long
 // each of them takes.
 
+#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -9,11 +10,12 @@
 #include <condition_variable>
 #include <cstdio>
 #include <deque>
+#include <functional>
 #include <iostream>
 #include <map>
 #include <memory>
 #include <mutex>
-#include <thread>
+#include <system_error>
 
 #include <nlohmann/json.hpp>
 
@@ -51,6 +53,39 @@ struct LoadOptions {
     double duration = 10;
 };
 
+// A thread, until its body has ended. Its stack has a size of its own: that of "ulimit -s" does not
+// fit into 32 bits as often as --threads allows.
+class Thread {
+public:
+    // Throws where there is no thread to be had.
+    explicit Thread(std::function<void()> body) : body_(std::move(body))
+    {
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setstacksize(&attributes, kStackSize);
+        const int error = pthread_create(&thread_, &attributes, run, this);
+        pthread_attr_destroy(&attributes);
+        if (error != 0) throw std::system_error(error, std::generic_category());
+    }
+
+    ~Thread() { pthread_join(thread_, nullptr); }
+
+    Thread(const Thread&) = delete;
+    Thread& operator=(const Thread&) = delete;
+
+private:
+    static constexpr std::size_t kStackSize = 512UL * 1024; // eight times what a call needs
+
+    static void* run(void* self)
+    {
+        static_cast<Thread*>(self)->body_();
+        return nullptr;
+    }
+
+    const std::function<void()> body_;
+    pthread_t thread_ = {};
+};
+
 // What one thread has seen.
 struct Tally {
     std::mutex mutex; // of what follows; held for good once it has been told
@@ -72,6 +107,13 @@ private:
         int qualifier;
         Clock::time_point sent;
     };
+
+    using Connections = std::vector<std::unique_ptr<Connection>>;
+
+    // No thread calls before all are there.
+    void startThreads(std::deque<Thread>& threads, const Connections& gateways);
+    void letThreads(bool call);
+    bool mayCall();
 
     // The work of one thread.
     void work(QPX_ConnToken_t gateway, Tally& tally);
@@ -100,8 +142,9 @@ private:
     Clock::time_point begin_, end_;
     std::deque<Tally> tallies_;
     std::mutex mutex_;
-    std::condition_variable finished_;
-    int working_ = 0; // guarded by mutex_
+    std::condition_variable begun_, finished_;
+    std::optional<bool> calls_; // whether the threads may call, once that is known; by mutex_
+    int working_ = 0;           // guarded by mutex_
 };
 
 int commareaLength(const std::string& data, const std::optional<std::string>& given)
@@ -331,22 +374,56 @@ int Load::tell()
     return code;
 }
 
-ExitCode Load::run()
-{
-    std::vector<std::unique_ptr<Connection>> gateways;
-    std::vector<std::thread> threads;
+// ---- The threads --------------------------------------------------------------------------------
 
-    for (int i = 0; i < connections_; ++i)
-        gateways.push_back(std::make_unique<Connection>(settings_));
+void Load::letThreads(bool call)
+{
+    const std::lock_guard<std::mutex> hold(mutex_);
     begin_ = Clock::now();
     end_ = begin_ + std::chrono::duration_cast<Clock::duration>(
                         std::chrono::duration<double>(options_.duration));
+    calls_ = call;
+    begun_.notify_all();
+}
+
+bool Load::mayCall()
+{
+    std::unique_lock<std::mutex> hold(mutex_);
+    begun_.wait(hold, [this] { return calls_.has_value(); });
+    return *calls_;
+}
+
+void Load::startThreads(std::deque<Thread>& threads, const Connections& gateways)
+{
     working_ = threads_;
-    for (Tally& tally : tallies_)
-        threads.emplace_back(&Load::work, this, gateways[threads.size() % gateways.size()]->token(),
-                             std::ref(tally));
+    try {
+        for (Tally& tally : tallies_) {
+            QPX_ConnToken_t const gateway = gateways[threads.size() % gateways.size()]->token();
+            threads.emplace_back([this, gateway, &tally] {
+                if (mayCall()) work(gateway, tally);
+            });
+        }
+    } catch (const std::exception&) {
+        const std::size_t count = threads.size();
+        letThreads(false);
+        threads.clear();
+        throw Failure(kFailed, "only " + std::to_string(count) + " of " + std::to_string(threads_) +
+                                   " threads could be started; --threads takes fewer, and "
+                                   "ulimit -u and -v set how many there can be");
+    }
+    letThreads(true);
+}
+
+ExitCode Load::run()
+{
+    Connections gateways;
+    std::deque<Thread> threads;
+
+    for (int i = 0; i < connections_; ++i)
+        gateways.push_back(std::make_unique<Connection>(settings_));
+    startThreads(threads, gateways);
     showProgress();
-    for (std::thread& thread : threads) thread.join();
+    threads.clear();
     const int code = tell();
     gateways.clear();
     return static_cast<ExitCode>(code);

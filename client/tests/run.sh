@@ -958,6 +958,33 @@ LoadEndsWhenTheConnectionIsLost() {
     expect_line out "  1 of QPX_ERR_LOSTGWCON (-102)"
 }
 
+LoadHasRoomForAsManyThreadsAsItTakes() {
+    gateway --log-level error
+    # shellcheck disable=SC2016 # for the inner shell
+    qpx_within 'ulimit -s 8192 && exec "$@"' load ECHO --threads 1000 --count 2000
+    expect_code 0
+    expect_text out "2000 calls in "
+    expect_text out " 0 failed"
+}
+
+LoadSaysHowManyThreadsCouldBeStartedAndMakesNoCall() {
+    gateway
+    # shellcheck disable=SC2016 # for the inner shell
+    qpx_within 'ulimit -v 400000 && exec "$@"' load ECHO --threads 1000 --count 2000
+    expect_code 1
+    expect_nothing out
+    grep -qxE 'qpx: only [1-9][0-9]* of 1000 threads could be started; --threads takes fewer, and ulimit -u and -v set how many there can be' \
+        "$FOLDER/err" || fail "does not say how many"
+    expect_no_text gateway.log ECI
+}
+
+LoadSaysThatThereIsNoThreadForInterruptions() {
+    gateway
+    # shellcheck disable=SC2016 # for the inner shell
+    qpx_within 'ulimit -s 500000 && ulimit -v 400000 && exec "$@"' load ECHO --count 10
+    expect_complaint 1 "qpx: cannot start a thread: Resource temporarily unavailable; ulimit -u, -v and -s set how many there can be"
+}
+
 LoadRefusesWrongArguments() {
     expect_usage '--threads is a number from 1 to 1000, not 0' load ECHO --threads 0
     expect_usage '--window is a number from 1 to 100000, not x' load ECHO --window x

@@ -79,10 +79,21 @@ public:
             output.append(room, sizeof room - free);
             if (result == static_cast<std::size_t>(-1) && errno != E2BIG) return false;
         }
+        finish(output);
         return true;
     }
 
 private:
+    // A code page with shifts ends in the state in which it begins.
+    void finish(std::string& output)
+    {
+        char room[16];
+        char* next = room;
+        std::size_t free = sizeof room;
+        iconv(handle_, nullptr, nullptr, &next, &free);
+        output.append(room, sizeof room - free);
+    }
+
     iconv_t handle_;
 };
 

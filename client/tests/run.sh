@@ -335,6 +335,19 @@ CallConvertsTextToTheCodePageAndBack() {
     expect_complaint 2 "qpx: this system cannot convert code page 9"
 }
 
+CallEndsTextInTheStateInWhichItsCodePageBegins() {
+    gateway
+    local ccsid
+    for ccsid in 930 939; do
+        qpx call ECHO --ccsid "$ccsid" --text '日本' --as hex
+        expect_code 0
+        expect_exactly out <<<0e456245660f
+        qpx call ECHO --ccsid "$ccsid" --text '日本'
+        expect_code 0
+        expect_exactly out <<<'日本'
+    done
+}
+
 CallMakesRoomForALongerReplyAndSendsNoMoreThanTheData() {
     script <<<'[[on]]
 program = "PRICE"

@@ -119,6 +119,7 @@ struct Receiver {
     ECIRequest eciReply;
     ESIRequest esiReply;
     ArrivingBytes aside;  // a reply's data whose place is still read for the request
+    size_t roomRefused;   // what an asynchronous reply needs and there was no memory for, or 0
     RequestSlot* slotP;   // whom the flow is for; null if nobody
     uint32_t allocNumber; // that slot's use when the flow began to be read
     int rc;               // any non-zero value ends the thread's loop
@@ -214,16 +215,21 @@ static int bodyResult(Receiver* r, int rc)
 /* ---- Replies ---- */
 
 /* Room for the whole reply of an asynchronous call, so that a later collection can say how much
- * it needs. Without memory the reply is cut to the room that there is. Locks: tableLock held. */
-static void growReplyBuffer(RequestSlot* slotP, const SocketBuffer* sockBuffer)
+ * it needs. Without memory the reply is read into the room that there is, and then is none.
+ * Locks: tableLock held. */
+static void growReplyBuffer(Receiver* r, RequestSlot* slotP)
 {
-    if (slotP->asyncBuffer == nullptr) return;
-    int inboundLength = clapiPeekInboundLength(sockBuffer);
+    bool carriesData = clapiCarriesData(slotP->eciParms.eci_extend_mode);
+    if (slotP->asyncBuffer == nullptr || !carriesData) return;
+    int inboundLength = clapiPeekInboundLength(&r->sockBuffer);
     size_t wanted = static_cast<size_t>(std::clamp(inboundLength, 0, SHRT_MAX));
     if (wanted <= slotP->replyCapacity) return;
 
     char* buffer = static_cast<char*>(calloc(wanted, 1));
-    if (buffer == nullptr) return;
+    if (buffer == nullptr) {
+        r->roomRefused = wanted;
+        return;
+    }
     clapiFreeReplyBuffer(slotP);
     slotP->asyncBuffer = buffer;
     slotP->replyCapacity = wanted;
@@ -259,7 +265,7 @@ static int readAside(Receiver* r, const RequestSlot* slotP)
 static int loadReplyRecord(Receiver* r, RequestSlot* slotP) NEEDS_LOCK(r->conn->tableLock)
 {
     if (slotP->purpose == SYSTEM_LIST_QUERY && r->header.gatewayRc != QPX_OK) return QPX_OK;
-    growReplyBuffer(slotP, &r->sockBuffer);
+    growReplyBuffer(r, slotP);
     r->eciReply.commarea = slotP->eciParms.eci_commarea;
     r->eciReply.capacity = slotP->replyCapacity;
     r->eciReply.extendedMode = slotP->eciParms.eci_extend_mode;
@@ -285,6 +291,7 @@ static int findReplySlot(Receiver* r)
     r->eciReply = ECIRequest{};
     r->eciReply.limited = 1;
     r->esiReply = ESIRequest{};
+    r->roomRefused = 0;
 
     LockGuard table(r->conn->tableLock);
     if (!table.held()) {
@@ -411,6 +418,23 @@ static int deliverReply(Receiver* r, ReplyKind kind)
     return rc;
 }
 
+/*
+ * Makes a success whose data there was no memory for a failure: nobody may take what is there for
+ * the whole. It counts as the server's, behind which a unit of work goes on: it can be backed out,
+ * and what it has done so far does not stay with the server unseen.
+ */
+static void failCutReply(Receiver* r)
+{
+    namespace at = tp::failCutReply;
+
+    bool isSuccess = r->header.gatewayRc == QPX_OK && r->eciReply.vornRc == 0;
+    if (r->roomRefused == 0 || !isSuccess) return;
+    TRACE(at::noMemory, static_cast<int>(r->roomRefused));
+    // As for a request whose reply buffer there is no memory for to begin with. Callers take
+    // QPX_ERR_MALLOCFAIL of a collecting call to say that the reply is still to be collected.
+    r->eciReply.vornRc = ECI_ERR_RESOURCE_SHORTAGE;
+}
+
 static int receiveECIReply(Receiver* r)
 {
     namespace at = tp::receiverThread;
@@ -424,6 +448,7 @@ static int receiveECIReply(Receiver* r)
     if (r->eciReply.commarea == r->aside.data) r->aside.length = r->eciReply.commareaChanged;
     if (r->eciReply.vornRc != 0)
         TRACE(at::eciError, r->eciReply.vornRc, clapiGetRcStringECI(r->eciReply.vornRc));
+    failCutReply(r);
     return deliverReply(r, ReplyKind::eci);
 }
 

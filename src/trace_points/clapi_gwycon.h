@@ -24,6 +24,10 @@ namespace tp::getHostInfo {
 constexpr TracePoint notResolved = tpExc(3013, "clapi_gwycon.getHostInfo() Unable to resolve host (%s:%s): %s (%d)\n");
 }
 
+namespace tp::failCutReply {
+constexpr TracePoint noMemory = tpExc(3014, "clapi_gwycon.failCutReply() Failed to allocate %d bytes for the reply of an asynchronous request\n");
+}
+
 namespace tp::waitForConnection {
 constexpr TracePoint entry        = tpEntry(3015, "clapi_gwycon.waitForConnection(socketDescriptorPtr=%p, sockError=%p, connTimeout=%d)\n");
 constexpr TracePoint selecting    = tpDebug(3016, "clapi_gwycon.waitForConnection() Calling select() on socketdescriptor %lu\n");

@@ -23,6 +23,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -149,14 +150,26 @@ private:
     char text[TRACE_FILENAME_SIZE];
 };
 
+/* How the child of a fork knows the local time: by asking the C library for it, or by the offset
+ * from UTC that it had at the fork. */
+struct ForkClock {
+    bool asks;
+    int64_t offset; // in seconds
+};
+
+/*
+ * The clock for a child. One of a process with a trace and several threads does not ask: the lock
+ * behind local time may be one that another thread holds at the fork. Where it is looked up, that
+ * may wait for other threads and for a file. Locks: none taken, and none held.
+ */
+ForkClock clapiClockForFork(void);
+
 /*
  * For a fork: between the first and one of the others no other thread is inside a line or changes
- * the trace, and both processes find the locks of the trace free afterwards. The child's lines need
- * none of the C library's locks of the time zone, unless it is the child of a single thread; their
- * offset from UTC is that of the fork. Locks: the first takes traceLock, so everything else that is
- * held over a fork is taken before.
+ * the trace, and both processes find the locks of the trace free afterwards. Locks: the first takes
+ * traceLock, so everything else that is held over a fork is taken before.
  */
-void clapiTraceForkPrepare(void);
+void clapiTraceForkPrepare(ForkClock clock);
 void clapiTraceForkParent(void);
 void clapiTraceForkChild(void);
 

@@ -134,7 +134,7 @@ typedef struct _QPX_ECI_PARMS {
  *               too, the result is ECI_ERR_INVALID_DATA_LENGTH, eci_commarea_length has the size
  *               needed, and the reply stays for the next call. A reply that was longer than its
  *               request expected, and for which there was no memory when it came, is lost:
- *               ECI_ERR_RESOURCE_SHORTAGE, and commarea_inbound_length has the size that it had.
+ *               ECI_ERR_SYSTEM_ERROR, and commarea_inbound_length has the size that it had.
  *               A call that waits does so until there is a reply, the connection ends, or it is
  *               being closed with nothing to come.
  *

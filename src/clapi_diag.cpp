@@ -67,19 +67,13 @@ constexpr size_t DATE_LENGTH = 8;
 constexpr size_t SECONDS_LENGTH = 18;
 constexpr size_t MILLISECOND_DIGITS = 3;
 
-constexpr int64_t SECONDS_PER_DAY = 24 * 60 * 60;
+constexpr int64_t SECONDS_PER_DAY = 86400;
 constexpr int64_t DAYS_PER_YEAR = 365;
 constexpr int64_t DAYS_PER_CENTURY = 100 * DAYS_PER_YEAR + 24;
 constexpr int64_t DAYS_PER_ERA = 4 * DAYS_PER_CENTURY + 1; // in which the calendar repeats itself
 
-/*
- * The child of a process that had several threads asks the C library for no local time: the lock
- * behind it may be one that another thread held at the fork, and stays held. It goes on with the
- * offset from UTC that its parent looked up for the fork. Written while a fork is prepared, and in
- * the child; what decides in a process changes there before it has a second thread.
- */
+/* The clock of this process. Written in the child of a fork, before it has a second thread. */
 static bool asksForLocalTime = true;
-static bool childAsksForLocalTime = true;
 static int64_t offsetAtFork = 0;
 
 namespace {
@@ -143,16 +137,34 @@ static tm localTime(const timespec& now)
     return local;
 }
 
-/* Before a fork. A thread that is alone is not inside the C library while it forks, so that its
- * child may ask as before. */
-static void keepOffsetForChild()
+static int64_t secondOfDay(const tm& time)
 {
-    if (!asksForLocalTime) return; // a child itself, whose own keep what it has
-    childAsksForLocalTime = __libc_single_threaded != 0;
-    if (childAsksForLocalTime) return;
+    return (time.tm_hour * 60 + time.tm_min) * 60 + time.tm_sec;
+}
+
+/* Zones that count leap seconds have them in the fields, and not in the offset. */
+static int64_t offsetOf(const timespec& now)
+{
+    constexpr int64_t HALF_DAY = SECONDS_PER_DAY / 2;
+    tm local = localTime(now);
+    int64_t rest = secondOfDay(local) - secondOfDay(brokenDown(now.tv_sec, local.tm_gmtoff));
+    if (rest > HALF_DAY) rest -= SECONDS_PER_DAY;
+    if (rest < -HALF_DAY) rest += SECONDS_PER_DAY;
+    return local.tm_gmtoff + rest;
+}
+
+ForkClock clapiClockForFork(void)
+{
+    if (!asksForLocalTime) return ForkClock{false, offsetAtFork}; // a child itself
+    // Where nothing is traced nothing is looked up, and a thread that is alone has nobody inside
+    // the C library.
+    if (clientAPITrace == TRACE_OFF || __libc_single_threaded != 0) return ForkClock{true, 0};
+    int before = errno;
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
-    offsetAtFork = localTime(now).tm_gmtoff;
+    ForkClock clock = {false, offsetOf(now)};
+    errno = before;
+    return clock;
 }
 
 /* Writes the last digits of a number, as many as there is room for, in front of end. */
@@ -628,14 +640,16 @@ TraceSwitch clapiSwitchTrace(const char* name)
 
 /* Whether traceLock exists and is held over a fork. */
 static bool forkHoldsTraceLock GUARDED_BY(destinationLock) = false;
+static ForkClock clockOfChild GUARDED_BY(destinationLock) = {true, 0};
 
-void clapiTraceForkPrepare(void) NOT_ANALYSED("whether there is a traceLock is known at run time")
+void clapiTraceForkPrepare(ForkClock clock)
+    NOT_ANALYSED("whether there is a traceLock is known at run time")
 {
     bool holdsTraceLock = clapiIsLockInitialized(&traceLock) == LOCK_INITIALIZED &&
                           clapiTakeForFork(&traceLock) == 0;
     clapiTakeForFork(&destinationLock);
     forkHoldsTraceLock = holdsTraceLock;
-    keepOffsetForChild();
+    clockOfChild = clock;
 }
 
 void clapiTraceForkParent(void) NOT_ANALYSED("whether there is a traceLock is known at run time")
@@ -647,7 +661,8 @@ void clapiTraceForkParent(void) NOT_ANALYSED("whether there is a traceLock is kn
 
 void clapiTraceForkChild(void) NOT_ANALYSED("whether there is a traceLock is known at run time")
 {
-    asksForLocalTime = childAsksForLocalTime;
+    asksForLocalTime = clockOfChild.asks;
+    offsetAtFork = clockOfChild.offset;
     clapiTraceForkParent();
 }
 

@@ -430,9 +430,9 @@ static void failCutReply(Receiver* r)
     bool isSuccess = r->header.gatewayRc == QPX_OK && r->eciReply.vornRc == 0;
     if (r->roomRefused == 0 || !isSuccess) return;
     TRACE(at::noMemory, static_cast<int>(r->roomRefused));
-    // As for a request whose reply buffer there is no memory for to begin with. Callers take
-    // QPX_ERR_MALLOCFAIL of a collecting call to say that the reply is still to be collected.
-    r->eciReply.vornRc = ECI_ERR_RESOURCE_SHORTAGE;
+    // In doubt, as the program has run: ECI_ERR_RESOURCE_SHORTAGE is the server's word for nothing
+    // done, and QPX_ERR_MALLOCFAIL would say that the reply is still to be collected.
+    r->eciReply.vornRc = ECI_ERR_SYSTEM_ERROR;
 }
 
 static int receiveECIReply(Receiver* r)
@@ -889,17 +889,45 @@ static int reachHost(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host, int* sock
     return waitForConnection(&socketDescriptor, sockError, gwTokPtr->connTimeout);
 }
 
+/* Whether two addresses of one family have the same port, and the second the first's host, or stands
+ * for this machine whatever its address. */
+static bool isReachedBy(const sockaddr_in& own, const sockaddr_in& given)
+{
+    return own.sin_port == given.sin_port && (given.sin_addr.s_addr == htonl(INADDR_ANY) ||
+                                              given.sin_addr.s_addr == own.sin_addr.s_addr);
+}
+
+static bool isReachedBy(const sockaddr_in6& own, const sockaddr_in6& given)
+{
+    return own.sin6_port == given.sin6_port &&
+           (IN6_IS_ADDR_UNSPECIFIED(&given.sin6_addr) ||
+            memcmp(&own.sin6_addr, &given.sin6_addr, sizeof own.sin6_addr) == 0);
+}
+
 /* Whether a connection has no other side. Where nobody listens at a port of this machine that the
  * system also gives out, a connect may be given that very port, and what it meets is itself. */
-static bool isConnectedToItself(Socket socketDescriptor)
+static bool isConnectedToItself(Socket socketDescriptor, const addrinfo* host)
 {
     sockaddr_storage own = {};
-    sockaddr_storage peer = {};
-    socklen_t ownSize = sizeof own;
-    socklen_t peerSize = sizeof peer;
-    return getsockname(socketDescriptor, reinterpret_cast<sockaddr*>(&own), &ownSize) == 0 &&
-           getpeername(socketDescriptor, reinterpret_cast<sockaddr*>(&peer), &peerSize) == 0 &&
-           memcmp(&own, &peer, sizeof own) == 0;
+    socklen_t size = sizeof own;
+    auto* address = reinterpret_cast<sockaddr*>(&own);
+    if (getsockname(socketDescriptor, address, &size) != 0 || address->sa_family != host->ai_family)
+        return false;
+    if (address->sa_family == AF_INET)
+        return isReachedBy(*reinterpret_cast<const sockaddr_in*>(&own),
+                           *reinterpret_cast<const sockaddr_in*>(host->ai_addr));
+    return address->sa_family == AF_INET6 &&
+           isReachedBy(*reinterpret_cast<const sockaddr_in6*>(&own),
+                       *reinterpret_cast<const sockaddr_in6*>(host->ai_addr));
+}
+
+/* Such a connection keeps its port from the Gateway that is to come unless it ends at once. */
+static int refuseOwnConnection(Socket socketDescriptor, int* sockError)
+{
+    linger atOnce = {1, 0};
+    setsockopt(socketDescriptor, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+    *sockError = ECONNREFUSED;
+    return QPX_ERR_CONNECTFAILED;
 }
 
 /* Connects within the token's time limit. A limit of 0 leaves the socket in blocking mode. */
@@ -911,10 +939,8 @@ static int connectSocket(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host, const
     if (limited) ioctl(gwTokPtr->socketDescriptor, FIONBIO, &sockOptOn);
     int sockError = 0;
     int rc = reachHost(gwTokPtr, host, &sockError);
-    if (rc == QPX_OK && isConnectedToItself(gwTokPtr->socketDescriptor)) {
-        sockError = ECONNREFUSED;
-        rc = QPX_ERR_CONNECTFAILED;
-    }
+    if (rc == QPX_OK && isConnectedToItself(gwTokPtr->socketDescriptor, host))
+        rc = refuseOwnConnection(gwTokPtr->socketDescriptor, &sockError);
     if (rc != QPX_OK) {
         ErrorText text;
         TRACE(at::notConnected, traceError(sockError, text), sockError);

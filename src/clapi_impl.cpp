@@ -227,11 +227,12 @@ int clapiInit(void)
 /*
  * Every lock that the whole process shares is held across a fork, in the order in which they are
  * taken anywhere, so that the child finds none of them taken by a thread that it does not have, and
- * nothing half changed that they guard. None of the three writes a line or needs memory, but for
- * what the C library takes when it reads the time zone.
+ * nothing half changed that they guard. None of the three writes a line or needs memory. The C
+ * library may wait for the time zone, so that it is asked before the locks are taken.
  */
 static void prepareFork(void) NOT_ANALYSED("which locks there are is known at run time")
 {
+    ForkClock clock = clapiClockForFork();
     clapiTakeForFork(&initGuard);
     if (clapiState != 0) { // the locks exist
         clapiTakeForFork(&gtlLock);
@@ -239,7 +240,7 @@ static void prepareFork(void) NOT_ANALYSED("which locks there are is known at ru
         clapiConnectionsForkPrepare();
         clapiTakeForFork(&correlatorLock);
     }
-    clapiTraceForkPrepare();
+    clapiTraceForkPrepare(clock);
 }
 
 static void endForkInParent(void) NOT_ANALYSED("which locks there are is known at run time")

@@ -127,6 +127,7 @@ private:
     QPX_ECI_PARMS recordWith(std::string& area) const;
 
     void showProgress();
+    double secondsSinceBegin();
     void show(const Tally& all, double seconds) const;
     Json asJson(const Tally& all, double seconds) const;
 
@@ -311,7 +312,7 @@ void Load::show(const Tally& all, double seconds) const
                 options_.program.c_str(), settings_.place().c_str(), threads_, connections_,
                 window_, data_.size());
     std::printf("%" PRIu64 " calls in %.3f s, %.0f a second, %" PRIu64 " failed\n", calls, seconds,
-                static_cast<double>(calls) / seconds, failuresOf(all));
+                seconds > 0 ? static_cast<double>(calls) / seconds : 0, failuresOf(all));
     for (const auto& [rc, count] : all.failures)
         std::printf("  %" PRIu64 " of %s\n", count, nameAndNumber(rc).c_str());
     if (times.count() == 0) return;
@@ -352,10 +353,18 @@ Json Load::asJson(const Tally& all, double seconds) const
             {"histogram", histogram}};
 }
 
+// 0 before the calls have begun.
+double Load::secondsSinceBegin()
+{
+    const std::lock_guard<std::mutex> hold(mutex_);
+    if (!calls_) return 0;
+    return std::chrono::duration<double>(Clock::now() - begin_).count();
+}
+
 int Load::tell()
 {
     for (Tally& tally : tallies_) tally.mutex.lock(); // for good: this is the end
-    const std::chrono::duration<double> took = Clock::now() - begin_;
+    const double took = secondsSinceBegin();
     Tally all;
     ExitCode code = kDone;
 
@@ -367,9 +376,9 @@ int Load::tell()
         }
     }
     if (settings_.json)
-        print(asJson(all, took.count()));
+        print(asJson(all, took));
     else
-        show(all, took.count());
+        show(all, took);
     std::fflush(stdout);
     return code;
 }

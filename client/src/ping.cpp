@@ -52,6 +52,9 @@ public:
 
     void close() { gateway_.reset(); }
 
+    // False once a line could not be written: nobody reads any more, and there is no use in asking.
+    bool canWrite() const { return canWrite_; }
+
     // What there is to tell at the end; nothing may be asked any more. Gives the exit code.
     int tell();
 
@@ -59,6 +62,7 @@ private:
     void send();
     void answered(std::uint64_t nanoseconds);
     void failed(const CallFailure& failure);
+    void writeOut();
 
     const Settings settings_;
     const PingOptions options_;
@@ -69,6 +73,7 @@ private:
     unsigned requests_ = 0;
     Statistics answers_;
     ExitCode code_ = kDone;
+    bool canWrite_ = true; // of the asking thread
 };
 
 void Ping::send()
@@ -113,8 +118,7 @@ void Ping::answered(std::uint64_t nanoseconds)
     else
         std::printf("answer from %s: request=%u time=%.3f ms\n", settings_.place().c_str(),
                     requests_, milliseconds);
-    std::fflush(stdout);
-    std::cout.flush();
+    writeOut();
 }
 
 void Ping::failed(const CallFailure& failure)
@@ -127,8 +131,14 @@ void Ping::failed(const CallFailure& failure)
     else
         std::printf("no answer from %s: request=%u %s\n", settings_.place().c_str(), requests_,
                     nameAndNumber(failure.rc()).c_str());
+    writeOut();
+}
+
+void Ping::writeOut()
+{
     std::fflush(stdout);
     std::cout.flush();
+    canWrite_ = std::ferror(stdout) == 0 && std::cout;
 }
 
 int Ping::tell()
@@ -171,7 +181,7 @@ ExitCode runPing(const Settings& settings, const PingOptions& options)
     onInterruption([] { return ping->tell(); });
 
     auto next = Clock::now();
-    for (int i = 0; count == 0 || i < count; ++i) {
+    for (int i = 0; (count == 0 || i < count) && ping->canWrite(); ++i) {
         std::this_thread::sleep_until(next);
         next = std::max(next, Clock::now()) + std::chrono::duration_cast<Clock::duration>(
                                                   std::chrono::duration<double>(options.interval));

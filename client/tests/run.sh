@@ -919,6 +919,18 @@ PingShowsStatisticsWhenItIsInterrupted() {
     expect_text out " 1 answers, "
 }
 
+PingEndsWhenNobodyReadsItsLinesAnyMore() {
+    gateway
+    {
+        CODE=0
+        "$QPX" --port "$GATEWAY_PORT" ping --interval 0 2>"$FOLDER/err" || CODE=$?
+        printf '%s\n' "$CODE" >"$FOLDER/code"
+    } | read -r
+    CODE=$(<"$FOLDER/code")
+    expect_code 1
+    expect_line err "qpx: cannot write to standard output"
+}
+
 PingRefusesWrongArguments() {
     expect_usage '--count is a number from 1 to 1000000000, not 0' ping --count 0
     expect_usage 'an interval is a number of seconds from 0 to 86400' ping --interval -1
@@ -969,6 +981,22 @@ LoadEndsWhenTheConnectionIsLost() {
     qpx load ECHO --count 100
     expect_code 3
     expect_line out "  1 of QPX_ERR_LOSTGWCON (-102)"
+}
+
+LoadCountsNoTimeBeforeItsCallsBegin() {
+    local line
+    gateway --misbehave no-handshake-answer
+    env --default-signal=INT "$QPX" --port "$GATEWAY_PORT" load ECHO >"$FOLDER/out" \
+        2>"$FOLDER/err" &
+    APPLICATION=$!
+    while read -r line; do
+        [[ $line != *"connection 1: handshake"* ]] || break
+    done < <(tail -n +1 -f --pid="$APPLICATION" "$FOLDER/gateway.log")
+    kill -INT "$APPLICATION"
+    CODE=0
+    wait "$APPLICATION" || CODE=$?
+    expect_code 0
+    expect_line out "0 calls in 0.000 s, 0 a second, 0 failed"
 }
 
 LoadHasRoomForAsManyThreadsAsItTakes() {

@@ -85,7 +85,10 @@ public:
     bool wrote(const std::string& part) const { return text_.find(part) != std::string::npos; }
 
     pid_t id() const { return process_; }
-    void signal(int number) const { ::kill(process_, number); }
+    void signal(int number) const
+    {
+        if (process_ > 0) ::kill(process_, number);
+    }
 
     // Waits for the end; the exit code, or -1 when a signal has ended it.
     int end()
@@ -97,6 +100,7 @@ public:
     // As end(), but what has not been read of the output is not read now either.
     int endUnread()
     {
+        if (process_ <= 0) return -1;
         int status = 0;
         ::waitpid(process_, &status, 0);
         process_ = -1;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/single_threaded.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -13,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -167,7 +169,7 @@ TEST(TraceFork, LeavesTheTraceFreeInTheChildWhileAnotherThreadIsInsideALine)
 
 TEST(TraceFork, HasNothingToHoldBeforeTheFirstCall)
 {
-    clapiTraceForkPrepare();
+    clapiTraceForkPrepare(clapiClockForFork());
     clapiTraceForkParent();
     EXPECT_RC(0, clapiInit());
     EXPECT_EQ(0, clapiRequestLock(&traceLock));
@@ -243,6 +245,7 @@ TEST(TraceFork, GivesAChildThatWritesLinesThoughTheTimeZoneWasBeingReadByAnother
 TEST(TraceFork, GivesAChildThatKeepsTheOffsetFromUtcThatLocalTimeHadThen)
 {
     SecondThread second;
+    TraceFile trace(1);
     useTimeZone("XYZ-3");
     EXPECT_EQ(0, inChild([] {
                   useTimeZone("XYZ5");
@@ -255,6 +258,7 @@ TEST(TraceFork, GivesAChildThatKeepsTheOffsetFromUtcThatLocalTimeHadThen)
 TEST(TraceFork, GivesAChildWhoseOwnChildrenKeepThatOffsetToo)
 {
     SecondThread second;
+    TraceFile trace(1);
     useTimeZone("XYZ-3");
     EXPECT_EQ(0, inChild([] {
                   useTimeZone("XYZ5");
@@ -269,6 +273,7 @@ TEST(TraceFork, GivesAChildWhoseOwnChildrenKeepThatOffsetToo)
 TEST(TraceFork, LeavesTheParentWithLocalTimeAsItChanges)
 {
     SecondThread second;
+    TraceFile trace(1);
     useTimeZone("XYZ-3");
     EXPECT_EQ(0, inChild([] { return 0; }));
     useTimeZone("XYZ5");
@@ -277,11 +282,10 @@ TEST(TraceFork, LeavesTheParentWithLocalTimeAsItChanges)
     EXPECT_EQ("15/11/26 12:21:12:000", stampNow());
 }
 
-// The thread sanitizer has a thread of its own.
-#ifndef __SANITIZE_THREAD__
-
 TEST(TraceFork, GivesTheChildOfASingleThreadLocalTimeAsItChanges)
 {
+    if (__libc_single_threaded == 0) GTEST_SKIP() << "this process has had other threads";
+    TraceFile trace(1);
     useTimeZone("XYZ-3");
     EXPECT_EQ(0, inChild([] {
                   useTimeZone("XYZ5");
@@ -291,12 +295,45 @@ TEST(TraceFork, GivesTheChildOfASingleThreadLocalTimeAsItChanges)
               }));
 }
 
-#endif
+TEST(TraceFork, GivesTheChildOfAProcessWithoutATraceLocalTimeAsItChanges)
+{
+    SecondThread second;
+    useTimeZone("XYZ-3");
+    EXPECT_EQ(0, inChild([] {
+                  useTimeZone("XYZ5");
+                  long long seconds = someTime;
+                  Fault clock = clockShowing(seconds);
+                  return stampNow() == "15/11/26 12:21:12:000" ? 0 : 1;
+              }));
+}
+
+// A zone of UTC that is 27 leap seconds behind since 1972, as a file of zones has it.
+TEST(TraceFork, GivesAChildThatCountsLeapSecondsAsLocalTimeDoes)
+{
+    std::string zone = std::string("TZif") + std::string(16, '\0');
+    for (int count : {0, 0, 1, 0, 1, 4}) zone += std::string(3, '\0') + static_cast<char>(count);
+    zone += std::string(6, '\0') + std::string("UTC\0", 4);
+    zone += std::string("\x04\xB2\x58\x00", 4) + std::string("\0\0\0\x1B", 4);
+    TemporaryDirectory directory;
+    std::string file = directory.file("zone");
+    std::ofstream(file, std::ios::binary) << zone;
+    SecondThread second;
+    TraceFile trace(1);
+    useTimeZone((":" + file).c_str());
+
+    EXPECT_EQ(0, inChild([] {
+                  long long seconds = someTime;
+                  Fault clock = clockShowing(seconds);
+                  return stampNow() == "15/11/26 17:20:45:000" ? 0 : 1;
+              }));
+    useTimeZone("UTC0");
+}
 
 TEST(TraceFork, GivesAChildWithTheDatesOfTheCalendar)
 {
     constexpr long long secondsPerDay = 86400;
     SecondThread second;
+    TraceFile trace(1);
     useTimeZone("UTC0");
     EXPECT_EQ(0, inChild([] {
                   long long seconds = 0;
@@ -316,6 +353,7 @@ TEST(TraceFork, GivesAChildWithTheDatesOfTheCalendar)
 TEST(TraceFork, GivesAChildThatFindsTheDayOfItsOwnOffset)
 {
     SecondThread second;
+    TraceFile trace(1);
     auto stampsOfChild = [](const char* zone, long long seconds) {
         useTimeZone(zone);
         return inChild([seconds] {

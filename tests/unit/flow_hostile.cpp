@@ -715,7 +715,7 @@ TEST_F(FlowHostileAsync, FailsForAReplyThatNoMemoryCanBeHadFor)
     Fault noMemory = failEveryCall(Call::Malloc, ENOMEM, Threads::Others);
     peer.send(reply(programBody(300, hex("00") + contents)));
 
-    EXPECT_RC(-16, collect(300));
+    EXPECT_RC(-9, collect(300));
 
     EXPECT_LE(1, noMemory.hits());
     EXPECT_EQ(300, parms.record.commarea_inbound_length);

@@ -55,7 +55,7 @@ TEST_F(LongReply, WithoutMemoryIsCollectedAsAFailure)
     connection.peer.send(longReply(messageId));
 
     EciParms reply = getReplyWait(2 * LONG);
-    EXPECT_RC(ECI_ERR_RESOURCE_SHORTAGE, collect(reply));
+    EXPECT_RC(ECI_ERR_SYSTEM_ERROR, collect(reply));
 
     EXPECT_EQ(1, noMemory.hits());
     EXPECT_EQ(filled(2 * LONG), reply.commarea());
@@ -71,7 +71,7 @@ TEST_F(LongReply, WithoutMemoryTellsHowLongItWas)
     connection.peer.send(longReply(startAsync()));
 
     EciParms reply = getReplyWait(2 * LONG);
-    EXPECT_RC(ECI_ERR_RESOURCE_SHORTAGE, collect(reply));
+    EXPECT_RC(ECI_ERR_SYSTEM_ERROR, collect(reply));
 
     EXPECT_EQ(1, noMemory.hits());
     EXPECT_EQ(int(LONG), int(reply.record.commarea_inbound_length));
@@ -84,7 +84,7 @@ TEST_F(LongReply, WithoutMemoryIsCollectedOnceWhateverRoomThereIs)
     connection.peer.send(longReply(messageId));
 
     EciParms reply = getReplyWait(8);
-    EXPECT_RC(ECI_ERR_RESOURCE_SHORTAGE, collect(reply));
+    EXPECT_RC(ECI_ERR_SYSTEM_ERROR, collect(reply));
 
     EXPECT_EQ(1, noMemory.hits());
     EXPECT_EQ(filled(8), reply.commarea());
@@ -100,7 +100,7 @@ TEST_F(LongReply, WithoutMemoryGivesItsSlotBack)
     connection.peer.send(longReply(messageId));
 
     EciParms reply = getReplyWait(LONG);
-    EXPECT_RC(ECI_ERR_RESOURCE_SHORTAGE, collect(reply));
+    EXPECT_RC(ECI_ERR_SYSTEM_ERROR, collect(reply));
 
     EXPECT_EQ(1, noMemory.hits());
     EXPECT_EQ(SLOT_FREE, slotState(messageId));
@@ -116,7 +116,7 @@ TEST_F(LongReply, WithoutMemoryLeavesTheRepliesBehindItWhole)
     connection.peer.send(longReply(cut) + eciReply(whole, filled(LONG - 1, 'w')));
 
     EciParms reply = getReplyWait(LONG);
-    EXPECT_RC(ECI_ERR_RESOURCE_SHORTAGE, collect(reply));
+    EXPECT_RC(ECI_ERR_SYSTEM_ERROR, collect(reply));
     reply = getReplyWait(LONG - 1);
     EXPECT_RC(QPX_OK, collect(reply));
 
@@ -131,7 +131,7 @@ TEST_F(LongReply, WithoutMemoryIsReadOverThoughItIsTheLongestThereIs)
     connection.peer.send(eciReply(startAsync(), filled(40'000, 'r')));
 
     EciParms reply = getReplyWait(32'767);
-    EXPECT_RC(ECI_ERR_RESOURCE_SHORTAGE, collect(reply));
+    EXPECT_RC(ECI_ERR_SYSTEM_ERROR, collect(reply));
 
     EXPECT_EQ(1, noMemory.hits());
     noMemory.end();
@@ -145,7 +145,7 @@ TEST_F(LongReply, WithoutMemoryIsNoBetterWhenItComesTwice)
     connection.peer.send(longReply(messageId) + longReply(messageId));
 
     EciParms reply = getReplyWait(LONG);
-    EXPECT_RC(ECI_ERR_RESOURCE_SHORTAGE, collect(reply));
+    EXPECT_RC(ECI_ERR_SYSTEM_ERROR, collect(reply));
 
     EXPECT_EQ(1, noMemory.hits());
     EXPECT_EQ(filled(LONG), reply.commarea());
@@ -160,7 +160,7 @@ TEST_F(LongReply, WithoutMemoryLeavesItsUnitOfWorkToBeBackedOut)
     connection.peer.send(ProgramReply().luwToken(12).commarea(filled(LONG, 'r')).to(messageId));
 
     EciParms reply = getReplyWait(LONG);
-    EXPECT_RC(ECI_ERR_RESOURCE_SHORTAGE, collect(reply));
+    EXPECT_RC(ECI_ERR_SYSTEM_ERROR, collect(reply));
 
     EXPECT_EQ(1, noMemory.hits());
     EXPECT_EQ(12, int(reply.record.eci_luw_token));

@@ -517,7 +517,7 @@ void Caller::changePassword()
 {
     if (!otherPassword_.empty()) return verifyPassword();
     int number = shared_.books.next(Asked);
-    std::string changed = "Pass" + std::to_string(number);
+    std::string changed = "Passw" + std::to_string(number); // with one digit as long as it must be
     ESI_DETAILS details = {};
     shared_.did(Did::Change);
     int rc = QPX_ESI_changePassword(token_, user_.c_str(), password_.c_str(), changed.c_str(),

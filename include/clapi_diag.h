@@ -169,7 +169,7 @@ ForkClock clapiClockForFork(void);
  * the trace, and both processes find the locks of the trace free afterwards. Locks: the first takes
  * traceLock, so everything else that is held over a fork is taken before.
  */
-void clapiTraceForkPrepare(ForkClock clock);
+void clapiTraceForkPrepare(const ForkClock& clock);
 void clapiTraceForkParent(void);
 void clapiTraceForkChild(void);
 

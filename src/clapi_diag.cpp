@@ -642,7 +642,7 @@ TraceSwitch clapiSwitchTrace(const char* name)
 static bool forkHoldsTraceLock GUARDED_BY(destinationLock) = false;
 static ForkClock clockOfChild GUARDED_BY(destinationLock) = {true, 0};
 
-void clapiTraceForkPrepare(ForkClock clock)
+void clapiTraceForkPrepare(const ForkClock& clock)
     NOT_ANALYSED("whether there is a traceLock is known at run time")
 {
     bool holdsTraceLock = clapiIsLockInitialized(&traceLock) == LOCK_INITIALIZED &&

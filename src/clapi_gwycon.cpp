@@ -889,8 +889,8 @@ static int reachHost(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host, int* sock
     return waitForConnection(&socketDescriptor, sockError, gwTokPtr->connTimeout);
 }
 
-/* Whether two addresses of one family have the same port, and the second the first's host, or stands
- * for this machine whatever its address. */
+/* Whether two addresses of one family have the same port, and the second has the first's host, or
+ * stands for this machine whatever its address. */
 static bool isReachedBy(const sockaddr_in& own, const sockaddr_in& given)
 {
     return own.sin_port == given.sin_port && (given.sin_addr.s_addr == htonl(INADDR_ANY) ||

@@ -47,12 +47,17 @@ qpx_with_passwords() {
         2>"$FOLDER/err" </dev/null 7<"$FOLDER/passwords") || CODE=$?
 }
 
+# Waits until a file has a line with a text, as long as the application runs.
+await_line() {
+    local file=$1 text=$2 line
+    while read -r line; do
+        [[ $line != *"$text"* ]] || break
+    done < <(tail -n +1 -f --pid="$APPLICATION" "$FOLDER/$file")
+}
+
 # Waits until the gateway has the first request of the application.
 await_request() {
-    local line
-    while read -r line; do
-        [[ $line != *"request 1 ECI"* ]] || break
-    done < <(tail -n +1 -f --pid="$APPLICATION" "$FOLDER/gateway.log")
+    await_line gateway.log "request 1 ECI"
 }
 
 # That a file is exactly what stands on standard input, but for the port and for times.
@@ -984,14 +989,11 @@ LoadEndsWhenTheConnectionIsLost() {
 }
 
 LoadCountsNoTimeBeforeItsCallsBegin() {
-    local line
     gateway --misbehave no-handshake-answer
     env --default-signal=INT "$QPX" --port "$GATEWAY_PORT" load ECHO >"$FOLDER/out" \
         2>"$FOLDER/err" &
     APPLICATION=$!
-    while read -r line; do
-        [[ $line != *"connection 1: handshake"* ]] || break
-    done < <(tail -n +1 -f --pid="$APPLICATION" "$FOLDER/gateway.log")
+    await_line gateway.log "connection 1: handshake"
     kill -INT "$APPLICATION"
     CODE=0
     wait "$APPLICATION" || CODE=$?
@@ -1563,7 +1565,6 @@ calling_application() {
 
 # Where no process may attach to another the tool says so, and the application does not notice.
 TraceIsSwitchedOnInARunningProcess() {
-    local line
     gateway
     calling_application
     run "$TOOLS/trace-attach" "$APPLICATION" 3
@@ -1571,9 +1572,7 @@ TraceIsSwitchedOnInARunningProcess() {
         expect_text err 'trace-attach: gdb cannot do it: '
     else
         : >>"$FOLDER/trace"
-        while read -r line; do
-            [[ $line != *'[1506] EXIT'* ]] || break
-        done < <(tail -n +1 -f --pid="$APPLICATION" "$FOLDER/trace")
+        await_line trace '[1506] EXIT'
         run "$TOOLS/trace-attach" "$APPLICATION" 0
         expect_code 0
     fi
@@ -1617,7 +1616,6 @@ TraceAttachRefusesWhatIsNotOfTheLibrary() {
 
 # The program of the page, which switches its trace by a signal.
 TraceIsSwitchedBySignalAsThePageShows() {
-    local line
     gateway
     # shellcheck disable=SC2016 # the lines of the page
     sed -n '/^```c$/,/^```$/p' "$HERE/../../docs/seeing.md" | sed '1d;$d' >"$FOLDER/page"
@@ -1625,15 +1623,11 @@ TraceIsSwitchedBySignalAsThePageShows() {
     expect_same "$FOLDER/program" "$FOLDER/page"
     "$PROGRAMS/tests/qpx_trace_switch" 127.0.0.1 "$GATEWAY_PORT" "$FOLDER/trace" >"$FOLDER/out" 2>&1 &
     APPLICATION=$!
-    while read -r line; do
-        [[ $line != *"answer 1"* ]] || break
-    done < <(tail -n +1 -f --pid="$APPLICATION" "$FOLDER/gateway.log")
+    await_line gateway.log "answer 1"
     [[ ! -s $FOLDER/trace ]] || fail "there is a trace before it is wanted"
     kill -USR1 "$APPLICATION"
     : >>"$FOLDER/trace"
-    while read -r line; do
-        [[ $line != *'[1506] EXIT'* ]] || break
-    done < <(tail -n +1 -f --pid="$APPLICATION" "$FOLDER/trace")
+    await_line trace '[1506] EXIT'
     kill -USR2 "$APPLICATION"
     CODE=0
     wait "$APPLICATION" || CODE=$?

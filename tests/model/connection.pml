@@ -334,10 +334,10 @@ inline waitEventForTime(e)
  * from the opening of the gate on: in every order that there is here, but nobody touches the event
  * to wake it, and no wake can be missing. */
 #define MY_BIT (1 << _pid)
-#define isAsleep(set) ((set & MY_BIT) != 0)
-#define isWokenInTransfers (tableLock == NOBODY && !isAsleep(transferSleepers))
+#define isDormant(set) ((set & MY_BIT) != 0)
+#define isWokenInTransfers (tableLock == NOBODY && !isDormant(transferSleepers))
 
-inline fallAsleep(set)
+inline becomeDormant(set)
 {
     set = set | MY_BIT
 }
@@ -348,7 +348,7 @@ inline wakeUp(set)
 }
 
 #if SPURIOUS > 0
-#define mayWakeUp(set) (isAsleep(set) && spurious > 0)
+#define mayWakeUp(set) (isDormant(set) && spurious > 0)
 #endif
 
 #ifdef BREAK_WAKES_ONE
@@ -382,8 +382,8 @@ inline post(e)
 inline sleepWhileGeneration(e)
 {
     do
-    :: atomic { !isAsleep(e.sleepers) && !isLetThrough(e) -> TOUCH; fallAsleep(e.sleepers) }
-    :: atomic { !isAsleep(e.sleepers) && isLetThrough(e) -> TOUCH; generation = 0; break }
+    :: atomic { !isDormant(e.sleepers) && !isLetThrough(e) -> TOUCH; becomeDormant(e.sleepers) }
+    :: atomic { !isDormant(e.sleepers) && isLetThrough(e) -> TOUCH; generation = 0; break }
 #if SPURIOUS > 0
     :: atomic { mayWakeUp(e.sleepers) -> TOUCH; spurious--; wakeUp(e.sleepers) }
 #endif
@@ -397,9 +397,9 @@ inline waitEvent(e)
     :: atomic { e.open -> TOUCH }
 #ifdef BREAK_LOOK_AND_SLEEP_APART
     :: atomic { !e.open -> TOUCH; generation = e.posts };
-       atomic { TOUCH; fallAsleep(e.sleepers) };
+       atomic { TOUCH; becomeDormant(e.sleepers) };
 #else
-    :: atomic { !e.open -> TOUCH; generation = e.posts; fallAsleep(e.sleepers) };
+    :: atomic { !e.open -> TOUCH; generation = e.posts; becomeDormant(e.sleepers) };
 #endif
        sleepWhileGeneration(e)
     fi
@@ -410,7 +410,7 @@ inline waitEventSince(e)
 {
     if
     :: atomic { e.open || e.posts != generation -> TOUCH; generation = 0 }
-    :: atomic { !e.open && e.posts == generation -> TOUCH; fallAsleep(e.sleepers) };
+    :: atomic { !e.open && e.posts == generation -> TOUCH; becomeDormant(e.sleepers) };
        sleepWhileGeneration(e)
     fi
 }
@@ -420,7 +420,7 @@ inline waitEventForTime(e)
 {
     if
     :: atomic { e.open -> TOUCH }
-    :: atomic { !e.open -> TOUCH; fallAsleep(e.sleepers) };
+    :: atomic { !e.open -> TOUCH; becomeDormant(e.sleepers) };
        atomic { TOUCH; wakeUp(e.sleepers) }
     fi
 }
@@ -428,7 +428,7 @@ inline waitEventForTime(e)
 /* awaitTransfer; tableLock is given up in the same step. */
 inline sleepInTransfers()
 {
-    fallAsleep(transferSleepers)
+    becomeDormant(transferSleepers)
 }
 
 inline wakeTransfers()

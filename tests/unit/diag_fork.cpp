@@ -87,6 +87,27 @@ std::string stampNow()
 // 15 November 2026, 17:21:12 UTC.
 constexpr long long someTime = 1794763272;
 
+// How a test forks, and where the child's zone has become another: 20:21:12 is local time of the
+// fork, 12:21:12 that of now.
+constexpr const char* zoneOfFork = "XYZ-3";
+constexpr const char* zoneOfNow = "XYZ5";
+constexpr const char* stampByFork = "15/11/26 20:21:12:000";
+constexpr const char* stampByNow = "15/11/26 12:21:12:000";
+
+std::string stampOfSomeTime()
+{
+    long long seconds = someTime;
+    Fault clock = clockShowing(seconds);
+    return stampNow();
+}
+
+// For a child, 0 if its stamps are that one.
+int stampsInTheZoneOfNow(const std::string& stamp)
+{
+    useTimeZone(zoneOfNow);
+    return stampOfSomeTime() == stamp ? 0 : 1;
+}
+
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-y2k" // the trace's form
 
@@ -245,27 +266,18 @@ TEST(TraceFork, GivesAChildThatKeepsTheOffsetFromUtcThatLocalTimeHadThen)
 {
     SecondThread second;
     TraceFile trace(1);
-    useTimeZone("XYZ-3");
-    EXPECT_EQ(0, inChild([] {
-                  useTimeZone("XYZ5");
-                  long long seconds = someTime;
-                  Fault clock = clockShowing(seconds);
-                  return stampNow() == "15/11/26 20:21:12:000" ? 0 : 1;
-              }));
+    useTimeZone(zoneOfFork);
+    EXPECT_EQ(0, inChild([] { return stampsInTheZoneOfNow(stampByFork); }));
 }
 
 TEST(TraceFork, GivesAChildWhoseOwnChildrenKeepThatOffsetToo)
 {
     SecondThread second;
     TraceFile trace(1);
-    useTimeZone("XYZ-3");
+    useTimeZone(zoneOfFork);
     EXPECT_EQ(0, inChild([] {
-                  useTimeZone("XYZ5");
-                  return inChild([] {
-                      long long seconds = someTime;
-                      Fault clock = clockShowing(seconds);
-                      return stampNow() == "15/11/26 20:21:12:000" ? 0 : 1;
-                  });
+                  useTimeZone(zoneOfNow);
+                  return inChild([] { return stampsInTheZoneOfNow(stampByFork); });
               }));
 }
 
@@ -273,12 +285,10 @@ TEST(TraceFork, LeavesTheParentWithLocalTimeAsItChanges)
 {
     SecondThread second;
     TraceFile trace(1);
-    useTimeZone("XYZ-3");
+    useTimeZone(zoneOfFork);
     EXPECT_EQ(0, inChild([] { return 0; }));
-    useTimeZone("XYZ5");
-    long long seconds = someTime;
-    Fault clock = clockShowing(seconds);
-    EXPECT_EQ("15/11/26 12:21:12:000", stampNow());
+    useTimeZone(zoneOfNow);
+    EXPECT_EQ(stampByNow, stampOfSomeTime());
 }
 
 // The thread sanitizer has a thread of its own.
@@ -287,13 +297,8 @@ TEST(TraceFork, LeavesTheParentWithLocalTimeAsItChanges)
 TEST(TraceFork, GivesTheChildOfASingleThreadLocalTimeAsItChanges)
 {
     TraceFile trace(1);
-    useTimeZone("XYZ-3");
-    EXPECT_EQ(0, inChild([] {
-                  useTimeZone("XYZ5");
-                  long long seconds = someTime;
-                  Fault clock = clockShowing(seconds);
-                  return stampNow() == "15/11/26 12:21:12:000" ? 0 : 1;
-              }));
+    useTimeZone(zoneOfFork);
+    EXPECT_EQ(0, inChild([] { return stampsInTheZoneOfNow(stampByNow); }));
 }
 
 #endif
@@ -301,13 +306,8 @@ TEST(TraceFork, GivesTheChildOfASingleThreadLocalTimeAsItChanges)
 TEST(TraceFork, GivesTheChildOfAProcessWithoutATraceLocalTimeAsItChanges)
 {
     SecondThread second;
-    useTimeZone("XYZ-3");
-    EXPECT_EQ(0, inChild([] {
-                  useTimeZone("XYZ5");
-                  long long seconds = someTime;
-                  Fault clock = clockShowing(seconds);
-                  return stampNow() == "15/11/26 12:21:12:000" ? 0 : 1;
-              }));
+    useTimeZone(zoneOfFork);
+    EXPECT_EQ(0, inChild([] { return stampsInTheZoneOfNow(stampByNow); }));
 }
 
 // A zone of UTC that is 27 leap seconds behind since 1972, as a file of zones has it.
@@ -324,11 +324,7 @@ TEST(TraceFork, GivesAChildThatCountsLeapSecondsAsLocalTimeDoes)
     TraceFile trace(1);
     useTimeZone((":" + file).c_str());
 
-    EXPECT_EQ(0, inChild([] {
-                  long long seconds = someTime;
-                  Fault clock = clockShowing(seconds);
-                  return stampNow() == "15/11/26 17:20:45:000" ? 0 : 1;
-              }));
+    EXPECT_EQ(0, inChild([] { return stampOfSomeTime() == "15/11/26 17:20:45:000" ? 0 : 1; }));
     useTimeZone("UTC0");
 }
 

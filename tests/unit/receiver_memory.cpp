@@ -45,6 +45,15 @@ protected:
                           Threads::Others);
     }
 
+    // A reply without memory that is a failure anyhow.
+    void expectRefused(int rc, const Fault& noMemory)
+    {
+        EciParms reply = getReplyWait(LONG);
+        EXPECT_RC(rc, collect(reply));
+        EXPECT_EQ(1, noMemory.hits());
+        EXPECT_EQ(0, trace.timesWrote(3014));
+    }
+
     TraceFile trace{1};
 };
 
@@ -180,11 +189,7 @@ TEST_F(LongReply, WithoutMemoryGivesTheServersCodeIfThereIsOne)
     connection.peer.send(
         ProgramReply().serverCode(-7).commarea(filled(LONG, 'r')).to(startAsync()));
 
-    EciParms reply = getReplyWait(LONG);
-    EXPECT_RC(ECI_ERR_TRANSACTION_ABEND, collect(reply));
-
-    EXPECT_EQ(1, noMemory.hits());
-    EXPECT_EQ(0, trace.timesWrote(3014));
+    expectRefused(ECI_ERR_TRANSACTION_ABEND, noMemory);
 }
 
 TEST_F(LongReply, WithoutMemoryGivesTheGatewaysCodeIfThereIsOne)
@@ -194,11 +199,7 @@ TEST_F(LongReply, WithoutMemoryGivesTheGatewaysCodeIfThereIsOne)
     body.commarea = filled(LONG, 'r');
     connection.peer.send(flow(replyType, startAsync(), 61445, "ECI", body.bytes()));
 
-    EciParms reply = getReplyWait(LONG);
-    EXPECT_RC(QPX_ERR_WORK_WAS_REFUSED, collect(reply));
-
-    EXPECT_EQ(1, noMemory.hits());
-    EXPECT_EQ(0, trace.timesWrote(3014));
+    expectRefused(QPX_ERR_WORK_WAS_REFUSED, noMemory);
 }
 
 TEST_F(LongReply, OfACommitNeedsNoMemory)

@@ -1,4 +1,5 @@
 // Deleting a token: quiescing the connection, waiting for what is in progress, freeing.
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -72,19 +73,24 @@ protected:
         });
     }
 
+    // Before this thread takes the list for the nth time from now.
+    static Fault beforeListLock(int nth, const std::function<void()>& function)
+    {
+        return beforeCall(
+            Call::MutexLock, 0,
+            [locks = 0, nth, function](const CallInfo& info) mutable {
+                if (info.first != asNumber(&gtlLock.lock)) return;
+                locks += 1;
+                if (locks == nth) function();
+            },
+            Threads::Calling);
+    }
+
     // A call that asks nothing of the connection, and stops before it leaves the token.
     support::RunningCall<int> startInside(Gate gate)
     {
         return callInThread([gwTok = connection.token, gate]() mutable {
-            int locks = 0;
-            Fault stop = beforeCall(
-                Call::MutexLock, 0,
-                [&](const CallInfo& info) {
-                    if (info.first != asNumber(&gtlLock.lock)) return;
-                    locks += 1;
-                    if (locks == 2) gate.pass();
-                },
-                Threads::Calling);
+            Fault stop = beforeListLock(2, [&] { gate.pass(); });
             char* applid = nullptr;
             return QPX_getApplid(gwTok, &applid);
         });
@@ -712,17 +718,10 @@ TEST_F(TeardownDelete, LeavesTheRecordToACallInsideIfTheListCannotBeLockedBehind
     std::unique_ptr<support::RunningCall<int>> call;
     // The delete takes the list at its begin, behind the quiesce, and behind the wait for the call,
     // which comes when the quiesce has ended.
-    int locks = 0;
-    Fault coming = beforeCall(
-        Call::MutexLock, 0,
-        [&](const CallInfo& info) {
-            if (info.first != asNumber(&gtlLock.lock)) return;
-            locks += 1;
-            if (locks != 2) return;
-            call = std::make_unique<support::RunningCall<int>>(startInside(inside));
-            EXPECT_TRUE(inside.awaitArrival());
-        },
-        Threads::Calling);
+    Fault coming = beforeListLock(2, [&] {
+        call = std::make_unique<support::RunningCall<int>>(startInside(inside));
+        EXPECT_TRUE(inside.awaitArrival());
+    });
     Fault leaving = beforeCall(
         Call::CondWait, 0,
         [&](const CallInfo& info) {

@@ -73,8 +73,7 @@ constexpr int64_t DAYS_PER_CENTURY = 100 * DAYS_PER_YEAR + 24;
 constexpr int64_t DAYS_PER_ERA = 4 * DAYS_PER_CENTURY + 1; // in which the calendar repeats itself
 
 /* The clock of this process. Written in the child of a fork, before it has a second thread. */
-static bool asksForLocalTime = true;
-static int64_t offsetAtFork = 0;
+static ForkClock ownClock = {true, 0};
 
 namespace {
 
@@ -131,7 +130,7 @@ static tm brokenDown(int64_t seconds, int64_t offset)
 
 static tm localTime(const timespec& now)
 {
-    if (!asksForLocalTime) return brokenDown(now.tv_sec, offsetAtFork);
+    if (!ownClock.asks) return brokenDown(now.tv_sec, ownClock.offset);
     tm local = {};
     localtime_r(&now.tv_sec, &local);
     return local;
@@ -155,7 +154,7 @@ static int64_t offsetOf(const timespec& now)
 
 ForkClock clapiClockForFork(void)
 {
-    if (!asksForLocalTime) return ForkClock{false, offsetAtFork}; // a child itself
+    if (!ownClock.asks) return ownClock; // a child itself
     // Where nothing is traced nothing is looked up, and a thread that is alone has nobody inside
     // the C library.
     if (clientAPITrace == TRACE_OFF || __libc_single_threaded != 0) return ForkClock{true, 0};
@@ -661,8 +660,7 @@ void clapiTraceForkParent(void) NOT_ANALYSED("whether there is a traceLock is kn
 
 void clapiTraceForkChild(void) NOT_ANALYSED("whether there is a traceLock is known at run time")
 {
-    asksForLocalTime = clockOfChild.asks;
-    offsetAtFork = clockOfChild.offset;
+    ownClock = clockOfChild;
     clapiTraceForkParent();
 }
 

@@ -889,36 +889,14 @@ static int reachHost(_QPX_ConnToken_t* gwTokPtr, const addrinfo* host, int* sock
     return waitForConnection(&socketDescriptor, sockError, gwTokPtr->connTimeout);
 }
 
-/* Whether two addresses of one family have the same port, and the second has the first's host, or
- * stands for this machine whatever its address. */
-static bool isReachedBy(const sockaddr_in& own, const sockaddr_in& given)
-{
-    return own.sin_port == given.sin_port && (given.sin_addr.s_addr == htonl(INADDR_ANY) ||
-                                              given.sin_addr.s_addr == own.sin_addr.s_addr);
-}
-
-static bool isReachedBy(const sockaddr_in6& own, const sockaddr_in6& given)
-{
-    return own.sin6_port == given.sin6_port &&
-           (IN6_IS_ADDR_UNSPECIFIED(&given.sin6_addr) ||
-            memcmp(&own.sin6_addr, &given.sin6_addr, sizeof own.sin6_addr) == 0);
-}
-
 /* Whether a connection has no other side. Where nobody listens at a port of this machine that the
  * system also gives out, a connect may be given that very port, and what it meets is itself. */
 static bool isConnectedToItself(Socket socketDescriptor, const addrinfo* host)
 {
     sockaddr_storage own = {};
     socklen_t size = sizeof own;
-    auto* address = reinterpret_cast<sockaddr*>(&own);
-    if (getsockname(socketDescriptor, address, &size) != 0 || address->sa_family != host->ai_family)
-        return false;
-    if (address->sa_family == AF_INET)
-        return isReachedBy(*reinterpret_cast<const sockaddr_in*>(&own),
-                           *reinterpret_cast<const sockaddr_in*>(host->ai_addr));
-    return address->sa_family == AF_INET6 &&
-           isReachedBy(*reinterpret_cast<const sockaddr_in6*>(&own),
-                       *reinterpret_cast<const sockaddr_in6*>(host->ai_addr));
+    return getsockname(socketDescriptor, reinterpret_cast<sockaddr*>(&own), &size) == 0 &&
+           size == host->ai_addrlen && memcmp(&own, host->ai_addr, size) == 0;
 }
 
 /* Such a connection keeps its port from the Gateway that is to come unless it ends at once. */

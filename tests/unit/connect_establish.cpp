@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <vector>
@@ -49,6 +50,15 @@ int optionOf(int descriptor, int level, int name)
     socklen_t length = sizeof value;
     getsockopt(descriptor, level, name, &value, &length);
     return value;
+}
+
+// Whether a program that asks for nothing special can have the address at once.
+bool isFree(const sockaddr_in& address)
+{
+    int descriptor = socket(AF_INET, SOCK_STREAM, 0);
+    int rc = bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    close(descriptor);
+    return rc == 0;
 }
 
 TEST_F(ConnectEstablish, TracesItsSteps)
@@ -271,7 +281,8 @@ TEST_F(ConnectEstablish, TakesAConnectionToItselfForARefusal)
 {
     int before = support::openDescriptors();
     TraceFile trace(1);
-    Fault samePort = beforeCall(Call::Connect, 0, [](const CallInfo& info) {
+    sockaddr_in taken = {};
+    Fault samePort = beforeCall(Call::Connect, 0, [&taken](const CallInfo& info) {
         int descriptor = static_cast<int>(info.first);
         auto* destination = reinterpret_cast<sockaddr_in*>(info.second);
         sockaddr_in own = {};
@@ -282,11 +293,13 @@ TEST_F(ConnectEstablish, TakesAConnectionToItselfForARefusal)
         EXPECT_EQ(0, bind(descriptor, address, size));
         EXPECT_EQ(0, getsockname(descriptor, address, &size));
         destination->sin_port = own.sin_port;
+        taken = own;
     });
 
     for (int limit : {0, 30}) {
         EXPECT_RC(QPX_ERR_CONNECTFAILED, open(limit));
         EXPECT_EQ(nullptr, token);
+        EXPECT_TRUE(isFree(taken)); // for the Gateway that is to come
     }
 
     EXPECT_EQ(2, trace.timesWroteText("*EXC*  clapi_gwycon.clapiConnectToGateway() Unable to "

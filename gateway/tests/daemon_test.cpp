@@ -235,6 +235,26 @@ TEST(DaemonOptions, ARegistryFileThatIsAFolderEndsWithCode6)
         << daemon.output();
 }
 
+// Of the kernel's files, this one can be opened, and nothing can be read at its beginning.
+TEST(DaemonOptions, AFileThatBreaksOffIsNamed)
+{
+    const TemporaryDirectory directory;
+    const std::string file = "/proc/self/mem";
+    const std::string missing = directory.file("missing/port"); // ends what takes the file
+    Daemon registry(
+        {"--database", directory.file("ledger.db"), "--registry", file, "--port-file", missing});
+    EXPECT_EQ(6, registry.end());
+    EXPECT_TRUE(registry.wrote("cannot use the registry file " + file + ": it cannot be read"))
+        << registry.output();
+    Daemon config({"--config", file, "--port-file", missing});
+    EXPECT_EQ(2, config.end());
+    EXPECT_TRUE(config.wrote(file + " cannot be read to its end")) << config.output();
+    Daemon token({"--control", "0", "--control-token", file, "--port-file", missing});
+    EXPECT_EQ(10, token.end());
+    EXPECT_TRUE(token.wrote("cannot use the token file " + file + ": it cannot be read"))
+        << token.output();
+}
+
 TEST(DaemonOptions, ComeFromAFileToo)
 {
     const TemporaryDirectory directory;

@@ -121,6 +121,7 @@ std::string readToken(const std::string& file)
     std::string token;
     if (!in) throw std::runtime_error(std::generic_category().message(errno));
     std::getline(in, token);
+    if (in.bad()) throw std::runtime_error("it cannot be read");
     while (!token.empty() && (token.back() == '\r' || token.back() == ' ')) token.pop_back();
     if (token.size() < kShortestToken || token.size() > kLongestToken) {
         throw std::runtime_error("its first line does not have " + std::to_string(kShortestToken) +

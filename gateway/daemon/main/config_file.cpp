@@ -1,6 +1,5 @@
 #include "main/config_file.h"
 
-#include <iterator>
 #include <sstream>
 #include <string>
 
@@ -100,18 +99,28 @@ std::vector<std::string> namesOfOptions(const CLI::App& app)
     return names;
 }
 
+std::string textOf(std::istream& input)
+{
+    std::string text;
+    char piece[16384];
+    while (input.read(piece, sizeof piece), input.gcount() > 0)
+        text.append(piece, static_cast<std::size_t>(input.gcount()));
+    return text;
+}
+
 } // namespace
 
 std::vector<CLI::ConfigItem> ConfigFile::from_config(std::istream& input) const
 {
-    const std::string text(std::istreambuf_iterator<char>(input), {});
+    const std::string text = textOf(input);
+    const std::string file = app_.get_config_ptr()->as<std::string>();
+    if (input.bad()) throw CLI::ConfigError(file + " cannot be read to its end");
     const Entries entries(text);
     for (const Entry& entry : entries.all()) {
         if (isOption(app_, entry.name)) continue;
-        throw CLI::ConfigError(app_.get_config_ptr()->as<std::string>() + ", line " +
-                               std::to_string(entry.line) + ": there is no key \"" +
-                               log_text::printable(entry.name) + "\" here; there are " +
-                               log_text::listed(namesOfOptions(app_)));
+        throw CLI::ConfigError(file + ", line " + std::to_string(entry.line) +
+                               ": there is no key \"" + log_text::printable(entry.name) +
+                               "\" here; there are " + log_text::listed(namesOfOptions(app_)));
     }
     std::istringstream again(text);
     return CLI::ConfigTOML::from_config(again);

@@ -223,14 +223,18 @@ Content readRoot(Section root)
 
 namespace {
 
+// Without a buffer of its own, which would keep the passwords that are in the file.
 std::string textOf(const std::string& file)
 {
     std::error_code unknown;
     if (std::filesystem::is_directory(file, unknown)) throw BadContent("it is a folder");
     std::ifstream stream(file);
-    std::string text(std::istreambuf_iterator<char>(stream), {});
-    if (!stream.is_open() || stream.bad()) throw BadContent("it cannot be read");
-    return text;
+    if (!stream.is_open()) throw BadContent("it cannot be read");
+    try {
+        return std::string(std::istreambuf_iterator<char>(stream), {});
+    } catch (const std::ios_base::failure&) {
+        throw BadContent("it cannot be read");
+    }
 }
 
 } // namespace

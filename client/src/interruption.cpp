@@ -21,6 +21,8 @@ void onInterruption(std::function<int()> tell)
     const auto takeSignal = [signals, tell = std::move(tell)] {
         int number = 0;
         if (sigwait(&signals, &number) != 0) return;
+        // What there is to tell may wait for an output that takes nothing: the next one ends it.
+        pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
         _exit(endWith(tell()));
     };
     try {

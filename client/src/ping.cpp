@@ -22,7 +22,8 @@ namespace {
 const char* const kFooter = R"(
 Without --program the Gateway itself is asked, for its list of servers. With
 it, that program is called, without data. A connection that is lost is opened
-anew for the next request. Ctrl-C ends it and shows the statistics.
+anew for the next request. Ctrl-C ends it and shows the statistics, a second
+Ctrl-C ends it at once.
 
 The exit code is 0 if every request was answered, else that of the last failure.
 

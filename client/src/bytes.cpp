@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <iconv.h>
-#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,6 +10,8 @@
 #include <vector>
 
 #include <nlohmann/json.hpp>
+
+#include "descriptor.h"
 
 namespace qpx {
 
@@ -128,25 +129,12 @@ public:
     // The next bytes; 0 are the end.
     std::size_t read(char* room, std::size_t size)
     {
-        for (;;) {
-            const ssize_t length = ::read(descriptor_, room, size);
-            if (length >= 0) return static_cast<std::size_t>(length);
-            if (errno == EAGAIN) {
-                await();
-            } else if (errno != EINTR) {
-                fail();
-            }
-        }
+        const ssize_t length = readSome(descriptor_, room, size);
+        if (length < 0) fail();
+        return static_cast<std::size_t>(length);
     }
 
 private:
-    // Who has started qpx may have given it a pipe that does not block.
-    void await()
-    {
-        pollfd input = {descriptor_, POLLIN, 0};
-        if (poll(&input, 1, -1) < 0 && errno != EINTR) fail();
-    }
-
     [[noreturn]] void fail() const
     {
         throw Failure(kFailed, "cannot read " + name_ + ": " + std::strerror(errno));
@@ -252,13 +240,17 @@ std::string toDump(const std::string& bytes)
     return dump;
 }
 
-std::string readFile(const std::string& name)
+std::string readFile(const std::string& name, std::size_t most, const std::string& whose)
 {
     Input input(name);
     std::string content;
     char piece[16384];
-    while (const std::size_t length = input.read(piece, sizeof piece))
+    while (const std::size_t length = input.read(piece, sizeof piece)) {
+        if (length > most - content.size())
+            throw Failure(kUsage, whose + " has at most " + std::to_string(most) + " bytes, and " +
+                                      name + " has more");
         content.append(piece, length);
+    }
     return content;
 }
 

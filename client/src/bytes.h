@@ -16,8 +16,8 @@ std::string toHex(const std::string& bytes);
 std::string toDump(const std::string& bytes);
 
 // The whole content of a file, "-" is standard input. Throws a Failure that names what cannot be
-// read to its end.
-std::string readFile(const std::string& name);
+// read to its end, or has more bytes than "a COMMAREA", whose content it is, can have.
+std::string readFile(const std::string& name, std::size_t most, const std::string& whose);
 
 // From UTF-8 to the code page of a CCSID, and back. A CCSID of 0 leaves the bytes as they are.
 // Throws a Failure for a CCSID that the system's iconv does not have, and for characters that the

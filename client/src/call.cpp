@@ -31,6 +31,7 @@ Examples:
   qpx call --unit transfer.txt --extend backout    tries it out)";
 
 constexpr int kLargestCommarea = 32767;
+constexpr std::size_t kLargestUnit = 100000000; // lines, for more than a thousand COMMAREAs in hex
 
 struct CallOptions {
     CallingOptions calling;
@@ -80,6 +81,11 @@ int lengthFor(const std::string& data, const std::optional<std::string>& given)
     return given ? numberFrom(*given, least, kLargestCommarea, "the length") : least;
 }
 
+std::string readCommarea(const std::string& name)
+{
+    return readFile(name, kLargestCommarea, "a COMMAREA");
+}
+
 PlannedCall callFrom(const CallOptions& options, int ccsid)
 {
     PlannedCall call;
@@ -89,7 +95,7 @@ PlannedCall callFrom(const CallOptions& options, int ccsid)
     call.program = options.program;
     if (options.text) call.data = toCodePage(*options.text, ccsid);
     if (options.hex) call.data = fromHex(*options.hex, "--hex");
-    if (options.file) call.data = readFile(*options.file);
+    if (options.file) call.data = readCommarea(*options.file);
     call.length = lengthFor(call.data, options.length);
     return call;
 }
@@ -121,7 +127,7 @@ PlannedCall callFromLine(const std::string& line, const std::string& step, int c
         else if (word == "hex")
             call.data = fromHex(restOf(words), "hex");
         else if (word == "file")
-            call.data = readFile(restOf(words));
+            call.data = readCommarea(restOf(words));
         else
             throw Failure(kUsage, "neither length, text, hex nor file: " + word);
     }
@@ -132,7 +138,7 @@ PlannedCall callFromLine(const std::string& line, const std::string& step, int c
 std::vector<PlannedCall> callsFromFile(const std::string& name, int ccsid)
 {
     std::vector<PlannedCall> calls;
-    std::istringstream lines(readFile(name));
+    std::istringstream lines(readFile(name, kLargestUnit, "a unit of work"));
     std::string line;
 
     for (int number = 1; std::getline(lines, line); ++number) {

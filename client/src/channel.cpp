@@ -29,6 +29,7 @@ Examples:
       --get INVOICE)";
 
 constexpr int kUtf8 = 1208;
+constexpr std::size_t kLargestContainer = 2147483647;
 
 struct ChannelOptions {
     CallingOptions calling;
@@ -70,7 +71,7 @@ Container containerFrom(const std::string& item)
         container.ccsid = kUtf8;
     container.type = container.ccsid == 0 ? ECI_BIT : ECI_CHAR;
     if (fromFile)
-        container.data = readFile(value.substr(1));
+        container.data = readFile(value.substr(1), kLargestContainer, "a container");
     else
         container.data = toCodePage(value, container.ccsid == kUtf8 ? 0 : container.ccsid);
     return container;

@@ -417,8 +417,8 @@ void Load::startThreads(std::deque<Thread>& threads, const Connections& gateways
         letThreads(false);
         threads.clear();
         throw Failure(kFailed, "only " + std::to_string(count) + " of " + std::to_string(threads_) +
-                                   " threads could be started; --threads takes fewer, and "
-                                   "ulimit -u and -v set how many there can be");
+                                   " threads could be started; --threads and --connections "
+                                   "take fewer, and ulimit -u and -v set how many there can be");
     }
     letThreads(true);
 }

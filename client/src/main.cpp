@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <iostream>
 #include <new>
-#include <stdexcept>
 
 #include <nlohmann/json.hpp>
 
@@ -68,8 +67,6 @@ int perform(const GivenSettings& given, const Command& chosen)
         return fail(failure, given.json);
     } catch (const std::bad_alloc&) {
         return fail(Failure(kFailed, "out of memory"), given.json);
-    } catch (const std::length_error&) {
-        return fail(Failure(kFailed, "there is more to read than fits into memory"), given.json);
     }
 }
 

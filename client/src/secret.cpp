@@ -6,8 +6,7 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include <cerrno>
-
+#include "descriptor.h"
 #include "failure.h"
 
 namespace qpx {
@@ -94,8 +93,7 @@ void Secret::readFrom(int descriptor, const std::string& which)
 
     for (;;) {
         char c = '\0';
-        const ssize_t count = read(descriptor, &c, 1);
-        if (count < 0 && errno == EINTR) continue;
+        const ssize_t count = readSome(descriptor, &c, 1);
         if (count < 0) throw Failure(kFailed, "cannot read the " + which);
         if (count == 0 && !any) throw Failure(kFailed, "the " + which + " is missing");
         any = true;

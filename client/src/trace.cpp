@@ -18,6 +18,7 @@
 #include <nlohmann/json.hpp>
 
 #include "command.h"
+#include "descriptor.h"
 #include "trace_calls.h"
 
 namespace qpx {
@@ -114,10 +115,7 @@ private:
         if (fstat(file_, &about) == 0 && S_ISREG(about.st_mode) && about.st_size < position_)
             position_ = lseek(file_, 0, SEEK_SET);
         char piece[65536];
-        ssize_t length = 0;
-        do {
-            length = ::read(file_, piece, sizeof piece);
-        } while (length < 0 && errno == EINTR);
+        const ssize_t length = readSome(file_, piece, sizeof piece);
         if (length < 0) throw Failure(kFailed, name_ + ": " + std::strerror(errno));
         position_ += length;
         total_ += static_cast<std::uint64_t>(length);

@@ -47,6 +47,56 @@ qpx_with_passwords() {
         2>"$FOLDER/err" </dev/null 7<"$FOLDER/passwords") || CODE=$?
 }
 
+# Runs a program that has the first lines of a file on standard input when it begins. When it has read
+# them and waits, the others come on a "pipe" that does not block, or the "connection" is reset that
+# standard input is.
+in_pieces() {
+    local kind=$1 file=$2 lines=$3
+    shift 3
+    CODE=0
+    python3 - "$kind" "$file" "$lines" "$@" <<'PYTHON' >"$FOLDER/out" 2>"$FOLDER/err" || CODE=$?
+import array, fcntl, os, socket, struct, subprocess, sys, termios
+
+kind, file, count, *command = sys.argv[1:]
+lines = open(file, "rb").read().splitlines(True)
+if kind == "pipe":
+    its, ours = os.pipe()
+    os.set_blocking(its, False)
+else:
+    listener = socket.create_server(("127.0.0.1", 0))
+    peer = socket.create_connection(listener.getsockname())
+    standard_input = listener.accept()[0]
+    its, ours = standard_input.fileno(), peer.fileno()
+
+
+def unread():
+    count = array.array("i", [0])
+    fcntl.ioctl(its, termios.FIONREAD, count)
+    return count[0]
+
+
+def state(process):
+    with open(f"/proc/{process.pid}/stat") as stat:
+        return stat.read().rpartition(")")[2].split()[0]
+
+
+first = b"".join(lines[: int(count)])
+os.write(ours, first)
+while unread() < len(first):
+    pass
+program = subprocess.Popen(command, stdin=its)
+while unread() > 0 or state(program) not in "SZ":
+    pass
+if kind == "pipe":
+    os.write(ours, b"".join(lines[int(count) :]))
+    os.close(ours)
+else:
+    peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    peer.close()
+sys.exit(program.wait())
+PYTHON
+}
+
 # Waits until a file has a line with a text, as long as the application runs.
 await_line() {
     local file=$1 text=$2 line
@@ -420,7 +470,13 @@ CallRefusesWrongArguments() {
     expect_usage '--unit takes its programs and their data from the file' call ECHO --unit x
     expect_usage '--text excludes --hex; "qpx --help" shows what there is' call ECHO --text x --hex 00
     head -c 32768 /dev/zero >"$FOLDER/data"
-    expect_usage 'a COMMAREA has at most 32767 bytes, not 32768' call ECHO --file "$FOLDER/data"
+    expect_usage "a COMMAREA has at most 32767 bytes, and $FOLDER/data has more" call ECHO --file "$FOLDER/data"
+    expect_usage 'a COMMAREA has at most 32767 bytes, not 32768' call ECHO --text "$(printf '%032768d' 0)"
+}
+
+CallReadsNoMoreOfAFileWithoutAnEndThanThereIsRoomFor() {
+    expect_usage 'a COMMAREA has at most 32767 bytes, and /dev/zero has more' call ECHO --file /dev/zero
+    expect_usage 'a unit of work has at most 100000000 bytes, and /dev/zero has more' call --unit /dev/zero
 }
 
 # ---- call --unit ---------------------------------------------------------------------------------
@@ -483,54 +539,9 @@ UnitWhoseCommitGetsNoAnswerIsInDoubt() {
     expect_line err "qpx: the unit of work is in doubt: ask the server what it has before you send it again"
 }
 
-# Runs a unit of work, with its first line on standard input when it begins. When qpx has read that
-# and waits, the second comes on a pipe that does not block, or the connection is reset that standard
-# input is.
 unit_in_pieces() {
     transfer >"$FOLDER/unit"
-    CODE=0
-    python3 - "$1" "$FOLDER/unit" "$QPX" --port "$GATEWAY_PORT" call --unit - <<'PYTHON' \
-        >"$FOLDER/out" 2>"$FOLDER/err" || CODE=$?
-import array, fcntl, os, socket, struct, subprocess, sys, termios
-
-kind, unit, *command = sys.argv[1:]
-lines = open(unit, "rb").read().splitlines(True)
-if kind == "pipe":
-    its, ours = os.pipe()
-    os.set_blocking(its, False)
-else:
-    listener = socket.create_server(("127.0.0.1", 0))
-    peer = socket.create_connection(listener.getsockname())
-    standard_input = listener.accept()[0]
-    its, ours = standard_input.fileno(), peer.fileno()
-
-
-def unread():
-    count = array.array("i", [0])
-    fcntl.ioctl(its, termios.FIONREAD, count)
-    return count[0]
-
-
-def state(process):
-    with open(f"/proc/{process.pid}/stat") as stat:
-        return stat.read().rpartition(")")[2].split()[0]
-
-
-first = b"".join(lines[:2])
-os.write(ours, first)
-while unread() < len(first):
-    pass
-qpx = subprocess.Popen(command, stdin=its)
-while unread() > 0 or state(qpx) not in "SZ":
-    pass
-if kind == "pipe":
-    os.write(ours, b"".join(lines[2:]))
-    os.close(ours)
-else:
-    peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
-    peer.close()
-sys.exit(qpx.wait())
-PYTHON
+    in_pieces "$1" "$FOLDER/unit" 2 "$QPX" --port "$GATEWAY_PORT" call --unit -
 }
 
 UnitIsReadToTheEndOfAPipeThatDoesNotBlock() {
@@ -664,6 +675,15 @@ PasswordThatIsWrongIsExitCode7() {
     expect_complaint 7 "qpx: verify: ESI_ERR_PASSWORD_INVALID (-302): the password is wrong"
     qpx_with_passwords $'Blue7sky\nshort' password change FRED
     expect_complaint 7 "qpx: change: ESI_ERR_PASSWORD_REJECTED (-315): the new password breaks the server's rules"
+}
+
+PasswordsAreReadToTheEndOfAPipeThatDoesNotBlock() {
+    gateway_with_registry
+    printf '%s\n' Blue7sky Green8hill >"$FOLDER/passwords"
+    in_pieces pipe "$FOLDER/passwords" 1 "$QPX" --port "$GATEWAY_PORT" password change FRED \
+        --password-fd 0
+    expect_code 0
+    expect_line out "The password of FRED is changed."
 }
 
 PasswordTellsOfPasswordsThatAreMissing() {
@@ -936,6 +956,47 @@ PingEndsWhenNobodyReadsItsLinesAnyMore() {
     expect_line err "qpx: cannot write to standard output"
 }
 
+# Its output takes nothing, and so there is no telling. The first one has been taken when it is no
+# longer pending, and the second will end the program when a thread does not block it.
+PingEndsAtASecondInterruption() {
+    gateway
+    CODE=0
+    python3 - env --default-signal=INT "$QPX" --port "$GATEWAY_PORT" ping <<'PYTHON' || CODE=$?
+import os, pathlib, signal, subprocess, sys
+
+
+def has_interruption(status, field):
+    mask = int(status.split(f"{field}:\t")[1].split()[0], 16)
+    return mask & 1 << (signal.SIGINT - 1) != 0
+
+
+def await_threads(hold):
+    tasks = pathlib.Path("/proc", str(ping.pid), "task")
+    while not hold([(task / "status").read_text() for task in tasks.iterdir()]):
+        pass
+
+
+unread, output = os.pipe()
+os.set_blocking(output, False)
+try:
+    while True:
+        os.write(output, b"x")
+except BlockingIOError:
+    os.set_blocking(output, True)
+ping = subprocess.Popen(sys.argv[1:], stdout=output)
+await_threads(lambda all: len(all) > 1 and any(has_interruption(one, "SigBlk") for one in all))
+ping.send_signal(signal.SIGINT)
+await_threads(
+    lambda all: any(
+        not has_interruption(one, "ShdPnd") and not has_interruption(one, "SigBlk") for one in all
+    )
+)
+ping.send_signal(signal.SIGINT)
+sys.exit(128 - ping.wait())
+PYTHON
+    expect_code 130
+}
+
 PingRefusesWrongArguments() {
     expect_usage '--count is a number from 1 to 1000000000, not 0' ping --count 0
     expect_usage 'an interval is a number of seconds from 0 to 86400' ping --interval -1
@@ -1016,7 +1077,7 @@ LoadSaysHowManyThreadsCouldBeStartedAndMakesNoCall() {
     qpx_within 'ulimit -v 400000 && exec "$@"' load ECHO --threads 1000 --count 2000
     expect_code 1
     expect_nothing out
-    grep -qxE 'qpx: only [1-9][0-9]* of 1000 threads could be started; --threads takes fewer, and ulimit -u and -v set how many there can be' \
+    grep -qxE 'qpx: only [1-9][0-9]* of 1000 threads could be started; --threads and --connections take fewer, and ulimit -u and -v set how many there can be' \
         "$FOLDER/err" || fail "does not say how many"
     expect_no_text gateway.log ECI
 }
@@ -1641,6 +1702,9 @@ TraceReadsStandardInput() {
     traced 3 call ECHO --text hello
     CODE=0
     "$QPX" trace - <"$FOLDER/trace" >"$FOLDER/out" 2>"$FOLDER/err" || CODE=$?
+    expect_code 0
+    expect_text out '3 calls, 0 failed'
+    in_pieces pipe "$FOLDER/trace" 2 "$QPX" trace -
     expect_code 0
     expect_text out '3 calls, 0 failed'
 }

@@ -100,6 +100,15 @@ std::vector<Address> addressesOf(const Settings& settings, Report& report)
     return addresses;
 }
 
+// Whether the other side is this one: nobody listens, and the system has given out that very port.
+bool isConnectedToItself(int descriptor, const Address& address)
+{
+    sockaddr_storage own = {};
+    socklen_t size = sizeof own;
+    return getsockname(descriptor, reinterpret_cast<sockaddr*>(&own), &size) == 0 &&
+           size == address.size && std::memcmp(&own, &address.where, size) == 0;
+}
+
 // 0, or the errno for which there is no connection in the time.
 int connectTo(const Address& address, int seconds)
 {
@@ -118,6 +127,11 @@ int connectTo(const Address& address, int seconds)
             else if (ready < 0 || getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &size) != 0)
                 error = errno;
         }
+    }
+    if (error == 0 && isConnectedToItself(descriptor, address)) {
+        const linger atOnce = {1, 0}; // the port is the Gateway's that is to come
+        setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+        error = ECONNREFUSED;
     }
     close(descriptor);
     return error;

@@ -273,11 +273,14 @@ void Load::showProgress()
     while (!finished_.wait_for(hold, std::chrono::seconds(1), [this] { return working_ == 0; })) {
         const std::uint64_t done = done_;
         const std::chrono::duration<double> passed = Clock::now() - begin_;
+        hold.unlock(); // the terminal may take nothing
         if (terminal)
             std::fprintf(stderr, "\r%.0f s: %" PRIu64 " calls, %" PRIu64 " a second ",
                          passed.count(), done, done - before);
         before = done;
+        hold.lock();
     }
+    hold.unlock();
     if (terminal && before > 0) std::fputs("\r\x1b[K", stderr);
 }
 

@@ -1,6 +1,8 @@
 // qpx - the client for the shell: calls of server programs, and what helps to find out why one does
 // not come through. Over the public calls of the library only.
 
+#include <unistd.h>
+
 #include <clocale>
 #include <cstdio>
 #include <iostream>
@@ -9,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "command.h"
+#include "descriptor.h"
 #include "qpxclient.h"
 
 namespace qpx {
@@ -148,5 +151,7 @@ std::string green(const Settings& settings, const std::string& text)
 int main(int argc, char** argv)
 {
     std::setlocale(LC_CTYPE, "");
+    qpx::letWritingWait(STDOUT_FILENO);
+    qpx::letWritingWait(STDERR_FILENO);
     return qpx::endWith(qpx::run(argc, argv));
 }

@@ -25,7 +25,8 @@ it, that program is called, without data. A connection that is lost is opened
 anew for the next request. Ctrl-C ends it and shows the statistics, a second
 Ctrl-C ends it at once.
 
-The exit code is 0 if every request was answered, else that of the last failure.
+The exit code is 0 if every request was answered, else that of the last failure;
+1 if a line could not be written, which ends it.
 
 Examples:
   qpx ping

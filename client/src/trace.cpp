@@ -451,7 +451,7 @@ void follow(TraceFiles& files, TraceCalls& calls, const TraceReport& report)
         for (const auto& file : files) file->settle();
         addLines(files, calls);
         std::cout.flush();
-    } while (changes.await());
+    } while (std::cout && changes.await());
 }
 
 // ---- The command --------------------------------------------------------------------------------

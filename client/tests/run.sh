@@ -297,6 +297,43 @@ AFullDiskIsExitCode1ForWhateverIsWritten() {
     qpx_without_output call ECHO --text hello
 }
 
+# The pipe is full when the program begins, and it is read from when the program waits, or has ended.
+AnOutputThatDoesNotBlockIsWaitedFor() {
+    CODE=0
+    python3 - "$QPX" codes >"$FOLDER/out" 2>"$FOLDER/err" <<'PYTHON' || CODE=$?
+import os, subprocess, sys
+
+
+def state(process):
+    with open(f"/proc/{process.pid}/stat") as stat:
+        return stat.read().rpartition(")")[2].split()[0]
+
+
+its, output = os.pipe()
+os.set_blocking(output, False)
+filled = 0
+try:
+    while True:
+        filled += os.write(output, b"x")
+except BlockingIOError:
+    pass
+program = subprocess.Popen(sys.argv[1:], stdout=output)
+while state(program) not in "SZ":
+    pass
+if os.get_blocking(output):
+    sys.exit("the pipe of others has become one that blocks")
+os.close(output)
+with open(its, "rb") as pipe:
+    sys.stdout.buffer.write(pipe.read()[filled:])
+sys.exit(program.wait())
+PYTHON
+    expect_code 0
+    expect_nothing err
+    mv "$FOLDER/out" "$FOLDER/through-the-pipe"
+    run "$QPX" codes
+    expect_same "$FOLDER/out" "$FOLDER/through-the-pipe"
+}
+
 AFullDiskIsExitCode1WhenItIsInterrupted() {
     gateway --misbehave hold@program:ECHO
     env --default-signal=INT "$QPX" --port "$GATEWAY_PORT" ping --program ECHO >/dev/full \
@@ -1062,6 +1099,31 @@ LoadCountsNoTimeBeforeItsCallsBegin() {
     expect_line out "0 calls in 0.000 s, 0 a second, 0 failed"
 }
 
+# The terminal takes nothing, which the progress line waits for when the program is told to end.
+LoadIsEndedWhileTheTerminalTakesNothing() {
+    gateway --log-level error
+    CODE=0
+    python3 - "$QPX" --port "$GATEWAY_PORT" load ECHO --duration 3600 >"$FOLDER/out" <<'PYTHON' || CODE=$?
+import os, pathlib, pty, subprocess, sys
+
+unread, terminal = pty.openpty()
+os.set_blocking(terminal, False)
+try:
+    while True:
+        os.write(terminal, b"x")
+except BlockingIOError:
+    os.set_blocking(terminal, True)
+load = subprocess.Popen(sys.argv[1:], stderr=terminal)
+call = pathlib.Path("/proc", str(load.pid), "syscall")
+while call.read_text().split()[1:2] != ["0x2"]:  # something with descriptor 2
+    pass
+load.terminate()
+sys.exit(load.wait())
+PYTHON
+    expect_code 0
+    expect_text out " 0 failed"
+}
+
 LoadHasRoomForAsManyThreadsAsItTakes() {
     gateway --log-level error
     # shellcheck disable=SC2016 # for the inner shell
@@ -1489,6 +1551,15 @@ TraceFollowsAFileThatGrows() {
 }
 
 # The daemon refuses them all; what matters is that they travel.
+TraceEndsToFollowWhenItCannotWrite() {
+    gateway
+    traced 3 call ECHO --text hello
+    # shellcheck disable=SC2016 # for the inner shell
+    run bash -c 'exec "$@" >/dev/full' - "$QPX" trace --follow trace
+    expect_code 1
+    expect_line err "qpx: cannot write to standard output"
+}
+
 TraceNeverShowsAPassword() {
     gateway
     run env QPX_CLIENT_TRACE_LEVEL=5 QPX_CLIENT_TRACE_FILE="$FOLDER/trace" QPX_CLIENT_DATA_LENGTH=0 \

@@ -275,6 +275,17 @@ TEST_F(DaemonReplay, OfAFileThatCannotBeReadToItsEndEndsWithCode9)
         << daemon.output();
 }
 
+TEST_F(DaemonReplay, OfAFileThatCannotBeOpenedEndsWithCode9AndNamesIt)
+{
+    recordWhat([](Client& client) { EXPECT_EQ("price 1", answerTo(client, 1, "100105      ")); });
+    std::filesystem::create_symlink("nowhere", folder + "/connection-000002.jsonl");
+    Daemon daemon(options());
+    EXPECT_EQ(9, daemon.end());
+    EXPECT_TRUE(daemon.wrote("cannot replay " + folder +
+                             ": connection-000002.jsonl cannot be read: No such file or directory"))
+        << daemon.output();
+}
+
 // -------------------------------------------------------------------------------------- the script
 
 TEST_F(DaemonReplay, MakesAScriptThatAnswersAsTheRecording)

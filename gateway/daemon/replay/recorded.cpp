@@ -76,7 +76,9 @@ private:
 Connection readFile(const std::filesystem::path& file)
 {
     std::ifstream in(file);
-    if (!in) throw std::system_error(errno, std::generic_category());
+    if (!in)
+        throw BadRecording(file.filename().string() +
+                           " cannot be read: " + std::generic_category().message(errno));
     Reader reader(file.string());
     std::string line;
     for (int number = 1; std::getline(in, line); ++number) {

@@ -99,6 +99,14 @@ int validateName(const char* name);
  */
 int getCurrentCcsid(void) TAKES_LOCK(chanListLock);
 
+/*
+ * Gives the local code page to a channel that has none yet: one that the caller holds, or one that
+ * is there. The handle of one that is not is not followed.
+ * Locks: the second takes chanListLock.
+ */
+void clapiSettleCcsid(ECI_Channel_t* channel);
+void clapiSettleCcsidIfThere(ECI_ChannelToken_t chanTok) TAKES_LOCK(chanListLock);
+
 extern int defaultLocalCcsid; // valid once getCurrentCcsid has returned 0
 extern int defaultLocalCcsidSet GUARDED_BY(chanListLock); // 1 once defaultLocalCcsid is valid
 

@@ -11,7 +11,11 @@
 const char* getCallTypeString(int callType);
 
 int verifyEciParms(QPX_ECI_PARMS* EciParms, int minVersion);
-int performEciExecute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms, int useChannel);
+
+/* record is the application's as it was when the call began. */
+int performEciExecute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms, const QPX_ECI_PARMS* record,
+                      bool useChannel);
+
 int getAsyncReply(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms);
 
 #endif

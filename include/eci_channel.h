@@ -21,7 +21,8 @@
  * A handle is valid from the creation until the deletion of its channel. No thread may begin a
  * call with it once a deletion has begun; a call that is already waiting for the channel gets
  * ECI_ERR_INVALID_CHANNEL. What is no channel's handle gets the same, and is never followed; but
- * the handle of a deleted channel may come to be that of a new one.
+ * the handle of a deleted channel may come to be that of a new one. ECI_COMMIT and ECI_BACKOUT do
+ * without the channel; see QPX_ECI_Execute_Channel.
  *
  * Example: a channel with one container, and its names read back.
  *

@@ -160,9 +160,10 @@ QPX_API int QPX_ECI_Execute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms);
  * A request that is answered before its channel is sent whole has its outcome when the sending has
  * ended, not before.
  *
- * ECI_COMMIT and ECI_BACKOUT carry no data: they need a channel in the record, which must exist,
- * but neither send it nor wait for it. A channel whose code page is not known yet gets that of the
- * local code page, whatever the mode; see ECI_createContainer for what that does to the locale.
+ * ECI_COMMIT and ECI_BACKOUT carry no data: they need a handle in the record, but neither send its
+ * channel nor wait for it, and end the unit of work also when that has been deleted. A channel
+ * whose code page is not known yet gets that of the local code page, whatever the mode; see
+ * ECI_createContainer for what that does to the locale.
  *
  * The collecting calls need no channel and collect every kind of reply, as those of QPX_ECI_Execute
  * do; the record's channel is that of the request then.

@@ -210,6 +210,18 @@ int getCurrentCcsid(void)
     return rc;
 }
 
+void clapiSettleCcsid(ECI_Channel_t* channel)
+{
+    int32_t unknown = CCSID_UNKNOWN;
+    channel->ccsid.compare_exchange_strong(unknown, defaultLocalCcsid);
+}
+
+void clapiSettleCcsidIfThere(ECI_ChannelToken_t chanTok)
+{
+    LockGuard list(chanListLock);
+    if (list.held() && channelSet.contains(chanTok)) clapiSettleCcsid(chanTok);
+}
+
 /* ---- Holding a channel ---- */
 
 /* What the last to hold a deleted channel does. */

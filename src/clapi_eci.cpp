@@ -437,21 +437,18 @@ static int performProgramCall(_QPX_ConnToken_t* gwTok, QPX_ECI_PARMS* EciParms,
     return rc;
 }
 
-/* The application's record is read once: whatever happens to it afterwards, the call is of one
- * piece. */
-int performEciExecute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms, int useChannel)
+int performEciExecute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms, const QPX_ECI_PARMS* record,
+                      bool useChannel)
 {
     namespace at = tp::performEciExecute;
 
-    TRACE(at::entry, gwTok, EciParms, useChannel != 0 ? "TRUE" : "FALSE");
-    QPX_ECI_PARMS record = *EciParms;
-    bool isAsync = record.eci_call_type == ECI_ASYNC;
+    TRACE(at::entry, gwTok, EciParms, useChannel ? "TRUE" : "FALSE");
+    bool isAsync = record->eci_call_type == ECI_ASYNC;
     // The application's record may have changed since it was checked.
-    int rc = checkLengths(&record, EciParms);
+    int rc = checkLengths(record, EciParms);
     if (rc == ECI_NO_ERROR)
         rc = (isAsync ? performProgramCall<AsyncCall>
-                      : performProgramCall<SyncCall>)(gwTok, EciParms, &record, useChannel != 0);
-    explicit_bzero(record.eci_password, sizeof record.eci_password);
+                      : performProgramCall<SyncCall>)(gwTok, EciParms, record, useChannel);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
 }
@@ -757,6 +754,17 @@ static void traceCommarea(const QPX_ECI_PARMS* EciParms)
                STOPWORD);
 }
 
+/* The caller's record, read once: whatever happens to it afterwards, the call is of one piece. */
+class RecordAtStart {
+public:
+    explicit RecordAtStart(const QPX_ECI_PARMS* EciParms) : record(*EciParms) {}
+    ~RecordAtStart() { explicit_bzero(record.eci_password, sizeof record.eci_password); }
+    RecordAtStart(const RecordAtStart&) = delete;
+    RecordAtStart& operator=(const RecordAtStart&) = delete;
+
+    QPX_ECI_PARMS record;
+};
+
 /* Nothing of the token may be touched behind the unregistering. */
 template <const TracePoint& notUnregistered>
 static int unregisterCall(QPX_ConnToken_t gwTok)
@@ -790,8 +798,9 @@ static int checkExecuteCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
 
 static int executeCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
 {
-    if (startsWork(EciParms->eci_call_type)) return performEciExecute(gwTok, EciParms, 0);
-    return getAsyncReply(gwTok, EciParms);
+    RecordAtStart start(EciParms);
+    if (!startsWork(start.record.eci_call_type)) return getAsyncReply(gwTok, EciParms);
+    return performEciExecute(gwTok, EciParms, &start.record, false);
 }
 
 static int executeRegistered(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
@@ -857,40 +866,42 @@ static int checkChannelCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
     return rc == ECI_NO_ERROR ? checkConnection<at::closing>(gwTok, EciParms) : rc;
 }
 
-static int performChannelCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
-{
-    // A call that carries no data does not hold the channel.
-    int32_t unknown = CCSID_UNKNOWN;
-    EciParms->channel->ccsid.compare_exchange_strong(unknown, defaultLocalCcsid);
-    return performEciExecute(gwTok, EciParms, 1);
-}
-
 /* Holds the channel until the reply is there; an asynchronous request that has been sent keeps
  * it, until its reply is collected. */
-static int performHoldingChannel(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
+static int performHoldingChannel(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms,
+                                 const QPX_ECI_PARMS* record)
 {
     namespace at = tp::QPX_ECI_Execute_Channel;
 
-    // The record's own may be another's by the time the call returns.
-    ECI_ChannelToken_t channel = EciParms->channel;
-    bool isAsync = EciParms->eci_call_type == ECI_ASYNC;
-    int rc = lockChannel(channel);
+    int rc = lockChannel(record->channel);
     if (rc != ECI_NO_ERROR) return rc;
 
-    rc = performChannelCall(gwTok, EciParms);
-    if (isAsync && rc == ECI_NO_ERROR) return rc;
-    if (unlockChannel(channel) != ECI_NO_ERROR) {
+    clapiSettleCcsid(record->channel);
+    rc = performEciExecute(gwTok, EciParms, record, true);
+    if (record->eci_call_type == ECI_ASYNC && rc == ECI_NO_ERROR) return rc;
+    if (unlockChannel(record->channel) != ECI_NO_ERROR) {
         TRACE(at::channelStays);
         rc = firstFailure(rc, ECI_ERR_SYSTEM_ERROR);
     }
     return rc;
 }
 
+/* Neither sends the channel nor waits for it. Deliberate: a unit of work can be ended by the record
+ * of its calls though their channel has been deleted. */
+static int performBesideChannel(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms,
+                                const QPX_ECI_PARMS* record)
+{
+    clapiSettleCcsidIfThere(record->channel);
+    return performEciExecute(gwTok, EciParms, record, true);
+}
+
 static int executeChannelCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
 {
-    if (!startsWork(EciParms->eci_call_type)) return getAsyncReply(gwTok, EciParms);
-    if (!clapiCarriesData(EciParms->eci_extend_mode)) return performChannelCall(gwTok, EciParms);
-    return performHoldingChannel(gwTok, EciParms);
+    RecordAtStart start(EciParms);
+    if (!startsWork(start.record.eci_call_type)) return getAsyncReply(gwTok, EciParms);
+    return (clapiCarriesData(start.record.eci_extend_mode)
+                ? performHoldingChannel
+                : performBesideChannel)(gwTok, EciParms, &start.record);
 }
 
 static int executeChannelRegistered(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)

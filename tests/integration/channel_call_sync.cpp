@@ -393,6 +393,34 @@ TEST_F(ChannelCall, LocksNoChannelToCommitOrBackOut)
     }
 }
 
+TEST_F(ChannelCall, CommitsAndBacksOutThoughTheChannelHasBeenDeleted)
+{
+    for (int mode : {2, 4}) {
+        openUnit(7);
+        Channel gone("GONE");
+        EciParms parms = channelCall(ECI_SYNC, gone);
+        parms.withExtendMode(mode, 7);
+        ASSERT_RC(0, ECI_deleteChannel(&gone.token));
+        EXPECT_RC(0, call(parms, ChannelReply()));
+    }
+}
+
+TEST_F(ChannelCall, FollowsNoHandleThatIsNoChannelsToCommitOrBackOut)
+{
+    static char memory[4096];
+    std::memset(memory, 0xFF, sizeof memory); // a code page of -1, as it happens
+    for (int mode : {2, 4}) {
+        for (void* handle : {static_cast<void*>(memory), reinterpret_cast<void*>(1)}) {
+            openUnit(7);
+            EciParms parms = channelCall(ECI_SYNC, channel);
+            parms.withExtendMode(mode, 7);
+            parms.record.channel = static_cast<ECI_ChannelToken_t>(handle);
+            EXPECT_RC(0, call(parms, ChannelReply()));
+        }
+    }
+    EXPECT_EQ(std::string(sizeof memory, '\xFF'), std::string(memory, sizeof memory));
+}
+
 TEST_F(ChannelCall, SendsAChannelWithEveryCallOfAUnitOfWork)
 {
     openUnit(7);

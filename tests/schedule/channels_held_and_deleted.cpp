@@ -461,6 +461,33 @@ TEST_F(HeldChannel, IsUnlockedByItsCallWhateverTheRecordSaysByThen)
     expectClosable();
 }
 
+TEST_F(HeldChannel, IsThatOfItsCallWhateverTheRecordSaysWhenItHasBeenWaitedFor)
+{
+    ECI_ChannelToken_t other = nullptr;
+    EXPECT_RC(0, ECI_createChannel("OTHER", &other));
+    ASSERT_EQ(0, lockChannel(channel));
+    EciParms parms = syncCall("PROG");
+    parms.record.channel = channel;
+    Hold waiting(SchedulePoint::beforeChannelWait);
+    auto call = callInThread([&] { return QPX_ECI_Execute_Channel(token(), &parms.record); });
+    waiting.awaitArrival();
+    parms.record.eci_call_type = ECI_ASYNC;
+    parms.record.eci_extend_mode = ECI_COMMIT;
+    parms.record.channel = other;
+    waiting.release();
+    EXPECT_EQ(0, unlockChannel(channel));
+    EXPECT_EQ(1, connection.awaitRequest().messageId());
+    EXPECT_EQ(1, channel->isLocked.load());
+    deliver(channelReply(1, "answered"));
+
+    EXPECT_RC(0, call.get());
+    EXPECT_EQ(0, channel->isLocked.load());
+    EXPECT_EQ(1, channel->numContainers.load());
+    EXPECT_EQ(CCSID_UNKNOWN, other->ccsid.load());
+    EXPECT_RC(0, ECI_deleteChannel(&other));
+    expectClosable();
+}
+
 TEST_F(HeldChannel, StaysWithAnAsynchronousCallWhateverTheRecordSaysByThen)
 {
     EciParms parms = asyncCall("PROG");

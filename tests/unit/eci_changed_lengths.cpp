@@ -46,7 +46,7 @@ TEST_F(ChangedRecord, IsRefusedWithANegativeLength)
         TraceFile trace(1);
 
         EXPECT_RC(ECI_ERR_INVALID_DATA_LENGTH,
-                  performEciExecute(connection.token, &parms.record, 0));
+                  performEciExecute(connection.token, &parms.record, &parms.record, false));
 
         EXPECT_TRUE(trace.wroteText("*EXC*")) << trace.text();
     }
@@ -57,12 +57,13 @@ TEST_F(ChangedRecord, IsRefusedWithANegativeInboundOrOutboundLength)
 {
     EciParms inbound = syncCall("PROG", filled(8, 'a'));
     inbound.record.commarea_inbound_length = -1;
-    EXPECT_RC(ECI_ERR_INVALID_DATA_LENGTH, performEciExecute(connection.token, &inbound.record, 0));
+    EXPECT_RC(ECI_ERR_INVALID_DATA_LENGTH,
+              performEciExecute(connection.token, &inbound.record, &inbound.record, false));
 
     EciParms outbound = syncCall("PROG", filled(8, 'a'));
     outbound.record.commarea_outbound_length = -1;
     EXPECT_RC(ECI_ERR_INVALID_DATA_LENGTH,
-              performEciExecute(connection.token, &outbound.record, 0));
+              performEciExecute(connection.token, &outbound.record, &outbound.record, false));
 
     expectNothingSent();
 }
@@ -72,7 +73,8 @@ TEST_F(ChangedRecord, IsRefusedWithALengthAndNoData)
     EciParms parms = syncCall("PROG", filled(8, 'a'));
     parms.record.eci_commarea = nullptr;
 
-    EXPECT_RC(ECI_ERR_INVALID_DATA_AREA, performEciExecute(connection.token, &parms.record, 0));
+    EXPECT_RC(ECI_ERR_INVALID_DATA_AREA,
+              performEciExecute(connection.token, &parms.record, &parms.record, false));
 
     expectNothingSent();
 }

@@ -111,7 +111,7 @@ typedef struct _QPX_ConnToken_t {
     RequestSlot* firstReply GUARDED_BY(tableLock); // queue of delivered asynchronous slots
     RequestSlot* lastReply GUARDED_BY(tableLock);
     std::atomic<int32_t> asyncCount;   // asynchronous requests not yet collected; by tableLock
-    ClapiEvent asyncReplyEvent;        // posted under tableLock when a reply is queued
+    ClapiEvent asyncReplyEvent;        // posted under tableLock: collectors must look again
     ClapiEvent connEvent;              // posted when the outcome of the handshake is known
     ClapiEvent recvThreadEndedEvent;   // open while no receiver thread runs
     ClapiEvent requestsEnded;          // posted by the last API call that leaves

@@ -372,11 +372,9 @@ static void withdraw(AsyncCall* call) NEEDS_LOCK(call->gwTok->tableLock)
     if (call->slotP->state == SLOT_DELIVERED) clapiUnlinkReply(call->gwTok, call->slotP);
     countOut(call->gwTok);
     TRACE(at::uncounted, gwTok->asyncCount.load(), gwTok);
-    // Nothing can arrive any more on a closing connection, nor on one that has ended: there a
-    // collector may be waiting for this very request.
-    bool nothingCanCome = gwTok->closedown != 0 && gwTok->asyncCount == 0;
-    if (nothingCanCome || gwTok->connStatus != CONN_CONNECTED)
-        clapiClearEvent(&gwTok->asyncReplyEvent);
+    // A collector may be waiting for this very request, though its call has not returned: the
+    // message id is known before, or guessed.
+    clapiClearEvent(&gwTok->asyncReplyEvent);
     slotFree(&gwTok->table, call->slotP);
 }
 

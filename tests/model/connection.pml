@@ -250,6 +250,9 @@ bool sendingOver[CALLS];           /* by call: its asynchronous call has returne
 byte callsSent;                    /* ... and how many have */
 #endif
 bool ended[CALLS];                 /* by call: its outcome has been told */
+#if GUESSING > 0
+byte guessersOut;
+#endif
 
 /* No field of a token is touched once it is freed. */
 #define TOUCH assert(!tokenFreed)
@@ -1133,11 +1136,13 @@ inline leaveFailed()
     tableLock = NOBODY
 }
 
-/* Who waits is told if nothing can come any more. */
-#ifdef BREAK_WITHDRAWAL_BEHIND_THE_END_NOT_TOLD
-#define withdrawalIsTold (closedown && asyncCount == 0)
-#else
-#define withdrawalIsTold ((closedown && asyncCount == 0) || connStatus != CONNECTED)
+/* Who waits is told of every withdrawal. */
+#ifdef BREAK_WITHDRAWAL_NOT_TOLD
+#define isWithdrawnSilently true
+#elif defined(BREAK_WITHDRAWAL_BEHIND_THE_END_NOT_TOLD)
+#define isWithdrawnSilently (connStatus != CONNECTED)
+#elif defined(BREAK_WITHDRAWAL_TOLD_AT_THE_END_ONLY)
+#define isWithdrawnSilently (connStatus == CONNECTED && !(closedown && asyncCount == 0))
 #endif
 
 #ifdef BREAK_WITHDRAWS_WHAT_IS_NOT_OURS
@@ -1172,14 +1177,17 @@ inline failAsyncCall(me)
            countOut();
            tellOutcome(me)
        };
-       if
-#ifdef BREAK_WITHDRAWAL_NOT_TOLD
-       :: true
+       atomic {
+           TOUCH;
+#ifdef isWithdrawnSilently
+           if
+           :: isWithdrawnSilently
+           :: else -> post(asyncReplyEvent)
+           fi
 #else
-       :: atomic { withdrawalIsTold -> TOUCH; post(asyncReplyEvent) }
-       :: atomic { !withdrawalIsTold -> TOUCH }
+           post(asyncReplyEvent)
 #endif
-       fi;
+       };
        atomic { TOUCH; slotFree(s); leaveFailed() }
     :: else ->
        atomic { TOUCH; rc = OK; leaveFailed() }
@@ -1615,7 +1623,7 @@ proctype Guesser()
     mtype rc;
 
     collect(true, true, 0, true);
-    threadsOut++
+    atomic { guessersOut++; threadsOut++ }
 }
 #endif
 
@@ -2482,9 +2490,13 @@ init
         i = 0
     };
 #ifdef QUIET
-    /* Whoever still waits, waits for a reply that is not there. */
+    /* Whoever still waits, waits for a reply that is not there; for one reply, only while that may
+     * come. What is left of a stream that the library has ended is for nobody. */
     timeout;
-    assert(empty(replies) && empty(fromGateway));
+    assert(empty(replies) && (empty(fromGateway) || shutDown));
+#if GUESSING > 0
+    assert(guessersOut == GUESSING || slot[0].state == WAITING);
+#endif
     assert(gtlLock == NOBODY && tableLock == NOBODY)
 #else
     /* Every thread of the application gets out of the library, with the locks and channels that it

@@ -67,6 +67,11 @@ commarea_and_collector   | holds | SYNC=1 ANY=1 DIES CLOSES WRITE_FAILS LAST COM
 commarea_and_channel     | holds | SYNC=2 PLAIN=1 CHANNEL REFUSES DIES LAST COMMAREA
 commarea_stuck_sender    | holds | SYNC=1 ASYNC=1 SPECIFIC=1 REFUSES HALF_READ QUIET COMMAREA
 withdrawn_calls        | holds   | ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN
+withdrawn_guesses      | holds   | ASYNC=2 GUESSING=1 NOTHING_WRITTEN
+withdrawn_or_answered  | holds   | ASYNC=2 GUESSING=1 WRITE_FAILS
+withdrawn_and_any      | holds   | ASYNC=1 GUESSING=1 ANY=1 NOTHING_WRITTEN QUIET
+withdrawn_unit_of_work | holds   | ASYNC=1 UNITS GUESSING=1 ANY=1 WRITE_FAILS QUIET
+withdrawn_while_pending | holds  | ASYNC=1 GUESSING=1 UNASKED=1 CHANNEL NOTHING_WRITTEN
 broken_flow_of_a_channel | holds | SYNC=2 PLAIN=1 CHANNEL WRITE_FAILS LAST COMMAREA
 broken_flow_withdrawn    | holds | SYNC=1 PLAIN=1 ASYNC=1 CHANNEL WRITE_FAILS LAST COMMAREA
 broken_flow_of_a_call    | holds | SYNC=1 ASYNC=1 WRITE_FAILS LAST COMMAREA
@@ -101,6 +106,7 @@ wakes_callers_at_the_end | holds | SYNC=2 DIES CLOSES LAST WAKES SPURIOUS=1
 wakes_collectors_purged | holds  | ASYNC=1 ANY=1 PURGE=1 DIES WAKES
 wakes_of_both_kinds    | holds   | SYNC=1 ASYNC=1 SPECIFIC=1 GRACEFUL=1 WAKES
 wakes_of_the_withdrawn | holds   | ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN WAKES SPURIOUS=1
+wakes_of_guesses       | holds   | ASYNC=1 GUESSING=1 ANY=1 NOTHING_WRITTEN QUIET WAKES SPURIOUS=1
 wakes_by_senders       | holds   | ASYNC=1 ANY=1 CHANNEL PURGE=1 WAKES SPURIOUS=1
 wakes_by_callers       | holds   | SYNC=1 PURGE=1 REFUSES DIES COMMAREA WAKES SPURIOUS=1
 wakes_closers          | holds   | SYNC=1 GRACEFUL=1 ALL=1 WAKES SPURIOUS=1
@@ -133,6 +139,8 @@ break_generation_read_late   | fails | ASYNC=2 SPECIFIC=2 SILENT QUIET BREAK_GEN
 break_not_checked_again      | fails | ASYNC=1 SPECIFIC=1 POLL=1 BREAK_SPECIFIC_NOT_CHECKED_AGAIN | invalid end state
 break_end_not_told           | fails | ASYNC=1 ANY=1 DIES LAST BREAK_END_NOT_TOLD_TO_COLLECTORS | invalid end state
 break_withdrawal_not_told    | fails | ASYNC=1 ANY=1 GRACEFUL=1 NOTHING_WRITTEN BREAK_WITHDRAWAL_NOT_TOLD | invalid end state
+break_withdrawal_told_at_end | fails | ASYNC=1 GUESSING=1 NOTHING_WRITTEN BREAK_WITHDRAWAL_TOLD_AT_THE_END_ONLY | invalid end state
+break_withdrawn_unit_not_told | fails | ASYNC=1 UNITS GUESSING=1 ANY=1 WRITE_FAILS QUIET BREAK_WITHDRAWAL_TOLD_AT_THE_END_ONLY | assertion violated ((guessersOut==1)
 break_collectors_not_released | fails | ASYNC=1 ANY=1 GRACEFUL=1 CLOSE_AFTER_CALLS BREAK_COLLECTORS_NOT_RELEASED | invalid end state
 break_withdraws_any          | fails | ASYNC=1 ANY=1 PURGE=1 DIES BREAK_WITHDRAWS_WHAT_IS_NOT_OURS | assertion violated  !(ended[me])
 break_withdraws_idle_unit    | fails | ASYNC=1 UNITS ANY=1 WRITE_FAILS LAST BREAK_WITHDRAWS_IN_ANY_STATE | assertion violated  !(ended[me])

@@ -245,4 +245,121 @@ TEST_F(SeveralCollectors, BringTheChannelOfTheCallThoughAFailedCloseHasGivenItBa
     expectClosed();
 }
 
+// ---- Requests that are withdrawn while the connection stands ----
+
+class CollectorOfTheWithdrawn : public SeveralCollectors {
+protected:
+    // An asynchronous request that waits, and is held before it is written. Nothing of it leaves
+    // when it is refused: the socket is missing for its write alone.
+    struct HeldRequest {
+        HeldRequest(CollectorOfTheWithdrawn& test, EciParms&& request)
+            : gwTok(test.token()), parms(std::move(request)),
+              beforeWrite(SchedulePoint::beforeRequestWrite), call(test.start(parms))
+        {
+            beforeWrite.awaitArrival();
+        }
+
+        void refuse()
+        {
+            Socket socket = gwTok->socketDescriptor.exchange(NO_SOCKET);
+            beforeWrite.release();
+            EXPECT_RC(QPX_ERR_LOSTGWCON, call.get());
+            gwTok->socketDescriptor = socket;
+        }
+
+        _QPX_ConnToken_t* gwTok;
+        EciParms parms;
+        Hold beforeWrite;
+        RunningCall<int> call;
+    };
+
+    static EciParms request() { return asyncCall("LATER", filled(8, 'a')); }
+};
+
+TEST_F(CollectorOfTheWithdrawn, IsToldThatTheReplyItSleepsForDoesNotCome)
+{
+    HeldRequest held(*this, request());
+    EciParms parms = getSpecificReplyWait(1, 8);
+    auto collector = start(parms);
+    queueAwaited.await(1);
+
+    held.refuse();
+
+    EXPECT_RC(ECI_ERR_INVALID_MSG_QUAL, collector.get());
+    expectClosable(); // which serves
+}
+
+TEST_F(CollectorOfTheWithdrawn, IsToldOfTheNextCallOfItsUnitOfWork)
+{
+    EciParms opening = request();
+    opening.withExtendMode(ECI_EXTENDED);
+    EXPECT_RC(0, execute(opening));
+    connection.awaitRequest();
+    deliver(ProgramReply().luwToken(77).commarea(text("answered")).to(1));
+    expectCollected(1, "answered");
+    EciParms next = request();
+    next.withExtendMode(ECI_EXTENDED, 77);
+    HeldRequest held(*this, std::move(next));
+    EciParms parms = getSpecificReplyWait(1, 8);
+    auto collector = start(parms);
+    queueAwaited.await(1);
+
+    held.refuse();
+
+    EXPECT_RC(ECI_ERR_INVALID_MSG_QUAL, collector.get());
+    expectClosable();
+}
+
+TEST_F(CollectorOfTheWithdrawn, IsToldThoughAnotherArmsTheEventAgainBeforeItSleeps)
+{
+    HeldRequest held(*this, request());
+    Collector specific(*this, getSpecificReplyWait(1, 8));
+    held.refuse();
+    Collector any(*this, getReplyWait(8)); // has closed the gate again
+    EXPECT_EQ(0, token()->asyncReplyEvent.eflag);
+
+    specific.beforeSleep.release();
+
+    EXPECT_RC(ECI_ERR_INVALID_MSG_QUAL, specific.call.get());
+    any.beforeSleep.release();
+    ASSERT_EQ(1, send());
+    deliver(1, "reply 1.");
+    expectReply(any, "reply 1.");
+    expectClosable();
+}
+
+TEST_F(CollectorOfTheWithdrawn, SleepsOnForTheNextReplyIfItTakesAny)
+{
+    HeldRequest held(*this, request());
+    EciParms parms = getReplyWait(8);
+    auto collector = start(parms);
+    queueAwaited.await(1);
+
+    held.refuse();
+
+    queueAwaited.await(2); // it has looked again
+    ASSERT_EQ(1, send());
+    deliver(1, "reply 1.");
+    EXPECT_RC(0, collector.get());
+    EXPECT_EQ(text("reply 1."), parms.commarea());
+    expectClosable();
+}
+
+TEST_F(CollectorOfTheWithdrawn, SleepsOnIfItsOwnReplyIsAnother)
+{
+    ASSERT_EQ(1, send());
+    HeldRequest held(*this, request());
+    EciParms parms = getSpecificReplyWait(1, 8);
+    auto collector = start(parms);
+    queueAwaited.await(1);
+
+    held.refuse();
+
+    queueAwaited.await(2);
+    deliver(1, "reply 1.");
+    EXPECT_RC(0, collector.get());
+    EXPECT_EQ(text("reply 1."), parms.commarea());
+    expectClosable();
+}
+
 } // namespace

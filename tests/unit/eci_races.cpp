@@ -22,6 +22,7 @@ using support::Call;
 using support::CallInfo;
 using support::EciParms;
 using support::failCall;
+using support::failCallOn;
 using support::Fault;
 using support::Gate;
 using support::getReply;
@@ -319,6 +320,67 @@ TEST_F(EciRace, FailedSendOnAClosingConnectionReleasesTheWaiters)
     EXPECT_RC(QPX_OK, closing->get());
     connection.forget();
 }
+
+// ---- A write that fails with nothing sent, on a connection that stands ----
+
+namespace {
+
+struct Refusal {
+    const char* name;
+    Call call;
+    int error;
+    int rc;
+};
+
+const Refusal refusals[] = {
+    {"WithoutRoomInTheSystem", Call::Send, ENOBUFS, QPX_ERR_LOSTGWCON},
+    {"ByAFilter", Call::Send, EPERM, QPX_ERR_LOSTGWCON},
+    {"WithoutMemory", Call::Malloc, ENOMEM, QPX_ERR_MALLOCFAIL},
+    {"WithoutTheSendLock", Call::MutexLock, EINVAL, ECI_ERR_SYSTEM_ERROR},
+};
+
+class EciWriteRefused : public EciRace, public ::testing::WithParamInterface<Refusal> {
+protected:
+    // What the write needs: the lock, the buffer of a request with a COMMAREA of 100 bytes, or any
+    // socket.
+    Fault refuse()
+    {
+        const Refusal& refusal = GetParam();
+        if (refusal.call == Call::Send)
+            return failCall(Call::Send, 1, refusal.error, Threads::Calling);
+        const void* subject = &connection.token->sendLock.lock;
+        if (refusal.call == Call::Malloc)
+            subject = reinterpret_cast<const void*>(32 + 15 + 68 + 100);
+        return failCallOn(refusal.call, subject, 1, refusal.error, Threads::Calling);
+    }
+};
+
+} // namespace
+
+TEST_P(EciWriteRefused, WakesTheCollectorOfItsReply)
+{
+    EciParms waiting = getSpecificReplyWait(1, 8);
+    std::unique_ptr<RunningCall<int>> waits;
+    // Behind the hold of the table in which the request has begun to wait.
+    Fault guessed = afterTableUnlock(2, [this, &waiting, &waits] {
+        waits = std::make_unique<RunningCall<int>>(startSleeping(waiting));
+    });
+    EciParms parms = asyncCall("PROG", filled(100, 'a'));
+    {
+        Fault refused = refuse();
+        EXPECT_RC(GetParam().rc, execute(parms));
+        EXPECT_EQ(1, refused.hits());
+    }
+    ASSERT_TRUE(waits != nullptr);
+
+    EXPECT_RC(ECI_ERR_INVALID_MSG_QUAL, waits->get());
+
+    EXPECT_EQ(0, outstanding());
+    expectStillServing(connection);
+}
+
+INSTANTIATE_TEST_SUITE_P(, EciWriteRefused, ::testing::ValuesIn(refusals),
+                         [](const auto& tested) { return std::string(tested.param.name); });
 
 // ---- Waiters ----
 

@@ -158,18 +158,21 @@ struct ForkClock {
 };
 
 /*
- * The clock for a child. One of a process with a trace and several threads does not ask: the lock
- * behind local time may be one that another thread holds at the fork. Where it is looked up, that
- * may wait for other threads and for a file. Locks: none taken, and none held.
+ * The clock for a child, if the trace has that level at the fork. One of a process with a trace and
+ * several threads does not ask: the lock behind local time may be one that another thread holds at
+ * the fork. Where it is looked up, that may wait for other threads and for a file. Locks: none
+ * taken, and none held.
  */
-ForkClock clapiClockForFork(void);
+ForkClock clapiClockForFork(int level);
 
 /*
  * For a fork: between the first and one of the others no other thread is inside a line or changes
  * the trace, and both processes find the locks of the trace free afterwards. Locks: the first takes
- * traceLock, so everything else that is held over a fork is taken before.
+ * traceLock, so everything else that is held over a fork is taken before. It returns false, with
+ * the locks held, if the clock was made for a trace that was off and is on by now: the child may
+ * wait for ever then.
  */
-void clapiTraceForkPrepare(const ForkClock& clock);
+bool clapiTraceForkPrepare(const ForkClock& clock);
 void clapiTraceForkParent(void);
 void clapiTraceForkChild(void);
 

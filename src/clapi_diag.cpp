@@ -152,12 +152,17 @@ static int64_t offsetOf(const timespec& now)
     return local.tm_gmtoff + rest;
 }
 
-ForkClock clapiClockForFork(void)
+/* Where nothing is traced nothing is looked up, and a thread that is alone has nobody inside the C
+ * library. */
+static bool childMayAsk(int level)
+{
+    return level == TRACE_OFF || __libc_single_threaded != 0;
+}
+
+ForkClock clapiClockForFork(int level)
 {
     if (!ownClock.asks) return ownClock; // a child itself
-    // Where nothing is traced nothing is looked up, and a thread that is alone has nobody inside
-    // the C library.
-    if (clientAPITrace == TRACE_OFF || __libc_single_threaded != 0) return ForkClock{true, 0};
+    if (childMayAsk(level)) return ForkClock{true, 0};
     int before = errno;
     timespec now = {};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -641,14 +646,18 @@ TraceSwitch clapiSwitchTrace(const char* name)
 static bool forkHoldsTraceLock GUARDED_BY(destinationLock) = false;
 static ForkClock clockOfChild GUARDED_BY(destinationLock) = {true, 0};
 
-void clapiTraceForkPrepare(const ForkClock& clock)
+bool clapiTraceForkPrepare(const ForkClock& clock)
     NOT_ANALYSED("whether there is a traceLock is known at run time")
 {
     bool holdsTraceLock = clapiIsLockInitialized(&traceLock) == LOCK_INITIALIZED &&
                           clapiTakeForFork(&traceLock) == 0;
     clapiTakeForFork(&destinationLock);
     forkHoldsTraceLock = holdsTraceLock;
-    clockOfChild = clock;
+    // The level that it is by now counts: the clock may have been made in the middle of the first
+    // call, which has a level of its own.
+    bool isOff = clientAPITrace == TRACE_OFF;
+    clockOfChild = isOff && ownClock.asks ? ForkClock{true, 0} : clock;
+    return !clockOfChild.asks || childMayAsk(clientAPITrace);
 }
 
 void clapiTraceForkParent(void) NOT_ANALYSED("whether there is a traceLock is known at run time")

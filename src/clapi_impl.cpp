@@ -227,12 +227,11 @@ int clapiInit(void)
 /*
  * Every lock that the whole process shares is held across a fork, in the order in which they are
  * taken anywhere, so that the child finds none of them taken by a thread that it does not have, and
- * nothing half changed that they guard. None of the three writes a line or needs memory. The C
- * library may wait for the time zone, so that it is asked before the locks are taken.
+ * nothing half changed that they guard. None of these writes a line or needs memory.
  */
-static void prepareFork(void) NOT_ANALYSED("which locks there are is known at run time")
+static bool takeLocksForFork(const ForkClock& clock)
+    NOT_ANALYSED("which locks there are is known at run time")
 {
-    ForkClock clock = clapiClockForFork();
     clapiTakeForFork(&initGuard);
     if (clapiState != 0) { // the locks exist
         clapiTakeForFork(&gtlLock);
@@ -240,7 +239,7 @@ static void prepareFork(void) NOT_ANALYSED("which locks there are is known at ru
         clapiConnectionsForkPrepare();
         clapiTakeForFork(&correlatorLock);
     }
-    clapiTraceForkPrepare(clock);
+    return clapiTraceForkPrepare(clock);
 }
 
 static void endForkInParent(void) NOT_ANALYSED("which locks there are is known at run time")
@@ -253,6 +252,15 @@ static void endForkInParent(void) NOT_ANALYSED("which locks there are is known a
         clapiGiveUpAfterFork(&gtlLock);
     }
     clapiGiveUp(&initGuard);
+}
+
+/* The C library may wait for the time zone, so that it is asked before the locks are taken. Where
+ * that was too early to see that there will be a trace, it is asked once more, trace or not. */
+static void prepareFork(void)
+{
+    if (takeLocksForFork(clapiClockForFork(clientAPITrace))) return;
+    endForkInParent();
+    takeLocksForFork(clapiClockForFork(TRACE_MAX));
 }
 
 /* The connections are the parent's: the child has none of their threads, and forgets them. */

@@ -189,7 +189,7 @@ TEST(TraceFork, LeavesTheTraceFreeInTheChildWhileAnotherThreadIsInsideALine)
 
 TEST(TraceFork, HasNothingToHoldBeforeTheFirstCall)
 {
-    clapiTraceForkPrepare(clapiClockForFork());
+    EXPECT_TRUE(clapiTraceForkPrepare(clapiClockForFork(TRACE_OFF)));
     clapiTraceForkParent();
     EXPECT_RC(0, clapiInit());
     EXPECT_EQ(0, clapiRequestLock(&traceLock));
@@ -260,6 +260,83 @@ TEST(TraceFork, GivesAChildThatWritesLinesThoughTheTimeZoneWasBeingReadByAnother
     EXPECT_EQ(0, code);
     EXPECT_EQ((std::vector<std::string>{"of the child"}), trace.messages(7));
     EXPECT_EQ(1, trace.timesWrote(3104));
+}
+
+// The trace is being switched on when the fork begins: it looks at local time before its locks, and
+// the level is 0 then.
+TEST(TraceFork, GivesAChildThatWritesLinesThoughTheTraceWasSwitchedOnWhileItWaited)
+{
+    TemporaryDirectory directory;
+    std::string zone = directory.file("zone");
+    TraceFile trace(0);
+    ASSERT_EQ(0, mkfifo(zone.c_str(), 0600));
+    Gate writing;
+    Fault banner = beforeCall(
+        Call::Write, 1, [&](const CallInfo&) { writing.pass(); }, Threads::Others);
+    auto change = callInThread([] { return QPX_setAPITraceLevel(1); });
+    ASSERT_TRUE(writing.awaitArrival()); // it has the locks of the trace, and the level is 0
+
+    Gate reading;
+    auto reader = callInThread([&] {
+        reading.pass();
+        useTimeZone(zone.c_str());
+    });
+    ASSERT_TRUE(reading.awaitArrival());
+    int zoneText = -1;
+    std::function<void()> letItRead = [&] {
+        reading.open();
+        zoneText = open(zone.c_str(), O_WRONLY | O_CLOEXEC); // waits until it is inside
+    };
+    auto lockOfTheTrace = reinterpret_cast<std::uintptr_t>(&traceLock.lock);
+    Gate asking;
+    Fault requested = beforeCall(
+        Call::MutexLock, 0,
+        [&](const CallInfo& info) {
+            if (info.first == lockOfTheTrace) asking.pass();
+        },
+        Threads::Others);
+    auto forked = callInThread([&] {
+        lastBeforeFork = &letItRead;
+        pid_t child = fork();
+        if (child == 0) {
+            alarm(childLimit); // ends a child that hangs
+            TRACE(tpExc(7, "of the child\n"));
+            useBadLock();
+            endChild(0);
+        }
+        return child;
+    });
+    ASSERT_TRUE(asking.awaitArrival()); // everything else is held for the fork
+    asking.open();
+    writing.open();
+    EXPECT_RC(0, change.get());
+    pid_t child = forked.get();
+    ASSERT_GT(child, 0);
+    int status = -1;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    close(zoneText);
+    reader.get();
+    useTimeZone("UTC0");
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ((std::vector<std::string>{"of the child"}), trace.messages(7));
+    EXPECT_EQ(1, trace.timesWrote(3104));
+}
+
+// The level is another while the first call lasts.
+TEST(TraceFork, GivesTheChildOfAProcessWithoutATraceLocalTimeThoughItsFirstCallWasUnderWay)
+{
+    useTimeZone(zoneOfFork);
+    Gate gate;
+    Fault stop = beforeCall(Call::MutexInit, 2, [&](const CallInfo&) { gate.pass(); });
+    auto first = callInThread([] { return clapiInit(); });
+    ASSERT_TRUE(gate.awaitArrival());
+    EXPECT_EQ(TRACE_EXCEPTIONS, clientAPITrace);
+    Fault forkWaits = beforeCall(
+        Call::MutexLock, 1, [&](const CallInfo&) { gate.open(); }, Threads::Calling);
+
+    EXPECT_EQ(0, inChild([] { return stampsInTheZoneOfNow(stampByNow); }));
+    EXPECT_RC(0, first.get());
+    EXPECT_EQ(TRACE_OFF, clientAPITrace);
 }
 
 TEST(TraceFork, GivesAChildThatKeepsTheOffsetFromUtcThatLocalTimeHadThen)

@@ -310,7 +310,8 @@ static size_t pendingSize GUARDED_BY(destinationLock) = 0;
 /* What the destination has not taken and has not been told of yet; more than fits into memory, if
  * nobody reads for long. */
 static uint64_t lostBytes GUARDED_BY(destinationLock) = 0;
-static bool lineIsCut GUARDED_BY(destinationLock) = false;
+/* Whether what it took last was no line end. */
+static bool lineIsOpen GUARDED_BY(destinationLock) = false;
 
 /* How long a destination that is full is waited for, once until it takes something again. */
 constexpr timespec FULL_LIMIT = {1, 0};
@@ -403,6 +404,7 @@ static size_t writeAll(int descriptor, const char* bytes, size_t length) NEEDS_L
         if (!isFull || lostBytes != 0 || waits == MOST_WAITS || !awaitRoom(descriptor)) break;
         waits += 1;
     }
+    if (taken != 0) lineIsOpen = bytes[taken - 1] != '\n';
     return taken;
 }
 
@@ -411,11 +413,9 @@ static bool tellOfLoss(int descriptor) NEEDS_LOCK(destinationLock)
 {
     char text[80];
     int length = snprintf(text, sizeof text, "%s*** %" PRIu64 " bytes of trace lost ***\n",
-                          lineIsCut ? "\n" : "", lostBytes);
+                          lineIsOpen ? "\n" : "", lostBytes);
     size_t size = static_cast<size_t>(length);
-    size_t taken = writeAll(descriptor, text, size);
-    if (taken != 0) lineIsCut = taken != size;
-    if (taken != size) return false;
+    if (writeAll(descriptor, text, size) != size) return false;
     lostBytes = 0;
     return true;
 }
@@ -435,9 +435,7 @@ void Output::write(const char* bytes, size_t length)
         lostBytes += length;
         return;
     }
-    size_t taken = writeAll(descriptor, bytes, length);
-    lostBytes = length - taken;
-    lineIsCut = lostBytes != 0 && taken != 0 && bytes[taken - 1] != '\n';
+    lostBytes = length - writeAll(descriptor, bytes, length);
 }
 
 void Output::putOut()
@@ -471,10 +469,12 @@ void Output::putText(const char* text)
  * many have, and all of it counts as lost. */
 void Output::printInPieces(const char* format, va_list args, size_t length)
 {
-    bool takesBytes = lostBytes == 0;
-    if (takesBytes && vfprintf(file, format, args) >= 0 && fflush_unlocked(file) == 0) return;
+    if (lostBytes == 0) {
+        bool hasLeft = vfprintf(file, format, args) >= 0 && fflush_unlocked(file) == 0;
+        lineIsOpen = !hasLeft || format[strlen(format) - 1] != '\n';
+        if (hasLeft) return;
+    }
     lostBytes += length;
-    if (takesBytes) lineIsCut = true;
 }
 
 /* Prints what is too long to wait for the rest. */
@@ -603,7 +603,7 @@ static FILE* replaceDestination(FILE* file, const char* name) NEEDS_LOCK(traceLo
     setFilename(name);
     traceHeaderWrite = 0;
     lostBytes = 0;
-    lineIsCut = false;
+    lineIsOpen = false;
     return before != stderr ? before : nullptr;
 }
 

@@ -517,6 +517,61 @@ TEST_F(Output, BeginsALineOfItsOwnBehindOneThatWasCut)
     EXPECT_EQ(1, wholeLines(text.substr(next + 1), 3104, badLockText, ""));
 }
 
+TEST_F(Output, TellsOfALossOnALineOfItsOwnBehindTheBeginningOfAVeryLongLine)
+{
+    traceTo(first_, 1);
+    std::string name(200000, 'n');
+    {
+        Fault full = failCallsFrom(Call::Write, 2, ENOSPC); // the beginning of the line has left
+        TRACE(tpExc(7, "name=%s\n"), name.c_str());
+        EXPECT_EQ(1, full.hits());
+    }
+    useBadLock();
+    EXPECT_TRUE(contains(readFile(first_), "*EXC*  \n*** 200006 bytes of trace lost ***\n"));
+}
+
+TEST_F(Output, TellsOfALossOnALineOfItsOwnBehindAMessageWithoutALineEnd)
+{
+    traceTo(first_, 1);
+    TRACE(tpExc(7, "no end"));
+    {
+        Fault full = failEveryCall(Call::Write, ENOSPC);
+        useBadLock();
+    }
+    useBadLock();
+    EXPECT_TRUE(contains(readFile(first_), "no end\n*** <int> bytes of trace lost ***\n"));
+}
+
+TEST_F(Output, LeavesNoEmptyLineBehindAVeryLongLineForWhichThereWasNoMemory)
+{
+    traceTo(first_, 1);
+    std::string name(200000, 'n');
+    {
+        Fault memory = failEveryCall(Call::Malloc, ENOMEM);
+        TRACE(tpExc(7, "name=%s\n"), name.c_str());
+    }
+    {
+        Fault full = failEveryCall(Call::Write, ENOSPC);
+        useBadLock();
+    }
+    useBadLock();
+    EXPECT_TRUE(contains(readFile(first_), "n\n*** <int> bytes of trace lost ***\n"));
+}
+
+TEST_F(Output, EndsALineThatWasCutOnceThoughTheNoteOfTheLossIsCutBehindTheLineEnd)
+{
+    traceTo(first_, 1);
+    std::size_t start = readFile(first_).size();
+    for (std::size_t taken : {5, 1}) {
+        Fault part = limitLength(Call::Write, taken, 1);
+        Fault full = failCallsFrom(Call::Write, 2, ENOSPC);
+        useBadLock();
+    }
+    useBadLock();
+    std::string text = readFile(first_).substr(start);
+    EXPECT_EQ(5u, text.find("\n*** "));
+}
+
 TEST_F(Output, DoesNotSpinOnADestinationThatOthersFillAgainAndAgain)
 {
     traceTo(first_, 1);

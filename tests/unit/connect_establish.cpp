@@ -228,6 +228,18 @@ TEST_F(ConnectEstablish, FailsWhenNoDelayIsRefused)
     EXPECT_EQ(before, support::openDescriptors() - 1); // one more: the trace file
 }
 
+// Another thread may execute a program at any moment.
+TEST_F(ConnectEstablish, MakesASocketThatIsClosedOnExecFromItsCreationOn)
+{
+    int flags = 0;
+    Fault made = afterCall(Call::Socket, 1, [&](const CallInfo& info) {
+        flags = fcntl(static_cast<int>(info.result), F_GETFD);
+    });
+    ScriptedConnection connection(30);
+
+    EXPECT_EQ(FD_CLOEXEC, flags);
+}
+
 TEST_F(ConnectEstablish, LeavesTheSocketBlockingAllTheTimeWithoutATimeOut)
 {
     ScriptedConnection connection(0);

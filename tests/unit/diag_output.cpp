@@ -653,6 +653,17 @@ TEST_F(Output, GoesToAFileThatIsClosedOnExec)
     EXPECT_FALSE(contains(listed, first_));
 }
 
+// Another thread may execute a program at any moment.
+TEST_F(Output, GoesToAFileThatIsClosedOnExecFromItsOpeningOn)
+{
+    int flags = 0;
+    Fault opened = afterCall(Call::Fopen, 1, [&](const CallInfo& info) {
+        flags = fcntl(fileno(reinterpret_cast<FILE*>(info.result)), F_GETFD);
+    });
+    traceTo(first_, 1);
+    EXPECT_EQ(FD_CLOEXEC, flags);
+}
+
 namespace {
 
 // While it lives one of the standard descriptors is closed.

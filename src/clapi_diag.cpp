@@ -321,11 +321,36 @@ constexpr timespec FULL_LIMIT = {1, 0};
 static_assert(FULL_LIMIT.tv_nsec == 0 && FULL_LIMIT.tv_sec <= INT32_MAX,
               "a limit of whole seconds that 32 bits hold");
 
+/* How often a stream that another thread has is looked at, a millisecond each, once until it is
+ * free again. The application may have it for lines of its own, or in a call that wants a lock of
+ * the thread that writes here. */
+constexpr int MOST_MOMENTS = 100;
+
+/* Whether it was in vain, since when no line has found the stream free. */
+static bool streamIsKept GUARDED_BY(destinationLock) = false;
+
 /* How often it is waited for in a row, if others fill it as soon as there is room. */
 constexpr int MOST_WAITS = 100;
 
 /* Room for any line of a dump of the library. */
 constexpr size_t DUMP_LINE_ROOM = 512;
+
+/* Takes the stream's own lock, unless another thread keeps it. */
+static bool takeStream(FILE* file) NEEDS_LOCK(destinationLock)
+{
+    if (fileno_unlocked(file) < 0) { // nothing can be written past it
+        flockfile(file);
+        return true;
+    }
+    int moments = streamIsKept ? 0 : MOST_MOMENTS;
+    bool isTaken = ftrylockfile(file) == 0;
+    for (; !isTaken && moments > 0; --moments) {
+        poll(nullptr, 0, 1);
+        isTaken = ftrylockfile(file) == 0;
+    }
+    streamIsKept = !isTaken;
+    return isTaken;
+}
 
 namespace {
 
@@ -339,19 +364,20 @@ public:
 
 /*
  * What is written to the destination without anything else in between, neither of the library nor
- * of others in this process that write to the same stream. Locks: destinationLock held.
+ * of others in this process that write to the same stream, unless one of them keeps it: then it
+ * goes past the stream. Locks: destinationLock held.
  */
 class Output {
 public:
     Output() NEEDS_LOCK(destinationLock)
-        : file(clientAPITraceHandle != nullptr ? clientAPITraceHandle : stderr)
+        : file(clientAPITraceHandle != nullptr ? clientAPITraceHandle : stderr),
+          hasStream(takeStream(file))
     {
-        flockfile(file);
     }
     ~Output() NEEDS_LOCK(destinationLock)
     {
         putOut();
-        funlockfile(file);
+        if (hasStream) funlockfile(file);
     }
     Output(const Output&) = delete;
     Output& operator=(const Output&) = delete;
@@ -372,6 +398,7 @@ private:
     void write(const char* bytes, size_t length) NEEDS_LOCK(destinationLock);
 
     FILE* file;
+    bool hasStream;
 };
 
 } // namespace
@@ -423,9 +450,9 @@ static bool tellOfLoss(int descriptor) NEEDS_LOCK(destinationLock)
 void Output::write(const char* bytes, size_t length)
 {
     // What others have left in the stream's buffer comes first.
-    fflush_unlocked(file);
+    if (hasStream) fflush_unlocked(file);
     int descriptor = fileno_unlocked(file);
-    if (descriptor < 0) {
+    if (descriptor < 0 && hasStream) {
         // A stream of the application's making, with nothing but memory behind it.
         fwrite_unlocked(bytes, 1, length, file);
         fflush_unlocked(file);
@@ -465,12 +492,13 @@ void Output::putText(const char* text)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 
-/* Without memory it leaves in the stream's own pieces. If one of them does not, nobody knows how
+/* Without memory it leaves in the C library's own pieces. If one of them does not, nobody knows how
  * many have, and all of it counts as lost. */
 void Output::printInPieces(const char* format, va_list args, size_t length)
 {
     if (lostBytes == 0) {
-        bool hasLeft = vfprintf(file, format, args) >= 0 && fflush_unlocked(file) == 0;
+        bool hasLeft = hasStream ? vfprintf(file, format, args) >= 0 && fflush_unlocked(file) == 0
+                                 : vdprintf(fileno_unlocked(file), format, args) >= 0;
         lineIsOpen = !hasLeft || format[strlen(format) - 1] != '\n';
         if (hasLeft) return;
     }
@@ -604,6 +632,7 @@ static FILE* replaceDestination(FILE* file, const char* name) NEEDS_LOCK(traceLo
     traceHeaderWrite = 0;
     lostBytes = 0;
     lineIsOpen = false;
+    streamIsKept = false;
     return before != stderr ? before : nullptr;
 }
 

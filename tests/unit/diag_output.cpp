@@ -379,6 +379,122 @@ TEST_F(Output, ComesBehindWhatTheApplicationHasLeftInTheBufferOfStandardError)
         contains(text, "before\n<any>[3104] *EXC*  " + std::string(badLockText) + "\nbehind\n"));
 }
 
+// ---- The lock of the stream --------------------------------------------------------------------
+
+TEST_F(Output, GoesPastAStreamWhoseHolderWaitsForTheTrace)
+{
+    CapturedStderr output;
+    ASSERT_RC(0, QPX_setAPITraceLevel(3));
+    Gate holding;
+    auto holder = callInThread([&] {
+        flockfile(stderr);
+        holding.pass();
+        TRACE(tpExc(6, "of the holder\n"));
+        funlockfile(stderr);
+    });
+    ASSERT_TRUE(holding.awaitArrival());
+    Gate inLine;
+    Fault second = beforeCall(
+        Call::MutexLock, 2, [&](const CallInfo&) { inLine.pass(); }, Threads::Others);
+    auto line = callInThread([] { TRACE(tpExc(7, "of another\n")); });
+    ASSERT_TRUE(inLine.awaitArrival()); // it has traceLock, and comes to the stream next
+
+    auto lockOfTheTrace = reinterpret_cast<std::uintptr_t>(&traceLock.lock);
+    Gate asking;
+    Fault requested = beforeCall(
+        Call::MutexLock, 0,
+        [&](const CallInfo& info) {
+            if (info.first == lockOfTheTrace) asking.pass();
+        },
+        Threads::Others);
+    holding.open();
+    ASSERT_TRUE(asking.awaitArrival());
+    asking.open();
+    inLine.open();
+    line.get();
+    holder.get();
+    std::string text = output.text();
+    EXPECT_EQ(1, wholeLines(text, 6, "of the holder", ""));
+    EXPECT_EQ(1, wholeLines(text, 7, "of another", ""));
+}
+
+namespace {
+
+// Another thread that has a stream for itself, from the construction until letGo().
+class HeldStream {
+public:
+    explicit HeldStream(FILE* stream)
+        : holder_(callInThread([stream, gate = gate_]() mutable {
+              flockfile(stream);
+              std::fputs("half a line ", stream);
+              gate.pass();
+              std::fputs("of the application\n", stream);
+              funlockfile(stream);
+          }))
+    {
+        EXPECT_TRUE(gate_.awaitArrival());
+    }
+    ~HeldStream() { gate_.open(); }
+
+    void letGo()
+    {
+        gate_.open();
+        holder_.get();
+    }
+
+private:
+    Gate gate_;
+    RunningCall<void> holder_;
+};
+
+} // namespace
+
+TEST_F(Output, WaitsAMomentForAStreamThatAnotherThreadHolds)
+{
+    traceTo(first_, 1);
+    HeldStream held(clientAPITraceHandle);
+    Fault moment = beforeCall(Call::Poll, 1, [&](const CallInfo&) { held.letGo(); });
+    useBadLock();
+    EXPECT_TRUE(contains(readFile(first_), "\nhalf a line of the application\n<any>[3104] *EXC*  " +
+                                               std::string(badLockText) + "\n"));
+}
+
+TEST_F(Output, WaitsForAStreamThatAnotherThreadKeepsOnceUntilItIsFree)
+{
+    traceTo(first_, 1);
+    Fault moments = fakeCall(Call::Poll, 0, 0);
+    int waited = 0;
+    {
+        HeldStream held(clientAPITraceHandle);
+        useBadLock();
+        waited = moments.hits();
+        EXPECT_GT(waited, 0);
+        useBadLock();
+        EXPECT_EQ(waited, moments.hits());
+        EXPECT_EQ(2, wholeLines(readFile(first_), 3104, badLockText, ""));
+        held.letGo();
+    }
+    useBadLock();
+    EXPECT_EQ(waited, moments.hits());
+    HeldStream held(clientAPITraceHandle);
+    useBadLock();
+    EXPECT_EQ(2 * waited, moments.hits());
+}
+
+TEST_F(Output, OfAVeryLongLineIsWholePastAHeldStreamWithoutMemory)
+{
+    traceTo(first_, 1);
+    Fault moments = fakeCall(Call::Poll, 0, 0);
+    std::string name(200000, 'n');
+    HeldStream held(clientAPITraceHandle);
+    {
+        Fault memory = failEveryCall(Call::Malloc, ENOMEM, Threads::Calling);
+        TRACE(tpExc(7, "name=%s\n"), name.c_str());
+        EXPECT_EQ(1, memory.hits());
+    }
+    EXPECT_EQ(1, wholeLines(readFile(first_), 7, "name=" + name, ""));
+}
+
 // ---- Writes that fail --------------------------------------------------------------------------
 
 TEST_F(Output, GoesOnWhereAShortWriteHasEnded)

@@ -59,6 +59,8 @@ typedef struct _SocketBuffer {
     int maskLost;       // a secret field is staged that could not be recorded in maskArea
     size_t sentCount;   // writing: bytes of the flow that have left
     ReadAhead* ahead;   // reading: what the bytes come from; null: from the socket. Not owned
+    char* pages; // reading: those of the storage that still hold something, and are given back as
+                 // they are read; null: all of it stays
 } SocketBuffer;
 
 /* Bind the record to a socket for a message of dataLen bytes: 0 or QPX_ERR_MALLOCFAIL. */

@@ -144,8 +144,9 @@ int clapiReadECIResponse(SocketBuffer* sockBuffer, ECIRequest* request);
 
 /*
  * Applies a channel section that clapiReadECIResponse has put aside. *broken tells whether it ended
- * before its last field. 0, or the failure of a channel update. Thread: any, while the channel is
- * held and nobody else uses it.
+ * before its last field. 0, or the failure of a channel update. The bytes of a large section are
+ * given back as they are applied: what it holds afterwards is to be freed, and not read. Thread:
+ * any, while the channel is held and nobody else uses it.
  */
 int clapiApplyChannelSection(const ArrivingBytes* section, ECI_Channel_t* channel, bool* broken);
 

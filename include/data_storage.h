@@ -20,6 +20,11 @@ char* clapiAllocateData(size_t length);
 /* Overwrites data of that length and frees it; null is nothing. */
 void clapiFreeData(char* data, size_t length);
 
+/* Gives back what the data from pages to end holds, as far as that makes up OWN_PAGES_FROM or a
+ * multiple, and returns where the rest begins. What has no pages of its own is never so long. The
+ * data is freed as before. */
+char* clapiGiveBackPages(char* pages, const char* end);
+
 /*
  * Bytes on their way in. The room for them grows with them: it is never more than OWN_PAGES_FROM
  * or twice what has come, nor more than what is announced. When all that is announced is there,

@@ -711,9 +711,12 @@ static int takeBuffered(SocketBuffer* sockBuffer, ArrivingBytes* bytes, size_t d
     while (bytes->length < dataLen && sockBuffer->count > 0) {
         if (!clapiProvideRoom(bytes, dataLen)) return QPX_ERR_MALLOCFAIL;
         size_t room = std::min(dataLen, bytes->capacity) - bytes->length;
-        size_t step = std::min(room, sockBuffer->count);
+        size_t step = std::min({room, sockBuffer->count, OWN_PAGES_FROM});
         take(sockBuffer, bytes->data + bytes->length, step);
         bytes->length += step;
+        // So that data is not there twice for longer than a step.
+        if (sockBuffer->pages != nullptr)
+            sockBuffer->pages = clapiGiveBackPages(sockBuffer->pages, sockBuffer->ptr);
     }
     return QPX_OK;
 }

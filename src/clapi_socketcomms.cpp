@@ -823,6 +823,7 @@ int clapiApplyChannelSection(const ArrivingBytes* section, ECI_Channel_t* channe
     sockBuffer.bufferSize = section->length;
     sockBuffer.ptr = section->data;
     sockBuffer.count = section->length;
+    sockBuffer.pages = section->data;
     int rc = readChannel(&sockBuffer, channel);
     *broken = sockBuffer.socketErr != 0;
     return rc;

@@ -42,6 +42,17 @@ void clapiFreeData(char* data, size_t length)
     free(data);
 }
 
+/* Pages that stay, for they are locked into memory, go when the data is freed. */
+char* clapiGiveBackPages(char* pages, const char* end)
+{
+    constexpr ptrdiff_t step = OWN_PAGES_FROM;
+    while (end - pages >= step) {
+        madvise(pages, OWN_PAGES_FROM, MADV_DONTNEED);
+        pages += step;
+    }
+    return pages;
+}
+
 /* More room for data that has pages of its own, or null. */
 static char* growPages(char* data, size_t length, size_t newLength)
 {

@@ -1,7 +1,9 @@
 // Data of a channel's reply takes memory as it arrives, and not as it is announced; what has not
 // arrived whole is not in the channel.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -372,5 +374,145 @@ TEST_F(ArrivingData, InPlaceOfAsMuchTakesLittleMoreThanIsThere)
 }
 
 #endif
+
+// ---- Ahead of its own request ----
+
+struct Change {
+    int code;
+    std::string name;
+    std::size_t length;
+};
+
+// A reply that comes while its request is being sent: the peer reads on once the reply has been put
+// aside.
+class OvertakingData : public ArrivingData {
+protected:
+    OvertakingData()
+    {
+        int room = 65536;
+        setsockopt(connection.peer.fd(), SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+        channel.with("LARGE", std::string(large, 'L'));
+    }
+
+    // Of the request only the header is read.
+    RunningCall<int> startStuck(EciParms& parms)
+    {
+        auto running = startChannelCall(connection, parms);
+        Bytes head = connection.peer.read(32);
+        messageId = support::int32At(head, 12);
+        unread = static_cast<std::size_t>(support::int32At(head, 28));
+        return running;
+    }
+
+    void sendReply(const std::vector<Change>& changes)
+    {
+        Bytes body = support::replyBody(
+            channelSection("CHANNEL", 819, static_cast<int>(changes.size()), Bytes()));
+        std::size_t length = body.size();
+        for (const Change& one : changes) length += headOf(one).size() + one.length;
+        connection.peer.send(header(replyType, messageId, 0, 3, "ECI", int(length)) + body);
+        for (const Change& one : changes) {
+            connection.peer.send(headOf(one));
+            sendPattern(one.length);
+        }
+    }
+
+    void readOn()
+    {
+        constexpr std::size_t piece = 65536;
+        for (; unread > piece; unread -= piece) connection.peer.read(piece);
+        connection.peer.read(unread);
+    }
+
+    static Bytes headOf(const Change& change)
+    {
+        return support::changeOf(change.name, change.code, 1, 0, int(change.length));
+    }
+
+    // More than the buffers of a connection hold: while the peer does not read, its sender waits.
+    static constexpr std::size_t large = 20 * million;
+
+    EciParms other = support::syncCall("OTHER", filled(5, '?'));
+    std::size_t unread = 0;
+};
+
+std::vector<Change> manyChanges()
+{
+    std::vector<Change> changes;
+    for (int number = 0; number < 1000; ++number)
+        changes.push_back({changeAdded, "NEW" + std::to_string(number), 100'000});
+    return changes;
+}
+
+struct Reply {
+    std::string name;
+    std::vector<Change> changes;
+};
+
+const std::vector<Reply>& replies()
+{
+    static const std::vector<Reply> all = {
+        {"OneAdded", {{changeAdded, "NEW", 100 * million}}},
+        {"OneModified", {{changeModified, "A", 100 * million}}},
+        {"Several",
+         {{changeAdded, "NEW", 30 * million},
+          {changeModified, "A", 20 * million + 1},
+          {changeAdded, "NEWER", million - 1},
+          {changeModified, "LARGE", 20 * million}, // as long as before
+          {changeModified, "B", 30 * million}}},
+        {"Many", manyChanges()}};
+    return all;
+}
+
+class OvertakingChanges : public OvertakingData, public ::testing::WithParamInterface<int> {
+protected:
+    void expectWholeWithLittleMemory(EciParms& parms)
+    {
+        auto otherCall = connection.start(other);
+        int otherId = connection.awaitRequest().messageId();
+        auto running = startStuck(parms);
+        pattern();
+        Peak peak;
+        sendReply(changes);
+        connection.peer.send(eciReply(otherId, text("other")));
+        EXPECT_RC(0, otherCall.get()); // what came before has been put aside
+        EXPECT_FALSE(running.hasEnded());
+        readOn();
+        EXPECT_RC(0, running.get());
+#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
+        std::size_t payload = 0;
+        for (const Change& one : changes) payload += one.length;
+        EXPECT_GT(payload + 4 * million, peak.resident());
+#endif
+    }
+
+    void expectExact()
+    {
+        for (const Change& one : changes)
+            EXPECT_TRUE(holdsPattern(one.name, one.length)) << one.name;
+    }
+
+    const std::vector<Change>& changes = replies()[static_cast<std::size_t>(GetParam())].changes;
+};
+
+INSTANTIATE_TEST_SUITE_P(, OvertakingChanges, ::testing::Range(0, 4), [](const auto& one) {
+    return replies()[static_cast<std::size_t>(one.param)].name;
+});
+
+TEST_P(OvertakingChanges, AreExactAndTakeLittleMoreThanTheirData)
+{
+    expectWholeWithLittleMemory(sync);
+    expectExact();
+    expectStillServing(connection);
+}
+
+TEST_P(OvertakingChanges, AreExactAndTakeLittleMoreThanTheirDataForAnAsynchronousCall)
+{
+    expectWholeWithLittleMemory(async);
+    EciParms parms = getReplyWait(0);
+    EXPECT_RC(0, executeChannel(connection, parms));
+    expectExact();
+    expectStillServing(connection);
+}
 
 } // namespace

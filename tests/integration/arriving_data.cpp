@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <fstream>
 #include <string>
@@ -424,6 +425,15 @@ protected:
         connection.peer.read(unread);
     }
 
+    // The same, as long as there is a connection.
+    void readOnToTheEnd()
+    {
+        std::vector<unsigned char> piece(65536);
+        ssize_t got = 1;
+        while (got > 0 || (got < 0 && errno == EINTR))
+            got = recv(connection.peer.fd(), piece.data(), piece.size(), 0);
+    }
+
     static Bytes headOf(const Change& change)
     {
         return support::changeOf(change.name, change.code, 1, 0, int(change.length));
@@ -435,6 +445,27 @@ protected:
     EciParms other = support::syncCall("OTHER", filled(5, '?'));
     std::size_t unread = 0;
 };
+
+class OvertakingDataCutOff : public OvertakingData,
+                             public ::testing::WithParamInterface<std::size_t> {};
+
+INSTANTIATE_TEST_SUITE_P(, OvertakingDataCutOff, ::testing::Values(100'000'000U, 2'000'000'000U),
+                         [](const auto& one) { return std::to_string(one.param) + "Bytes"; });
+
+TEST_P(OvertakingDataCutOff, TakesMemoryForWhatHasArrivedOnly)
+{
+    auto running = startStuck(sync);
+    Peak peak;
+    connection.peer.send(announcing(changeAdded, "NEW", GetParam()) + filled(arrived, 'n'));
+    connection.peer.shutdownWriting();
+    readOnToTheEnd();
+    EXPECT_RC(-102, running.get());
+    EXPECT_EQ((Names{"LARGE:20000000", "A:2", "B:2"}), names());
+    EXPECT_GT(million, peak.resident());
+#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
+    EXPECT_GT(64 * million, peak.addressSpace()); // with the stack of the calling thread
+#endif
+}
 
 std::vector<Change> manyChanges()
 {

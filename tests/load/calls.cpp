@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "data_storage.h"
 #include "qpxclient.h"
 #include "qpxclient_eci.h"
 #include "qpxclient_esi.h"
@@ -16,10 +17,13 @@ using support::EciParms;
 using support::rcName;
 using support::text;
 
+static_assert(bulkLength > OWN_PAGES_FROM);
+
 static int codeOf(Program program)
 {
     switch (program) {
-    case Program::Plain: return 0;
+    case Program::Plain:
+    case Program::Large: return 0;
     case Program::Abends: return ECI_ERR_TRANSACTION_ABEND;
     case Program::Refused: return QPX_ERR_WORK_WAS_REFUSED;
     case Program::Throws: return QPX_ERR_GATEWAY_EXCEPTION;
@@ -161,6 +165,23 @@ std::string Calls::contentsOf(ECI_ChannelToken_t channel, const char* container)
     return std::string(data, length);
 }
 
+void Calls::expectAnswer(const ConnectionPtr& connection, Program program, int number,
+                         ECI_ChannelToken_t channel)
+{
+    expectText(expectedAnswer(connection, number), contentsOf(channel, "OUT"));
+    if (program == Program::Large) expectBulk(channel);
+}
+
+void Calls::expectBulk(ECI_ChannelToken_t channel)
+{
+    char last = 0;
+    std::size_t length = 0;
+    int rc = ECI_getContainerData(channel, bulkName, &last, 1, bulkLength - 1, &length);
+    if (rc != ECI_NO_ERROR || length != 1 || last != 'b')
+        problem("brought no large container: " + rcName(rc));
+    shared_.did(Did::Bulk);
+}
+
 void Calls::callWithChannel(const ConnectionPtr& connection, Program program)
 {
     int number = shared_.nextCall++;
@@ -168,8 +189,7 @@ void Calls::callWithChannel(const ConnectionPtr& connection, Program program)
     EciParms parms = support::syncCall(nameOf(program));
     parms.record.channel = channelWith(questionOf(number));
     int rc = executeChannel(connection, parms, {codeOf(program)});
-    if (rc == 0)
-        expectText(expectedAnswer(connection, number), contentsOf(parms.record.channel, "OUT"));
+    if (rc == 0) expectAnswer(connection, program, number, parms.record.channel);
     expectText(questionOf(number), contentsOf(parms.record.channel, "IN"));
     ECI_ChannelToken_t channel = parms.record.channel;
     shared_.deleteChannel(number_, connection->number, channel);
@@ -365,7 +385,7 @@ void Calls::checkReply(const ConnectionPtr& connection, EciParms& parms, int rc)
         return;
     }
     if (parms.record.channel != pending.channel) problem("brought another call's channel");
-    if (rc == 0) expectText(expectedAnswer(connection, number), contentsOf(pending.channel, "OUT"));
+    if (rc == 0) expectAnswer(connection, pending.program, number, pending.channel);
     shared_.deleteChannel(number_, connection->number, pending.channel);
 }
 

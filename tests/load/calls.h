@@ -76,6 +76,9 @@ private:
                        std::initializer_list<int> due);
     ECI_ChannelToken_t channelWith(const std::string& question);
     std::string contentsOf(ECI_ChannelToken_t channel, const char* container);
+    void expectAnswer(const ConnectionPtr& connection, Program program, int number,
+                      ECI_ChannelToken_t channel);
+    void expectBulk(ECI_ChannelToken_t channel);
     static void remember(const ConnectionPtr& connection, int number, const Pending& pending);
     static bool forget(const ConnectionPtr& connection, int number, Pending* pending);
     static const char* nameOfCollecting(int callType);

@@ -8,6 +8,7 @@
 #ifndef LOAD_CONNECTION_PLAN_H
 #define LOAD_CONNECTION_PLAN_H
 
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -48,10 +49,11 @@ struct ConnectionPlan {
 
 constexpr int refusalOfGreeting = 61445;
 
-enum class Program { Plain, Abends, Refused, Throws, Drops, Resets, Goodbye };
+// A large program adds a container of much data to a channel.
+enum class Program { Plain, Large, Abends, Refused, Throws, Drops, Resets, Goodbye };
 
-constexpr const char* programNames[] = {"PLAIN", "ABENDS", "REFUSED", "THROWS",
-                                        "DROPS", "RESETS", "GOODBYE"};
+constexpr const char* programNames[] = {"PLAIN",  "LARGE", "ABENDS", "REFUSED",
+                                        "THROWS", "DROPS", "RESETS", "GOODBYE"};
 
 inline const char* nameOf(Program program)
 {
@@ -80,6 +82,10 @@ inline std::string answerTo(const std::string& question, int connection)
 {
     return eightDigits(connection) + " has got " + question;
 }
+
+// What a large program adds: more than comes into one mapping without that being grown.
+constexpr const char* bulkName = "BULK";
+constexpr std::size_t bulkLength = 1'200'000;
 
 constexpr const char* abendCode = "ALOD";
 constexpr const char* wrongPassword = "WRONG";

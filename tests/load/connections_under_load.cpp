@@ -71,6 +71,7 @@ TEST(ConnectionsUnderLoad, AnswerAsTheyShouldAndLeaveNothingBehind)
     int threadsBefore = threadsOfTheProcess();
     int descriptorsBefore = support::openDescriptors();
     long blocksBefore = 0;
+    long mappedBefore = 0;
 
     load::Watch watch(seed, threads + 1);
     {
@@ -78,6 +79,7 @@ TEST(ConnectionsUnderLoad, AnswerAsTheyShouldAndLeaveNothingBehind)
         load::Load load(seed, threads, peers.port(), watch);
         load.warmUp();
         blocksBefore = load::liveBlocks();
+        mappedBefore = load::mappedBytes();
 
         load.run(length, show);
         load.settle();
@@ -92,7 +94,9 @@ TEST(ConnectionsUnderLoad, AnswerAsTheyShouldAndLeaveNothingBehind)
     EXPECT_EQ(threadsBefore + 1, threadsAfter) << "threads; seed " << seed;
     EXPECT_EQ(descriptorsBefore, support::openDescriptors()) << "descriptors; seed " << seed;
     EXPECT_EQ(blocksBefore, load::liveBlocks()) << "blocks of memory; seed " << seed;
-    std::printf("%d threads, %d descriptors, %ld blocks of memory; %d, %d, %ld before\n",
-                threadsAfter - 1, support::openDescriptors(), load::liveBlocks(), threadsBefore,
-                descriptorsBefore, blocksBefore);
+    EXPECT_EQ(mappedBefore, load::mappedBytes()) << "mapped bytes; seed " << seed;
+    std::printf("%d threads, %d descriptors, %ld blocks of memory, %ld bytes mapped; %d, %d, %ld, "
+                "%ld before\n",
+                threadsAfter - 1, support::openDescriptors(), load::liveBlocks(),
+                load::mappedBytes(), threadsBefore, descriptorsBefore, blocksBefore, mappedBefore);
 }

@@ -123,7 +123,8 @@ private:
     Program anyProgram()
     {
         unsigned choice = choose(100);
-        if (choice < 80) return Program::Plain;
+        if (choice < 77) return Program::Plain;
+        if (choice < 80) return Program::Large;
         if (choice < 87) return Program::Abends;
         if (choice < 93) return Program::Refused;
         if (choice < 97) return Program::Throws;

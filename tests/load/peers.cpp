@@ -58,6 +58,7 @@ struct Session {
     int connection = 0;
     int units = 0;
     std::vector<Act> acts;
+    standin::Bytes unsent; // of an act that has begun; others wait
 };
 
 standin::Bytes wireBytes(const std::string& characters)
@@ -138,7 +139,8 @@ private:
             std::vector<pollfd> waits{{listener_, POLLIN, 0}};
             if (!stopping_) waits.push_back({wakeUp_, POLLIN, 0});
             std::size_t first = waits.size();
-            for (Session& session : sessions_) waits.push_back({session.descriptor, POLLIN, 0});
+            for (Session& session : sessions_)
+                waits.push_back({session.descriptor, eventsOf(session), 0});
             if (poll(waits.data(), waits.size(), untilNextAct()) < 0 && errno != EINTR)
                 note(std::string("poll: ") + std::strerror(errno));
 
@@ -155,12 +157,19 @@ private:
         }
     }
 
+    static short eventsOf(const Session& session)
+    {
+        return static_cast<short>(session.unsent.empty() ? POLLIN : POLLIN | POLLOUT);
+    }
+
     // In milliseconds, as poll wants it.
     int untilNextAct() const
     {
         Clock::time_point next = Clock::now() + std::chrono::seconds(1);
-        for (const Session& session : sessions_)
+        for (const Session& session : sessions_) {
+            if (!session.unsent.empty()) continue;
             for (const Act& act : session.acts) next = std::min(next, act.due);
+        }
         auto wait = std::chrono::duration_cast<milliseconds>(next - Clock::now());
         return std::max(0, static_cast<int>(wait.count()) + 1);
     }
@@ -380,6 +389,12 @@ private:
             answerTo(in != nullptr ? characters(in->data) : "nothing", session.connection));
         changes.put(out);
         standin::EciReply reply = standin::EciReply::to(request);
+        if (programOf(request.program) == Program::Large) {
+            standin::Container bulk;
+            bulk.name = bulkName;
+            bulk.data.assign(bulkLength, 'b');
+            changes.put(bulk);
+        }
         reply.channel = changes.records();
         return reply;
     }
@@ -398,26 +413,39 @@ private:
 
     void actWhereDue(Session& session)
     {
+        if (session.over) return;
         Clock::time_point now = Clock::now();
-        for (std::size_t next = 0; next < session.acts.size() && !session.over;) {
+        sendOn(session);
+        for (std::size_t next = 0;
+             next < session.acts.size() && session.unsent.empty() && !session.over;) {
             if (session.acts[next].due > now) {
                 next += 1;
                 continue;
             }
             Act act = std::move(session.acts[next]);
             session.acts.erase(session.acts.begin() + static_cast<std::ptrdiff_t>(next));
-            write(session, act.bytes);
-            if (act.ending != Ending::None) end(session, act.ending);
+            session.unsent = std::move(act.bytes);
+            sendOn(session);
+            if (act.ending == Ending::None) continue;
+            if (session.unsent.empty())
+                end(session, act.ending);
+            else
+                session.acts.insert(session.acts.begin(), Act{act.due, {}, act.ending});
         }
     }
 
-    void write(Session& session, const standin::Bytes& bytes)
+    // As much as there is room for on the way to the client, which may have gone. One that stays
+    // and reads nothing does not end either, which is noted then.
+    void sendOn(Session& session)
     {
-        if (bytes.empty()) return;
-        ssize_t sent = ::send(session.descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        // The client may have gone; that it stays and reads nothing is the load's failure.
-        if (sent < 0 && (errno == EPIPE || errno == ECONNRESET)) return;
-        if (sent != static_cast<ssize_t>(bytes.size())) noteOf(session, "does not read");
+        if (session.unsent.empty()) return;
+        ssize_t sent = ::send(session.descriptor, session.unsent.data(), session.unsent.size(),
+                              MSG_NOSIGNAL);
+        if (sent < 0 && (errno == EAGAIN || errno == EINTR)) return;
+        if (sent < 0 && errno != EPIPE && errno != ECONNRESET)
+            noteOf(session, std::strerror(errno));
+        auto gone = sent < 0 ? session.unsent.end() : session.unsent.begin() + sent;
+        session.unsent.erase(session.unsent.begin(), gone);
     }
 
     static void end(Session& session, Ending ending)

@@ -154,7 +154,7 @@ QPX_API int QPX_openRemoteGatewayConnectionApplid(char* hostname, int port,
  *
  * After QPX_ERR_LOSTGWCON, QPX_ERR_MALLOCFAIL or QPX_ERR_SYSTEM_ERROR the connection is at its end
  * too, but its memory stays, and only QPX_closeAllGatewayConnections frees it. If the close flow
- * could not be made at all, the call still waits until the Gateway ends the connection.
+ * could not be sent, the library has ended the connection by itself.
  *
  * Errors: QPX_ERR_NULLGWTOKPTR, QPX_ERR_NULLGWTOK, QPX_ERR_BADGWTOK, QPX_ERR_GWTOK_CLOSED,
  * QPX_ERR_LOSTGWCON (the connection broke while it was closed), QPX_ERR_MALLOCFAIL,

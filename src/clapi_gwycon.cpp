@@ -1053,7 +1053,8 @@ int clapiConnectToGateway(int port, char* hostname, _QPX_ConnToken_t* gwTokPtr, 
 
 /* ---- The close flow ---- */
 
-static int sendCloseFlow(_QPX_ConnToken_t* conn)
+/* *sent tells whether the flow has gone, whatever the result. */
+static int sendCloseFlow(_QPX_ConnToken_t* conn, bool* sent)
 {
     namespace at = tp::clapiCloseConnection;
 
@@ -1063,6 +1064,7 @@ static int sendCloseFlow(_QPX_ConnToken_t* conn)
         return QPX_ERR_SYSTEM_ERROR;
     }
     int rc = clapiFlowCloseRequest(conn->socketDescriptor);
+    *sent = rc == QPX_OK;
     if (sending.release() != 0) {
         TRACE(at::notReleased);
         rc = firstFailure(rc, QPX_ERR_SYSTEM_ERROR);
@@ -1076,7 +1078,10 @@ static int sendCloseFlowSafely(_QPX_ConnToken_t* conn)
 {
     if (!clapiBeginSendingFlow(conn)) return clapiFlowCloseRequest(NO_SOCKET);
     SCHEDULE_POINT(beforeCloseWrite, conn);
-    int rc = sendCloseFlow(conn);
+    bool sent = false;
+    int rc = sendCloseFlow(conn, &sent);
+    // A Gateway that knows of no close would not answer it, and the connection is to end anyway.
+    if (!sent) clapiEndStream(conn);
     clapiEndSending(conn);
     return rc;
 }

@@ -159,13 +159,6 @@ void tellWhere()
     }
 }
 
-bool isClosing()
-{
-    const char* call = self < 0 ? nullptr : callOf[self].load();
-    return call != nullptr &&
-           (std::strstr(call, "QPX_close") != nullptr || std::strstr(call, "QPX_purge") != nullptr);
-}
-
 bool isReceiverOfAnOpen()
 {
     if (self >= 0) return false;

@@ -14,9 +14,8 @@
 // a number, and no run may hold more. Exit code 0 if all was well, 3 if nothing has failed because
 // there was no K-th call, 1 with lines "bad ..." otherwise. A run that takes too long ends with 4.
 //
-// Two waits without limit are known. A close whose flow cannot be made waits until the peer ends
-// the connection: a byte on descriptor 3 asks the driver to let it. An open whose receiver finds no
-// memory for its read buffer waits for good: such a run ends there, with exit code 5.
+// One wait without limit is known: an open whose receiver finds no memory for its read buffer waits
+// for good. Such a run ends there, with exit code 5.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <sched.h>
@@ -40,7 +39,6 @@ namespace torture {
 namespace {
 
 constexpr unsigned LONGEST_RUN = 40; // seconds, many times what one takes on a busy machine
-constexpr int CONTROL = 3;
 
 void endHungRun(int)
 {
@@ -52,7 +50,6 @@ bool failsForMemory = false;
 
 void noteHit()
 {
-    if (isClosing() && ::write(CONTROL, "d", 1) < 0) _exit(96);
     if (failsForMemory && isReceiverOfAnOpen()) _exit(5);
 }
 

@@ -117,8 +117,6 @@ public:
                std::to_string(dropping_.port()) + "," + std::to_string(unheard_.port());
     }
 
-    void hangUp() { gateway_.dropConnection(); }
-
 private:
     standin::Gateway gateway_;
     standin::Gateway refusing_;
@@ -191,7 +189,7 @@ struct Pipe {
     }
 };
 
-pid_t spawn(std::vector<std::string> arguments, int output, int control)
+pid_t spawn(std::vector<std::string> arguments, int output)
 {
     static std::vector<std::string> variables = environmentOfRuns();
     static const std::vector<char*> environment = pointersTo(variables);
@@ -202,7 +200,6 @@ pid_t spawn(std::vector<std::string> arguments, int output, int control)
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, output, 1);
     posix_spawn_file_actions_adddup2(&actions, output, 2);
-    posix_spawn_file_actions_adddup2(&actions, control, 3);
     pid_t process = -1;
     if (posix_spawn(&process, QPX_TORTURE_SCENARIOS, &actions, nullptr,
                     pointersTo(arguments).data(), environment.data()) != 0)
@@ -211,36 +208,25 @@ pid_t spawn(std::vector<std::string> arguments, int output, int control)
     return process;
 }
 
-Outcome run(Peers* peers, const std::vector<std::string>& arguments)
+Outcome run(const std::vector<std::string>& arguments)
 {
     Pipe output;
-    Pipe control;
-    pid_t process = spawn(arguments, output.writing, control.writing);
+    pid_t process = spawn(arguments, output.writing);
     output.endWriting();
-    control.endWriting();
 
     Outcome outcome;
     bool killed = false;
-    pollfd waits[2] = {{output.reading, POLLIN, 0}, {control.reading, POLLIN, 0}};
-    while (waits[0].fd >= 0) {
-        if (poll(waits, 2, LONGEST_RUN) == 0) {
+    pollfd wait = {output.reading, POLLIN, 0};
+    while (!killed) {
+        if (poll(&wait, 1, LONGEST_RUN) == 0) {
             kill(process, SIGKILL);
             killed = true;
-            break;
-        }
-        char bytes[4096];
-        if (waits[1].revents != 0) {
-            if (read(control.reading, bytes, sizeof bytes) <= 0)
-                waits[1].fd = -1;
-            else
-                peers->hangUp();
-        }
-        if (waits[0].revents == 0) continue;
-        ssize_t count = read(output.reading, bytes, sizeof bytes);
-        if (count <= 0)
-            waits[0].fd = -1;
-        else
+        } else {
+            char bytes[4096];
+            ssize_t count = read(output.reading, bytes, sizeof bytes);
+            if (count <= 0) break;
             outcome.output.append(bytes, static_cast<std::size_t>(count));
+        }
     }
     waitpid(process, &outcome.status, 0);
     if (killed) outcome.status = -1;
@@ -327,7 +313,7 @@ void readStory(const Outcome& outcome, Story& story)
 bool tellStory(Peers& peers, Totals& totals, Story& story)
 {
     totals.runs += 1;
-    Outcome outcome = run(&peers, {story.scenario, "malloc", "0", "once", peers.ports(), ""});
+    Outcome outcome = run({story.scenario, "malloc", "0", "once", peers.ports(), ""});
     if (!outcome.exited(0)) {
         report(totals, story.scenario + " without a failure", outcome);
         return false;
@@ -352,7 +338,7 @@ bool fail(Peers& peers, Totals& totals, const Story& story, const std::string& f
 {
     totals.runs += 1;
     Outcome outcome = run(
-        &peers, {story.scenario, fault, std::to_string(k), when, peers.ports(), story.held});
+        {story.scenario, fault, std::to_string(k), when, peers.ports(), story.held});
     if (outcome.exited(0)) return true;
     if (outcome.exited(5)) {
         totals.waits += 1;
@@ -389,8 +375,8 @@ Outcome runShredded(Peers& peers, const Story& story, const std::string& way, un
 {
     Outcome outcome;
     for (int i = 0; i < MOST_INTERRUPTED_CONNECTS; i += 1) {
-        outcome = run(&peers, {story.scenario, way, std::to_string(seed), "shredded", peers.ports(),
-                               story.held});
+        outcome = run(
+            {story.scenario, way, std::to_string(seed), "shredded", peers.ports(), story.held});
         if (!outcome.exited(6)) break;
     }
     return outcome;
@@ -465,7 +451,7 @@ void work(const Options& options, const std::vector<std::string>& scenarios,
 
 std::vector<std::string> namesOf(const char* kind)
 {
-    Outcome outcome = run(nullptr, {});
+    Outcome outcome = run({});
     std::vector<std::string> names;
     std::istringstream lines(outcome.output);
     std::string word, name;

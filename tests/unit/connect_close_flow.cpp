@@ -74,7 +74,7 @@ TEST_F(ConnectCloseFlow, FailsWithoutTheSendLock)
 
     EXPECT_TRUE(trace.wroteText("*EXC*  clapi_gwycon.clapiCloseConnection() Failed to acquire "
                                 "send lock\n"));
-    EXPECT_TRUE(connection.peer.isQuiet());
+    EXPECT_TRUE(connection.peer.awaitEof());
 }
 
 TEST_F(ConnectCloseFlow, FailsWhenTheSendLockCannotBeReleased)
@@ -113,13 +113,32 @@ TEST_F(ConnectCloseFlow, FailsWithTheCodeOfTheFlowWhenTheReleaseFailsToo)
     expectSendLockIsFree();
 }
 
+// The Gateway will not answer what it has not got.
+TEST_F(ConnectCloseFlow, ThatFailsEndsTheStreamAndLeavesTheClosingOfTheSocketToTheReceiver)
+{
+    int closedBy = 0;
+    pthread_t self = pthread_self();
+    Fault closes = beforeCall(Call::Close, 0, [&](const CallInfo&) {
+        closedBy = pthread_equal(self, pthread_self()) != 0 ? 1 : 2;
+    });
+    int descriptor = connection.token->socketDescriptor;
+    Fault fault = failCall(Call::Send, 1, EPIPE);
+
+    EXPECT_RC(QPX_ERR_LOSTGWCON, clapiCloseConnection(connection.token));
+
+    EXPECT_TRUE(connection.peer.awaitEof());
+    EXPECT_EQ(0, clapiWaitEvent(&connection.token->recvThreadEndedEvent));
+    EXPECT_EQ(2, closedBy);
+    EXPECT_FALSE(support::descriptorIsOpen(descriptor));
+}
+
 TEST_F(ConnectCloseFlow, FailsWithoutMemory)
 {
     Fault fault = failCall(Call::Malloc, 1, ENOMEM, Threads::Calling);
 
     EXPECT_RC(QPX_ERR_MALLOCFAIL, clapiCloseConnection(connection.token));
 
-    EXPECT_TRUE(connection.peer.isQuiet());
+    EXPECT_TRUE(connection.peer.awaitEof());
 }
 
 TEST_F(ConnectCloseFlow, IsFollowedByTheReceiverClosingTheSocket)

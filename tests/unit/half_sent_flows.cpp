@@ -6,17 +6,20 @@
 #include <memory>
 #include <string>
 #include <tuple>
+#include <vector>
 
 #include "clapi_types.h"
 #include "qpxclient_esi.h"
 #include "support/channel_script.h"
 #include "support/faults.h"
+#include "unit/connect_fixture.h"
 
 using namespace script;
 using support::asyncCall;
 using support::Call;
 using support::EciParms;
 using support::failCall;
+using support::failCallOn;
 using support::Fault;
 using support::limitLength;
 using support::RunningCall;
@@ -208,29 +211,163 @@ TEST_F(HalfSentFlow, OfAListOfSystemsLosesTheConnection)
     expectLost();
 }
 
-// The close flow itself breaks off: nothing hangs, and closing all connections frees the token.
-class HalfSentClose : public HalfSentFlow, public ::testing::WithParamInterface<bool> {};
+// ---- The close flow ----
 
-INSTANTIATE_TEST_SUITE_P(, HalfSentClose, ::testing::Bool(), [](const auto& one) {
-    return std::string(one.param ? "Half" : "AtItsBeginning");
-});
+enum class Closing { Close, Purge, CloseAll };
+const char* const closingNames[] = {"Close", "Purge", "CloseAll"};
 
-TEST_P(HalfSentClose, EndsAndLeavesATokenThatAllOfThemFree)
+enum class Cause { NoBuffers, NotPermitted, NoMemory, NoSendLock, BrokenOff };
+const char* const causeNames[] = {"ENOBUFS", "EPERM", "NoMemory", "NoSendLock", "BrokenOff"};
+
+class FailedCloseFlow : public ::testing::Test {
+protected:
+    // Keeps close flows from being sent, or sent whole, as long as the result lives.
+    std::vector<Fault> forbid(Cause cause)
+    {
+        std::vector<Fault> faults;
+        switch (cause) {
+        case Cause::NoBuffers: faults.push_back(failCall(Call::Send, 1, ENOBUFS)); break;
+        case Cause::NotPermitted: faults.push_back(failCall(Call::Send, 1, EPERM)); break;
+        case Cause::NoMemory: faults.push_back(failCall(Call::Malloc, 1, ENOMEM)); break;
+        case Cause::NoSendLock:
+            faults.push_back(
+                failCallOn(Call::MutexLock, &connection.token->sendLock.lock, 1, EINVAL));
+            break;
+        case Cause::BrokenOff:
+            faults.push_back(failCall(Call::Send, 2, ENOBUFS));
+            faults.push_back(limitLength(Call::Send, bytesOfBroken, 1));
+            break;
+        }
+        return faults;
+    }
+
+    static int resultOf(Closing closing, Cause cause)
+    {
+        if (closing == Closing::CloseAll) return QPX_OK;
+        if (cause == Cause::NoMemory) return QPX_ERR_MALLOCFAIL;
+        return cause == Cause::NoSendLock ? QPX_ERR_SYSTEM_ERROR : QPX_ERR_LOSTGWCON;
+    }
+
+    RunningCall<int> start(Closing closing)
+    {
+        switch (closing) {
+        case Closing::Close: return connection.startClose();
+        case Closing::Purge: return connection.startPurge(0);
+        default: return callInThread([] { return QPX_closeAllGatewayConnections(); });
+        }
+    }
+
+    // A purge whose close flow fails; it waits for the receiver then.
+    RunningCall<int> startFailingPurge()
+    {
+        Fault failing = failCall(Call::Send, 1, ENOBUFS);
+        auto purging = connection.startPurge(0);
+        EXPECT_TRUE(failing.awaitHits());
+        return purging;
+    }
+
+    // A close that fails leaves its token, which a close of all connections frees.
+    void freeToken()
+    {
+        EXPECT_RC(0, QPX_closeAllGatewayConnections());
+        connection.forget();
+        EXPECT_EQ(fixture::emptyList(), fixture::dumpedTokens());
+    }
+
+    static constexpr std::size_t bytesOfBroken = 10;
+    ScriptedConnection connection; // whose other end stays open
+};
+
+class HalfSentClose : public FailedCloseFlow,
+                      public ::testing::WithParamInterface<std::tuple<int, int>> {
+protected:
+    Closing closing() const { return static_cast<Closing>(std::get<0>(GetParam())); }
+    Cause cause() const { return static_cast<Cause>(std::get<1>(GetParam())); }
+};
+
+INSTANTIATE_TEST_SUITE_P(, HalfSentClose,
+                         ::testing::Combine(::testing::Range(0, 3), ::testing::Range(0, 5)),
+                         [](const auto& one) {
+                             return std::string(closingNames[std::get<0>(one.param)]) + "_" +
+                                    causeNames[std::get<1>(one.param)];
+                         });
+
+TEST_P(HalfSentClose, EndsTheConnectionThoughTheGatewayKeepsItsEndOpen)
 {
-    std::unique_ptr<Fault> shorter;
-    if (GetParam()) shorter = std::make_unique<Fault>(limitLength(Call::Send, 10, 1));
-    Fault failing = failCall(Call::Send, GetParam() ? 2 : 1, ENOBUFS);
-    auto running = connection.startClose();
-    EXPECT_TRUE(failing.awaitHits());
-    if (GetParam())
-        EXPECT_EQ(10U, connection.peer.readAll().size());
-    else
-        connection.peer.close(); // of which the close waits to hear
-    int rc = running.get();
-    EXPECT_TRUE(rc == 0 || rc == -102) << support::rcName(rc);
-    auto closing = callInThread([] { return QPX_closeAllGatewayConnections(); });
-    EXPECT_RC(0, closing.get());
-    connection.forget();
+    std::vector<Fault> faults = forbid(cause());
+    auto running = start(closing());
+    for (const Fault& fault : faults) EXPECT_TRUE(fault.awaitHits());
+
+    EXPECT_RC(resultOf(closing(), cause()), running.get());
+
+    EXPECT_EQ(cause() == Cause::BrokenOff ? bytesOfBroken : 0U, connection.peer.readAll().size());
+    faults.clear();
+    freeToken();
+}
+
+// As a close flow that is sent does: its answer comes before theirs.
+TEST_F(FailedCloseFlow, EndsTheCallsThatWaitForTheirReplies)
+{
+    EciParms asked[] = {syncCall("FIRST", filled(8, 'q')), syncCall("SECOND", filled(8, 'q'))};
+    auto first = connection.start(asked[0]);
+    connection.awaitRequest();
+    auto second = connection.start(asked[1]);
+    connection.awaitRequest();
+
+    auto purging = startFailingPurge();
+
+    EXPECT_RC(-102, first.get());
+    EXPECT_RC(-102, second.get());
+    EXPECT_RC(-102, purging.get());
+    EXPECT_EQ(0U, connection.peer.readAll().size());
+    freeToken();
+}
+
+TEST_F(FailedCloseFlow, EndsACollectorThatWaitsForAReply)
+{
+    EciParms request = asyncCall("PROG", filled(8, 'q'));
+    ASSERT_RC(0, QPX_ECI_Execute(connection.token, &request.record));
+    connection.awaitRequest();
+    EciParms collecting = support::getReplyWait(8);
+    int waits = support::callCount(Call::CondWait);
+    auto collector = connection.start(collecting);
+    ASSERT_TRUE(support::awaitCallCount(Call::CondWait, waits + 1));
+
+    auto purging = startFailingPurge();
+
+    EXPECT_RC(-102, collector.get());
+    EXPECT_RC(-102, purging.get());
+    freeToken();
+}
+
+class FailedCloseFlowOfABrokenRequest : public FailedCloseFlow,
+                                        public ::testing::WithParamInterface<int> {};
+
+INSTANTIATE_TEST_SUITE_P(, FailedCloseFlowOfABrokenRequest,
+                         ::testing::Values(int{ECI_SYNC}, int{ECI_ASYNC}), [](const auto& one) {
+                             return std::string(one.param == ECI_SYNC ? "Sync" : "Async");
+                         });
+
+// It waits for its turn to be written when the close flow fails, and cannot be written either.
+TEST_P(FailedCloseFlowOfABrokenRequest, EndsItToo)
+{
+    support::Gate turn;
+    std::unique_ptr<RunningCall<int>> purging;
+    EciParms asked = support::eciCall(GetParam(), "PROG", filled(8, 'q'));
+    Fault stopped = fixture::stopAtLock(Call::MutexLock, connection.token->sendLock.lock, turn,
+                                        fixture::always);
+    auto call = connection.start(asked);
+    ASSERT_TRUE(turn.awaitArrival());
+    purging = std::make_unique<RunningCall<int>>(startFailingPurge());
+    Fault failing = failCall(Call::Send, 1, ENOBUFS);
+
+    turn.open();
+
+    EXPECT_RC(-102, call.get());
+    EXPECT_EQ(1, failing.hits());
+    EXPECT_RC(-102, purging->get());
+    EXPECT_EQ(0U, connection.peer.readAll().size());
+    freeToken();
 }
 
 } // namespace

@@ -8,11 +8,15 @@
 //     application space PORT CONNECTIONS   the address space that each takes, in KiB
 //     application filtered PORT FILTER     calls of every kind under a filter of system calls
 #include <dlfcn.h>
+#include <errno.h>
 #include <linux/audit.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <pthread.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/time.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -53,6 +57,31 @@ extern "C" ssize_t recv(int descriptor, void* bytes, size_t length, int flags)
         dlsym(RTLD_NEXT, "recv"));
     if (receiversStack == 0) receiversStack = stackOfThisThread();
     return real(descriptor, bytes, length, flags);
+}
+
+// ---- Clocks ----
+
+// Each look at a clock is a call of the system, as it is on a machine with a clock source that
+// programs cannot read by themselves; in 32 bits of either kind that there is.
+extern "C" int clock_gettime(clockid_t clock, timespec* now)
+{
+#ifdef __i386__
+    static_assert(sizeof *now == 16, "of 64-bit time");
+    long narrow[2];
+    syscall(SYS_clock_gettime, clock, narrow);
+    return static_cast<int>(syscall(SYS_clock_gettime64, clock, now));
+#else
+    return static_cast<int>(syscall(SYS_clock_gettime, clock, now));
+#endif
+}
+
+extern "C" int gettimeofday(timeval* now, void* zone) noexcept
+{
+    long seen[2] = {};
+    auto rc = static_cast<int>(syscall(SYS_gettimeofday, seen, zone));
+    now->tv_sec = seen[0];
+    now->tv_usec = seen[1];
+    return rc;
 }
 
 namespace {
@@ -240,10 +269,15 @@ void allowWhereEqual(std::vector<sock_filter>* filter, std::uint32_t value)
     filter->push_back(answer(SECCOMP_RET_ALLOW));
 }
 
-// The calls that the library needs, and what this program ends with.
-std::vector<sock_filter> filterOfCalls()
+// The calls that the library needs, and what this program ends with; some of them may be answered
+// as by a kernel that does not have them.
+std::vector<sock_filter> filterOfCalls(const std::vector<std::uint32_t>& unknown = {})
 {
     std::vector<sock_filter> filter = {load(offsetof(seccomp_data, nr))};
+    for (std::uint32_t number : unknown) {
+        filter.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1));
+        filter.push_back(answer(SECCOMP_RET_ERRNO | ENOSYS));
+    }
     for (const process::SystemCall& call : process::systemCalls)
         allowWhereEqual(&filter, call.number);
     filter.push_back(answer(SECCOMP_RET_KILL_PROCESS));
@@ -270,6 +304,7 @@ int filtered(int port, const std::string& name)
 {
     std::vector<sock_filter> filter;
     if (name == "calls") filter = filterOfCalls();
+    if (name == "calls-without-clone3") filter = filterOfCalls({SYS_clone3});
     if (name == "native") filter = filterOfArchitectures({AUDIT_ARCH_X86_64});
     if (name == "native-and-x86")
         filter = filterOfArchitectures({AUDIT_ARCH_X86_64, AUDIT_ARCH_I386});

@@ -152,6 +152,11 @@ TEST_F(Application, NeedsNoSystemCallThatIsNotListed)
     expectStory(run("filtered", "calls"));
 }
 
+TEST_F(Application, NeedsNoSystemCallThatIsNotListedWhereAnotherFilterHidesClone3)
+{
+    expectStory(run("filtered", "calls-without-clone3"));
+}
+
 TEST(SystemCalls, AreAllOfSystemService)
 {
     std::set<std::string> allowed;

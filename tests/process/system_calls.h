@@ -31,12 +31,13 @@ constexpr SystemCall systemCalls[] = {
     SYSTEM_CALL(shutdown),
     SYSTEM_CALL(poll),
     SYSTEM_CALL(close),
+    SYSTEM_CALL(getsockname),
     // the addresses of a host
     SYSTEM_CALL(bind),
-    SYSTEM_CALL(getsockname),
     SYSTEM_CALL(recvmsg),
     // threads and waits
     SYSTEM_CALL(clone3),
+    SYSTEM_CALL(clone),
     SYSTEM_CALL(set_robust_list),
     SYSTEM_CALL(rseq),
     SYSTEM_CALL(prctl),
@@ -60,6 +61,9 @@ constexpr SystemCall systemCalls[] = {
     SYSTEM_CALL(ppoll),
     SYSTEM_CALL(getpid),
     SYSTEM_CALL(gettid),
+    // clocks
+    SYSTEM_CALL(clock_gettime),
+    SYSTEM_CALL(gettimeofday),
     // the end of the program
     SYSTEM_CALL(exit_group),
 #ifdef __i386__
@@ -68,6 +72,7 @@ constexpr SystemCall systemCalls[] = {
     SYSTEM_CALL(pselect6),
     SYSTEM_CALL(ppoll_time64),
     SYSTEM_CALL(futex_time64),
+    SYSTEM_CALL(clock_gettime64),
     SYSTEM_CALL(mmap2),
     SYSTEM_CALL(_llseek),
     SYSTEM_CALL(fcntl64),

@@ -11,6 +11,8 @@
 
 #include <cstdio>
 
+#include "support/call_in_thread.h"
+
 #ifdef QPX_COVERAGE
 extern "C" {
 #include <gcov.h>
@@ -20,7 +22,7 @@ extern "C" {
 namespace support {
 
 // Seconds that a child may take.
-constexpr unsigned int childLimit = 20;
+constexpr auto childLimit = static_cast<unsigned int>(generousLimit.count());
 
 // What inChild gives for a child that did not exit by itself.
 constexpr int childDied = -1;

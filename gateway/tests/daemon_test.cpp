@@ -509,13 +509,14 @@ TEST(DaemonService, SaysGoodbyeWithACloseFlowWhenItIsStopped)
 TEST(DaemonService, DoesNotWaitAtItsEndForAClientThatTakesNothing)
 {
     Daemon daemon({});
-    Client client(daemon.port());
+    Client client(daemon.port(), standin_test::Room::Little);
     ASSERT_TRUE(client.shakeHands());
     Call call;
     call.commarea = std::string(32767, 'x');
-    standin_test::Raw requests;
-    for (int id = 1; id <= 400; ++id) requests.bytes(standin_test::eciRequest(id, call));
-    std::thread sender([&] { client.send(requests); }); // until the daemon reads no more
+    std::thread sender(
+        [&] { // as many as it takes until the daemon reads no more, and until it ends
+            for (int id = 1; client.send(standin_test::eciRequest(id, call)); ++id) continue;
+        });
     EXPECT_TRUE(daemon.awaitOutput("nothing more is read until they are"));
     EXPECT_EQ(0, daemon.stop());
     sender.join();

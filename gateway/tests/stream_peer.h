@@ -12,12 +12,43 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdint>
+#include <fstream>
 #include <stdexcept>
+#include <string>
 
 #include "standin/messages.h"
 
 namespace standin_test {
+
+// How much of what is under way a socket has room for, and what is accepted from it.
+enum class Buffers { AsUsual, Small };
+
+// To be told before there is a connection.
+inline void makeBuffersSmall(int socket)
+{
+    const int bytes = 65536;
+    ::setsockopt(socket, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
+    ::setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
+}
+
+// More than a process takes that passes on what it has from one of them to another one whose peer
+// takes nothing: what its own two sockets may hold at the most on this machine, and some megabytes.
+inline std::size_t moreThanIsUnderWay()
+{
+    std::size_t bytes = 16 * 1024 * 1024;
+    for (const char* const name : {"tcp_rmem", "tcp_wmem"}) {
+        std::size_t least = 0;
+        std::size_t usual = 0;
+        std::size_t most = 0;
+        std::ifstream file(std::string("/proc/sys/net/ipv4/") + name);
+        if (!(file >> least >> usual >> most))
+            throw std::runtime_error(std::string("unknown: ") + name);
+        bytes += usual < most ? most : usual;
+    }
+    return bytes;
+}
 
 // Thread: one at a time.
 class StreamPeer {
@@ -25,9 +56,10 @@ public:
     enum class Ending { InOrder, Reset };
 
     // Connects to the port.
-    static StreamPeer to(std::uint16_t port)
+    static StreamPeer to(std::uint16_t port, Buffers buffers = Buffers::AsUsual)
     {
         StreamPeer peer(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        if (buffers == Buffers::Small) makeBuffersSmall(peer.socket_);
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_port = htons(port);
@@ -128,8 +160,10 @@ private:
 
 class Listener {
 public:
-    Listener() : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    explicit Listener(Buffers buffers = Buffers::AsUsual)
+        : socket_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
     {
+        if (buffers == Buffers::Small) makeBuffersSmall(socket_);
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "support/channel_script.h"
+#include "support/connected_descriptor.h"
 
 using namespace script;
 using support::EciParms;
@@ -22,6 +23,7 @@ using support::TraceFile;
 namespace {
 
 // More than the buffers of a connection hold: while the peer does not read, its sender is stuck.
+// Those of the connection are told how much that is, whatever is usual on the machine.
 constexpr std::size_t large = 20'000'000;
 
 // How a small container reads in the listing of a channel, and the large one.
@@ -38,6 +40,8 @@ protected:
     {
         int room = 65536;
         setsockopt(connection.peer.fd(), SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
+        int sender = support::descriptorTo(connection.gateway.port());
+        setsockopt(sender, SOL_SOCKET, SO_SNDBUF, &room, sizeof room);
         channel.with("TAIL", "old tail").with("GONE", "gone").with("LARGE", all('L'));
     }
 

@@ -13,7 +13,8 @@ APPLICATION=
 export LC_ALL=C.UTF-8
 # Nothing of the environment in which the tests run, and a home of the case's own.
 for variable in QPX_HOST QPX_PORT QPX_TIMEOUT QPX_SERVER QPX_USER QPX_APPLID QPX_APPLIDQUALIFIER \
-    XDG_CONFIG_HOME NO_COLOR QPX_CLIENT_TRACE_LEVEL QPX_CLIENT_TRACE_FILE; do
+    XDG_CONFIG_HOME NO_COLOR QPX_CLIENT_TRACE_LEVEL QPX_CLIENT_TRACE_FILE QPX_CLIENT_DATA_LENGTH \
+    QPX_CLIENT_DATA_OFFSET; do
     unset "$variable"
 done
 export HOME=$FOLDER
@@ -1939,7 +1940,8 @@ DoctorTellsThatAProcessIsNotThereOrNotOneOfTheLibrary() {
     expect_usage 'either a host or --pid' doctor --pid 1 localhost
 }
 
-# As nobody, with what nobody may read of what has been built.
+# A process that hides, from its own user, too. Root, who may look at all, does it as nobody, with
+# what nobody may read of what has been built.
 DoctorTellsThatAProcessMayNotBeLookedAt() {
     local as=()
     if [[ $(id -u) == 0 ]]; then
@@ -1947,8 +1949,17 @@ DoctorTellsThatAProcessMayNotBeLookedAt() {
         chmod 755 "$FOLDER"
     fi
     cp "$QPX" "$PROGRAMS/../src/libqpxclient.so.10" "$FOLDER"
-    run env LD_LIBRARY_PATH="$FOLDER" HOME=/nonexistent "${as[@]}" "$FOLDER/qpx" doctor --pid 1
-    expect_complaint 1 'qpx: process 1 may not be looked at: that takes its own user, or root'
+    mkfifo "$FOLDER/hidden"
+    python3 -c 'import ctypes, signal
+PR_SET_DUMPABLE = 4
+if ctypes.CDLL(None).prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) == 0:
+    print("hidden", flush=True)
+    signal.pause()' >"$FOLDER/hidden" &
+    GATEWAY_PID=$! # ends with the case, as a gateway does
+    read -r _ <"$FOLDER/hidden" || fail "there is no process that hides"
+    run env LD_LIBRARY_PATH="$FOLDER" HOME=/nonexistent "${as[@]}" "$FOLDER/qpx" doctor \
+        --pid "$GATEWAY_PID"
+    expect_complaint 1 "qpx: process $GATEWAY_PID may not be looked at: that takes its own user, or root"
 }
 
 # ---- codes ---------------------------------------------------------------------------------------

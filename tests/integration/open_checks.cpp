@@ -59,13 +59,6 @@ TEST_F(OpenChecks, RefusesAPortAbove65535)
                             "port=65536");
 }
 
-TEST_F(OpenChecks, AcceptsPortOne)
-{
-    EXPECT_RC(QPX_ERR_CONNECTFAILED, open(localHost(), 1, &token, 5, nothing, nothing));
-
-    EXPECT_EQ(0, trace.timesWrote(1001));
-}
-
 TEST_F(OpenChecks, AcceptsPort65535)
 {
     EXPECT_NE(QPX_ERR_BADPORT, open(localHost(), 65535, &token, 5, nothing, nothing));

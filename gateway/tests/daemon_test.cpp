@@ -15,6 +15,7 @@
 #include "daemon.h"
 #include "scrambled.h"
 #include "standin/gateway.h"
+#include "stream_peer.h"
 #include "temporary_directory.h"
 
 using standin_test::Call;
@@ -513,10 +514,12 @@ TEST(DaemonService, DoesNotWaitAtItsEndForAClientThatTakesNothing)
     ASSERT_TRUE(client.shakeHands());
     Call call;
     call.commarea = std::string(32767, 'x');
-    std::thread sender(
-        [&] { // as many as it takes until the daemon reads no more, and until it ends
-            for (int id = 1; client.send(standin_test::eciRequest(id, call)); ++id) continue;
-        });
+    const std::size_t enough = standin_test::moreThanIsUnderWay() / call.commarea.size();
+    std::thread sender([&] { // until the daemon reads no more
+        for (std::size_t id = 1; id <= enough; ++id) {
+            if (!client.send(standin_test::eciRequest(static_cast<int>(id), call))) break;
+        }
+    });
     EXPECT_TRUE(daemon.awaitOutput("nothing more is read until they are"));
     EXPECT_EQ(0, daemon.stop());
     sender.join();

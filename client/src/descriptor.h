@@ -11,8 +11,8 @@ namespace qpx {
 // The next bytes, at most so many. 0 is the end, -1 a failure that errno tells. Waits for them.
 ssize_t readSome(int descriptor, char* room, std::size_t size);
 
-// Has the writing to a descriptor wait, too. That is its own affair: whoever shares the file with it
-// does not notice. Nothing changes where that cannot be, as with a socket.
+// Has the writing to a descriptor wait, too. That is its own affair: whoever shares the file with
+// it does not notice. Nothing changes where that cannot be, as with a socket.
 void letWritingWait(int descriptor);
 
 } // namespace qpx

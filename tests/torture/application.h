@@ -51,8 +51,8 @@ int leave(const char* call, int rc, std::initializer_list<int> expected);
 // What the call is that a thread is in, for whoever tells of a hang.
 void tellWhere();
 
-// Whether some thread is opening a connection while this one makes no call: it is a receiver then, or
-// nobody's.
+// Whether some thread is opening a connection while this one makes no call: it is a receiver then,
+// or nobody's.
 bool isReceiverOfAnOpen();
 
 // Where the first call of the process may fail, every other fails with what it has failed with.

@@ -34,8 +34,8 @@ struct Connection {
     std::size_t missing = 0; // lines that could not be written
 };
 
-// A line that is none of a recording, or a file that cannot be read to its end; what() names the file,
-// and the line.
+// A line that is none of a recording, or a file that cannot be read to its end; what() names the
+// file, and the line.
 class BadRecording : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;

@@ -41,7 +41,7 @@ void clapiWaitForSenders(_QPX_ConnToken_t* gwTokPtr) TAKES_LOCK(gwTokPtr->tableL
 
 /* Makes the receiver end the connection, to which nothing is written any more: what begins from
  * here on finds it as good as ended. Thread: one for which the socket stays open.
- * Locks: none needed. A receiver holds tableLock if it could be had. */
+ * Locks: none needed. */
 void clapiEndStream(_QPX_ConnToken_t* gwTokPtr);
 
 /* Keeps further requests off a connection that ends because of a flow that broke off: a reply to

@@ -12,10 +12,10 @@ const char* getCallTypeString(int callType);
 
 int verifyEciParms(QPX_ECI_PARMS* EciParms, int minVersion);
 
-/* record is the application's as it was when the call began. */
+/* The steps behind the checks. EciParms takes the results; record is what it was when the call
+ * began. */
 int performEciExecute(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms, const QPX_ECI_PARMS* record,
                       bool useChannel);
-
-int getAsyncReply(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms);
+int getAsyncReply(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms, const QPX_ECI_PARMS* record);
 
 #endif

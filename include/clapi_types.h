@@ -120,8 +120,9 @@ typedef struct _QPX_ConnToken_t {
     char applidQualifier[APPLID_SIZE + 1];
     int32_t senders GUARDED_BY(tableLock);            // flows being written, which keep the socket
     RequestSlot* slotBeingRead GUARDED_BY(tableLock); // whose reply the receiver reads
-    pthread_cond_t transferEnded;   // with tableLock's mutex: a sending or a reading has ended
-    std::atomic<int32_t> brokenOff; // 1 once the library has ended the stream; never goes back
+    pthread_cond_t transferEnded;       // with tableLock's mutex: a sending or a reading has ended
+    std::atomic<int32_t> brokenOff;     // 1 once the library has ended the stream; never goes back
+    std::atomic<int32_t> closeFlowSent; // 1 once the Gateway is asked to end the connection
     // Threads that close the token, each from its mark or from the beginning of its delete until
     // that has ended; raised under gtlLock, and the token is freed by the last of them.
     std::atomic<int32_t> deleters;

@@ -153,8 +153,9 @@ QPX_API int QPX_openRemoteGatewayConnectionApplid(char* hostname, int port,
  * QPX_ERR_GWTOK_CLOSED or QPX_ERR_BADGWTOK.
  *
  * After QPX_ERR_LOSTGWCON, QPX_ERR_MALLOCFAIL or QPX_ERR_SYSTEM_ERROR the connection is at its end
- * too, but its memory stays, and only QPX_closeAllGatewayConnections frees it. If the close flow
- * could not be sent, the library has ended the connection by itself.
+ * too, but its memory stays, and only QPX_closeAllGatewayConnections frees it. If the system did
+ * not take the close flow, or there was no memory for it, the library has ended the connection by
+ * itself.
  *
  * Errors: QPX_ERR_NULLGWTOKPTR, QPX_ERR_NULLGWTOK, QPX_ERR_BADGWTOK, QPX_ERR_GWTOK_CLOSED,
  * QPX_ERR_LOSTGWCON (the connection broke while it was closed), QPX_ERR_MALLOCFAIL,
@@ -165,7 +166,8 @@ QPX_API int QPX_closeGatewayConnection(QPX_ConnToken_t* gwTokPtr);
 /*
  * As QPX_closeGatewayConnection, but waits at most closeTimeout seconds of the system's clock (0
  * to 3600; 0 = not at all) for outstanding work. Calls still waiting then end with
- * QPX_ERR_GWTOK_CLOSED, and replies not yet collected are given up.
+ * QPX_ERR_GWTOK_CLOSED, or QPX_ERR_LOSTGWCON if the purge itself fails, and replies not yet
+ * collected are given up.
  *
  * closeTimeout does not bound the waits behind it: for the Gateway's answer to the close flow, for
  * a call that is still sending its request, and for a call that waits for a channel which a call on

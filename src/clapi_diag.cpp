@@ -321,13 +321,9 @@ constexpr timespec FULL_LIMIT = {1, 0};
 static_assert(FULL_LIMIT.tv_nsec == 0 && FULL_LIMIT.tv_sec <= INT32_MAX,
               "a limit of whole seconds that 32 bits hold");
 
-/* How often a stream that another thread has is looked at, a millisecond each, once until it is
- * free again. The application may have it for lines of its own, or in a call that wants a lock of
- * the thread that writes here. */
+/* How often a line looks at a stream that another thread has, a millisecond each. The application
+ * may have it for lines of its own, or in a call that wants a lock of who writes here. */
 constexpr int MOST_MOMENTS = 100;
-
-/* Whether it was in vain, since when no line has found the stream free. */
-static bool streamIsKept GUARDED_BY(destinationLock) = false;
 
 /* How often it is waited for in a row, if others fill it as soon as there is room. */
 constexpr int MOST_WAITS = 100;
@@ -342,13 +338,11 @@ static bool takeStream(FILE* file) NEEDS_LOCK(destinationLock)
         flockfile(file);
         return true;
     }
-    int moments = streamIsKept ? 0 : MOST_MOMENTS;
     bool isTaken = ftrylockfile(file) == 0;
-    for (; !isTaken && moments > 0; --moments) {
+    for (int moments = 0; !isTaken && moments < MOST_MOMENTS; ++moments) {
         poll(nullptr, 0, 1);
         isTaken = ftrylockfile(file) == 0;
     }
-    streamIsKept = !isTaken;
     return isTaken;
 }
 
@@ -632,7 +626,6 @@ static FILE* replaceDestination(FILE* file, const char* name) NEEDS_LOCK(traceLo
     traceHeaderWrite = 0;
     lostBytes = 0;
     lineIsOpen = false;
-    streamIsKept = false;
     return before != stderr ? before : nullptr;
 }
 

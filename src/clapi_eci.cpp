@@ -695,21 +695,21 @@ static int collectReply(const Collection& wanted)
     return rc;
 }
 
-int getAsyncReply(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
+int getAsyncReply(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms, const QPX_ECI_PARMS* record)
 {
     namespace at = tp::getAsyncReply;
 
     TRACE(at::entry, gwTok, EciParms);
-    int callType = EciParms->eci_call_type;
+    int callType = record->eci_call_type;
     Collection wanted;
     wanted.gwTok = gwTok;
     wanted.EciParms = EciParms;
     wanted.isSpecific = callType == ECI_GET_SPECIFIC_REPLY ||
                         callType == ECI_GET_SPECIFIC_REPLY_WAIT;
     wanted.waits = callType == ECI_GET_REPLY_WAIT || callType == ECI_GET_SPECIFIC_REPLY_WAIT;
-    wanted.qualifier = EciParms->eci_message_qualifier;
-    wanted.commarea = EciParms->eci_commarea;
-    wanted.commareaLength = wanted.commarea != nullptr ? EciParms->eci_commarea_length : short{0};
+    wanted.qualifier = record->eci_message_qualifier;
+    wanted.commarea = record->eci_commarea;
+    wanted.commareaLength = wanted.commarea != nullptr ? record->eci_commarea_length : short{0};
     int rc = collectReply(wanted);
     TRACE(at::exit, rc, clapiGetRcString(rc));
     return rc;
@@ -755,12 +755,18 @@ static void traceCommarea(const QPX_ECI_PARMS* EciParms)
 /* The caller's record, read once: whatever happens to it afterwards, the call is of one piece. */
 class RecordAtStart {
 public:
-    explicit RecordAtStart(const QPX_ECI_PARMS* EciParms) : record(*EciParms) {}
-    ~RecordAtStart() { explicit_bzero(record.eci_password, sizeof record.eci_password); }
+    explicit RecordAtStart(const QPX_ECI_PARMS* EciParms) : record(*EciParms)
+    {
+        if (!startsWork(record.eci_call_type)) clearPassword();
+    }
+    ~RecordAtStart() { clearPassword(); }
     RecordAtStart(const RecordAtStart&) = delete;
     RecordAtStart& operator=(const RecordAtStart&) = delete;
 
     QPX_ECI_PARMS record;
+
+private:
+    void clearPassword() { explicit_bzero(record.eci_password, sizeof record.eci_password); }
 };
 
 /* Nothing of the token may be touched behind the unregistering. */
@@ -797,7 +803,8 @@ static int checkExecuteCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
 static int executeCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
 {
     RecordAtStart start(EciParms);
-    if (!startsWork(start.record.eci_call_type)) return getAsyncReply(gwTok, EciParms);
+    if (!startsWork(start.record.eci_call_type))
+        return getAsyncReply(gwTok, EciParms, &start.record);
     return performEciExecute(gwTok, EciParms, &start.record, false);
 }
 
@@ -896,7 +903,8 @@ static int performBesideChannel(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms,
 static int executeChannelCall(QPX_ConnToken_t gwTok, QPX_ECI_PARMS* EciParms)
 {
     RecordAtStart start(EciParms);
-    if (!startsWork(start.record.eci_call_type)) return getAsyncReply(gwTok, EciParms);
+    if (!startsWork(start.record.eci_call_type))
+        return getAsyncReply(gwTok, EciParms, &start.record);
     return (clapiCarriesData(start.record.eci_extend_mode)
                 ? performHoldingChannel
                 : performBesideChannel)(gwTok, EciParms, &start.record);

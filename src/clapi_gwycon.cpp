@@ -1053,8 +1053,7 @@ int clapiConnectToGateway(int port, char* hostname, _QPX_ConnToken_t* gwTokPtr, 
 
 /* ---- The close flow ---- */
 
-/* *sent tells whether the flow has gone, whatever the result. */
-static int sendCloseFlow(_QPX_ConnToken_t* conn, bool* sent)
+static int sendCloseFlow(_QPX_ConnToken_t* conn)
 {
     namespace at = tp::clapiCloseConnection;
 
@@ -1064,7 +1063,7 @@ static int sendCloseFlow(_QPX_ConnToken_t* conn, bool* sent)
         return QPX_ERR_SYSTEM_ERROR;
     }
     int rc = clapiFlowCloseRequest(conn->socketDescriptor);
-    *sent = rc == QPX_OK;
+    if (rc == QPX_OK) conn->closeFlowSent = 1;
     if (sending.release() != 0) {
         TRACE(at::notReleased);
         rc = firstFailure(rc, QPX_ERR_SYSTEM_ERROR);
@@ -1078,10 +1077,9 @@ static int sendCloseFlowSafely(_QPX_ConnToken_t* conn)
 {
     if (!clapiBeginSendingFlow(conn)) return clapiFlowCloseRequest(NO_SOCKET);
     SCHEDULE_POINT(beforeCloseWrite, conn);
-    bool sent = false;
-    int rc = sendCloseFlow(conn, &sent);
+    int rc = sendCloseFlow(conn);
     // A Gateway that knows of no close would not answer it, and the connection is to end anyway.
-    if (!sent) clapiEndStream(conn);
+    if (conn->closeFlowSent == 0) clapiEndStream(conn);
     clapiEndSending(conn);
     return rc;
 }

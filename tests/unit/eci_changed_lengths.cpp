@@ -2,12 +2,15 @@
 // as the check would have let nobody do.
 #include "clapi_eci.h"
 #include "support/eci_script.h"
+#include "support/faults.h"
 
 using namespace script;
 using support::asyncCall;
 using support::eciCall;
 using support::EciParms;
+using support::Fault;
 using support::getReply;
+using support::getSpecificReply;
 using support::syncCall;
 using support::TraceFile;
 
@@ -85,9 +88,31 @@ TEST_F(ChangedRecord, CollectsNothingIntoALengthWithoutData)
     EciParms parms = getReply(8);
     parms.record.eci_commarea = nullptr;
 
-    EXPECT_RC(ECI_ERR_INVALID_DATA_LENGTH, getAsyncReply(connection.token, &parms.record));
+    EXPECT_RC(ECI_ERR_INVALID_DATA_LENGTH,
+              getAsyncReply(connection.token, &parms.record, &parms.record));
 
     EXPECT_EQ(8, int{parms.record.eci_commarea_length});
+}
+
+// The first line of the collection is where the record changes.
+TEST_F(ChangedRecord, CollectsTheReplyThatWasAskedFor)
+{
+    sendAndAnswer();
+    EciParms parms = getSpecificReply(4711, 8);
+    TraceFile trace(3);
+    Fault changing = support::afterCall(
+        support::Call::Write, 0,
+        [&](const support::CallInfo&) {
+            if (!trace.wroteText("getAsyncReply(")) return;
+            parms.record.eci_call_type = ECI_GET_REPLY;
+            parms.record.eci_message_qualifier = 1;
+        },
+        support::Threads::Calling);
+
+    EXPECT_RC(ECI_ERR_INVALID_MSG_QUAL, QPX_ECI_Execute(connection.token, &parms.record));
+
+    EXPECT_EQ(ECI_GET_REPLY, int{parms.record.eci_call_type});
+    EXPECT_EQ(filled(8), parms.commarea());
 }
 
 TEST_F(ChangedRecord, CollectsNothingIntoANegativeLength)
@@ -96,7 +121,8 @@ TEST_F(ChangedRecord, CollectsNothingIntoANegativeLength)
     EciParms parms = getReply(8);
     parms.record.eci_commarea_length = -1;
 
-    EXPECT_RC(ECI_ERR_INVALID_DATA_LENGTH, getAsyncReply(connection.token, &parms.record));
+    EXPECT_RC(ECI_ERR_INVALID_DATA_LENGTH,
+              getAsyncReply(connection.token, &parms.record, &parms.record));
 
     EXPECT_EQ(filled(8), parms.commarea());
 }

@@ -340,6 +340,28 @@ TEST_F(FailedCloseFlow, EndsACollectorThatWaitsForAReply)
     freeToken();
 }
 
+TEST_F(FailedCloseFlow, LeavesTheAnswersToAFlowThatAnotherCloseHasSent)
+{
+    EciParms asked = syncCall("PROG", filled(8, 'q'));
+    auto call = connection.start(asked);
+    int messageId = connection.awaitRequest().messageId();
+    auto purging = connection.startPurge(0);
+    EXPECT_EQ(closeFlow(), connection.peer.read(33));
+    Fault failing = failCall(Call::Send, 1, ENOBUFS);
+    auto closing = start(Closing::CloseAll);
+    EXPECT_TRUE(failing.awaitHits());
+
+    connection.peer.send(eciReply(messageId, text("answered")));
+    EXPECT_RC(0, call.get());
+    EXPECT_EQ(text("answered"), asked.commarea());
+    connection.peer.send(closeFlow());
+
+    EXPECT_RC(0, purging.get());
+    EXPECT_RC(0, closing.get());
+    connection.forget();
+    EXPECT_EQ(fixture::emptyList(), fixture::dumpedTokens());
+}
+
 class FailedCloseFlowOfABrokenRequest : public FailedCloseFlow,
                                         public ::testing::WithParamInterface<int> {};
 

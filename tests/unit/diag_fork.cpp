@@ -25,6 +25,7 @@
 #include "support/faults.h"
 #include "support/forked.h"
 #include "support/trace_file.h"
+#include "unit/connect_fixture.h"
 
 using namespace support;
 
@@ -150,14 +151,8 @@ TEST(TraceFork, LeavesTheTraceFreeInTheChildWhileAnotherThreadIsInsideALine)
     auto line = callInThread([] { TRACE(tpExc(6, "another's\n")); });
     ASSERT_TRUE(gate.awaitArrival()); // it has both locks
 
-    auto lockOfTheTrace = reinterpret_cast<std::uintptr_t>(&traceLock.lock);
     Gate asking;
-    Fault requested = beforeCall(
-        Call::MutexLock, 0,
-        [&](const CallInfo& info) {
-            if (info.first == lockOfTheTrace) asking.pass();
-        },
-        Threads::Others);
+    Fault requested = fixture::stopAtLock(Call::MutexLock, traceLock.lock, asking, fixture::always);
     auto forked = callInThread([&] {
         pid_t child = fork();
         if (child == 0) {
@@ -287,14 +282,8 @@ TEST(TraceFork, GivesAChildThatWritesLinesThoughTheTraceWasSwitchedOnWhileItWait
         reading.open();
         zoneText = open(zone.c_str(), O_WRONLY | O_CLOEXEC); // waits until it is inside
     };
-    auto lockOfTheTrace = reinterpret_cast<std::uintptr_t>(&traceLock.lock);
     Gate asking;
-    Fault requested = beforeCall(
-        Call::MutexLock, 0,
-        [&](const CallInfo& info) {
-            if (info.first == lockOfTheTrace) asking.pass();
-        },
-        Threads::Others);
+    Fault requested = fixture::stopAtLock(Call::MutexLock, traceLock.lock, asking, fixture::always);
     auto forked = callInThread([&] {
         lastBeforeFork = &letItRead;
         pid_t child = fork();

@@ -155,7 +155,8 @@ QPX_API int QPX_openRemoteGatewayConnectionApplid(char* hostname, int port,
  * After QPX_ERR_LOSTGWCON, QPX_ERR_MALLOCFAIL or QPX_ERR_SYSTEM_ERROR the connection is at its end
  * too, but its memory stays, and only QPX_closeAllGatewayConnections frees it. If the system did
  * not take the close flow, or there was no memory for it, the library has ended the connection by
- * itself.
+ * itself. Where a lock of its own failed (QPX_ERR_SYSTEM_ERROR), the call may have waited until the
+ * Gateway ended it.
  *
  * Errors: QPX_ERR_NULLGWTOKPTR, QPX_ERR_NULLGWTOK, QPX_ERR_BADGWTOK, QPX_ERR_GWTOK_CLOSED,
  * QPX_ERR_LOSTGWCON (the connection broke while it was closed), QPX_ERR_MALLOCFAIL,

@@ -54,6 +54,13 @@ protected:
         EXPECT_EQ(-1, clapiRequestLock(&lock));
     }
 
+    // A line that finds no room.
+    static void loseALine()
+    {
+        Fault full = failEveryCall(Call::Write, ENOSPC);
+        useBadLock();
+    }
+
     // The system calls by which the calling thread writes during a call.
     static long writesDuring(const std::function<void()>& call)
     {
@@ -640,10 +647,7 @@ TEST_F(Output, TellsOfALossOnALineOfItsOwnBehindAMessageWithoutALineEnd)
 {
     traceTo(first_, 1);
     TRACE(tpExc(7, "no end"));
-    {
-        Fault full = failEveryCall(Call::Write, ENOSPC);
-        useBadLock();
-    }
+    loseALine();
     useBadLock();
     EXPECT_TRUE(contains(readFile(first_), "no end\n*** <int> bytes of trace lost ***\n"));
 }
@@ -656,10 +660,7 @@ TEST_F(Output, LeavesNoEmptyLineBehindAVeryLongLineForWhichThereWasNoMemory)
         Fault memory = failEveryCall(Call::Malloc, ENOMEM);
         TRACE(tpExc(7, "name=%s\n"), name.c_str());
     }
-    {
-        Fault full = failEveryCall(Call::Write, ENOSPC);
-        useBadLock();
-    }
+    loseALine();
     useBadLock();
     EXPECT_TRUE(contains(readFile(first_), "n\n*** <int> bytes of trace lost ***\n"));
 }
